@@ -1,0 +1,27 @@
+# Flags of our own code, in one place. Every target of this project links kv_options.
+add_library(kv_options INTERFACE)
+target_include_directories(kv_options INTERFACE "${PROJECT_SOURCE_DIR}")
+target_compile_options(kv_options INTERFACE -Wall -Wextra -Wshadow -Wconversion -Werror)
+
+if(KV_SANITIZE)
+    target_compile_options(kv_options INTERFACE "-fsanitize=${KV_SANITIZE}" -fno-omit-frame-pointer
+                                                -fno-sanitize-recover=all)
+    target_link_options(kv_options INTERFACE "-fsanitize=${KV_SANITIZE}")
+endif()
+
+if(KV_HARDEN)
+    set(CMAKE_INTERPROCEDURAL_OPTIMIZATION ON)
+    set(CMAKE_CXX_FLAGS_MINSIZEREL "-Os -DNDEBUG")
+    target_compile_options(kv_options INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2
+                                                -fstack-protector-strong -ffunction-sections
+                                                -fdata-sections)
+    target_link_options(kv_options INTERFACE -pie -Wl,-z,relro,-z,now -Wl,--gc-sections
+                                             -Wl,--as-needed)
+endif()
+
+# kv_module(NAME [SOURCES...] [LINK targets...]): one daemon module library.
+function(kv_module name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+    add_library(${name} STATIC ${ARG_SOURCES})
+    target_link_libraries(${name} PUBLIC ${ARG_LINK} kv_options Threads::Threads)
+endfunction()

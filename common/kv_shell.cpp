@@ -1,0 +1,73 @@
+#include "common/kv_shell.h"
+
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+
+extern char** environ;
+
+namespace {
+
+constexpr int kShellNotFound = 127 << 8;
+
+// posix_spawn keeps the cost of a vfork and takes its traps away: no handler of ours can run in the
+// child, and a failed exec cannot return into our code.
+int SpawnShell(const char* command, pid_t* pid) {
+    posix_spawnattr_t attributes;
+    sigset_t none;
+    sigset_t all;
+    (void)sigemptyset(&none);
+    (void)sigfillset(&all);
+    (void)posix_spawnattr_init(&attributes);
+    (void)posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    (void)posix_spawnattr_setsigdefault(&attributes, &all);
+    (void)posix_spawnattr_setsigmask(&attributes, &none);
+    const char* const arguments[] = {"sh", "-c", command, nullptr};
+    const int error = posix_spawn(pid, "/bin/sh", nullptr, &attributes,
+                                  const_cast<char* const*>(arguments), environ);
+    (void)posix_spawnattr_destroy(&attributes);
+    return error;
+}
+
+}  // namespace
+
+int KV_ShellRun(const char* command, int* status) {
+    pid_t pid = -1;
+    const int error = SpawnShell(command, &pid);
+    if (error == EAGAIN || error == ENOMEM) {
+        errno = error;
+        return 1;
+    }
+    int waited = kShellNotFound;
+    if (error == 0) {
+        pid_t result = -1;
+        do {
+            result = waitpid(pid, &waited, 0);
+        } while (result < 0 && errno == EINTR);
+        if (result < 0) {
+            return -1;
+        }
+    }
+    if (status != nullptr) {
+        *status = waited;
+    }
+    return 0;
+}
+
+void KV_ShellEcho(const char* command) {
+    (void)printf("# %s\r\n", command);
+    (void)KV_ShellRun(command, nullptr);
+}
+
+void KV_ShellEchoFormat(const char* format, ...) {
+    char command[256];
+    va_list values;
+    va_start(values, format);
+    (void)vsnprintf(command, sizeof(command), format, values);
+    va_end(values);
+    KV_ShellEcho(command);
+}
