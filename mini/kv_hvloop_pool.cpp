@@ -1,0 +1,207 @@
+#define KV_TRACE_NAME "kv_hvloop_pool"
+#include "mini/kv_hvloop_pool.h"
+
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/prctl.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+#include "common/kv_mini_trace.h"
+
+namespace {
+
+constexpr size_t kThreadStackSize = 0x20000;
+
+struct LoopSlot {
+    hloop_t* loop;
+    // The thread is kept here because libhv's hloop_tid names a kernel thread, which cannot be
+    // joined.
+    pthread_t thread;
+    // Connections on their way to this loop that hloop_nios does not count yet.
+    std::atomic<uint32_t> pending;
+};
+
+struct LoopPool {
+    std::atomic<int> inited;
+    LoopSlot slots[4];
+};
+
+LoopPool g_pool;
+
+void* __KV_HV_LoopProc(void* loop) {
+    (void)prctl(PR_SET_NAME, "__KV_HV_LoopProc");
+    (void)hloop_run(static_cast<hloop_t*>(loop));
+    return nullptr;
+}
+
+int FillSlot(LoopSlot* slot, const pthread_attr_t* attributes) {
+    if (slot->loop != nullptr) {
+        return 0;
+    }
+    // Without HLOOP_FLAG_AUTO_FREE: a loop that frees itself when it ends is gone before it can be
+    // joined and freed in the order that removal needs.
+    slot->loop = hloop_new(0);
+    if (slot->loop == nullptr) {
+        KV_FAILED_IN("KV_HV_LoopPoolInit", "loop new failed!");
+        return -1;
+    }
+    const int error = pthread_create(&slot->thread, attributes, __KV_HV_LoopProc, slot->loop);
+    if (error != 0) {
+        KV_AssertFail(KV_TRACE_NAME, __LINE__, "KV_HV_LoopPoolInit", "pthread create failed:%s",
+                      strerror(error));
+    }
+    return 0;
+}
+
+void StopOwnLoop(hevent_t* event) {
+    (void)hloop_stop(hevent_loop(event));
+}
+
+void EmptySlot(LoopSlot* slot) {
+    // A posted stop takes effect at once and also reaches a loop whose thread has not entered
+    // hloop_run yet; and it comes behind every hand-over that was posted before.
+    hevent_t stop{};
+    stop.cb = StopOwnLoop;
+    hloop_post_event(slot->loop, &stop);
+    (void)pthread_join(slot->thread, nullptr);
+    hloop_free(&slot->loop);
+}
+
+uint32_t Load(const LoopSlot* slot) {
+    return hloop_nios(slot->loop) + slot->pending.load();
+}
+
+LoopSlot* LeastLoadedWorker() {
+    LoopSlot* chosen = &g_pool.slots[1];
+    uint32_t least = Load(chosen);
+    for (LoopSlot* slot : {&g_pool.slots[2], &g_pool.slots[3]}) {
+        const uint32_t load = Load(slot);
+        if (load < least) {
+            chosen = slot;
+            least = load;
+        }
+    }
+    return chosen;
+}
+
+void PostSemaphore(hevent_t* event) {
+    (void)sem_post(static_cast<sem_t*>(hevent_userdata(event)));
+}
+
+#ifdef KV_HV_SYSTEM
+struct Passage {
+    hio_t* io;
+    LoopSlot* slot;
+    void (*serve)(hio_t* io);
+};
+
+void Arrive(hevent_t* event) {
+    Passage* passage = static_cast<Passage*>(hevent_userdata(event));
+    hio_attach(hevent_loop(event), passage->io);
+    passage->serve(passage->io);
+    // Last, so that the acceptor never finds the connection in neither count.
+    passage->slot->pending.fetch_sub(1);
+    delete passage;
+}
+#endif
+
+}  // namespace
+
+int KV_HV_LoopPoolInit(void) {
+    pthread_attr_t attributes;
+    (void)pthread_attr_init(&attributes);
+    (void)pthread_attr_setstacksize(&attributes, kThreadStackSize);
+    int result = 0;
+    for (LoopSlot& slot : g_pool.slots) {
+        result = FillSlot(&slot, &attributes);
+        if (result != 0) {
+            break;
+        }
+    }
+    (void)pthread_attr_destroy(&attributes);
+    if (result == 0) {
+        KV_DEBUG("LoopPoolInit Init Success!");
+        g_pool.inited = 1;
+    }
+    return result;
+}
+
+int KV_HV_LoopPoolStart(void) {
+    return g_pool.inited == 1 ? -1 : KV_HV_LoopPoolInit();
+}
+
+int KV_HV_LoopPoolDeInit(void) {
+    if (g_pool.inited != 1) {
+        KV_FAILED("Event not Inited!");
+        return -1;
+    }
+    g_pool.inited = 0;
+    // The acceptor ends first, so that no connection is handed to a worker that is gone.
+    for (LoopSlot& slot : g_pool.slots) {
+        EmptySlot(&slot);
+    }
+    KV_DEBUG("LoopPoolInit DeInit Success!");
+    return 0;
+}
+
+hloop_t* KV_HV_GetAcceptLoop(void) {
+    if (g_pool.inited != 1 && KV_HV_LoopPoolInit() != 0) {
+        return nullptr;
+    }
+    return g_pool.slots[0].loop;
+}
+
+hloop_t* KV_HV_GetWorkLoop(void) {
+    if (g_pool.inited != 1 && KV_HV_LoopPoolInit() != 0) {
+        return nullptr;
+    }
+    return LeastLoadedWorker()->loop;
+}
+
+// Does not go through KV_HV_GetWorkLoop: an accept that runs while the pool is being removed must
+// not create another one. The workers outlive the acceptor's thread, so the choice is valid.
+void KV_HV_HandOver(hio_t* io, void (*serve)(hio_t* io)) {
+#ifdef KV_HV_SYSTEM
+    // libhv's hio_attach is for the worker's own thread.
+    Passage* passage = new (std::nothrow) Passage{io, nullptr, serve};
+    if (passage == nullptr) {
+        (void)hio_close(io);
+        return;
+    }
+    hio_detach(io);
+    passage->slot = LeastLoadedWorker();
+    passage->slot->pending.fetch_add(1);
+    hevent_t arrival{};
+    arrival.cb = Arrive;
+    arrival.userdata = passage;
+    hloop_post_event(passage->slot->loop, &arrival);
+#else
+    hio_detach(io);
+    hio_attach(LeastLoadedWorker()->loop, io);
+    serve(io);
+#endif
+}
+
+void KV_HV_LoopPoolSettle(void) {
+    if (g_pool.inited != 1) {
+        return;
+    }
+    sem_t passed;
+    (void)sem_init(&passed, 0, 0);
+    hevent_t mark{};
+    mark.cb = PostSemaphore;
+    mark.userdata = &passed;
+    for (const LoopSlot& slot : g_pool.slots) {
+        hloop_post_event(slot.loop, &mark);
+    }
+    for (size_t i = 0; i < sizeof(g_pool.slots) / sizeof(g_pool.slots[0]); ++i) {
+        while (sem_wait(&passed) != 0 && errno == EINTR) {
+        }
+    }
+    (void)sem_destroy(&passed);
+}
