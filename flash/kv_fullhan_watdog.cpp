@@ -18,11 +18,11 @@
 #include "common/kv_mini_trace.h"
 #include "common/kv_platform.h"
 #include "common/kv_raii.h"
+#include "common/kv_thread.h"
 
 namespace {
 
 constexpr int kFeedPeriodMs = 1000;
-constexpr size_t kFeederStack = 65536;
 
 struct KeeperState {
     std::atomic<uint8_t> inited;
@@ -67,18 +67,6 @@ int SetRunning(int running) {
     return g_running.exchange(running);
 }
 
-// The caller's name and position are the log's: the assertion belongs to KV_FH_WDT_Start.
-void StartFeeder(const char* function) {
-    pthread_attr_t attributes;
-    (void)pthread_attr_init(&attributes);
-    (void)pthread_attr_setstacksize(&attributes, kFeederStack);
-    const int error = pthread_create(&g_keeper.thread, &attributes, __KV_FH_WDT_Proc, &g_keeper);
-    if (error != 0) {
-        KV_AssertFail(KV_TRACE_NAME, 140, function, "pthread create failed:%s", strerror(error));
-    }
-    (void)pthread_attr_destroy(&attributes);
-}
-
 }  // namespace
 
 int KV_FH_WDT_Start(void) {
@@ -104,7 +92,10 @@ int KV_FH_WDT_Start(void) {
     g_keeper.fd.store(fd);
     g_keeper.wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     (void)SetRunning(1);
-    StartFeeder(__func__);
+    const int error = KV_ThreadStart(&g_keeper.thread, kSmallStack, __KV_FH_WDT_Proc, &g_keeper);
+    if (error != 0) {
+        KV_ASSERT_FAIL_AT(140, "pthread create failed:%s", strerror(error));
+    }
     g_keeper.inited.store(1);
     KV_DEBUG_AT(154, "Watchdog Init successful");
     return 0;
