@@ -9,9 +9,15 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <new>
 
 #include "common/kv_mini_trace.h"
+#include "common/kv_platform.h"
+#include "common/kv_raii.h"
+#include "common/kv_thread.h"
+#include "mini/kv_mini_discovery.h"
+#include "mini/kv_mini_protocol.h"
 
 namespace {
 
@@ -32,30 +38,14 @@ struct LoopPool {
 };
 
 LoopPool g_pool;
+std::atomic<int> g_serviceStarted;
+// A stop from the exit handler may come while another thread starts the services.
+pthread_mutex_t g_serviceLock = PTHREAD_MUTEX_INITIALIZER;
 
 void* __KV_HV_LoopProc(void* loop) {
     (void)prctl(PR_SET_NAME, "__KV_HV_LoopProc");
     (void)hloop_run(static_cast<hloop_t*>(loop));
     return nullptr;
-}
-
-int FillSlot(LoopSlot* slot, const pthread_attr_t* attributes) {
-    if (slot->loop != nullptr) {
-        return 0;
-    }
-    // Without HLOOP_FLAG_AUTO_FREE: a loop that frees itself when it ends is gone before it can be
-    // joined and freed in the order that removal needs.
-    slot->loop = hloop_new(0);
-    if (slot->loop == nullptr) {
-        KV_FAILED_IN("KV_HV_LoopPoolInit", "loop new failed!");
-        return -1;
-    }
-    const int error = pthread_create(&slot->thread, attributes, __KV_HV_LoopProc, slot->loop);
-    if (error != 0) {
-        KV_AssertFail(KV_TRACE_NAME, __LINE__, "KV_HV_LoopPoolInit", "pthread create failed:%s",
-                      strerror(error));
-    }
-    return 0;
 }
 
 void StopOwnLoop(hevent_t* event) {
@@ -113,22 +103,27 @@ void Arrive(hevent_t* event) {
 }  // namespace
 
 int KV_HV_LoopPoolInit(void) {
-    pthread_attr_t attributes;
-    (void)pthread_attr_init(&attributes);
-    (void)pthread_attr_setstacksize(&attributes, kThreadStackSize);
-    int result = 0;
     for (LoopSlot& slot : g_pool.slots) {
-        result = FillSlot(&slot, &attributes);
-        if (result != 0) {
-            break;
+        if (slot.loop != nullptr) {
+            // Running since an earlier call that failed at a later slot.
+            continue;
+        }
+        // Without HLOOP_FLAG_AUTO_FREE: a loop that frees itself when it ends is gone before it can
+        // be joined and freed in the order that removal needs.
+        slot.loop = hloop_new(0);
+        if (slot.loop == nullptr) {
+            KV_FAILED("loop new failed!");
+            return -1;
+        }
+        const int error =
+            KV_ThreadStart(&slot.thread, kThreadStackSize, __KV_HV_LoopProc, slot.loop);
+        if (error != 0) {
+            KV_ASSERT_FAIL("pthread create failed:%s", strerror(error));
         }
     }
-    (void)pthread_attr_destroy(&attributes);
-    if (result == 0) {
-        KV_DEBUG("LoopPoolInit Init Success!");
-        g_pool.inited = 1;
-    }
-    return result;
+    KV_DEBUG("LoopPoolInit Init Success!");
+    g_pool.inited = 1;
+    return 0;
 }
 
 int KV_HV_LoopPoolStart(void) {
@@ -204,4 +199,26 @@ void KV_HV_LoopPoolSettle(void) {
         }
     }
     (void)sem_destroy(&passed);
+}
+
+int KV_MINI_ServiceStart(void) {
+    const MutexGuard guard(&g_serviceLock);
+    g_serviceStarted = 1;
+    (void)KV_HV_LoopPoolStart();
+    (void)KV_MINI_DiscoverInit();
+    (void)KV_MINI_ProtocolInit(kv::kProtocolPort);
+    return 0;
+}
+
+int KV_MINI_ServiceStop(void) {
+    const MutexGuard guard(&g_serviceLock);
+    g_serviceStarted = 0;
+    (void)KV_MINI_DiscoverDeInit();
+    (void)KV_MINI_ProtocolDeInit();
+    (void)KV_HV_LoopPoolDeInit();
+    return 0;
+}
+
+int KV_MINI_ServiceIsStarted(void) {
+    return g_serviceStarted;
 }
