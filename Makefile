@@ -1,0 +1,38 @@
+# Thin: each target is one line of help and little more. `make help` lists them.
+JOBS ?= $(shell nproc)
+
+.DEFAULT_GOAL := help
+.PHONY: help setup build tests-build demo test unit lint format sanitize clean
+
+help: ## List the targets
+	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 12
+
+setup: ## Install the missing Debian packages (scripts/packages.txt)
+	@scripts/setup.sh
+
+build: setup ## Build the device program and the PC tools into build/bin
+	@scripts/build.sh release
+
+tests-build: build
+	@scripts/build.sh dev
+
+demo: build ## Watch a dead camera come back: recovery, upgrade, reboot (under a minute)
+	@scripts/demo.sh
+
+test: tests-build ## Run all unit and system tests
+	@ctest --test-dir build/dev --output-on-failure -j $(JOBS)
+
+unit: tests-build ## Run the unit tests only
+	@ctest --test-dir build/dev --output-on-failure -j $(JOBS) -L unit
+
+lint: tests-build ## Check format (clang-format), code (clang-tidy) and scripts (shellcheck)
+	@scripts/lint.sh
+
+format: setup ## Format all C++ files in place
+	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+sanitize: setup ## Run the unit tests under ASan + UBSan and under TSan
+	@scripts/sanitize.sh
+
+clean: ## Remove the build folder
+	@rm -rf build

@@ -1,0 +1,110 @@
+// Entry: signals, watchdog, choice of the mode, supervisor loop.
+#define KV_TRACE_NAME "upgrade_main"
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+#include "common/kv_mini_trace.h"
+#include "common/kv_platform.h"
+#include "common/kv_shell.h"
+#include "flash/kv_fullhan_flash.h"
+#include "flash/kv_fullhan_watdog.h"
+#include "hv/hloop.h"
+#include "main/kv_monitor.h"
+#include "main/kv_signals.h"
+#include "mini/kv_hvloop_pool.h"
+#include "wifi/kv_wifi_conf.h"
+#include "wifi/kv_wifi_sta.h"
+#ifdef KV_HV_SYSTEM
+#include "hv/hlog.h"
+#endif
+
+namespace {
+
+constexpr uint32_t kCheckPeriodMs = 3000;
+
+std::atomic<uint8_t> g_exiting = {0};
+
+void upgreade_fun_sig(int signal) {
+    (void)signal;
+    if (g_exiting.exchange(1) != 0) {
+        KV_FAILED_AT(297, "wait exit!");
+        return;
+    }
+    KV_DEBUG_AT(300, "Start Exit!");
+    // Disarmed first, so that a slow shutdown is not cut short by a reset.
+    (void)KV_FH_WDT_Stop();
+    (void)KV_WIFI_StaStop();
+    (void)KV_MINI_ServiceStop();
+    exit(0);
+}
+
+void StopWatchdog(int signal) {
+    (void)signal;
+    (void)KV_FH_WDT_Stop();
+}
+
+constexpr SignalRoute kSignals[] = {
+    {SIGINT, SignalMode::kConcurrent, upgreade_fun_sig},
+    {SIGTERM, SignalMode::kConcurrent, upgreade_fun_sig},
+    {SIGUSR1, SignalMode::kSerial, StopWatchdog},
+    {SIGUSR2, SignalMode::kSerial, KV_UPGRADE_Proc},
+};
+
+void StartRecovery() {
+    (void)__KV_WIFI_StaSupplicant();
+    (void)KV_MINI_ServiceStart();
+}
+
+// Starts the recovery services where they are due. `function` is the name under which the choice is
+// logged.
+void ChooseMode(const char* function) {
+    if (access(kv::kAppPath, F_OK) != 0) {
+        StartRecovery();
+        KV_Trace(KV_LEVEL_INFO, KV_TRACE_NAME, 327, function, "app file not exist!");
+    } else if (access(kv::kDebugMarker, F_OK) == 0) {
+        // The marker is consumed: it asks for recovery on one boot only.
+        KV_ShellEchoFormat("rm %s", kv::kDebugMarker);
+        StartRecovery();
+    } else {
+        KV_Trace(KV_LEVEL_INFO, KV_TRACE_NAME, 338, function, "app file exist!");
+    }
+}
+
+void PrepareLoop(hloop_t* loop) {
+    hio_t* const heartbeat = hloop_create_udp_server(loop, kv::kHeartbeatHost, kv::kHeartbeatPort);
+    if (heartbeat != nullptr) {
+        hio_setcb_read(heartbeat, __KV_cameraMainHeartbeatRead);
+        (void)hio_read(heartbeat);
+    }
+    (void)htimer_add(loop, __KV_cameraMainCheckTimer, kCheckPeriodMs, INFINITE);
+}
+
+}  // namespace
+
+int main() {
+    // An echoed command must stand in front of what the command prints, also on a pipe.
+    (void)setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+#ifdef KV_HV_SYSTEM
+    hlog_disable();
+#endif
+    (void)KV_SIGNAL_Install(kSignals, sizeof(kSignals) / sizeof(kSignals[0]));
+    (void)KV_FH_WDT_Start();
+    ChooseMode(__func__);
+    KV_MONITOR_Begin(KV_MONITOR_Now());
+
+    hloop_t* const loop = hloop_new(HLOOP_FLAG_AUTO_FREE);
+    if (loop != nullptr) {
+        PrepareLoop(loop);
+        (void)hloop_run(loop);
+    }
+    // Nothing stops the loop, and once it has returned it no longer exists; the other threads go
+    // on.
+    for (;;) {
+        (void)sleep(10000);
+    }
+}

@@ -1,0 +1,12 @@
+#!/bin/sh
+# Format, static analysis and shell scripts; the first that finds something fails the run.
+set -eu
+
+cd "$(dirname "$0")/.."
+echo "lint: clang-format"
+git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
+echo "lint: shellcheck"
+git grep -lE '^#!/(usr/)?bin/(env )?(ba)?sh' -- . | xargs shellcheck
+echo "lint: clang-tidy"
+git ls-files '*.cpp' | xargs -P "$(nproc)" -n 2 clang-tidy -quiet -p build/dev 2>/dev/null
+echo "lint: clean"

@@ -1,0 +1,10 @@
+#!/bin/sh
+# The unit tests under AddressSanitizer and UndefinedBehaviorSanitizer, then under ThreadSanitizer.
+set -eu
+
+cd "$(dirname "$0")/.."
+for preset in asan tsan; do
+    scripts/build.sh "$preset"
+    TSAN_OPTIONS="suppressions=$PWD/tests/support/tsan.supp" \
+        ctest --test-dir "build/$preset" --output-on-failure -j "$(nproc)" -L unit
+done

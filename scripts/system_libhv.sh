@@ -1,0 +1,22 @@
+#!/bin/sh
+# The same daemon and tests on an installed libhv. KV_LIBHV_PREFIX names where one is installed; without it the usual
+# places count.
+set -eu
+
+cd "$(dirname "$0")/.."
+prefix=${KV_LIBHV_PREFIX:-}
+for place in "$prefix" /usr/local /usr; do
+    if [ -n "$place" ] && [ -f "$place/include/hv/hloop.h" ]; then
+        found=$place
+        break
+    fi
+done
+if [ -z "${found:-}" ]; then
+    echo "SKIPPED: no installed libhv (1.3.4 or newer), so the daemon was tested on the bundled event loop only"
+    exit 0
+fi
+echo "libhv found in $found: building and testing the daemon on it"
+cmake --preset dev -B build/system-hv -DKV_HV=system -DCMAKE_PREFIX_PATH="$found" \
+    -DKV_BIN_DIR="$PWD/build/system-hv/bin"
+cmake --build build/system-hv
+ctest --test-dir build/system-hv --output-on-failure -j "$(nproc)"

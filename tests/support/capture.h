@@ -1,0 +1,54 @@
+// Takes what the code under test writes to a standard descriptor.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+
+namespace kv_test {
+
+// Redirects descriptor `fd` (1 or 2) into a temporary file until it goes out of scope. A failed
+// expectation inside the scope is captured too: keep the text and compare behind it.
+class Capture {
+  public:
+    explicit Capture(int fd) : fd_(fd), file_(tmpfile()), saved_(dup(fd)) {
+        if (file_ == nullptr || saved_ < 0) {
+            throw std::runtime_error("no temporary file to capture into");
+        }
+        (void)fflush(nullptr);
+        (void)dup2(fileno(file_), fd_);
+    }
+    ~Capture() {
+        (void)fflush(nullptr);
+        (void)dup2(saved_, fd_);
+        (void)close(saved_);
+        (void)fclose(file_);
+    }
+    Capture(const Capture&) = delete;
+    Capture& operator=(const Capture&) = delete;
+
+    // Everything written so far.
+    std::string Text() const {
+        (void)fflush(nullptr);
+        std::string text;
+        char block[4096];
+        off_t offset = 0;
+        for (;;) {
+            const ssize_t got = pread(fileno(file_), block, sizeof(block), offset);
+            if (got <= 0) {
+                return text;
+            }
+            text.append(block, static_cast<size_t>(got));
+            offset += got;
+        }
+    }
+
+  private:
+    int fd_;
+    FILE* file_;
+    int saved_;
+};
+
+}  // namespace kv_test

@@ -1,0 +1,170 @@
+#define KV_TRACE_NAME "some/where/module"
+#include "common/kv_mini_trace.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/capture.h"
+
+using kv_test::Capture;
+
+namespace {
+
+std::string Slurp(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream all;
+    all << in.rdbuf();
+    return all.str();
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+void MakeDumpFolder() {
+    (void)mkdir("etc", 0755);
+    (void)mkdir("etc/configs", 0755);
+}
+
+int SequenceOf(const std::string& line) {
+    return std::stoi(line.substr(line.find(" [") + 2, 2));
+}
+
+}  // namespace
+
+TEST(MiniTrace, HeaderIsExactForEveryLevel) {
+    struct Row {
+        void (*trace)();
+        const char* head;
+        const char* tail;
+    };
+    const Row rows[] = {
+        {[] { KV_Trace(KV_LEVEL_ASSERT, KV_TRACE_NAME, 7, "fn", "m"); }, "\033[0;32;34m",
+         "ASSERT /module:fn:7 \033[mm"},
+        {[] { KV_Trace(KV_LEVEL_ERROR, "plain", 39, "fn", "%d%%", 5); }, "\033[0;32;31m",
+         " ERROR plain:fn:39 \033[m5%"},
+        {[] { KV_Trace(KV_LEVEL_FAILED, "a/b/c", 1, "fn", "m"); }, "\033[1;31m",
+         "FAILED /c:fn:1 \033[mm"},
+        {[] { KV_Trace(KV_LEVEL_INFO, "x", 4294967295U, "fn", "m"); }, "\033[1;33m",
+         "  INFO x:fn:4294967295 \033[mm"},
+        {[] { KV_Trace(KV_LEVEL_DEBUG, "x", 2, "fn", "m"); }, "\033[0;32;32m",
+         " DEBUG x:fn:2 \033[mm"},
+    };
+    for (const Row& row : rows) {
+        const Capture err(2);
+        row.trace();
+        const std::string text = err.Text();
+        ASSERT_EQ(text.find(row.head), 0U) << text;
+        const std::regex middle(
+            "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d \\[\\d\\d\\] (\\d{4,}) ([^\\n]*)\\n");
+        std::smatch match;
+        const std::string rest = text.substr(std::string(row.head).size());
+        ASSERT_TRUE(std::regex_match(rest, match, middle)) << text;
+        EXPECT_EQ(std::stol(match[1]), static_cast<long>(getpid()));
+        EXPECT_EQ(match[2], row.tail);
+    }
+}
+
+TEST(MiniTrace, MacrosNameFunctionAndGivenLine) {
+    const Capture err(2);
+    KV_DEBUG_AT(204, "a");
+    KV_ERROR_IN("elsewhere", "b");
+    const std::string text = err.Text();
+    EXPECT_NE(text.find("/module:TestBody:204 \033[ma\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("/module:elsewhere:"), std::string::npos) << text;
+}
+
+TEST(MiniTrace, MessageEndingInLineFeedKeepsIt) {
+    const Capture err(2);
+    KV_INFO("text\n");
+    EXPECT_EQ(err.Text().substr(err.Text().find("text")), "text\n\n");
+}
+
+TEST(MiniTrace, LongLineIsCutAt510Characters) {
+    // Text length with the header, and what stands behind at most 510 characters of it. The end of
+    // the slot is forced whatever the text, so a line of 509 characters ends twice.
+    const struct {
+        size_t length;
+        const char* end;
+    } rows[] = {{508, "\n"}, {509, "\n\n"}, {510, "\n"}, {511, "\n"}, {512, "\n"}, {1200, "\n"}};
+    for (const auto& row : rows) {
+        const Capture empty(2);
+        KV_Trace(KV_LEVEL_INFO, "x", 1, "fn", "%s", "");
+        const size_t header = empty.Text().size() - 1;
+        const Capture err(2);
+        KV_Trace(KV_LEVEL_INFO, "x", 1, "fn", "%s", std::string(row.length - header, 'y').c_str());
+        const std::string text = err.Text();
+        const size_t kept = std::min<size_t>(row.length, 510);
+        EXPECT_EQ(text.substr(header), std::string(kept - header, 'y') + row.end) << row.length;
+    }
+}
+
+TEST(MiniTrace, SequenceRunsTo99AndWrapsWithoutGapAcrossThreads) {
+    const Capture err(2);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([] {
+            for (int i = 0; i < 60; ++i) {
+                KV_INFO("from a thread");
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    const auto lines = Lines(err.Text());
+    ASSERT_EQ(lines.size(), 240U);
+    bool wrapped = false;
+    for (size_t i = 1; i < lines.size(); ++i) {
+        const int before = SequenceOf(lines[i - 1]);
+        const int after = SequenceOf(lines[i]);
+        EXPECT_EQ(after, before == 99 ? 0 : before + 1);
+        wrapped = wrapped || after == 0;
+    }
+    EXPECT_TRUE(wrapped);
+}
+
+TEST(MiniTrace, KeepsErrno) {
+    const Capture err(2);
+    errno = EXDEV;
+    KV_ERROR("a failure");
+    EXPECT_EQ(errno, EXDEV);
+}
+
+TEST(MiniTrace, DumpHoldsTheLastThreeLinesOldestFirst) {
+    MakeDumpFolder();
+    std::string last;
+    {
+        const Capture err(2);
+        for (const char* text : {"A", "B", "C", "D"}) {
+            KV_INFO("%s", text);
+        }
+        const auto lines = Lines(err.Text());
+        last = lines[1] + "\n" + lines[2] + "\n" + lines[3] + "\n";
+    }
+    KV_TraceDump(KV_TRACE_NAME, 1, "fn", "not used");
+    EXPECT_EQ(Slurp("etc/configs/assert.txt"), last);
+    EXPECT_EQ(Slurp("etc/configs/assert.ftp"), last);
+}
+
+TEST(MiniTraceDeathTest, AssertionTracesDumpsAndAborts) {
+    MakeDumpFolder();
+    EXPECT_DEATH(KV_ASSERT_FAIL_AT(253, "pthread create failed:%s", "why"),
+                 "ASSERT /module:TestBody:253 .*pthread create failed:why\n"
+                 "(.*: )?some/where/module:253: TestBody: Assertion `0' failed");
+    EXPECT_NE(Slurp("etc/configs/assert.txt").find("pthread create failed:why\n"),
+              std::string::npos);
+}

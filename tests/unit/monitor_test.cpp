@@ -1,0 +1,198 @@
+#include "main/kv_monitor.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <random>
+#include <vector>
+
+namespace {
+
+MonitoredProcess FreshRecord(uint32_t start) {
+    return {"cameraMain", start, 5, 120, 1, 1, 0, start};
+}
+
+// One boot of a board: a record, the marker that survives it, and the ticks of the check timer.
+class Boot {
+  public:
+    Boot(uint32_t start, bool* marker) : process_(FreshRecord(start)), marker_(marker) {}
+
+    MonitorDecision Tick(uint32_t now) {
+        if (now - process_.last_seen <= process_.heartbeat_timeout) {
+            return {};
+        }
+        return Decide({now, false, false, quiet, *marker_});
+    }
+    MonitorDecision Beat(uint32_t now, bool ready = true) {
+        return Decide({now, true, ready, quiet, *marker_});
+    }
+    const MonitoredProcess& Record() const { return process_; }
+    void Hold() { process_.restart_hold = 1; }
+
+    bool quiet = false;
+
+  private:
+    MonitorDecision Decide(const MonitorInput& input) {
+        const MonitorDecision decision = KV_MONITOR_Decide(&process_, input);
+        if (decision.removeMarker || decision.step == MonitorStep::kRecover) {
+            *marker_ = false;
+        }
+        if (decision.step == MonitorStep::kReboot) {
+            *marker_ = true;
+        }
+        if (decision.step == MonitorStep::kRecover) {
+            quiet = true;
+        }
+        return decision;
+    }
+
+    MonitoredProcess process_;
+    bool* marker_;
+};
+
+struct Step {
+    uint32_t at;
+    MonitorStep step;
+};
+
+std::vector<Step> StepsOfSilence(Boot* boot, uint32_t start, uint32_t seconds) {
+    std::vector<Step> steps;
+    for (uint32_t t = 3; t <= seconds; t += 3) {
+        const MonitorDecision decision = boot->Tick(start + t);
+        if (decision.step != MonitorStep::kNone) {
+            steps.push_back({t, decision.step});
+        }
+        if (decision.step == MonitorStep::kReboot) {
+            break;
+        }
+    }
+    return steps;
+}
+
+}  // namespace
+
+// The start time runs over the 32-bit wrap too: all differences are unsigned.
+class Ladder : public testing::TestWithParam<uint32_t> {};
+
+TEST_P(Ladder, PermanentSilenceRestartsRebootsThenRecovers) {
+    const uint32_t start = GetParam();
+    bool marker = false;
+    Boot first(start, &marker);
+    auto steps = StepsOfSilence(&first, start, 600);
+    ASSERT_EQ(steps.size(), 2U);
+    EXPECT_EQ(steps[0].at, 123U);
+    EXPECT_EQ(steps[0].step, MonitorStep::kRestart);
+    EXPECT_EQ(steps[1].at, 186U);
+    EXPECT_EQ(steps[1].step, MonitorStep::kReboot);
+    EXPECT_TRUE(marker);
+
+    Boot second(start, &marker);
+    steps = StepsOfSilence(&second, start, 600);
+    ASSERT_EQ(steps.size(), 2U);
+    EXPECT_EQ(steps[0].step, MonitorStep::kRestart);
+    EXPECT_EQ(steps[1].step, MonitorStep::kRecover);
+    EXPECT_EQ(steps[1].at, 186U);
+    EXPECT_FALSE(marker);
+}
+
+INSTANTIATE_TEST_SUITE_P(Starts, Ladder, testing::Values(0U, 1000U, 0xFFFFFFFFU - 150U));
+
+TEST(Monitor, FiveSecondsAreNotSilenceAndSixAre) {
+    bool marker = false;
+    Boot boot(100, &marker);
+    EXPECT_FALSE(boot.Tick(105).logOffline);
+    const MonitorDecision first = boot.Tick(106);
+    EXPECT_TRUE(first.logOffline && first.startButton);
+    EXPECT_EQ(first.offTime, 6U);
+    const MonitorDecision second = boot.Tick(109);
+    EXPECT_TRUE(second.logOffline);
+    EXPECT_FALSE(second.startButton);
+    // 120 s exactly is not beyond the time-out.
+    EXPECT_EQ(boot.Tick(220).step, MonitorStep::kNone);
+    EXPECT_EQ(boot.Tick(221).step, MonitorStep::kRestart);
+    EXPECT_EQ(boot.Record().last_seen, 221U - 60U);
+}
+
+TEST(Monitor, ButtonIsHandedBackWithTheSecondHeartbeatInARow) {
+    bool marker = true;
+    Boot boot(100, &marker);
+    (void)boot.Tick(110);
+    const MonitorDecision first = boot.Beat(111);
+    EXPECT_FALSE(first.stopButton);
+    EXPECT_TRUE(first.removeMarker);
+    EXPECT_FALSE(marker);
+    EXPECT_TRUE(boot.Beat(112).stopButton);
+    EXPECT_EQ(boot.Record().last_seen, 112U);
+}
+
+TEST(Monitor, OnlineIsLoggedInOneSecondOutOfFour) {
+    bool marker = false;
+    Boot boot(100, &marker);
+    for (uint32_t now = 100; now < 120; ++now) {
+        EXPECT_EQ(boot.Beat(now).logOnline, now % 4 == 0) << now;
+    }
+}
+
+TEST(Monitor, ReadyFlagClearsTheHoldAndOnlyItDoes) {
+    bool marker = false;
+    Boot boot(100, &marker);
+    boot.Hold();
+    EXPECT_EQ(boot.Tick(500).step, MonitorStep::kNone);
+    (void)boot.Beat(501, false);
+    EXPECT_EQ(boot.Record().ready_time, 100U);
+    EXPECT_EQ(boot.Tick(800).step, MonitorStep::kNone);
+    (void)boot.Beat(801, true);
+    EXPECT_EQ(boot.Record().ready_time, 801U);
+    EXPECT_EQ(boot.Tick(1000).step, MonitorStep::kRestart);
+}
+
+// Generated histories of beats, silences, quiet times and boots, against what must hold in every
+// one of them.
+TEST(Monitor, InvariantsHoldOverGeneratedHistories) {
+    std::mt19937 random(20241127);
+    for (int history = 0; history < 3000; ++history) {
+        bool marker = random() % 2 == 0;
+        uint32_t now = static_cast<uint32_t>(random());
+        int rebootsSinceBeat = marker ? 1 : 0;
+        for (int bootCount = 0; bootCount < 4; ++bootCount) {
+            Boot boot(now, &marker);
+            int restarts = 0;
+            bool rebooted = false;
+            for (int event = 0; event < 150 && !rebooted; ++event) {
+                const bool beat = random() % 40 == 0;
+                if (!boot.quiet && random() % 300 == 0) {
+                    boot.quiet = true;
+                }
+                now += beat ? 1 : 3;
+                const bool markerBefore = marker;
+                const MonitorDecision d = beat ? boot.Beat(now, random() % 2 == 0) : boot.Tick(now);
+                if (boot.quiet && d.step != MonitorStep::kRecover) {
+                    ASSERT_FALSE(d.logOffline || d.logOnline || d.startButton || d.stopButton ||
+                                 d.removeMarker || d.step != MonitorStep::kNone);
+                    continue;
+                }
+                if (beat) {
+                    ASSERT_FALSE(d.logOffline);
+                    ASSERT_EQ(boot.Record().last_seen, now);
+                    ASSERT_EQ(boot.Record().online, 1);
+                    ASSERT_FALSE(marker);
+                    rebootsSinceBeat = 0;
+                }
+                restarts += d.step == MonitorStep::kRestart ? 1 : 0;
+                ASSERT_LE(restarts, 1);
+                if (d.step == MonitorStep::kReboot) {
+                    // Never a second forced reboot while the marker of the first one stands.
+                    ASSERT_FALSE(markerBefore);
+                    ASSERT_EQ(rebootsSinceBeat, 0);
+                    ASSERT_EQ(restarts, 1);
+                    ++rebootsSinceBeat;
+                    rebooted = true;
+                }
+                if (d.step == MonitorStep::kRecover) {
+                    ASSERT_TRUE(markerBefore);
+                    rebootsSinceBeat = 0;
+                }
+            }
+        }
+    }
+}

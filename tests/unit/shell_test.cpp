@@ -1,0 +1,82 @@
+#include "common/kv_shell.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/capture.h"
+
+using kv_test::Capture;
+
+namespace {
+
+uint64_t StatusMask(const std::string& status, const std::string& name) {
+    return std::stoull(status.substr(status.find(name) + name.size()), nullptr, 16);
+}
+
+}  // namespace
+
+TEST(Shell, ReportsTheChildsStatus) {
+    int status = -1;
+    ASSERT_EQ(KV_ShellRun("exit 7", &status), 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7);
+    ASSERT_EQ(KV_ShellRun("kill -9 $$", &status), 0);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(KV_ShellRun("true", nullptr), 0);
+}
+
+TEST(Shell, ChildStartsWithDefaultSignalsAndAnEmptyMask) {
+    (void)signal(SIGPIPE, SIG_IGN);
+    (void)signal(SIGUSR1, [](int) {});
+    sigset_t blocked;
+    sigset_t before;
+    (void)sigfillset(&blocked);
+    (void)pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    std::string text;
+    {
+        const Capture out(1);
+        (void)KV_ShellRun("cat /proc/self/status", nullptr);
+        text = out.Text();
+    }
+    (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    // Signals 32 and 33 belong to the C library, which hands them on ignored.
+    EXPECT_EQ(StatusMask(text, "SigBlk:"), 0U);
+    EXPECT_EQ(StatusMask(text, "SigIgn:") & ~0x180000000ULL, 0U);
+    EXPECT_EQ(StatusMask(text, "SigCgt:"), 0U);
+}
+
+TEST(Shell, EchoStandsInFrontOfTheOutputAndIsCutAt255Characters) {
+    std::string text;
+    {
+        const Capture out(1);
+        (void)setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+        KV_ShellEchoFormat("echo %s", "hello");
+        KV_ShellEchoFormat(": %s", std::string(300, 'x').c_str());
+        text = out.Text();
+    }
+    EXPECT_EQ(text, "# echo hello\r\nhello\n# : " + std::string(253, 'x') + "\r\n");
+}
+
+TEST(Shell, EachCallerWaitsForItsOwnChild) {
+    std::vector<std::thread> threads;
+    std::vector<int> seen(8, -1);
+    for (size_t i = 0; i < seen.size(); ++i) {
+        threads.emplace_back([i, &seen] {
+            int status = -1;
+            if (KV_ShellRun(("exit " + std::to_string(i)).c_str(), &status) == 0) {
+                seen[i] = WEXITSTATUS(status);
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    for (size_t i = 0; i < seen.size(); ++i) {
+        EXPECT_EQ(seen[i], static_cast<int>(i));
+    }
+}
