@@ -4,13 +4,9 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <chrono>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -20,9 +16,13 @@
 
 #include "common/kv_platform.h"
 #include "common/kv_raii.h"
+#include "tests/support/surroundings.h"
 
 namespace {
 
+using kv_test::Ip;
+using kv_test::NoDescriptors;
+using kv_test::Replaced;
 using testing::internal::CaptureStderr;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
@@ -39,10 +39,6 @@ std::string Output(const std::string& command) {
     }
     EXPECT_EQ(pclose(pipe), 0) << command;
     return text;
-}
-
-void Ip(const std::string& arguments) {
-    ASSERT_EQ(system(("ip " + arguments).c_str()), 0) << "ip " << arguments;
 }
 
 void WriteFile(const char* path, const std::string& text) {
@@ -62,40 +58,10 @@ std::string Printed(const std::function<void()>& body) {
     return GetCapturedStdout();
 }
 
-// While it lives, nothing can be opened: neither sockets nor files.
-class NoDescriptors {
-  public:
-    NoDescriptors() {
-        (void)getrlimit(RLIMIT_NOFILE, &saved_);
-        const struct rlimit none = {0, saved_.rlim_max};
-        (void)setrlimit(RLIMIT_NOFILE, &none);
-    }
-    ~NoDescriptors() { (void)setrlimit(RLIMIT_NOFILE, &saved_); }
-    NoDescriptors(const NoDescriptors&) = delete;
-    NoDescriptors& operator=(const NoDescriptors&) = delete;
-
-  private:
-    struct rlimit saved_ {};
-};
-
-// While it lives, `path` is the file or directory `source`.
-class Replaced {
-  public:
-    Replaced(const char* source, const char* path) {
-        EXPECT_NE(realpath(path, path_), nullptr);
-        EXPECT_EQ(mount(source, path_, nullptr, MS_BIND, nullptr), 0) << strerror(errno);
-    }
-    ~Replaced() { EXPECT_EQ(umount2(path_, MNT_DETACH), 0) << strerror(errno); }
-    Replaced(const Replaced&) = delete;
-    Replaced& operator=(const Replaced&) = delete;
-
-  private:
-    char path_[PATH_MAX] = {};
-};
-
 class Net : public testing::Test {
   protected:
     void SetUp() override {
+        kv_test::RequireSandbox();
         Ip("link add wlan0 address 02:ab:cd:ef:00:0f type veth peer name far0");
         Ip("link set wlan0 up");
         Ip("link set far0 up");
@@ -251,12 +217,15 @@ TEST_F(Net, GatewayIsTheFirstGatewayRouteOfTheNamePrefix) {
 TEST_F(Net, SetGatewayReplacesEveryDefaultRouteOfTheInterface) {
     Ip("addr add 10.8.0.1/24 dev far0");
     Ip("route add default via 10.8.0.2 dev far0 metric 900");
-    Ip("route add 10.77.0.0/16 via 10.1.2.9 dev wlan0");
+    // Listed before the default routes, and no default route: it cannot be deleted as one.
+    Ip("route add 0.0.0.0/1 via 10.1.2.9 dev wlan0");
     // More than the kernel hands out in one reading of its table.
+    std::ofstream batch("/tmp/batch");
     for (int i = 1; i <= 80; ++i) {
-        Ip("route add default via 10.1.3." + std::to_string(i) + " dev wlan0 metric " +
-           std::to_string(i));
+        batch << "route add default via 10.1.3." << i << " dev wlan0 metric " << i << "\n";
     }
+    batch.close();
+    Ip("-batch /tmp/batch");
     EXPECT_EQ(Printed([] { EXPECT_EQ(KV_NET_SetGateway(kWlan, "10.1.2.200"), 0); }),
               "KV_NET_DeleteGateway: ioctl SIOCDELRT failed\n");
     EXPECT_EQ(Output("ip route show default"),

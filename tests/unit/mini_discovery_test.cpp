@@ -1,10 +1,8 @@
 // Runs in namespaces of its own: eth0 and wlan0 are veth interfaces, searches are real datagrams.
 #include "mini/kv_mini_discovery.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/mount.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -20,18 +18,19 @@
 #include "common/kv_raii.h"
 #include "mini/kv_hvloop_pool.h"
 #include "tests/support/capture.h"
+#include "tests/support/discovery_client.h"
+#include "tests/support/surroundings.h"
 
 namespace {
 
+using kv_test::Bytes;
 using kv_test::Capture;
-using Bytes = std::vector<uint8_t>;
+using kv_test::Ip;
+using kv_test::Put;
+using kv_test::Replaced;
+using kv_test::Search;
+using Client = kv_test::DiscoveryClient;
 using Lines = std::vector<std::string>;
-
-constexpr int kAnswerMs = 10000;
-
-void Ip(const std::string& arguments) {
-    ASSERT_EQ(system(("ip " + arguments).c_str()), 0) << "ip " << arguments;
-}
 
 void AddInterface(const std::string& name, const std::string& mac, const std::string& address) {
     Ip("link add " + name + " address " + mac + " type veth peer name far" + name);
@@ -40,18 +39,6 @@ void AddInterface(const std::string& name, const std::string& mac, const std::st
     if (!address.empty()) {
         Ip("addr add " + address + " brd + dev " + name);
     }
-}
-
-void Put(Bytes* bytes, size_t offset, const std::string& text) {
-    ASSERT_LE(offset + text.size(), bytes->size());
-    memcpy(bytes->data() + offset, text.data(), text.size());
-}
-
-Bytes Search(size_t size, uint8_t type = 10) {
-    Bytes bytes(size);
-    Put(&bytes, 0, "searching..");
-    bytes[12] = type;
-    return bytes;
 }
 
 struct Settings {
@@ -98,44 +85,22 @@ Lines Traces(const std::string& log) {
     return lines;
 }
 
-class Client {
-  public:
-    explicit Client(const char* address = "127.0.0.1")
-        : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        const int on = 1;
-        (void)setsockopt(fd_.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-        const sockaddr_in local = Address(address, 0);
-        EXPECT_EQ(bind(fd_.Get(), reinterpret_cast<const sockaddr*>(&local), sizeof(local)), 0);
-    }
-    void Send(const Bytes& bytes, const char* to = "127.0.0.1") const {
-        const sockaddr_in peer = Address(to, 6789);
-        EXPECT_EQ(sendto(fd_.Get(), bytes.data(), bytes.size(), 0,
-                         reinterpret_cast<const sockaddr*>(&peer), sizeof(peer)),
-                  static_cast<ssize_t>(bytes.size()));
-    }
-    // The next answer; empty when none comes in time.
-    Bytes Receive(int timeoutMs = kAnswerMs) const {
-        Bytes bytes(2048);
-        struct pollfd ready = {fd_.Get(), POLLIN, 0};
-        const bool came = poll(&ready, 1, timeoutMs) == 1;
-        const ssize_t got = came ? recv(fd_.Get(), bytes.data(), bytes.size(), 0) : 0;
-        bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
-        return bytes;
-    }
-
-  private:
-    static sockaddr_in Address(const char* text, uint16_t port) {
+// The descriptor of this process that is bound to the discovery port; -1 when there is none.
+int ServerSocket() {
+    for (int fd = 3; fd < 256; ++fd) {
         sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = inet_addr(text);
-        return address;
+        socklen_t length = sizeof(address);
+        if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+            address.sin_family == AF_INET && address.sin_port == htons(6789)) {
+            return fd;
+        }
     }
-    UniqueFd fd_;
-};
+    return -1;
+}
 
 class Discovery : public testing::Test {
   protected:
+    void SetUp() override { kv_test::RequireSandbox(); }
     void TearDown() override {
         (void)KV_MINI_DiscoverDeInit();
         (void)KV_HV_LoopPoolDeInit();
@@ -193,6 +158,10 @@ TEST_F(Discovery, WhatCannotBeReadStaysZero) {
 TEST_F(Discovery, AnswersASearchAndTracesItInOrder) {
     AddInterface("wlan0", "02:ab:cd:ef:00:0f", "10.200.2.3/24");
     ASSERT_EQ(KV_MINI_DiscoverInit(), 0);
+    int broadcast = 0;
+    socklen_t length = sizeof(broadcast);
+    EXPECT_EQ(getsockopt(ServerSocket(), SOL_SOCKET, SO_BROADCAST, &broadcast, &length), 0);
+    EXPECT_EQ(broadcast, 1);
     const Client client("10.200.2.3");
     Bytes request = Search(64);
     Put(&request, 16, "10.200.2.99");
@@ -353,7 +322,7 @@ TEST_F(Discovery, StartsAndStopsManyTimesUnderFire) {
                 (void)client.Receive(1);
             }
         });
-        for (int i = 0; i < 50; ++i) {
+        for (int i = 0; i < 50 && !HasFailure(); ++i) {
             EXPECT_EQ(KV_MINI_DiscoverInit(), 0) << i;
             const Client client;
             client.Send(Search(13));
@@ -380,7 +349,9 @@ TEST_F(Discovery, ATakenPortIsAFailureThatLeavesItStopped) {
 }
 
 TEST_F(Discovery, VersionFileReaderTakesTheLastVersionLine) {
-    ASSERT_EQ(mount("tmpfs", "/opt", "tmpfs", 0, nullptr), 0);
+    std::filesystem::create_directories("/tmp/opt");
+    const Replaced opt("/tmp/opt", "/opt");
+    ASSERT_FALSE(HasFailure());
     char out[65] = "untouched";
     testing::internal::CaptureStdout();
     EXPECT_EQ(__KV_MINI_ReadVerIni(out), -1);
@@ -406,7 +377,6 @@ TEST_F(Discovery, VersionFileReaderTakesTheLastVersionLine) {
         EXPECT_EQ(__KV_MINI_ReadVerIni(out), 0) << c.file;
         EXPECT_EQ(out, c.version) << c.file;
     }
-    EXPECT_EQ(umount("/opt"), 0);
 }
 
 }  // namespace

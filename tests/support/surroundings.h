@@ -1,0 +1,63 @@
+// Changes what a test finds around it. For programs that run in a sandbox only.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace kv_test {
+
+// For the start of a fixture. Ends the program outside a sandbox, where even the clean-up of a
+// failed test would change the machine it runs on.
+inline void RequireSandbox() {
+    if (access("/tmp/stubs/reboot", X_OK) != 0) {
+        (void)fputs("run it with tests/support/in_sandbox.sh\n", stderr);
+        exit(1);
+    }
+}
+
+// Runs `ip` with these arguments.
+inline void Ip(const std::string& arguments) {
+    ASSERT_EQ(system(("ip " + arguments).c_str()), 0) << "ip " << arguments;
+}
+
+// While it lives, nothing can be opened: neither sockets nor files.
+class NoDescriptors {
+  public:
+    NoDescriptors() {
+        (void)getrlimit(RLIMIT_NOFILE, &saved_);
+        const struct rlimit none = {0, saved_.rlim_max};
+        (void)setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~NoDescriptors() { (void)setrlimit(RLIMIT_NOFILE, &saved_); }
+    NoDescriptors(const NoDescriptors&) = delete;
+    NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+  private:
+    struct rlimit saved_ {};
+};
+
+// While it lives, `path` is the file or directory `source`.
+class Replaced {
+  public:
+    Replaced(const char* source, const char* path) {
+        EXPECT_NE(realpath(path, path_), nullptr);
+        EXPECT_EQ(mount(source, path_, nullptr, MS_BIND, nullptr), 0) << strerror(errno);
+    }
+    ~Replaced() { EXPECT_EQ(umount2(path_, MNT_DETACH), 0) << strerror(errno); }
+    Replaced(const Replaced&) = delete;
+    Replaced& operator=(const Replaced&) = delete;
+
+  private:
+    char path_[PATH_MAX] = {};
+};
+
+}  // namespace kv_test
