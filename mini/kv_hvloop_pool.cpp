@@ -1,0 +1,224 @@
+#define KV_TRACE_NAME "kv_hvloop_pool"
+#include "mini/kv_hvloop_pool.h"
+
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/prctl.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
+#include <new>
+
+#include "common/kv_mini_trace.h"
+#include "common/kv_platform.h"
+#include "common/kv_raii.h"
+#include "common/kv_thread.h"
+#include "mini/kv_mini_discovery.h"
+#include "mini/kv_mini_protocol.h"
+
+namespace {
+
+constexpr size_t kThreadStackSize = 0x20000;
+
+struct LoopSlot {
+    hloop_t* loop;
+    // The thread is kept here because libhv's hloop_tid names a kernel thread, which cannot be
+    // joined.
+    pthread_t thread;
+    // Connections on their way to this loop that hloop_nios does not count yet.
+    std::atomic<uint32_t> pending;
+};
+
+struct LoopPool {
+    std::atomic<int> inited;
+    LoopSlot slots[4];
+};
+
+LoopPool g_pool;
+std::atomic<int> g_serviceStarted;
+// A stop from the exit handler may come while another thread starts the services.
+pthread_mutex_t g_serviceLock = PTHREAD_MUTEX_INITIALIZER;
+
+void* __KV_HV_LoopProc(void* loop) {
+    (void)prctl(PR_SET_NAME, "__KV_HV_LoopProc");
+    (void)hloop_run(static_cast<hloop_t*>(loop));
+    return nullptr;
+}
+
+void StopOwnLoop(hevent_t* event) {
+    (void)hloop_stop(hevent_loop(event));
+}
+
+void EmptySlot(LoopSlot* slot) {
+    // A posted stop takes effect at once and also reaches a loop whose thread has not entered
+    // hloop_run yet; and it comes behind every hand-over that was posted before.
+    hevent_t stop{};
+    stop.cb = StopOwnLoop;
+    hloop_post_event(slot->loop, &stop);
+    (void)pthread_join(slot->thread, nullptr);
+    hloop_free(&slot->loop);
+}
+
+uint32_t Load(const LoopSlot* slot) {
+    return hloop_nios(slot->loop) + slot->pending.load();
+}
+
+LoopSlot* LeastLoadedWorker() {
+    LoopSlot* chosen = &g_pool.slots[1];
+    uint32_t least = Load(chosen);
+    for (LoopSlot* slot : {&g_pool.slots[2], &g_pool.slots[3]}) {
+        const uint32_t load = Load(slot);
+        if (load < least) {
+            chosen = slot;
+            least = load;
+        }
+    }
+    return chosen;
+}
+
+void PostSemaphore(hevent_t* event) {
+    (void)sem_post(static_cast<sem_t*>(hevent_userdata(event)));
+}
+
+#ifdef KV_HV_SYSTEM
+struct Passage {
+    hio_t* io;
+    LoopSlot* slot;
+    void (*serve)(hio_t* io);
+};
+
+void Arrive(hevent_t* event) {
+    Passage* passage = static_cast<Passage*>(hevent_userdata(event));
+    hio_attach(hevent_loop(event), passage->io);
+    passage->serve(passage->io);
+    // Last, so that the acceptor never finds the connection in neither count.
+    passage->slot->pending.fetch_sub(1);
+    delete passage;
+}
+#endif
+
+}  // namespace
+
+int KV_HV_LoopPoolInit(void) {
+    for (LoopSlot& slot : g_pool.slots) {
+        if (slot.loop != nullptr) {
+            // Running since an earlier call that failed at a later slot.
+            continue;
+        }
+        // Without HLOOP_FLAG_AUTO_FREE: a loop that frees itself when it ends is gone before it can
+        // be joined and freed in the order that removal needs.
+        slot.loop = hloop_new(0);
+        if (slot.loop == nullptr) {
+            KV_FAILED("loop new failed!");
+            return -1;
+        }
+        const int error =
+            KV_ThreadStart(&slot.thread, kThreadStackSize, __KV_HV_LoopProc, slot.loop);
+        if (error != 0) {
+            KV_ASSERT_FAIL("pthread create failed:%s", strerror(error));
+        }
+    }
+    KV_DEBUG("LoopPoolInit Init Success!");
+    g_pool.inited = 1;
+    return 0;
+}
+
+int KV_HV_LoopPoolStart(void) {
+    return g_pool.inited == 1 ? -1 : KV_HV_LoopPoolInit();
+}
+
+int KV_HV_LoopPoolDeInit(void) {
+    if (g_pool.inited != 1) {
+        KV_FAILED("Event not Inited!");
+        return -1;
+    }
+    g_pool.inited = 0;
+    // The acceptor ends first, so that no connection is handed to a worker that is gone.
+    for (LoopSlot& slot : g_pool.slots) {
+        EmptySlot(&slot);
+    }
+    KV_DEBUG("LoopPoolInit DeInit Success!");
+    return 0;
+}
+
+hloop_t* KV_HV_GetAcceptLoop(void) {
+    if (g_pool.inited != 1 && KV_HV_LoopPoolInit() != 0) {
+        return nullptr;
+    }
+    return g_pool.slots[0].loop;
+}
+
+hloop_t* KV_HV_GetWorkLoop(void) {
+    if (g_pool.inited != 1 && KV_HV_LoopPoolInit() != 0) {
+        return nullptr;
+    }
+    return LeastLoadedWorker()->loop;
+}
+
+// Does not go through KV_HV_GetWorkLoop: an accept that runs while the pool is being removed must
+// not create another one. The workers outlive the acceptor's thread, so the choice is valid.
+void KV_HV_HandOver(hio_t* io, void (*serve)(hio_t* io)) {
+#ifdef KV_HV_SYSTEM
+    // libhv's hio_attach is for the worker's own thread.
+    Passage* passage = new (std::nothrow) Passage{io, nullptr, serve};
+    if (passage == nullptr) {
+        (void)hio_close(io);
+        return;
+    }
+    hio_detach(io);
+    passage->slot = LeastLoadedWorker();
+    passage->slot->pending.fetch_add(1);
+    hevent_t arrival{};
+    arrival.cb = Arrive;
+    arrival.userdata = passage;
+    hloop_post_event(passage->slot->loop, &arrival);
+#else
+    hio_detach(io);
+    hio_attach(LeastLoadedWorker()->loop, io);
+    serve(io);
+#endif
+}
+
+void KV_HV_LoopPoolSettle(void) {
+    if (g_pool.inited != 1) {
+        return;
+    }
+    sem_t passed;
+    (void)sem_init(&passed, 0, 0);
+    hevent_t mark{};
+    mark.cb = PostSemaphore;
+    mark.userdata = &passed;
+    for (const LoopSlot& slot : g_pool.slots) {
+        hloop_post_event(slot.loop, &mark);
+    }
+    for (size_t i = 0; i < sizeof(g_pool.slots) / sizeof(g_pool.slots[0]); ++i) {
+        while (sem_wait(&passed) != 0 && errno == EINTR) {
+        }
+    }
+    (void)sem_destroy(&passed);
+}
+
+int KV_MINI_ServiceStart(void) {
+    const MutexGuard guard(&g_serviceLock);
+    g_serviceStarted = 1;
+    (void)KV_HV_LoopPoolStart();
+    (void)KV_MINI_DiscoverInit();
+    (void)KV_MINI_ProtocolInit(kv::kProtocolPort);
+    return 0;
+}
+
+int KV_MINI_ServiceStop(void) {
+    const MutexGuard guard(&g_serviceLock);
+    g_serviceStarted = 0;
+    (void)KV_MINI_DiscoverDeInit();
+    (void)KV_MINI_ProtocolDeInit();
+    (void)KV_HV_LoopPoolDeInit();
+    return 0;
+}
+
+int KV_MINI_ServiceIsStarted(void) {
+    return g_serviceStarted;
+}

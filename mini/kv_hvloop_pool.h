@@ -1,0 +1,54 @@
+// The mini services as a whole, and the event loops that carry them: four loops, each on a thread
+// of its own. Slot 0 accepts TCP connections; slots 1 to 3, the workers, carry the connections and
+// the discovery socket.
+//
+// Unless said otherwise the functions are for the thread that starts and stops the services, one
+// call at a time, and never for a thread of the pool itself.
+#pragma once
+
+#include "hv/hloop.h"
+
+// Starts the services: pool, discovery, protocol server, in this order. A service that cannot start
+// reports it in the log and does not keep the others from starting. Any thread but those of the
+// pool; waits for a stop in progress. Always 0.
+int KV_MINI_ServiceStart(void);
+
+// Stops them: discovery, protocol server, pool. Open connections end without a goodbye. Blocks
+// until each loop has finished the callback it is in, which is seconds when that one runs a shell
+// command. Any thread but those of the pool; waits for a start in progress. Always 0.
+int KV_MINI_ServiceStop(void);
+
+// 1 from the call of KV_MINI_ServiceStart to that of KV_MINI_ServiceStop, else 0; says nothing
+// about the success of either. Any thread.
+int KV_MINI_ServiceIsStarted(void);
+
+// Creates the pool: loops and threads, each thread with a stack of 128 KiB. Does not wait for the
+// threads to run. Returns 0; -1 when a loop cannot be created, after which the pool does not count
+// as created: loops made so far keep running, and the next call adds the missing ones. A thread
+// that cannot be created aborts the process.
+int KV_HV_LoopPoolInit(void);
+
+// The same for a pool that must not exist yet: -1, and nothing happens, when it does.
+int KV_HV_LoopPoolStart(void);
+
+// Stops, joins and frees the loops, slot by slot, with every connection they still hold (no close
+// callback runs). Sockets created on a loop of the pool must have been closed by their owners.
+// Blocks until each loop has finished the callback it is in. Returns 0; -1 without a pool.
+int KV_HV_LoopPoolDeInit(void);
+
+// The loop that accepts connections; creates the pool when there is none. Null when that fails.
+hloop_t* KV_HV_GetAcceptLoop(void);
+
+// The worker loop with the fewest ios, the lower slot among equals; creates the pool when there is
+// none. Null when that fails.
+hloop_t* KV_HV_GetWorkLoop(void);
+
+// Moves a connection that was just accepted to the least loaded worker and calls `serve`, which
+// sets the callbacks and starts to read. For accept callbacks on the acceptor loop only. Does not
+// block. `serve` has run on return with the bundled event loop, and runs on the worker's thread
+// with libhv: it must suit both. A connection that cannot be moved is closed.
+void KV_HV_HandOver(hio_t* io, void (*serve)(hio_t* io));
+
+// Waits until every loop of the pool has finished the callback it is in now and has done what was
+// posted to it before. Returns at once without a pool. Any thread but those of the pool.
+void KV_HV_LoopPoolSettle(void);

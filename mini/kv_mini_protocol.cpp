@@ -1,0 +1,187 @@
+#define KV_TRACE_NAME "kv_mini_protocol"
+#include "mini/kv_mini_protocol.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/kv_mini_trace.h"
+#include "hv/hloop.h"
+#include "hv/hsocket.h"
+#include "mini/kv_hvloop_pool.h"
+#include "mini/kv_mini_frame.h"
+#include "mini/kv_mini_session.h"
+
+namespace {
+
+constexpr int kHeaderLen = static_cast<int>(kv::kFrameHeaderSize);
+
+struct Command {
+    uint16_t code;
+    CommandHandler handler;
+    const char* name;
+};
+
+constexpr Command kCommands[] = {
+    {kv::kCmdLogin, __KV_ProcessLogin, "CMD_ACT_LOGIN"},
+    {kv::kCmdLogout, __KV_ProcessReplyOnly, "CMD_ACT_LOGOUT"},
+    {kv::kCmdGetDevInfo, __KV_ProcessKVGetDeviceInfo, "CMD_SYS_GETDEVINFO"},
+    {kv::kCmdHeartbeat, __KV_ProcessReplyOnly, "CMD_ACT_HEADRTBEAT"},
+    {kv::kCmdGetSerialNum, __KV_ProcessGetSerialNum, "CMD_GET_SERIALNUM"},
+    {kv::kCmdUpgrade, __KV_ProcessUpgrade, "CMD_SYS_UPGRADE"},
+};
+
+struct ProtocolState {
+    int inited;
+    hio_t* listener;
+    // Kept: one session record and one reply buffer for all connections, without a lock, because
+    // that is the protocol's session model. Requests that workers handle at the same moment may mix
+    // their replies; tests/support/tsan.supp names this place.
+    SessionRecord session;
+    std::atomic<uint8_t*> reply;
+};
+
+ProtocolState g_protocol;
+
+const Command* FindCommand(uint16_t code) {
+    for (const Command& command : kCommands) {
+        if (command.code == code) {
+            return &command;
+        }
+    }
+    return nullptr;
+}
+
+int __KV_KorvanProtocolHandle(hio_t* io, const uint8_t* request, int requestLen, uint8_t* reply,
+                              int* replyLen) {
+    // A chunk without a whole header is no more a request than one of another kind.
+    if (requestLen < kHeaderLen || kv::GetLe16(request) != kv::kFrameKind) {
+        KV_ERROR("UNSUPPORT!!");
+        return 0;
+    }
+    memset(reply + offsetof(kv::FrameHeader, uiDataLen), 0, 8);
+    const uint16_t code = kv::GetLe16(request + offsetof(kv::FrameHeader, usCmd));
+    const Command* command = FindCommand(code);
+    if (command == nullptr) {
+        KV_ERROR("@@@@@@@@@@@@@@@@@: Not supported this command :  %04X", code);
+        KV_SessionReplyHeader(io, request, reply, kv::kStatusUnsupported, 0, 0);
+        *replyLen = kHeaderLen;
+        return 0;
+    }
+    const unsigned long session = kv::GetLe32(request + offsetof(kv::FrameHeader, uiSessionId));
+    KV_DEBUG("ID:%lu CMD:%s", session, command->name);
+    return command->handler(io, request, requestLen, reply, replyLen);
+}
+
+void SendReply(hio_t* io, const uint8_t* reply, int replyLen) {
+    const int result = hio_write(io, reply, static_cast<size_t>(replyLen));
+    if (result > 0) {
+        return;
+    }
+    const int error = errno;
+    // Kept: only this error closes the connection, and a reply that is queued whole (0) is logged
+    // as a failure too, because the log's readers know both.
+    if (error == ENOTTY) {
+        (void)hio_close(io);
+    }
+    KV_FAILED_IN("__KV_KorvanProtocolRead", "io write failed:%d errno:%d!", result, error);
+}
+
+void __KV_KorvanProtocolRead(hio_t* io, void* buf, int readbytes) {
+    const uint8_t* request = static_cast<const uint8_t*>(buf);
+    uint8_t* reply = g_protocol.reply;
+    int replyLen = 0;
+    // Without a buffer the server is down, and this connection only waits for its loop to end.
+    if (reply != nullptr) {
+        (void)__KV_KorvanProtocolHandle(io, request, readbytes, reply, &replyLen);
+    }
+    if (replyLen < 1) {
+        KV_FAILED("Korvan Protocol Handle failed!");
+        return;
+    }
+    // From here on the connection is the upgrade receiver's, which sends its own answers.
+    if (kv::GetLe16(request + offsetof(kv::FrameHeader, usCmd)) == kv::kCmdUpgrade) {
+        return;
+    }
+    SendReply(io, reply, replyLen);
+}
+
+struct AddressTexts {
+    char local[SOCKADDR_STRLEN];
+    char peer[SOCKADDR_STRLEN];
+};
+
+void FormatAddresses(hio_t* io, AddressTexts* texts) {
+    (void)sockaddr_str(reinterpret_cast<sockaddr_u*>(hio_localaddr(io)), texts->local,
+                       sizeof(texts->local));
+    (void)sockaddr_str(reinterpret_cast<sockaddr_u*>(hio_peeraddr(io)), texts->peer,
+                       sizeof(texts->peer));
+}
+
+void __KV_KorvanProtocolClose(hio_t* io) {
+    AddressTexts texts;
+    FormatAddresses(io, &texts);
+    KV_DEBUG("connect-> io:%p tid=%lu connfd=%d [%s] <= [%s]\n", static_cast<void*>(io),
+             pthread_self(), hio_fd(io), texts.local, texts.peer);
+}
+
+void Serve(hio_t* io) {
+    AddressTexts texts;
+    FormatAddresses(io, &texts);
+    KV_DEBUG_IN("__KV_Protocol_OnAccept", "connect-> io:%p,tid=%lu fd=%d  [%s] <= [%s]\n",
+                static_cast<void*>(io), pthread_self(), hio_fd(io), texts.local, texts.peer);
+    hio_setcb_close(io, __KV_KorvanProtocolClose);
+    hio_setcb_read(io, __KV_KorvanProtocolRead);
+    (void)hio_read(io);
+}
+
+void __KV_Protocol_OnAccept(hio_t* io) {
+    hio_set_context(io, &g_protocol.session);
+    KV_INFO("__KV_Protocol_OnAccept");
+    KV_HV_HandOver(io, Serve);
+}
+
+}  // namespace
+
+int KV_MINI_ProtocolInit(int port) {
+    if (g_protocol.inited == 1) {
+        KV_FAILED("Korvan Protocol is Inited!");
+        return -1;
+    }
+    hloop_t* loop = KV_HV_GetAcceptLoop();
+    KV_DEBUG("loop == %p", static_cast<void*>(loop));
+    // Before the socket, whose first client may be served before this function goes on.
+    memset(&g_protocol.session, 0, sizeof(g_protocol.session));
+    g_protocol.reply = static_cast<uint8_t*>(malloc(kReplyBufferSize));
+    if (loop != nullptr && g_protocol.reply != nullptr) {
+        g_protocol.listener = hloop_create_tcp_server(loop, "", port, __KV_Protocol_OnAccept);
+    }
+    if (g_protocol.listener == nullptr) {
+        free(g_protocol.reply.exchange(nullptr));
+        KV_FAILED("create tcp server failed!");
+        return -1;
+    }
+    g_protocol.inited = 1;
+    KV_DEBUG("MINI ProtocolInit Init Success!");
+    return 0;
+}
+
+int KV_MINI_ProtocolDeInit(void) {
+    if (g_protocol.inited != 1) {
+        KV_FAILED("Korvan Protocol is DeInit!");
+        return -1;
+    }
+    g_protocol.inited = 0;
+    (void)hio_close(g_protocol.listener);
+    g_protocol.listener = nullptr;
+    // Workers still serve. A callback that runs now may hold the buffer, one that starts later
+    // finds none: once every loop has been seen between two callbacks, the buffer is nobody's.
+    uint8_t* reply = g_protocol.reply.exchange(nullptr);
+    KV_HV_LoopPoolSettle();
+    free(reply);
+    KV_DEBUG("MINI ProtocolInit DeInit Success!");
+    return 0;
+}

@@ -1,0 +1,403 @@
+#define KV_TRACE_NAME "kv_mini_upgrade"
+#include "mini/kv_mini_upgrade.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "common/kv_mini_trace.h"
+#include "common/kv_platform.h"
+#include "common/kv_raii.h"
+#include "common/kv_shell.h"
+#include "flash/kv_upgrade_package.h"
+#include "hv/md5.h"
+#include "mini/kv_mini_frame.h"
+#include "mini/kv_mini_session.h"
+
+namespace {
+
+constexpr int kReadTimeoutMs = 20000;
+constexpr uint32_t kTrailerKept = 39;
+constexpr uint32_t kLargeTransfer = 0x600000;
+constexpr size_t kDigestSize = 16;
+// The name under which the parts of the read callback report.
+constexpr char kRead[] = "__KV_KorvanUpgradeRead";
+
+struct UpgradeRecvState {
+    uint32_t fileTotallength;
+    FILE* package;
+    uint32_t recvedFileLen;
+    uint32_t writeTotal;
+    uint32_t Md5Totallength;
+    char md5_buff[kTrailerKept + 1];
+    FILE* trailer;
+    uint8_t upGradeState;
+    // Nothing in the program sets it; KV_KorvanUpgradeStop clears it.
+    uint8_t startLock;
+};
+
+// What an arrival asks for once the state is settled.
+enum class Outcome {
+    kWait,      // More has to come.
+    kStray,     // Bytes without a transfer.
+    kComplete,  // Package and trailer are stored.
+    kFailed,
+};
+
+UpgradeRecvState g_receive;
+// Two connections may be in a transfer on two loops. Their bytes may mix, as every byte counts for
+// the one state there is, but neither may see a stream that the other has just closed. Never held
+// across a sleep or a shell command.
+pthread_mutex_t g_receiveLock = PTHREAD_MUTEX_INITIALIZER;
+
+void SleepMs(long milliseconds) {
+    struct timespec left = {milliseconds / 1000, milliseconds % 1000 * 1000000};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+void CloseStream(FILE** stream) {
+    if (*stream != nullptr) {
+        (void)fclose(*stream);
+        *stream = nullptr;
+    }
+}
+
+// Everything but upGradeState, which each caller treats in its own way, and the start lock.
+void ClearTransfer(UpgradeRecvState* state) {
+    CloseStream(&state->package);
+    CloseStream(&state->trailer);
+    state->recvedFileLen = 0;
+    state->fileTotallength = 0;
+    state->Md5Totallength = 0;
+}
+
+// Returns the number of bytes written.
+uint32_t WritePackage(UpgradeRecvState* state, const void* data, uint32_t len) {
+    const uint32_t written = static_cast<uint32_t>(fwrite(data, 1, len, state->package));
+    state->writeTotal += written;
+    return written;
+}
+
+void KeepTrailer(UpgradeRecvState* state, const uint8_t* data, uint32_t len) {
+    if (state->Md5Totallength + len <= kTrailerKept) {
+        memcpy(state->md5_buff + state->Md5Totallength, data, len);
+        state->Md5Totallength += len;
+    }
+    KV_INFO_IN(kRead, "left_len=%d,Md5Totallength=%u,md5_buff=%s", static_cast<int>(len),
+               state->Md5Totallength, state->md5_buff);
+}
+
+// Divides a chunk between package and trailer. `written` receives the package's share. Returns 0,
+// or -1 when the package took less than its share.
+int StoreChunk(UpgradeRecvState* state, const uint8_t* data, uint32_t len, uint32_t* written) {
+    uint32_t share = 0;
+    // Kept: the sum wraps at 32 bits, because the counters on the wire do.
+    const bool crosses = state->recvedFileLen + len > state->fileTotallength;
+    if (!crosses) {
+        share = len;
+    } else if (state->writeTotal < state->fileTotallength) {
+        // Two transfers at once can drive the two counts apart: never more than there is.
+        const uint32_t room = state->fileTotallength - state->recvedFileLen;
+        share = room < len ? room : len;
+    }
+    if (share > 0) {
+        *written = WritePackage(state, data, share);
+    }
+    if (crosses && share > 0) {
+        KV_INFO_IN(kRead, "left_len=%d,write_len=%d", static_cast<int>(len - share),
+                   static_cast<int>(*written));
+    }
+    if (*written < share) {
+        KV_ERROR_IN(kRead, "fwrite %d bytes failed. ret = %d", static_cast<int>(share),
+                    static_cast<int>(*written));
+        return -1;
+    }
+    if (crosses) {
+        KeepTrailer(state, data + share, len - share);
+    }
+    return 0;
+}
+
+// Stores the kept trailer and closes both files.
+Outcome FinishTransfer(UpgradeRecvState* state) {
+    KV_INFO_IN(kRead, "MD5 check start Md5Totallength=%u!", state->Md5Totallength);
+    if (state->trailer == nullptr) {
+        state->trailer = fopen(kv::kMd5Path, "wb+e");
+        if (state->trailer == nullptr) {
+            KV_ERROR_IN(kRead, "fopen %s fail!", kv::kMd5Path);
+            return Outcome::kFailed;
+        }
+        state->Md5Totallength = static_cast<uint32_t>(
+            fwrite(state->md5_buff, 1, state->Md5Totallength, state->trailer));
+        CloseStream(&state->package);
+    }
+    if (state->Md5Totallength < kv::kMd5TrailerSize) {
+        return Outcome::kWait;
+    }
+    CloseStream(&state->trailer);
+    state->recvedFileLen = 0;
+    state->Md5Totallength = 0;
+    return Outcome::kComplete;
+}
+
+Outcome TakeChunk(UpgradeRecvState* state, const uint8_t* data, int len) {
+    KV_INFO_IN(kRead, "fileTotallength = %u,recvingFileLen=%d", state->fileTotallength, len);
+    if (state->package == nullptr) {
+        return Outcome::kStray;
+    }
+    uint32_t written = 0;
+    if (StoreChunk(state, data, static_cast<uint32_t>(len), &written) != 0) {
+        return Outcome::kFailed;
+    }
+    state->recvedFileLen += static_cast<uint32_t>(len);
+    KV_INFO_IN(kRead,
+               "write %d bytes, write total %d bytes, recvingFileLen %d, fileTotallength %u, "
+               "recvedFileLen %u, Md5Totallength %u",
+               static_cast<int>(written), static_cast<int>(state->writeTotal), len,
+               state->fileTotallength, state->recvedFileLen, state->Md5Totallength);
+    if (state->writeTotal == state->fileTotallength &&
+        state->Md5Totallength >= kv::kMd5TrailerSize) {
+        return FinishTransfer(state);
+    }
+    return Outcome::kWait;
+}
+
+// Forgets the transfer before. False while transfers are locked out.
+bool ResetTransfer() {
+    const MutexGuard guard(&g_receiveLock);
+    if (g_receive.startLock != 0) {
+        return false;
+    }
+    ClearTransfer(&g_receive);
+    g_receive.writeTotal = 0;
+    memset(g_receive.md5_buff, 0, sizeof(g_receive.md5_buff));
+    return true;
+}
+
+int CreatePackage() {
+    const MutexGuard guard(&g_receiveLock);
+    // Another transfer may have begun since the reset.
+    CloseStream(&g_receive.package);
+    g_receive.package = fopen(kv::kPackagePath, "wb+e");
+    return g_receive.package != nullptr ? 0 : -1;
+}
+
+// The bytes that came with the command are the package's whatever its announced length.
+void StoreFirst(const uint8_t* data, int dataLen, uint32_t fileLength) {
+    const MutexGuard guard(&g_receiveLock);
+    if (dataLen > 0 && g_receive.package != nullptr) {
+        g_receive.recvedFileLen += WritePackage(&g_receive, data, static_cast<uint32_t>(dataLen));
+    }
+    g_receive.fileTotallength = fileLength;
+}
+
+void FailTransfer() {
+    {
+        const MutexGuard guard(&g_receiveLock);
+        ClearTransfer(&g_receive);
+        g_receive.upGradeState = 0;
+        g_receive.writeTotal = 0;
+    }
+    KV_ERROR_IN(kRead, "upgrade failed,restart system now ...");
+    SleepMs(2000);
+    (void)KV_ShellRun("reboot", nullptr);
+}
+
+void SendReply(hio_t* io, uint16_t status) {
+    const SessionRecord* session = static_cast<const SessionRecord*>(hio_context(io));
+    uint8_t reply[kv::kFrameHeaderSize];
+    kv::FillFrameHeader(reply, kv::kCmdUpgrade, status, session->uiSessionId, 0, 0);
+    (void)hio_write(io, reply, sizeof(reply));
+    KV_INFO_IN(kRead, "reply status:%d", status);
+}
+
+void CheckAndAccept(hio_t* io) {
+    if (__KV_CheckUpgradeFileMd5() != 0) {
+        KV_ERROR_IN(kRead, "MD5 check fail!");
+        FailTransfer();
+        return;
+    }
+    if (__KV_CheckUpgradeFileHeader() != 0) {
+        KV_ERROR_IN(kRead, " __KV_CheckUpgradeFileHeader error!!!");
+        (void)unlink(kv::kPackagePath);
+        FailTransfer();
+        return;
+    }
+    {
+        const MutexGuard guard(&g_receiveLock);
+        g_receive.upGradeState = 1;
+    }
+    KV_INFO_IN(kRead, "upgrade success,start flash erasing,upGradeState=%d", 1);
+    hio_set_read_timeout(io, 0);
+    // Kept: the writer is started before the client hears of it, because a client takes the reply
+    // for the start of flashing.
+    KV_ShellEchoFormat("killall -SIGUSR2 %s", kv::kSelfName);
+    SendReply(io, kv::kStatusDone);
+}
+
+// A chunk of a further transfer, sent after a package was accepted.
+void RefuseChunk(hio_t* io, bool large) {
+    KV_INFO_IN(kRead, "upgrade success,start flash erasing,upGradeState=%d", 0);
+    hio_set_read_timeout(io, 0);
+    SendReply(io, kv::kStatusUpgradeBusy);
+    if (large) {
+        (void)KV_ShellRun("reboot", nullptr);
+    }
+}
+
+// Reads the digest that the sender announced. 0, or -1 when there is none.
+int ReadExpectedDigest(char (&digest)[kv::kMd5HexSize + 1]) {
+    constexpr size_t kSearched = 128;
+    const UniqueFile file(fopen(kv::kMd5Path, "rbe"));
+    if (!file) {
+        KV_INFO_IN("__KV_CheckUpgradeFileMd5", "fopen %s fail!", kv::kMd5Path);
+        return -1;
+    }
+    // The zeros behind what is searched make a digest that is cut short compare unequal.
+    char text[kSearched + kv::kMd5HexSize] = {};
+    const size_t got = fread(text, 1, kSearched, file.Get());
+    const char* tag = static_cast<const char*>(memmem(text, got, kv::kMd5Tag, kv::kMd5TagSize));
+    if (tag == nullptr) {
+        KV_INFO_IN("__KV_CheckUpgradeFileMd5", "%s not contain MD5", kv::kMd5Path);
+        return -1;
+    }
+    memcpy(digest, tag + kv::kMd5TagSize, kv::kMd5HexSize);
+    digest[kv::kMd5HexSize] = '\0';
+    KV_INFO_IN("__KV_CheckUpgradeFileMd5", "corMd5 =%s", digest);
+    return 0;
+}
+
+int DigestPackage(char (&digest)[kv::kMd5HexSize + 1]) {
+    const UniqueFile file(fopen(kv::kPackagePath, "rbe"));
+    if (!file) {
+        KV_ERROR_IN("__KV_CheckUpgradeFileMd5", "open file %s failed", kv::kPackagePath);
+        return -1;
+    }
+    HV_MD5_CTX context;
+    HV_MD5Init(&context);
+    uint8_t block[1024];
+    size_t got = 0;
+    while ((got = fread(block, 1, sizeof(block), file.Get())) > 0) {
+        HV_MD5Update(&context, block, static_cast<unsigned>(got));
+    }
+    uint8_t raw[kDigestSize];
+    HV_MD5Final(&context, raw);
+    for (size_t i = 0; i < kDigestSize; ++i) {
+        (void)snprintf(digest + 2 * i, 3, "%02x", raw[i]);
+    }
+    KV_INFO_IN("__KV_CheckUpgradeFileMd5", "genMd5 =%s", digest);
+    return 0;
+}
+
+bool PackageHeaderFits() {
+    const char* const function = "__KV_CheckUpgradeFileHeader";
+    const UniqueFile file(fopen(kv::kPackagePath, "rbe"));
+    if (!file) {
+        KV_ERROR_IN(function, "open %s error", kv::kPackagePath);
+        return false;
+    }
+    UpgradeFileHeader header = {};
+    const size_t got = KV_PACKAGE_ReadHeader(file.Get(), &header);
+    if (got != kv::kPackageHeaderSize) {
+        KV_ERROR_IN(function, "read upgrate header error return is %d", static_cast<int>(got));
+        return false;
+    }
+    KV_DEBUG_IN(function,
+                "ic type is %s,sensor man is %s ugHeader.upgrateDataLen %d ugHeader.fileNum %d",
+                header.icType, header.sensorType, static_cast<int>(header.upgrateDataLen),
+                static_cast<int>(header.fileNum));
+    if (!KV_PACKAGE_HeaderAccepted(&header)) {
+        KV_ERROR_IN(function, "Device type or DeviceManufacturers error");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int __KV_CheckUpgradeFileMd5(void) {
+    char expected[kv::kMd5HexSize + 1];
+    char computed[kv::kMd5HexSize + 1];
+    if (ReadExpectedDigest(expected) != 0 || DigestPackage(computed) != 0) {
+        return -1;
+    }
+    return strncmp(expected, computed, kv::kMd5HexSize) == 0 ? 0 : -1;
+}
+
+int __KV_CheckUpgradeFileHeader(void) {
+    if (PackageHeaderFits()) {
+        return 0;
+    }
+    (void)unlink(kv::kPackagePath);
+    return -1;
+}
+
+int KV_KorvanUpgradeStart(hio_t* io, uint32_t fileLength, const uint8_t* data, int dataLen) {
+    if (!ResetTransfer()) {
+        return 0;
+    }
+    // The package lies in RAM-backed storage: give it the most room first.
+    (void)KV_ShellRun("sync", nullptr);
+    (void)KV_ShellRun("echo 1 > /proc/sys/vm/drop_caches", nullptr);
+    SleepMs(1000);
+    if (CreatePackage() != 0) {
+        KV_FAILED("open %s failed", kv::kPackagePath);
+        return -1;
+    }
+    SleepMs(100);
+    KV_INFO("datalen:%d,filelength=%u", dataLen, fileLength);
+    StoreFirst(data, dataLen, fileLength);
+    hio_setcb_read(io, __KV_KorvanUpgradeRead);
+    hio_set_read_timeout(io, kReadTimeoutMs);
+    // The loop reads into 8192 bytes of its own, which is the size that a transfer is given;
+    // nothing stays there between two callbacks, so a buffer of the connection's own would add
+    // nothing.
+    (void)hio_read(io);
+    KV_DEBUG("KorvanUpgradeStart");
+    return 0;
+}
+
+void KV_KorvanUpgradeStop(void) {
+    {
+        const MutexGuard guard(&g_receiveLock);
+        g_receive.startLock = 0;
+        ClearTransfer(&g_receive);
+        g_receive.upGradeState = 0;
+    }
+    KV_DEBUG("KorvanUpgradeStop");
+}
+
+void __KV_KorvanUpgradeRead(hio_t* io, void* buf, int len) {
+    Outcome outcome;
+    bool large;
+    bool accepted;
+    {
+        const MutexGuard guard(&g_receiveLock);
+        outcome = TakeChunk(&g_receive, static_cast<const uint8_t*>(buf), len);
+        large = g_receive.fileTotallength > kLargeTransfer;
+        accepted = g_receive.upGradeState != 0;
+    }
+    switch (outcome) {
+        case Outcome::kWait:
+            if (accepted) {
+                RefuseChunk(io, large);
+            }
+            break;
+        case Outcome::kStray:
+            if (large) {
+                (void)KV_ShellRun("reboot", nullptr);
+            }
+            break;
+        case Outcome::kComplete:
+            CheckAndAccept(io);
+            break;
+        case Outcome::kFailed:
+            FailTransfer();
+            break;
+    }
+}
