@@ -1,0 +1,208 @@
+// Bytes and connections: what happens when an io's descriptor or timer is ready, and sending.
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "hv_internal.h"
+
+#define KV_TRACE_NAME "hv/stream"
+#include "common/kv_mini_trace.h"
+
+namespace {
+
+bool IsTransient(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+// Any failure that is not about one connection leaves that connection in the backlog, where it
+// would make the descriptor readable at once again: the listener rests for a moment instead.
+void PauseAccept(hio_t* io, int error) {
+    if (!io->starved) {
+        KV_ERROR("accept failed: %s, trying again every %u ms", strerror(error), kHvAcceptRetryMs);
+        io->starved = true;
+    }
+    (void)event_del(&io->readEvent);
+    if (HvStartTimer(io->base.loop, &io->timerEvent, kHvAcceptRetryMs) != 0) {
+        (void)event_add(&io->readEvent, nullptr);
+    }
+}
+
+void Accept(hio_t* listener) {
+    hloop_t* loop = listener->base.loop;
+    sockaddr_u peer{};
+    socklen_t length = sizeof(peer);
+    const int fd = accept4(listener->fd, &peer.sa, &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd < 0) {
+        if (!IsTransient(errno) && errno != ECONNABORTED) {
+            PauseAccept(listener, errno);
+        }
+        return;
+    }
+    listener->starved = false;
+    hio_t* io = HvNewIo(loop, fd, HvKind::kStream);
+    if (io == nullptr) {
+        return;
+    }
+    io->peer = peer;
+    if (listener->onAccept == nullptr) {
+        HvCloseNow(io);
+        return;
+    }
+    listener->onAccept(io);
+}
+
+// The byte behind the data is NUL, so text functions stay within what arrived. One read a wake-up:
+// the callback may close, move or re-equip the io, so nothing of it is touched afterwards.
+void Receive(hio_t* io) {
+    const bool own = io->readBuffer != nullptr;
+    char* buffer = own ? io->readBuffer : io->base.loop->readBuffer;
+    const size_t size = own ? io->readSize : kHvReadMax;
+    const bool datagram = io->kind == HvKind::kDatagram;
+    socklen_t length = sizeof(io->peer);
+    const ssize_t got = datagram ? recvfrom(io->fd, buffer, size, 0, &io->peer.sa, &length)
+                                 : recv(io->fd, buffer, size, 0);
+    if (got < 0) {
+        if (!datagram && !IsTransient(errno)) {
+            HvCloseNow(io);
+        }
+        return;
+    }
+    if (got == 0 && !datagram) {
+        (void)hio_close(io);
+        return;
+    }
+    if (!own || static_cast<size_t>(got) < size) {
+        buffer[got] = '\0';
+    }
+    if (io->readTimeoutMs > 0) {
+        io->lastArrivalMs = HvNowMs();
+    }
+    if (io->onRead != nullptr) {
+        io->onRead(io, buffer, static_cast<int>(got));
+    }
+}
+
+// False when the connection is lost.
+bool Flush(hio_t* io) {
+    while (evbuffer_get_length(io->output) > 0) {
+        const auto size = static_cast<ev_ssize_t>(evbuffer_get_contiguous_space(io->output));
+        const unsigned char* bytes = evbuffer_pullup(io->output, size);
+        const ssize_t sent = send(io->fd, bytes, static_cast<size_t>(size), MSG_NOSIGNAL);
+        if (sent < 0) {
+            return IsTransient(errno);
+        }
+        (void)evbuffer_drain(io->output, static_cast<size_t>(sent));
+    }
+    evbuffer_free(io->output);
+    io->output = nullptr;
+    (void)event_del(&io->writeEvent);
+    return true;
+}
+
+int SendDatagram(hio_t* io, const void* buf, size_t len) {
+    if (io->peer.sa.sa_family != AF_INET) {
+        errno = EDESTADDRREQ;
+        return -1;
+    }
+    return static_cast<int>(
+        sendto(io->fd, buf, len, MSG_NOSIGNAL, &io->peer.sa, sizeof(io->peer.sin)));
+}
+
+bool Queue(hio_t* io, const char* bytes, size_t len) {
+    if (io->output == nullptr) {
+        io->output = evbuffer_new();
+    }
+    if (io->output == nullptr || evbuffer_get_length(io->output) + len > kHvOutputMax ||
+        evbuffer_add(io->output, bytes, len) != 0) {
+        errno = ENOBUFS;
+        return false;
+    }
+    // An io that is still being handed over starts to send when it starts to read.
+    return !HvOnLoopThread(io->base.loop) ||
+           (HvAssign(io) == 0 && event_add(&io->writeEvent, nullptr) == 0);
+}
+
+// The io is closed once the callback in progress is over, so that the caller may still use it.
+int FailWrite(hio_t* io) {
+    const int error = errno;
+    io->broken = true;
+    HvPost(io->base.loop, &io->closeRequest);
+    errno = error;
+    return -1;
+}
+
+}  // namespace
+
+int hio_write(hio_t* io, const void* buf, size_t len) {
+    if (io->base.loop == nullptr || io->closed || io->closing || io->broken) {
+        errno = EBADF;
+        return -1;
+    }
+    if (len > INT_MAX) {
+        errno = EMSGSIZE;
+        return -1;
+    }
+    if (io->kind == HvKind::kDatagram) {
+        return SendDatagram(io, buf, len);
+    }
+    ssize_t sent = 0;
+    if (io->output == nullptr) {
+        sent = send(io->fd, buf, len, MSG_NOSIGNAL);
+        if (sent < 0 && !IsTransient(errno)) {
+            return FailWrite(io);
+        }
+        sent = sent < 0 ? 0 : sent;
+    }
+    const auto done = static_cast<size_t>(sent);
+    if (done < len && !Queue(io, static_cast<const char*>(buf) + done, len - done)) {
+        return FailWrite(io);
+    }
+    if (done == 0) {
+        errno = EAGAIN;
+    }
+    return static_cast<int>(sent);
+}
+
+void HvOnReadable(evutil_socket_t /*fd*/, short /*what*/, void* arg) {
+    auto* io = static_cast<hio_t*>(arg);
+    hloop_t* loop = io->base.loop;
+    if (io->kind == HvKind::kListener) {
+        Accept(io);
+    } else {
+        Receive(io);
+    }
+    HvReap(loop);
+}
+
+void HvOnWritable(evutil_socket_t /*fd*/, short /*what*/, void* arg) {
+    auto* io = static_cast<hio_t*>(arg);
+    hloop_t* loop = io->base.loop;
+    const bool alive = Flush(io);
+    if (!alive || (io->closing && io->output == nullptr)) {
+        HvCloseNow(io);
+    }
+    HvReap(loop);
+}
+
+void HvOnIoTimer(evutil_socket_t /*fd*/, short /*what*/, void* arg) {
+    auto* io = static_cast<hio_t*>(arg);
+    hloop_t* loop = io->base.loop;
+    if (io->kind == HvKind::kListener) {
+        if (event_add(&io->readEvent, nullptr) != 0) {
+            (void)HvStartTimer(loop, &io->timerEvent, kHvAcceptRetryMs);
+        }
+    } else if (io->closing) {
+        HvCloseNow(io);
+    } else {
+        // Arrivals only leave their time, so the timer may run out early; it then waits the rest.
+        const int64_t left = io->lastArrivalMs + io->readTimeoutMs - HvNowMs();
+        if (left > 0) {
+            (void)HvStartTimer(loop, &io->timerEvent, static_cast<uint32_t>(left));
+        } else {
+            (void)hio_close(io);
+        }
+    }
+    HvReap(loop);
+}
