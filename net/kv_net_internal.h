@@ -1,0 +1,56 @@
+// What the files of this module share.
+#pragma once
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "net/kv_net.h"
+
+namespace kv {
+
+// Writes a dotted quad from four bytes in network order. inet_ntoa keeps its text in one buffer
+// for all threads of some C libraries, and two threads read addresses here.
+inline void FormatQuad(const uint8_t* bytes, char* out) {
+    (void)snprintf(out, kNetAddressSize, "%u.%u.%u.%u", bytes[0], bytes[1], bytes[2], bytes[3]);
+}
+
+// Fills an AF_INET socket address; false, with nothing written, when `text` is not an address.
+inline bool ParseAddress(const char* text, struct sockaddr* address) {
+    struct sockaddr_in inet {};
+    inet.sin_family = AF_INET;
+    if (inet_aton(text, &inet.sin_addr) == 0) {
+        return false;
+    }
+    memcpy(address, &inet, sizeof(inet));
+    return true;
+}
+
+// Copies a name into a zeroed field of the size that the kernel reads, whatever the name's length.
+inline void CopyInterfaceName(char (&field)[IFNAMSIZ], const char* ifname) {
+    memcpy(field, ifname, strnlen(ifname, IFNAMSIZ - 1));
+}
+
+// Reads the next line into `line`, zero-filled behind it. Of a line that does not fit the rest is
+// dropped, so that it is not taken for a line of its own. False at the end of the file.
+template <size_t size>
+bool ReadLine(FILE* file, char (&line)[size]) {
+    memset(line, 0, size);
+    if (fgets(line, static_cast<int>(size), file) == nullptr) {
+        return false;
+    }
+    if (memchr(line, '\n', size) == nullptr) {
+        int c = 0;
+        do {
+            c = getc(file);
+        } while (c != '\n' && c != EOF);
+    }
+    return true;
+}
+
+}  // namespace kv
