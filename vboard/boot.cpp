@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
+#include <chrono>
 #include <ctime>
 
 #include "common/kv_platform.h"
@@ -25,7 +25,7 @@
 namespace vboard {
 
 static constexpr char kScripts[] = "/opt/board/bin/";
-static constexpr int kShutdownSeconds = 3;
+static constexpr std::chrono::seconds kShutdownTime(3);
 
 std::vector<std::string> BoardEnvironment() {
     return {"PATH=/opt/board/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME=/root", "USER=root",
@@ -152,21 +152,20 @@ void Init::OrderlyReboot() {
     sigset_t childEnds;
     (void)sigemptyset(&childEnds);
     (void)sigaddset(&childEnds, SIGCHLD);
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    const time_t deadline = now.tv_sec + kShutdownSeconds;
+    const auto deadline = std::chrono::steady_clock::now() + kShutdownTime;
     // Ends early when nobody is left; every orphan of the board is a child of this process.
-    while (now.tv_sec < deadline) {
+    for (;;) {
+        const auto left = deadline - std::chrono::steady_clock::now();
         int status = 0;
         const pid_t pid = waitpid(-1, &status, WNOHANG);
-        if (pid < 0 && errno == ECHILD) {
+        if ((pid < 0 && errno == ECHILD) || left <= left.zero()) {
             break;
         }
         if (pid == 0) {
-            const timespec pause{deadline - now.tv_sec, 0};
+            const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+            const timespec pause{seconds.count(), std::chrono::nanoseconds(left - seconds).count()};
             (void)sigtimedwait(&childEnds, nullptr, &pause);
         }
-        (void)clock_gettime(CLOCK_MONOTONIC, &now);
     }
     _exit(kExitReboot);
 }
