@@ -113,7 +113,7 @@ void WatchdogFile::Join() {
 template <typename Operation>
 auto WatchdogFile::Do(Operation operation) {
     const std::lock_guard<std::mutex> lock(watchdog_.mutex);
-    const auto result = operation(watchdog_.timer, Now());
+    auto result = operation(watchdog_.timer, Now());
     SetAlarm(alarm_.Get(), watchdog_.timer.Deadline());
     return result;
 }
