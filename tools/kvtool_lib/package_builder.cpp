@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <map>
 
 #include "common/kv_le.h"
@@ -98,7 +97,7 @@ bool IsBoot(const Layout& layout, const ImageSpec& image) {
 
 void PutEntry(uint8_t* at, const ImageSpec& image, uint64_t offset) {
     using Entry = kv::UpgradeFileEntryBytes;
-    memcpy(at + offsetof(Entry, fileName), image.name.data(), image.name.size());
+    std::copy(image.name.begin(), image.name.end(), at + offsetof(Entry, fileName));
     kv::PutLe32(at + offsetof(Entry, dataLen), static_cast<uint32_t>(image.bytes.size()));
     kv::PutLe32(at + offsetof(Entry, dataOffset), static_cast<uint32_t>(offset));
     kv::PutLe32(at + offsetof(Entry, checkCode), kv::kEntryCheckCode);
@@ -106,8 +105,8 @@ void PutEntry(uint8_t* at, const ImageSpec& image, uint64_t offset) {
 
 void PutHeader(uint8_t* at, const BuildRequest& request, uint64_t total) {
     using Header = kv::UpgradeFileHeaderBytes;
-    memcpy(at + offsetof(Header, icType), request.ic.data(), request.ic.size());
-    memcpy(at + offsetof(Header, sensorType), request.sensor.data(), request.sensor.size());
+    std::copy(request.ic.begin(), request.ic.end(), at + offsetof(Header, icType));
+    std::copy(request.sensor.begin(), request.sensor.end(), at + offsetof(Header, sensorType));
     kv::PutLe32(at + offsetof(Header, upgrateDataLen), static_cast<uint32_t>(total));
     kv::PutLe32(at + offsetof(Header, fileNum), static_cast<uint32_t>(request.images.size()));
 }

@@ -54,7 +54,7 @@ std::string Hex(const void* data, size_t size, std::string_view separator) {
 std::string SizeText(uint64_t bytes) {
     std::string out = std::to_string(bytes) + " bytes";
     const auto value = static_cast<double>(bytes);
-    if (bytes >= 1024 * 1024) {
+    if (bytes >= 1048576) {
         out += " (" + Decimal(value / (1024.0 * 1024.0), "MiB") + ")";
     } else if (bytes >= 1024) {
         out += " (" + Decimal(value / 1024.0, "KiB") + ")";

@@ -51,7 +51,7 @@ short WaitFor(int fd, short events, Clock::time_point deadline) {
     for (;;) {
         // Rounded up, so that the deadline has passed when poll reports a time-out.
         const auto left = std::chrono::ceil<Millis>(deadline - Clock::now()).count();
-        const int timeout = static_cast<int>(std::clamp<long>(left, 0, 3600 * 1000));
+        const int timeout = static_cast<int>(std::clamp<long>(left, 0, 3600000));
         pollfd entries[2] = {{fd, events, 0}, {g_interrupt_pipe[0], POLLIN, 0}};
         const int ready = poll(entries, 2, timeout);
         if (ready > 0 && entries[1].revents != 0) {
