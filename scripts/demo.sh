@@ -8,6 +8,7 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/kv-demo-XXXXXX")
 state=$work/board
 runner=
 
+# shellcheck disable=SC2317 # called by the trap
 finish() {
     [ -z "$runner" ] || { kill "$runner" 2>/dev/null || true; wait "$runner" 2>/dev/null || true; }
     rm -rf "$work"

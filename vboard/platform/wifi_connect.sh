@@ -24,12 +24,12 @@ wpa_supplicant -D wired -i wlan0 -c "$conf" -B || exit 1
 wpa() {
     wpa_cli -p "$(sed -n 's/^ctrl_interface=//p' "$conf")" -i wlan0 "$@"
 }
+# An association that began before the network was opened would keep its old terms, so each one begins anew.
 radio() {
+    wpa disconnect >/dev/null
     if [ "$1" = up ]; then
-        wpa reassociate
-    else
-        wpa disconnect
-    fi >/dev/null
+        wpa reassociate >/dev/null
+    fi
 }
 carrier() {
     case "$1" in
