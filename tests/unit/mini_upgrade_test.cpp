@@ -213,6 +213,7 @@ TEST_F(MiniUpgrade, AcceptsWhereverTheStreamIsCut) {
         ASSERT_FALSE(HasFailure()) << "chunks of " << size;
     }
     EXPECT_FALSE(Contains(log_.Text(), "ERROR"));
+    EXPECT_FALSE(Contains(log_.Text(), "left_len=0")) << "an end on a chunk's edge is no crossing";
     EXPECT_TRUE(Contains(output_.Text(), "# killall -SIGUSR2 upgradeMain\r\n"));
     EXPECT_EQ(io_.timeouts.back(), 0);
 }
@@ -348,6 +349,9 @@ TEST_F(MiniUpgrade, ChecksReportWhatTheyCannotRead) {
     (void)remove(kv::kPackagePath);
     EXPECT_EQ(__KV_CheckUpgradeFileHeader(), -1);
     EXPECT_TRUE(Contains(log_.Text(), "\033[mopen /tmp/upGradeFile.FLS error\n"));
+    std::ofstream(kv::kPackagePath) << "no header";
+    EXPECT_EQ(__KV_CheckUpgradeFileHeader(), -1);
+    EXPECT_NE(access(kv::kPackagePath, F_OK), 0);
     // Only the first 128 bytes are searched, and a digest may reach beyond them by nothing.
     std::ofstream(kv::kPackagePath) << "x";
     std::ofstream(kv::kMd5Path) << std::string(92, '-') << Trailer("x");
@@ -408,6 +412,14 @@ TEST_F(MiniUpgrade, AfterAcceptanceEveryUnfinishedReadIsRefusedUntilTheNextIsCom
     io_.replies.erase(io_.replies.begin() + 1, io_.replies.end());
     Arrive(Trailer(package));
     ExpectAccepted(package, 2);
+
+    // A failure takes the acceptance back.
+    io_.replies.clear();
+    ASSERT_EQ(Start(package, package.size()), 0);
+    Arrive(std::string(37, '?'));
+    ASSERT_EQ(Start("", package.size()), 0);
+    Arrive(package.substr(0, 1000));
+    EXPECT_TRUE(io_.replies.empty());
 }
 
 TEST_F(MiniUpgrade, StrayOrRefusedDataRebootsAboveSixMebibytes) {
@@ -423,6 +435,7 @@ TEST_F(MiniUpgrade, StrayOrRefusedDataRebootsAboveSixMebibytes) {
         (void)remove(kCommandLog);
         ASSERT_EQ(Start("", size), 0);
         Arrive("refused");
+        ASSERT_FALSE(io_.replies.empty());
         EXPECT_EQ(io_.replies.back(), Answer(0xFFFF));
         EXPECT_EQ(FileText(kCommandLog), reboot) << size;
         KV_KorvanUpgradeStop();
