@@ -22,6 +22,8 @@ namespace {
 constexpr int kPort = 20080;
 
 std::atomic<int> g_loopsUntilFailure{-1};
+// The loops in the order of their making, which is that of the slots.
+std::vector<hloop_t*> g_loops;
 std::atomic<bool> g_refuseThreads{false};
 std::atomic<size_t> g_stackSize{0};
 
@@ -31,8 +33,11 @@ extern "C" {
 hloop_t* __real_hloop_new(int flags);
 hloop_t* __wrap_hloop_new(int flags) {
     EXPECT_EQ(flags & HLOOP_FLAG_AUTO_FREE, 0);
-    return g_loopsUntilFailure >= 0 && g_loopsUntilFailure-- == 0 ? nullptr
-                                                                  : __real_hloop_new(flags);
+    if (g_loopsUntilFailure >= 0 && g_loopsUntilFailure-- == 0) {
+        return nullptr;
+    }
+    g_loops.push_back(__real_hloop_new(flags));
+    return g_loops.back();
 }
 
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
@@ -166,34 +171,36 @@ TEST(HvLoopPoolDeathTest, AThreadThatCannotBeCreatedAborts) {
 }
 
 TEST(HvLoopPool, ConnectionsGoToTheLeastLoadedWorkerAndTiesToTheLowerSlot) {
+    g_loops.clear();
     hio_t* listener = hloop_create_tcp_server(KV_HV_GetAcceptLoop(), "", kPort, OnAccept);
     ASSERT_NE(listener, nullptr);
+    ASSERT_EQ(g_loops.size(), 4U);
+    EXPECT_EQ(KV_HV_GetAcceptLoop(), g_loops[0]);
     std::vector<std::unique_ptr<kv_test::TcpClient>> clients;
     std::vector<std::string> workers;
-    const auto connect = [&] {
+    const auto connectTo = [&](size_t slot) {
+        EXPECT_EQ(KV_HV_GetWorkLoop(), g_loops[slot]);
         clients.push_back(std::make_unique<kv_test::TcpClient>(kPort));
         workers.push_back(Worker(clients.back().get()));
         ASSERT_EQ(workers.back().size(), sizeof(pthread_t));
     };
-    for (int i = 0; i < 6; ++i) {
-        connect();
+    for (const size_t slot : {1, 2, 3, 1, 2, 3}) {
+        connectTo(slot);
     }
     EXPECT_EQ(std::set<std::string>(workers.begin(), workers.begin() + 3).size(), 3U);
     EXPECT_TRUE(std::equal(workers.begin(), workers.begin() + 3, workers.begin() + 3));
 
     // Two connections of slot 2 end: it takes the next two, though slot 1 is the lower one.
-    hloop_t* const slot1 = KV_HV_GetWorkLoop();
+    const uint32_t before = hloop_nios(g_loops[2]);
     clients[1].reset();
-    EXPECT_TRUE(kv_test::Await([slot1] { return KV_HV_GetWorkLoop() != slot1; }));
-    hloop_t* const slot2 = KV_HV_GetWorkLoop();
-    const uint32_t before = hloop_nios(slot2);
     clients[4].reset();
-    EXPECT_TRUE(kv_test::Await([=] { return hloop_nios(slot2) < before; }));
-    connect();
-    connect();
+    EXPECT_TRUE(kv_test::Await([=] { return hloop_nios(g_loops[2]) == before - 2; }));
+    for (const size_t slot : {2, 2, 1}) {
+        connectTo(slot);
+    }
     EXPECT_EQ(workers[6], workers[1]);
     EXPECT_EQ(workers[7], workers[1]);
-    EXPECT_EQ(KV_HV_GetWorkLoop(), slot1);
+    EXPECT_EQ(workers[8], workers[0]);
 
     CloseListener(listener);
     EXPECT_EQ(KV_HV_LoopPoolDeInit(), 0);

@@ -299,9 +299,9 @@ TEST_F(MiniProtocol, ServesTwoHundredConnectionsAtOnce) {
 TEST_F(MiniProtocol, StopsAndStartsUnderLoad) {
     std::atomic<bool> done{false};
     std::atomic<int> served{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 6; ++i) {
-        threads.emplace_back([&] {
+    std::thread threads[6];
+    for (std::thread& thread : threads) {
+        thread = std::thread([&] {
             while (!done) {
                 TcpClient client(kPort);
                 // Replies may mix while several workers serve, and end when the server does.
