@@ -198,6 +198,8 @@ int Init::Run() {
     (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
     (void)prctl(PR_SET_NAME, "init");
     (void)fcntl(socket_.Get(), F_SETFD, FD_CLOEXEC);
+    // What the runner itself inherited is not the board's.
+    (void)close_range(kInitSocket + 1, ~0U, 0);
     (void)setsid();
     try {
         Boot();

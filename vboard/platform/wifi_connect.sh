@@ -62,4 +62,4 @@ echo $monitor >/run/wifi_radio.pid
             last=$now
         fi
     done
-) &
+) >/dev/null 2>&1 &
