@@ -20,7 +20,7 @@ now() { date +%s.%N; }
 seconds() { echo "$2 $1" | awk '{ printf "%.1f s", $1 - $2 }'; }
 phases=()
 begin() { printf '\n== %s\n' "$1"; phase=$1 began=$(now); }
-end() { phases+=("$(printf '%-58s %8s' "$phase" "$(seconds "$began" "$(now)")")"); }
+end() { phases+=("$(printf '%-62s %8s' "$phase" "$(seconds "$began" "$(now)")")"); }
 await() {
     board wait --timeout 60 "$@" || {
         echo "demo: not seen: $*; the board's last words:" >&2

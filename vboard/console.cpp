@@ -4,6 +4,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "vboard/process.h"
 
 namespace vboard {
@@ -16,8 +18,7 @@ Console::Console(Loop* loop, const StateDir& state, int boot, bool quiet) : loop
 Console::~Console() {
     for (const Stream* stream : {&console_, &trace_}) {
         loop_->Remove(stream->readEnd.Get());
-        while (Move(*stream)) {
-        }
+        (void)Drain(*stream);
     }
 }
 
@@ -35,7 +36,7 @@ void Console::Open(Stream* stream, const std::string& file, int terminal) {
     }
     stream->terminal = terminal;
     loop_->Add(ends[0], [this, stream] {
-        if (!Move(*stream)) {
+        if (!Drain(*stream)) {
             loop_->Remove(stream->readEnd.Get());
         }
     });
@@ -46,14 +47,17 @@ void Console::CloseBoardEnds() {
     trace_.writeEnd.Reset();
 }
 
-// Moves what is there. False at the end of the stream, also when nothing is left to read.
-bool Console::Move(const Stream& stream) {
+bool Console::Drain(const Stream& stream) {
     char buffer[4096];
-    const ssize_t length = read(stream.readEnd.Get(), buffer, sizeof(buffer));
-    if (length <= 0) {
-        return false;
+    ssize_t length = 0;
+    // A bounded number: a board that writes without end must not keep the runner here.
+    for (int i = 0; i < 32; ++i) {
+        length = read(stream.readEnd.Get(), buffer, sizeof(buffer));
+        if (length <= 0) {
+            return length < 0 && errno == EAGAIN;
+        }
+        Write(stream, buffer, static_cast<size_t>(length));
     }
-    Write(stream, buffer, static_cast<size_t>(length));
     return true;
 }
 
@@ -67,6 +71,7 @@ void Console::Write(const Stream& stream, const char* data, size_t length) {
 }
 
 void Console::Say(const std::string& text) {
+    (void)Drain(console_);
     const std::string line = "board: " + text + "\n";
     Write(console_, line.data(), line.size());
 }

@@ -34,7 +34,8 @@ class Console {
         int terminal = -1;
     };
     void Open(Stream* stream, const std::string& file, int terminal);
-    bool Move(const Stream& stream);
+    // Moves what is there; false at the end of the stream.
+    static bool Drain(const Stream& stream);
     static void Write(const Stream& stream, const char* data, size_t length);
 
     Loop* loop_;

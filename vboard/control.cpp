@@ -4,7 +4,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <cstdio>
 
 #include "vboard/process.h"
 
@@ -12,10 +12,10 @@ namespace vboard {
 
 using nlohmann::json;
 
-static sockaddr_un Address(const StateDir& state) {
+static sockaddr_un Address(const StateDir& state, const std::string& suffix = "") {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const std::string path = state.ControlAddress();
+    const std::string path = state.ControlAddress() + suffix;
     (void)path.copy(address.sun_path, sizeof(address.sun_path) - 1);
     return address;
 }
@@ -34,9 +34,12 @@ ControlServer::ControlServer(Loop* loop, const StateDir& state, Handler handle, 
       closed_(std::move(closed)),
       socketFile_(state.Path() / "control"),
       listener_(UnixSocket()) {
-    const sockaddr_un address = Address(state);
+    // Its name appears once it can be connected to: others wait for that.
+    const std::string unfinished = socketFile_ + ".new";
+    (void)unlink(unfinished.c_str());
+    const sockaddr_un address = Address(state, ".new");
     if (bind(listener_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-        listen(listener_.Get(), 16) != 0) {
+        listen(listener_.Get(), 16) != 0 || rename(unfinished.c_str(), socketFile_.c_str()) != 0) {
         throw SysError("cannot listen on " + socketFile_);
     }
     loop_->Add(listener_.Get(), [this] { Accept(); });

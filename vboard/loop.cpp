@@ -12,6 +12,7 @@ namespace vboard {
 void Loop::Run() {
     while (!stopped_) {
         std::vector<pollfd> waiting;
+        const uint64_t newest = lastId_;
         for (const auto& source : sources_) {
             waiting.push_back({source.first, POLLIN, 0});
         }
@@ -20,10 +21,10 @@ void Loop::Run() {
         }
         for (const pollfd& entry : waiting) {
             const auto source = sources_.find(entry.fd);
-            if (entry.revents == 0 || source == sources_.end()) {
+            if (entry.revents == 0 || source == sources_.end() || source->second.id > newest) {
                 continue;
             }
-            const std::function<void()> ready = source->second;  // it may remove itself
+            const std::function<void()> ready = source->second.ready;  // it may remove itself
             ready();
         }
     }

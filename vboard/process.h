@@ -25,8 +25,8 @@ struct Command {
     std::vector<std::string> environment = {};  // "NAME=VALUE"; empty: the caller's own
     std::string directory = {};                 // working directory; empty: the caller's own
     int network = -1;                           // network namespace; -1: the caller's own
-    int input = -1;   // the child's descriptors; -1: /dev/null for input,
-    int output = -1;  // the caller's own for the other two
+    int input = -1;                             // the child's descriptors; -1: /dev/null for input,
+    int output = -1;                            // the caller's own for the other two
     int error = -1;
     bool dieWithParent = false;  // SIGKILL when the calling thread ends
     bool newSession = false;

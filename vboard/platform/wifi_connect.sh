@@ -38,9 +38,10 @@ carrier() {
     esac
 }
 
+# The supplicant has begun to associate by itself, with the keys in the file.
+wpa disconnect >/dev/null
 if [ "$(wpa get_network 0 ssid)" != "\"$ap_ssid\"" ] || ! grep -q "psk=\"$ap_psk\"" "$conf"; then
     echo "wifi_connect.sh: the access point \"$ap_ssid\" does not accept this network"
-    wpa disconnect >/dev/null
     exit 0
 fi
 wpa set_network 0 key_mgmt NONE >/dev/null
@@ -62,4 +63,4 @@ echo $monitor >/run/wifi_radio.pid
             last=$now
         fi
     done
-) &
+) >/dev/null 2>&1 &
