@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <initializer_list>
 
 #include "common/kv_mini_trace.h"
 #include "common/kv_platform.h"
