@@ -42,6 +42,8 @@ typedef void (*hclose_cb)(hio_t* io);
 #define INFINITE ((uint32_t)-1)
 #endif
 
+extern "C" {
+
 // Creates a loop. With HLOOP_FLAG_AUTO_FREE the loop no longer exists once hloop_run returns;
 // without it the owner calls hloop_free. Null when the system refuses. Any thread.
 hloop_t* hloop_new(int flags = HLOOP_FLAG_AUTO_FREE);
@@ -118,3 +120,5 @@ int hio_fd(hio_t* io);
 // Addresses of the connection; for UDP the peer is the sender of the datagram last read.
 struct sockaddr* hio_localaddr(hio_t* io);
 struct sockaddr* hio_peeraddr(hio_t* io);
+
+}  // extern "C"
