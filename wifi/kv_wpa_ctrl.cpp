@@ -40,14 +40,15 @@ constexpr int kNoReply = -2;
 std::atomic<int> g_openCount{0};
 std::atomic<const char*> gpWorkPath{nullptr};
 
-// Each listener has a number, and the flag holds the number of the one that is to run (0: none), so
-// one that was stopped cannot mistake its successor's flag for its own.
+// Each listener thread takes a number, and the flag holds the number of the one that is to run (0:
+// none), so one that was stopped cannot mistake its successor's flag for its own.
 struct Listener {
-    pthread_mutex_t lock;
+    pthread_mutex_t lock;  // for starting and stopping
     std::atomic<uint32_t> wanted;
-    uint32_t lastNumber;
+    std::atomic<uint32_t> taken;
+    uint32_t created;
 };
-Listener g_listener = {PTHREAD_MUTEX_INITIALIZER, {0}, 0};
+Listener g_listener = {PTHREAD_MUTEX_INITIALIZER, {0}, {0}, 0};
 
 bool BindLocal(wpa_ctrl* ctrl) {
     ctrl->local.sun_family = AF_UNIX;
@@ -161,8 +162,9 @@ void Listen(uint32_t number) {
 }
 
 void* __KV_wifi_ctrlProc(void* argument) {
+    (void)argument;
     (void)prctl(PR_SET_NAME, "__KV_wifi_ctrlProc");
-    auto number = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(argument));
+    uint32_t number = ++g_listener.taken;
     Listen(number);
     // One that could not start is no longer held, so the next call starts another.
     (void)g_listener.wanted.compare_exchange_strong(number, 0);
@@ -291,11 +293,8 @@ int KV_WIFI_CtrlListen() {
     if (g_listener.wanted.exchange(0) != 0) {
         return 0;
     }
-    // Zero means none, so the count steps over it when it wraps.
-    g_listener.lastNumber = g_listener.lastNumber == UINT32_MAX ? 1 : g_listener.lastNumber + 1;
-    g_listener.wanted = g_listener.lastNumber;
-    const int error = KV_ThreadStart(nullptr, 0, __KV_wifi_ctrlProc,
-                                     reinterpret_cast<void*>(uintptr_t{g_listener.lastNumber}));
+    g_listener.wanted = ++g_listener.created;
+    const int error = KV_ThreadStart(nullptr, 0, __KV_wifi_ctrlProc, nullptr);
     if (error != 0) {
         KV_ASSERT_FAIL("pthread create failed:%s", strerror(error));
     }

@@ -20,6 +20,11 @@ class ScriptedSupplicant {
     // What to send for a command, in this order; nothing is silence.
     using Script = std::function<std::vector<Message>(const std::string& command)>;
 
+    // The same text for every command.
+    static Script Always(const std::string& text) {
+        return [text](const std::string&) { return std::vector<Message>{{text}}; };
+    }
+
     static constexpr char kWlan0[] = "/tmp/wpa_supplicant/wlan0";
 
     explicit ScriptedSupplicant(Script script, std::string path = kWlan0);
