@@ -26,7 +26,7 @@ int KV_GPIO_GetValue(int gpio, int* value) {
     }
     // An empty file leaves the byte as released.
     char byte = '1';
-    (void)!read(fd.Get(), &byte, 1);
+    (void)read(fd.Get(), &byte, 1);
     *value = byte == '0' ? 0 : 1;
     return 0;
 }

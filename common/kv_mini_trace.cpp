@@ -1,7 +1,10 @@
+// The assertion's report is wanted in every build.
+#undef NDEBUG
+#include <cassert>
+
 #define KV_TRACE_NAME "common/kv_mini_trace"
 #include "common/kv_mini_trace.h"
 
-#include <cassert>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>

@@ -58,7 +58,7 @@ void* __KV_FH_WDT_Proc(void* argument) {
 
 void WakeAndJoinFeeder() {
     const uint64_t one = 1;
-    (void)!write(g_keeper.wakeFd, &one, sizeof(one));
+    (void)write(g_keeper.wakeFd, &one, sizeof(one));
     (void)pthread_join(g_keeper.thread, nullptr);
 }
 

@@ -37,7 +37,7 @@ void HvPost(hloop_t* loop, HvNode* node) {
     loop->tail = node;
     // Under the lock: once it is let go, the event may have run and the loop may be gone.
     const uint64_t one = 1;
-    (void)!write(loop->wakeFd, &one, sizeof(one));
+    (void)write(loop->wakeFd, &one, sizeof(one));
 }
 
 void HvCancel(hloop_t* loop, HvNode* node) {
@@ -61,7 +61,7 @@ void HvCancel(hloop_t* loop, HvNode* node) {
 void HvOnWake(evutil_socket_t fd, short /*what*/, void* arg) {
     auto* loop = static_cast<hloop_t*>(arg);
     uint64_t one = 0;
-    (void)!read(fd, &one, sizeof(one));
+    (void)read(fd, &one, sizeof(one));
     HvNode* node = TakeFirst(loop);
     if (node == nullptr) {
         return;

@@ -55,7 +55,8 @@ htimer_t* htimer_add(hloop_t* loop, htimer_cb cb, uint32_t timeout_ms, uint32_t 
 void HvFreeTimers(hloop_t* loop) {
     while (loop->timers != nullptr) {
         htimer_t* timer = loop->timers;
-        Unlink(timer);
+        loop->timers = timer->next;
+        (void)event_del(&timer->timerEvent);
         delete timer;
     }
 }

@@ -41,7 +41,7 @@ void StartThread(size_t stackSize, void* (*procedure)(void*), void* argument) {
 void OnSignal(int signal) {
     const int savedErrno = errno;
     const uint8_t byte = static_cast<uint8_t>(signal);
-    (void)!write(g_signals.writeEnd, &byte, 1);
+    (void)write(g_signals.writeEnd, &byte, 1);
     errno = savedErrno;
 }
 

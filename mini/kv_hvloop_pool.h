@@ -31,9 +31,10 @@ int KV_HV_LoopPoolInit(void);
 // The same for a pool that must not exist yet: -1, and nothing happens, when it does.
 int KV_HV_LoopPoolStart(void);
 
-// Stops, joins and frees the loops, slot by slot, with every connection they still hold (no close
-// callback runs). Sockets created on a loop of the pool must have been closed by their owners.
-// Blocks until each loop has finished the callback it is in. Returns 0; -1 without a pool.
+// Stops, joins and frees the loops, slot by slot, and closes every connection that they still hold.
+// Sockets that a module opened on a loop of the pool are closed too, so the module must have let
+// them go before. Blocks until each loop has finished the callback it is in. Returns 0; -1 without
+// a pool.
 int KV_HV_LoopPoolDeInit(void);
 
 // The loop that accepts connections; creates the pool when there is none. Null when that fails.

@@ -25,7 +25,8 @@ struct DevicesConfig {
 };
 
 // The next operations of a device fail. `operation` is one of "open", "ioctl", "erase", "write",
-// "read".
+// "read". "erase" is MEMERASE, "ioctl" every other request meant for the device (all of the
+// watchdog's). A failed operation changes nothing; a fault not used up goes on with the next boot.
 struct Fault {
     std::string device;  // "mtd0" … or "watchdog"
     std::string operation;
@@ -40,7 +41,7 @@ struct WatchdogStatus {
     bool armed = false;
     int timeoutSeconds = 0;
     double secondsSinceFeed = 0;  // meaningful while armed
-    uint64_t feeds = 0;           // since the board was switched on
+    uint64_t feeds = 0;           // since this Devices object exists, resets included
 };
 
 class Devices {
@@ -52,6 +53,7 @@ class Devices {
     Devices& operator=(const Devices&) = delete;
 
     // Called from the watchdog's thread when the board was starved; at most once an attachment.
+    // Holds from the next Attach on.
     void OnWatchdogReset(std::function<void()> callback);
 
     // Serves one boot on `fuseFd`, an open /dev/fuse that the caller has already mounted; owns it
@@ -59,15 +61,22 @@ class Devices {
     // Returns at once; requests are answered on threads of this object. The watchdog starts in its
     // power-on state: disarmed. `boot` goes into the operation log. `boardPidOf` is not needed:
     // requests carry the caller's pid as seen by this process.
+    // Ends an earlier attachment first. Throws std::runtime_error when the descriptor is unusable.
+    //
+    // Keep no duplicate of fuseFd, in a forked process neither: only when the last one is closed
+    // does the kernel let go of processes that wait for a device.
     void Attach(int fuseFd, int boot);
-    // Ends the attachment: the watchdog stops, pending requests fail. Call after the board's
-    // processes are gone. Any thread but the callback's; blocks until the serving threads have
-    // ended.
+    // Ends the attachment: the watchdog stops, pending requests fail. Best called after the
+    // board's processes are gone, but a process that waits for a slow erase cannot even be killed
+    // before the chip is done or Detach has cut the erase short. Any thread but the callback's;
+    // blocks until the serving threads have ended, which takes milliseconds.
     void Detach();
 
+    // Throws std::runtime_error for a device or operation that does not exist.
     void AddFault(const Fault& fault);
     WatchdogStatus Watchdog() const;
-    // Free text note in the operation log, e.g. a boot or a reset with its reason.
+    // Free text note in the operation log, e.g. a boot or a reset with its reason. Lines of the
+    // log are described in op_log.h.
     void Note(const std::string& operation, const std::string& text);
 
   private:

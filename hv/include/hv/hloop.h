@@ -42,6 +42,8 @@ typedef void (*hclose_cb)(hio_t* io);
 #define INFINITE ((uint32_t)-1)
 #endif
 
+extern "C" {
+
 // Creates a loop. With HLOOP_FLAG_AUTO_FREE the loop no longer exists once hloop_run returns;
 // without it the owner calls hloop_free. Null when the system refuses. Any thread.
 hloop_t* hloop_new(int flags = HLOOP_FLAG_AUTO_FREE);
@@ -83,8 +85,8 @@ void hio_set_context(hio_t* io, void* ctx);
 void* hio_context(hio_t* io);
 
 // Starts reading; once more is harmless. The callback sees at most 8192 bytes (of a longer datagram
-// only the first); the byte behind them is NUL. The buffer is the loop's and valid during the
-// callback only. The callback may do to its io whatever this header offers. When the peer ends the
+// only the first); the byte behind them is NUL (libhv's own leaves that out behind a full 8192). The
+// buffer is the loop's and valid during the callback only. The callback may do to its io whatever this header offers. When the peer ends the
 // connection the io is closed. Any thread while the io is attached to a loop; the io then belongs
 // to that loop's thread. 0, or -1 with errno and the io closed.
 int hio_read(hio_t* io);
@@ -118,3 +120,5 @@ int hio_fd(hio_t* io);
 // Addresses of the connection; for UDP the peer is the sender of the datagram last read.
 struct sockaddr* hio_localaddr(hio_t* io);
 struct sockaddr* hio_peeraddr(hio_t* io);
+
+}  // extern "C"

@@ -1,0 +1,111 @@
+#!/bin/bash
+# The main story on a virtual camera: a dead application, recovery over Wi-Fi, new firmware, alive again.
+set -euo pipefail
+
+cd "$(dirname "$0")/.."
+bin=$PWD/build/bin
+work=$(mktemp -d "${TMPDIR:-/tmp}/kv-demo-XXXXXX")
+state=$work/board
+runner=
+
+# shellcheck disable=SC2317 # called by the trap
+finish() {
+    [ -z "$runner" ] || { kill "$runner" 2>/dev/null || true; wait "$runner" 2>/dev/null || true; }
+    rm -rf "$work"
+}
+trap finish EXIT
+
+board() { "$bin/vboard" --state "$state" "$@"; }
+now() { date +%s.%N; }
+seconds() { echo "$2 $1" | awk '{ printf "%.1f s", $1 - $2 }'; }
+phases=()
+begin() { printf '\n== %s\n' "$1"; phase=$1 began=$(now); }
+end() { phases+=("$(printf '%-62s %8s' "$phase" "$(seconds "$began" "$(now)")")"); }
+await() {
+    board wait --timeout 60 "$@" || {
+        echo "demo: not seen: $*; the board's last words:" >&2
+        board log | tail -20 >&2
+        exit 1
+    }
+}
+
+begin "Firmware images are made and packed"
+mkdir -p "$work/root/etc" "$work/app/bin"
+echo "virtual camera" >"$work/root/etc/issue"
+head -c 1500000 /dev/urandom >"$work/root/library"
+cp "$bin/cameraMain" "$work/app/bin/cameraMain"
+mksquashfs "$work/root" "$work/rootfs.img" -quiet -no-progress -all-root
+mksquashfs "$work/app" "$work/app.img" -quiet -no-progress -all-root
+head -c 1800000 /dev/urandom >"$work/kernel.img"
+head -c 300000 /dev/urandom >"$work/uboot.img"
+"$bin/kvtool" pack -o "$work/firmware.FLS" "uboot=$work/uboot.img" "kernel=$work/kernel.img" \
+    "rootfs=$work/rootfs.img" "app=$work/app.img"
+end
+
+begin "The board boots with empty application flash; recovery starts"
+board run --no-eth --quiet -- "$bin/upgradeMain" >"$work/runner.log" 2>&1 &
+runner=$!
+await --boot 1 --log "app file not exist!"
+board status
+end
+
+begin "The device joins the service Wi-Fi by itself"
+await --boot 1 --log "into wifi guard"
+board log | grep -E "state:|into wifi guard" | tail -2
+end
+
+begin "A technician's laptop finds it by broadcast"
+board exec -- "$bin/kvtool" discover --timeout 2
+mac=$(board exec -- "$bin/kvtool" discover --timeout 1 --json |
+    python3 -c 'import json, sys; print(json.load(sys.stdin)["devices"][0]["mac"])')
+end
+
+begin "The package travels over Wi-Fi into flash, and the device reboots"
+board exec -- "$bin/kvtool" upgrade --no-follow "$mac" "$work/firmware.FLS"
+await --boot 2
+board status | sed -n '2p'
+end
+
+begin "The new application is found, started and alive"
+await --boot 2 --log "app file exist!"
+await --boot 2 --log "Process cameraMain online"
+board log | grep -E "app file exist|online" | head -2
+end
+
+printf '\n== Every partition was read back\n'
+printf '%-10s %-18s %9s  %-32s %s\n' partition device bytes "MD5 of the image" result
+failed=0
+check() { # NAME DEVICE...
+    name=$1
+    shift
+    image=$work/$name.img
+    size=$(stat -c %s "$image")
+    for mtd in "$@"; do
+        board flash read "$mtd" "$work/$mtd.bin"
+        cat "$work/$mtd.bin"
+    done >"$work/readback"
+    want=$(md5sum <"$image")
+    got=$(head -c "$size" "$work/readback" | md5sum)
+    result=same
+    [ "$want" = "$got" ] || { result=DIFFERENT failed=1; }
+    printf '%-10s %-18s %9d  %-32s %s\n' "$name" "$*" "$size" "${want%% *}" "$result"
+}
+check uboot mtd0 mtd1 mtd2
+check kernel mtd3
+check rootfs mtd4
+check app mtd5
+
+printf '\n== Phases\n'
+printf '%s\n' "${phases[@]}"
+board ops --json | python3 -c '
+import json, sys
+last, gap = {}, 0.0
+for line in sys.stdin:
+    op = json.loads(line)
+    if op["op"] == "ioctl:KEEPALIVE":
+        gap = max(gap, op["t"] - last.get(op["boot"], op["t"]))
+        last[op["boot"]] = op["t"]
+print("largest gap between two feeds of the watchdog: %.2f s" % gap)
+sys.exit(gap >= 1.3)'
+[ "$failed" = 0 ] && printf '\nThe camera is back.\n'
+exit "$failed"

@@ -1,0 +1,249 @@
+// The flash writer on virtual NOR: what it writes, what it says, and that it always ends in a
+// reboot.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "tests/support/board.h"
+#include "tests/support/package.h"
+
+using kv_test::Board;
+using kv_test::BuildPackage;
+using kv_test::Image;
+using kv_test::Noise;
+
+namespace {
+
+constexpr size_t kBlock = 65536;
+
+// Small partitions keep the tests short; the boot loader keeps its sizes.
+const std::vector<std::string> kLayout = {"--no-wifi", "--layout",
+                                          "mtd3=256K,mtd4=192K,mtd5=256K,mtd6=128K,mtd7=64K"};
+
+// Flashes one package after another on one board; each run is a boot.
+class FlashWriter : public testing::Test {
+  protected:
+    void SetUp() override { board_.Start(kLayout); }
+
+    // Lays `package` out, raises SIGUSR2, waits for the boot that follows and returns the messages
+    // of the run without the progress lines.
+    std::vector<std::string> Flash(const std::string& package,
+                                   const std::vector<std::vector<std::string>>& faults = {}) {
+        EXPECT_TRUE(board_.WaitTrace("app file not exist!", boot_));
+        if (!package.empty()) {
+            kv_test::WriteFile(board_.Path("param/package"), package);
+            (void)board_.OnBoard("cp /param/package /tmp/upGradeFile.FLS");
+        }
+        for (const auto& fault : faults) {
+            std::vector<std::string> words = {"fault"};
+            words.insert(words.end(), fault.begin(), fault.end());
+            (void)board_.Do(words);
+        }
+        board_.Signal(SIGUSR2);
+        EXPECT_TRUE(board_.WaitBoot(boot_ + 1, 60));
+        EXPECT_EQ(board_.Reason(boot_ + 1).substr(0, 9), "reboot -f");
+        return RunMessages(boot_++);
+    }
+
+    std::vector<std::string> RunMessages(int boot) const {
+        std::vector<std::string> messages;
+        bool begun = false;
+        for (const std::string& message : board_.Messages(boot)) {
+            begun = begun || message == "INFO KV_UPGRADE_Proc: Scalable partition:";
+            if (begun && message.find("64 Kibyte @") == std::string::npos) {
+                messages.push_back(message);
+            }
+        }
+        return messages;
+    }
+
+    // Whether `expected` stands in `messages`, in this order and with nothing in between.
+    static testing::AssertionResult HasRun(const std::vector<std::string>& messages,
+                                           const std::vector<std::string>& expected) {
+        if (std::search(messages.begin(), messages.end(), expected.begin(), expected.end()) !=
+            messages.end()) {
+            return testing::AssertionSuccess();
+        }
+        testing::AssertionResult failure = testing::AssertionFailure() << "in this run:";
+        for (const auto& message : messages) {
+            failure << "\n  " << message;
+        }
+        return failure;
+    }
+
+    Board board_;
+    int boot_ = 1;
+};
+
+std::string ErasedBehind(const std::string& bytes, size_t size) {
+    return bytes + std::string(size - bytes.size(), '\xFF');
+}
+
+}  // namespace
+
+TEST_F(FlashWriter, WritesEveryImageAndSaysSo) {
+    const std::string kernel = Noise(100000, 1);
+    const std::string rootfs = Noise(3 * kBlock, 2);
+    const std::string boot = Noise(300 * 1024, 3);
+    // "kern" selects nothing; "rootfs" is exactly as large as its partition; the boot loader comes
+    // last.
+    const auto messages = Flash(BuildPackage(
+        {{"kernel2", kernel}, {"kern", "skipped"}, {"rootfs.img", rootfs}, {"uboot", boot}}));
+    // The chunk that ends an image takes what follows it along.
+    EXPECT_EQ(board_.Flash("mtd3"),
+              ErasedBehind(kernel + ("skipped" + rootfs).substr(0, 2 * kBlock - kernel.size()),
+                           4 * kBlock));
+    EXPECT_EQ(board_.Flash("mtd4"), rootfs);
+    EXPECT_EQ(board_.Flash("mtd0"), boot.substr(0, 4 * kBlock));
+    EXPECT_EQ(board_.Flash("mtd1"), ErasedBehind(boot.substr(4 * kBlock), kBlock));
+    EXPECT_EQ(board_.Flash("mtd2"), std::string(4 * kBlock, '\xFF'));
+
+    EXPECT_EQ(messages[1], "INFO KV_UPGRADE_Proc: name: kernel, mtd: /dev/mtd3");
+    EXPECT_EQ(messages[3], "INFO KV_UPGRADE_Proc: name:    app, mtd: /dev/mtd5");
+    EXPECT_TRUE(HasRun(
+        messages,
+        {"DEBUG KV_UPGRADE_Proc: cmd:killall -9 cameraMain",
+         "DEBUG KV_UPGRADE_Proc: cmd:killall -9 udhcpc", "INFO KV_UPGRADE_Proc: ic is PRT7K",
+         "INFO KV_UPGRADE_Proc: sensorType is 38QX", "INFO KV_UPGRADE_Proc: file total len is 1",
+         "INFO KV_UPGRADE_Proc: update file number : 4",
+         "INFO KV_UPGRADE_Proc: fileNum: 0, fileName: kernel2, dataLen: 100000",
+         "INFO KV_UPGRADE_Proc: upgrate mtd: /dev/mtd3, name: kernel, start...",
+         "INFO KV_UPGRADE_ErasePartition: erase mtd: /dev/mtd3",
+         "INFO KV_UPGRADE_ErasePartition: ", "INFO KV_UPGRADE_WritePartition: write mtd: /dev/mtd3",
+         "INFO KV_UPGRADE_Proc: upgrate mtd: /dev/mtd3, name: kernel, end...",
+         "INFO KV_UPGRADE_Proc: fileNum: 1, fileName: kern, dataLen: 7",
+         "INFO KV_UPGRADE_Proc: fileNum: 2, fileName: rootfs.img, dataLen: 196608"}));
+    EXPECT_TRUE(
+        HasRun(messages, {"INFO KV_UPGRADE_EraseUbootPartition: erase mtd: /dev/mtd2 ",
+                          "INFO KV_UPGRADE_EraseUbootPartition: ",
+                          "INFO KV_UPGRADE_WriteUbootPartition: write mtd: /dev/mtd0 ",
+                          "INFO KV_UPGRADE_WriteUbootPartition: write mtd: /dev/mtd1 ",
+                          "INFO KV_UPGRADE_WriteUbootPartition: write mtd: /dev/mtd2 ",
+                          "INFO KV_UPGRADE_Proc: upgrate mtd: /dev/mtd0, name: uboot, end...",
+                          "INFO KV_FH_WDT_Reboot: Start to stop feeding the dog!"}));
+    const std::string trace = board_.Trace();
+    for (const char* progress :
+         {"Erase 64 Kibyte @ 10000 -- 25 % complete", "Erase 64 Kibyte @ 40000 -- 100 % complete",
+          "Write 64 Kibyte @ 10000 -- 66 % complete", "Write 64 Kibyte @ 20000 -- 100 % complete",
+          "Write 64 Kibyte @ 10000 -- 21 % complete", "Write 64 Kibyte @ b000 -- 100 % complete"}) {
+        EXPECT_NE(trace.find(progress), std::string::npos) << progress;
+    }
+    for (const auto& operation : board_.Operations()) {
+        EXPECT_EQ(operation.count("bitsNotCleared"), 0U) << operation;
+    }
+}
+
+TEST_F(FlashWriter, PackagesThatCannotBeReadEndInAReboot) {
+    EXPECT_TRUE(HasRun(Flash(""), {"ERROR KV_UPGRADE_Proc: open /tmp/upGradeFile.FLS error",
+                                   "INFO KV_FH_WDT_Reboot: Start to stop feeding the dog!"}));
+    EXPECT_TRUE(
+        HasRun(Flash("PRT7K"), {"ERROR KV_UPGRADE_Proc: read upgrate header error return is 5",
+                                "INFO KV_FH_WDT_Reboot: Start to stop feeding the dog!"}));
+    EXPECT_TRUE(HasRun(Flash(BuildPackage({}, {"ANY", "ONE", 0, 0})),
+                       {"INFO KV_UPGRADE_Proc: update file number : 0",
+                        "INFO KV_FH_WDT_Reboot: Start to stop feeding the dog!"}));
+}
+
+TEST_F(FlashWriter, BadCheckCodeEndsTheEntries) {
+    const std::string first = Noise(kBlock, 4);
+    const auto messages = Flash(BuildPackage(
+        {{"kernel", first}, {"rootfs", Noise(100, 5), 74564}, {"app", Noise(100, 6)}}));
+    EXPECT_TRUE(HasRun(messages, {"ERROR KV_UPGRADE_Proc: check code verify failed!!!, 74564",
+                                  "INFO KV_FH_WDT_Reboot: Start to stop feeding the dog!"}));
+    EXPECT_EQ(board_.Flash("mtd3"), ErasedBehind(first, 4 * kBlock));
+    EXPECT_EQ(board_.Flash("mtd5"), std::string(4 * kBlock, '\xFF'));
+}
+
+TEST_F(FlashWriter, ImageLargerThanItsPartitionIsPassedOver) {
+    const std::string app = Noise(4 * kBlock, 7);
+    const std::string region = Noise(9 * kBlock + 1, 8);
+    const auto messages = Flash(
+        BuildPackage({{"uboot", region}, {"rootfs", Noise(3 * kBlock + 1, 9)}, {"app", app}}));
+    EXPECT_TRUE(
+        HasRun(messages, {"ERROR KV_UPGRADE_Proc: update file is too big, /dev/mtd0 failed!!",
+                          "INFO KV_UPGRADE_Proc: fileNum: 1, fileName: rootfs, dataLen: "
+                          "196609"}));
+    EXPECT_TRUE(
+        HasRun(messages, {"ERROR KV_UPGRADE_Proc: update file is too big, /dev/mtd4 failed!!"}));
+    EXPECT_EQ(board_.Flash("mtd4"), std::string(3 * kBlock, '\xFF'));
+    EXPECT_EQ(board_.Flash("mtd5"), app);
+}
+
+TEST_F(FlashWriter, DeviceFailuresAreNamedAndTheNextEntryIsWritten) {
+    const std::string image = Noise(1000, 10);
+    const std::string last = Noise(kBlock, 11);
+    const struct {
+        const char* name;
+        std::vector<std::vector<std::string>> faults;
+        std::vector<std::string> expected;
+    } rows[] = {
+        {"app",
+         {{"mtd5", "open", "--errno", "EIO", "--count", "2"}},
+         {"ERROR KV_UPGRADE_GetPartitionSize: open partiton:/dev/mtd5 fail!!!",
+          "INFO KV_UPGRADE_ErasePartition: erase mtd: /dev/mtd5",
+          "ERROR KV_UPGRADE_ErasePartition: open partiton:/dev/mtd5 fail!!!",
+          "ERROR KV_UPGRADE_Proc: erase /dev/mtd5 failed!!",
+          "INFO KV_UPGRADE_Proc: fileNum: 1, fileName: var, dataLen: 65536"}},
+        {"app",
+         {{"mtd5", "ioctl", "--errno", "EIO", "--count", "2"}},
+         {"ERROR KV_UPGRADE_GetPartitionSize: ioctl memgetinfo fail!!!",
+          "INFO KV_UPGRADE_ErasePartition: erase mtd: /dev/mtd5",
+          "ERROR KV_UPGRADE_ErasePartition: ioctl memgetinfo fail!!!",
+          "ERROR KV_UPGRADE_Proc: erase /dev/mtd5 failed!!"}},
+        {"app",
+         {{"mtd5", "erase", "--errno", "EIO", "--skip", "1"}},
+         {"ERROR KV_UPGRADE_ErasePartition: ioctl MEMERASE fail!!!",
+          "ERROR KV_UPGRADE_Proc: erase /dev/mtd5 failed!!"}},
+        {"app",
+         {{"mtd5", "open", "--errno", "EIO", "--skip", "2"}},
+         {"INFO KV_UPGRADE_WritePartition: write mtd: /dev/mtd5",
+          "ERROR KV_UPGRADE_WritePartition: open mtd error ",
+          "ERROR KV_UPGRADE_Proc: write data to /dev/mtd5 failed!!!"}},
+        {"uboot",
+         {{"mtd1", "open", "--errno", "EIO", "--count", "2"}},
+         {"ERROR KV_UPGRADE_GetUbootPartitionSize: /dev/mtd1 open partiton fail!!!",
+          "INFO KV_UPGRADE_EraseUbootPartition: erase mtd: /dev/mtd0 ",
+          "INFO KV_UPGRADE_EraseUbootPartition: ",
+          "INFO KV_UPGRADE_EraseUbootPartition: erase mtd: /dev/mtd1 ",
+          "ERROR KV_UPGRADE_EraseUbootPartition: /dev/mtd1 open partiton fail!!!",
+          "ERROR KV_UPGRADE_Proc: erase /dev/mtd0 failed!!"}},
+        {"uboot",
+         {{"mtd2", "ioctl", "--errno", "EIO", "--skip", "2"}},
+         {"INFO KV_UPGRADE_WriteUbootPartition: write mtd: /dev/mtd2 ",
+          "ERROR KV_UPGRADE_WriteUbootPartition: /dev/mtd2 ioctl memgetinfo fail!!!",
+          "ERROR KV_UPGRADE_Proc: write data to /dev/mtd0 failed!!!"}},
+    };
+    for (const auto& row : rows) {
+        const auto messages = Flash(BuildPackage({{row.name, image}, {"var", last}}), row.faults);
+        EXPECT_TRUE(HasRun(messages, row.expected));
+        EXPECT_EQ(board_.Flash("mtd6"), ErasedBehind(last, 2 * kBlock));
+    }
+}
+
+TEST_F(FlashWriter, ShortAndFailedWritesCountAsReturned) {
+    const std::string image = Noise(2 * kBlock, 12);
+    (void)Flash(BuildPackage({{"app", image}}), {{"mtd5", "write", "--short", "4096"}});
+    // 4096 bytes of the first chunk, the second chunk behind them, and no third one.
+    EXPECT_NE(board_.Trace(1).find("Write 64 Kibyte @ 1000 -- 3 % complete"), std::string::npos);
+    EXPECT_EQ(board_.Flash("mtd5"),
+              ErasedBehind(image.substr(0, 4096) + image.substr(kBlock), 4 * kBlock));
+    (void)Flash(BuildPackage({{"app", image}}), {{"mtd5", "write", "--errno", "EIO"}});
+    EXPECT_NE(board_.Trace(2).find("Write 64 Kibyte @ ffffffff -- 100 % complete"),
+              std::string::npos);
+    EXPECT_EQ(board_.Flash("mtd5"), std::string(4 * kBlock, '\xFF'));
+}
+
+TEST_F(FlashWriter, FailedRebootCommandLeavesTheResetToTheWatchdog) {
+    ASSERT_TRUE(board_.WaitTrace("app file not exist!"));
+    (void)board_.Do({"fault", "reboot", "fail"});
+    board_.Signal(SIGUSR2);
+    ASSERT_TRUE(board_.WaitBoot(2, 60));
+    EXPECT_EQ(board_.Reason(2).substr(0, 8), "watchdog");
+    EXPECT_TRUE(
+        HasRun(RunMessages(1), {"ERROR KV_UPGRADE_Reboot: do reboot failed!!!",
+                                "INFO KV_FH_WDT_Reboot: Start to stop feeding the dog!",
+                                "DEBUG KV_FH_WDT_Reboot: Wait for the watchdog to restart!"}));
+}

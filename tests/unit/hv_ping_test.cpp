@@ -1,0 +1,82 @@
+// Runs in the sandbox: a network of its own with nothing but loopback, and the right to raw
+// sockets.
+#include "hv/icmp.h"
+
+#include <linux/capability.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+#include "hv_test_support.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Another host, 10.9.8.2, behind a link of this sandbox's own; nobody is at 10.9.8.7. Loopback
+// would not do: a raw socket there sees the request itself first, which libhv takes for a wrong
+// answer.
+class HvPing : public testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        ASSERT_EQ(system("unshare --net sleep 600 & host=$!\n"
+                         "ours=$(readlink /proc/self/ns/net)\n"
+                         "for i in $(seq 100); do\n"
+                         "    [ \"$(readlink /proc/$host/ns/net)\" != \"$ours\" ] && break\n"
+                         "    sleep 0.05\n"
+                         "done\n"
+                         "ip link add near type veth peer name far netns $host &&\n"
+                         "nsenter --net=/proc/$host/ns/net sh -ec '\n"
+                         "    ip addr add 10.9.8.2/24 dev far && ip link set far up' &&\n"
+                         "ip addr add 10.9.8.1/24 dev near && ip link set near up"),
+                  0);
+    }
+};
+
+TEST_F(HvPing, CountsAnswersOneSecondApart) {
+    EXPECT_EQ(ping("10.9.8.2", 1), 1);
+    const auto begin = Clock::now();
+    EXPECT_EQ(ping("10.9.8.2", 3), 3);
+    EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(1900));
+    EXPECT_LT(Clock::now() - begin, std::chrono::milliseconds(3500));
+}
+
+TEST_F(HvPing, NoAnswerCostsASecond) {
+    const auto begin = Clock::now();
+    EXPECT_LE(ping("10.9.8.7", 1), 0);
+    EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(900));
+    EXPECT_LT(Clock::now() - begin, std::chrono::milliseconds(2500));
+}
+
+TEST_F(HvPing, AnotherHostsAnswersAreNotTaken) {
+    BUNDLED_ONLY("it takes the answer to another thread's request");
+    int other = 0;
+    std::thread answered([&] { other = ping("10.9.8.2", 3); });
+    EXPECT_LE(ping("10.9.8.7", 2), 0);
+    answered.join();
+    EXPECT_EQ(other, 3);
+}
+
+TEST_F(HvPing, RefusesNamesAndNonsenseAtOnce) {
+    const auto begin = Clock::now();
+    for (const char* host : {"", "localhost", "1.2.3", "no.such.host.invalid", "172.20.18.1 "}) {
+        EXPECT_LE(ping(host, 1), 0) << host;
+    }
+    EXPECT_LT(Clock::now() - begin, std::chrono::milliseconds(500));
+}
+
+TEST_F(HvPing, WithoutTheRightToRawSocketsItFails) {
+    int result = 0;
+    std::thread([&] {
+        __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+        __user_cap_data_struct none[2] = {};
+        ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
+        result = ping("127.0.0.1", 1);
+    }).join();
+    EXPECT_LT(result, 0);
+}
+
+}  // namespace

@@ -1,0 +1,227 @@
+// The loop pool: life, choice of a worker, hand-over, and what happens when parts of it fail.
+#include "mini/kv_hvloop_pool.h"
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/support/capture.h"
+#include "tests/support/tcp_client.h"
+
+namespace {
+
+constexpr int kPort = 20080;
+
+std::atomic<int> g_loopsUntilFailure{-1};
+// The loops in the order of their making, which is that of the slots.
+std::vector<hloop_t*> g_loops;
+std::atomic<bool> g_refuseThreads{false};
+std::atomic<size_t> g_stackSize{0};
+
+}  // namespace
+
+extern "C" {
+hloop_t* __real_hloop_new(int flags);
+hloop_t* __wrap_hloop_new(int flags) {
+    EXPECT_EQ(flags & HLOOP_FLAG_AUTO_FREE, 0);
+    if (g_loopsUntilFailure >= 0 && g_loopsUntilFailure-- == 0) {
+        return nullptr;
+    }
+    g_loops.push_back(__real_hloop_new(flags));
+    return g_loops.back();
+}
+
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                          void* (*procedure)(void*), void* argument);
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                          void* (*procedure)(void*), void* argument) {
+    size_t size = 0;
+    (void)pthread_attr_getstacksize(attributes, &size);
+    g_stackSize = size;
+    return g_refuseThreads ? EAGAIN
+                           : __real_pthread_create(thread, attributes, procedure, argument);
+}
+}
+
+namespace {
+
+int LoopThreads() {
+    int count = 0;
+    DIR* tasks = opendir("/proc/self/task");
+    while (const dirent* task = readdir(tasks)) {
+        std::ifstream comm(std::string("/proc/self/task/") + task->d_name + "/comm");
+        std::string name;
+        if (std::getline(comm, name) && name == "__KV_HV_LoopPro") {
+            ++count;
+        }
+    }
+    (void)closedir(tasks);
+    return count;
+}
+
+bool AllLoopsRun() {
+    // A loop that answers a mark has entered hloop_run, behind the naming of its thread.
+    KV_HV_LoopPoolSettle();
+    return LoopThreads() == 4;
+}
+
+// Tells a client on which worker it is: answers every chunk with the thread's identity.
+void Identify(hio_t* io, void* buf, int readbytes) {
+    (void)buf;
+    (void)readbytes;
+    const pthread_t self = pthread_self();
+    (void)hio_write(io, &self, sizeof(self));
+}
+
+void Serve(hio_t* io) {
+    hio_setcb_read(io, Identify);
+    (void)hio_read(io);
+}
+
+void OnAccept(hio_t* io) {
+    KV_HV_HandOver(io, Serve);
+}
+
+std::string Worker(kv_test::TcpClient* client) {
+    return client->Send("?") ? client->Receive(sizeof(pthread_t)) : "";
+}
+
+// Closes the listener on its loop, so that the pool holds no socket of the test's any more.
+void CloseListener(hio_t* listener) {
+    (void)hio_close(listener);
+    KV_HV_LoopPoolSettle();
+}
+
+TEST(HvLoopPool, StartsAndStopsInOneProcessAsOftenAsWanted) {
+    for (int round = 0; round < 3; ++round) {
+        std::string log;
+        {
+            const kv_test::Capture capture(2);
+            EXPECT_EQ(KV_HV_LoopPoolStart(), 0);
+            EXPECT_EQ(KV_HV_LoopPoolStart(), -1);
+            EXPECT_TRUE(AllLoopsRun());
+            EXPECT_EQ(KV_HV_LoopPoolDeInit(), 0);
+            EXPECT_EQ(LoopThreads(), 0);
+            EXPECT_EQ(KV_HV_LoopPoolDeInit(), -1);
+            log = capture.Text();
+        }
+        EXPECT_NE(log.find("DEBUG kv_hvloop_pool:KV_HV_LoopPoolInit:"), std::string::npos) << log;
+        EXPECT_NE(log.find("\033[mLoopPoolInit Init Success!\n"), std::string::npos) << log;
+        EXPECT_NE(log.find("\033[mLoopPoolInit DeInit Success!\n"), std::string::npos) << log;
+        EXPECT_NE(log.find("FAILED kv_hvloop_pool:KV_HV_LoopPoolDeInit:"), std::string::npos);
+        EXPECT_NE(log.find("\033[mEvent not Inited!\n"), std::string::npos) << log;
+    }
+    EXPECT_EQ(g_stackSize, 0x20000U);
+}
+
+TEST(HvLoopPool, StopsLoopsThatMayNotHaveBegunToRun) {
+    for (int round = 0; round < 50; ++round) {
+        ASSERT_EQ(KV_HV_LoopPoolInit(), 0);
+        ASSERT_EQ(KV_HV_LoopPoolDeInit(), 0);
+    }
+    EXPECT_EQ(LoopThreads(), 0);
+}
+
+TEST(HvLoopPool, GettersCreateThePool) {
+    for (hloop_t* (*getter)() : {KV_HV_GetAcceptLoop, KV_HV_GetWorkLoop}) {
+        EXPECT_NE(getter(), nullptr);
+        EXPECT_TRUE(AllLoopsRun());
+        EXPECT_NE(KV_HV_GetAcceptLoop(), KV_HV_GetWorkLoop());
+        EXPECT_EQ(KV_HV_LoopPoolDeInit(), 0);
+    }
+}
+
+TEST(HvLoopPool, AFailedLoopLeavesAPoolThatTheNextCallCompletes) {
+    std::string log;
+    {
+        const kv_test::Capture capture(2);
+        g_loopsUntilFailure = 2;
+        EXPECT_EQ(KV_HV_LoopPoolInit(), -1);
+        log = capture.Text();
+    }
+    EXPECT_NE(log.find("\033[mloop new failed!\n"), std::string::npos) << log;
+    EXPECT_TRUE(kv_test::Await([] { return LoopThreads() == 2; }));
+    EXPECT_EQ(KV_HV_LoopPoolDeInit(), -1);
+    g_loopsUntilFailure = 0;
+    EXPECT_EQ(KV_HV_GetAcceptLoop(), nullptr);
+    g_loopsUntilFailure = 0;
+    EXPECT_EQ(KV_HV_GetWorkLoop(), nullptr);
+    EXPECT_EQ(KV_HV_LoopPoolInit(), 0);
+    EXPECT_TRUE(AllLoopsRun());
+    EXPECT_EQ(KV_HV_LoopPoolDeInit(), 0);
+    EXPECT_EQ(LoopThreads(), 0);
+}
+
+TEST(HvLoopPoolDeathTest, AThreadThatCannotBeCreatedAborts) {
+    EXPECT_DEATH(
+        {
+            g_refuseThreads = true;
+            (void)KV_HV_LoopPoolInit();
+        },
+        "ASSERT kv_hvloop_pool:KV_HV_LoopPoolInit:.*pthread create failed:Resource temporarily");
+}
+
+TEST(HvLoopPool, ConnectionsGoToTheLeastLoadedWorkerAndTiesToTheLowerSlot) {
+    g_loops.clear();
+    hio_t* listener = hloop_create_tcp_server(KV_HV_GetAcceptLoop(), "", kPort, OnAccept);
+    ASSERT_NE(listener, nullptr);
+    ASSERT_EQ(g_loops.size(), 4U);
+    EXPECT_EQ(KV_HV_GetAcceptLoop(), g_loops[0]);
+    std::vector<std::unique_ptr<kv_test::TcpClient>> clients;
+    std::vector<std::string> workers;
+    const auto connectTo = [&](size_t slot) {
+        EXPECT_EQ(KV_HV_GetWorkLoop(), g_loops[slot]);
+        clients.push_back(std::make_unique<kv_test::TcpClient>(kPort));
+        workers.push_back(Worker(clients.back().get()));
+        ASSERT_EQ(workers.back().size(), sizeof(pthread_t));
+    };
+    for (const size_t slot : {1, 2, 3, 1, 2, 3}) {
+        connectTo(slot);
+    }
+    EXPECT_EQ(std::set<std::string>(workers.begin(), workers.begin() + 3).size(), 3U);
+    EXPECT_TRUE(std::equal(workers.begin(), workers.begin() + 3, workers.begin() + 3));
+
+    // Two connections of slot 2 end: it takes the next two, though slot 1 is the lower one.
+    const uint32_t before = hloop_nios(g_loops[2]);
+    clients[1].reset();
+    clients[4].reset();
+    EXPECT_TRUE(kv_test::Await([=] { return hloop_nios(g_loops[2]) == before - 2; }));
+    for (const size_t slot : {2, 2, 1}) {
+        connectTo(slot);
+    }
+    EXPECT_EQ(workers[6], workers[1]);
+    EXPECT_EQ(workers[7], workers[1]);
+    EXPECT_EQ(workers[8], workers[0]);
+
+    CloseListener(listener);
+    EXPECT_EQ(KV_HV_LoopPoolDeInit(), 0);
+}
+
+TEST(HvLoopPool, StopsWhileConnectionsAreBeingHandedOver) {
+    for (int round = 0; round < 10; ++round) {
+        ASSERT_NE(hloop_create_tcp_server(KV_HV_GetAcceptLoop(), "", kPort, OnAccept), nullptr);
+        std::vector<std::unique_ptr<kv_test::TcpClient>> clients;
+        for (int i = 0; i < 20; ++i) {
+            clients.push_back(std::make_unique<kv_test::TcpClient>(kPort));
+            ASSERT_TRUE(clients.back()->Connected());
+        }
+        // The listener goes down with its loop, in the middle of whatever it has accepted so far;
+        // every client sees the end of its connection.
+        ASSERT_EQ(KV_HV_LoopPoolDeInit(), 0);
+        for (const auto& client : clients) {
+            EXPECT_TRUE(client->EndsNow());
+        }
+    }
+    EXPECT_EQ(LoopThreads(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,312 @@
+// kvtool: the command protocol and upgrades, against a scripted device.
+#include <gtest/gtest.h>
+
+#include <poll.h>
+
+#include "tests/support/fake_device.h"
+#include "tools/kvtool_lib/follow.h"
+#include "tools/kvtool_lib/upgrade_session.h"
+
+namespace {
+
+using fake::Device;
+using fake::Script;
+using fake::Verdict;
+using kvtool::Bytes;
+using kvtool::ExitCode;
+using kvtool::Millis;
+using kvtool::ToolError;
+
+class Listener : public kvtool::UpgradeListener {
+  public:
+    void Line(const std::string& text) override { lines.push_back(text); }
+    void Progress(uint64_t acknowledged, uint64_t, double) override {
+        EXPECT_GE(acknowledged, last);
+        last = acknowledged;
+    }
+    std::vector<std::string> lines;
+    uint64_t last = 0;
+};
+
+kvtool::UpgradeTimes ShortTimes() {
+    kvtool::UpgradeTimes times;
+    times.connect = Millis(2000);
+    times.reply = Millis(500);
+    times.header_gap = Millis(30);
+    times.first_look = Millis(100);
+    times.stall = Millis(1500);
+    times.verify = Millis(500);
+    times.leave = Millis(500);
+    times.back = Millis(500);
+    times.probe_every = Millis(50);
+    times.probe_reply = Millis(500);
+    return times;
+}
+
+// A byte pattern that repeats nowhere near a read or send size.
+Bytes Pattern(size_t size) {
+    Bytes bytes(size);
+    for (size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<uint8_t>(i * 7 + i / 251);
+    }
+    return bytes;
+}
+
+// The exit code of everything from connecting to the end of following.
+ExitCode Upgrade(const Device& device, const Bytes& package, kvtool::UpgradeRecord* record,
+                 std::string* text, bool follow = false) {
+    Listener listener;
+    const kvtool::UpgradeTimes times = ShortTimes();
+    try {
+        kvtool::UpgradeSession session(times, &listener, record);
+        session.Connect("127.0.0.1", device.Port());
+        session.Login();
+        session.Identify();
+        session.Upload(package);
+        return follow ? kvtool::Follow(session.Peer(), session.Fd(), times, &listener, record)
+                      : ExitCode::kDone;
+    } catch (const ToolError& error) {
+        *text = error.what();
+        return error.Code();
+    }
+}
+
+// Sizes around the device's reads and the first piece, and a prime.
+TEST(KvtoolUpgrade, SendsThePackageAndItsTrailerWhole) {
+    for (const size_t size : {1U, 4095U, 4097U, 8123U, 1048573U}) {
+        const Bytes package = Pattern(size);
+        Device device(Script{});
+        kvtool::UpgradeRecord record;
+        std::string text;
+        ASSERT_EQ(Upgrade(device, package, &record, &text), ExitCode::kDone) << size << text;
+
+        const Bytes request = device.UpgradeRequest();
+        const auto total = static_cast<uint32_t>(size + 37);
+        Bytes expected(32);
+        expected[2] = expected[3] = 1;
+        expected[4] = 0x02;
+        expected[5] = 0x20;
+        expected[8] = 0x01;  // the session that the heartbeat told
+        expected[11] = 0x5A;
+        for (size_t i = 0; i < 4; ++i) {
+            expected[12 + i] = static_cast<uint8_t>(total >> (8 * i));
+        }
+        expected[16] = 1;
+        EXPECT_EQ(request, expected);
+        EXPECT_EQ(device.Chunks(), std::vector<size_t>(4, 32)) << "each request is a chunk alone";
+
+        const Bytes stream = device.Stream();
+        ASSERT_EQ(stream.size(), size + 37);
+        EXPECT_TRUE(std::equal(package.begin(), package.end(), stream.begin()));
+        EXPECT_EQ(record.acknowledged, size + 37);
+        EXPECT_TRUE(record.accepted);
+    }
+}
+
+TEST(KvtoolUpgrade, TrailerIsTheDigestInLowerCase) {
+    const std::string abc = "abc";
+    const auto trailer = kvtool::MakeTrailer(Bytes(abc.begin(), abc.end()));
+    EXPECT_EQ(std::string(trailer.begin(), trailer.end()),
+              "MD5:900150983cd24fb0d6963f7d28e17f72\n");
+}
+
+TEST(KvtoolUpgrade, SurvivesSplitRepliesAndASlowReader) {
+    Script script;
+    script.reply_piece = 7;
+    script.read_step = 3000;
+    script.read_pause = Millis(1);
+    Device device(script);
+    kvtool::UpgradeRecord record;
+    std::string text;
+    const Bytes package = Pattern(400000);
+    EXPECT_EQ(Upgrade(device, package, &record, &text), ExitCode::kDone) << text;
+    EXPECT_EQ(device.Stream().size(), package.size() + 37);
+    EXPECT_EQ(record.device.model, "ZH8C4");
+}
+
+TEST(KvtoolUpgrade, TellsFailuresOfTheTransferApart) {
+    struct Case {
+        const char* what;
+        std::function<void(Script*)> arrange;
+        ExitCode code;
+    };
+    constexpr size_t kSize = 2 << 20;
+    const Case cases[] = {
+        {"reset in front of everything", [](Script* s) { s->close_after = 0; }, ExitCode::kLost},
+        {"reset within the first piece", [](Script* s) { s->close_after = 100; }, ExitCode::kLost},
+        {"reset in the middle", [](Script* s) { s->close_after = 500000; }, ExitCode::kLost},
+        {"device stops reading", [](Script* s) { s->stop_after = 10000; }, ExitCode::kLost},
+        {"busy at once", [](Script* s) { s->busy_after = 1; }, ExitCode::kBusy},
+        {"busy in the middle", [](Script* s) { s->busy_after = 900000; }, ExitCode::kBusy},
+        {"silent", [](Script* s) { s->verdict = Verdict::kSilent; }, ExitCode::kNoVerdict},
+        {"closes for verdict", [](Script* s) { s->verdict = Verdict::kClose; },
+         ExitCode::kNoVerdict},
+        {"other status",
+         [](Script* s) {
+             s->verdict = Verdict::kStatus;
+             s->verdict_status = 7;
+         },
+         ExitCode::kBadReply},
+        {"busy for verdict",
+         [](Script* s) {
+             s->verdict = Verdict::kStatus;
+             s->verdict_status = 0xFFFF;
+         },
+         ExitCode::kBusy},
+        {"half a verdict",
+         [](Script* s) {
+             s->edit = [](uint16_t command, Bytes reply) {
+                 reply.resize(command == 0x2002 ? 16 : reply.size());
+                 return reply;
+             };
+         },
+         ExitCode::kNoVerdict},
+    };
+    const Bytes package = Pattern(kSize);
+    for (const Case& c : cases) {
+        Script script;
+        c.arrange(&script);
+        Device device(script);
+        kvtool::UpgradeRecord record;
+        std::string text;
+        EXPECT_EQ(Upgrade(device, package, &record, &text), c.code) << c.what << ": " << text;
+        EXPECT_FALSE(record.accepted) << c.what;
+        const size_t held = device.Stream().size();
+        if (c.code == ExitCode::kLost || script.busy_after) {
+            EXPECT_LT(held, kSize) << c.what;
+        } else {
+            EXPECT_EQ(held, kSize + 37) << c.what;
+        }
+    }
+}
+
+// A small package is sent whole before a busy device reads any of it; a later acceptance counts.
+TEST(KvtoolUpgrade, BusyThenAcceptedIsAccepted) {
+    Script script;
+    script.edit = [](uint16_t command, Bytes reply) {
+        if (command == 0x2002) {
+            Bytes busy = reply;
+            busy[6] = busy[7] = 0xFF;
+            reply.insert(reply.begin(), busy.begin(), busy.end());
+        }
+        return reply;
+    };
+    Device device(script);
+    kvtool::UpgradeRecord record;
+    std::string text;
+    EXPECT_EQ(Upgrade(device, Pattern(5000), &record, &text), ExitCode::kDone) << text;
+}
+
+TEST(KvtoolProtocol, DistrustsReplies) {
+    struct Case {
+        size_t at;
+        uint16_t command;
+        uint8_t value;
+    };
+    const Case cases[] = {
+        {0, 0x0000, 1},      // kind
+        {2, 0x0000, 2},      // version
+        {4, 0x0000, 6},      // another command's reply
+        {6, 0x0006, 2},      // not supported
+        {7, 0x0006, 0x10},   // another status
+        {12, 0x0006, 1},     // a payload that does not belong
+        {13, 0x2003, 0x02},  // more payload than there is
+        {16, 0x2003, 2},     // count
+        {35, 0x0101, 0},     // a zero in the serial number
+    };
+    for (const Case& c : cases) {
+        Script script;
+        script.edit = [&c](uint16_t command, Bytes reply) {
+            if (command == c.command) {
+                reply[c.at] = c.value;
+            }
+            return reply;
+        };
+        Device device(script);
+        kvtool::Connected connected = kvtool::ConnectAny("127.0.0.1", device.Port(), Millis(2000));
+        kvtool::ProtocolClient client(std::move(connected.fd), Millis(500));
+        ExitCode code = ExitCode::kDone;
+        try {
+            (void)client.Login();
+            (void)client.Heartbeat();
+            (void)client.SerialNumber();
+            (void)client.Info();
+        } catch (const ToolError& error) {
+            code = error.Code();
+        }
+        EXPECT_EQ(code, ExitCode::kBadReply) << std::hex << c.command << " at " << c.at;
+    }
+}
+
+TEST(KvtoolProtocol, SilenceAndUnterminatedTexts) {
+    struct Case {
+        std::function<Bytes(uint16_t, Bytes)> edit;
+        ExitCode code;
+    };
+    const Case cases[] = {
+        {[](uint16_t, const Bytes&) { return Bytes(); }, ExitCode::kNoReply},
+        {[](uint16_t, Bytes reply) { return Bytes(reply.begin(), reply.begin() + 31); },
+         ExitCode::kNoReply},
+        {[](uint16_t command, Bytes reply) {
+             if (command == 0x2003) {
+                 std::fill(reply.begin() + 480, reply.begin() + 496, uint8_t{'x'});
+             }
+             return reply;
+         },
+         ExitCode::kBadReply},
+    };
+    for (const Case& c : cases) {
+        Script script;
+        script.edit = c.edit;
+        Device device(script);
+        kvtool::UpgradeRecord record;
+        std::string text;
+        EXPECT_EQ(Upgrade(device, Pattern(100), &record, &text), c.code) << text;
+        EXPECT_TRUE(device.Stream().empty());
+    }
+}
+
+TEST(KvtoolFollow, TellsLeavingStayingAndComingBackApart) {
+    struct Case {
+        const char* what;
+        std::optional<Millis> back_after;
+        const char* observed;
+        ExitCode code;
+        bool leaves;
+    };
+    const Case cases[] = {
+        {"stays", std::nullopt, "not seen to leave", ExitCode::kNeverLeft, false},
+        {"leaves", std::nullopt, "refuses connections", ExitCode::kDone, true},
+        {"comes back", Millis(200), "session is a new one", ExitCode::kBackInRecovery, true},
+        // Away for less than the time between two looks: the new session gives it away.
+        {"blinks", Millis(0), "session is a new one", ExitCode::kBackInRecovery, true},
+    };
+    for (const Case& c : cases) {
+        Script script;
+        script.leaves = c.leaves;
+        script.back_after = c.back_after;
+        Device device(script);
+        kvtool::UpgradeRecord record;
+        std::string text;
+        EXPECT_EQ(Upgrade(device, Pattern(9000), &record, &text, true), c.code) << c.what << text;
+        std::string all;
+        for (const std::string& line : record.observed) {
+            all += line + "\n";
+        }
+        EXPECT_NE(all.find(c.observed), std::string::npos) << c.what << ":\n" << all;
+        EXPECT_EQ(device.Stream().size(), 9037U) << "nothing is sent behind the trailer";
+    }
+}
+
+TEST(KvtoolConnect, NobodyThere) {
+    uint16_t port = 0;
+    { port = Device(Script{}).Port(); }
+    try {
+        (void)kvtool::ConnectAny("127.0.0.1", port, Millis(2000));
+        FAIL();
+    } catch (const ToolError& error) {
+        EXPECT_EQ(error.Code(), ExitCode::kUnreachable);
+    }
+}
+
+}  // namespace

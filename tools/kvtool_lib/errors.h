@@ -1,0 +1,36 @@
+// Exit codes of kvtool and the exception that carries one.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace kvtool {
+
+// Documented in docs/kvtool.md; scripts depend on the numbers.
+enum class ExitCode : int {
+    kDone = 0,
+    kInternal = 1,
+    kUsage = 2,
+    kRefused = 3,         // file unusable, or refused here because the device would refuse it
+    kUnreachable = 4,     // nothing found, or no connection
+    kBadReply = 5,        // the device answered, but not as the protocol says
+    kLost = 6,            // the connection broke or stalled
+    kBusy = 7,            // the device says that an accepted upgrade is under way
+    kNoVerdict = 8,       // everything was sent, the device gave no answer
+    kBackInRecovery = 9,  // accepted; the device restarted into recovery mode
+    kNeverLeft = 10,      // accepted; the device was never seen to leave recovery mode
+    kNoReply = 11,        // connected, but a request got no answer in time
+    kInterrupted = 130,
+};
+
+// A failure that ends the command. what() is one line for the technician.
+class ToolError : public std::runtime_error {
+  public:
+    ToolError(ExitCode code, const std::string& text) : std::runtime_error(text), code_(code) {}
+    ExitCode Code() const { return code_; }
+
+  private:
+    ExitCode code_;
+};
+
+}  // namespace kvtool

@@ -1,0 +1,73 @@
+#include "tools/kvtool_lib/layout.h"
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+
+#include "common/kv_platform.h"
+#include "tools/kvtool_lib/errors.h"
+#include "tools/kvtool_lib/text.h"
+
+namespace kvtool {
+
+namespace {
+
+constexpr uint64_t kKiB = 1024;
+
+// In the order of kv::kPartitions.
+constexpr uint64_t kStandardSizes[] = {2048 * kKiB, 4096 * kKiB, 4096 * kKiB,
+                                       1024 * kKiB, 512 * kKiB,  576 * kKiB};
+static_assert(std::size(kStandardSizes) == std::size(kv::kPartitions), "a size for each row");
+
+}  // namespace
+
+bool LayoutRow::IsBoot() const {
+    return device == kv::kBootDevices[0];
+}
+
+Layout Layout::Default() {
+    std::vector<LayoutRow> rows;
+    for (size_t i = 0; i < std::size(kv::kPartitions); ++i) {
+        rows.push_back({kv::kPartitions[i].name, kv::kPartitions[i].device, kStandardSizes[i]});
+    }
+    return Layout(std::move(rows));
+}
+
+void Layout::SetSize(const std::string& assignment) {
+    const size_t equals = assignment.find('=');
+    const std::string name = assignment.substr(0, equals);
+    if (equals == std::string::npos) {
+        throw ToolError(ExitCode::kUsage, "not NAME=BYTES: '" + Printable(assignment) + "'");
+    }
+    const auto row = std::find_if(rows_.begin(), rows_.end(),
+                                  [&name](const LayoutRow& r) { return r.name == name; });
+    if (row == rows_.end()) {
+        throw ToolError(ExitCode::kUsage, "no partition is called '" + Printable(name) + "'");
+    }
+    row->size = ParseSize(assignment.substr(equals + 1));
+}
+
+void Layout::ReadFile(const std::string& path) {
+    std::ifstream file(path);
+    if (!file) {
+        throw ToolError(ExitCode::kUsage, "cannot read the layout file " + path);
+    }
+    std::string line;
+    while (std::getline(file, line)) {
+        if (!line.empty() && line.front() != '#') {
+            SetSize(line);
+        }
+    }
+}
+
+std::vector<LayoutRow> Layout::Select(std::string_view file_name) const {
+    std::vector<LayoutRow> selected;
+    for (const LayoutRow& row : rows_) {
+        if (file_name.substr(0, row.name.size()) == row.name) {
+            selected.push_back(row);
+        }
+    }
+    return selected;
+}
+
+}  // namespace kvtool

@@ -1,0 +1,40 @@
+// Text from files and from the network, made fit for a terminal, and numbers made fit for people.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kvtool {
+
+using Bytes = std::vector<uint8_t>;
+
+// A text of a fixed-size field: everything before the first NUL.
+struct FieldText {
+    std::string text;
+    bool terminated;  // false: no NUL in the field
+};
+FieldText ReadField(const void* field, size_t size);
+
+// Every byte outside printable ASCII, and the backslash, as \xNN: foreign bytes never reach a
+// terminal as control sequences.
+std::string Printable(std::string_view text);
+
+// Upper-case hex digits, `separator` between bytes.
+std::string Hex(const void* data, size_t size, std::string_view separator = "");
+
+// "1234 bytes (1.2 KiB)".
+std::string SizeText(uint64_t bytes);
+
+// Seconds with one decimal: "12.3 s".
+std::string SecondsText(double seconds);
+
+// Lower-case MD5 of the bytes, 32 digits.
+std::string Md5Hex(const uint8_t* data, size_t size);
+
+// Bytes with an optional suffix K, M or G (powers of 1024). Throws ToolError(kUsage).
+uint64_t ParseSize(const std::string& text);
+
+}  // namespace kvtool

@@ -1,0 +1,89 @@
+// cameraMain, stand-in: what an application does to be watched by the supervisor, and the faults
+// that a real one has.
+//
+// Once a second it sends one heartbeat datagram: the process name as NUL-terminated text in 32
+// bytes, and the ready flag behind it. What else it does is read, before every beat, from a file
+// that `vboard app` writes:
+//
+//     beat         heartbeats with the ready flag set (also when there is no file)
+//     not-ready    heartbeats with the ready flag clear
+//     silent       runs on, sends nothing
+//     late N       sends nothing for the first N seconds of its life
+//     crash        aborts
+//     never        ends at once with status 1
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "common/kv_platform.h"
+#include "common/kv_raii.h"
+
+namespace {
+
+constexpr char kModeFile[] = "/run/board/app";
+constexpr size_t kReadyOffset = 32;
+constexpr size_t kBeatSize = 33;
+
+struct Mode {
+    char word[16] = "beat";
+    long seconds = 0;
+};
+
+Mode ReadMode() {
+    Mode mode;
+    const UniqueFile file(fopen(kModeFile, "re"));
+    if (file && fscanf(file.Get(), "%15s %ld", mode.word, &mode.seconds) < 1) {
+        return {};
+    }
+    return mode;
+}
+
+bool Is(const Mode& mode, const char* word) {
+    return strcmp(mode.word, word) == 0;
+}
+
+time_t Now() {
+    struct timespec now = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec;
+}
+
+void SendBeat(int socket, bool ready) {
+    struct sockaddr_in supervisor = {};
+    supervisor.sin_family = AF_INET;
+    supervisor.sin_port = htons(kv::kHeartbeatPort);
+    (void)inet_pton(AF_INET, kv::kHeartbeatHost, &supervisor.sin_addr);
+    char beat[kBeatSize] = {};
+    (void)snprintf(beat, kReadyOffset, "%s", kv::kAppName);
+    beat[kReadyOffset] = ready ? 1 : 0;
+    // Nobody listens before the supervisor has started; the next beat is only a second away.
+    (void)sendto(socket, beat, sizeof(beat), 0, reinterpret_cast<struct sockaddr*>(&supervisor),
+                 sizeof(supervisor));
+}
+
+}  // namespace
+
+int main() {
+    const UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const time_t started = Now();
+    for (;;) {
+        const Mode mode = ReadMode();
+        if (Is(mode, "never")) {
+            return 1;
+        }
+        if (Is(mode, "crash")) {
+            abort();
+        }
+        const bool late = Is(mode, "late") && Now() - started < mode.seconds;
+        if (!Is(mode, "silent") && !late) {
+            SendBeat(socket.Get(), !Is(mode, "not-ready"));
+        }
+        (void)sleep(1);
+    }
+}

@@ -1,0 +1,347 @@
+#include "vboard/board.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "vboard/boot.h"
+#include "vboard/preflight.h"
+#include "vboard/process.h"
+#include "vboard/process_list.h"
+
+namespace vboard {
+
+using nlohmann::json;
+
+static constexpr char kPowerOn[] = "power-on";
+static constexpr char kStopped[] = "stopped";
+// The application's partition, which the platform unpacks at boot.
+static constexpr char kAppPartition[] = "mtd5";
+
+static std::string UsableProgram(const std::string& name) {
+    std::error_code missing;
+    const std::string path = std::filesystem::canonical(name, missing);
+    if (missing || access(path.c_str(), X_OK) != 0 || !std::filesystem::is_regular_file(path)) {
+        throw std::runtime_error("not a program: " + name);
+    }
+    return path;
+}
+
+// The runner's signals are read from a descriptor; threads made later inherit the mask.
+static UniqueFd BlockSignals() {
+    sigset_t set;
+    (void)sigemptyset(&set);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) {
+        (void)sigaddset(&set, number);
+    }
+    (void)pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    (void)signal(SIGPIPE, SIG_IGN);
+    return UniqueFd(signalfd(-1, &set, SFD_CLOEXEC));
+}
+
+Board::Board(const BoardOptions& options, const StateDir& state)
+    : options_(options), state_(state), network_(options.network, state) {
+    options_.program.at(0) = UsableProgram(options.program.at(0));
+    partitions_ = ParseLayout(options.layout, options.eraseBlock, state);
+    CheckHost(options.network.wifi);
+    lock_ = state.Lock();
+    BecomeRoot();
+    network_.Create();
+    state.Prepare();
+    signals_ = BlockSignals();
+    watchdogEvent_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    devices_ = std::make_unique<Devices>(
+        DevicesConfig{partitions_, options.eraseBlock, options.norTiming, state.OpLog()});
+    devices_->OnWatchdogReset([this] { (void)eventfd_write(watchdogEvent_.Get(), 1); });
+}
+
+Board::~Board() {
+    if (init_ > 0) {
+        CutPower(kStopped);
+        (void)WaitStatus(init_);
+    }
+}
+
+int Board::Run() {
+    loop_.Add(signals_.Get(), [this] { OnSignal(); });
+    loop_.Add(watchdogEvent_.Get(), [this] { OnWatchdog(); });
+    StartBoot(kPowerOn);
+    control_ = std::make_unique<ControlServer>(
+        &loop_, state_,
+        [this](int connection, const json& request) { return Handle(connection, request); },
+        [this](int connection) {
+            if (connection == buttonHolder_) {
+                PressButton(connection, false);
+            }
+        });
+    loop_.Run();
+    control_.reset();
+    return exitStatus_;
+}
+
+// The child's side of the clone, up to its exec: async-signal-safe calls only.
+[[noreturn]] static void BecomeInit(const Console& console, int socket) {
+    ResetSignals();
+    const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    (void)dup2(null, STDIN_FILENO);
+    (void)dup2(console.ConsoleEnd(), STDOUT_FILENO);
+    (void)dup2(console.TraceEnd(), STDERR_FILENO);
+    if (socket == kInitSocket) {
+        (void)fcntl(socket, F_SETFD, 0);
+    } else {
+        (void)dup2(socket, kInitSocket);
+    }
+    (void)execl("/proc/self/exe", "vboard", "__init", nullptr);
+    _exit(kExitFailed);
+}
+
+void Board::StartBoot(const std::string& reason) {
+    reasons_.push_back(reason);
+    const int number = static_cast<int>(reasons_.size());
+    std::filesystem::create_directory(state_.Boot(number));
+    WriteText(state_.Boot(number) / "reason", reason + "\n");
+    std::filesystem::remove(state_.RebootFault());
+    cutReason_.clear();
+    failure_.clear();
+    program_ = 0;
+    programCode_ = -1;
+    console_ = std::make_unique<Console>(&loop_, state_, number, options_.quiet);
+    console_->Say("boot " + std::to_string(number) + ": " + reason);
+    devices_->Note("boot", std::to_string(number) + ": " + reason);
+
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+        throw SysError("cannot create a socket pair");
+    }
+    initSocket_.Reset(ends[0]);
+    const UniqueFd initEnd(ends[1]);
+    constexpr unsigned long kSpaces =
+        CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWNET | CLONE_NEWUTS | CLONE_NEWIPC;
+    init_ = static_cast<pid_t>(syscall(SYS_clone, kSpaces | SIGCHLD, 0, 0, 0, 0));
+    if (init_ < 0) {
+        throw SysError("cannot make the board's namespaces");
+    }
+    if (init_ == 0) {
+        BecomeInit(*console_, initEnd.Get());
+    }
+    console_->CloseBoardEnds();
+    loop_.Add(initSocket_.Get(), [this] { OnInitMessage(); });
+
+    BootConfig config;
+    config.root = state_.Path() / "root";
+    config.state = state_.Path();
+    config.program = options_.program[0];
+    config.arguments.assign(options_.program.begin() + 1, options_.program.end());
+    config.environment = options_.environment;
+    config.ethAddress = options_.network.ethAddress;
+    for (const PartitionConfig& partition : partitions_) {
+        config.devices.push_back(partition.name);
+        if (partition.name == kAppPartition) {
+            config.appFlash = partition.file;
+        }
+    }
+    config.devices.emplace_back("watchdog");
+    SendMessage(initSocket_.Get(), config);
+}
+
+void Board::OnInitMessage() {
+    UniqueFd fuse;
+    const auto message = ReceiveMessage(initSocket_.Get(), &fuse);
+    if (!message) {
+        loop_.Remove(initSocket_.Get());
+        return;
+    }
+    const std::string event = message->at("event");
+    if (event == "failed") {
+        failure_ = message->at("text");
+    } else if (event == "started") {
+        program_ = message->at("pid");
+    } else if (event == "ended") {
+        programCode_ = message->at("code");
+    } else if (event == "devices" && cutReason_.empty()) {
+        network_.Attach(init_);
+        devices_->Attach(fuse.Release(), static_cast<int>(reasons_.size()));
+        SendMessage(initSocket_.Get(), {{"event", "go"}});
+    }
+}
+
+void Board::OnSignal() {
+    signalfd_siginfo info{};
+    if (read(signals_.Get(), &info, sizeof(info)) != sizeof(info)) {
+        return;
+    }
+    if (info.ssi_signo != SIGCHLD) {
+        Stop(0);
+        return;
+    }
+    int status = 0;
+    if (init_ > 0 && waitpid(init_, &status, WNOHANG) == init_) {
+        FinishBoot(status);
+    }
+}
+
+void Board::OnWatchdog() {
+    eventfd_t count = 0;
+    (void)eventfd_read(watchdogEvent_.Get(), &count);
+    CutPower("watchdog");
+}
+
+void Board::CutPower(const std::string& reason) {
+    if (init_ < 0 || !cutReason_.empty()) {
+        return;
+    }
+    cutReason_ = reason;
+    (void)kill(init_, SIGKILL);
+    // A process amid a device operation dies only when that is over, so the devices lose power too.
+    devices_->Detach();
+}
+
+void Board::Stop(int exitStatus) {
+    stopping_ = true;
+    exitStatus_ = exitStatus;
+    CutPower(kStopped);
+    if (init_ < 0) {
+        loop_.Stop();
+    }
+}
+
+std::string Board::ResetReason(int waitStatus) const {
+    if (!cutReason_.empty()) {
+        return cutReason_;
+    }
+    if (WIFSIGNALED(waitStatus) && WTERMSIG(waitStatus) == SIGHUP) {
+        return "reboot -f";
+    }
+    if (WIFEXITED(waitStatus) && WEXITSTATUS(waitStatus) == kExitReboot) {
+        return "reboot";
+    }
+    const bool off = (WIFSIGNALED(waitStatus) && WTERMSIG(waitStatus) == SIGINT) ||
+                     (WIFEXITED(waitStatus) && WEXITSTATUS(waitStatus) == kExitPowerOff);
+    return off ? "switched off" : "";
+}
+
+void Board::FinishBoot(int waitStatus) {
+    init_ = -1;
+    // Init's last words may still lie in the socket.
+    while (failure_.empty() && cutReason_.empty()) {
+        const auto message = ReceiveMessage(initSocket_.Get());
+        if (!message) {
+            break;
+        }
+        failure_ = message->value("text", "");
+    }
+    loop_.Remove(initSocket_.Get());
+    devices_->Detach();
+    // A watchdog that fired while the board was going down must not meet the next boot.
+    eventfd_t count = 0;
+    (void)eventfd_read(watchdogEvent_.Get(), &count);
+    network_.Detach();
+
+    const std::string reason = ResetReason(waitStatus);
+    console_->Say("down: " + (reason.empty() ? "init has died" : reason));
+    console_.reset();
+    devices_->Note("reset", reason);
+    const bool lastBoot =
+        options_.maxBoots > 0 && reasons_.size() >= static_cast<size_t>(options_.maxBoots);
+    if (reason.empty()) {
+        throw std::runtime_error(failure_.empty() ? "the board's init has died" : failure_);
+    }
+    if (stopping_ || lastBoot || reason == "switched off") {
+        loop_.Stop();
+        return;
+    }
+    StartBoot(reason);
+}
+
+void Board::PressButton(int connection, bool pressed) {
+    buttonHolder_ = pressed ? connection : -1;
+    // In place, as a line's level changes: a reader never meets an empty file.
+    const UniqueFd value(open(state_.ButtonValue().c_str(), O_WRONLY | O_CLOEXEC));
+    if (!value || pwrite(value.Get(), pressed ? "0" : "1", 1, 0) != 1) {
+        throw SysError("cannot set the button's line");
+    }
+}
+
+void Board::AddFault(const json& request) {
+    const std::string device = request.at("device");
+    const std::string operation = request.at("operation");
+    if (device != "reboot") {
+        devices_->AddFault({device, operation, request.value("errno", 0),
+                            request.value("short", 0U), request.value("skip", 0U),
+                            request.value("count", 1U)});
+        return;
+    }
+    if (operation != "fail" && operation != "hang" && operation != "off") {
+        throw std::runtime_error("reboot can be made to \"fail\" or \"hang\", or \"off\" again");
+    }
+    WriteText(state_.RebootFault(), operation);
+}
+
+json Board::Status() {
+    json boots = json::array();
+    for (size_t i = 0; i < reasons_.size(); ++i) {
+        boots.push_back({{"boot", i + 1}, {"reason", reasons_[i]}});
+    }
+    json program = {{"running", program_ > 0 && programCode_ < 0}, {"pid", program_}};
+    if (programCode_ >= 0) {
+        program["exitCode"] = programCode_;
+    }
+    const std::vector<BoardProcess> processes = ListBoard(init_);
+    for (const BoardProcess& process : processes) {
+        if (process.pid == program_ && programCode_ < 0) {
+            program["hostPid"] = process.hostPid;
+            program["threads"] = process.threads;
+        }
+    }
+    const WatchdogStatus watchdog = devices_->Watchdog();
+    return {{"boot", reasons_.size()},
+            {"boots", boots},
+            {"state", init_ < 0 ? "off" : (program_ > 0 ? "up" : "booting")},
+            {"program", program},
+            {"processes", processes},
+            {"watchdog",
+             {{"open", watchdog.open},
+              {"armed", watchdog.armed},
+              {"timeout", watchdog.timeoutSeconds},
+              {"sinceFeed", watchdog.secondsSinceFeed},
+              {"feeds", watchdog.feeds}}},
+            {"network", network_.Describe()},
+            {"button", buttonHolder_ >= 0 ? "pressed" : "released"},
+            {"runnerPid", getpid()},
+            {"initPid", init_},
+            {"stateDir", state_.Path()}};
+}
+
+json Board::Handle(int connection, const json& request) {
+    const std::string command = request.at("command");
+    if (command == "status") {
+        return Status();
+    }
+    if (command == "reset") {
+        CutPower("reset");
+    } else if (command == "stop") {
+        Stop(0);
+    } else if (command == "fault") {
+        AddFault(request);
+    } else if (command == "button") {
+        PressButton(connection, request.at("pressed"));
+    } else if (command == "ap") {
+        network_.AccessPoint(request.at("action"));
+    } else if (command == "link") {
+        network_.WlanLink(init_, request.at("action") == "up");
+    } else {
+        throw std::runtime_error("the runner knows no command \"" + command + "\"");
+    }
+    return json::object();
+}
+
+}  // namespace vboard

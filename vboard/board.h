@@ -1,0 +1,86 @@
+// The runner: keeps one board on the bench. Flash, /param, the bench network and the button last
+// as long as it does; each boot gets new namespaces, a new init, new logs.
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "vboard/console.h"
+#include "vboard/control.h"
+#include "vboard/devices/devices.h"
+#include "vboard/loop.h"
+#include "vboard/network.h"
+#include "vboard/state.h"
+
+namespace vboard {
+
+struct BoardOptions {
+    std::string layout;
+    uint32_t eraseBlock = 65536;
+    bool norTiming = false;
+    NetworkConfig network;
+    int maxBoots = 0;  // 0: no limit
+    bool quiet = false;
+    std::vector<std::string> program;  // file and arguments
+    std::vector<std::string> environment;
+};
+
+class Board {
+  public:
+    // Throws one clear sentence when the host, the state folder or the program is unusable.
+    Board(const BoardOptions& options, const StateDir& state);
+    ~Board();
+    Board(const Board&) = delete;
+    Board& operator=(const Board&) = delete;
+
+    // Switches the board on and serves it until it is stopped. Returns the exit status. To be
+    // called by the process's first thread, which must live as long as the board.
+    int Run();
+
+  private:
+    void StartBoot(const std::string& reason);
+    void FinishBoot(int waitStatus);
+    // Takes the power away; the boot ends with `reason`. The first reason counts.
+    void CutPower(const std::string& reason);
+    void Stop(int exitStatus);
+    std::string ResetReason(int waitStatus) const;
+
+    void OnSignal();
+    void OnInitMessage();
+    void OnWatchdog();
+    nlohmann::json Handle(int connection, const nlohmann::json& request);
+    nlohmann::json Status();
+    void AddFault(const nlohmann::json& request);
+    void PressButton(int connection, bool pressed);
+
+    BoardOptions options_;
+    const StateDir& state_;
+    UniqueFd lock_;
+    Loop loop_;
+    BenchNetwork network_;
+    std::vector<PartitionConfig> partitions_;
+    UniqueFd signals_;
+    UniqueFd watchdogEvent_;
+    std::unique_ptr<Devices> devices_;
+    std::unique_ptr<ControlServer> control_;
+
+    // Of the present boot.
+    std::unique_ptr<Console> console_;
+    UniqueFd initSocket_;
+    pid_t init_ = -1;
+    std::string cutReason_;  // why power was taken away, empty while it was not
+    std::string failure_;    // init's last words
+    pid_t program_ = 0;      // the board's pid of it, 0 before it is started
+    int programCode_ = -1;   // its exit code, -1 while it runs
+
+    std::vector<std::string> reasons_;  // of all boots, in order
+    int buttonHolder_ = -1;             // connection that holds the button down
+    bool stopping_ = false;
+    int exitStatus_ = 0;
+};
+
+}  // namespace vboard

@@ -1,0 +1,45 @@
+// One boot of the board: init, process 1 of the board's namespaces. The runner starts this very
+// program again as init, over a socket on which they talk in messages:
+//
+//     runner → init   the BootConfig
+//     init → runner   {"event":"devices"} with the /dev/fuse to serve
+//     runner → init   {"event":"go"}: devices are served, the network interfaces exist
+//     init → runner   {"event":"started","name":…,"pid":…} (pids as the board sees them),
+//                     {"event":"ended","name":…,"code":…}, {"event":"failed","text":…}
+//
+// How the runner learns of a reset: init's end. Killed by SIGHUP: "reboot -f" (the kernel's way to
+// report reboot(2) in a PID namespace); exit code kExitReboot: orderly "reboot".
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace vboard {
+
+constexpr int kInitSocket = 3;
+constexpr int kExitReboot = 10;
+constexpr int kExitPowerOff = 11;
+constexpr int kExitFailed = 1;
+
+struct BootConfig {
+    std::string root;      // an empty folder of the host: the board's tree is built over it
+    std::string state;     // the state folder
+    std::string program;   // absolute path of the program
+    std::string appFlash;  // backing file of the application's partition, empty when there is none
+    std::string ethAddress;            // "ADDRESS/LEN", empty without eth0
+    std::vector<std::string> devices;  // names at the root of the devices' file system
+    std::vector<std::string> arguments;
+    std::vector<std::string> environment;  // "NAME=VALUE", beside the board's own
+};
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(BootConfig, root, state, program, appFlash, ethAddress, devices,
+                                   arguments, environment)
+
+// The board's environment for programs.
+std::vector<std::string> BoardEnvironment();
+
+// Runs as init; the socket is descriptor kInitSocket, standard output the console, standard error
+// the trace.
+int InitMain();
+
+}  // namespace vboard

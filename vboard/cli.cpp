@@ -1,0 +1,210 @@
+// vboard: a camera without the camera. The command line.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "vboard/board.h"
+#include "vboard/boot.h"
+#include "vboard/client.h"
+#include "vboard/exec.h"
+#include "vboard/watch.h"
+
+namespace {
+
+using vboard::StateDir;
+
+// Options of all commands; each command's action runs when its options have been read.
+struct Cli {
+    CLI::App app{
+        "vboard: a camera without the camera. Runs the supervisor, unchanged, on virtual "
+        "flash, watchdog, button, Ethernet and Wi-Fi."};
+    std::string state = StateDir::Default();
+    int exitStatus = 0;
+
+    vboard::BoardOptions board;
+    bool noEth = false;
+    bool noWifi = false;
+    bool onBench = false;
+    bool onBoard = false;
+    std::vector<std::string> command;
+    bool asJson = false;
+    vboard::LogOptions log;
+    vboard::WaitOptions wait;
+    vboard::FaultOptions fault;
+    std::string mtd;
+    std::string file;
+    std::string sequence;
+    double hold = 0;
+    std::string action;
+
+    Cli() {
+        app.require_subcommand(1);
+        app.fallthrough();
+        app.add_option("--state", state, "The board's state folder")->capture_default_str();
+        AddRun();
+        AddExec();
+        AddObservers();
+        AddFlash();
+        AddHands();
+    }
+
+    CLI::App* Add(CLI::App* parent, const char* name, const char* text,
+                  std::function<void(const StateDir&)> action_) {
+        CLI::App* const sub = parent->add_subcommand(name, text);
+        sub->callback([this, action_ = std::move(action_)] { action_(StateDir(state)); });
+        return sub;
+    }
+
+    void AddLayout(CLI::App* sub) {
+        sub->add_option("--layout", board.layout,
+                        "Sizes of partitions, mtd0=256K,mtd1=64K,…; 0 leaves one out");
+        sub->add_option("--erase-block", board.eraseBlock, "Bytes of an erase block")
+            ->capture_default_str();
+    }
+
+    void AddRun() {
+        CLI::App* const run = Add(&app, "run", "Switch a board on; stays in the foreground",
+                                  [this](const StateDir& where) { Run(where); });
+        AddLayout(run);
+        run->add_flag("--nor-timing", board.norTiming, "Flash takes the times of a real NOR");
+        CLI::Option* const eth =
+            run->add_option("--eth", board.network.ethAddress, "The board's address on eth0")
+                ->capture_default_str();
+        run->add_flag("--no-eth", noEth, "No eth0")->excludes(eth);
+        run->add_flag("--no-wifi", noWifi, "No wlan0 and no access point");
+        run->add_option("--max-boots", board.maxBoots, "Stop after so many boots; 0: no limit");
+        run->add_option("--env", board.environment, "NAME=VALUE for the program, repeatable")
+            ->expected(1)
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        run->add_flag("--quiet", board.quiet, "Keep the board's output off the terminal");
+        run->add_option("program", board.program, "The program and its arguments, after --")
+            ->required();
+    }
+
+    void Run(const StateDir& where) {
+        if (noEth) {
+            board.network.ethAddress.clear();
+        }
+        board.network.wifi = !noWifi;
+        exitStatus = vboard::Board(board, where).Run();
+    }
+
+    void AddExec() {
+        CLI::App* const exec = Add(
+            &app, "exec", "Run a command in the bench's network or on the board",
+            [this](const StateDir& where) { exitStatus = vboard::Exec(where, onBoard, command); });
+        CLI::Option* const bench = exec->add_flag(
+            "--bench", onBench, "In the bench's network, the host's files (default)");
+        exec->add_flag("--board", onBoard, "On the board")->excludes(bench);
+        exec->add_option("command", command, "The command, after --")->required();
+    }
+
+    void AddObservers() {
+        Add(&app, "status", "Boots, watchdog, processes", [this](const StateDir& where) {
+            vboard::ShowStatus(where, asJson);
+        })->add_flag("--json", asJson, "For programs");
+        Add(&app, "ops", "The devices' operation log", [this](const StateDir& where) {
+            vboard::ShowOperations(where, asJson);
+        })->add_flag("--json", asJson, "One JSON object a line");
+        CLI::App* const show = Add(&app, "log", "The program's trace (standard error)",
+                                   [this](const StateDir& where) { vboard::ShowLog(where, log); });
+        show->add_option("--boot", log.boot, "Of this boot; default: the newest");
+        show->add_flag("--console", log.console, "Instead: standard output, platform messages");
+        show->add_flag("--follow", log.follow, "Go on until the board is stopped");
+        CLI::App* const await =
+            Add(&app, "wait", "Wait for a boot or for texts in its logs",
+                [this](const StateDir& where) { vboard::WaitForLog(where, wait); });
+        await->add_option("--boot", wait.boot, "In this boot; default: the present or a later one");
+        await->add_option("--log", wait.trace, "Text in the trace");
+        await->add_option("--console-log", wait.console, "Text on the console");
+        await->add_option("--timeout", wait.timeout, "Seconds")->capture_default_str();
+    }
+
+    void AddFlash() {
+        CLI::App* const flash = app.add_subcommand("flash", "Read or write a flash partition");
+        flash->require_subcommand(1);
+        CLI::App* const read =
+            Add(flash, "read", "Copy a partition into a file",
+                [this](const StateDir& where) { vboard::ReadFlash(where, mtd, file); });
+        CLI::App* const write =
+            Add(flash, "write", "Put a file into a partition, 0xFF behind it",
+                [this](const StateDir& where) {
+                    vboard::WriteFlash(where, mtd, file, board.layout, board.eraseBlock);
+                });
+        for (CLI::App* const sub : {read, write}) {
+            sub->add_option("mtd", mtd, "mtd0 … mtd7")->required();
+            sub->add_option("file", file, "The file")->required();
+        }
+        AddLayout(write);
+    }
+
+    void AddHands() {
+        CLI::App* const add =
+            Add(&app, "fault", "Make a device's next operations, or reboot, fail",
+                [this](const StateDir& where) { vboard::AddFault(where, fault); });
+        add->add_option("device", fault.device, "mtd0 … mtd7, watchdog, reboot")->required();
+        add->add_option("operation", fault.operation,
+                        "open, ioctl, erase, write, read; for reboot: fail, hang, off")
+            ->required();
+        CLI::Option* const error = add->add_option("--errno", fault.errorName, "EIO, ENOSPC, …");
+        add->add_option("--short", fault.shortBytes, "Write so many bytes only")->excludes(error);
+        add->add_option("--skip", fault.skip, "Let so many pass first");
+        add->add_option("--count", fault.count, "Then fail so many")->capture_default_str();
+
+        CLI::App* const press = Add(&app, "press", "Press the reset button",
+                                    [this](const StateDir& where) { Press(where); });
+        CLI::Option* const once = press->add_option("--hold", hold, "Seconds");
+        press->add_option("--sequence", sequence, "'3 0.5 9.5': seconds pressed, released, …")
+            ->excludes(once);
+
+        Add(&app, "reset", "Cut the power, boot again",
+            [](const StateDir& where) { vboard::Reset(where); });
+        Add(&app, "stop", "Switch the board off, end its runner",
+            [](const StateDir& where) { vboard::Stop(where); });
+        Add(&app, "ap", "The access point",
+            [this](const StateDir& where) { vboard::Send(where, "ap", action); })
+            ->add_option("action", action, "up, down, mute, unmute, dhcp, no-dhcp")
+            ->required()
+            ->check(CLI::IsMember({"up", "down", "mute", "unmute", "dhcp", "no-dhcp"}));
+        Add(&app, "link", "Administrative state of the board's wlan0",
+            [this](const StateDir& where) { vboard::Send(where, "link", action); })
+            ->add_option("action", action, "up, down")
+            ->required()
+            ->check(CLI::IsMember({"up", "down"}));
+    }
+
+    void Press(const StateDir& where) {
+        std::istringstream words(sequence.empty() ? std::to_string(hold) : sequence);
+        const std::vector<double> seconds{std::istream_iterator<double>(words), {}};
+        if (!words.eof() || seconds.empty() || seconds[0] <= 0) {
+            throw std::runtime_error("say how long: --hold SECONDS or --sequence '3 0.5 9.5'");
+        }
+        vboard::Press(where, seconds);
+    }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc == 2 && std::string(argv[1]) == "__init") {
+        return vboard::InitMain();
+    }
+    // Descriptors below 3 must not be taken by what is opened later.
+    int fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO) {
+        fd = open("/dev/null", O_RDWR);
+    }
+    (void)close(fd);
+    Cli cli;
+    try {
+        cli.app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return cli.app.exit(error);
+    } catch (const std::exception& error) {
+        std::cerr << "vboard: " << error.what() << "\n";
+        return 1;
+    }
+    return cli.exitStatus;
+}

@@ -1,0 +1,41 @@
+// The short commands: requests to the runner, and the flash files.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "vboard/state.h"
+
+namespace vboard {
+
+void ShowStatus(const StateDir& state, bool asJson);
+void ShowOperations(const StateDir& state, bool asJson);
+
+struct FaultOptions {
+    std::string device;
+    std::string operation;
+    std::string errorName;  // "EIO"; empty with shortBytes
+    uint32_t shortBytes = 0;
+    uint32_t skip = 0;
+    uint32_t count = 1;
+};
+void AddFault(const StateDir& state, const FaultOptions& options);
+
+// Also without a running board. Writing fills the rest of the partition with 0xFF; a partition that
+// has no file yet is made as `layout` says.
+void ReadFlash(const StateDir& state, const std::string& mtd, const std::string& file);
+void WriteFlash(const StateDir& state, const std::string& mtd, const std::string& file,
+                const std::string& layout, uint32_t eraseBlock);
+
+// Presses and releases the button in turn for so many seconds each; released at the end, also when
+// this process is killed.
+void Press(const StateDir& state, const std::vector<double>& seconds);
+
+// Cuts the power and returns when the next boot has begun.
+void Reset(const StateDir& state);
+// Returns when the runner has ended.
+void Stop(const StateDir& state);
+// A request with no reply of interest: "ap", "link".
+void Send(const StateDir& state, const std::string& command, const std::string& action);
+
+}  // namespace vboard

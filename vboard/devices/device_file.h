@@ -1,0 +1,40 @@
+// One file of the served file system, as the server sees it.
+#pragma once
+
+#include <fuse_lowlevel.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace vboard {
+
+struct IoctlCall {
+    unsigned int request = 0;
+    const void* argument = nullptr;  // in the caller's memory
+    pid_t pid = 0;                   // the caller as this process sees it, 0 when it does not
+    const void* in = nullptr;        // what the kernel copied in, by the request's direction bits
+    size_t inBytes = 0;
+    bool writable = false;  // the file was opened for writing
+};
+
+// All calls come from the serving thread. Each `request` is answered exactly once by one of
+// libfuse's fuse_reply_… functions, at once or later, from any thread, before the session ends.
+// Buffers given here live only until the call returns.
+class DeviceFile {
+  public:
+    virtual ~DeviceFile() = default;
+
+    virtual const std::string& Name() const = 0;
+    virtual uint64_t Size() const = 0;
+    virtual bool Seekable() const = 0;
+
+    virtual int Open() = 0;  // 0 or -errno
+    virtual void Release() = 0;
+    virtual void Read(fuse_req_t request, size_t length, uint64_t offset) = 0;
+    virtual void Write(fuse_req_t request, const void* data, size_t length, uint64_t offset) = 0;
+    virtual void Ioctl(fuse_req_t request, const IoctlCall& call) = 0;
+};
+
+}  // namespace vboard

@@ -1,0 +1,147 @@
+#include "vboard/devices/devices.h"
+
+#include <algorithm>
+#include <mutex>
+#include <stdexcept>
+#include <utility>
+
+#include "vboard/devices/faults.h"
+#include "vboard/devices/flash_file.h"
+#include "vboard/devices/fuse_server.h"
+#include "vboard/devices/nor_flash.h"
+#include "vboard/devices/op_log.h"
+#include "vboard/devices/watchdog_file.h"
+#include "vboard/devices/work_queue.h"
+
+namespace vboard {
+namespace {
+
+constexpr char kWatchdogName[] = "watchdog";
+
+struct Partition {
+    std::string name;
+    NorFlash flash;
+};
+
+// All that lives from one Attach to its Detach.
+struct Attachment {
+    Attachment(std::vector<Partition>& partitions, bool norTiming, SharedWatchdog& sharedWatchdog,
+               OpLog& log, Faults& faults, std::function<void()> starved)
+        : watchdog(sharedWatchdog, Bench{log, faults, stop}, std::move(starved)) {
+        files.reserve(partitions.size());
+        for (Partition& partition : partitions) {
+            files.emplace_back(partition.name, partition.flash, norTiming, chip,
+                               Bench{log, faults, stop});
+        }
+    }
+
+    void Serve(int fuseFd) {
+        std::vector<DeviceFile*> served;
+        for (FlashFile& file : files) {
+            served.push_back(&file);
+        }
+        served.push_back(&watchdog);
+        server = std::make_unique<FuseServer>(fuseFd, std::move(served), stop);
+    }
+
+    // In this order: no request comes in any more, those taken are answered, and only then the
+    // session that the answers go through ends.
+    ~Attachment() {
+        stop.Raise();
+        if (server) {
+            server->Join();
+        }
+        chip.Finish();
+        watchdog.Join();
+        server.reset();
+    }
+    Attachment(const Attachment&) = delete;
+    Attachment& operator=(const Attachment&) = delete;
+
+    StopSignal stop;
+    WorkQueue chip{"vboard-flash"};
+    std::vector<FlashFile> files;
+    WatchdogFile watchdog;
+    std::unique_ptr<FuseServer> server;
+};
+
+}  // namespace
+
+class Devices::Impl {
+  public:
+    explicit Impl(const DevicesConfig& config)
+        : norTiming(config.norTiming), log(config.opLogFile) {
+        for (const PartitionConfig& partition : config.partitions) {
+            if (partition.name.empty() || IsDevice(partition.name)) {
+                throw std::runtime_error("partition name '" + partition.name +
+                                         "' is empty or taken");
+            }
+            partitions.push_back(
+                {partition.name, NorFlash(partition.file, partition.size, config.eraseBlock)});
+        }
+    }
+
+    bool IsDevice(const std::string& name) const {
+        return name == kWatchdogName ||
+               std::any_of(partitions.begin(), partitions.end(),
+                           [&](const Partition& partition) { return partition.name == name; });
+    }
+
+    const bool norTiming;
+    OpLog log;
+    Faults faults;
+    std::vector<Partition> partitions;
+    mutable SharedWatchdog watchdog;
+
+    // Held for as long as attaching and detaching take, so that whoever comes second finds the
+    // work done.
+    std::mutex mutex;
+    std::function<void()> onReset;
+    std::unique_ptr<Attachment> attachment;
+};
+
+Devices::Devices(const DevicesConfig& config) : impl_(std::make_unique<Impl>(config)) {}
+
+Devices::~Devices() {
+    Detach();
+}
+
+void Devices::OnWatchdogReset(std::function<void()> callback) {
+    const std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->onReset = std::move(callback);
+}
+
+void Devices::Attach(int fuseFd, int boot) {
+    UniqueFd fd(fuseFd);
+    const std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->attachment.reset();
+    impl_->log.SetBoot(boot);
+    auto attachment =
+        std::make_unique<Attachment>(impl_->partitions, impl_->norTiming, impl_->watchdog,
+                                     impl_->log, impl_->faults, impl_->onReset);
+    attachment->Serve(fd.Release());
+    impl_->attachment = std::move(attachment);
+}
+
+void Devices::Detach() {
+    const std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->attachment.reset();
+}
+
+void Devices::AddFault(const Fault& fault) {
+    if (!impl_->IsDevice(fault.device)) {
+        throw std::runtime_error("fault of an unknown device '" + fault.device + "'");
+    }
+    impl_->faults.Add(fault);
+}
+
+WatchdogStatus Devices::Watchdog() const {
+    const std::lock_guard<std::mutex> lock(impl_->watchdog.mutex);
+    return impl_->watchdog.timer.Status(std::chrono::steady_clock::now());
+}
+
+void Devices::Note(const std::string& operation, const std::string& text) {
+    impl_->log.Note(operation, text);
+}
+
+}  // namespace vboard

@@ -1,0 +1,56 @@
+// A flash partition as /dev/mtdN: the calls of mtdchar, on the chip's thread.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "vboard/devices/device_file.h"
+#include "vboard/devices/faults.h"
+#include "vboard/devices/nor_flash.h"
+#include "vboard/devices/op_log.h"
+#include "vboard/devices/service_thread.h"
+#include "vboard/devices/work_queue.h"
+
+namespace vboard {
+
+// What the files of one attachment share.
+struct Bench {
+    OpLog& log;
+    Faults& faults;
+    const StopSignal& stop;
+};
+
+// Every read, program, erase and query waits its turn on `chip`, as the partitions are of one chip.
+// When the attachment ends, what is under way is cut and what waits fails with ENODEV.
+class FlashFile : public DeviceFile {
+  public:
+    FlashFile(std::string name, NorFlash& flash, bool norTiming, WorkQueue& chip, Bench bench);
+
+    const std::string& Name() const override { return name_; }
+    uint64_t Size() const override { return flash_.Size(); }
+    bool Seekable() const override { return true; }
+
+    int Open() override;
+    void Release() override;
+    void Read(fuse_req_t request, size_t length, uint64_t offset) override;
+    void Write(fuse_req_t request, const void* data, size_t length, uint64_t offset) override;
+    void Ioctl(fuse_req_t request, const IoctlCall& call) override;
+
+  private:
+    void Post(fuse_req_t request, std::function<void()> job);
+    BusyWait Busy() const;
+    void Log(const LogEntry& entry) { bench_.log.Write(entry); }
+
+    void RunRead(fuse_req_t request, size_t length, uint64_t offset);
+    void RunWrite(fuse_req_t request, const std::string& data, uint64_t offset);
+    void RunErase(fuse_req_t request, uint64_t start, uint64_t length, bool writable);
+    void RunQuery(fuse_req_t request, unsigned int command);
+
+    std::string name_;
+    NorFlash& flash_;
+    bool norTiming_;
+    WorkQueue& chip_;
+    Bench bench_;
+};
+
+}  // namespace vboard

@@ -1,0 +1,187 @@
+#include "vboard/devices/nor_flash.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+
+namespace vboard {
+namespace {
+
+constexpr size_t kChunk = 4096;
+
+[[noreturn]] void Refuse(const std::string& file, const std::string& why) {
+    throw std::runtime_error("flash file " + file + ": " + why);
+}
+
+bool WriteAt(int fd, uint64_t offset, const void* data, size_t length) {
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    while (length > 0) {
+        const ssize_t n = pwrite(fd, bytes, length, static_cast<off_t>(offset));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        bytes += n;
+        offset += static_cast<uint64_t>(n);
+        length -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool FillErased(int fd, uint64_t offset, uint64_t length) {
+    std::array<uint8_t, kChunk> blank;
+    blank.fill(0xFF);
+    for (uint64_t done = 0; done < length; done += kChunk) {
+        const auto step = static_cast<size_t>(std::min<uint64_t>(kChunk, length - done));
+        if (!WriteAt(fd, offset + done, blank.data(), step)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// A new chip appears under its name only when complete: a creation cut short leaves no file of a
+// wrong size behind.
+void CreateErased(const std::string& file, uint64_t size) {
+    const std::string draft = file + ".new";
+    const UniqueFd fd(open(draft.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd || !FillErased(fd.Get(), 0, size) || rename(draft.c_str(), file.c_str()) != 0) {
+        Refuse(file, std::string("cannot be created: ") + strerror(errno));
+    }
+}
+
+}  // namespace
+
+std::chrono::microseconds NorEraseDuration(uint32_t blockBytes) {
+    for (const NorEraseTime& time : kNorEraseTimes) {
+        if (blockBytes <= time.bytes) {
+            return time.typical;
+        }
+    }
+    const NorEraseTime& largest = *(std::end(kNorEraseTimes) - 1);
+    return largest.typical * (blockBytes / largest.bytes);
+}
+
+NorFlash::NorFlash(const std::string& file, uint64_t size, uint32_t eraseBlock)
+    : size_(size), eraseBlock_(eraseBlock) {
+    if (eraseBlock == 0 || size % eraseBlock != 0 || size > UINT32_MAX) {
+        Refuse(file, "a size of " + std::to_string(size) + " bytes does not fit erase blocks of " +
+                         std::to_string(eraseBlock) + " bytes");
+    }
+    if (access(file.c_str(), F_OK) != 0 && errno == ENOENT) {
+        CreateErased(file, size);
+    }
+    file_.Reset(open(file.c_str(), O_RDWR | O_CLOEXEC));
+    struct stat status {};
+    if (!file_ || fstat(file_.Get(), &status) != 0) {
+        Refuse(file, std::string("cannot be opened: ") + strerror(errno));
+    }
+    if (!S_ISREG(status.st_mode) || static_cast<uint64_t>(status.st_size) != size) {
+        Refuse(file, "holds " + std::to_string(status.st_size) + " bytes, the partition " +
+                         std::to_string(size));
+    }
+}
+
+bool NorFlash::Load(uint64_t offset, void* data, size_t length) const {
+    auto* bytes = static_cast<uint8_t*>(data);
+    while (length > 0) {
+        const ssize_t n = pread(file_.Get(), bytes, length, static_cast<off_t>(offset));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        bytes += n;
+        offset += static_cast<uint64_t>(n);
+        length -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool NorFlash::Store(uint64_t offset, const void* data, size_t length) {
+    return WriteAt(file_.Get(), offset, data, length);
+}
+
+bool NorFlash::Blank(uint64_t offset, uint64_t length) {
+    return FillErased(file_.Get(), offset, length);
+}
+
+int64_t NorFlash::Read(uint64_t offset, void* data, size_t length) const {
+    if (offset >= size_) {
+        return 0;
+    }
+    length = static_cast<size_t>(std::min<uint64_t>(length, size_ - offset));
+    return Load(offset, data, length) ? static_cast<int64_t>(length) : -EIO;
+}
+
+ProgramResult NorFlash::Program(uint64_t offset, const void* data, size_t length,
+                                const BusyWait& busy) {
+    ProgramResult out;
+    if (offset >= size_) {
+        out.result = -ENOSPC;
+        return out;
+    }
+    const auto* wanted = static_cast<const uint8_t*>(data);
+    length = static_cast<size_t>(std::min<uint64_t>(length, size_ - offset));
+    const size_t unit = busy ? kNorPageBytes : kChunk;
+    std::array<uint8_t, kChunk> cells;
+    for (size_t done = 0; done < length;) {
+        const uint64_t at = offset + done;
+        const size_t step = std::min<size_t>(unit - at % unit, length - done);
+        if (busy && !busy(kNorPageProgram)) {
+            out.result = -ENODEV;
+            return out;
+        }
+        if (!Load(at, cells.data(), step)) {
+            out.result = -EIO;
+            return out;
+        }
+        for (size_t i = 0; i < step; ++i) {
+            const uint8_t target = wanted[done + i];
+            const auto raised = static_cast<unsigned>(target & ~cells[i]) & 0xFFU;
+            if (raised != 0) {
+                out.firstKept = out.bitsKept == 0 ? at + i : out.firstKept;
+                out.bitsKept += static_cast<uint64_t>(__builtin_popcount(raised));
+            }
+            cells[i] = static_cast<uint8_t>(cells[i] & target);
+        }
+        if (!Store(at, cells.data(), step)) {
+            out.result = -EIO;
+            return out;
+        }
+        done += step;
+    }
+    out.result = static_cast<int64_t>(length);
+    return out;
+}
+
+int NorFlash::Erase(uint64_t offset, uint64_t length, const BusyWait& busy) {
+    if (offset >= size_ || length > size_ - offset || offset % eraseBlock_ != 0 ||
+        length % eraseBlock_ != 0) {
+        return -EINVAL;
+    }
+    for (uint64_t at = offset; at < offset + length; at += eraseBlock_) {
+        if (busy && !busy(NorEraseDuration(eraseBlock_))) {
+            // A real block is undefined now; half of it is neither old nor blank, so that whoever
+            // relies on either is caught.
+            (void)Blank(at, eraseBlock_ / 2);
+            return -ENODEV;
+        }
+        if (!Blank(at, eraseBlock_)) {
+            return -EIO;
+        }
+    }
+    return 0;
+}
+
+}  // namespace vboard

@@ -1,0 +1,73 @@
+// One NOR flash partition on a backing file: what the chip does to bytes, and how long it is busy.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "common/kv_raii.h"
+
+namespace vboard {
+
+// Spends the time that the chip is busy with one step; false when the board lost its power before
+// the step was over. An empty function is a chip that is never busy.
+using BusyWait = std::function<bool(std::chrono::microseconds)>;
+
+// Typical times of a 16 MiB SPI NOR, as the data sheets of such parts give them.
+constexpr size_t kNorPageBytes = 256;
+constexpr std::chrono::microseconds kNorPageProgram{700};
+struct NorEraseTime {
+    uint32_t bytes;
+    std::chrono::milliseconds typical;
+};
+constexpr NorEraseTime kNorEraseTimes[] = {
+    {4096, std::chrono::milliseconds{45}},    // sector erase
+    {32768, std::chrono::milliseconds{120}},  // half block erase
+    {65536, std::chrono::milliseconds{150}},  // block erase
+};
+
+// Time to erase one block of `blockBytes`; blocks above 64 KiB are erased 64 KiB at a time.
+std::chrono::microseconds NorEraseDuration(uint32_t blockBytes);
+
+struct ProgramResult {
+    int64_t result = 0;      // bytes programmed, or -errno
+    uint64_t bitsKept = 0;   // bits that were asked to go from 0 to 1, and stayed 0
+    uint64_t firstKept = 0;  // offset of the first byte with such a bit, if bitsKept > 0
+};
+
+// Not locked: one thread at a time, as one chip does one thing at a time.
+// What an acknowledged operation changed is in the backing file: killing the process loses nothing.
+class NorFlash {
+  public:
+    // Opens the backing file, or creates it erased. Throws std::runtime_error when the sizes do
+    // not fit together or the file is unusable.
+    NorFlash(const std::string& file, uint64_t size, uint32_t eraseBlock);
+
+    uint64_t Size() const { return size_; }
+    uint32_t EraseBlock() const { return eraseBlock_; }
+
+    // Bytes read, 0 at or behind the end of the device, or -EIO.
+    int64_t Read(uint64_t offset, void* data, size_t length) const;
+
+    // Clears the bits that are 0 in `data`. At or behind the end of the device: -ENOSPC; a write
+    // across the end is cut there. A loss of power: -ENODEV, the pages before it are programmed.
+    ProgramResult Program(uint64_t offset, const void* data, size_t length,
+                          const BusyWait& busy = {});
+
+    // Sets whole blocks to 0xFF. 0; -EINVAL when not aligned or not in the device. A loss of
+    // power: -ENODEV, the block under way is half erased.
+    int Erase(uint64_t offset, uint64_t length, const BusyWait& busy = {});
+
+  private:
+    bool Load(uint64_t offset, void* data, size_t length) const;
+    bool Store(uint64_t offset, const void* data, size_t length);
+    bool Blank(uint64_t offset, uint64_t length);
+
+    UniqueFd file_;
+    uint64_t size_;
+    uint32_t eraseBlock_;
+};
+
+}  // namespace vboard

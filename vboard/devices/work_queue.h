@@ -1,0 +1,34 @@
+// A thread that does one job after the other: the flash chip.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace vboard {
+
+class WorkQueue {
+  public:
+    explicit WorkQueue(const char* threadName);
+    ~WorkQueue() { Finish(); }
+    WorkQueue(const WorkQueue&) = delete;
+    WorkQueue& operator=(const WorkQueue&) = delete;
+
+    // Any thread, before Finish.
+    void Post(std::function<void()> job);
+    // Blocks until all posted jobs are done and the thread has ended. Not from a job.
+    void Finish();
+
+  private:
+    void Run();
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<std::function<void()>> jobs_;
+    bool finishing_ = false;
+    std::thread thread_;
+};
+
+}  // namespace vboard

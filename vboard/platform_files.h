@@ -1,0 +1,16 @@
+// The board's own scripts (vboard/platform/), carried inside the program.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace vboard {
+
+struct PlatformFile {
+    std::string name;
+    std::string text;
+};
+
+const std::vector<PlatformFile>& PlatformFiles();
+
+}  // namespace vboard

@@ -1,0 +1,13 @@
+// What the host must offer. Each lack is reported as one sentence, thrown as std::runtime_error.
+#pragma once
+
+namespace vboard {
+
+// Programs of the host's packages, and /dev/fuse.
+void CheckHost(bool wifi);
+
+// For an ordinary user: makes the caller root in a user namespace of its own. To be called while
+// the process has one thread. Nothing for root.
+void BecomeRoot();
+
+}  // namespace vboard

@@ -1,0 +1,51 @@
+// Processes and descriptors: what both the runner and the board's init need from the kernel.
+#pragma once
+
+#include <sys/types.h>
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "common/kv_raii.h"
+
+namespace vboard {
+
+// An error of a system call: "`what`: strerror(errno)".
+std::runtime_error SysError(const std::string& what);
+
+// Absolute path of a program of the host, looked for where a device's programs are; empty when
+// there is none.
+std::string FindTool(const std::string& name);
+
+struct Command {
+    std::vector<std::string> argv;              // argv[0]: a name for FindTool or an absolute path
+    std::vector<std::string> environment = {};  // "NAME=VALUE"; empty: the caller's own
+    std::string directory = {};                 // working directory; empty: the caller's own
+    int network = -1;                           // network namespace; -1: the caller's own
+    int input = -1;                             // the child's descriptors; -1: /dev/null for input,
+    int output = -1;                            // the caller's own for the other two
+    int error = -1;
+    bool dieWithParent = false;  // SIGKILL when the calling thread ends
+    bool newSession = false;
+};
+
+// Starts a program with default signal dispositions and an empty signal mask. Safe in a
+// multi-threaded caller. A program that cannot be executed ends with status 127.
+pid_t Start(const Command& command);
+// Starts it, gives it `input` to read, waits. Returns its exit status, 128 + N for signal N.
+int Run(Command command, const std::string& input = "");
+int WaitStatus(pid_t pid);
+int ExitCode(int waitStatus);
+
+// Default dispositions and an empty mask. Async-signal-safe: for a child before its exec.
+void ResetSignals();
+
+// Messages over a SOCK_SEQPACKET pair, a descriptor beside them when `fd` >= 0.
+void SendMessage(int socket, const nlohmann::json& message, int fd = -1);
+// Blocks. No value at the end of the stream.
+std::optional<nlohmann::json> ReceiveMessage(int socket, UniqueFd* fd = nullptr);
+
+}  // namespace vboard

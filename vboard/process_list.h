@@ -1,0 +1,29 @@
+// The processes of the board, seen from the host.
+#pragma once
+
+#include <sys/types.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace vboard {
+
+struct BoardThread {
+    pid_t tid = 0;  // as the board sees it
+    std::string name;
+};
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(BoardThread, tid, name)
+
+struct BoardProcess {
+    pid_t pid = 0;      // as the board sees it
+    pid_t hostPid = 0;  // as the host sees it
+    std::string name;
+    std::vector<BoardThread> threads;
+};
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(BoardProcess, pid, hostPid, name, threads)
+
+// All processes in the PID namespace of `init`, itself included, by board pid.
+std::vector<BoardProcess> ListBoard(pid_t init);
+
+}  // namespace vboard

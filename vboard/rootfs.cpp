@@ -1,0 +1,174 @@
+#include "vboard/rootfs.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "vboard/platform_files.h"
+#include "vboard/process.h"
+#include "vboard/state.h"
+
+namespace vboard {
+
+namespace fs = std::filesystem;
+
+static constexpr char kDeviceMount[] = "run/devices";
+
+static void Mount(const char* source, const fs::path& target, const char* type, unsigned long flags,
+                  const char* data = nullptr) {
+    if (mount(source, target.c_str(), type, flags, data) != 0) {
+        throw SysError("cannot mount " + std::string(source) + " at " + target.string());
+    }
+}
+
+// Makes `target`, of the same kind as `source`, and binds `source` there.
+static void Bind(const fs::path& source, const fs::path& target, bool readOnly) {
+    if (fs::is_directory(source)) {
+        fs::create_directories(target);
+    } else {
+        fs::create_directories(target.parent_path());
+        if (!fs::exists(target)) {
+            WriteText(target, "");
+        }
+    }
+    Mount(source.c_str(), target, nullptr, MS_BIND | MS_REC);
+    if (!readOnly) {
+        return;
+    }
+    // Unlike a remount this adds one attribute and leaves those alone that an ordinary user may
+    // not change.
+    mount_attr attributes{};
+    attributes.attr_set = MOUNT_ATTR_RDONLY;
+    if (mount_setattr(AT_FDCWD, target.c_str(), AT_RECURSIVE, &attributes, sizeof(attributes)) !=
+        0) {
+        throw SysError("cannot make " + target.string() + " read-only");
+    }
+}
+
+// /usr and the top-level names that lead into it, as the host has them.
+static void BindPrograms(const fs::path& root) {
+    Bind("/usr", root / "usr", true);
+    for (const fs::directory_entry& entry : fs::directory_iterator("/")) {
+        const std::string name = entry.path().filename();
+        if (name != "bin" && name != "sbin" && name.rfind("lib", 0) != 0) {
+            continue;
+        }
+        if (entry.is_symlink()) {
+            fs::copy_symlink(entry.path(), root / name);
+        } else if (entry.is_directory()) {
+            Bind(entry.path(), root / name, true);
+        }
+    }
+}
+
+static void FillEtc(const fs::path& etc) {
+    fs::create_directories(etc / "configs");
+    for (const char* name :
+         {"ld.so.cache", "localtime", "nsswitch.conf", "protocols", "services"}) {
+        std::error_code absent;
+        fs::copy_file(fs::path("/etc") / name, etc / name, absent);
+    }
+    if (fs::exists("/etc/alternatives")) {
+        Bind("/etc/alternatives", etc / "alternatives", true);
+    }
+    WriteText(etc / "passwd", "root:x:0:0:root:/root:/bin/sh\n");
+    WriteText(etc / "group", "root:x:0:\n");
+    WriteText(etc / "hosts", "127.0.0.1 localhost\n");
+    WriteText(etc / "resolv.conf", "");
+}
+
+static void PlacePlatform(const fs::path& root) {
+    for (const PlatformFile& file : PlatformFiles()) {
+        fs::path place = root / "opt/board/bin" / file.name;
+        if (file.name == "wifi_connect.sh") {
+            place = root / "root" / file.name;
+        } else if (file.name == "udhcpc.script") {
+            place = root / "etc/udhcpc/default.script";
+        }
+        fs::create_directories(place.parent_path());
+        WriteText(place, file.text);
+        fs::permissions(place, fs::perms(0755));
+    }
+}
+
+static void FillDev(const fs::path& dev) {
+    for (const char* name : {"null", "zero", "full", "random", "urandom", "tty"}) {
+        Bind(fs::path("/dev") / name, dev / name, false);
+    }
+    fs::create_directories(dev / "shm");
+    fs::create_symlink("/proc/self/fd", dev / "fd");
+    fs::create_symlink("/proc/self/fd/0", dev / "stdin");
+    fs::create_symlink("/proc/self/fd/1", dev / "stdout");
+    fs::create_symlink("/proc/self/fd/2", dev / "stderr");
+}
+
+// The kernel's switches stay out of reach (they would be the host's), but for the one that a
+// device's programs write.
+static void MountProc(const fs::path& root) {
+    Mount("proc", root / "proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC);
+    WriteText(root / "run/drop_caches", "");
+    Bind(root / "proc/sys", root / "proc/sys", true);
+    Bind(root / "run/drop_caches", root / "proc/sys/vm/drop_caches", false);
+    if (fs::exists(root / "proc/sysrq-trigger")) {
+        Bind(root / "proc/sysrq-trigger", root / "proc/sysrq-trigger", true);
+    }
+}
+
+void BuildRoot(const BootConfig& config) {
+    const fs::path root = config.root;
+    const fs::path state = config.state;
+    // What is mounted from here on is seen in this namespace alone.
+    Mount("none", "/", nullptr, MS_REC | MS_PRIVATE);
+    Mount("board", root, "tmpfs", MS_NOSUID, "mode=755");
+    for (const char* folder : {"dev", "etc", "mnt", "opt/app", "param", "proc", "root", "run",
+                               "sys/class/gpio", "tmp", "var/log", "var/run", kDeviceMount}) {
+        fs::create_directories(root / folder);
+    }
+    fs::permissions(root / "tmp", fs::perms(01777));
+    Mount("tmp", root / "tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
+    BindPrograms(root);
+    FillEtc(root / "etc");
+    PlacePlatform(root);
+    FillDev(root / "dev");
+    MountProc(root);
+    Bind(state / "param", root / "param", false);
+    Bind(state / "gpio", root / "sys/class/gpio", false);
+    Bind(state / "platform", root / "run/board", false);
+    Bind(config.program, root / "opt/upgrade/upgradeMain", true);
+    if (!config.appFlash.empty()) {
+        Bind(config.appFlash, root / "run/board/app-flash", true);
+    }
+}
+
+UniqueFd MountDevices(const BootConfig& config) {
+    UniqueFd fuse(open("/dev/fuse", O_RDWR | O_CLOEXEC));
+    if (!fuse) {
+        throw SysError("cannot open /dev/fuse");
+    }
+    const std::string options =
+        "fd=" + std::to_string(fuse.Get()) + ",rootmode=40000,user_id=0,group_id=0";
+    Mount("devices", fs::path(config.root) / kDeviceMount, "fuse", MS_NOSUID | MS_NODEV,
+          options.c_str());
+    return fuse;
+}
+
+void BindDevices(const BootConfig& config) {
+    const fs::path root = config.root;
+    for (const std::string& name : config.devices) {
+        Bind(root / kDeviceMount / name, root / "dev" / name, false);
+    }
+}
+
+void EnterRoot(const BootConfig& config) {
+    if (chdir(config.root.c_str()) != 0 || syscall(SYS_pivot_root, ".", ".") != 0 ||
+        umount2(".", MNT_DETACH) != 0 || chdir("/") != 0) {
+        throw SysError("cannot enter the board's file system");
+    }
+}
+
+}  // namespace vboard

@@ -1,0 +1,71 @@
+// The state folder: everything of a board that outlives a boot, or the runner, or that a test
+// may read as a plain file.
+//
+//     flash/mtdN.bin       contents of the flash partitions
+//     param/               the board's /param
+//     gpio/GPIO26/value    the reset button's line, '0' while pressed
+//     platform/            the board's /run/board
+//     boot-N/trace.log     standard error of the program in boot N of this run
+//     boot-N/console.log   its standard output and the platform's messages
+//     boot-N/reason        why the board booted
+//     ops.jsonl            operation log of the devices
+//     control, lock        the runner's socket, its lock
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "common/kv_raii.h"
+#include "vboard/devices/devices.h"
+
+namespace vboard {
+
+class StateDir {
+  public:
+    // The folder used when none is named.
+    static std::string Default();
+
+    explicit StateDir(const std::string& path);
+
+    const std::filesystem::path& Path() const { return path_; }
+    std::filesystem::path Flash(const std::string& mtd) const {
+        return path_ / "flash" / (mtd + ".bin");
+    }
+    std::filesystem::path Boot(int number) const {
+        return path_ / ("boot-" + std::to_string(number));
+    }
+    std::filesystem::path OpLog() const { return path_ / "ops.jsonl"; }
+    std::filesystem::path ButtonValue() const { return path_ / "gpio" / "GPIO26" / "value"; }
+    std::filesystem::path RebootFault() const { return path_ / "platform" / "reboot-fault"; }
+
+    // Number of the newest boot, 0 when there is none.
+    int LastBoot() const;
+
+    // For the runner, which holds the result as long as it lives. Throws when another one does.
+    UniqueFd Lock() const;
+    // Waits until no runner holds the lock.
+    void AwaitUnlocked() const;
+    // Makes the folders, removes logs of an earlier run. For the runner, under the lock.
+    void Prepare() const;
+
+    // The control socket's address, short whatever the folder's path. Valid while this object is.
+    std::string ControlAddress() const;
+
+  private:
+    std::filesystem::path path_;
+    UniqueFd directory_;
+};
+
+// "256K", "4M", "65536".
+uint64_t ParseSize(const std::string& text);
+// "mtd0=256K,mtd1=64K": the default layout with these sizes instead; a size of 0 removes a
+// partition. Backing files are those of `state`.
+std::vector<PartitionConfig> ParseLayout(const std::string& text, uint32_t eraseBlock,
+                                         const StateDir& state);
+
+void WriteText(const std::filesystem::path& file, const std::string& text);
+std::string ReadText(const std::filesystem::path& file);  // empty when unreadable
+
+}  // namespace vboard

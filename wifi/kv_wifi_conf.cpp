@@ -1,0 +1,74 @@
+#include "wifi/kv_wifi_conf.h"
+
+#include <cstdio>
+
+#include "common/kv_mini_trace.h"
+#include "common/kv_platform.h"
+#include "common/kv_raii.h"
+#include "wifi/kv_wifi_sta.h"
+
+namespace {
+
+// Under which name a writer reports. The one for the service network is start-up's, and its lines
+// stand in the log as start-up's.
+struct Reporter {
+    const char* trace;
+    const char* function;
+};
+
+// The open variant is the debug writer's; the service network always has a pass phrase.
+void WriteNetwork(FILE* file, const Reporter& reporter, const char* passphrase) {
+    if (passphrase[0] == '\0') {
+        (void)KV_Trace(KV_LEVEL_DEBUG, reporter.trace, __LINE__, reporter.function,
+                       "no passwd!! Dot_WIFI_MODE_OPEN\n");
+        (void)fputs("\tkey_mgmt=NONE\n", file);
+        return;
+    }
+    (void)KV_Trace(KV_LEVEL_DEBUG, reporter.trace, __LINE__, reporter.function,
+                   "need passwd!! default WPA-PSK\n");
+    (void)fputs("\tkey_mgmt=WPA-PSK WPA-EAP IEEE8021X NONE\n", file);
+    (void)fputs("\tpairwise=TKIP CCMP\n", file);
+    (void)fputs("\tgroup=CCMP TKIP WEP104 WEP40\n", file);
+    (void)fprintf(file, "\tpsk=\"%s\"\n", passphrase);
+}
+
+int WriteConf(const Reporter& reporter, const char* ssid, const char* passphrase,
+              const char* workDir) {
+    char name[64] = {};
+    const int length = snprintf(name, sizeof(name), "%s/%s", workDir, kv::kWpaConfName);
+    // A cut name would be some other file: it counts as one that cannot be opened.
+    const bool fits = length > 0 && static_cast<size_t>(length) < sizeof(name);
+    const UniqueFile file(fits ? fopen(name, "wte") : nullptr);
+    if (!file) {
+        (void)KV_Trace(KV_LEVEL_FAILED, reporter.trace, __LINE__, reporter.function,
+                       "open file :%s failed!", name);
+        return -1;
+    }
+    (void)fprintf(file.Get(), "ctrl_interface=%s/wpa_supplicant\n", workDir);
+    (void)fputs("update_config=1\n", file.Get());
+    (void)fputs("ap_scan=1\n", file.Get());
+    (void)fputs("network={\n", file.Get());
+    (void)fprintf(file.Get(), "\tssid=\"%s\"\n", ssid);
+    (void)fputs("\tscan_ssid=1\n", file.Get());
+    WriteNetwork(file.Get(), reporter, passphrase);
+    // Kept: no line end behind the brace, because the file is compared byte by byte.
+    (void)fputs("}", file.Get());
+    return 0;
+}
+
+}  // namespace
+
+int __KV_WIFI_StaSupplicant() {
+    KV_WIFI_STA_PARAM param{};
+    param.pcScriptPath = kv::kWifiConnectScript;
+    param.pcWorkPath = kv::kWifiWorkDir;
+    param.ucGuardEnable = 1;
+    param.ucDhcp = 1;
+    (void)WriteConf({"upgrade_main", __func__}, kv::kServiceSsid, kv::kServicePassphrase,
+                    kv::kWifiWorkDir);
+    return KV_WIFI_StaConnect(&param);
+}
+
+int __KV_WIFI_StaSupplicantDebug(const char* ssid, const char* passphrase, const char* workDir) {
+    return WriteConf({"kv_wifi_sta", __func__}, ssid, passphrase, workDir);
+}
