@@ -22,7 +22,7 @@ struct IoctlRequest {
 constexpr char kInternetHost[] = "8.8.8.8";
 constexpr uint16_t kInternetPort = 53;
 
-// Names the interface in *ifr and issues the request on a socket of its own.
+// Names the interface in *ifr and makes the request on a socket of its own.
 int InterfaceIoctl(const char* function, const char* ifname, IoctlRequest request,
                    struct ifreq* ifr) {
     const UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
