@@ -17,6 +17,7 @@
 #include "vboard/preflight.h"
 #include "vboard/process.h"
 #include "vboard/process_list.h"
+#include "vboard/rootfs.h"
 
 namespace vboard {
 
@@ -150,12 +151,15 @@ void Board::StartBoot(const std::string& reason) {
         }
     }
     config.devices.emplace_back("watchdog");
-    SendMessage(initSocket_.Get(), config);
+
+    network_.Attach(init_);
+    DevicesMount mount = MountDevices();
+    devices_->Attach(mount.fuse.Release(), number);
+    SendMessage(initSocket_.Get(), config, mount.tree.Get());
 }
 
 void Board::OnInitMessage() {
-    UniqueFd fuse;
-    const auto message = ReceiveMessage(initSocket_.Get(), &fuse);
+    const auto message = ReceiveMessage(initSocket_.Get());
     if (!message) {
         loop_.Remove(initSocket_.Get());
         return;
@@ -167,10 +171,6 @@ void Board::OnInitMessage() {
         program_ = message->at("pid");
     } else if (event == "ended") {
         programCode_ = message->at("code");
-    } else if (event == "devices" && cutReason_.empty()) {
-        network_.Attach(init_);
-        devices_->Attach(fuse.Release(), static_cast<int>(reasons_.size()));
-        SendMessage(initSocket_.Get(), {{"event", "go"}});
     }
 }
 
@@ -274,6 +274,13 @@ void Board::PressButton(int connection, bool pressed) {
 void Board::AddFault(const json& request) {
     const std::string device = request.at("device");
     const std::string operation = request.at("operation");
+    if (device == "trace") {
+        if (operation != "block" && operation != "off") {
+            throw std::runtime_error("the trace can be made to \"block\", or \"off\" again");
+        }
+        console_->HoldTrace(operation == "block");
+        return;
+    }
     if (device != "reboot") {
         devices_->AddFault({device, operation, request.value("errno", 0),
                             request.value("short", 0U), request.value("skip", 0U),

@@ -81,7 +81,8 @@ static sigset_t InitSignals() {
 }
 
 void Init::Boot() {
-    const auto config = ReceiveMessage(socket_.Get());
+    UniqueFd devices;
+    const auto config = ReceiveMessage(socket_.Get(), &devices);
     if (!config) {
         throw std::runtime_error("the runner ended before the board was up");
     }
@@ -89,13 +90,8 @@ void Init::Boot() {
     (void)sethostname("vboard", 6);
     (void)umask(022);
     BuildRoot(config_);
-    UniqueFd fuse = MountDevices(config_);
-    SendMessage(socket_.Get(), {{"event", "devices"}}, fuse.Get());
-    fuse.Reset();
-    if (!ReceiveMessage(socket_.Get())) {
-        throw std::runtime_error("the runner ended before the board was up");
-    }
-    BindDevices(config_);
+    PlaceDevices(config_, devices.Get());
+    devices.Reset();
     EnterRoot(config_);
     DropHostPowers();
 

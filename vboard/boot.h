@@ -1,9 +1,9 @@
 // One boot of the board: init, process 1 of the board's namespaces. The runner starts this very
 // program again as init, over a socket on which they talk in messages:
 //
-//     runner → init   the BootConfig
-//     init → runner   {"event":"devices"} with the /dev/fuse to serve
-//     runner → init   {"event":"go"}: devices are served, the network interfaces exist
+//     runner → init   the BootConfig, with the devices' file system; they are served, and the
+//     network
+//                     interfaces exist
 //     init → runner   {"event":"started","name":…,"pid":…} (pids as the board sees them),
 //                     {"event":"ended","name":…,"code":…}, {"event":"failed","text":…}
 //

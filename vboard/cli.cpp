@@ -38,6 +38,7 @@ struct Cli {
     std::string sequence;
     double hold = 0;
     std::string action;
+    unsigned lateSeconds = 0;
 
     Cli() {
         app.require_subcommand(1);
@@ -144,9 +145,10 @@ struct Cli {
         CLI::App* const add =
             Add(&app, "fault", "Make a device's next operations, or reboot, fail",
                 [this](const StateDir& where) { vboard::AddFault(where, fault); });
-        add->add_option("device", fault.device, "mtd0 … mtd7, watchdog, reboot")->required();
+        add->add_option("device", fault.device, "mtd0 … mtd7, watchdog, reboot, trace")->required();
         add->add_option("operation", fault.operation,
-                        "open, ioctl, erase, write, read; for reboot: fail, hang, off")
+                        "open, ioctl, erase, write, read; for reboot: fail, hang, off; for "
+                        "trace: block, off")
             ->required();
         CLI::Option* const error = add->add_option("--errno", fault.errorName, "EIO, ENOSPC, …");
         add->add_option("--short", fault.shortBytes, "Write so many bytes only")->excludes(error);
@@ -158,6 +160,14 @@ struct Cli {
         CLI::Option* const once = press->add_option("--hold", hold, "Seconds");
         press->add_option("--sequence", sequence, "'3 0.5 9.5': seconds pressed, released, …")
             ->excludes(once);
+
+        CLI::App* const behave = Add(
+            &app, "app", "How the stand-in application behaves from now on",
+            [this](const StateDir& where) { vboard::SetApplication(where, action, lateSeconds); });
+        behave->add_option("mode", action, "beat, not-ready, silent, late, crash, never")
+            ->required()
+            ->check(CLI::IsMember({"beat", "not-ready", "silent", "late", "crash", "never"}));
+        behave->add_option("seconds", lateSeconds, "late: silent for so long after its start");
 
         Add(&app, "reset", "Cut the power, boot again",
             [](const StateDir& where) { vboard::Reset(where); });

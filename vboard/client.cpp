@@ -107,10 +107,15 @@ void AddFault(const StateDir& state, const FaultOptions& options) {
         {"short", options.shortBytes}, {"skip", options.skip},     {"count", options.count}};
     if (!options.errorName.empty()) {
         request["errno"] = ErrorNumber(options.errorName);
-    } else if (options.shortBytes == 0 && options.device != "reboot") {
+    } else if (options.shortBytes == 0 && options.device != "reboot" && options.device != "trace") {
         throw std::runtime_error("say how it fails: --errno NAME or --short BYTES");
     }
     (void)ControlClient(state).Request(request);
+}
+
+void SetApplication(const StateDir& state, const std::string& mode, unsigned seconds) {
+    std::filesystem::create_directories(state.ApplicationMode().parent_path());
+    WriteText(state.ApplicationMode(), mode + " " + std::to_string(seconds) + "\n");
 }
 
 static std::filesystem::path RequireFlash(const StateDir& state, const std::string& mtd) {

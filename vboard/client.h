@@ -23,6 +23,8 @@ void AddFault(const StateDir& state, const FaultOptions& options);
 
 // Also without a running board. Writing fills the rest of the partition with 0xFF; a partition that
 // has no file yet is made as `layout` says.
+// How the stand-in application behaves from its next heartbeat on. With and without a board.
+void SetApplication(const StateDir& state, const std::string& mode, unsigned seconds);
 void ReadFlash(const StateDir& state, const std::string& mtd, const std::string& file);
 void WriteFlash(const StateDir& state, const std::string& mtd, const std::string& file,
                 const std::string& layout, uint32_t eraseBlock);

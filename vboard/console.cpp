@@ -35,11 +35,22 @@ void Console::Open(Stream* stream, const std::string& file, int terminal) {
         throw SysError("cannot create " + file);
     }
     stream->terminal = terminal;
-    loop_->Add(ends[0], [this, stream] {
+    Watch(stream);
+}
+
+void Console::Watch(const Stream* stream) {
+    loop_->Add(stream->readEnd.Get(), [this, stream] {
         if (!Drain(*stream)) {
             loop_->Remove(stream->readEnd.Get());
         }
     });
+}
+
+void Console::HoldTrace(bool held) {
+    loop_->Remove(trace_.readEnd.Get());
+    if (!held) {
+        Watch(&trace_);
+    }
 }
 
 void Console::CloseBoardEnds() {

@@ -23,6 +23,9 @@ class Console {
     // To be called once the board's init has them.
     void CloseBoardEnds();
 
+    // While held, nobody reads the trace: once the pipe is full, who traces blocks.
+    void HoldTrace(bool held);
+
     // A platform message of the runner.
     void Say(const std::string& text);
 
@@ -34,6 +37,7 @@ class Console {
         int terminal = -1;
     };
     void Open(Stream* stream, const std::string& file, int terminal);
+    void Watch(const Stream* stream);
     // Moves what is there; false at the end of the stream.
     static bool Drain(const Stream& stream);
     static void Write(const Stream& stream, const char* data, size_t length);

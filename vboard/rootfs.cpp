@@ -145,20 +145,39 @@ void BuildRoot(const BootConfig& config) {
     }
 }
 
-UniqueFd MountDevices(const BootConfig& config) {
-    UniqueFd fuse(open("/dev/fuse", O_RDWR | O_CLOEXEC));
-    if (!fuse) {
+DevicesMount MountDevices() {
+    DevicesMount mount;
+    mount.fuse.Reset(open("/dev/fuse", O_RDWR | O_CLOEXEC));
+    if (!mount.fuse) {
         throw SysError("cannot open /dev/fuse");
     }
-    const std::string options =
-        "fd=" + std::to_string(fuse.Get()) + ",rootmode=40000,user_id=0,group_id=0";
-    Mount("devices", fs::path(config.root) / kDeviceMount, "fuse", MS_NOSUID | MS_NODEV,
-          options.c_str());
-    return fuse;
+    const UniqueFd context(fsopen("fuse", FSOPEN_CLOEXEC));
+    const std::string fuse = std::to_string(mount.fuse.Get());
+    const char* const options[][2] = {
+        {"source", "devices"}, {"fd", fuse.c_str()}, {"rootmode", "40000"},
+        {"user_id", "0"},      {"group_id", "0"},
+    };
+    for (const auto& option : options) {
+        if (fsconfig(context.Get(), FSCONFIG_SET_STRING, option[0], option[1], 0) != 0) {
+            throw SysError("cannot prepare the devices' file system");
+        }
+    }
+    if (fsconfig(context.Get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) == 0) {
+        mount.tree.Reset(
+            fsmount(context.Get(), FSMOUNT_CLOEXEC, MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV));
+    }
+    if (!mount.tree) {
+        throw SysError("cannot mount the devices' file system");
+    }
+    return mount;
 }
 
-void BindDevices(const BootConfig& config) {
+void PlaceDevices(const BootConfig& config, int tree) {
     const fs::path root = config.root;
+    if (move_mount(tree, "", AT_FDCWD, (root / kDeviceMount).c_str(), MOVE_MOUNT_F_EMPTY_PATH) !=
+        0) {
+        throw SysError("cannot place the devices' file system");
+    }
     for (const std::string& name : config.devices) {
         Bind(root / kDeviceMount / name, root / "dev" / name, false);
     }

@@ -1,5 +1,5 @@
 // The file system tree that the board's programs see. Used by init, inside the board's own mount
-// namespace, in the order of the declarations.
+// namespace, in the order of the declarations; except for MountDevices.
 #pragma once
 
 #include <string>
@@ -13,13 +13,19 @@ namespace vboard {
 // Builds the tree at `config.root` from a tmpfs, the host's programs, the state folder.
 void BuildRoot(const BootConfig& config);
 
-// Mounts the devices' file system; the result is the /dev/fuse on which the runner serves it.
-UniqueFd MountDevices(const BootConfig& config);
-
-// Puts the devices where programs look for them. The runner must be serving them already.
-void BindDevices(const BootConfig& config);
+// Puts the devices' file system `tree` into it, and the devices where programs look for them. The
+// runner must be serving them already.
+void PlaceDevices(const BootConfig& config, int tree);
 
 // Makes the tree the root of this process and of all that it starts.
 void EnterRoot(const BootConfig& config);
+
+// The devices' file system, mounted nowhere yet, and the /dev/fuse on which it is served. For the
+// runner: the kernel counts the callers' process ids in the PID namespace of whoever mounts.
+struct DevicesMount {
+    UniqueFd fuse;
+    UniqueFd tree;
+};
+DevicesMount MountDevices();
 
 }  // namespace vboard

@@ -38,6 +38,7 @@ class StateDir {
     }
     std::filesystem::path OpLog() const { return path_ / "ops.jsonl"; }
     std::filesystem::path ButtonValue() const { return path_ / "gpio" / "GPIO26" / "value"; }
+    std::filesystem::path ApplicationMode() const { return path_ / "platform" / "app"; }
     std::filesystem::path RebootFault() const { return path_ / "platform" / "reboot-fault"; }
 
     // Number of the newest boot, 0 when there is none.

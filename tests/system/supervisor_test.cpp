@@ -179,7 +179,7 @@ TEST(Supervisor, FedWhileTheLogBlocks) {
     board.Start({"--no-wifi"});
     ASSERT_TRUE(board.WaitTrace("app file not exist!"));
     // Nobody reads the log from here on: whoever traces blocks, the feeder does not.
-    (void)board.Do({"fault", "log", "block"});
+    (void)board.Do({"fault", "trace", "block"});
     const int client = board.Connect("tcp", 80);
     for (int i = 0; i < 4000; ++i) {
         if (!kv_test::SendAll(client, kv_test::Frame(0x7777))) {
