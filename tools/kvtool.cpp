@@ -33,7 +33,7 @@ struct Options {
     double verify_seconds = 60;
     double leave_seconds = 600;
     double back_seconds = 120;
-    int wait_seconds = kDefaultWaitSeconds;
+    int wait_seconds = 0;
 };
 
 Millis FromSeconds(double seconds) {
@@ -96,9 +96,9 @@ void AddUpgrade(CLI::App* root, Options* options) {
     app->add_flag("--json", options->json, "Print JSON at the end, progress to standard error");
     AddPort(app, options);
     AddLayout(app, options);
-    app->add_option("--wait", options->wait_seconds, "Wait for the device to appear (--wait=S)")
-        ->expected(0, 1)
-        ->default_str(std::to_string(kDefaultWaitSeconds))
+    // A flag with a value, which never takes the word behind it: that word is the host.
+    app->add_flag("--wait{" + std::to_string(kDefaultWaitSeconds) + "}", options->wait_seconds,
+                  "Wait for the device to appear, --wait=SECONDS for a time of your own")
         ->check(CLI::Range(1, kLongestSeconds));
     AddSeconds(app, "--connect-timeout", &options->connect_seconds, "Seconds to connect");
     AddSeconds(app, "--reply-timeout", &options->reply_seconds, "Seconds for each answer");
@@ -173,7 +173,7 @@ ExitCode Dispatch(const CLI::App& app, Options* options) {
     FillDevice(*options, &upgrade.device);
     upgrade.follow = !options->no_follow;
     upgrade.times = TimesFrom(*options);
-    if (app.get_subcommand("upgrade")->count("--wait") > 0) {
+    if (options->wait_seconds > 0) {
         upgrade.wait_seconds = options->wait_seconds;
     }
     return RunUpgrade(upgrade, layout);

@@ -111,6 +111,8 @@ TEST_F(KvtoolCli, UsageErrorsHaveTheirOwnCode) {
              {"upgrade", "127.0.0.1"},
              {"upgrade", "127.0.0.1", Path("good"), "--stall-timeout", "0"},
              {"info", "--port", "65536", "127.0.0.1"},
+             {"upgrade", "--wait=0", "127.0.0.1", Path("good")},
+             {"upgrade", "--wait=soon", "127.0.0.1", Path("good")},
          }) {
         EXPECT_EQ(RunTool(arguments), 2) << testing::PrintToString(arguments);
     }

@@ -120,7 +120,7 @@ void Checker::ReadEntries() {
         entry.data_offset = kv::GetLe32(bytes.dataOffset);
         entry.check_code = kv::GetLe32(bytes.checkCode);
         entry.reached = reached;
-        if (!name.terminated) {
+        if (reached && !name.terminated) {
             Error(entry, "the name is not terminated within its field");
         }
         CheckEntry(&entry);
@@ -137,6 +137,9 @@ void Checker::CheckEntry(EntryReport* entry) {
                          : 0;
     const uint64_t start = std::min<uint64_t>(entry->data_offset, size);
     entry->md5 = Md5Hex(package_.data() + start, entry->in_file);
+    if (!entry->reached) {
+        return;
+    }
     if (entry->check_code != kv::kEntryCheckCode) {
         Error(*entry,
               "bad check code: the device stops here and reboots, entries before this one "
@@ -206,7 +209,7 @@ void Checker::CheckOverlaps() {
         kv::kPackageHeaderSize + uint64_t{report_.file_num} * kv::kPackageEntrySize;
     std::vector<const EntryReport*> sorted;
     for (const EntryReport& entry : report_.entries) {
-        if (entry.data_len == 0) {
+        if (entry.data_len == 0 || !entry.reached) {
             continue;
         }
         if (entry.data_offset < table_end) {
@@ -239,9 +242,10 @@ void Checker::CheckTargets() {
         const EntryReport* first = nullptr;
         for (const EntryReport& entry : report_.entries) {
             const bool selects =
+                entry.reached &&
                 std::any_of(entry.targets.begin(), entry.targets.end(),
                             [&row](const LayoutRow& target) { return target.name == row.name; });
-            any = any || (selects && entry.reached);
+            any = any || selects;
             if (selects && first != nullptr) {
                 Warn(entry, "partition " + row.name + " is written already by entry " +
                                 std::to_string(first->index));

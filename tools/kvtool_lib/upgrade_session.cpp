@@ -164,7 +164,8 @@ void UpgradeSession::Interpret(bool all_sent) {
         if (!all_sent) {
             throw ToolError(ExitCode::kBusy,
                             "the device says that an accepted upgrade is under way; the upload was "
-                            "ended at once");
+                            "ended at once, but it has replaced the package that the device is "
+                            "working from: expect to have to upgrade again");
         }
         return;
     }
