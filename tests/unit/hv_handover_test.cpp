@@ -139,10 +139,9 @@ TEST(HvHandover, ADetachedIoIsItsHoldersToCloseOrToEquip) {
     g_pool = &pool;
     handed = {};
     hio_t* listener = nullptr;
-    static Tally closed;
     pool.acceptor.Do([&] {
         listener = hloop_create_tcp_server(pool.acceptor.Get(), "127.0.0.1", 0, [](hio_t* io) {
-            hio_setcb_close(io, [](hio_t*) { closed.Add(); });
+            hio_setcb_close(io, [](hio_t*) { g_pool->closed.Add(); });
             hio_detach(io);
             handed.set_value(io);
         });
@@ -152,7 +151,7 @@ TEST(HvHandover, ADetachedIoIsItsHoldersToCloseOrToEquip) {
     EXPECT_LT(hio_read(io), 0);
     EXPECT_LT(hio_write(io, "x", 1), 0);
     EXPECT_EQ(hio_close(io), 0);
-    EXPECT_EQ(closed.Count(), 1U);
+    EXPECT_EQ(pool.closed.Count(), 1U);
     EXPECT_TRUE(AtEnd(client));
 
     // More than the socket takes, written by the holder before the worker has the io.
@@ -165,10 +164,10 @@ TEST(HvHandover, ADetachedIoIsItsHoldersToCloseOrToEquip) {
     hio_attach(pool.workers[0].Get(), io);
     EXPECT_LT(hio_write(io, big.data(), big.size()), 900000);
     EXPECT_EQ(hio_read(io), 0);
-    hio_close(io);
     EXPECT_TRUE(Receive(second, big.size()) == big);
+    hio_close(io);
     EXPECT_TRUE(AtEnd(second));
-    EXPECT_TRUE(closed.WaitFor(2));
+    EXPECT_TRUE(pool.closed.WaitFor(2));
 }
 
 }  // namespace

@@ -228,7 +228,7 @@ TEST_F(HvIo, ClosesFromAnotherThread) {
 }
 
 // What a read callback may do to its own io. Each case is a connection of its own, to which "ab"
-// and then "c" are sent; `answer` is all that comes back before the server closes or the client
+// and then "cd" are sent; `answer` is all that comes back before the server closes or the client
 // does.
 std::vector<char> g_ownBuffer;
 struct Reentry {
@@ -237,8 +237,11 @@ struct Reentry {
     const char* answer;
 };
 void AnswerAgain(hio_t* io, void* buf, int readbytes) {
-    hio_write(io, buf, static_cast<size_t>(readbytes));
-    hio_close(io);
+    EXPECT_EQ(readbytes, 1);
+    hio_write(io, buf, 1);
+    if (*static_cast<char*>(buf) == 'd') {
+        hio_close(io);
+    }
 }
 const Reentry kReentries[] = {
     {"close", [](hio_t* io, const char*, size_t) { hio_close(io); }, ""},
@@ -266,7 +269,7 @@ const Reentry kReentries[] = {
          EXPECT_EQ(hio_read(io), 0);
          hio_write(io, buf, size);
      },
-     "abc"},
+     "abcd"},
 };
 
 TEST_F(HvIo, ReadCallbackMayDoAnythingToItsIo) {
@@ -278,7 +281,7 @@ TEST_F(HvIo, ReadCallbackMayDoAnythingToItsIo) {
         const UniqueFd client = Connected();
         Send(client, "ab");
         ASSERT_TRUE(server_.received.WaitFor(received + 2));
-        (void)send(client.Get(), "c", 1, MSG_NOSIGNAL);  // refused where the server has closed
+        (void)send(client.Get(), "cd", 2, MSG_NOSIGNAL);  // refused where the server has closed
         EXPECT_EQ(Receive(client, 10), entry.answer);
         EXPECT_TRUE(server_.closed.WaitFor(closed + 1));
     }

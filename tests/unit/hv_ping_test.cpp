@@ -1,5 +1,4 @@
-// Runs in the sandbox: a network of its own with nothing but loopback, and the right to raw
-// sockets.
+// Runs in the sandbox: it wants a network of its own and the right to raw sockets.
 #include "hv/icmp.h"
 
 #include <linux/capability.h>
