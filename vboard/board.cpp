@@ -30,7 +30,7 @@ static constexpr char kAppPartition[] = "mtd5";
 
 static std::string UsableProgram(const std::string& name) {
     std::error_code missing;
-    const std::string path = std::filesystem::canonical(name, missing);
+    std::string path = std::filesystem::canonical(name, missing);
     if (missing || access(path.c_str(), X_OK) != 0 || !std::filesystem::is_regular_file(path)) {
         throw std::runtime_error("not a program: " + name);
     }

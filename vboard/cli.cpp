@@ -3,7 +3,10 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <iostream>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <sstream>
 
 #include "vboard/board.h"
 #include "vboard/boot.h"
@@ -195,10 +198,20 @@ struct Cli {
     }
 };
 
+int RunCli(int argc, char** argv) {
+    Cli cli;
+    try {
+        cli.app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return cli.app.exit(error);
+    }
+    return cli.exitStatus;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc == 2 && std::string(argv[1]) == "__init") {
+    if (argc == 2 && std::strcmp(argv[1], "__init") == 0) {
         return vboard::InitMain();
     }
     // Descriptors below 3 must not be taken by what is opened later.
@@ -207,14 +220,10 @@ int main(int argc, char** argv) {
         fd = open("/dev/null", O_RDWR);
     }
     (void)close(fd);
-    Cli cli;
     try {
-        cli.app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return cli.app.exit(error);
+        return RunCli(argc, argv);
     } catch (const std::exception& error) {
-        std::cerr << "vboard: " << error.what() << "\n";
+        (void)fprintf(stderr, "vboard: %s\n", error.what());
         return 1;
     }
-    return cli.exitStatus;
 }

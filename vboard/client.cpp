@@ -73,8 +73,9 @@ static void PrintOperation(const json& entry) {
             continue;
         }
         const json& value = member.value();
-        const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
-        std::cout << ' ' << (key == "dev" || key == "op" ? text : key + "=" + text);
+        std::cout << ' ' << (key == "dev" || key == "op" ? "" : key)
+                  << (key == "dev" || key == "op" ? "" : "=")
+                  << (value.is_string() ? value.get<std::string>() : value.dump());
     }
     std::cout << '\n';
 }

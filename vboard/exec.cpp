@@ -35,6 +35,7 @@ static void Enter(const UniqueFd& space, int type) {
 
 [[noreturn]] static void Execute(const std::vector<std::string>& command) {
     std::vector<char*> argv;
+    argv.reserve(command.size() + 1);
     for (const std::string& word : command) {
         argv.push_back(const_cast<char*>(word.c_str()));
     }
