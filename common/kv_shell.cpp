@@ -2,6 +2,7 @@
 
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -26,9 +27,16 @@ int SpawnShell(const char* command, pid_t* pid) {
     (void)posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
     (void)posix_spawnattr_setsigdefault(&attributes, &all);
     (void)posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawn_file_actions_t actions;
+    (void)posix_spawn_file_actions_init(&actions);
+#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 34)
+    // What the program opens is close-on-exec; a library's raw socket need not be.
+    (void)posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+#endif
     const char* const arguments[] = {"sh", "-c", command, nullptr};
-    const int error = posix_spawn(pid, "/bin/sh", nullptr, &attributes,
+    const int error = posix_spawn(pid, "/bin/sh", &actions, &attributes,
                                   const_cast<char* const*>(arguments), environ);
+    (void)posix_spawn_file_actions_destroy(&actions);
     (void)posix_spawnattr_destroy(&attributes);
     return error;
 }
