@@ -13,8 +13,8 @@ namespace vboard {
 struct IoctlCall {
     unsigned int request = 0;
     const void* argument = nullptr;  // in the caller's memory
-    pid_t pid = 0;                   // the caller as this process sees it, 0 when it does not
-    const void* in = nullptr;        // what the kernel copied in, by the request's direction bits
+    pid_t pid = 0;  // the calling thread, as the PID namespace of the mounting process counts
+    const void* in = nullptr;  // what the kernel copied in, by the request's direction bits
     size_t inBytes = 0;
     bool writable = false;  // the file was opened for writing
 };

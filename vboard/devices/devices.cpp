@@ -87,6 +87,17 @@ class Devices::Impl {
                            [&](const Partition& partition) { return partition.name == name; });
     }
 
+    void CallOnReset() {
+        std::function<void()> callback;
+        {
+            const std::lock_guard<std::mutex> lock(callbackMutex);
+            callback = onReset;
+        }
+        if (callback) {
+            callback();
+        }
+    }
+
     const bool norTiming;
     OpLog log;
     Faults faults;
@@ -96,8 +107,10 @@ class Devices::Impl {
     // Held for as long as attaching and detaching take, so that whoever comes second finds the
     // work done.
     std::mutex mutex;
-    std::function<void()> onReset;
     std::unique_ptr<Attachment> attachment;
+
+    std::mutex callbackMutex;
+    std::function<void()> onReset;
 };
 
 Devices::Devices(const DevicesConfig& config) : impl_(std::make_unique<Impl>(config)) {}
@@ -107,7 +120,7 @@ Devices::~Devices() {
 }
 
 void Devices::OnWatchdogReset(std::function<void()> callback) {
-    const std::lock_guard<std::mutex> lock(impl_->mutex);
+    const std::lock_guard<std::mutex> lock(impl_->callbackMutex);
     impl_->onReset = std::move(callback);
 }
 
@@ -118,7 +131,7 @@ void Devices::Attach(int fuseFd, int boot) {
     impl_->log.SetBoot(boot);
     auto attachment =
         std::make_unique<Attachment>(impl_->partitions, impl_->norTiming, impl_->watchdog,
-                                     impl_->log, impl_->faults, impl_->onReset);
+                                     impl_->log, impl_->faults, [this] { impl_->CallOnReset(); });
     attachment->Serve(fd.Release());
     impl_->attachment = std::move(attachment);
 }

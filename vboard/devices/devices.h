@@ -53,15 +53,18 @@ class Devices {
     Devices& operator=(const Devices&) = delete;
 
     // Called from the watchdog's thread when the board was starved; at most once an attachment.
-    // Holds from the next Attach on.
     void OnWatchdogReset(std::function<void()> callback);
 
     // Serves one boot on `fuseFd`, an open /dev/fuse that the caller has already mounted; owns it
     // from now on. Files at the root of that file system: every partition's name and "watchdog".
     // Returns at once; requests are answered on threads of this object. The watchdog starts in its
-    // power-on state: disarmed. `boot` goes into the operation log. `boardPidOf` is not needed:
-    // requests carry the caller's pid as seen by this process.
+    // power-on state: disarmed. `boot` goes into the operation log.
     // Ends an earlier attachment first. Throws std::runtime_error when the descriptor is unusable.
+    //
+    // Call mount(2) from this process's PID namespace: an argument of WDIOC_SETOPTIONS is read from
+    // its caller's memory, and the kernel numbers callers as the mounting process would. The
+    // process that called unshare(CLONE_NEWPID) is still in the old namespace, its children are
+    // not. Mounted from elsewhere, WDIOC_SETOPTIONS fails with EFAULT and says so on stderr.
     //
     // Keep no duplicate of fuseFd, in a forked process neither: only when the last one is closed
     // does the kernel let go of processes that wait for a device.

@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/timerfd.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +12,8 @@
 #include <cstring>
 #include <system_error>
 #include <utility>
+
+#include "vboard/devices/caller_memory.h"
 
 namespace vboard {
 namespace {
@@ -48,19 +49,6 @@ std::optional<int> CopiedIn(const IoctlCall& call) {
         return std::nullopt;
     }
     memcpy(&value, call.in, sizeof value);
-    return value;
-}
-
-// WDIOC_SETOPTIONS takes an int but is numbered as one that gives an int, and the kernel copies by
-// the number: what the caller wants is still only in its memory.
-std::optional<int> FromCaller(const IoctlCall& call) {
-    int value = 0;
-    const iovec here{&value, sizeof value};
-    const iovec there{const_cast<void*>(call.argument), sizeof value};
-    if (call.pid <= 0 ||
-        process_vm_readv(call.pid, &here, 1, &there, 1, 0) != static_cast<ssize_t>(sizeof value)) {
-        return std::nullopt;
-    }
     return value;
 }
 
@@ -184,7 +172,10 @@ WatchdogFile::Answer WatchdogFile::Execute(const IoctlCall& call) {
         case WDIOC_SETTIMEOUT:
         case WDIOC_SETOPTIONS: {
             const bool timeout = call.request == WDIOC_SETTIMEOUT;
-            const std::optional<int> value = timeout ? CopiedIn(call) : FromCaller(call);
+            // WDIOC_SETOPTIONS takes an int but is numbered as one that gives an int, and the
+            // kernel copies by the number: what the caller wants is still only in its memory.
+            const std::optional<int> value =
+                timeout ? CopiedIn(call) : ReadCallerInt(call, bench_.stop);
             if (!value) {
                 return Answer{-EFAULT};
             }
@@ -229,9 +220,7 @@ void WatchdogFile::Watch() {
         const bool starved = Do([](WatchdogTimer& timer, Time now) { return timer.Starved(now); });
         if (starved && !bench_.stop.Raised()) {
             bench_.log.Write({name_, "starved"});
-            if (starved_) {
-                starved_();
-            }
+            starved_();
             return;
         }
     }
