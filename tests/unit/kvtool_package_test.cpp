@@ -200,6 +200,18 @@ TEST(KvtoolInspect, EveryTruncationIsFoundAndHarmless) {
     }
 }
 
+// Its writer, once past the image, goes on into the next device: more than the rest of a unit.
+TEST(KvtoolInspect, BootLoaderInFrontOfOthersTakesAllThatFollows) {
+    Bytes bytes = HandMade();
+    Put(&bytes, 24, std::string("uboot\0", 6));
+    Put(&bytes, 280, std::string("app\0", 4));
+    bytes.resize(bytes.size() + 100000, 0xFF);
+    const PackageReport report = Check(bytes);
+    ASSERT_EQ(report.entries.size(), 2U);
+    EXPECT_EQ(report.entries[0].behind, bytes.size() - 0x218 - 5);
+    EXPECT_TRUE(Reports(report, kvtool::Severity::kError, "does not bound"));
+}
+
 TEST(KvtoolInspect, EntriesBehindABadCheckCodeAreNotReached) {
     Bytes bytes = HandMade();
     Put(&bytes, 24 + 140, std::string(4, '\0'));

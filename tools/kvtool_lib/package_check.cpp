@@ -41,7 +41,7 @@ class Checker {
     }
 
     bool CheckHeader();
-    void CheckText(const char* what, const FieldText& found, const std::string& wanted);
+    void CheckText(const char* what, const std::string& found, const std::string& wanted);
     void ReadEntries();
     void CheckEntry(EntryReport* entry);
     void CheckImage(EntryReport* entry, const LayoutRow& target);
@@ -63,14 +63,12 @@ bool Checker::CheckHeader() {
     kv::UpgradeFileHeaderBytes header;
     memcpy(&header, package_.data(), sizeof header);
     report_.header_complete = true;
-    const FieldText ic = ReadField(header.icType, sizeof header.icType);
-    const FieldText sensor = ReadField(header.sensorType, sizeof header.sensorType);
-    report_.ic = ic.text;
-    report_.sensor = sensor.text;
+    report_.ic = ReadField(header.icType, sizeof header.icType).text;
+    report_.sensor = ReadField(header.sensorType, sizeof header.sensorType).text;
     report_.total_len = kv::GetLe32(header.upgrateDataLen);
     report_.file_num = kv::GetLe32(header.fileNum);
-    CheckText("chip type", ic, device_.ic);
-    CheckText("sensor type", sensor, device_.sensor);
+    CheckText("chip type", report_.ic, device_.ic);
+    CheckText("sensor type", report_.sensor, device_.sensor);
     if (report_.total_len == 0) {
         Find(Severity::kError, -1, "total data length is 0: the device refuses the package");
     } else if (report_.total_len != report_.size) {
@@ -84,10 +82,10 @@ bool Checker::CheckHeader() {
     return true;
 }
 
-void Checker::CheckText(const char* what, const FieldText& found, const std::string& wanted) {
-    if (found.text != wanted || !found.terminated) {
+void Checker::CheckText(const char* what, const std::string& found, const std::string& wanted) {
+    if (found != wanted) {
         Find(Severity::kError, -1,
-             std::string(what) + " is '" + Printable(found.text) + "', the device's is '" +
+             std::string(what) + " is '" + Printable(found) + "', the device's is '" +
                  Printable(wanted) + "': the device refuses the package");
     }
 }
