@@ -2,6 +2,7 @@
 // and hands it over the Unix socket FD, so that a test uses it as if it stood on the bench itself.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -43,6 +44,8 @@ int main(int argc, char** argv) {
     }
     const int on = 1;
     (void)setsockopt(descriptor, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
+    // Each send of a test is a segment of its own.
+    (void)setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     if (connect(descriptor, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) != 0) {
         return 4;
     }

@@ -269,6 +269,39 @@ std::string Board::Flash(const std::string& mtd) const {
     return ReadFile(state_ + "/flash/" + mtd + ".bin");
 }
 
+std::string MakeApplicationImage(const Board& board) {
+    const std::string tree = board.Path("tree");
+    const std::string image = board.Path("app.squashfs");
+    const CommandResult made =
+        RunCommand({"/bin/sh", "-ec",
+                    "mkdir -p " + tree + "/bin; printf '#!/bin/sh\\nexec sleep 1000\\n' >" + tree +
+                        "/bin/cameraMain; chmod +x " + tree + "/bin/cameraMain; mksquashfs " +
+                        tree + " " + image + " -quiet -all-root"});
+    if (made.status != 0) {
+        throw std::runtime_error("no application image: " + made.output);
+    }
+    return image;
+}
+
+bool WaitUntil(const std::function<bool()>& holds, double timeoutSeconds) {
+    const auto end = Clock::now() + std::chrono::duration<double>(timeoutSeconds);
+    while (!holds()) {
+        if (Clock::now() > end) {
+            return false;
+        }
+        (void)usleep(10000);
+    }
+    return true;
+}
+
+size_t CountOf(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
 double LargestFeedGap(const std::vector<nlohmann::json>& operations) {
     double largest = 0;
     std::map<int, double> last;

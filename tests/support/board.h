@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -77,6 +78,14 @@ class Board {
 // Largest gap in seconds between two feeds of one boot, over all boots.
 double LargestFeedGap(const std::vector<nlohmann::json>& operations);
 
+// A file system for mtd5 that holds `bin/cameraMain`, a script that only lives. Returns its path,
+// in the board's folder; throws when it cannot be made.
+std::string MakeApplicationImage(const Board& board);
+
+// Waits until `holds` returns true; false after the time-out. For what `vboard wait` cannot name.
+bool WaitUntil(const std::function<bool()>& holds, double timeoutSeconds = 10);
+
+size_t CountOf(const std::string& text, const std::string& part);
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);
 

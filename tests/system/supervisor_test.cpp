@@ -10,36 +10,12 @@
 #include "tests/support/mini_client.h"
 
 using kv_test::Board;
-
-namespace {
-
-// An application partition that holds `bin/cameraMain`, as the platform finds it at boot.
-void InstallApplication(Board* board) {
-    const std::string tree = board->Path("tree");
-    const std::string image = board->Path("app.squashfs");
-    const auto made = kv_test::RunCommand(
-        {"/bin/sh", "-ec",
-         "mkdir -p " + tree + "/bin; printf '#!/bin/sh\\nexec sleep 1000\\n' >" + tree +
-             "/bin/cameraMain; chmod +x " + tree + "/bin/cameraMain; mksquashfs " + tree + " " +
-             image + " -quiet -all-root"});
-    ASSERT_EQ(made.status, 0) << made.output;
-    (void)board->Do({"flash", "write", "mtd5", image});
-}
-
-size_t Count(const std::string& text, const std::string& part) {
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
-}  // namespace
+using kv_test::CountOf;
+using kv_test::WaitUntil;
 
 TEST(Supervisor, ModeFollowsApplicationAndMarker) {
     Board board;
-    InstallApplication(&board);
-    ASSERT_FALSE(HasFatalFailure());
+    (void)board.Do({"flash", "write", "mtd5", kv_test::MakeApplicationImage(board)});
     board.Start({"--no-wifi"});
     ASSERT_TRUE(board.WaitTrace("app file exist!"));
     EXPECT_TRUE(std::regex_search(
@@ -95,10 +71,7 @@ TEST(Supervisor, Sigusr1DisarmsAndNothingElse) {
     EXPECT_FALSE(board.Status().at("watchdog").at("armed").get<bool>());
     // A second stop disarms the old number again and is not refused.
     board.Signal(SIGUSR1);
-    for (int i = 0; i < 100 && Count(board.Trace(), "KV_FH_WDT_Stop:176 ") < 2; ++i) {
-        (void)usleep(50000);
-    }
-    EXPECT_EQ(Count(board.Trace(), "KV_FH_WDT_Stop:176 "), 2U);
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(board.Trace(), "KV_FH_WDT_Stop:176 ") == 2; }));
     const int client = board.Connect("tcp", 80);
     EXPECT_EQ(kv_test::Exchange(client, kv_test::Frame(6)).size(), 32U);
     (void)close(client);
@@ -120,15 +93,17 @@ TEST(Supervisor, SecondSigtermIsAnsweredWhileTheFirstOnesJoinBlocks) {
     ASSERT_TRUE(board.WaitTrace("LoopPoolInit DeInit Success!"));
     const std::string trace = board.Trace();
     EXPECT_LT(trace.find("wait exit!"), trace.find("LoopPoolInit DeInit Success!"));
-    EXPECT_EQ(Count(trace, "Start Exit!"), 1U);
+    EXPECT_EQ(CountOf(trace, "Start Exit!"), 1U);
     EXPECT_FALSE(board.Status().at("watchdog").at("armed").get<bool>());
-    ASSERT_TRUE(board.WaitConsole("exited with status 0"));
+    ASSERT_TRUE(board.WaitConsole("upgradeMain ended with status 0"));
     (void)close(client);
 }
 
 TEST(Supervisor, WatchdogFailuresAtStart) {
     Board board;
     board.Start({"--no-wifi"});
+    // The faults below are for later boots: this one has to have its watchdog first.
+    ASSERT_TRUE(board.WaitTrace("app file not exist!"));
     const struct {
         std::vector<std::string> fault;
         const char* line;
@@ -155,13 +130,8 @@ TEST(Supervisor, WatchdogFailuresAtStart) {
     }
     // A failed feed did not stop the feeding.
     const uint64_t feeds = board.Status().at("watchdog").at("feeds");
-    for (int i = 0; i < 60; ++i) {
-        if (board.Status().at("watchdog").at("feeds").get<uint64_t>() > feeds + 1) {
-            return;
-        }
-        (void)usleep(100000);
-    }
-    FAIL() << "no feed after a failed one";
+    EXPECT_TRUE(WaitUntil(
+        [&] { return board.Status().at("watchdog").at("feeds").get<uint64_t>() > feeds + 1; }));
 }
 
 TEST(Supervisor, StoppedProgramIsResetByTheWatchdog) {
