@@ -52,16 +52,17 @@ static UniqueFd BlockSignals() {
 Board::Board(const BoardOptions& options, const StateDir& state)
     : options_(options), state_(state), network_(options.network, state) {
     options_.program.at(0) = UsableProgram(options.program.at(0));
+    self_ = std::filesystem::read_symlink("/proc/self/exe");
     partitions_ = ParseLayout(options.layout, options.eraseBlock, state);
-    CheckHost(options.network.wifi);
+    CheckHost(options.network.wifi, options.speed);
     lock_ = state.Lock();
     BecomeRoot();
     network_.Create();
     state.Prepare();
     signals_ = BlockSignals();
     watchdogEvent_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    devices_ = std::make_unique<Devices>(
-        DevicesConfig{partitions_, options.eraseBlock, options.norTiming, state.OpLog()});
+    devices_ = std::make_unique<Devices>(DevicesConfig{
+        partitions_, options.eraseBlock, options.norTiming, state.OpLog(), options.speed});
     devices_->OnWatchdogReset([this] { (void)eventfd_write(watchdogEvent_.Get(), 1); });
 }
 
@@ -141,6 +142,8 @@ void Board::StartBoot(const std::string& reason) {
     config.root = state_.Path() / "root";
     config.state = state_.Path();
     config.program = options_.program[0];
+    config.self = self_;
+    config.speed = options_.speed;
     config.arguments.assign(options_.program.begin() + 1, options_.program.end());
     config.environment = options_.environment;
     config.ethAddress = options_.network.ethAddress;
@@ -311,6 +314,7 @@ json Board::Status() {
     }
     const WatchdogStatus watchdog = devices_->Watchdog();
     return {{"boot", reasons_.size()},
+            {"speed", options_.speed},
             {"boots", boots},
             {"state", init_ < 0 ? "off" : (program_ > 0 ? "up" : "booting")},
             {"program", program},

@@ -22,6 +22,7 @@ struct BoardOptions {
     std::string layout;
     uint32_t eraseBlock = 65536;
     bool norTiming = false;
+    int speed = 1;  // of the board's clock
     NetworkConfig network;
     int maxBoots = 0;  // 0: no limit
     bool quiet = false;
@@ -58,6 +59,7 @@ class Board {
     void PressButton(int connection, bool pressed);
 
     BoardOptions options_;
+    std::string self_;  // path of this program
     const StateDir& state_;
     UniqueFd lock_;
     Loop loop_;

@@ -16,6 +16,7 @@
 
 #include "common/kv_platform.h"
 #include "common/kv_raii.h"
+#include "vboard/preflight.h"
 #include "vboard/process.h"
 #include "vboard/rootfs.h"
 
@@ -25,11 +26,21 @@
 namespace vboard {
 
 static constexpr char kScripts[] = "/opt/board/bin/";
-static constexpr std::chrono::seconds kShutdownTime(3);
+static constexpr std::chrono::nanoseconds kShutdownTime = std::chrono::seconds(3);
 
-std::vector<std::string> BoardEnvironment() {
-    return {"PATH=/opt/board/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME=/root", "USER=root",
-            "TERM=linux"};
+std::vector<std::string> BoardEnvironment(int speed) {
+    std::vector<std::string> environment = {"PATH=/opt/board/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                                            "HOME=/root", "USER=root", "TERM=linux"};
+    if (speed != 1) {
+        // Each process accelerates from its own start on. What libfaketime would share between
+        // processes is guarded by a semaphore, which whoever is killed would take along. A year
+        // back, because the kernel stamps what it receives with the host's time, and nothing may
+        // have been received before it was sent.
+        environment.insert(environment.end(), {"LD_PRELOAD=" + ClockLibrary(),
+                                               "FAKETIME=-1y x" + std::to_string(speed),
+                                               "FAKETIME_DISABLE_SHM=1", "NO_FAKE_STAT=1"});
+    }
+    return environment;
 }
 
 static void Say(const std::string& text) {
@@ -98,7 +109,8 @@ void Init::Boot() {
     const sigset_t set = InitSignals();
     (void)sigprocmask(SIG_BLOCK, &set, nullptr);
     signals_.Reset(signalfd(-1, &set, SFD_CLOEXEC));
-    Command setup{{std::string(kScripts) + "rcS", config_.ethAddress}, BoardEnvironment()};
+    Command setup{{std::string(kScripts) + "rcS", config_.ethAddress},
+                  BoardEnvironment(config_.speed)};
     setup.error = STDOUT_FILENO;
     (void)vboard::Run(setup);
     StartProgram();
@@ -106,7 +118,7 @@ void Init::Boot() {
 }
 
 void Init::StartProgram() {
-    Command command{{"/opt/upgrade/upgradeMain"}, BoardEnvironment()};
+    Command command{{"/opt/upgrade/upgradeMain"}, BoardEnvironment(config_.speed)};
     command.argv.insert(command.argv.end(), config_.arguments.begin(), config_.arguments.end());
     command.environment.insert(command.environment.end(), config_.environment.begin(),
                                config_.environment.end());
@@ -121,7 +133,7 @@ void Init::StartApplication() {
         return;
     }
     Say(std::string("starting ") + kv::kAppName);
-    Command command{{std::string(kScripts) + "startapp.sh"}, BoardEnvironment()};
+    Command command{{std::string(kScripts) + "startapp.sh"}, BoardEnvironment(config_.speed)};
     command.error = STDOUT_FILENO;
     command.newSession = true;
     (void)Start(command);
@@ -148,7 +160,7 @@ void Init::OrderlyReboot() {
     sigset_t childEnds;
     (void)sigemptyset(&childEnds);
     (void)sigaddset(&childEnds, SIGCHLD);
-    const auto deadline = std::chrono::steady_clock::now() + kShutdownTime;
+    const auto deadline = std::chrono::steady_clock::now() + kShutdownTime / config_.speed;
     // Ends early when nobody is left. Who entered the board from outside is no child of this
     // process and ends without a signal to it, hence the second look every now and then.
     const timespec pause{0, 20'000'000};

@@ -26,17 +26,20 @@ struct BootConfig {
     std::string root;      // an empty folder of the host: the board's tree is built over it
     std::string state;     // the state folder
     std::string program;   // absolute path of the program
+    std::string self;      // absolute path of vboard, which is the command-link client too
     std::string appFlash;  // backing file of the application's partition, empty when there is none
     std::string ethAddress;            // "ADDRESS/LEN", empty without eth0
+    int speed = 1;                     // of the board's clock
     std::vector<std::string> devices;  // names at the root of the devices' file system
     std::vector<std::string> arguments;
     std::vector<std::string> environment;  // "NAME=VALUE", beside the board's own
 };
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(BootConfig, root, state, program, appFlash, ethAddress, devices,
-                                   arguments, environment)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(BootConfig, root, state, program, self, appFlash, ethAddress,
+                                   speed, devices, arguments, environment)
 
-// The board's environment for programs.
-std::vector<std::string> BoardEnvironment();
+// The environment of the board's programs, whose clocks run `speed` times as fast as the host's.
+// Throws when the host cannot accelerate a clock.
+std::vector<std::string> BoardEnvironment(int speed);
 
 // Runs as init; the socket is descriptor kInitSocket, standard output the console, standard error
 // the trace.

@@ -8,6 +8,7 @@
 #include "vboard/board.h"
 #include "vboard/boot.h"
 #include "vboard/client.h"
+#include "vboard/command_link.h"
 #include "vboard/exec.h"
 #include "vboard/watch.h"
 
@@ -70,6 +71,9 @@ struct Cli {
                                   [this](const StateDir& where) { Run(where); });
         AddLayout(run);
         run->add_flag("--nor-timing", board.norTiming, "Flash takes the times of a real NOR");
+        run->add_option("--speed", board.speed, "How many times as fast the board's clock runs")
+            ->check(CLI::Range(1, 100))
+            ->capture_default_str();
         CLI::Option* const eth =
             run->add_option("--eth", board.network.ethAddress, "The board's address on eth0")
                 ->capture_default_str();
@@ -198,6 +202,9 @@ struct Cli {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (vboard::IsCommandLink()) {
+        return vboard::CommandLinkMain(argc, argv);
+    }
     if (argc == 2 && std::string(argv[1]) == "__init") {
         return vboard::InitMain();
     }

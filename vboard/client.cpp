@@ -38,8 +38,12 @@ void ShowStatus(const StateDir& state, bool asJson) {
         std::cout << status.dump(2) << '\n';
         return;
     }
-    std::cout << "board " << status.at("state").get<std::string>() << ", boot " << status.at("boot")
-              << " (runner " << status.at("runnerPid") << ", "
+    std::cout << "board " << status.at("state").get<std::string>() << ", boot "
+              << status.at("boot");
+    if (status.at("speed") != 1) {
+        std::cout << ", clock " << status.at("speed") << " times as fast";
+    }
+    std::cout << " (runner " << status.at("runnerPid") << ", "
               << status.at("stateDir").get<std::string>() << ")\nboots:";
     for (const json& boot : status.at("boots")) {
         std::cout << ' ' << boot.at("boot") << ' ' << boot.at("reason").get<std::string>() << ';';

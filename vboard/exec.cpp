@@ -80,7 +80,7 @@ int Exec(const StateDir& state, bool board, const std::vector<std::string>& comm
     Enter(uts, CLONE_NEWUTS);
     Enter(ipc, CLONE_NEWIPC);
     Enter(mnt, CLONE_NEWNS);
-    for (const std::string& variable : BoardEnvironment()) {
+    for (const std::string& variable : BoardEnvironment(status.at("speed"))) {
         (void)putenv(const_cast<char*>(strdup(variable.c_str())));
     }
     Execute(command);

@@ -1,6 +1,7 @@
 #include "vboard/preflight.h"
 
 #include <fcntl.h>
+#include <glob.h>
 #include <sched.h>
 #include <unistd.h>
 
@@ -13,7 +14,24 @@
 
 namespace vboard {
 
-void CheckHost(bool wifi) {
+std::string ClockLibrary() {
+    for (const char* const folder :
+         {"/usr/lib/*/faketime", "/usr/lib/faketime", "/usr/lib64/faketime"}) {
+        glob_t found{};
+        const std::string pattern = std::string(folder) + "/libfaketimeMT.so.1";
+        const bool any = glob(pattern.c_str(), 0, nullptr, &found) == 0;
+        const std::string path = any ? found.gl_pathv[0] : "";
+        globfree(&found);
+        if (any) {
+            return path;
+        }
+    }
+    throw std::runtime_error(
+        "an accelerated clock needs libfaketime, which the host lacks (Debian package "
+        "libfaketime)");
+}
+
+void CheckHost(bool wifi, int speed) {
     struct Tool {
         const char* name;
         const char* package;
@@ -31,6 +49,9 @@ void CheckHost(bool wifi) {
             throw std::runtime_error(std::string("the host lacks ") + tool.name +
                                      " (Debian package " + tool.package + ")");
         }
+    }
+    if (speed != 1) {
+        (void)ClockLibrary();
     }
     const UniqueFd fuse(open("/dev/fuse", O_RDWR | O_CLOEXEC));
     if (!fuse) {

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "common/kv_platform.h"
 #include "vboard/platform_files.h"
 #include "vboard/process.h"
 #include "vboard/state.h"
@@ -55,7 +56,7 @@ static void BindPrograms(const fs::path& root) {
     Bind("/usr", root / "usr", true);
     for (const fs::directory_entry& entry : fs::directory_iterator("/")) {
         const std::string name = entry.path().filename();
-        if (name != "bin" && name != "sbin" && name.rfind("lib", 0) != 0) {
+        if (name != "bin" && name.rfind("lib", 0) != 0) {
             continue;
         }
         if (entry.is_symlink()) {
@@ -64,6 +65,18 @@ static void BindPrograms(const fs::path& root) {
             Bind(entry.path(), root / name, true);
         }
     }
+}
+
+// /sbin is a folder of links to the host's programs, so that the platform can have one more there:
+// this very program, which under that name is the command link's client.
+static void FillSbin(const fs::path& root, const std::string& self) {
+    Bind("/sbin", root / "run/sbin", true);
+    fs::create_directory(root / "sbin");
+    for (const fs::directory_entry& entry : fs::directory_iterator("/sbin")) {
+        const fs::path name = entry.path().filename();
+        fs::create_symlink("/run/sbin" / name, root / "sbin" / name);
+    }
+    Bind(self, root / std::string(kv::kConsoleClient).substr(1), true);
 }
 
 static void FillEtc(const fs::path& etc) {
@@ -132,6 +145,7 @@ void BuildRoot(const BootConfig& config) {
     fs::permissions(root / "tmp", fs::perms(01777));
     Mount("tmp", root / "tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
     BindPrograms(root);
+    FillSbin(root, config.self);
     FillEtc(root / "etc");
     PlacePlatform(root);
     FillDev(root / "dev");

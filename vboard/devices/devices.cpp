@@ -26,12 +26,12 @@ struct Partition {
 // All that lives from one Attach to its Detach.
 struct Attachment {
     Attachment(std::vector<Partition>& partitions, bool norTiming, SharedWatchdog& sharedWatchdog,
-               OpLog& log, Faults& faults, std::function<void()> starved)
-        : watchdog(sharedWatchdog, Bench{log, faults, stop}, std::move(starved)) {
+               OpLog& log, Faults& faults, const BoardClock& clock, std::function<void()> starved)
+        : watchdog(sharedWatchdog, Bench{log, faults, stop, clock}, std::move(starved)) {
         files.reserve(partitions.size());
         for (Partition& partition : partitions) {
             files.emplace_back(partition.name, partition.flash, norTiming, chip,
-                               Bench{log, faults, stop});
+                               Bench{log, faults, stop, clock});
         }
     }
 
@@ -70,7 +70,7 @@ struct Attachment {
 class Devices::Impl {
   public:
     explicit Impl(const DevicesConfig& config)
-        : norTiming(config.norTiming), log(config.opLogFile) {
+        : norTiming(config.norTiming), clock(config.speed), log(config.opLogFile, clock) {
         for (const PartitionConfig& partition : config.partitions) {
             if (partition.name.empty() || IsDevice(partition.name)) {
                 throw std::runtime_error("partition name '" + partition.name +
@@ -88,6 +88,7 @@ class Devices::Impl {
     }
 
     const bool norTiming;
+    const BoardClock clock;
     OpLog log;
     Faults faults;
     std::vector<Partition> partitions;
@@ -118,7 +119,7 @@ void Devices::Attach(int fuseFd, int boot) {
     impl_->log.SetBoot(boot);
     auto attachment =
         std::make_unique<Attachment>(impl_->partitions, impl_->norTiming, impl_->watchdog,
-                                     impl_->log, impl_->faults, impl_->onReset);
+                                     impl_->log, impl_->faults, impl_->clock, impl_->onReset);
     attachment->Serve(fd.Release());
     impl_->attachment = std::move(attachment);
 }
@@ -137,7 +138,7 @@ void Devices::AddFault(const Fault& fault) {
 
 WatchdogStatus Devices::Watchdog() const {
     const std::lock_guard<std::mutex> lock(impl_->watchdog.mutex);
-    return impl_->watchdog.timer.Status(std::chrono::steady_clock::now());
+    return impl_->watchdog.timer.Status(impl_->clock.Now());
 }
 
 void Devices::Note(const std::string& operation, const std::string& text) {

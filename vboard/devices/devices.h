@@ -22,6 +22,7 @@ struct DevicesConfig {
     uint32_t eraseBlock = 65536;
     bool norTiming = false;  // erase and program take the times of a real SPI NOR
     std::string opLogFile;   // one JSON object a line, appended
+    int speed = 1;           // how fast the board's clock runs: the watchdog's, the flash chip's
 };
 
 // The next operations of a device fail. `operation` is one of "open", "ioctl", "erase", "write",
@@ -39,7 +40,7 @@ struct Fault {
 struct WatchdogStatus {
     bool open = false;
     bool armed = false;
-    int timeoutSeconds = 0;
+    int timeoutSeconds = 0;       // seconds of the board's clock, as the next
     double secondsSinceFeed = 0;  // meaningful while armed
     uint64_t feeds = 0;           // since this Devices object exists, resets included
 };

@@ -43,11 +43,10 @@ BusyWait FlashFile::Busy() const {
     if (!norTiming_) {
         return {};
     }
-    return
-        [this, until = std::chrono::steady_clock::now()](std::chrono::microseconds step) mutable {
-            until += step;
-            return !bench_.stop.RaisedBefore(until);
-        };
+    return [this, until = bench_.clock.Now()](std::chrono::microseconds step) mutable {
+        until += step;
+        return !bench_.stop.RaisedBefore(bench_.clock.ToHost(until));
+    };
 }
 
 void FlashFile::Read(fuse_req_t request, size_t length, uint64_t offset) {

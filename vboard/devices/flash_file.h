@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 
+#include "vboard/devices/board_clock.h"
 #include "vboard/devices/device_file.h"
 #include "vboard/devices/faults.h"
 #include "vboard/devices/nor_flash.h"
@@ -18,6 +19,7 @@ struct Bench {
     OpLog& log;
     Faults& faults;
     const StopSignal& stop;
+    const BoardClock& clock;
 };
 
 // Every read, program, erase and query waits its turn on `chip`, as the partitions are of one chip.

@@ -4,9 +4,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -19,7 +19,7 @@ std::string Quoted(std::string_view text) {
 
 }  // namespace
 
-OpLog::OpLog(const std::string& file) {
+OpLog::OpLog(const std::string& file, const BoardClock& clock) : clock_(clock) {
     if (file.empty()) {
         return;
     }
@@ -51,12 +51,20 @@ void OpLog::Note(const std::string& operation, const std::string& text) {
 
 void OpLog::Append(const std::string& members) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    char head[64];
-    (void)snprintf(head, sizeof head, R"({"t":%lld.%06ld,"boot":%d,)",
-                   static_cast<long long>(now.tv_sec), now.tv_nsec / 1000, boot_.load());
-    const std::string line = head + members + "}\n";
+    const auto now = std::chrono::steady_clock::now();
+    const auto since =
+        std::chrono::duration_cast<std::chrono::microseconds>(now.time_since_epoch());
+    char text[64];
+    (void)snprintf(text, sizeof text, R"({"t":%lld.%06lld,)",
+                   static_cast<long long>(since / std::chrono::seconds(1)),
+                   static_cast<long long>((since % std::chrono::seconds(1)).count()));
+    std::string line = text;
+    if (clock_.Speed() != 1) {
+        (void)snprintf(text, sizeof text, R"("board":%.3f,)",
+                       clock_.SinceStart(clock_.AtHost(now)).count());
+        line += text;
+    }
+    line += R"("boot":)" + std::to_string(boot_) + "," + members + "}\n";
     const ssize_t written = write(file_.Get(), line.data(), line.size());
     if (written != static_cast<ssize_t>(line.size()) && !complained_) {
         complained_ = true;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/kv_raii.h"
+#include "vboard/devices/board_clock.h"
 
 namespace vboard {
 
@@ -24,12 +25,13 @@ struct LogEntry {
 
 // Members of a line, in order: "t" (seconds of the monotonic clock, taken when the operation is
 // over), "boot", "dev", "op", then "off", "len", "result" and what else the operation has to say;
-// for a note "text" instead. "t" never goes backwards from line to line. Any thread.
+// for a note "text" instead. On an accelerated board "board" stands behind "t": seconds of the
+// board's clock since the runner started. "t" never goes backwards from line to line. Any thread.
 class OpLog {
   public:
     // Appends to `file`; an empty name is no log. Throws std::runtime_error when it cannot be
     // opened.
-    explicit OpLog(const std::string& file);
+    OpLog(const std::string& file, const BoardClock& clock);
 
     void SetBoot(int boot) { boot_ = boot; }
     void Write(const LogEntry& entry);
@@ -39,6 +41,7 @@ class OpLog {
     void Append(const std::string& members);
 
     UniqueFd file_;
+    const BoardClock& clock_;
     std::atomic<int> boot_{0};
     std::mutex mutex_;
     bool complained_ = false;

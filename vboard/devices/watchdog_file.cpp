@@ -19,11 +19,7 @@ namespace {
 
 using Time = WatchdogTimer::Time;
 
-Time Now() {
-    return std::chrono::steady_clock::now();
-}
-
-// The clock of `when` is the timer's: CLOCK_MONOTONIC. No time stops the alarm.
+// `when` is of the host's clock: CLOCK_MONOTONIC. No time stops the alarm.
 void SetAlarm(int fd, std::optional<Time> when) {
     itimerspec setting{};
     if (when) {
@@ -113,8 +109,10 @@ void WatchdogFile::Join() {
 template <typename Operation>
 auto WatchdogFile::Do(Operation operation) {
     const std::lock_guard<std::mutex> lock(watchdog_.mutex);
-    auto result = operation(watchdog_.timer, Now());
-    SetAlarm(alarm_.Get(), watchdog_.timer.Deadline());
+    auto result = operation(watchdog_.timer, bench_.clock.Now());
+    const std::optional<Time> deadline = watchdog_.timer.Deadline();
+    SetAlarm(alarm_.Get(),
+             deadline ? std::optional<Time>(bench_.clock.ToHost(*deadline)) : deadline);
     return result;
 }
 
