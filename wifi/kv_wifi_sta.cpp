@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
@@ -29,12 +30,15 @@ using kv::StaVerdict;
 namespace {
 
 constexpr size_t kStationStack = 131072;
+constexpr int64_t kLeaseGraceMs = 5000;
+constexpr useconds_t kLeasePollUs = 100000;
 constexpr int32_t kPublicConnecting = 0;
 constexpr int32_t kPublicGuarding = 3;
 constexpr char kDebugScanSsid[] = "1111";
 // The helpers below report under the names of the thread and of its status handling.
 constexpr char kThreadName[] = "__KV_WIFI_STA_HandleProc";
 constexpr char kStatusName[] = "handle_result";
+constexpr char kEndDhcp[] = "killall -9 udhcpc";
 
 // The station, of which there is one.
 struct KV_WIFI_STA_CTX {
@@ -44,11 +48,12 @@ struct KV_WIFI_STA_CTX {
     pthread_t thread;     // under control
     uint8_t guardEnable;  // written while no thread runs
     std::atomic<int32_t> publicState;
+    std::atomic<bool> leasing;  // the DHCP client runs, or is about to
     pthread_mutex_t
         paramLock;  // for single copies in and out of param, never while anything blocks
     KV_WIFI_STA_PARAM param;
 };
-KV_WIFI_STA_CTX g_station = {PTHREAD_MUTEX_INITIALIZER, {0}, {}, 0, {kPublicConnecting},
+KV_WIFI_STA_CTX g_station = {PTHREAD_MUTEX_INITIALIZER, {0}, {}, 0, {kPublicConnecting}, {false},
                              PTHREAD_MUTEX_INITIALIZER, {}};
 
 // What the station thread keeps for itself.
@@ -92,7 +97,7 @@ void Connect(StaThread* sta, StaGo from) {
         RunCommand(sta, kv::kWifiSoftReset);
     }
     SleepSeconds(2);
-    RunCommand(sta, "killall -9 udhcpc");
+    RunCommand(sta, kEndDhcp);
     RunCommand(sta, "ifconfig wlan0 down");
     RunCommand(sta, "ifconfig wlan0 up");
     RunCommand(sta, "killall -9 wpa_supplicant");
@@ -130,7 +135,9 @@ void ReadBack(int (*reader)(const char*, char*), char* field) {
 void Address(StaThread* sta) {
     const KV_WIFI_STA_PARAM param = Param();
     if (param.ucDhcp != 0) {
+        g_station.leasing = true;
         RunCommand(sta, "udhcpc -i wlan0");
+        g_station.leasing = false;
         ReadBack(KV_NET_GetIpAddr, g_station.param.acIpAddr);
         ReadBack(KV_NET_GetNetmask, g_station.param.acNetmask);
         ReadBack(KV_NET_GetGateway, g_station.param.acGateway);
@@ -240,6 +247,18 @@ void* __KV_WIFI_STA_HandleProc(void* argument) {
     return nullptr;
 }
 
+// Where no server answers, the DHCP client stays in the foreground and asks for ever. A stop gives
+// it a while and then ends it, as the process could not exit otherwise.
+void AwaitLease() {
+    const int64_t start = kv::MonotonicMilliseconds();
+    while (g_station.leasing) {
+        if (kv::MonotonicMilliseconds() - start > kLeaseGraceMs) {
+            KV_ShellEcho(kEndDhcp);
+        }
+        (void)usleep(kLeasePollUs);
+    }
+}
+
 // The caller holds control.
 int Stop() {
     const char* const function = "KV_WIFI_StaStop";
@@ -250,6 +269,7 @@ int Stop() {
     KV_DEBUG_IN(function, "KV_WIFI_StaStop start");
     g_station.running = 0;
     g_station.publicState = kPublicConnecting;
+    AwaitLease();
     (void)pthread_join(g_station.thread, nullptr);
     KV_DEBUG_IN(function, "KV_WIFI_StaStop success!");
     return 0;

@@ -1,5 +1,7 @@
-// bench_socket FD tcp|udp|broadcast HOST PORT: makes a socket where it runs (the bench's network)
-// and hands it over the Unix socket FD, so that a test uses it as if it stood on the bench itself.
+// bench_socket FD tcp|udp|broadcast|icmp HOST PORT: makes a socket where it runs (the bench's
+// network) and hands it over the Unix socket FD, so that a test uses it as if it stood on the bench
+// itself. "tcp" and "udp" are connected to HOST; "broadcast" is not, as the answers come from
+// elsewhere; "icmp" receives what arrives of that protocol.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -35,7 +37,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     const bool tcp = strcmp(argv[2], "tcp") == 0;
-    const int descriptor = socket(AF_INET, tcp ? SOCK_STREAM : SOCK_DGRAM, 0);
+    const bool icmp = strcmp(argv[2], "icmp") == 0;
+    const int descriptor = icmp ? socket(AF_INET, SOCK_RAW, IPPROTO_ICMP)
+                                : socket(AF_INET, tcp ? SOCK_STREAM : SOCK_DGRAM, 0);
     struct sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(atoi(argv[4])));
@@ -46,7 +50,8 @@ int main(int argc, char** argv) {
     (void)setsockopt(descriptor, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
     // Each send of a test is a segment of its own.
     (void)setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    if (connect(descriptor, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) != 0) {
+    if ((tcp || strcmp(argv[2], "udp") == 0) &&
+        connect(descriptor, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) != 0) {
         return 4;
     }
     return Send(atoi(argv[1]), descriptor) ? 0 : 5;

@@ -25,10 +25,12 @@ namespace {
 
 using kv_test::Bytes;
 using kv_test::Capture;
+using kv_test::ExpectedReply;
 using kv_test::Ip;
 using kv_test::Put;
 using kv_test::Replaced;
 using kv_test::Search;
+using kv_test::Settings;
 using Client = kv_test::DiscoveryClient;
 using Lines = std::vector<std::string>;
 
@@ -39,39 +41,6 @@ void AddInterface(const std::string& name, const std::string& mac, const std::st
     if (!address.empty()) {
         Ip("addr add " + address + " brd + dev " + name);
     }
-}
-
-struct Settings {
-    const char* address = "";
-    const char* netmask = "";
-    const char* gateway = "";
-    const char* dns = "";
-    const char* mac = "";
-};
-
-// The reply as clients know it, byte by byte.
-Bytes ExpectedReply(const Settings& settings) {
-    using std::string_literals::operator""s;
-    Bytes reply(544);
-    Put(&reply, 0, "searching..");
-    Put(&reply, 12, "\x0B"s);
-    Put(&reply, 16, "\xBE\0\0\0\x01"s);
-    Put(&reply, 24, settings.address);
-    Put(&reply, 40, settings.netmask);
-    Put(&reply, 56, settings.gateway);
-    Put(&reply, 72, settings.dns);
-    Put(&reply, 104, settings.mac);
-    Put(&reply, 140, "\x02\x13\0\0IPC"s);
-    Put(&reply, 240, "\0\0\0\x50\0\0\x02\x2A"s);
-    Put(&reply, 256, "\0\0\0\x50"s);
-    Put(&reply, 292, "\x2C\0\0\0\0\0\0\0\xF4\x01\0\0IPCAMERA"s);
-    Put(&reply, 292 + 92, "PRT7K_38QX_QJT_V1.0.0.241127_R1");
-    Put(&reply, 480, "admin");
-    // As openssl enciphers the 32 bytes in single DES, block by block.
-    Put(&reply, 512,
-        "\xDA\x35\x08\x5C\x06\x73\x02\x68\xB0\x31\xE2\x00\x54\x05\x90\xA8"
-        "\xDE\x88\x00\x3A\x00\xD3\x4F\x7E\xAF\x3E\xE9\x39\x01\x67\x5B\x9A"s);
-    return reply;
 }
 
 // The responder's lines of a log as "LEVEL function|message".

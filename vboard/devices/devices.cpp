@@ -130,10 +130,9 @@ void Devices::Attach(int fuseFd, int boot) {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
     impl_->attachment.reset();
     impl_->log.SetBoot(boot);
-    auto attachment =
-        std::make_unique<Attachment>(impl_->partitions, impl_->norTiming, impl_->watchdog,
-                                     impl_->log, impl_->faults, impl_->clock,
-                                     [this] { impl_->CallOnReset(); });
+    auto attachment = std::make_unique<Attachment>(impl_->partitions, impl_->norTiming,
+                                                   impl_->watchdog, impl_->log, impl_->faults,
+                                                   impl_->clock, [this] { impl_->CallOnReset(); });
     attachment->Serve(fd.Release());
     impl_->attachment = std::move(attachment);
 }

@@ -1,0 +1,351 @@
+// The Wi-Fi station on a board: the real supplicant, DHCP client and server, ifconfig, killall.
+// Long silences pass on an accelerated clock.
+#include <gtest/gtest.h>
+#include <netinet/ip.h>
+#include <netinet/ip_icmp.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "common/kv_raii.h"
+#include "tests/support/board.h"
+
+using kv_test::Board;
+using Lines = std::vector<std::string>;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+const Lines kConnect = {"# killall -9 udhcpc", "# ifconfig wlan0 down", "# ifconfig wlan0 up",
+                        "# killall -9 wpa_supplicant",
+                        "# /root/wifi_connect.sh sta /tmp/wpa_supplicant.conf"};
+constexpr char kLease[] = "# udhcpc -i wlan0";
+constexpr char kReset[] = "# wifi_reset.sh soft";
+constexpr char kGuard[] = "into wifi guard";
+constexpr char kTimedOut[] = "FAILED __KV_WIFI_STA_HandleProc: connection timed out";
+constexpr char kNoAddress[] = "ERROR __KV_WIFI_STA_HandleProc: No correct IP!!!!,SoftReset";
+
+const Lines kFast = {"--env", "LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1",
+                     "--env", "FAKETIME=+0 x20"};
+
+// The commands as the station echoes them, in order.
+Lines Echoes(const Board& board, int boot = 1) {
+    Lines echoes;
+    std::istringstream console(board.Console(boot));
+    for (std::string line; std::getline(console, line);) {
+        if (line.compare(0, 2, "# ") == 0 && line.back() == '\r') {
+            echoes.push_back(line.substr(0, line.size() - 1));
+        }
+    }
+    return echoes;
+}
+
+// The same, with each whole connect sequence as one "connect".
+Lines Steps(const Board& board, int boot = 1) {
+    Lines steps;
+    for (const std::string& echo : Echoes(board, boot)) {
+        if (echo == kConnect.back()) {
+            steps.push_back("connect");
+        } else if (echo == kReset) {
+            steps.push_back("reset");
+        } else if (echo == kLease) {
+            steps.push_back("lease");
+        }
+    }
+    return steps;
+}
+
+size_t Count(const Lines& lines, const std::string& line) {
+    return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
+}
+
+// Waits until the trace of a boot holds `message` for the `count`th time.
+bool WaitMessages(const Board& board, int boot, const std::string& message, size_t count,
+                  int seconds = 40) {
+    const auto end = Clock::now() + std::chrono::seconds(seconds);
+    while (Count(board.Messages(boot), message) < count) {
+        if (Clock::now() > end) {
+            return false;
+        }
+        (void)usleep(50000);
+    }
+    return true;
+}
+
+std::string Miss(int count) {
+    return "INFO __KV_WIFI_STA_HandleProc: NetWork ping failed cnt:" + std::to_string(count) +
+           " 172.20.18.1";
+}
+
+std::string Guarding() {
+    return std::string("DEBUG __KV_WIFI_STA_HandleProc: ") + kGuard;
+}
+
+// Seconds until the next echo request reaches the access point; negative when none does.
+double AwaitEcho(int socket, int seconds = 15) {
+    const auto start = Clock::now();
+    const auto passed = [start] {
+        return std::chrono::duration<double>(Clock::now() - start).count();
+    };
+    while (passed() < seconds) {
+        struct pollfd readable = {socket, POLLIN, 0};
+        char packet[256] = {};
+        if (poll(&readable, 1, 1000) == 1 && recv(socket, packet, sizeof(packet), 0) > 28 &&
+            packet[20] == ICMP_ECHO) {
+            return passed();
+        }
+    }
+    return -1;
+}
+
+// How often each thread of the program has gone to sleep so far.
+std::map<std::string, long> Sleeps(pid_t program) {
+    std::map<std::string, long> sleeps;
+    const std::string tasks = "/proc/" + std::to_string(program) + "/task";
+    for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+        std::istringstream status(kv_test::ReadFile(task.path() / "status"));
+        std::string name;
+        for (std::string line; std::getline(status, line);) {
+            if (line.compare(0, 6, "Name:\t") == 0) {
+                name = line.substr(6);
+            } else if (line.compare(0, 24, "voluntary_ctxt_switches:") == 0) {
+                sleeps[name] += std::stol(line.substr(24));
+            }
+        }
+    }
+    return sleeps;
+}
+
+// A board whose second boot begins with the access point as told.
+void StartWith(Board* board, const std::string& accessPoint, Lines options) {
+    options.emplace_back("--no-eth");
+    board->Start(options);
+    (void)board->Do({"ap", accessPoint});
+    (void)board->Do({"reset"});
+}
+
+}  // namespace
+
+TEST(Station, JoinsTheServiceNetworkAndGuardsIt) {
+    Board board;
+    board.Start({"--no-eth"});
+    ASSERT_TRUE(board.WaitTrace(kGuard));
+    Lines expected = kConnect;
+    expected.emplace_back(kLease);
+    EXPECT_EQ(Echoes(board), expected);
+    EXPECT_EQ(board.OnBoard("cat /tmp/wpa_supplicant.conf").output,
+              "ctrl_interface=/tmp/wpa_supplicant\n"
+              "update_config=1\n"
+              "ap_scan=1\n"
+              "network={\n"
+              "\tssid=\"test\"\n"
+              "\tscan_ssid=1\n"
+              "\tkey_mgmt=WPA-PSK WPA-EAP IEEE8021X NONE\n"
+              "\tpairwise=TKIP CCMP\n"
+              "\tgroup=CCMP TKIP WEP104 WEP40\n"
+              "\tpsk=\"24681357\"\n"
+              "}");
+    // A ping every six seconds, by the station's count of whole seconds.
+    const UniqueFd echoes(board.Connect("icmp", 0, "0.0.0.0"));
+    ASSERT_GE(AwaitEcho(echoes.Get()), 0);
+    const auto before = Sleeps(board.ProgramPid());
+    for (int i = 0; i < 2; ++i) {
+        const double gap = AwaitEcho(echoes.Get());
+        EXPECT_GT(gap, 5.0);
+        EXPECT_LT(gap, 7.5);
+    }
+    // In these twelve seconds the rest slept: the event loops and the signal thread throughout.
+    const std::map<std::string, long> most = {
+        {"upgradeMain", 6}, {"__KV_FH_WDT_Pro", 28}, {"__KV_WIFI_STA_H", 30}};
+    for (const auto& [name, count] : Sleeps(board.ProgramPid())) {
+        const auto limit = most.find(name);
+        EXPECT_LE(count - before.at(name), limit != most.end() ? limit->second : 0) << name;
+    }
+    EXPECT_EQ(board.Trace().find("NetWork ping failed"), std::string::npos);
+}
+
+// The real supplicant parses the file: with a slip in any line of it there is no association.
+TEST(Station, EveryLineOfTheFileCounts) {
+    Board board;
+    board.Start({"--no-eth"});
+    ASSERT_TRUE(board.WaitTrace(kGuard));
+    board.Signal(SIGTERM);
+    ASSERT_TRUE(board.WaitConsole("upgradeMain ended with status 0"));
+    const auto joins = [&board](const std::string& edit) {
+        return board
+                   .OnBoard(
+                       "killall -q -9 wpa_supplicant; ifconfig wlan0 up; rm -rf "
+                       "/tmp/wpa_supplicant;"
+                       "sed '" +
+                       edit +
+                       "' /tmp/wpa_supplicant.conf >/tmp/other.conf;"
+                       "/root/wifi_connect.sh sta /tmp/other.conf || exit 1;"
+                       "for i in $(seq 30); do"
+                       " wpa_cli -p /tmp/wpa_supplicant -i wlan0 status | grep -q COMPLETED && "
+                       "exit;"
+                       " sleep 0.1; done; exit 1")
+                   .status == 0;
+    };
+    EXPECT_TRUE(joins(""));
+    for (int line = 1; line <= 10; ++line) {
+        // "name=value" becomes "nameX=value", line 4 included.
+        EXPECT_FALSE(joins(std::to_string(line) + "s/=/X=/")) << line;
+    }
+    EXPECT_FALSE(joins("11d"));
+    for (const char* edit : {"s/test/tesu/", "s/24681357/24681358/", "s/TKIP CCMP$/TKIP COMP/"}) {
+        EXPECT_FALSE(joins(edit)) << edit;
+    }
+    EXPECT_TRUE(joins(""));
+}
+
+TEST(Station, SilentAccessPointTimesOutAndThreeSequencesMakeARound) {
+    Board board;
+    StartWith(&board, "down", kFast);
+    ASSERT_TRUE(WaitMessages(board, 2, kTimedOut, 4));
+    Lines steps = Steps(board, 2);
+    ASSERT_GE(steps.size(), 5U);
+    steps.resize(5);
+    EXPECT_EQ(steps, (Lines{"connect", "connect", "connect", "reset", "connect"}));
+    const Lines messages = board.Messages(2);
+    EXPECT_EQ(Count(messages, "DEBUG handle_result: state:COMPLETED"), 0U);
+    // Sixty seconds of the same answer, once a second, make a time-out.
+    EXPECT_NEAR(static_cast<double>(Count(messages, "DEBUG handle_result: state:DISCONNECTED")) / 4,
+                62, 8);
+    (void)board.Do({"ap", "up"});
+    EXPECT_TRUE(board.WaitTrace(kGuard, 2));
+}
+
+TEST(Station, MuteAccessPointIsPingedOn) {
+    Board board;
+    Lines options = kFast;
+    options.emplace_back("--no-eth");
+    board.Start(options);
+    ASSERT_TRUE(board.WaitTrace(kGuard));
+    (void)board.Do({"ap", "mute"});
+    ASSERT_TRUE(WaitMessages(board, 1, Miss(1), 2));
+    Lines misses;
+    for (const std::string& message : board.Messages()) {
+        if (message.find("ping failed") != std::string::npos) {
+            misses.push_back(message);
+        }
+    }
+    misses.resize(7);
+    // The link is fine, so the count begins again and nothing else happens.
+    EXPECT_EQ(misses, (Lines{Miss(1), Miss(2), Miss(3), Miss(4), Miss(5), Miss(6), Miss(1)}));
+    EXPECT_NE(board.Console().find("wlan0 LINK up\n"), std::string::npos);
+    (void)board.Do({"ap", "unmute"});
+    const UniqueFd echoes(board.Connect("icmp", 0, "0.0.0.0"));
+    EXPECT_GE(AwaitEcho(echoes.Get()), 0);
+    EXPECT_EQ(Steps(board), (Lines{"connect", "lease"}));
+}
+
+TEST(Station, LostLinkIsResetAndJoinedAgain) {
+    const struct {
+        const char* name;
+        Lines lose;
+        std::string onBoard;
+        Lines regain;
+        const char* said;
+        Lines steps;
+    } rows[] = {
+        {"carrier", {"ap", "down"}, "", {"ap", "up"}, "wlan0 LINK down\n", {"reset"}},
+        {"interface", {"link", "down"}, "", {}, "wlan0 LINK down\n", {"reset"}},
+        // Up with a carrier, but held back from running; the new sequence sets it going again.
+        {"dormant",
+         {"ap", "mute"},
+         "ip link set wlan0 state dormant",
+         {"ap", "unmute"},
+         "wlan0 LINK up\n",
+         {}},
+    };
+    Board board;
+    Lines options = kFast;
+    options.emplace_back("--no-eth");
+    board.Start(options);
+    int boot = 1;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        ASSERT_TRUE(board.WaitTrace(kGuard, boot));
+        (void)board.Do(row.lose);
+        if (!row.onBoard.empty()) {
+            EXPECT_EQ(board.OnBoard(row.onBoard).status, 0);
+        }
+        ASSERT_TRUE(WaitMessages(board, boot, Miss(6), 1));
+        EXPECT_TRUE(board.WaitConsole(row.said, boot));
+        if (!row.regain.empty()) {
+            (void)board.Do(row.regain);
+        }
+        EXPECT_TRUE(WaitMessages(board, boot, Guarding(), 2));
+        Lines expected = {"connect", "lease"};
+        expected.insert(expected.end(), row.steps.begin(), row.steps.end());
+        expected.insert(expected.end(), {"connect", "lease"});
+        EXPECT_EQ(Steps(board, boot), expected);
+        (void)board.Do({"reset"});
+        ++boot;
+    }
+}
+
+TEST(Station, NoAddressIsResetThreeTimesAndThenOnlyTriedAgain) {
+    Board board;
+    StartWith(&board, "no-dhcp", kFast);
+    // The client goes on asking by itself; each time it is ended it has given up.
+    ASSERT_TRUE(board.WaitTrace("udhcpc: broadcasting discover", 2));
+    EXPECT_EQ(board
+                  .OnBoard("touch /tmp/impatient; (while [ -e /tmp/impatient ]; do"
+                           " killall -q udhcpc; sleep 0.1; done) >/dev/null 2>&1 &")
+                  .status,
+              0);
+    ASSERT_TRUE(WaitMessages(board, 2, kNoAddress, 6));
+    (void)board.OnBoard("rm /tmp/impatient");
+    Lines steps = Steps(board, 2);
+    ASSERT_GE(steps.size(), 15U);
+    steps.resize(15);
+    EXPECT_EQ(steps,
+              (Lines{"connect", "lease", "reset", "connect", "lease", "reset", "connect", "lease",
+                     "reset", "connect", "lease", "connect", "lease", "connect", "lease"}));
+    (void)board.Do({"ap", "dhcp"});
+    EXPECT_TRUE(board.WaitTrace(kGuard, 2));
+}
+
+TEST(Station, SigtermEndsItWhereverItIs) {
+    const struct {
+        const char* accessPoint;
+        const char* reached;
+        double bound;
+    } rows[] = {
+        {"up", "app file not exist!", 2.5},           // before the connect sequence
+        {"down", "state:DISCONNECTED", 2.5},          // associating
+        {"no-dhcp", "broadcasting discover", 8.5},    // waiting for a lease: 5 s, then ended
+        {"mute", "NetWork ping failed cnt:1 ", 3.5},  // guarding
+    };
+    Board board;
+    board.Start({"--no-eth"});
+    int boot = 1;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.reached);
+        const bool mute = std::string(row.accessPoint) == "mute";
+        (void)board.Do({"ap", mute ? "up" : row.accessPoint});
+        if (mute) {
+            (void)board.Do({"ap", "dhcp"});
+        }
+        (void)board.Do({"reset"});
+        ++boot;
+        if (mute) {
+            ASSERT_TRUE(board.WaitTrace(kGuard, boot));
+            (void)board.Do({"ap", "mute"});
+        }
+        ASSERT_TRUE(board.WaitTrace(row.reached, boot));
+        const auto start = Clock::now();
+        board.Signal(SIGTERM);
+        EXPECT_TRUE(board.WaitConsole("upgradeMain ended with status 0", boot));
+        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), row.bound);
+        (void)board.Do({"ap", "up"});
+    }
+}
