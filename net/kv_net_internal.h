@@ -33,7 +33,7 @@ inline bool ParseAddress(const char* text, struct sockaddr* address) {
 
 // Copies a name into a zeroed field of the size that the kernel reads, whatever the name's length.
 inline void CopyInterfaceName(char (&field)[IFNAMSIZ], const char* ifname) {
-    memcpy(field, ifname, strnlen(ifname, IFNAMSIZ - 1));
+    (void)memccpy(field, ifname, 0, IFNAMSIZ - 1);
 }
 
 // Reads the next line into `line`, zero-filled behind it. Of a line that does not fit the rest is

@@ -4,7 +4,6 @@ set -eu
 
 cd "$(dirname "$0")/.."
 for preset in asan tsan; do
-    scripts/build.sh "$preset"
-    TSAN_OPTIONS="suppressions=$PWD/tests/support/tsan.supp" \
-        ctest --test-dir "build/$preset" --output-on-failure -j "$(nproc)" -L unit
+    scripts/build.sh "$preset" --target unit_tests
+    ctest --test-dir "build/$preset" --output-on-failure -j "$(nproc)" -L unit
 done
