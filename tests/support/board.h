@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -32,8 +33,10 @@ class Board {
     Board& operator=(const Board&) = delete;
 
     // Switches the board on, with more options of `vboard run`, and waits for the program's first
-    // boot.
-    void Start(const std::vector<std::string>& options = {});
+    // boot. `program` runs in the supervisor's place when named.
+    void Start(const std::vector<std::string>& options = {}, const std::string& program = "");
+    // Puts the stand-in application into the application's partition. Before Start.
+    void InstallApplication();
     // Switches it off. Its folder stays until the object goes.
     void Stop();
 
@@ -61,6 +64,9 @@ class Board {
     std::vector<nlohmann::json> Operations() const;
     nlohmann::json Status();
     std::string Reason(int boot);
+    // Waits until the board's watchdog has been fed `feeds` more times: as many seconds of its
+    // time.
+    bool WaitFeeds(uint64_t feeds);
     // Process id of the program, as this process sees it.
     pid_t ProgramPid();
     void Signal(int signal);
@@ -76,6 +82,9 @@ class Board {
 
 // Largest gap in seconds between two feeds of one boot, over all boots.
 double LargestFeedGap(const std::vector<nlohmann::json>& operations);
+
+// Polls until `done`; false after the time-out.
+bool Await(const std::function<bool()>& done, int timeoutSeconds = 30);
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);
