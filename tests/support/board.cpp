@@ -141,16 +141,29 @@ Board::~Board() {
     (void)RunCommand({"/bin/rm", "-rf", state_});
 }
 
-void Board::Start(const std::vector<std::string>& options) {
+void Board::Start(const std::vector<std::string>& options, const std::string& program) {
     std::vector<std::string> command = {BinDir() + "/vboard", "run", "--state", state_, "--quiet"};
     command.insert(command.end(), options.begin(), options.end());
-    command.insert(command.end(), {"--", BinDir() + "/upgradeMain"});
+    command.insert(command.end(), {"--", program.empty() ? BinDir() + "/upgradeMain" : program});
     const int log = open((state_ + "/runner.log").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     runner_ = Spawn(command, log);
     (void)close(log);
     if (!WaitBoot(1)) {
         throw std::runtime_error("the board did not start: " + ReadFile(state_ + "/runner.log"));
     }
+}
+
+void Board::InstallApplication() {
+    const std::string tree = Path("app");
+    const std::string image = Path("app.img");
+    const CommandResult made = RunCommand({"/bin/sh", "-ec",
+                                           "mkdir -p " + tree + "/bin; cp " + BinDir() +
+                                               "/cameraMain " + tree + "/bin; mksquashfs " + tree +
+                                               " " + image + " -quiet -no-progress -all-root"});
+    if (made.status != 0) {
+        throw std::runtime_error("no application image: " + made.output);
+    }
+    (void)Do({"flash", "write", "mtd5", image});
 }
 
 void Board::Stop() {
@@ -241,6 +254,12 @@ nlohmann::json Board::Status() {
 
 std::string Board::Reason(int boot) {
     return ReadFile(state_ + "/boot-" + std::to_string(boot) + "/reason");
+}
+
+bool Board::WaitFeeds(uint64_t feeds) {
+    const auto fed = [this] { return Status().at("watchdog").at("feeds").get<uint64_t>(); };
+    const uint64_t before = fed();
+    return WaitUntil([&] { return fed() >= before + feeds; });
 }
 
 pid_t Board::ProgramPid() {

@@ -33,8 +33,10 @@ class Board {
     Board& operator=(const Board&) = delete;
 
     // Switches the board on, with more options of `vboard run`, and waits for the program's first
-    // boot.
-    void Start(const std::vector<std::string>& options = {});
+    // boot. `program` runs in the supervisor's place when named.
+    void Start(const std::vector<std::string>& options = {}, const std::string& program = "");
+    // Puts the stand-in application into the application's partition. Before Start.
+    void InstallApplication();
     // Switches it off. Its folder stays until the object goes.
     void Stop();
 
@@ -62,6 +64,9 @@ class Board {
     std::vector<nlohmann::json> Operations() const;
     nlohmann::json Status();
     std::string Reason(int boot);
+    // Waits until the board's watchdog has been fed `feeds` more times: as many seconds of its
+    // time.
+    bool WaitFeeds(uint64_t feeds);
     // Process id of the program, as this process sees it.
     pid_t ProgramPid();
     void Signal(int signal);
@@ -83,9 +88,10 @@ double LargestFeedGap(const std::vector<nlohmann::json>& operations);
 std::string MakeApplicationImage(const Board& board);
 
 // Waits until `holds` returns true; false after the time-out. For what `vboard wait` cannot name.
-bool WaitUntil(const std::function<bool()>& holds, double timeoutSeconds = 10);
+bool WaitUntil(const std::function<bool()>& holds, double timeoutSeconds = 30);
 
 size_t CountOf(const std::string& text, const std::string& part);
+
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);
 

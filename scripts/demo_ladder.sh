@@ -1,0 +1,60 @@
+#!/bin/bash
+# The other half of the story: an application that falls silent for good, on a virtual camera whose clock runs fast.
+# Restart, reboot, restart again, recovery; the times are held against the timeline that the supervisor promises.
+set -euo pipefail
+
+cd "$(dirname "$0")/.."
+bin=$PWD/build/bin
+work=$(mktemp -d "${TMPDIR:-/tmp}/kv-ladder-XXXXXX")
+state=$work/board
+speed=20
+runner=
+
+# shellcheck disable=SC2317 # called by the trap
+finish() {
+    [ -z "$runner" ] || { kill "$runner" 2>/dev/null || true; wait "$runner" 2>/dev/null || true; }
+    rm -rf "$work"
+}
+trap finish EXIT
+
+board() { "$bin/vboard" --state "$state" "$@"; }
+await() {
+    board wait --timeout 60 "$@" || {
+        echo "demo-ladder: not seen: $*; the board's last words:" >&2
+        board log | tail -20 >&2
+        exit 1
+    }
+}
+say() { printf '\n== %s\n' "$1"; }
+
+say "A camera with its application, on a clock that runs $speed times as fast"
+mkdir -p "$work/app/bin"
+cp "$bin/cameraMain" "$work/app/bin/cameraMain"
+mksquashfs "$work/app" "$work/app.img" -quiet -no-progress -all-root
+board flash write mtd5 "$work/app.img"
+board run --no-eth --speed "$speed" --quiet -- "$bin/upgradeMain" >"$work/runner.log" 2>&1 &
+runner=$!
+await --boot 1 --log "Process cameraMain online"
+board status | head -2
+
+say "The application falls silent, for good"
+board app silent
+await --boot 1 --log "Process [cameraMain] offline"
+echo "offline"
+await --boot 1 --console-log "# startapp.sh"
+echo "the application is started again; it stays silent"
+await --boot 2
+echo "the device has rebooted: $(cat "$state/boot-2/reason")"
+await --boot 2 --console-log "# startapp.sh"
+echo "the application is started again; it stays silent"
+await --boot 2 --log "MINI ProtocolInit Init Success!"
+echo "the supervisor gives up on it: recovery"
+
+say "The device joins the service Wi-Fi, and a technician finds it"
+await --boot 2 --log "into wifi guard"
+board exec -- "$bin/kvtool" discover --timeout 2 | tee "$work/found"
+grep -q '^1 found$' "$work/found"
+
+say "Timeline, in seconds of the board's clock"
+board stop
+scripts/ladder_times.py "$state" "$speed"

@@ -1,0 +1,93 @@
+#!/usr/bin/env python3
+"""ladder_times.py STATE SPEED: prints the timeline of a permanent silence from the logs of a stopped board, and ends
+with 1 when a step came at another time than the supervisor promises: at the first of its checks, 3 s apart, at which
+the silence is longer than 5 s (offline) or 120 s (restart, and again 60 s later reboot or recovery)."""
+import datetime
+import json
+import re
+import sys
+
+TICK = 3  # seconds between two checks
+
+
+def main():
+    state, speed = sys.argv[1], int(sys.argv[2])
+    # What the host's scheduling may add: 150 ms of its own time, and a clock that shows whole seconds.
+    lag = 0.15 * speed + 1
+    rows = []  # what, when, the step it counts from with the silence that leads to it
+    opened = watchdog_opened(f"{state}/ops.jsonl")
+    for boot in (1, 2):
+        with open(f"{state}/boot-{boot}/trace.log", errors="replace") as trace:
+            lines = [entry for entry in map(parse, trace) if entry]
+        # The clock of a boot's trace is its own; the devices' goes through, and the supervisor's first act on both is to
+        # open the watchdog.
+        lines = [(at - lines[0][0] + opened[boot], text) for at, text in lines]
+        start = last_beat(lines)
+        checks = [(at, int(text.rsplit(" ", 1)[1])) for at, text in lines if "cameraMain off time = " in text]
+        if start is None or not checks:
+            sys.exit(f"boot {boot}: no silence in the trace")
+        steps = [at for at, silence in checks if silence > 120]
+        if len(steps) != 2:
+            sys.exit(f"boot {boot}: {len(steps)} escalations instead of 2")
+        rows.append((f"boot {boot}: last heartbeat" if boot == 1 else f"boot {boot}: supervisor started", start, None))
+        rows.append((f"boot {boot}: offline", checks[0][0], (start, 5)))
+        rows.append((f"boot {boot}: application restarted", steps[0], (start, 120)))
+        rows.append((f"boot {boot}: " + ("reboot" if boot == 1 else "recovery"), steps[1], (steps[0], 60)))
+
+    wrong = False
+    print(f"{'step':32} {'seconds':>8}  {'since':>6} {'promised':>10}")
+    for what, at, expected in rows:
+        passed = at - rows[0][1]
+        if expected is None:
+            print(f"{what:32} {passed:8.0f}")
+            continue
+        since, after = at - expected[0], expected[1]
+        good = after < since + 1 and since <= after + TICK + lag
+        wrong = wrong or not good
+        print(f"{what:32} {passed:8.0f}  {since:6.0f} {after:4}…{after + TICK:<4} {'' if good else '  WRONG'}")
+
+    gap = largest_feed_gap(f"{state}/ops.jsonl")
+    print(f"largest gap between two feeds of the watchdog: {gap:.1f} s; it would bite at 30 s")
+    print("\nThe ladder was climbed as promised." if not wrong else "\nA step came at the wrong time.")
+    sys.exit(wrong)
+
+
+def parse(line):
+    match = re.match(r"\x1b\[[0-9;]*m(\S+ \S+) \[\d\d\] \d+ +\S+ \S+ \x1b\[m(.*)", line)
+    if not match:
+        return None
+    at = datetime.datetime.strptime(match[1], "%Y-%m-%d %H:%M:%S")
+    return at.timestamp(), match[2]
+
+
+def last_beat(lines):
+    """When the silence begins: with the last heartbeat, or with the supervisor's start when there was none. The trace
+    tells one heartbeat out of four only, but the first check tells how long ago the last one was."""
+    for at, text in lines:
+        match = re.search(r"cameraMain off time = (\d+)", text)
+        if match:
+            return at - int(match[1])
+    return None
+
+
+def watchdog_opened(name):
+    times = {}
+    with open(name) as log:
+        for operation in map(json.loads, log):
+            if operation["op"] == "open" and operation["dev"] == "watchdog":
+                times[operation["boot"]] = operation["board"]
+    return times
+
+
+def largest_feed_gap(name):
+    largest, last = 0.0, {}
+    with open(name) as log:
+        for operation in map(json.loads, log):
+            if operation["op"] == "ioctl:KEEPALIVE":
+                boot, now = operation["boot"], operation["board"]
+                largest = max(largest, now - last.get(boot, now))
+                last[boot] = now
+    return largest
+
+
+main()

@@ -1,0 +1,14 @@
+// Runs the debugging console and nothing else, in the supervisor's place on a board.
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "common/kv_mini_console.h"
+
+int main() {
+    (void)setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    (void)printf("console started: %d\n", KV_Console_Init());
+    for (;;) {
+        (void)pause();
+    }
+}
