@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build tests-build demo demo-ladder test unit lint format sanitize clean
+.PHONY: help setup build tests-build demo demo-ladder bench test unit lint format sanitize clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 12
@@ -21,6 +21,9 @@ demo: build ## Watch a dead camera come back: recovery, upgrade, reboot (under a
 
 demo-ladder: build ## Watch a silent application: restart, reboot, recovery (under a minute)
 	@scripts/demo_ladder.sh
+
+bench: build ## Measure an upload against socat on the same virtual link
+	@scripts/bench_upload.sh
 
 test: tests-build ## Run all unit and system tests
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS)
