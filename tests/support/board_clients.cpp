@@ -5,12 +5,14 @@
 #include <mtd/mtd-user.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -165,8 +167,10 @@ int DisableNamespaced(const std::string& directory, bool inside) {
     (void)close(kClientFuseFd);
     CLIENT_CHECK(write(kClientReadyFd, "", 1) == 1);
     const int fd = open((directory + "/watchdog").c_str(), O_WRONLY);
-    int value = WDIOS_DISABLECARD;
-    const int result = ioctl(fd, WDIOC_SETOPTIONS, &value);
+    int* value = IntAtFixedAddress();
+    CLIENT_CHECK(value != nullptr);
+    *value = WDIOS_DISABLECARD;
+    const int result = ioctl(fd, WDIOC_SETOPTIONS, value);
     CLIENT_CHECK(inside ? result < 0 && errno == EFAULT : result == 0);
     return 0;
 }
@@ -202,6 +206,14 @@ constexpr struct {
 };
 
 }  // namespace
+
+int* IntAtFixedAddress() {
+    // Below what the sanitizers keep for themselves.
+    auto* const address = reinterpret_cast<void*>(uintptr_t{0x60000000});
+    void* page = mmap(address, sizeof(int), PROT_READ | PROT_WRITE,
+                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+    return page == address ? static_cast<int*>(page) : nullptr;
+}
 
 bool MountFuse(int fuseFd, const std::string& directory) {
     const std::string options =

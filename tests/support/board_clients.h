@@ -7,6 +7,10 @@
 constexpr int kClientFuseFd = 100;
 constexpr int kClientReadyFd = 101;
 
+// A page that is at the same address in every process that asks for it, with contents of its own.
+// Once a process; nullptr on failure.
+int* IntAtFixedAddress();
+
 // Mounts the file system of an open /dev/fuse; false and errno on failure.
 bool MountFuse(int fuseFd, const std::string& directory);
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/watchdog.h>
+#include <mtd/mtd-user.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -126,6 +127,13 @@ class Board : public ::testing::Test {
         return true;
     }
 
+    static bool Waits(pid_t client, unsigned int request) {
+        const std::string call = Contents("/proc/" + std::to_string(client) + "/syscall");
+        char number[16];
+        (void)snprintf(number, sizeof number, " 0x%x ", request);
+        return call.find(number) != std::string::npos;
+    }
+
     std::vector<nlohmann::json> Log(const std::string& device, const std::string& operation) const {
         std::vector<nlohmann::json> lines;
         std::ifstream in(Backing("log"));
@@ -199,6 +207,10 @@ TEST_F(Board, WatchdogAnswersItsKeeperAndResetsWhenStarved) {
 // The kernel numbers callers as the mounting process would: right when that is in our namespace,
 // another process's number when it is not, and then nobody's memory may be read.
 TEST_F(Board, ReadsArgumentsOfCallersInAPidNamespaceOfTheirOwn) {
+    // What a stranger would be read for.
+    int* own = IntAtFixedAddress();
+    ASSERT_NE(own, nullptr);
+    *own = WDIOS_DISABLECARD;
     for (const bool mountInside : {false, true}) {
         OpenFuse();
         int mounted[2];
@@ -247,6 +259,27 @@ TEST_F(Board, LogIsOneJsonObjectALineInTheOrderOfTime) {
     EXPECT_GE(lines, 3);
 }
 
+TEST_F(Board, AttachmentsLeaveNothingBehind) {
+    const auto count = [](const char* directory) {
+        const std::filesystem::directory_iterator entries(directory);
+        return std::distance(begin(entries), end(entries));
+    };
+    const auto descriptors = count("/proc/self/fd");
+    const auto threads = count("/proc/self/task");
+    for (int i = 0; i < 20; ++i) {
+        Boot();
+        if (i % 2 == 0) {
+            EXPECT_EQ(Run("open", "mtd3"), 0);
+        }
+    }
+    EXPECT_EQ(count("/proc/self/fd"), descriptors);
+    EXPECT_EQ(count("/proc/self/task"), threads);
+    EXPECT_THROW(devices_->Attach(-1, 0), std::runtime_error);
+    devices_->Detach();
+    EXPECT_EQ(count("/proc/self/fd"), descriptors - 3);  // session, stop, alarm
+    EXPECT_EQ(count("/proc/self/task"), threads - 3);    // server, chip, watchdog
+}
+
 TEST_F(Board, SlowFlashHoldsUpNeitherTheWatchdogNorTheReset) {
     PowerOn(true, 8);
     const auto begin = std::chrono::steady_clock::now();
@@ -270,7 +303,8 @@ TEST_F(Board, SlowFlashHoldsUpNeitherTheWatchdogNorTheReset) {
     // Its first block is done, so it is in the middle of the others.
     ASSERT_TRUE(Await([&] { return Contents(Backing("mtd3")).at(0) == '\xFF'; }));
     const pid_t waiting = Start("erase", "mtd7");
-    ASSERT_TRUE(Await([&] { return Log("mtd7", "open").size() == 2; }));
+    ASSERT_TRUE(Await([&] { return Waits(waiting, MEMERASE); }));
+    ASSERT_EQ(Run("feed"), 0);  // requests are taken in order, so the erase is waiting for the chip
     const auto reset = std::chrono::steady_clock::now();
     auto other = std::async(std::launch::async, [&] { devices_->Detach(); });
     devices_->Detach();

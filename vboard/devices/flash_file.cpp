@@ -104,7 +104,7 @@ void FlashFile::Ioctl(fuse_req_t request, const IoctlCall& call) {
         return;
     }
     if (call.request != MEMERASE) {
-        Post(request, [=, command = call.request] { RunQuery(request, command); });
+        AnswerQuery(request, call.request);
         return;
     }
     erase_info_user erase{};
@@ -131,7 +131,7 @@ void FlashFile::RunErase(fuse_req_t request, uint64_t start, uint64_t length, bo
     }
 }
 
-void FlashFile::RunQuery(fuse_req_t request, unsigned int command) {
+void FlashFile::AnswerQuery(fuse_req_t request, unsigned int command) {
     char name[32] = "ioctl:MEMGETINFO";
     std::vector<char> answer;
     if (command == MEMGETINFO) {

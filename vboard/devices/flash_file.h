@@ -22,7 +22,7 @@ struct Bench {
     const BoardClock& clock;
 };
 
-// Every read, program, erase and query waits its turn on `chip`, as the partitions are of one chip.
+// Every read, program and erase waits its turn on `chip`, as the partitions are of one chip.
 // When the attachment ends, what is under way is cut and what waits fails with ENODEV.
 class FlashFile : public DeviceFile {
   public:
@@ -46,7 +46,7 @@ class FlashFile : public DeviceFile {
     void RunRead(fuse_req_t request, size_t length, uint64_t offset);
     void RunWrite(fuse_req_t request, const std::string& data, uint64_t offset);
     void RunErase(fuse_req_t request, uint64_t start, uint64_t length, bool writable);
-    void RunQuery(fuse_req_t request, unsigned int command);
+    void AnswerQuery(fuse_req_t request, unsigned int command);
 
     std::string name_;
     NorFlash& flash_;
