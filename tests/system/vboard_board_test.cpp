@@ -120,7 +120,7 @@ TEST_F(VboardTest, EachResetIsTakenForWhatItIsAndKeepsWhatADeviceKeeps) {
     (void)OnBoard("reboot -f");
     EXPECT_EQ(Vboard("wait --boot 2 --timeout 10").status, 0);
     EXPECT_EQ(OnBoard("ls /param/var /tmp /opt/app").output,
-              "/opt/app:\n\n/param/var:\nkept\n\n/tmp:\n");
+              "/opt/app:\n\n/param/var:\nkept\n\n/tmp:\nbin\n");
     EXPECT_EQ(OnBoard("head -c 3 /dev/mtd6").output, "abc");
 
     const auto start = std::chrono::steady_clock::now();
@@ -151,6 +151,43 @@ TEST_F(VboardTest, AStarvedWatchdogResetsAndTheLastBootEndsTheRunner) {
     EXPECT_NE(Vboard("log --boot 2 --console").output.find("board: down: watchdog"),
               std::string::npos);
     EXPECT_EQ(Vboard("log --boot 1").output, "supervisor runs\n");
+}
+
+TEST_F(VboardTest, AnAcceleratedClockIsThatOfTheWholeBoard) {
+    const auto start = std::chrono::steady_clock::now();
+    Run("--no-wifi --max-boots 2 --speed 10 -- " + g_self + " feed 60");
+    EXPECT_EQ(Status().at("speed"), 10);
+    EXPECT_NE(Vboard("status").output.find("boot 1, clock 10 times as fast ("), std::string::npos);
+    // Both a command of the board's and what it starts.
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(OnBoard("sleep 10; sh -c \"sleep 10\"; ls /dev/shm").output, "");
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(8));
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
+    // Two boots of 60 s each.
+    EXPECT_EQ(AwaitRunner(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(40));
+    double armed = 0;
+    std::istringstream operations(Vboard("ops --json").output);
+    for (std::string line; std::getline(operations, line);) {
+        const json operation = json::parse(line);
+        const double at = operation.at("board");
+        if (operation.at("op") == "ioctl:SETTIMEOUT") {
+            armed = at;
+        } else if (operation.at("op") == "starved") {
+            EXPECT_GE(at - armed, 59.99);
+            EXPECT_LT(at - armed, 65);
+        }
+    }
+    EXPECT_NE(armed, 0);
+    EXPECT_EQ(Shell("cat " + state_ + "/boot-2/reason").output, "watchdog\n");
+
+    if (geteuid() == 0) {
+        EXPECT_EQ(Shell("unshare --mount sh -c 'mount -t tmpfs t /usr/lib/*/faketime && " +
+                        g_vboard + " run --speed 2 --state " + state_ + " -- /bin/true'")
+                      .output,
+                  "vboard: an accelerated clock needs libfaketime, which the host lacks (Debian "
+                  "package libfaketime)\n");
+    }
 }
 
 TEST_F(VboardTest, TheProgramSeesADevice) {
