@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -225,7 +226,7 @@ TEST(Protocol, IdleRecoveryRestsAndIsSmall) {
     ASSERT_TRUE(board.WaitTrace("__KV_KorvanProtocolClose"));
     ASSERT_TRUE(board.WaitTrace("KV_WIFI_WPA_Status"));
     const pid_t program = board.ProgramPid();
-    constexpr double kSeconds = 10;
+    constexpr int kSeconds = 10;
     // Wakings a second that each thread's work asks for; none where none is named.
     const std::map<std::string, double> allowed = {
         {"__KV_FH_WDT_Pro", 4},  // feeds each second, and each feed waits for the driver's answer
@@ -234,10 +235,7 @@ TEST(Protocol, IdleRecoveryRestsAndIsSmall) {
     };
     const double cpu = CpuSeconds(program);
     const auto before = Switches(program);
-    const auto feeds = board.Status().at("watchdog").at("feeds").get<size_t>();
-    ASSERT_TRUE(WaitUntil(
-        [&] { return board.Status().at("watchdog").at("feeds").get<size_t>() >= feeds + 10; },
-        3 * kSeconds));
+    std::this_thread::sleep_for(std::chrono::seconds(kSeconds));  // The time is what is measured.
     const auto after = Switches(program);
     ASSERT_GE(after.size(), 7U);
     ASSERT_EQ(after.size(), before.size());

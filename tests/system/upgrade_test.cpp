@@ -89,6 +89,11 @@ void StartWithoutReboot(Board* board, const std::string& how) {
     (void)board->Do({"fault", "reboot", how});
 }
 
+// The receiver asks for an orderly reboot, the flash writer for one at once.
+bool IsOrderlyReboot(const std::string& reason) {
+    return reason.rfind("reboot", 0) == 0 && reason.rfind("reboot -f", 0) != 0;
+}
+
 // The receiver's messages but for those of every chunk.
 std::vector<std::string> ReceiverMessages(const Board& board) {
     std::vector<std::string> chosen;
@@ -166,9 +171,9 @@ TEST(Upgrade, ToolTellsARefusalAndARecoveryThatComesBack) {
     EXPECT_EQ(board.OnBench(upgrade + board.Path("other.FLS")).status, 3);
     // The device gives no answer to what it refuses, and restarts.
     const auto refused = board.OnBench(upgrade + "--force " + board.Path("other.FLS"));
-    EXPECT_NE(refused.status, 0) << refused.output;
+    EXPECT_EQ(refused.status, 8) << refused.output;
     ASSERT_TRUE(board.WaitBoot(3));
-    EXPECT_EQ(board.Reason(3).substr(0, 6), "reboot");
+    EXPECT_TRUE(IsOrderlyReboot(board.Reason(3)));
 }
 
 TEST(Upgrade, EveryFailureIsNamedAndRestartsWithoutAnAnswer) {
@@ -289,8 +294,7 @@ TEST(Upgrade, EveryFailureIsNamedAndRestartsWithoutAnAnswer) {
     (void)upload.Send(good + wrongDigest);
     EXPECT_TRUE(kv_test::PeerCloses(upload.Socket(), 20000));
     ASSERT_TRUE(board.WaitBoot(2));
-    EXPECT_EQ(board.Reason(2).substr(0, 6), "reboot");
-    EXPECT_NE(board.Reason(2).substr(0, 9), "reboot -f");
+    EXPECT_TRUE(IsOrderlyReboot(board.Reason(2)));
 }
 
 // After an acceptance the device answers each chunk that completes nothing with "busy", so that a
@@ -366,7 +370,7 @@ TEST(Upgrade, AcceptsWhereverTheStreamIsCut) {
     ASSERT_TRUE(large.Send("x"));
     EXPECT_EQ(large.Answer(), kBusy);
     ASSERT_TRUE(board.WaitBoot(2));
-    EXPECT_EQ(board.Reason(2).substr(0, 6), "reboot");
+    EXPECT_TRUE(IsOrderlyReboot(board.Reason(2)));
 }
 
 TEST(Upgrade, ClientGoneAtAnyByteLeavesRoomForTheNext) {
