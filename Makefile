@@ -2,10 +2,10 @@
 JOBS ?= $(shell nproc)
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build tests-build demo test unit lint format sanitize clean
+.PHONY: help setup build tests-build demo bench-discovery test unit lint format sanitize clean
 
 help: ## List the targets
-	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 12
+	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
 
 setup: ## Install the missing Debian packages (scripts/packages.txt)
 	@scripts/setup.sh
@@ -18,6 +18,9 @@ tests-build: build
 
 demo: build ## Watch a dead camera come back: recovery, upgrade, reboot (under a minute)
 	@scripts/demo.sh
+
+bench-discovery: build ## Compare the rate of discovery answers with a bare UDP echo's
+	@scripts/bench_discovery.sh
 
 test: tests-build ## Run all unit and system tests
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS)

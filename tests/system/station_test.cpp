@@ -32,8 +32,7 @@ constexpr char kGuard[] = "into wifi guard";
 constexpr char kTimedOut[] = "FAILED __KV_WIFI_STA_HandleProc: connection timed out";
 constexpr char kNoAddress[] = "ERROR __KV_WIFI_STA_HandleProc: No correct IP!!!!,SoftReset";
 
-const Lines kFast = {"--env", "LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1",
-                     "--env", "FAKETIME=+0 x20"};
+const Lines kFast = {"--speed", "20"};
 
 // The commands as the station echoes them, in order.
 Lines Echoes(const Board& board, int boot = 1) {
