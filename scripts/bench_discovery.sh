@@ -10,14 +10,12 @@ rounds=5
 window=8
 goal=0.25
 work=$(mktemp -d "${TMPDIR:-/tmp}/kv-bench-XXXXXX")
-pids=()
 
 # shellcheck disable=SC2317 # called by the trap
 finish() {
-    for pid in "${pids[@]}"; do
-        kill "$pid" 2>/dev/null || true
-        wait "$pid" 2>/dev/null || true
-    done
+    # The echo ends with the board.
+    board stop 2>/dev/null || true
+    wait
     rm -rf "$work"
 }
 trap finish EXIT
@@ -26,12 +24,10 @@ board() { "$bin/vboard" --state "$work/board" "$@"; }
 ask() { board exec -- "$bin/udp_bench" ask 192.168.10.2 "$1" "$seconds" "$window"; }
 
 board run --quiet --no-wifi -- "$bin/upgradeMain" &
-pids+=($!)
 board wait --boot 1 --log "app file not exist!"
 # The board sees its /param, not the build folder.
 cp "$bin/udp_bench" "$work/board/param/udp_bench"
 board exec --board -- /param/udp_bench echo 7 &
-pids+=($!)
 board exec --board -- timeout 10 sh -c 'until grep -q ":0007 " /proc/net/udp; do sleep 0.05; done'
 
 for ((i = 0; i < rounds; i++)); do
