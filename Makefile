@@ -2,10 +2,11 @@
 JOBS ?= $(shell nproc)
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build tests-build demo demo-ladder bench test unit lint format sanitize clean
+.PHONY: help setup build tests-build demo demo-ladder bench bench-discovery test unit lint format \
+        sanitize clean
 
 help: ## List the targets
-	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 12
+	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
 
 setup: ## Install the missing Debian packages (scripts/packages.txt)
 	@scripts/setup.sh
@@ -24,6 +25,9 @@ demo-ladder: build ## Watch a silent application: restart, reboot, recovery (und
 
 bench: build ## Measure an upload against socat on the same virtual link
 	@scripts/bench_upload.sh
+
+bench-discovery: build ## Compare the rate of discovery answers with a bare UDP echo's
+	@scripts/bench_discovery.sh
 
 test: tests-build ## Run all unit and system tests
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS)

@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -79,7 +78,7 @@ void ScriptedSupplicant::Push(const std::string& text) {
 
 int ScriptedSupplicant::Count(const std::string& command) {
     const std::lock_guard<std::mutex> guard(lock_);
-    return static_cast<int>(std::count(commands_.begin(), commands_.end(), command));
+    return commands_[command];
 }
 
 void ScriptedSupplicant::Stall() {
@@ -115,7 +114,7 @@ void ScriptedSupplicant::Serve() {
         Script script;
         {
             const std::lock_guard<std::mutex> guard(lock_);
-            commands_.push_back(command);
+            ++commands_[command];
             client_ = client;
             script = script_;
         }

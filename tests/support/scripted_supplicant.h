@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -54,7 +55,7 @@ class ScriptedSupplicant {
     int wake_ = -1;
     std::mutex lock_;  // script_, commands_, client_
     Script script_;
-    std::vector<std::string> commands_;
+    std::map<std::string, int> commands_;  // how often each came
     sockaddr_un client_{};
     std::thread thread_;
 };
