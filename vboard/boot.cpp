@@ -32,13 +32,11 @@ std::vector<std::string> BoardEnvironment(int speed) {
     std::vector<std::string> environment = {"PATH=/opt/board/bin:/usr/sbin:/usr/bin:/sbin:/bin",
                                             "HOME=/root", "USER=root", "TERM=linux"};
     if (speed != 1) {
-        // Each process accelerates from its own start on. What libfaketime would share between
-        // processes is guarded by a semaphore, which whoever is killed would take along. A year
-        // back, because the kernel stamps what it receives with the host's time, and nothing may
-        // have been received before it was sent.
-        environment.insert(environment.end(), {"LD_PRELOAD=" + ClockLibrary(),
-                                               "FAKETIME=-1y x" + std::to_string(speed),
-                                               "FAKETIME_DISABLE_SHM=1", "NO_FAKE_STAT=1"});
+        // A year back, because the kernel stamps what it receives with the host's time, and nothing
+        // may have been received before it was sent.
+        environment.insert(environment.end(),
+                           {"LD_PRELOAD=" + ClockLibrary(),
+                            "FAKETIME=-1y x" + std::to_string(speed), "NO_FAKE_STAT=1"});
     }
     return environment;
 }

@@ -160,7 +160,7 @@ TEST_F(VboardTest, AnAcceleratedClockIsThatOfTheWholeBoard) {
     EXPECT_NE(Vboard("status").output.find("boot 1, clock 10 times as fast ("), std::string::npos);
     // Both a command of the board's and what it starts.
     const auto before = std::chrono::steady_clock::now();
-    EXPECT_EQ(OnBoard("sleep 10; sh -c \"sleep 10\"; ls /dev/shm").output, "");
+    EXPECT_EQ(OnBoard("sleep 10; sh -c \"sleep 10\"").output, "");
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(8));
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
     // Two boots of 60 s each.
