@@ -209,6 +209,7 @@ constexpr struct {
 
 int* IntAtFixedAddress() {
     // Below what the sanitizers keep for themselves.
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): an address is what is asked for.
     auto* const address = reinterpret_cast<void*>(uintptr_t{0x60000000});
     void* page = mmap(address, sizeof(int), PROT_READ | PROT_WRITE,
                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
