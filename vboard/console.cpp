@@ -30,6 +30,8 @@ void Console::Open(Stream* stream, const std::string& file, int terminal) {
     stream->readEnd.Reset(ends[0]);
     stream->writeEnd.Reset(ends[1]);
     (void)fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    // Room for what comes while the loop rests; without it the board only waits a little.
+    (void)fcntl(ends[0], F_SETPIPE_SZ, 1 << 20);
     stream->log.Reset(open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     if (!stream->log) {
         throw SysError("cannot create " + file);
@@ -39,7 +41,7 @@ void Console::Open(Stream* stream, const std::string& file, int terminal) {
 }
 
 void Console::Watch(const Stream* stream) {
-    loop_->Add(stream->readEnd.Get(), [this, stream] {
+    loop_->AddLazily(stream->readEnd.Get(), [this, stream] {
         if (!Drain(*stream)) {
             loop_->Remove(stream->readEnd.Get());
         }
@@ -48,7 +50,10 @@ void Console::Watch(const Stream* stream) {
 
 void Console::HoldTrace(bool held) {
     loop_->Remove(trace_.readEnd.Get());
-    if (!held) {
+    if (held) {
+        (void)Drain(trace_);
+        (void)fcntl(trace_.readEnd.Get(), F_SETPIPE_SZ, 4096);
+    } else {
         Watch(&trace_);
     }
 }
@@ -62,7 +67,7 @@ bool Console::Drain(const Stream& stream) {
     char buffer[4096];
     ssize_t length = 0;
     // A bounded number: a board that writes without end must not keep the runner here.
-    for (int i = 0; i < 32; ++i) {
+    for (int i = 0; i < 512; ++i) {
         length = read(stream.readEnd.Get(), buffer, sizeof(buffer));
         if (length <= 0) {
             return length < 0 && errno == EAGAIN;

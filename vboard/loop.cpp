@@ -9,20 +9,31 @@
 
 namespace vboard {
 
+static constexpr std::chrono::milliseconds kRest(5);
+
 void Loop::Run() {
     while (!stopped_) {
         std::vector<pollfd> waiting;
         const uint64_t newest = lastId_;
+        const auto now = std::chrono::steady_clock::now();
+        int timeout = -1;
         for (const auto& source : sources_) {
-            waiting.push_back({source.first, POLLIN, 0});
+            if (source.second.rests > now) {
+                timeout = static_cast<int>(kRest.count());
+            } else {
+                waiting.push_back({source.first, POLLIN, 0});
+            }
         }
-        if (poll(waiting.data(), waiting.size(), -1) < 0 && errno != EINTR) {
+        if (poll(waiting.data(), waiting.size(), timeout) < 0 && errno != EINTR) {
             throw SysError("poll");
         }
         for (const pollfd& entry : waiting) {
             const auto source = sources_.find(entry.fd);
             if (entry.revents == 0 || source == sources_.end() || source->second.id > newest) {
                 continue;
+            }
+            if (source->second.lazy) {
+                source->second.rests = std::chrono::steady_clock::now() + kRest;
             }
             const std::function<void()> ready = source->second.ready;  // it may remove itself
             ready();

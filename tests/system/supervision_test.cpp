@@ -238,7 +238,8 @@ TEST_P(MonitorRung, BeatStopsTheLadder) {
     SendBeats(&board, {kBeat});
     if (rung.marker) {
         ASSERT_TRUE(board.WaitConsole("# rm /param/var/miniserver_reboot\r\n"));
-        EXPECT_TRUE(kv_test::WaitUntil([&] { return !std::filesystem::exists(board.Path(kMarker)); }));
+        EXPECT_TRUE(
+            kv_test::WaitUntil([&] { return !std::filesystem::exists(board.Path(kMarker)); }));
     }
     ASSERT_TRUE(board.WaitConsole("# " + rung.commands.back() + "\r\n"));
     EXPECT_EQ(Commands(board, 1), rung.commands);
@@ -321,8 +322,7 @@ TEST(Monitor, WhatCountsAsAHeartbeat) {
     EXPECT_LT(kv_test::LargestFeedGap(board.Operations()), 1.3);
 
     // Heard every second, it is told every fourth.
-    (void)board.OnBoard(
-        "umount /usr/bin/rm; umount /usr/bin/rm; rm /param/var/miniserver_reboot");
+    (void)board.OnBoard("umount /usr/bin/rm; umount /usr/bin/rm; rm /param/var/miniserver_reboot");
     (void)board.Do({"app", "beat"});
     ASSERT_TRUE(board.WaitTrace(
         "  DEBUG upgrade_main:__KV_cameraMainProcessHandle:204 \033[mProcess cameraMain online\n"));

@@ -58,20 +58,20 @@ TEST(WifiConf, ServiceStationStartsWithoutAFile) {
 }
 
 TEST(WifiConf, DebugWriter) {
-    std::filesystem::create_directory("/tmp/work");
+    std::filesystem::create_directory("/tmp/conf");
     const std::string head =
-        "ctrl_interface=/tmp/work/wpa_supplicant\nupdate_config=1\nap_scan=1\nnetwork={\n"
+        "ctrl_interface=/tmp/conf/wpa_supplicant\nupdate_config=1\nap_scan=1\nnetwork={\n"
         "\tssid=\"a \"b\" %s\"\n\tscan_ssid=1\n";
     const Capture trace(2);
-    EXPECT_EQ(__KV_WIFI_StaSupplicantDebug("a \"b\" %s", "", "/tmp/work"), 0);
+    EXPECT_EQ(__KV_WIFI_StaSupplicantDebug("a \"b\" %s", "", "/tmp/conf"), 0);
     std::string log = trace.Text();
-    EXPECT_EQ(Read("/tmp/work/wpa_supplicant.conf"), head + "\tkey_mgmt=NONE\n}");
+    EXPECT_EQ(Read("/tmp/conf/wpa_supplicant.conf"), head + "\tkey_mgmt=NONE\n}");
     EXPECT_TRUE(Contains(log, " DEBUG kv_wifi_sta:__KV_WIFI_StaSupplicantDebug:"));
     EXPECT_TRUE(Contains(log, "no passwd!! Dot_WIFI_MODE_OPEN\n\n"));
 
-    EXPECT_EQ(__KV_WIFI_StaSupplicantDebug("a \"b\" %s", "%n12345678", "/tmp/work"), 0);
+    EXPECT_EQ(__KV_WIFI_StaSupplicantDebug("a \"b\" %s", "%n12345678", "/tmp/conf"), 0);
     log = trace.Text();
-    EXPECT_EQ(Read("/tmp/work/wpa_supplicant.conf"),
+    EXPECT_EQ(Read("/tmp/conf/wpa_supplicant.conf"),
               head +
                   "\tkey_mgmt=WPA-PSK WPA-EAP IEEE8021X NONE\n\tpairwise=TKIP CCMP\n"
                   "\tgroup=CCMP TKIP WEP104 WEP40\n\tpsk=\"%n12345678\"\n}");

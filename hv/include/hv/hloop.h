@@ -85,10 +85,11 @@ void hio_set_context(hio_t* io, void* ctx);
 void* hio_context(hio_t* io);
 
 // Starts reading; once more is harmless. The callback sees at most 8192 bytes (of a longer datagram
-// only the first); the byte behind them is NUL (libhv's own leaves that out behind a full 8192). The
-// buffer is the loop's and valid during the callback only. The callback may do to its io whatever this header offers. When the peer ends the
-// connection the io is closed. Any thread while the io is attached to a loop; the io then belongs
-// to that loop's thread. 0, or -1 with errno and the io closed.
+// only the first); the byte behind them is NUL (libhv's own leaves that out behind a full 8192).
+// The buffer is the loop's and valid during the callback only. The callback may do to its io
+// whatever this header offers. When the peer ends the connection the io is closed. Any thread while
+// the io is attached to a loop; the io then belongs to that loop's thread. 0, or -1 with errno and
+// the io closed.
 int hio_read(hio_t* io);
 // Supplies the io's own read buffer; it must outlive the io. The callback then sees at most `len`
 // bytes, and no NUL behind them when all are used.
