@@ -113,7 +113,7 @@ void ServeMessage(Message* message, size_t size, const Command** remembered) {
     char* const end = reply + strlen(reply);
     char* argv[kMaxArguments] = {};
     if (*remembered == nullptr) {
-        strcpy(end, "No Such Command! try ''\n");
+        (void)snprintf(end, sizeof(reply) - strlen(reply), "No Such Command! try ''\n");
     } else if (SplitArguments(message, size, argv)) {
         // Kept: an unknown name repeats the last command, because developers use it as a shortcut.
         (void)(*remembered)->handler(message->argc, name, argv, end);

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 
 #include "common/kv_mini_trace.h"
@@ -23,6 +24,7 @@
 namespace {
 
 constexpr int kFeedPeriodMs = 1000;
+constexpr size_t kReplyRoom = 32;
 
 struct KeeperState {
     std::atomic<uint8_t> inited;
@@ -138,13 +140,13 @@ int KV_FH_WDT_ConsoleCmd(int argc, const char* command, char* const* argv, char*
     const char* const word = argc > 0 ? argv[0] : "";
     if (strcmp(word, "Stop") == 0) {
         (void)KV_FH_WDT_Stop();
-        strcpy(reply, "Watdog Stop Success\n");
+        (void)snprintf(reply, kReplyRoom, "Watdog Stop Success\n");
     } else if (strcmp(word, "Start") == 0) {
         (void)KV_FH_WDT_Start();
-        strcpy(reply, "Watdog Start Success\n");
+        (void)snprintf(reply, kReplyRoom, "Watdog Start Success\n");
     } else if (strcmp(word, "Reboot") == 0) {
         (void)KV_FH_WDT_Reboot();
-        strcpy(reply, "Watdog Reboot Success\n");
+        (void)snprintf(reply, kReplyRoom, "Watdog Reboot Success\n");
     }
     return 0;
 }

@@ -18,7 +18,7 @@ namespace {
 
 constexpr size_t kMaxRoutes = 8;
 // The flash writer's transfer buffer stands on the stack of its run.
-constexpr size_t kRunStack = 256 * 1024;
+constexpr size_t kRunStack = 262144;
 
 struct SignalState {
     const SignalRoute* routes;

@@ -6,7 +6,7 @@
 # supplicant, not the file, is told that the network is open); any other stays unassociated. Losing
 # the carrier ends an association, getting it back renews it.
 set -u
-ap_ssid=test
+ap_ssid="test"
 ap_psk=24681357
 
 if [ "${1:-}" != sta ] || [ ! -r "${2:-}" ]; then
