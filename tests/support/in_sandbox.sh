@@ -4,11 +4,15 @@
 # User, mount, network, PID namespaces of its own; private /tmp, /root, /etc/resolv.conf and drop_caches file;
 # loopback is up; the device's commands are stand-ins in /tmp/stubs (first on PATH) that append
 # their command line to /tmp/commands.log. A test may replace a stand-in by writing another one.
+# The folder of PROGRAM stays reachable as /mnt, wherever it is.
 set -eu
 exec 9<"$1"
+KV_SANDBOX_BIN=$(dirname "$1")
+export KV_SANDBOX_BIN
 shift
 # shellcheck disable=SC2016 # expanded by the inner shell
 exec unshare --user --map-root-user --mount --net --pid --fork --kill-child --mount-proc -- sh -eu -c '
+    mount --bind "$KV_SANDBOX_BIN" /mnt
     mount -t tmpfs tmpfs /tmp
     mount -t tmpfs tmpfs /root
     ip link set lo up
