@@ -49,7 +49,7 @@ int KV_NET_GetDNS(char* out) {
     if (out == nullptr) {
         return -1;
     }
-    const UniqueFile file(fopen(kv::kResolvConf, "re"));
+    const kv::TextFile file(kv::kResolvConf);
     if (file) {
         // Kept: a file that begins with anything else gives no server, because what a device
         // reports is the file's first line as its DHCP client or KV_NET_SetDNS wrote it.
@@ -63,7 +63,7 @@ int KV_NET_GetDNS_ex(char* out1, char* out2) {
     if (out1 == nullptr || out2 == nullptr) {
         return -1;
     }
-    const UniqueFile file(fopen(kv::kResolvConf, "re"));
+    const kv::TextFile file(kv::kResolvConf);
     if (!file) {
         return -1;
     }

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/kv_raii.h"
 #include "net/kv_net.h"
 
 namespace kv {
@@ -35,6 +36,23 @@ inline bool ParseAddress(const char* text, struct sockaddr* address) {
 inline void CopyInterfaceName(char (&field)[IFNAMSIZ], const char* ifname) {
     (void)memccpy(field, ifname, 0, IFNAMSIZ - 1);
 }
+
+// A small file open for reading. With a buffer of its own the stream neither allocates one nor asks
+// the kernel how large to make it, and the device's tables arrive in one read.
+class TextFile {
+  public:
+    explicit TextFile(const char* path) : file_(fopen(path, "re")) {
+        if (file_) {
+            (void)setvbuf(file_.Get(), buffer_, _IOFBF, sizeof(buffer_));
+        }
+    }
+    FILE* Get() const { return file_.Get(); }
+    explicit operator bool() const { return static_cast<bool>(file_); }
+
+  private:
+    char buffer_[2048];  // Outlives the stream, which is closed first.
+    UniqueFile file_;
+};
 
 // Reads the next line into `line`, zero-filled behind it. Of a line that does not fit the rest is
 // dropped, so that it is not taken for a line of its own. False at the end of the file.

@@ -22,15 +22,16 @@ struct Route {
     unsigned flags;
 };
 
-// Opens the kernel's table behind its header line; null when it cannot be opened.
-FILE* OpenRoutes() {
-    FILE* file = fopen(kv::kRouteTable, "re");
-    if (file != nullptr) {
-        char header[kRouteLineSize];
-        (void)kv::ReadLine(file, header);
+// The kernel's table, opened behind its header line.
+class RouteTable : public kv::TextFile {
+  public:
+    RouteTable() : TextFile(kv::kRouteTable) {
+        if (*this) {
+            char header[kRouteLineSize];
+            (void)kv::ReadLine(Get(), header);
+        }
     }
-    return file;
-}
+};
 
 // Reads the next route; lines that are none are passed over. False at the end of the table.
 bool NextRoute(FILE* file, Route* route) {
@@ -64,7 +65,7 @@ void FormatRouteAddress(uint32_t word, char* out) {
 // Finds the interface's gateway route number `index` (from 0). 1 when found, 0 when there are not
 // that many, -1 when the table cannot be opened.
 int FindGateway(const char* ifname, int index, char* out) {
-    const UniqueFile file(OpenRoutes());
+    const RouteTable file;
     if (!file) {
         return -1;
     }
@@ -148,7 +149,7 @@ int KV_NET_DetectRoutingAddr(const char* ifname, const char* text) {
     if (ifname == nullptr || text == nullptr) {
         return -1;
     }
-    const UniqueFile file(OpenRoutes());
+    const RouteTable file;
     if (!file) {
         return -1;
     }
