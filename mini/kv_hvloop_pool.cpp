@@ -79,8 +79,16 @@ LoopSlot* LeastLoadedWorker() {
     return chosen;
 }
 
-void PostSemaphore(hevent_t* event) {
-    (void)sem_post(static_cast<sem_t*>(hevent_userdata(event)));
+struct Errand {
+    void (*procedure)(hloop_t* loop, void* arg);
+    void* arg;
+    sem_t done;
+};
+
+void RunErrand(hevent_t* event) {
+    auto* errand = static_cast<Errand*>(hevent_userdata(event));
+    errand->procedure(hevent_loop(event), errand->arg);
+    (void)sem_post(&errand->done);
 }
 
 #ifdef KV_HV_SYSTEM
@@ -123,6 +131,9 @@ int KV_HV_LoopPoolInit(void) {
     }
     KV_DEBUG("LoopPoolInit Init Success!");
     g_pool.inited = 1;
+    // libhv counts a loop's own wake-up descriptor from when it runs: without the wait the first
+    // choices between workers would depend on which thread was quicker.
+    KV_HV_LoopPoolSettle();
     return 0;
 }
 
@@ -182,23 +193,26 @@ void KV_HV_HandOver(hio_t* io, void (*serve)(hio_t* io)) {
 #endif
 }
 
+void KV_HV_RunOnLoop(hloop_t* loop, void (*procedure)(hloop_t* loop, void* arg), void* arg) {
+    Errand errand{procedure, arg, {}};
+    (void)sem_init(&errand.done, 0, 0);
+    hevent_t event{};
+    event.cb = RunErrand;
+    event.userdata = &errand;
+    hloop_post_event(loop, &event);
+    while (sem_wait(&errand.done) != 0 && errno == EINTR) {
+    }
+    (void)sem_destroy(&errand.done);
+}
+
 void KV_HV_LoopPoolSettle(void) {
     if (g_pool.inited != 1) {
         return;
     }
-    sem_t passed;
-    (void)sem_init(&passed, 0, 0);
-    hevent_t mark{};
-    mark.cb = PostSemaphore;
-    mark.userdata = &passed;
     for (const LoopSlot& slot : g_pool.slots) {
-        hloop_post_event(slot.loop, &mark);
+        KV_HV_RunOnLoop(
+            slot.loop, [](hloop_t*, void*) {}, nullptr);
     }
-    for (size_t i = 0; i < sizeof(g_pool.slots) / sizeof(g_pool.slots[0]); ++i) {
-        while (sem_wait(&passed) != 0 && errno == EINTR) {
-        }
-    }
-    (void)sem_destroy(&passed);
 }
 
 int KV_MINI_ServiceStart(void) {

@@ -22,8 +22,8 @@ int KV_MINI_ServiceStop(void);
 // about the success of either. Any thread.
 int KV_MINI_ServiceIsStarted(void);
 
-// Creates the pool: loops and threads, each thread with a stack of 128 KiB. Does not wait for the
-// threads to run. Returns 0; -1 when a loop cannot be created, after which the pool does not count
+// Creates the pool: loops and threads, each thread with a stack of 128 KiB, and waits until all
+// loops run. Returns 0; -1 when a loop cannot be created, after which the pool does not count
 // as created: loops made so far keep running, and the next call adds the missing ones. A thread
 // that cannot be created aborts the process.
 int KV_HV_LoopPoolInit(void);
@@ -49,6 +49,11 @@ hloop_t* KV_HV_GetWorkLoop(void);
 // block. `serve` has run on return with the bundled event loop, and runs on the worker's thread
 // with libhv: it must suit both. A connection that cannot be moved is closed.
 void KV_HV_HandOver(hio_t* io, void (*serve)(hio_t* io));
+
+// Runs `procedure(loop, arg)` on the thread of one of the pool's loops and waits for its end:
+// behind the callback that the loop is in, and behind what was posted to it before. Whatever
+// touches a loop's sockets from outside goes this way. Any thread but those of the pool.
+void KV_HV_RunOnLoop(hloop_t* loop, void (*procedure)(hloop_t* loop, void* arg), void* arg);
 
 // Waits until every loop of the pool has finished the callback it is in now and has done what was
 // posted to it before. Returns at once without a pool. Any thread but those of the pool.

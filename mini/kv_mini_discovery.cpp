@@ -23,8 +23,10 @@ namespace {
 struct {
     pthread_mutex_t lock;
     bool started;
+    hloop_t* loop;
+    // Touched on the loop's thread only.
     hio_t* io;
-} g_discovery = {PTHREAD_MUTEX_INITIALIZER, false, nullptr};
+} g_discovery = {PTHREAD_MUTEX_INITIALIZER, false, nullptr, nullptr};
 
 // The same in every reply, and enciphering it costs a tenth of answering one.
 struct {
@@ -135,6 +137,26 @@ void __KV_MINI_OnRecvfrom(hio_t* io, void* buf, int readbytes) {
     }
 }
 
+// On the loop's thread. *arg says how it went: 0 or an error number.
+void OpenSocket(hloop_t* loop, void* arg) {
+    hio_t* io = hloop_create_udp_server(loop, "", kv::kDiscoveryPort);
+    if (io == nullptr) {
+        *static_cast<int*>(arg) = errno;
+        return;
+    }
+    const int on = 1;
+    (void)setsockopt(hio_fd(io), SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
+    hio_setcb_read(io, __KV_MINI_OnRecvfrom);
+    (void)hio_read(io);
+    g_discovery.io = io;
+    *static_cast<int*>(arg) = 0;
+}
+
+void CloseSocket(hloop_t* /*loop*/, void* /*arg*/) {
+    (void)hio_close(g_discovery.io);
+    g_discovery.io = nullptr;
+}
+
 // Cuts what ends a line, whichever system wrote the file.
 void CutLineEnd(char* line) {
     char* feed = strrchr(line, '\n');
@@ -174,17 +196,16 @@ int KV_MINI_DiscoverInit(void) {
         KV_FAILED("DisCover is Inited!");
         return -1;
     }
+    int error = ENOMEM;
     hloop_t* loop = KV_HV_GetWorkLoop();
-    hio_t* io = loop != nullptr ? hloop_create_udp_server(loop, "", kv::kDiscoveryPort) : nullptr;
-    if (io == nullptr) {
-        KV_ERROR("udp port %d failed:%s", kv::kDiscoveryPort, strerror(errno));
+    if (loop != nullptr) {
+        KV_HV_RunOnLoop(loop, OpenSocket, &error);
+    }
+    if (error != 0) {
+        KV_ERROR("udp port %d failed:%s", kv::kDiscoveryPort, strerror(error));
         return -1;
     }
-    const int on = 1;
-    (void)setsockopt(hio_fd(io), SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-    hio_setcb_read(io, __KV_MINI_OnRecvfrom);
-    (void)hio_read(io);
-    g_discovery.io = io;
+    g_discovery.loop = loop;
     g_discovery.started = true;
     // Kept: the start reports in the words of the stop, because those who follow a device's log
     // look for this line.
@@ -199,10 +220,7 @@ int KV_MINI_DiscoverDeInit(void) {
         return -1;
     }
     g_discovery.started = false;
-    (void)hio_close(g_discovery.io);
-    g_discovery.io = nullptr;
-    // The close happens on the loop's thread; a start must find the port free.
-    KV_HV_LoopPoolSettle();
+    KV_HV_RunOnLoop(g_discovery.loop, CloseSocket, nullptr);
     KV_DEBUG("Discovery Deinit Success!");
     return 0;
 }

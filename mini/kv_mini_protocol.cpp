@@ -144,6 +144,16 @@ void __KV_Protocol_OnAccept(hio_t* io) {
     KV_HV_HandOver(io, Serve);
 }
 
+void OpenListener(hloop_t* loop, void* port) {
+    g_protocol.listener =
+        hloop_create_tcp_server(loop, "", *static_cast<int*>(port), __KV_Protocol_OnAccept);
+}
+
+void CloseListener(hloop_t* /*loop*/, void* /*arg*/) {
+    (void)hio_close(g_protocol.listener);
+    g_protocol.listener = nullptr;
+}
+
 }  // namespace
 
 int KV_MINI_ProtocolInit(int port) {
@@ -157,7 +167,7 @@ int KV_MINI_ProtocolInit(int port) {
     memset(&g_protocol.session, 0, sizeof(g_protocol.session));
     g_protocol.reply = static_cast<uint8_t*>(malloc(kReplyBufferSize));
     if (loop != nullptr && g_protocol.reply != nullptr) {
-        g_protocol.listener = hloop_create_tcp_server(loop, "", port, __KV_Protocol_OnAccept);
+        KV_HV_RunOnLoop(loop, OpenListener, &port);
     }
     if (g_protocol.listener == nullptr) {
         free(g_protocol.reply.exchange(nullptr));
@@ -175,8 +185,7 @@ int KV_MINI_ProtocolDeInit(void) {
         return -1;
     }
     g_protocol.inited = 0;
-    (void)hio_close(g_protocol.listener);
-    g_protocol.listener = nullptr;
+    KV_HV_RunOnLoop(KV_HV_GetAcceptLoop(), CloseListener, nullptr);
     // Workers still serve. A callback that runs now may hold the buffer, one that starts later
     // finds none: once every loop has been seen between two callbacks, the buffer is nobody's.
     uint8_t* reply = g_protocol.reply.exchange(nullptr);
