@@ -17,7 +17,7 @@ if [ "${1:-}" != soft ]; then
     exit 1
 fi
 ifconfig "$interface" down
-grep -q "^$module " /proc/modules || exit 0
+grep -qs "^$module " /proc/modules || exit 0
 rmmod "$module" && modprobe "$module" || exit 1
 while [ ! -e "/sys/class/net/$interface" ]; do
     [ $patience -gt 0 ] || exit 1
