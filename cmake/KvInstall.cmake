@@ -14,6 +14,8 @@ endif()
 install(FILES docs/man/upgradeMain.8 DESTINATION "${CMAKE_INSTALL_MANDIR}/man8" COMPONENT doc)
 install(FILES docs/man/kvtool.1 docs/man/vboard.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT doc)
 file(GLOB documents CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/docs/*.md")
-install(FILES README.md ARCHITECTURE.md SECURITY.md CHANGELOG.md ${documents} DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+# As in the sources, because they refer to each other.
+install(FILES README.md ARCHITECTURE.md CONTRIBUTING.md SECURITY.md CHANGELOG.md DESTINATION "${CMAKE_INSTALL_DOCDIR}"
         COMPONENT doc)
+install(FILES ${documents} DESTINATION "${CMAKE_INSTALL_DOCDIR}/docs" COMPONENT doc)
 install(DIRECTORY packaging/ DESTINATION "${CMAKE_INSTALL_DATADIR}/upgrademain" USE_SOURCE_PERMISSIONS COMPONENT doc)

@@ -29,7 +29,7 @@ for component in device tools doc; do
 done
 expect "component device" "$work/device" usr/sbin/upgradeMain
 expect "component tools" "$work/tools" usr/bin/kvtool usr/bin/vboard usr/libexec/upgrademain/cameraMain
-for file in man/man8/upgradeMain.8 man/man1/kvtool.1 man/man1/vboard.1 doc/upgradeMain/porting.md \
+for file in man/man8/upgradeMain.8 man/man1/kvtool.1 man/man1/vboard.1 doc/upgradeMain/docs/porting.md \
     upgrademain/scripts/startapp.sh; do
     [ -f "$work/doc/usr/share/$file" ] || die "component doc lacks share/$file"
 done
