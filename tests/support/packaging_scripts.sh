@@ -10,6 +10,12 @@ exec unshare --user --map-root-user --mount --net --pid --fork --kill-child --mo
     for folder in /tmp /opt /var /run /etc/default /sys/class; do
         mount -t tmpfs tmpfs "$folder"
     done
+    : >/tmp/null
+    mount --bind /dev/null /tmp/null
+    mount -t tmpfs tmpfs /dev
+    : >/dev/null
+    mount --bind /tmp/null /dev/null
+    : >/dev/console
     mkdir -p /tmp/stubs /var/run /opt/app/bin /sys/class/gpio
     exec sh -eu' <<'INNER'
 die() { echo "packaging_scripts: $*" >&2; exit 1; }
