@@ -12,7 +12,7 @@ exec unshare --user --map-root-user --mount --net --pid --fork --kill-child --mo
     done
     : >/tmp/null
     mount --bind /dev/null /tmp/null
-    mount -t tmpfs tmpfs /dev
+    mount -t tmpfs -o mode=755 tmpfs /dev
     : >/dev/null
     mount --bind /tmp/null /dev/null
     : >/dev/console
