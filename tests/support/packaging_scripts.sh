@@ -20,10 +20,14 @@ exec unshare --user --map-root-user --mount --net --pid --fork --kill-child --mo
     exec sh -eu' <<'INNER'
 die() { echo "packaging_scripts: $*" >&2; exit 1; }
 busy() { timeout 30 busybox sh "$@"; }
+# What was started in the background bears its name only once the kernel has replaced the shell that started it.
+await() { tries=100; until "$@"; do tries=$((tries - 1)); [ $tries -gt 0 ] || return 1; sleep 0.05; done; }
+is_called() { [ "$(name_of "$1")" = "$2" ]; }
+has_application() { pidof -x cameraMain >/tmp/application; }
 name_of() { cat "/proc/$1/comm" 2>/dev/null || true; }
 
 # Start script: starts once, under the right name; stops with SIGTERM; says which is which.
-printf '#!/bin/sh\ntrap "echo ended >>/tmp/ended; exit 0" TERM\nwhile :; do sleep 0.1; done\n' >/tmp/upgradeMain
+printf '#!/bin/sh\ntrap "echo ended >>/tmp/ended; exit 0" TERM\n: >/tmp/ready\nwhile :; do sleep 0.1; done\n' >/tmp/upgradeMain
 printf '#!/bin/sh\necho prepared >>/tmp/prepared\nexit 1\n' >/tmp/prepare
 chmod +x /tmp/upgradeMain /tmp/prepare
 printf 'PROGRAM=/tmp/upgradeMain\nPREPARE=/tmp/prepare\nOUTPUT=/tmp/output\n' >/etc/default/upgrademain
@@ -31,7 +35,8 @@ init=/mnt/init/S50upgrademain
 ! busy $init status >/dev/null || die "status of a supervisor that does not run"
 busy $init start 2>/dev/null || die "start fails"
 pid=$(cat /var/run/upgradeMain.pid)
-[ "$(name_of "$pid")" = upgradeMain ] || die "the supervisor is called $(name_of "$pid")"
+await test -e /tmp/ready || die "the supervisor does not run"
+is_called "$pid" upgradeMain || die "the supervisor is called $(name_of "$pid")"
 [ "$(readlink "/proc/$pid/cwd")" = / ] || die "the supervisor is started elsewhere than in /"
 [ "$(readlink "/proc/$pid/fd/0")" = /dev/null ] || die "the supervisor reads the console"
 busy $init start >/dev/null || die "second start fails"
@@ -74,8 +79,10 @@ busy /mnt/scripts/wifi_reset.sh soft || die "wifi_reset.sh fails"
 printf '#!/bin/sh\ntrap "" TERM\nwhile :; do sleep 0.1; done\n' >/opt/app/bin/cameraMain
 chmod +x /opt/app/bin/cameraMain
 busy /mnt/scripts/startapp.sh || die "startapp.sh fails or does not return"
-first=$(pidof -x cameraMain)
+await has_application || die "startapp.sh starts nothing"
+first=$(cat /tmp/application)
 busy /mnt/scripts/startapp.sh || die "startapp.sh fails while an application runs"
-second=$(pidof -x cameraMain)
-[ -n "$second" ] && [ "$second" != "$first" ] || die "the old application lives on ($first, $second)"
+await has_application || die "startapp.sh starts nothing while an application runs"
+second=$(cat /tmp/application)
+[ "$second" != "$first" ] || die "the old application lives on ($first, $second)"
 INNER
