@@ -1,10 +1,11 @@
 # Thin: each target is one line of help and little more. `make help` lists them.
 # Most tests wait for clocks, so twice as many as there are cores run side by side.
 JOBS ?= $(shell expr 2 \* $$(nproc))
+PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
 .PHONY: help setup build tests-build demo demo-ladder bench bench-discovery test unit lint format \
-        sanitize clean
+        sanitize packaging-check install clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
@@ -36,14 +37,20 @@ test: tests-build ## Run all unit and system tests
 unit: tests-build ## Run the unit tests only
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS) -L unit
 
-lint: tests-build ## Check format (clang-format), code (clang-tidy) and scripts (shellcheck)
+lint: tests-build ## Check format (clang-format), code (clang-tidy), scripts (shellcheck), man pages, packaging
 	@scripts/lint.sh
+
+packaging-check: build ## Check the recipes and scripts of packaging/ and what they install
+	@scripts/check_packaging.sh
 
 format: setup ## Format all C++ files in place
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 sanitize: setup ## Run the unit tests under ASan + UBSan and under TSan
 	@scripts/sanitize.sh
+
+install: build ## Install into DESTDIR and PREFIX (/usr/local); COMPONENT=device, tools or doc for a part
+	@DESTDIR="$(DESTDIR)" cmake --install build/release --prefix "$(PREFIX)" $(if $(COMPONENT),--component $(COMPONENT))
 
 clean: ## Remove the build folder
 	@rm -rf build

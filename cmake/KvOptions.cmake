@@ -2,8 +2,10 @@
 add_library(kv_options INTERFACE)
 target_include_directories(kv_options INTERFACE "${PROJECT_SOURCE_DIR}")
 # Results that are ignored on purpose carry a (void), which GCC does not take for an answer.
-target_compile_options(kv_options INTERFACE -Wall -Wextra -Wshadow -Wconversion -Werror
-                                            -Wno-unused-result)
+target_compile_options(kv_options INTERFACE -Wall -Wextra -Wshadow -Wconversion -Wno-unused-result)
+if(KV_WERROR)
+    target_compile_options(kv_options INTERFACE -Werror)
+endif()
 
 if(KV_SANITIZE)
     target_compile_options(kv_options INTERFACE "-fsanitize=${KV_SANITIZE}" -fno-omit-frame-pointer

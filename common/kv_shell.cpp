@@ -29,9 +29,12 @@ int SpawnShell(const char* command, pid_t* pid) {
     (void)posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawn_file_actions_t actions;
     (void)posix_spawn_file_actions_init(&actions);
-#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 34)
+// Two steps, as other C libraries lack the macro that the second one calls.
+#ifdef __GLIBC__
+#if __GLIBC_PREREQ(2, 34)
     // What the program opens is close-on-exec; a library's raw socket need not be.
     (void)posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+#endif
 #endif
     const char* const arguments[] = {"sh", "-c", command, nullptr};
     const int error = posix_spawn(pid, "/bin/sh", &actions, &attributes,

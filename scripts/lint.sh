@@ -1,5 +1,5 @@
 #!/bin/sh
-# Format, static analysis and shell scripts; the first that finds something fails the run.
+# Format, shell scripts, man pages, packaging, static analysis; the first that finds something fails the run.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -7,6 +7,10 @@ echo "lint: clang-format"
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 echo "lint: shellcheck"
 git grep -lE '^#!/(usr/)?bin/(env )?(ba)?sh' -- . | xargs shellcheck
+echo "lint: man pages"
+scripts/check_man.sh
+echo "lint: packaging"
+scripts/check_packaging.sh
 # For clang -Wconversion includes signs, for the compiler of the build it does not.
 echo "lint: clang-tidy"
 git ls-files '*.cpp' | xargs -P "$(nproc)" -n 2 clang-tidy -quiet -p build/dev --extra-arg=-Wno-sign-conversion 2>/dev/null

@@ -48,7 +48,7 @@ CLI::Option* AddSeconds(CLI::App* app, const char* name, double* value, const ch
 
 void AddLayout(CLI::App* app, Options* options) {
     app->add_option("--layout", options->layout_file, "File of partition sizes, NAME=BYTES a line");
-    app->add_option("--size", options->sizes, "Size of one partition, NAME=BYTES (K, M allowed)")
+    app->add_option("--size", options->sizes, "Size of one partition, NAME=BYTES (K, M, G allowed)")
         ->allow_extra_args(false);
 }
 

@@ -1,0 +1,49 @@
+################################################################################
+#
+# upgrademain
+#
+################################################################################
+
+UPGRADEMAIN_VERSION = local
+UPGRADEMAIN_SITE = $(call qstrip,$(BR2_PACKAGE_UPGRADEMAIN_SOURCE))
+UPGRADEMAIN_SITE_METHOD = local
+UPGRADEMAIN_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = --exclude /build --exclude /.cache
+UPGRADEMAIN_DEPENDENCIES = libevent libmd liboping
+UPGRADEMAIN_SUPPORTS_IN_SOURCE_BUILD = NO
+# Warnings of a compiler that nobody has tried are no reason to have no image.
+UPGRADEMAIN_CONF_OPTS = \
+	-DCMAKE_BUILD_TYPE=MinSizeRel \
+	-DKV_TESTS=OFF \
+	-DKV_TOOLS=OFF \
+	-DKV_HARDEN=ON \
+	-DKV_WERROR=OFF
+
+define UPGRADEMAIN_INSTALL_TARGET_CMDS
+	DESTDIR=$(TARGET_DIR) $(BR2_CMAKE) --install $(UPGRADEMAIN_BUILDDIR) --prefix /usr --component device
+	$(INSTALL) -D -m 0755 $(UPGRADEMAIN_FILES)/scripts/upgrade_prepare.sh $(TARGET_DIR)/usr/sbin/upgrade_prepare.sh
+	$(UPGRADEMAIN_INSTALL_EXAMPLES)
+endef
+
+# From the copy that is built, which may lie elsewhere than this external tree.
+UPGRADEMAIN_FILES = $(@D)/packaging
+
+ifeq ($(BR2_PACKAGE_UPGRADEMAIN_EXAMPLES),y)
+define UPGRADEMAIN_INSTALL_EXAMPLES
+	$(INSTALL) -D -m 0755 $(UPGRADEMAIN_FILES)/scripts/wifi_connect.sh $(TARGET_DIR)/root/wifi_connect.sh
+	$(INSTALL) -D -m 0755 $(UPGRADEMAIN_FILES)/scripts/wifi_reset.sh $(TARGET_DIR)/usr/bin/wifi_reset.sh
+	$(INSTALL) -D -m 0755 $(UPGRADEMAIN_FILES)/scripts/startapp.sh $(TARGET_DIR)/usr/bin/startapp.sh
+endef
+endif
+
+define UPGRADEMAIN_INSTALL_INIT_SYSV
+	$(INSTALL) -D -m 0755 $(UPGRADEMAIN_FILES)/init/S50upgrademain $(TARGET_DIR)/etc/init.d/S50upgrademain
+endef
+
+define UPGRADEMAIN_INSTALL_INIT_SYSTEMD
+	$(INSTALL) -D -m 0644 $(UPGRADEMAIN_FILES)/systemd/upgrademain.service \
+		$(TARGET_DIR)/usr/lib/systemd/system/upgrademain.service
+	$(INSTALL) -D -m 0644 $(UPGRADEMAIN_FILES)/systemd/upgrademain.conf \
+		$(TARGET_DIR)/usr/lib/systemd/system.conf.d/upgrademain.conf
+endef
+
+$(eval $(cmake-package))

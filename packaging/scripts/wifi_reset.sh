@@ -1,0 +1,26 @@
+#!/bin/sh
+# wifi_reset.sh soft: reloads the radio's driver. Found through PATH.
+#
+# Called by     the station thread in recovery mode, when connecting keeps failing, when an address or the MAC is missing, or
+#               when the link is gone; three times at most before a connection holds again
+# Arguments     "soft", always
+# Afterwards    wlan0 exists and the driver has lost its state. The caller then stops supplicant and DHCP client itself, and
+#               takes the interface down and up.
+# Time          some seconds; nothing else is tried meanwhile, and a stop of the supervisor waits for it
+# Status        ignored
+module=wlan # the radio's kernel module; a driver that is built into the kernel is only taken down
+interface=wlan0
+patience=10
+
+if [ "${1:-}" != soft ]; then
+    echo "usage: wifi_reset.sh soft" >&2
+    exit 1
+fi
+ifconfig "$interface" down
+grep -qs "^$module " /proc/modules || exit 0
+rmmod "$module" && modprobe "$module" || exit 1
+while [ ! -e "/sys/class/net/$interface" ]; do
+    [ $patience -gt 0 ] || exit 1
+    patience=$((patience - 1))
+    sleep 1
+done

@@ -1,0 +1,41 @@
+#!/usr/bin/python3
+"""check_kconfig.py CONFIG_IN: Buildroot's menu of the package, with stand-ins for the symbols of Buildroot itself."""
+import os
+import sys
+import tempfile
+
+import kconfiglib
+
+# What the recipe depends on, and what it selects.
+NEEDS = ["USE_MMU", "INSTALL_LIBSTDCPP", "TOOLCHAIN_HAS_THREADS", "TOOLCHAIN_GCC_AT_LEAST_7"]
+SELECTS = ["PACKAGE_LIBEVENT", "PACKAGE_LIBMD", "PACKAGE_LIBOPING"]
+
+
+def main():
+    with tempfile.NamedTemporaryFile("w", suffix=".in") as top:
+        for name in NEEDS + ["STATIC_LIBS"] + SELECTS:
+            top.write(f'config BR2_{name}\n\tbool "{name}"\n')
+        top.write(f'source "{os.path.abspath(sys.argv[1])}"\n')
+        top.flush()
+        menu = kconfiglib.Kconfig(top.name, warn_to_stderr=False)
+    problems = list(menu.warnings)
+    package = menu.syms["BR2_PACKAGE_UPGRADEMAIN"]
+    for name in NEEDS:
+        if package.assignable:
+            problems.append(f"can be chosen without {name}")
+        menu.syms[f"BR2_{name}"].set_value(2)
+    if not package.set_value(2) or package.tri_value != 2:
+        problems.append("cannot be chosen")
+    for name in SELECTS:
+        if menu.syms[f"BR2_{name}"].tri_value != 2:
+            problems.append(f"does not select {name}")
+    menu.syms["BR2_STATIC_LIBS"].set_value(2)
+    if package.tri_value != 0:
+        problems.append("can be chosen with static libraries")
+    for problem in problems:
+        print(f"check_kconfig: {problem}", file=sys.stderr)
+    return 1 if problems else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

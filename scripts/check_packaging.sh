@@ -1,0 +1,118 @@
+#!/bin/bash
+# What packaging/ promises, as far as it can be held to it without the distributions: the recipes are read by make and by a
+# Kconfig parser, with stand-ins for what their distribution provides, and their install steps are run on the build in
+# build/release; the unit goes through systemd's own check where that is installed; the scripts run in a sandbox.
+set -euo pipefail
+
+cd "$(dirname "$0")/.."
+top=$PWD
+work=$(mktemp -d "${TMPDIR:-/tmp}/kv-packaging-XXXXXX")
+trap 'rm -rf "$work"' EXIT
+
+die() {
+    echo "check_packaging: $*" >&2
+    exit 1
+}
+expect() { # WHAT DIR FILE...: DIR holds exactly these files
+    local what=$1 dir=$2
+    shift 2
+    diff <(printf '%s\n' "$@" | sort) <(cd "$dir" && find . -type f -printf '%P\n' | sort) ||
+        die "$what installs other files than it should (<: should, >: does)"
+}
+
+# Three components, and the device's is the daemon alone.
+install_component() { # COMPONENT
+    DESTDIR=$work/$1 cmake --install build/release --prefix /usr --component "$1" >"$work/log" || die "$(cat "$work/log")"
+}
+for component in device tools doc; do
+    install_component "$component"
+done
+expect "component device" "$work/device" usr/sbin/upgradeMain
+expect "component tools" "$work/tools" usr/bin/kvtool usr/bin/vboard usr/libexec/upgrademain/cameraMain
+for file in man/man8/upgradeMain.8 man/man1/kvtool.1 man/man1/vboard.1 doc/upgradeMain/docs/porting.md \
+    upgrademain/scripts/startapp.sh; do
+    [ -f "$work/doc/usr/share/$file" ] || die "component doc lacks share/$file"
+done
+
+# Buildroot.
+recipe=packaging/buildroot
+export BR2_EXTERNAL_UPGRADEMAIN_PATH=$top/$recipe
+scripts/check_kconfig.py $recipe/Config.in || die "Buildroot's Config.in"
+cat >"$work/buildroot.mk" <<'END'
+qstrip = $(strip $(subst ",,$(1)))
+cmake-package =
+INSTALL = install
+BR2_CMAKE = cmake
+BR2_PACKAGE_UPGRADEMAIN_SOURCE = "$(TOP)"
+BR2_PACKAGE_UPGRADEMAIN_EXAMPLES = y
+include $(BR2_EXTERNAL_UPGRADEMAIN_PATH)/external.mk
+UPGRADEMAIN_BUILDDIR = $(TOP)/build/release
+options:
+	@echo $(UPGRADEMAIN_CONF_OPTS)
+$(UPGRADEMAIN_SITE)/%:
+	@$(UPGRADEMAIN_$*)
+END
+buildroot() { # TARGET-DIR GOAL
+    make -s -f "$work/buildroot.mk" --warn-undefined-variables TOP="$top" TARGET_DIR="$work/$1" "$2" >"$work/log" 2>&1 ||
+        die "Buildroot's recipe: $(cat "$work/log")"
+    grep -q warning "$work/log" && die "Buildroot's recipe: $(cat "$work/log")"
+    cat "$work/log"
+}
+buildroot target "$top/INSTALL_TARGET_CMDS" >/dev/null
+expect "Buildroot's recipe" "$work/target" usr/sbin/upgradeMain usr/sbin/upgrade_prepare.sh root/wifi_connect.sh \
+    usr/bin/wifi_reset.sh usr/bin/startapp.sh
+buildroot sysv "$top/INSTALL_INIT_SYSV" >/dev/null
+expect "Buildroot's recipe for busybox init" "$work/sysv" etc/init.d/S50upgrademain
+buildroot systemd "$top/INSTALL_INIT_SYSTEMD" >/dev/null
+expect "Buildroot's recipe for systemd" "$work/systemd" usr/lib/systemd/system/upgrademain.service \
+    usr/lib/systemd/system.conf.d/upgrademain.conf
+
+# OpenWrt.
+mkdir "$work/openwrt" "$work/include"
+cat >"$work/rules.mk" <<'END'
+INSTALL_DIR = install -d -m0755
+INSTALL_BIN = install -m0755
+PKG_BUILD_DIR = $(WORK)/openwrt/build
+PKG_INSTALL_DIR = $(WORK)/device
+END
+# shellcheck disable=SC2016 # for make
+printf '%s\n' 'define BuildPackage' '$(if $(Package/$(1)),,$(error Package/$(1) is empty))' 'endef' \
+    'options:' '	@echo $(CMAKE_OPTIONS)' 'prepare:' '	$(Build/Prepare)' \
+    'install:' '	$(call Package/upgrademain/install,$(WORK)/openwrt/target)' >"$work/include/package.mk"
+: >"$work/include/cmake.mk"
+openwrt() { # GOAL
+    make -s -C packaging/openwrt/upgrademain --no-print-directory WORK="$work" TOPDIR="$work" INCLUDE_DIR="$work/include" \
+        "$1" 2>&1 || die "OpenWrt's recipe fails at $1"
+}
+mkdir "$work/source"
+git ls-files -z --cached --others --exclude-standard | tar -C "$top" --null --files-from=- -cf - | tar -C "$work/source" -xf -
+mkdir "$work/source/build"
+UPGRADEMAIN_SRC=$work/source openwrt prepare
+[ -f "$work/openwrt/build/CMakeLists.txt" ] || die "OpenWrt's recipe copies no sources"
+[ ! -e "$work/openwrt/build/build" ] || die "OpenWrt's recipe copies build folders"
+openwrt install
+expect "OpenWrt's recipe" "$work/openwrt/target" usr/sbin/upgradeMain usr/sbin/upgrade_prepare.sh root/wifi_connect.sh \
+    usr/bin/wifi_reset.sh usr/bin/startapp.sh etc/init.d/upgrademain
+
+# Both configure the tree, from a copy as OpenWrt has it, with options that the tree knows.
+[ "$(buildroot - options)" = "$(openwrt options)" ] || die "the recipes configure the program in different ways"
+# shellcheck disable=SC2046 # one word an option
+cmake -G Ninja -S "$work/openwrt/build" -B "$work/configured" $(openwrt options) >"$work/log" 2>&1 ||
+    die "the recipes' options do not configure: $(cat "$work/log")"
+grep -q 'not used by the project' "$work/log" && die "the recipes set what the project does not know: $(cat "$work/log")"
+
+# systemd.
+if command -v systemd-analyze >/dev/null; then
+    mkdir -p "$work/root/usr/sbin" "$work/root/etc/systemd/system"
+    cp "$work/target/usr/sbin/"* "$work/root/usr/sbin/"
+    sed "s:=\(-\?\)/usr/sbin:=\1$work/root/usr/sbin:" packaging/systemd/upgrademain.service \
+        >"$work/root/etc/systemd/system/upgrademain.service"
+    found=$(systemd-analyze verify --man=no "$work/root/etc/systemd/system/upgrademain.service" 2>&1 |
+        grep upgrademain || true)
+    [ -z "$found" ] || die "the unit: $found"
+else
+    echo "check_packaging: systemd-analyze is not installed, the unit was not checked"
+fi
+
+tests/support/packaging_scripts.sh "$top/packaging"
+echo "check_packaging: clean"

@@ -1,0 +1,88 @@
+#!/bin/sh
+# packaging_scripts.sh FOLDER: the scripts of packaging/ (FOLDER), under busybox's shell, in namespaces of their own where
+# programs, devices and commands are stand-ins. Holds them to what their heads promise.
+set -eu
+KV_PACKAGING=$1
+export KV_PACKAGING
+# shellcheck disable=SC2016 # expanded by the inner shell
+exec unshare --user --map-root-user --mount --net --pid --fork --kill-child --mount-proc -- sh -eu -c '
+    mount --bind "$KV_PACKAGING" /mnt
+    for folder in /tmp /opt /var /run /etc/default /sys/class; do
+        mount -t tmpfs tmpfs "$folder"
+    done
+    : >/tmp/null
+    mount --bind /dev/null /tmp/null
+    mount -t tmpfs -o mode=755 tmpfs /dev
+    : >/dev/null
+    mount --bind /tmp/null /dev/null
+    : >/dev/console
+    mkdir -p /tmp/stubs /var/run /opt/app/bin /sys/class/gpio
+    exec sh -eu' <<'INNER'
+die() { echo "packaging_scripts: $*" >&2; exit 1; }
+busy() { timeout 30 busybox sh "$@"; }
+# What was started in the background bears its name only once the kernel has replaced the shell that started it.
+await() { tries=100; until "$@"; do tries=$((tries - 1)); [ $tries -gt 0 ] || return 1; sleep 0.05; done; }
+is_called() { [ "$(name_of "$1")" = "$2" ]; }
+has_application() { pidof -x cameraMain >/tmp/application; }
+name_of() { cat "/proc/$1/comm" 2>/dev/null || true; }
+
+# Start script: starts once, under the right name; stops with SIGTERM; says which is which.
+printf '#!/bin/sh\ntrap "echo ended >>/tmp/ended; exit 0" TERM\n: >/tmp/ready\nwhile :; do sleep 0.1; done\n' >/tmp/upgradeMain
+printf '#!/bin/sh\necho prepared >>/tmp/prepared\nexit 1\n' >/tmp/prepare
+chmod +x /tmp/upgradeMain /tmp/prepare
+printf 'PROGRAM=/tmp/upgradeMain\nPREPARE=/tmp/prepare\nOUTPUT=/tmp/output\n' >/etc/default/upgrademain
+init=/mnt/init/S50upgrademain
+! busy $init status >/dev/null || die "status of a supervisor that does not run"
+busy $init start 2>/dev/null || die "start fails"
+pid=$(cat /var/run/upgradeMain.pid)
+await test -e /tmp/ready || die "the supervisor does not run"
+is_called "$pid" upgradeMain || die "the supervisor is called $(name_of "$pid")"
+[ "$(readlink "/proc/$pid/cwd")" = / ] || die "the supervisor is started elsewhere than in /"
+[ "$(readlink "/proc/$pid/fd/0")" = /dev/null ] || die "the supervisor reads the console"
+busy $init start >/dev/null || die "second start fails"
+[ "$(cat /var/run/upgradeMain.pid)" = "$pid" ] || die "a second supervisor was started"
+[ "$(wc -l </tmp/prepared)" = 1 ] || die "the board is not prepared exactly once"
+busy $init status >/dev/null || die "status of a running supervisor"
+busy $init stop || die "stop fails"
+[ "$(cat /tmp/ended)" = ended ] || die "the supervisor got no SIGTERM"
+[ -z "$(name_of "$pid")" ] || die "stop returned before the supervisor had ended"
+echo $$ >/var/run/upgradeMain.pid
+busy $init stop >/dev/null || die "stop with the number of another process"
+
+# Preparation: without the button it fails and does the rest; with it, all is there, also the second time.
+export PATH="/tmp/stubs:$PATH"
+if busy /mnt/scripts/upgrade_prepare.sh 2>/dev/null; then die "preparation without a button line succeeds"; fi
+[ -p /tmp/bin/cmd_link_snd ] && [ -p /tmp/bin/cmd_link_ack ] || die "no console pipes"
+mkdir /sys/class/gpio/GPIO26
+echo 1 >/sys/class/gpio/GPIO26/value
+busy /mnt/scripts/upgrade_prepare.sh || die "preparation fails"
+[ "$(cat /sys/class/gpio/GPIO26/direction)" = in ] || die "the button line is no input"
+ping -c 1 -W 2 127.0.0.1 >/dev/null || die "loopback is down"
+
+# Connect script: the supplicant gets the file, a stale control socket is gone, wrong use is refused.
+printf '#!/bin/sh\necho "$*" >/tmp/called\n' >/tmp/stubs/wpa_supplicant
+printf '#!/bin/sh\necho "$0 $*" | sed "s:.*/::" >>/tmp/driver\n' >/tmp/stubs/ifconfig
+chmod +x /tmp/stubs/*
+mkdir /tmp/wpa_supplicant
+: >/tmp/wpa_supplicant/wlan0
+printf 'ctrl_interface=/tmp/wpa_supplicant\n' >/tmp/wpa_supplicant.conf
+busy /mnt/scripts/wifi_connect.sh sta /tmp/wpa_supplicant.conf || die "wifi_connect.sh fails"
+grep -q -- '-B .*-i wlan0 -c /tmp/wpa_supplicant.conf$' /tmp/called || die "the supplicant got: $(cat /tmp/called)"
+[ ! -e /tmp/wpa_supplicant/wlan0 ] || die "a stale control socket is left"
+if busy /mnt/scripts/wifi_connect.sh ap /tmp/wpa_supplicant.conf 2>/dev/null; then die "wifi_connect.sh ap"; fi
+
+# Driver reset: a driver that is not a module is taken down, no more.
+busy /mnt/scripts/wifi_reset.sh soft || die "wifi_reset.sh fails"
+[ "$(cat /tmp/driver)" = "ifconfig wlan0 down" ] || die "wifi_reset.sh did: $(cat /tmp/driver)"
+
+# Application: started in the background, and an old one that ignores SIGTERM is gone.
+printf '#!/bin/sh\ntrap "" TERM\nwhile :; do sleep 0.1; done\n' >/opt/app/bin/cameraMain
+chmod +x /opt/app/bin/cameraMain
+busy /mnt/scripts/startapp.sh || die "startapp.sh fails or does not return"
+await has_application || die "startapp.sh starts nothing"
+first=$(cat /tmp/application)
+busy /mnt/scripts/startapp.sh || die "startapp.sh fails while an application runs"
+await has_application || die "startapp.sh starts nothing while an application runs"
+second=$(cat /tmp/application)
+[ "$second" != "$first" ] || die "the old application lives on ($first, $second)"
+INNER
