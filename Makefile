@@ -3,7 +3,7 @@
 JOBS ?= $(shell expr 2 \* $$(nproc))
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build tests-build demo demo-ladder bench bench-discovery test unit lint format \
+.PHONY: help setup build arm tests-build demo demo-ladder bench bench-discovery test unit lint format \
         sanitize clean
 
 help: ## List the targets
@@ -14,6 +14,9 @@ setup: ## Install the missing Debian packages (scripts/packages.txt)
 
 build: setup ## Build the device program and the PC tools into build/bin
 	@scripts/build.sh release
+
+arm: setup ## Build the device program for ARM, dynamic and static, into build/arm
+	@scripts/build_arm.sh
 
 tests-build: build
 	@scripts/build.sh dev

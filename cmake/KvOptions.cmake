@@ -21,6 +21,11 @@ if(KV_HARDEN)
                                              -Wl,--as-needed)
 endif()
 
+if(KV_STATIC)
+    set(CMAKE_FIND_LIBRARY_SUFFIXES .a)
+    target_link_options(kv_options INTERFACE -static)
+endif()
+
 # kv_module(NAME [SOURCES...] [LINK targets...]): one daemon module library.
 function(kv_module name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
