@@ -4,7 +4,7 @@ JOBS ?= $(shell expr 2 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build tests-build demo demo-ladder bench bench-discovery test unit lint format \
+.PHONY: help setup build arm size tests-build demo demo-ladder bench bench-discovery test unit lint format \
         sanitize packaging-check install clean
 
 help: ## List the targets
@@ -15,6 +15,12 @@ setup: ## Install the missing Debian packages (scripts/packages.txt)
 
 build: setup ## Build the device program and the PC tools into build/bin
 	@scripts/build.sh release
+
+arm: setup ## Build the device program for ARM, dynamic and static, into build/arm
+	@scripts/build_arm.sh
+
+size: build ## Show what takes the space in the device program; fails when it grew (UPDATE=1 writes the figures)
+	@scripts/size.sh $(if $(UPDATE),--update)
 
 tests-build: build
 	@scripts/build.sh dev

@@ -1,8 +1,9 @@
 #!/bin/sh
-# Installs the packages of packages.txt that are missing: as root, or through sudo. Needs no network when nothing is missing.
+# setup.sh [LIST]: installs the packages of LIST (packages.txt) that are missing: as root, or through sudo. Needs no network
+# when nothing is missing.
 set -eu
 
-list=$(dirname "$0")/packages.txt
+list=$(dirname "$0")/${1:-packages.txt}
 wanted=$(sed 's/#.*//' "$list")
 
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then

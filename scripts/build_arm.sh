@@ -1,0 +1,18 @@
+#!/bin/sh
+# Builds the device program for ARM, on shared libraries and as one static file, and leaves stripped copies in
+# build/arm/dynamic and build/arm/static. Both keep the name by which the program signals itself.
+set -eu
+
+cd "$(dirname "$0")/.."
+scripts/setup.sh packages-arm.txt
+scripts/arm_sysroot.sh >/dev/null
+for kind in dynamic static; do
+    case $kind in
+        dynamic) preset=armhf ;;
+        static) preset=armhf-static ;;
+    esac
+    scripts/build.sh "$preset" --target upgradeMain
+    mkdir -p "build/arm/$kind"
+    arm-linux-gnueabihf-strip -o "build/arm/$kind/upgradeMain" "build/$preset/bin/upgradeMain"
+done
+ls -l build/arm/*/upgradeMain
