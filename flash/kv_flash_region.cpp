@@ -6,7 +6,6 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <cmath>
 #include <cstring>
 
 #include "common/kv_mini_trace.h"
@@ -98,8 +97,10 @@ uint32_t WriteChunks(FILE* pkg, int fd, uint32_t wanted, uint32_t size, const ch
         }
         (void)lseek(fd, static_cast<off_t>(offset), SEEK_SET);
         offset += static_cast<uint32_t>(write(fd, buffer, got));
+        // In this order what is no number becomes 100, too.
+        const float done = Percent(offset, wanted);
         KV_INFO_IN(function, "Write 64 Kibyte @ %x -- %.0f %% complete", offset,
-                   static_cast<double>(fminf(100.0F, Percent(offset, wanted))));
+                   static_cast<double>(done < 100.0F ? done : 100.0F));
     } while (offset < wanted && offset < size);
     return offset;
 }
