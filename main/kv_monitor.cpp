@@ -4,11 +4,11 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <ctime>
 
 #include "common/kv_mini_trace.h"
 #include "common/kv_platform.h"
 #include "common/kv_shell.h"
+#include "common/kv_time.h"
 #include "flash/kv_fullhan_flash.h"
 #include "flash/kv_fullhan_watdog.h"
 #include "main/hardware_reset.h"
@@ -21,6 +21,10 @@ namespace {
 constexpr int kReadyOffset = 32;
 
 MonitoredProcess g_cameraMain = {kv::kAppName, 0, 5, 120, 1, 1, 0, 0};
+
+uint32_t Now() {
+    return static_cast<uint32_t>(kv::MonotonicSeconds());
+}
 
 MonitorDecision DecideOnHeartbeat(MonitoredProcess* process, const MonitorInput& input) {
     MonitorDecision decision = {};
@@ -118,7 +122,7 @@ void Act(const MonitoredProcess& process, const MonitorDecision& decision, const
 
 void __KV_cameraMainProcessHandle(int online, MonitoredProcess* process, const uint8_t* ready) {
     MonitorInput input = {};
-    input.now = KV_MONITOR_Now();
+    input.now = Now();
     input.heartbeat = online != 0;
     input.ready = input.heartbeat && *ready != 0;
     input.quiet = KV_UPGRADE_IsUpgrading() != 0 || KV_MINI_ServiceIsStarted() != 0;
@@ -136,7 +140,8 @@ MonitorDecision KV_MONITOR_Decide(MonitoredProcess* process, const MonitorInput&
     return input.heartbeat ? DecideOnHeartbeat(process, input) : DecideOnSilence(process, input);
 }
 
-void KV_MONITOR_Begin(uint32_t now) {
+void KV_MONITOR_Begin(void) {
+    const uint32_t now = Now();
     g_cameraMain.last_seen = now;
     g_cameraMain.ready_time = now;
 }
@@ -158,13 +163,7 @@ void __KV_cameraMainHeartbeatRead(hio_t* io, void* buf, int readbytes) {
 
 void __KV_cameraMainCheckTimer(htimer_t* timer) {
     (void)timer;
-    if (KV_MONITOR_Now() - g_cameraMain.last_seen > g_cameraMain.heartbeat_timeout) {
+    if (Now() - g_cameraMain.last_seen > g_cameraMain.heartbeat_timeout) {
         __KV_cameraMainProcessHandle(0, &g_cameraMain, nullptr);
     }
-}
-
-uint32_t KV_MONITOR_Now(void) {
-    struct timespec now = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint32_t>(now.tv_sec);
 }

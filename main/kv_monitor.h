@@ -55,13 +55,10 @@ struct MonitorDecision {
 // What to do at `input.now`; brings the record up to date.
 MonitorDecision KV_MONITOR_Decide(MonitoredProcess* process, const MonitorInput& input);
 
-// Gives cameraMain its full time-out from `now` (monotonic seconds) on. Before the loop runs.
-void KV_MONITOR_Begin(uint32_t now);
+// Gives cameraMain its full time-out from now on. Before the loop runs.
+void KV_MONITOR_Begin(void);
 
 // Heartbeat read callback and 3000 ms check timer of the supervisor loop. The timer blocks the loop
 // for as long as the commands of a restart or a reboot take.
 void __KV_cameraMainHeartbeatRead(hio_t* io, void* buf, int readbytes);
 void __KV_cameraMainCheckTimer(htimer_t* timer);
-
-// Whole seconds of the monotonic clock.
-uint32_t KV_MONITOR_Now(void);

@@ -95,7 +95,7 @@ int main() {
     (void)KV_SIGNAL_Install(kSignals, sizeof(kSignals) / sizeof(kSignals[0]));
     (void)KV_FH_WDT_Start();
     ChooseMode(__func__);
-    KV_MONITOR_Begin(KV_MONITOR_Now());
+    KV_MONITOR_Begin();
 
     hloop_t* const loop = hloop_new(HLOOP_FLAG_AUTO_FREE);
     if (loop != nullptr) {

@@ -4,15 +4,14 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include "common/kv_mini_trace.h"
 #include "common/kv_platform.h"
 #include "common/kv_raii.h"
 #include "common/kv_shell.h"
+#include "common/kv_time.h"
 #include "mini/kv_mini_frame.h"
 #include "mini/kv_mini_session.h"
 
@@ -50,12 +49,6 @@ UpgradeRecvState g_receive;
 // the one state there is, but neither may see a stream that the other has just closed. Never held
 // across a sleep or a shell command.
 pthread_mutex_t g_receiveLock = PTHREAD_MUTEX_INITIALIZER;
-
-void SleepMs(long milliseconds) {
-    struct timespec left = {milliseconds / 1000, milliseconds % 1000 * 1000000};
-    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-    }
-}
 
 void CloseStream(FILE** stream) {
     if (*stream != nullptr) {
@@ -201,7 +194,7 @@ void FailTransfer() {
         g_receive.writeTotal = 0;
     }
     KV_ERROR_IN(kRead, "upgrade failed,restart system now ...");
-    SleepMs(2000);
+    kv::SleepMilliseconds(2000);
     (void)KV_ShellRun("reboot", nullptr);
 }
 
@@ -256,12 +249,12 @@ int KV_KorvanUpgradeStart(hio_t* io, uint32_t fileLength, const uint8_t* data, i
     // The package lies in RAM-backed storage: give it the most room first.
     (void)KV_ShellRun("sync", nullptr);
     (void)KV_ShellRun("echo 1 > /proc/sys/vm/drop_caches", nullptr);
-    SleepMs(1000);
+    kv::SleepMilliseconds(1000);
     if (CreatePackage() != 0) {
         KV_FAILED("open %s failed", kv::kPackagePath);
         return -1;
     }
-    SleepMs(100);
+    kv::SleepMilliseconds(100);
     KV_INFO("datalen:%d,filelength=%u", dataLen, fileLength);
     StoreFirst(data, dataLen, fileLength);
     hio_setcb_read(io, __KV_KorvanUpgradeRead);

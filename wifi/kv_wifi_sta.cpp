@@ -14,11 +14,11 @@
 #include "common/kv_raii.h"
 #include "common/kv_shell.h"
 #include "common/kv_thread.h"
+#include "common/kv_time.h"
 #include "hv/icmp.h"
 #include "net/kv_net.h"
 #include "wifi/kv_wifi_conf.h"
 #include "wifi/kv_wifi_sta_step.h"
-#include "wifi/kv_wifi_time.h"
 #include "wifi/kv_wpa_ctrl.h"
 #include "wifi/kv_wpa_query.h"
 
@@ -88,7 +88,7 @@ void RunCommand(StaThread* sta, const char* command) {
 
 void SleepSeconds(int seconds) {
     for (int i = 0; i < seconds && IsRunning(); ++i) {
-        kv::SleepOneSecond();
+        kv::SleepMilliseconds(1000);
     }
 }
 

@@ -21,7 +21,7 @@
 #include "common/kv_platform.h"
 #include "common/kv_raii.h"
 #include "common/kv_thread.h"
-#include "wifi/kv_wifi_time.h"
+#include "common/kv_time.h"
 
 struct wpa_ctrl {
     int s;
@@ -95,7 +95,7 @@ int SendCommand(const wpa_ctrl* ctrl, const char* command, size_t length) {
         } else if (now - firstRefusal > kSendRetryMilliseconds) {
             return -1;
         }
-        kv::SleepOneSecond();
+        kv::SleepMilliseconds(1000);
     }
     return 0;
 }
@@ -155,7 +155,7 @@ void Listen(uint32_t number) {
     while (IsWanted(number)) {
         TraceEvents(ctrl, number);
         if (IsWanted(number)) {
-            kv::SleepOneSecond();
+            kv::SleepMilliseconds(1000);
         }
     }
     wpa_ctrl_close(ctrl);

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "common/kv_mini_trace.h"
-#include "wifi/kv_wifi_time.h"
+#include "common/kv_time.h"
 #include "wifi/kv_wpa_ctrl.h"
 
 namespace {

@@ -1,18 +1,9 @@
 #include "tests/support/board.h"
 
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <map>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -21,54 +12,20 @@ namespace kv_test {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-std::vector<char*> Pointers(const std::vector<std::string>& words) {
-    std::vector<char*> pointers;
-    for (const auto& word : words) {
-        pointers.push_back(const_cast<char*>(word.c_str()));
+std::string Quoted(const std::string& word) {
+    std::string quoted = "'";
+    for (const char letter : word) {
+        quoted += letter == '\'' ? "'\\''" : std::string(1, letter);
     }
-    pointers.push_back(nullptr);
-    return pointers;
+    return quoted + "' ";
 }
 
-// Starts a program with its output going to `output`. Descriptors without close-on-exec are
-// inherited.
-pid_t Spawn(const std::vector<std::string>& command, int output) {
-    const auto pointers = Pointers(command);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        (void)dup2(output, 1);
-        (void)dup2(output, 2);
-        (void)execv(pointers[0], pointers.data());
-        _exit(127);
+std::string Joined(const Lines& words) {
+    std::string line;
+    for (const std::string& word : words) {
+        line += Quoted(word);
     }
-    if (pid < 0) {
-        throw std::runtime_error("fork failed");
-    }
-    return pid;
-}
-
-int ExitStatus(int status) {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-// Reads until the end or the deadline; false at the deadline.
-bool ReadAll(int fd, std::string* text, Clock::time_point deadline) {
-    for (;;) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        struct pollfd readable = {fd, POLLIN, 0};
-        if (left <= 0 || poll(&readable, 1, static_cast<int>(left)) == 0) {
-            return false;
-        }
-        char block[4096];
-        const ssize_t got = read(fd, block, sizeof(block));
-        if (got <= 0) {
-            return true;
-        }
-        text->append(block, static_cast<size_t>(got));
-    }
+    return line;
 }
 
 int ReceiveDescriptor(int channel) {
@@ -93,94 +50,65 @@ int ReceiveDescriptor(int channel) {
 
 }  // namespace
 
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream all;
-    all << in.rdbuf();
-    return all.str();
-}
-
-void WriteFile(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-}
-
 std::string BinDir() {
     const char* const chosen = getenv("KV_BIN_DIR");
     return chosen != nullptr ? chosen : KV_BIN_DIR;
 }
 
-CommandResult RunCommand(const std::vector<std::string>& command, int timeoutSeconds) {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) {
-        throw std::runtime_error("no pipe");
-    }
-    const pid_t pid = Spawn(command, ends[1]);
-    (void)close(ends[1]);
-    CommandResult result = {0, ""};
-    if (!ReadAll(ends[0], &result.output, Clock::now() + std::chrono::seconds(timeoutSeconds))) {
-        result.output += "\n(stopped by the test after its time-out)\n";
-        (void)kill(pid, SIGKILL);
-    }
-    (void)close(ends[0]);
-    int status = 0;
-    (void)waitpid(pid, &status, 0);
-    result.status = ExitStatus(status);
-    return result;
+CommandResult RunCommand(const Lines& command, int timeoutSeconds) {
+    return Run("exec timeout -k 1 " + std::to_string(timeoutSeconds) + " " + Joined(command));
 }
 
-Board::Board() {
-    char folder[] = "/tmp/kv-board-XXXXXX";
-    if (mkdtemp(folder) == nullptr) {
-        throw std::runtime_error("no folder for the board");
-    }
-    state_ = folder;
-}
-
-Board::~Board() {
-    Stop();
-    (void)RunCommand({"/bin/rm", "-rf", state_});
-}
-
-void Board::Start(const std::vector<std::string>& options, const std::string& program) {
-    std::vector<std::string> command = {BinDir() + "/vboard", "run", "--state", state_, "--quiet"};
+void Board::Start(const Lines& options, const Lines& program) {
+    Lines command = {BinDir() + "/vboard", "run", "--state", folder_.Path(), "--quiet"};
     command.insert(command.end(), options.begin(), options.end());
-    command.insert(command.end(), {"--", program.empty() ? BinDir() + "/upgradeMain" : program});
-    const int log = open((state_ + "/runner.log").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    runner_ = Spawn(command, log);
-    (void)close(log);
+    command.push_back("--");
+    const Lines usual = {BinDir() + "/upgradeMain"};
+    const Lines& chosen = program.empty() ? usual : program;
+    command.insert(command.end(), chosen.begin(), chosen.end());
+    const std::string line = "exec " + Joined(command) + ">" + Path("runner.log") + " 2>&1";
+    runner_ = fork();
+    if (runner_ == 0) {
+        (void)execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
+        _exit(127);
+    }
     if (!WaitBoot(1)) {
-        throw std::runtime_error("the board did not start: " + ReadFile(state_ + "/runner.log"));
+        throw std::runtime_error("the board did not start: " + ReadFile(Path("runner.log")));
+    }
+}
+
+void Board::StartRecovery(const Lines& options) {
+    Start(options);
+    if (!WaitRecovery()) {
+        throw std::runtime_error("no recovery: " + Trace());
     }
 }
 
 void Board::InstallApplication() {
-    const std::string tree = Path("app");
-    const std::string image = Path("app.img");
-    const CommandResult made = RunCommand({"/bin/sh", "-ec",
-                                           "mkdir -p " + tree + "/bin; cp " + BinDir() +
-                                               "/cameraMain " + tree + "/bin; mksquashfs " + tree +
-                                               " " + image + " -quiet -no-progress -all-root"});
-    if (made.status != 0) {
-        throw std::runtime_error("no application image: " + made.output);
-    }
-    (void)Do({"flash", "write", "mtd5", image});
+    (void)Do({"flash", "write", "mtd5", MakeApplicationImage(*this)});
 }
 
 void Board::Stop() {
     if (runner_ > 0) {
         (void)kill(runner_, SIGTERM);
-        (void)waitpid(runner_, nullptr, 0);
-        runner_ = -1;
+        (void)Await();
     }
 }
 
-CommandResult Board::Try(const std::vector<std::string>& arguments, int timeoutSeconds) {
-    std::vector<std::string> command = {BinDir() + "/vboard", "--state", state_};
+int Board::Await() {
+    int status = 0;
+    (void)waitpid(runner_, &status, 0);
+    runner_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+CommandResult Board::Try(const Lines& arguments, int timeoutSeconds) {
+    Lines command = {BinDir() + "/vboard", "--state", folder_.Path()};
     command.insert(command.end(), arguments.begin(), arguments.end());
     return RunCommand(command, timeoutSeconds);
 }
 
-std::string Board::Do(const std::vector<std::string>& arguments) {
+std::string Board::Do(const Lines& arguments) {
     const CommandResult result = Try(arguments);
     if (result.status != 0) {
         throw std::runtime_error("vboard " + arguments[0] + " failed: " + result.output);
@@ -188,43 +116,45 @@ std::string Board::Do(const std::vector<std::string>& arguments) {
     return result.output;
 }
 
-CommandResult Board::OnBench(const std::string& command, int timeoutSeconds) {
-    return Try({"exec", "--", "/bin/sh", "-c", command}, timeoutSeconds);
+CommandResult Board::OnBench(const std::string& command) {
+    return Try({"exec", "--", "/bin/sh", "-c", command});
 }
 
-CommandResult Board::OnBoard(const std::string& command, int timeoutSeconds) {
-    return Try({"exec", "--board", "--", "/bin/sh", "-c", command}, timeoutSeconds);
+CommandResult Board::OnBoard(const std::string& command) {
+    return Try({"exec", "--board", "--", "/bin/sh", "-c", command});
+}
+
+void Board::Fault(Lines words) {
+    words.insert(words.begin(), "fault");
+    (void)Do(words);
+}
+
+bool Board::Wait(Lines words, int boot, int timeoutSeconds) {
+    words.insert(words.begin(), {"wait", "--boot", std::to_string(boot)});
+    words.insert(words.end(), {"--timeout", std::to_string(timeoutSeconds)});
+    return Try(words, timeoutSeconds + 5).status == 0;
 }
 
 bool Board::WaitTrace(const std::string& text, int boot, int timeoutSeconds) {
-    return Try({"wait", "--boot", std::to_string(boot), "--log", text, "--timeout",
-                std::to_string(timeoutSeconds)},
-               timeoutSeconds + 5)
-               .status == 0;
+    return Wait({"--log", text}, boot, timeoutSeconds);
 }
 
 bool Board::WaitConsole(const std::string& text, int boot, int timeoutSeconds) {
-    return Try({"wait", "--boot", std::to_string(boot), "--console-log", text, "--timeout",
-                std::to_string(timeoutSeconds)},
-               timeoutSeconds + 5)
-               .status == 0;
+    return Wait({"--console-log", text}, boot, timeoutSeconds);
 }
 
 bool Board::WaitBoot(int boot, int timeoutSeconds) {
-    return Try({"wait", "--boot", std::to_string(boot), "--timeout",
-                std::to_string(timeoutSeconds)},
-               timeoutSeconds + 5)
-               .status == 0;
+    return Wait({}, boot, timeoutSeconds);
 }
 
 std::string Board::Trace(int boot) const {
-    return ReadFile(state_ + "/boot-" + std::to_string(boot) + "/trace.log");
+    return ReadFile(Path("boot-" + std::to_string(boot) + "/trace.log"));
 }
 
-std::vector<std::string> Board::Messages(int boot) const {
+Lines Board::Messages(int boot) const {
     static const std::regex header(
         "\033\\[[0-9;]*m\\S+ \\S+ \\[\\d\\d\\] \\d+ +(\\S+) (\\S+):(\\S+):\\d+ \033\\[m(.*)");
-    std::vector<std::string> messages;
+    Lines messages;
     std::istringstream lines(Trace(boot));
     for (std::string line; std::getline(lines, line);) {
         std::smatch match;
@@ -236,12 +166,23 @@ std::vector<std::string> Board::Messages(int boot) const {
 }
 
 std::string Board::Console(int boot) const {
-    return ReadFile(state_ + "/boot-" + std::to_string(boot) + "/console.log");
+    return ReadFile(Path("boot-" + std::to_string(boot) + "/console.log"));
+}
+
+Lines Board::Echoes(int boot) const {
+    Lines echoes;
+    std::istringstream console(Console(boot));
+    for (std::string line; std::getline(console, line);) {
+        if (line.compare(0, 2, "# ") == 0 && line.back() == '\r') {
+            echoes.push_back(line.substr(2, line.size() - 3));
+        }
+    }
+    return echoes;
 }
 
 std::vector<nlohmann::json> Board::Operations() const {
     std::vector<nlohmann::json> operations;
-    std::istringstream lines(ReadFile(state_ + "/ops.jsonl"));
+    std::istringstream lines(ReadFile(Path("ops.jsonl")));
     for (std::string line; std::getline(lines, line);) {
         operations.push_back(nlohmann::json::parse(line));
     }
@@ -253,13 +194,29 @@ nlohmann::json Board::Status() {
 }
 
 std::string Board::Reason(int boot) {
-    return ReadFile(state_ + "/boot-" + std::to_string(boot) + "/reason");
+    return ReadFile(Path("boot-" + std::to_string(boot) + "/reason"));
 }
 
 bool Board::WaitFeeds(uint64_t feeds) {
-    const auto fed = [this] { return Status().at("watchdog").at("feeds").get<uint64_t>(); };
-    const uint64_t before = fed();
-    return WaitUntil([&] { return fed() >= before + feeds; });
+    const uint64_t before = Feeds();
+    return WaitUntil([&] { return Feeds() >= before + feeds; });
+}
+
+std::map<std::string, long> Board::Sleeps() {
+    std::map<std::string, long> sleeps;
+    const std::string tasks = "/proc/" + std::to_string(ProgramPid()) + "/task";
+    for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+        std::istringstream status(ReadFile(task.path() / "status"));
+        std::string name;
+        for (std::string line; std::getline(status, line);) {
+            if (line.compare(0, 6, "Name:\t") == 0) {
+                name = line.substr(6);
+            } else if (line.compare(0, 24, "voluntary_ctxt_switches:") == 0) {
+                sleeps[name] += std::stol(line.substr(24));
+            }
+        }
+    }
+    return sleeps;
 }
 
 pid_t Board::ProgramPid() {
@@ -270,58 +227,36 @@ void Board::Signal(int signal) {
     (void)kill(ProgramPid(), signal);
 }
 
-int Board::Connect(const std::string& kind, int port, const std::string& host) {
+UniqueFd Board::Connect(const std::string& kind, int port, const std::string& host) {
     int channel[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, channel) != 0) {
-        return -1;
+        return UniqueFd();
     }
-    (void)fcntl(channel[0], F_SETFD, FD_CLOEXEC);
-    const CommandResult result = Try({"exec", "--", KV_BENCH_SOCKET, std::to_string(channel[1]),
+    const UniqueFd own(channel[0]);
+    const UniqueFd other(channel[1]);
+    (void)fcntl(own.Get(), F_SETFD, FD_CLOEXEC);
+    const CommandResult result = Try({"exec", "--", KV_BENCH_SOCKET, std::to_string(other.Get()),
                                       kind, host, std::to_string(port)});
-    (void)close(channel[1]);
-    const int descriptor = result.status == 0 ? ReceiveDescriptor(channel[0]) : -1;
-    (void)close(channel[0]);
-    return descriptor;
+    return UniqueFd(result.status == 0 ? ReceiveDescriptor(own.Get()) : -1);
 }
 
 std::string Board::Flash(const std::string& mtd) const {
-    return ReadFile(state_ + "/flash/" + mtd + ".bin");
+    return ReadFile(Path("flash/" + mtd + ".bin"));
 }
 
 std::string MakeApplicationImage(const Board& board) {
-    const std::string tree = board.Path("tree");
-    const std::string image = board.Path("app.squashfs");
+    const std::string tree = board.Path("app");
+    const std::string image = board.Path("app.img");
     const CommandResult made =
-        RunCommand({"/bin/sh", "-ec",
-                    "mkdir -p " + tree + "/bin; printf '#!/bin/sh\\nexec sleep 1000\\n' >" + tree +
-                        "/bin/cameraMain; chmod +x " + tree + "/bin/cameraMain; mksquashfs " +
-                        tree + " " + image + " -quiet -all-root"});
+        Run("mkdir -p " + tree + "/bin && cp " + BinDir() + "/cameraMain " + tree +
+            "/bin && mksquashfs " + tree + " " + image + " -quiet -no-progress -all-root");
     if (made.status != 0) {
         throw std::runtime_error("no application image: " + made.output);
     }
     return image;
 }
 
-bool WaitUntil(const std::function<bool()>& holds, double timeoutSeconds) {
-    const auto end = Clock::now() + std::chrono::duration<double>(timeoutSeconds);
-    while (!holds()) {
-        if (Clock::now() > end) {
-            return false;
-        }
-        (void)usleep(10000);
-    }
-    return true;
-}
-
-size_t CountOf(const std::string& text, const std::string& part) {
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
-double LargestFeedGap(const std::vector<nlohmann::json>& operations) {
+double LargestFeedGap(const std::vector<nlohmann::json>& operations, const char* clock) {
     double largest = 0;
     std::map<int, double> last;
     for (const auto& operation : operations) {
@@ -329,7 +264,7 @@ double LargestFeedGap(const std::vector<nlohmann::json>& operations) {
             continue;
         }
         const int boot = operation.at("boot");
-        const double at = operation.at("t");
+        const double at = operation.at(clock);
         if (last.count(boot) != 0) {
             largest = std::max(largest, at - last[boot]);
         }

@@ -1,16 +1,14 @@
 // Takes what the code under test writes to a standard descriptor.
 #pragma once
 
-#include <unistd.h>
-
-#include <cstdio>
 #include <stdexcept>
-#include <string>
+
+#include "tests/support/common.h"
 
 namespace kv_test {
 
 // Redirects descriptor `fd` (1 or 2) into a temporary file until it goes out of scope. A failed
-// expectation inside the scope is captured too: keep the text and compare behind it.
+// expectation inside the scope is captured too, so a failed test shows the text at the end.
 class Capture {
   public:
     explicit Capture(int fd) : fd_(fd), file_(tmpfile()), saved_(dup(fd)) {
@@ -21,8 +19,10 @@ class Capture {
         (void)dup2(fileno(file_), fd_);
     }
     ~Capture() {
+        const std::string text = testing::Test::HasFailure() ? Text() : "";
         (void)fflush(nullptr);
         (void)dup2(saved_, fd_);
+        (void)write(fd_, text.data(), text.size());
         (void)close(saved_);
         (void)fclose(file_);
     }

@@ -1,17 +1,7 @@
 // The client's side of discovery, by the bytes on the wire.
 #pragma once
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
-
-#include <cstdint>
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "common/kv_raii.h"
+#include "tests/support/tcp_client.h"
 
 namespace kv_test {
 
@@ -64,20 +54,21 @@ inline Bytes ExpectedReply(const Settings& settings) {
     return reply;
 }
 
-// Sends searches from a socket of its own and takes the answers.
+// Sends searches and takes the answers.
 class DiscoveryClient {
   public:
+    // On a socket of its own at `address`, or on one that was made elsewhere.
     explicit DiscoveryClient(const char* address = "127.0.0.1")
         : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         const int on = 1;
         (void)setsockopt(fd_.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-        const sockaddr_in local = Address(address, 0);
-        EXPECT_EQ(bind(fd_.Get(), reinterpret_cast<const sockaddr*>(&local), sizeof(local)), 0);
+        const sockaddr_in local = Ipv4(address, 0);
+        EXPECT_EQ(bind(fd_.Get(), Generic(local), sizeof(local)), 0);
     }
+    explicit DiscoveryClient(UniqueFd socket) : fd_(std::move(socket)) {}
     void Send(const Bytes& bytes, const char* to = "127.0.0.1") const {
-        const sockaddr_in peer = Address(to, 6789);
-        EXPECT_EQ(sendto(fd_.Get(), bytes.data(), bytes.size(), 0,
-                         reinterpret_cast<const sockaddr*>(&peer), sizeof(peer)),
+        const sockaddr_in peer = Ipv4(to, 6789);
+        EXPECT_EQ(sendto(fd_.Get(), bytes.data(), bytes.size(), 0, Generic(peer), sizeof(peer)),
                   static_cast<ssize_t>(bytes.size()));
     }
     // The next answer; empty when none comes in time.
@@ -89,15 +80,12 @@ class DiscoveryClient {
         bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
         return bytes;
     }
+    Bytes Ask(const Bytes& search, const char* to) const {
+        Send(search, to);
+        return Receive();
+    }
 
   private:
-    static sockaddr_in Address(const char* text, uint16_t port) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = inet_addr(text);
-        return address;
-    }
     UniqueFd fd_;
 };
 

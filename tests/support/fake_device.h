@@ -1,42 +1,37 @@
 // A scripted stand-in for a camera in recovery mode, on loopback: speaks the command protocol over
-// TCP well or badly as told, and answers searches over UDP with whatever datagrams it is given.
+// TCP well or badly as told.
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <functional>
 #include <mutex>
 #include <optional>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "common/kv_raii.h"
+#include "tests/support/discovery_client.h"
 
 namespace fake {
 
-using Bytes = std::vector<uint8_t>;
+using kv_test::Bytes;
+using kv_test::milliseconds;
 
-enum class Verdict { kAccept, kStatus, kSilent, kClose };
+enum class Verdict { kAnswer, kSilent, kClose };
 
 struct Script {
     std::string ic = "PRT7K";
     std::string sensor = "38QX";
     size_t reply_piece = 0;   // send replies in pieces of this size, 0: whole
     size_t read_step = 8192;  // bytes taken from the stream at once
-    std::chrono::milliseconds read_pause{0};
+    milliseconds read_pause{0};
     std::optional<size_t> close_after;  // reset the connection after so many stream bytes
     std::optional<size_t> stop_after;   // read nothing more after so many stream bytes
     std::optional<size_t> busy_after;   // answer 0xFFFF to every read from so many stream bytes on
-    Verdict verdict = Verdict::kAccept;
-    uint16_t verdict_status = 0;  // for kStatus
+    Verdict verdict = Verdict::kAnswer;
+    uint16_t verdict_status = 0;
     // Changes the reply to a command before it is sent; an empty one is not sent at all.
     std::function<Bytes(uint16_t command, Bytes reply)> edit;
     // After acceptance the listener and all connections close; with a time, they come back then,
     // as after a restart.
     bool leaves = false;
-    std::optional<std::chrono::milliseconds> back_after;
+    std::optional<milliseconds> back_after;
 };
 
 class Device {
@@ -49,11 +44,10 @@ class Device {
 
     uint16_t Port() const { return port_; }
     // What came on the connection behind the upgrade request, and the request itself.
-    Bytes Stream();
-    Bytes UpgradeRequest();
+    Bytes Stream() { return Copy(stream_); }
+    std::string UpgradeRequest() { return Copy(request_); }
     // The sizes of the chunks in which the command protocol was read, the upgrade request's last.
-    std::vector<size_t> Chunks();
-    int Logins() const { return logins_; }
+    std::vector<size_t> Chunks() { return Copy(chunks_); }
 
   private:
     enum class Next { kGoOn, kEnd, kRestart };
@@ -62,49 +56,26 @@ class Device {
     Next Command(int fd);
     Next ReceiveStream(int fd);
     Next GiveVerdict(int fd);
-    void Reply(int fd, uint16_t command, uint16_t status, Bytes payload);
+    void Reply(int fd, uint16_t command, uint16_t status, const std::string& payload = "");
+    template <typename Value>
+    Value Copy(const Value& value) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return value;
+    }
     void Listen();
-    bool Pause(std::chrono::milliseconds time);
+    bool Pause(milliseconds time);
 
     Script script_;
     uint16_t port_;
     std::string address_;
     UniqueFd listener_;
     UniqueFd stop_;
-    std::atomic<int> logins_{0};
     uint32_t session_ = 0;
     uint64_t total_ = 0;
     std::mutex mutex_;
     Bytes stream_;
-    Bytes request_;
+    std::string request_;
     std::vector<size_t> chunks_;
-    std::thread thread_;
-};
-
-// A well-formed search reply; every field at its place, byte by byte.
-Bytes SearchReply();
-// Overwrites bytes of a datagram.
-Bytes Patched(Bytes datagram, size_t offset, const std::string& bytes);
-
-class Responder {
-  public:
-    // Answers each search with all the datagrams, in order. `address`: where to listen.
-    explicit Responder(std::vector<Bytes> replies, const std::string& address = "127.0.0.1",
-                       uint16_t port = 0);
-    ~Responder();
-    Responder(const Responder&) = delete;
-    Responder& operator=(const Responder&) = delete;
-    uint16_t Port() const { return port_; }
-    std::vector<Bytes> Requests();
-
-  private:
-    void Serve();
-    std::vector<Bytes> replies_;
-    uint16_t port_ = 0;
-    UniqueFd fd_;
-    UniqueFd stop_;
-    std::mutex mutex_;
-    std::vector<Bytes> requests_;
     std::thread thread_;
 };
 

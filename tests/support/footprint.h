@@ -1,9 +1,11 @@
 // What this process holds: to be the same before and after whatever must leave nothing behind.
 #pragma once
 
-#include <filesystem>
-#include <fstream>
-#include <string>
+#include <fcntl.h>
+
+#include <set>
+
+#include "tests/support/common.h"
 
 namespace kv_test {
 
@@ -15,8 +17,18 @@ inline long CountEntries(const char* directory, const std::string& prefix = "") 
     return count;
 }
 
+inline std::set<int> OpenDescriptors() {
+    std::set<int> open;
+    for (int fd = 0; fd < 1024; ++fd) {
+        if (fcntl(fd, F_GETFD) >= 0) {
+            open.insert(fd);
+        }
+    }
+    return open;
+}
+
 inline long Descriptors() {
-    return CountEntries("/proc/self/fd");
+    return static_cast<long>(OpenDescriptors().size());
 }
 
 inline long Threads() {

@@ -4,13 +4,10 @@
 
 #include <sys/un.h>
 
-#include <chrono>
-#include <functional>
 #include <map>
 #include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
+
+#include "tests/support/common.h"
 
 class ScriptedSupplicant {
   public:

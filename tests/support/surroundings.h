@@ -1,17 +1,12 @@
 // Changes what a test finds around it. For programs that run in a sandbox only.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <climits>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
+
+#include "tests/support/common.h"
 
 namespace kv_test {
 
@@ -26,7 +21,7 @@ inline void RequireSandbox() {
 
 // Runs `ip` with these arguments.
 inline void Ip(const std::string& arguments) {
-    ASSERT_EQ(system(("ip " + arguments).c_str()), 0) << "ip " << arguments;
+    (void)Shell("ip " + arguments);
 }
 
 // While it lives, nothing can be opened: neither sockets nor files.

@@ -1,4 +1,4 @@
-// A plain client on loopback, and a bounded wait for what the other side does in its own time.
+// A plain client: on loopback, or on a socket that was connected elsewhere.
 #pragma once
 
 #include <arpa/inet.h>
@@ -7,51 +7,49 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <chrono>
-#include <cstdint>
-#include <string>
-#include <thread>
+#include <utility>
 
 #include "common/kv_raii.h"
+#include "tests/support/common.h"
 
 namespace kv_test {
 
-constexpr int kPatienceMs = 20000;
+constexpr int kPatienceMs = static_cast<int>(kPatienceSeconds * 1000);
 
-// True as soon as `condition` holds, false when it does not within the patience of a test.
-template <typename Condition>
-bool Await(Condition condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+inline sockaddr_in Ipv4(const char* address, int port) {
+    sockaddr_in ipv4{};
+    ipv4.sin_family = AF_INET;
+    ipv4.sin_port = htons(static_cast<uint16_t>(port));
+    ipv4.sin_addr.s_addr = inet_addr(address);
+    return ipv4;
+}
+
+inline const sockaddr* Generic(const sockaddr_in& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
 }
 
 class TcpClient {
   public:
-    explicit TcpClient(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    explicit TcpClient(int port, int type = SOCK_STREAM)
+        : fd_(socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
         const int on = 1;
         (void)setsockopt(fd_.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-        if (connect(fd_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        const sockaddr_in address = Ipv4("127.0.0.1", port);
+        if (connect(fd_.Get(), Generic(address), sizeof(address)) != 0) {
             fd_.Reset();
         }
     }
+    explicit TcpClient(UniqueFd connected) : fd_(std::move(connected)) {}
 
     bool Connected() const { return static_cast<bool>(fd_); }
+    int Fd() const { return fd_.Get(); }
+    void Close() { fd_.Reset(); }
 
-    bool Send(const std::string& bytes) {
+    // Sends all; false when the peer is gone.
+    bool Send(const std::string& bytes) const {
         size_t done = 0;
         while (done < bytes.size()) {
-            const ssize_t sent =
-                send(fd_.Get(), bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+            const ssize_t sent = send(Fd(), bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
             if (sent <= 0) {
                 return false;
             }
@@ -61,30 +59,34 @@ class TcpClient {
     }
 
     // Exactly `size` bytes; fewer when the connection ends or nothing comes any more.
-    std::string Receive(size_t size) {
-        std::string bytes;
-        char block[4096];
-        while (bytes.size() < size && Readable(kPatienceMs)) {
-            const size_t want = size - bytes.size();
-            const ssize_t got =
-                recv(fd_.Get(), block, want < sizeof(block) ? want : sizeof(block), 0);
+    std::string Receive(size_t size, int timeoutMs = kPatienceMs) const {
+        std::string bytes(size, '\0');
+        size_t done = 0;
+        while (done < size && Readable(timeoutMs)) {
+            const ssize_t got = recv(Fd(), &bytes[done], size - done, 0);
             if (got <= 0) {
                 break;
             }
-            bytes.append(block, static_cast<size_t>(got));
+            done += static_cast<size_t>(got);
         }
+        bytes.resize(done);
         return bytes;
     }
 
+    // Sends a request and reads a reply of `size` bytes.
+    std::string Ask(const std::string& request, size_t size = 32) const {
+        return Send(request) ? Receive(size) : "";
+    }
+
     // Whether the other side closes the connection, with nothing more to read.
-    bool EndsNow() {
+    bool Ends(int timeoutMs = kPatienceMs) const {
         char byte = 0;
-        return Readable(kPatienceMs) && recv(fd_.Get(), &byte, 1, 0) <= 0;
+        return Readable(timeoutMs) && recv(Fd(), &byte, 1, 0) <= 0;
     }
 
     // Whether bytes or the end of the connection are there.
-    bool Readable(int timeoutMs) {
-        pollfd item = {fd_.Get(), POLLIN, 0};
+    bool Readable(int timeoutMs) const {
+        pollfd item = {Fd(), POLLIN, 0};
         return poll(&item, 1, timeoutMs) == 1;
     }
 

@@ -1,27 +1,18 @@
 // The flash writer on virtual NOR: what it writes, what it says, and that it always ends in a
 // reboot.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <csignal>
-#include <string>
-#include <vector>
 
 #include "tests/support/board.h"
-#include "tests/support/package.h"
+#include "tests/support/wire.h"
 
-using kv_test::Board;
-using kv_test::BuildPackage;
-using kv_test::Image;
-using kv_test::Noise;
+using namespace kv_test;
 
 namespace {
 
 constexpr size_t kBlock = 65536;
 
 // Small partitions keep the tests short; the boot loader keeps its sizes.
-const std::vector<std::string> kLayout = {"--no-wifi", "--layout",
-                                          "mtd3=256K,mtd4=192K,mtd5=256K,mtd6=128K,mtd7=64K"};
+const Lines kLayout = {"--no-wifi", "--layout", "mtd3=256K,mtd4=192K,mtd5=256K,mtd6=128K,mtd7=64K"};
 
 // Flashes one package after another on one board; each run is a boot.
 class FlashWriter : public testing::Test {
@@ -31,17 +22,14 @@ class FlashWriter : public testing::Test {
     // Lays `package` out, raises SIGUSR2, waits for the boot that follows and returns the messages
     // of the run without the progress lines. "reboot -f" resets at once, so nothing stands behind
     // the last entry's.
-    std::vector<std::string> Flash(const std::string& package,
-                                   const std::vector<std::vector<std::string>>& faults = {}) {
-        EXPECT_TRUE(board_.WaitTrace("app file not exist!", boot_));
+    Lines Flash(const std::string& package, const std::vector<Lines>& faults = {}) {
+        EXPECT_TRUE(board_.WaitRecovery(boot_));
         if (!package.empty()) {
-            kv_test::WriteFile(board_.Path("param/package"), package);
+            WriteFile(board_.Path("param/package"), package);
             (void)board_.OnBoard("cp /param/package /tmp/upGradeFile.FLS");
         }
         for (const auto& fault : faults) {
-            std::vector<std::string> words = {"fault"};
-            words.insert(words.end(), fault.begin(), fault.end());
-            (void)board_.Do(words);
+            board_.Fault(fault);
         }
         board_.Signal(SIGUSR2);
         EXPECT_TRUE(board_.WaitBoot(boot_ + 1, 60));
@@ -49,8 +37,8 @@ class FlashWriter : public testing::Test {
         return RunMessages(boot_++);
     }
 
-    std::vector<std::string> RunMessages(int boot) const {
-        std::vector<std::string> messages;
+    Lines RunMessages(int boot) const {
+        Lines messages;
         bool begun = false;
         for (const std::string& message : board_.Messages(boot)) {
             begun = begun || message == "INFO KV_UPGRADE_Proc: Scalable partition:";
@@ -65,8 +53,7 @@ class FlashWriter : public testing::Test {
     }
 
     // Whether `expected` stands in `messages`, in this order and with nothing in between.
-    static testing::AssertionResult HasRun(const std::vector<std::string>& messages,
-                                           const std::vector<std::string>& expected) {
+    static testing::AssertionResult HasRun(const Lines& messages, const Lines& expected) {
         if (std::search(messages.begin(), messages.end(), expected.begin(), expected.end()) !=
             messages.end()) {
             return testing::AssertionSuccess();
@@ -135,7 +122,7 @@ TEST_F(FlashWriter, WritesEveryImageAndSaysSo) {
         EXPECT_NE(trace.find(progress), std::string::npos) << progress;
     }
     for (const auto& operation : board_.Operations()) {
-        EXPECT_EQ(operation.count("bitsNotCleared"), 0U) << operation;
+        EXPECT_EQ(operation.count("bitsKept"), 0U) << operation;
     }
 }
 
@@ -145,6 +132,17 @@ TEST_F(FlashWriter, PackagesThatCannotBeReadEndInAReboot) {
         HasRun(Flash("PRT7K"), {"ERROR KV_UPGRADE_Proc: read upgrate header error return is 5"}));
     EXPECT_TRUE(HasRun(Flash(BuildPackage({}, {"ANY", "ONE", 0, 0})),
                        {"INFO KV_UPGRADE_Proc: update file number : 0"}));
+}
+
+TEST_F(FlashWriter, BootLoaderThatOvershootsGoesOnIntoTheNextDevice) {
+    const std::string boot = Noise(300 * 1024, 14);
+    const std::string app = Noise(3 * kBlock, 15);
+    const std::string rest = (boot + app).substr(5 * kBlock);
+    (void)Flash(BuildPackage({{"uboot", boot}, {"app", app}}));
+    EXPECT_EQ(board_.Flash("mtd1"),
+              boot.substr(4 * kBlock) + app.substr(0, 5 * kBlock - boot.size()));
+    EXPECT_EQ(board_.Flash("mtd2"), ErasedBehind(rest, 4 * kBlock));
+    EXPECT_EQ(board_.Flash("mtd5"), ErasedBehind(app, 4 * kBlock));
 }
 
 TEST_F(FlashWriter, BadCheckCodeEndsTheEntries) {
@@ -176,8 +174,8 @@ TEST_F(FlashWriter, DeviceFailuresAreNamedAndTheNextEntryIsWritten) {
     const std::string last = Noise(kBlock, 11);
     const struct {
         const char* name;
-        std::vector<std::vector<std::string>> faults;
-        std::vector<std::string> expected;
+        std::vector<Lines> faults;
+        Lines expected;
     } rows[] = {
         {"app",
          {{"mtd5", "open", "--errno", "EIO", "--count", "2"}},
@@ -235,9 +233,34 @@ TEST_F(FlashWriter, ShortAndFailedWritesCountAsReturned) {
     EXPECT_EQ(board_.Flash("mtd5"), std::string(4 * kBlock, '\xFF'));
 }
 
+TEST(RealNor, HoldsUpNeitherTheFeederNorAReset) {
+    Board board;
+    Lines options = kLayout;
+    options.emplace_back("--nor-timing");
+    board.StartRecovery(options);
+    const auto flash = [&board] {
+        WriteFile(board.Path("param/package"), BuildPackage({{"app", Noise(4 * kBlock, 13)}}));
+        (void)board.OnBoard("cp /param/package /tmp/upGradeFile.FLS");
+        board.Signal(SIGUSR2);
+    };
+    const auto start = Clock::now();
+    flash();
+    ASSERT_TRUE(board.WaitBoot(2));
+    EXPECT_GT(SecondsSince(start), 4 * 0.15) << "the time that four blocks take to erase";
+    EXPECT_LT(LargestFeedGap(board.Operations()), 1.3);
+    ASSERT_TRUE(board.WaitRecovery(2));
+    flash();
+    // Two blocks are done, the third one is in the middle.
+    ASSERT_TRUE(board.WaitTrace("Erase 64 Kibyte @ 20000 -- 50 % complete", 2));
+    (void)board.Do({"reset"});
+    EXPECT_EQ(board.Reason(3), "reset\n");
+    EXPECT_NE(board.Flash("mtd5").substr(2 * kBlock), std::string(2 * kBlock, '\xFF'));
+    ASSERT_TRUE(board.WaitRecovery(3));
+}
+
 TEST_F(FlashWriter, FailedRebootCommandLeavesTheResetToTheWatchdog) {
-    ASSERT_TRUE(board_.WaitTrace("app file not exist!"));
-    (void)board_.Do({"fault", "reboot", "fail"});
+    ASSERT_TRUE(board_.WaitRecovery());
+    board_.Fault({"reboot", "fail"});
     board_.Signal(SIGUSR2);
     ASSERT_TRUE(board_.WaitBoot(2, 60));
     EXPECT_EQ(board_.Reason(2).substr(0, 8), "watchdog");

@@ -1,55 +1,31 @@
 // The Wi-Fi station on a board: the real supplicant, DHCP client and server, ifconfig, killall.
 // Long silences pass on an accelerated clock.
-#include <gtest/gtest.h>
 #include <netinet/ip.h>
 #include <netinet/ip_icmp.h>
-#include <poll.h>
-#include <sys/socket.h>
 
-#include <chrono>
 #include <csignal>
-#include <filesystem>
-#include <map>
-#include <sstream>
-#include <string>
-#include <vector>
 
-#include "common/kv_raii.h"
 #include "tests/support/board.h"
+#include "tests/support/wifi_conf.h"
 
-using kv_test::Board;
-using Lines = std::vector<std::string>;
-using Clock = std::chrono::steady_clock;
+using namespace kv_test;
 
 namespace {
 
-const Lines kConnect = {"# killall -9 udhcpc", "# ifconfig wlan0 down", "# ifconfig wlan0 up",
-                        "# killall -9 wpa_supplicant",
-                        "# /root/wifi_connect.sh sta /tmp/wpa_supplicant.conf"};
-constexpr char kLease[] = "# udhcpc -i wlan0";
-constexpr char kReset[] = "# wifi_reset.sh soft";
+const Lines kConnect = {"killall -9 udhcpc", "ifconfig wlan0 down", "ifconfig wlan0 up",
+                        "killall -9 wpa_supplicant",
+                        "/root/wifi_connect.sh sta /tmp/wpa_supplicant.conf"};
+constexpr char kLease[] = "udhcpc -i wlan0";
+constexpr char kReset[] = "wifi_reset.sh soft";
 constexpr char kGuard[] = "into wifi guard";
 constexpr char kTimedOut[] = "FAILED __KV_WIFI_STA_HandleProc: connection timed out";
-constexpr char kNoAddress[] = "ERROR __KV_WIFI_STA_HandleProc: No correct IP!!!!,SoftReset";
 
 const Lines kFast = {"--speed", "20"};
 
-// The commands as the station echoes them, in order.
-Lines Echoes(const Board& board, int boot = 1) {
-    Lines echoes;
-    std::istringstream console(board.Console(boot));
-    for (std::string line; std::getline(console, line);) {
-        if (line.compare(0, 2, "# ") == 0 && line.back() == '\r') {
-            echoes.push_back(line.substr(0, line.size() - 1));
-        }
-    }
-    return echoes;
-}
-
-// The same, with each whole connect sequence as one "connect".
+// The echoed commands, with each whole connect sequence as one "connect".
 Lines Steps(const Board& board, int boot = 1) {
     Lines steps;
-    for (const std::string& echo : Echoes(board, boot)) {
+    for (const std::string& echo : board.Echoes(boot)) {
         if (echo == kConnect.back()) {
             steps.push_back("connect");
         } else if (echo == kReset) {
@@ -68,14 +44,7 @@ size_t Count(const Lines& lines, const std::string& line) {
 // Waits until the trace of a boot holds `message` for the `count`th time.
 bool WaitMessages(const Board& board, int boot, const std::string& message, size_t count,
                   int seconds = 40) {
-    const auto end = Clock::now() + std::chrono::seconds(seconds);
-    while (Count(board.Messages(boot), message) < count) {
-        if (Clock::now() > end) {
-            return false;
-        }
-        (void)usleep(50000);
-    }
-    return true;
+    return WaitUntil([&] { return Count(board.Messages(boot), message) >= count; }, seconds);
 }
 
 std::string Miss(int count) {
@@ -90,36 +59,15 @@ std::string Guarding() {
 // Seconds until the next echo request reaches the access point; negative when none does.
 double AwaitEcho(int socket, int seconds = 15) {
     const auto start = Clock::now();
-    const auto passed = [start] {
-        return std::chrono::duration<double>(Clock::now() - start).count();
-    };
-    while (passed() < seconds) {
+    while (SecondsSince(start) < seconds) {
         struct pollfd readable = {socket, POLLIN, 0};
         char packet[256] = {};
         if (poll(&readable, 1, 1000) == 1 && recv(socket, packet, sizeof(packet), 0) > 28 &&
             packet[20] == ICMP_ECHO) {
-            return passed();
+            return SecondsSince(start);
         }
     }
     return -1;
-}
-
-// How often each thread of the program has gone to sleep so far.
-std::map<std::string, long> Sleeps(pid_t program) {
-    std::map<std::string, long> sleeps;
-    const std::string tasks = "/proc/" + std::to_string(program) + "/task";
-    for (const auto& task : std::filesystem::directory_iterator(tasks)) {
-        std::istringstream status(kv_test::ReadFile(task.path() / "status"));
-        std::string name;
-        for (std::string line; std::getline(status, line);) {
-            if (line.compare(0, 6, "Name:\t") == 0) {
-                name = line.substr(6);
-            } else if (line.compare(0, 24, "voluntary_ctxt_switches:") == 0) {
-                sleeps[name] += std::stol(line.substr(24));
-            }
-        }
-    }
-    return sleeps;
 }
 
 // A board whose second boot begins with the access point as told.
@@ -138,31 +86,19 @@ TEST(Station, JoinsTheServiceNetworkAndGuardsIt) {
     ASSERT_TRUE(board.WaitTrace(kGuard));
     Lines expected = kConnect;
     expected.emplace_back(kLease);
-    EXPECT_EQ(Echoes(board), expected);
-    EXPECT_EQ(board.OnBoard("cat /tmp/wpa_supplicant.conf").output,
-              "ctrl_interface=/tmp/wpa_supplicant\n"
-              "update_config=1\n"
-              "ap_scan=1\n"
-              "network={\n"
-              "\tssid=\"test\"\n"
-              "\tscan_ssid=1\n"
-              "\tkey_mgmt=WPA-PSK WPA-EAP IEEE8021X NONE\n"
-              "\tpairwise=TKIP CCMP\n"
-              "\tgroup=CCMP TKIP WEP104 WEP40\n"
-              "\tpsk=\"24681357\"\n"
-              "}");
+    EXPECT_EQ(board.Echoes(), expected);
+    EXPECT_EQ(board.OnBoard("cat /tmp/wpa_supplicant.conf").output, kServiceNetwork);
     // A ping every six seconds, by the station's count of whole seconds.
-    const UniqueFd echoes(board.Connect("icmp", 0, "0.0.0.0"));
+    const UniqueFd echoes = board.Connect("icmp", 0, "0.0.0.0");
     ASSERT_GE(AwaitEcho(echoes.Get()), 0);
-    const pid_t program = board.ProgramPid();
-    const auto before = Sleeps(program);
+    const auto before = board.Sleeps();
     const auto start = Clock::now();
     for (int i = 0; i < 2; ++i) {
         const double gap = AwaitEcho(echoes.Get());
         EXPECT_GT(gap, 5.0);
         EXPECT_LT(gap, 7.5);
     }
-    const auto after = Sleeps(program);
+    const auto after = board.Sleeps();
     const long seconds = std::chrono::ceil<std::chrono::seconds>(Clock::now() - start).count();
     // Nobody else woke: neither the event loops nor the signal thread. A feed sleeps twice, once in
     // the device.
@@ -174,40 +110,6 @@ TEST(Station, JoinsTheServiceNetworkAndGuardsIt) {
         EXPECT_LE(count - before.at(name), limit != most.end() ? limit->second : 0) << name;
     }
     EXPECT_EQ(board.Trace().find("NetWork ping failed"), std::string::npos);
-}
-
-// The real supplicant parses the file: with a slip in any line of it there is no association.
-TEST(Station, EveryLineOfTheFileCounts) {
-    Board board;
-    board.Start({"--no-eth"});
-    ASSERT_TRUE(board.WaitTrace(kGuard));
-    board.Signal(SIGTERM);
-    ASSERT_TRUE(board.WaitConsole("upgradeMain ended with status 0"));
-    const auto joins = [&board](const std::string& edit) {
-        return board
-                   .OnBoard(
-                       "killall -q -9 wpa_supplicant; ifconfig wlan0 up; rm -rf "
-                       "/tmp/wpa_supplicant;"
-                       "sed '" +
-                       edit +
-                       "' /tmp/wpa_supplicant.conf >/tmp/other.conf;"
-                       "/root/wifi_connect.sh sta /tmp/other.conf || exit 1;"
-                       "for i in $(seq 30); do"
-                       " wpa_cli -p /tmp/wpa_supplicant -i wlan0 status | grep -q COMPLETED && "
-                       "exit;"
-                       " sleep 0.1; done; exit 1")
-                   .status == 0;
-    };
-    EXPECT_TRUE(joins(""));
-    for (int line = 1; line <= 10; ++line) {
-        // "name=value" becomes "nameX=value", line 4 included.
-        EXPECT_FALSE(joins(std::to_string(line) + "s/=/X=/")) << line;
-    }
-    EXPECT_FALSE(joins("11d"));
-    for (const char* edit : {"s/test/tesu/", "s/24681357/24681358/", "s/TKIP CCMP$/TKIP COMP/"}) {
-        EXPECT_FALSE(joins(edit)) << edit;
-    }
-    EXPECT_TRUE(joins(""));
 }
 
 TEST(Station, SilentAccessPointTimesOutAndThreeSequencesMakeARound) {
@@ -246,7 +148,7 @@ TEST(Station, MuteAccessPointIsPingedOn) {
     EXPECT_EQ(misses, (Lines{Miss(1), Miss(2), Miss(3), Miss(4), Miss(5), Miss(6), Miss(1)}));
     EXPECT_NE(board.Console().find("wlan0 LINK up\n"), std::string::npos);
     (void)board.Do({"ap", "unmute"});
-    const UniqueFd echoes(board.Connect("icmp", 0, "0.0.0.0"));
+    const UniqueFd echoes = board.Connect("icmp", 0, "0.0.0.0");
     EXPECT_GE(AwaitEcho(echoes.Get()), 0);
     EXPECT_EQ(Steps(board), (Lines{"connect", "lease"}));
 }
@@ -297,28 +199,6 @@ TEST(Station, LostLinkIsResetAndJoinedAgain) {
     }
 }
 
-TEST(Station, NoAddressIsResetThreeTimesAndThenOnlyTriedAgain) {
-    Board board;
-    StartWith(&board, "no-dhcp", kFast);
-    // The client goes on asking by itself; each time it is ended it has given up.
-    ASSERT_TRUE(board.WaitTrace("udhcpc: broadcasting discover", 2));
-    EXPECT_EQ(board
-                  .OnBoard("touch /tmp/impatient; (while [ -e /tmp/impatient ]; do"
-                           " killall -q udhcpc; sleep 0.1; done) >/dev/null 2>&1 &")
-                  .status,
-              0);
-    ASSERT_TRUE(WaitMessages(board, 2, kNoAddress, 6));
-    (void)board.OnBoard("rm /tmp/impatient");
-    Lines steps = Steps(board, 2);
-    ASSERT_GE(steps.size(), 15U);
-    steps.resize(15);
-    EXPECT_EQ(steps,
-              (Lines{"connect", "lease", "reset", "connect", "lease", "reset", "connect", "lease",
-                     "reset", "connect", "lease", "connect", "lease", "connect", "lease"}));
-    (void)board.Do({"ap", "dhcp"});
-    EXPECT_TRUE(board.WaitTrace(kGuard, 2));
-}
-
 TEST(Station, SigtermEndsItWhereverItIs) {
     const struct {
         const char* accessPoint;
@@ -350,7 +230,7 @@ TEST(Station, SigtermEndsItWhereverItIs) {
         const auto start = Clock::now();
         board.Signal(SIGTERM);
         EXPECT_TRUE(board.WaitConsole("upgradeMain ended with status 0", boot));
-        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), row.bound);
+        EXPECT_LT(SecondsSince(start), row.bound);
         (void)board.Do({"ap", "up"});
     }
 }

@@ -1,19 +1,12 @@
 // Supervision of the application, on a board: mostly on an accelerated clock, with the stand-in
 // application installed.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <csignal>
-#include <cstdio>
 #include <ctime>
-#include <filesystem>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "tests/support/board.h"
 
-using kv_test::Board;
+using namespace kv_test;
 
 namespace {
 
@@ -26,14 +19,12 @@ constexpr char kOfflineLine[] =
     "INFO upgrade_main:__KV_cameraMainProcessHandle:254 Process "
     "[cameraMain] offline";
 
-const std::vector<std::string> kRestart = {"killall -9 wpa_supplicant", "sync",
-                                           "echo 3 > /proc/sys/vm/drop_caches", "sleep 3",
-                                           "startapp.sh"};
-const std::vector<std::string> kReboot = {"touch /param/var/miniserver_reboot", "reboot -f"};
-const std::vector<std::string> kRemoveMarker = {"rm /param/var/miniserver_reboot"};
+const Lines kRestart = {"killall -9 wpa_supplicant", "sync", "echo 3 > /proc/sys/vm/drop_caches",
+                        "sleep 3", "startapp.sh"};
+const Lines kReboot = {"touch /param/var/miniserver_reboot", "reboot -f"};
+const Lines kRemoveMarker = {"rm /param/var/miniserver_reboot"};
 
-std::vector<std::string> operator+(std::vector<std::string> left,
-                                   const std::vector<std::string>& right) {
+Lines operator+(Lines left, const Lines& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
 }
@@ -83,29 +74,8 @@ std::vector<Check> Checks(const Board& board, int boot) {
     return checks;
 }
 
-// The commands echoed in a boot.
-std::vector<std::string> Commands(const Board& board, int boot) {
-    std::vector<std::string> commands;
-    std::istringstream console(board.Console(boot));
-    for (std::string line; std::getline(console, line);) {
-        if (line.rfind("# ", 0) == 0) {
-            EXPECT_EQ(line.back(), '\r');
-            commands.push_back(line.substr(2, line.size() - 3));
-        }
-    }
-    return commands;
-}
-
-size_t Count(const std::string& text, const std::string& part) {
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
 // Sends datagrams, each a Python expression, to the heartbeat port from the board itself.
-void SendBeats(Board* board, const std::vector<std::string>& datagrams) {
+void SendBeats(Board* board, const Lines& datagrams) {
     std::string script = "import socket; s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n";
     for (const std::string& datagram : datagrams) {
         script += "s.sendto(" + datagram + ", (\"127.0.0.1\", 5555))\n";
@@ -165,15 +135,6 @@ void ExpectLadder(const Board& board, int boot) {
     EXPECT_LE(escalations[1].at - escalations[0].at, 60 + kTick + kLag);
 }
 
-// Largest time between two feeds, in seconds of the board.
-double LargestFeedGapOfBoard(const Board& board) {
-    std::vector<nlohmann::json> operations = board.Operations();
-    for (auto& operation : operations) {
-        operation["t"] = operation.at("board");
-    }
-    return kv_test::LargestFeedGap(operations);
-}
-
 }  // namespace
 
 TEST(Monitor, PermanentSilenceClimbsTheLadderOverTwoBoots) {
@@ -182,20 +143,20 @@ TEST(Monitor, PermanentSilenceClimbsTheLadderOverTwoBoots) {
     ASSERT_TRUE(board.WaitTrace("MINI ProtocolInit Init Success!", 2, 50));
     EXPECT_EQ(board.Reason(2), "reboot -f\n");
     ExpectLadder(board, 1);
-    EXPECT_EQ(Commands(board, 1), kRestart + kReboot);
-    std::vector<std::string> second = Commands(board, 2);
+    EXPECT_EQ(board.Echoes(), kRestart + kReboot);
+    Lines second = board.Echoes(2);
     ASSERT_GE(second.size(), kRestart.size() + 1);
     second.resize(kRestart.size() + 1);
     EXPECT_EQ(second, kRestart + kRemoveMarker);
     EXPECT_FALSE(std::filesystem::exists(board.Path(kMarker)));
-    const std::vector<std::string> messages = board.Messages(1);
+    const Lines messages = board.Messages(1);
     ASSERT_GE(messages.size(), 3U);
-    EXPECT_EQ(std::vector<std::string>(messages.end() - 2, messages.end()),
-              (std::vector<std::string>{"INFO KV_FH_WDT_Reboot: Start to stop feeding the dog!",
-                                        "DEBUG KV_FH_WDT_Reboot: Wait for the watchdog to "
-                                        "restart!"}));
+    EXPECT_EQ(Lines(messages.end() - 2, messages.end()),
+              (Lines{"INFO KV_FH_WDT_Reboot: Start to stop feeding the dog!",
+                     "DEBUG KV_FH_WDT_Reboot: Wait for the watchdog to "
+                     "restart!"}));
     // A third of the time-out; feeds are due every second.
-    EXPECT_LT(LargestFeedGapOfBoard(board), 10);
+    EXPECT_LT(LargestFeedGap(board.Operations(), "board"), 10);
 
     // In recovery the monitor has no more to say.
     ASSERT_TRUE(board.WaitFeeds(15));
@@ -205,44 +166,28 @@ TEST(Monitor, PermanentSilenceClimbsTheLadderOverTwoBoots) {
 namespace {
 
 struct Rung {
-    const char* name;
     bool marker;          // the boot follows a forced reboot
     const char* reached;  // on the console or in the trace, when the beat is due
     bool inTrace;
-    std::vector<std::string> commands;  // of the boot, when the silence has gone on
+    Lines commands;  // of the boot, when the silence has gone on
 };
 
-// What ctest shows of a row.
-void PrintTo(const Rung& rung, std::ostream* stream) {
-    *stream << rung.name;
-}
-
-class MonitorRung : public testing::TestWithParam<Rung> {};
-
-std::string NameOf(const testing::TestParamInfo<Rung>& row) {
-    return row.param.name;
-}
-
-}  // namespace
-
 // One beat on a rung, then silence again.
-TEST_P(MonitorRung, BeatStopsTheLadder) {
-    const Rung& rung = GetParam();
+void BeatStopsTheLadder(const Rung& rung) {
     Board board;
     if (rung.marker) {
         std::filesystem::create_directories(board.Path("param/var"));
-        kv_test::WriteFile(board.Path(kMarker), "");
+        WriteFile(board.Path(kMarker), "");
     }
     StartSilent(&board, kSpeed);
     ASSERT_TRUE(rung.inTrace ? board.WaitTrace(rung.reached) : board.WaitConsole(rung.reached));
     SendBeats(&board, {kBeat});
     if (rung.marker) {
         ASSERT_TRUE(board.WaitConsole("# rm /param/var/miniserver_reboot\r\n"));
-        EXPECT_TRUE(
-            kv_test::WaitUntil([&] { return !std::filesystem::exists(board.Path(kMarker)); }));
+        EXPECT_TRUE(WaitUntil([&] { return !std::filesystem::exists(board.Path(kMarker)); }));
     }
     ASSERT_TRUE(board.WaitConsole("# " + rung.commands.back() + "\r\n"));
-    EXPECT_EQ(Commands(board, 1), rung.commands);
+    EXPECT_EQ(board.Echoes(), rung.commands);
     // The silence before the last step counts from the beat: it begins anew with a first check.
     const std::vector<Check> checks = Checks(board, 1);
     size_t first = 0;
@@ -256,30 +201,38 @@ TEST_P(MonitorRung, BeatStopsTheLadder) {
     EXPECT_LE(checks.back().silence, 120 + kTick + kLag);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rungs, MonitorRung,
-    testing::Values(Rung{"Offline", false, "Process [cameraMain] offline", true, kRestart},
-                    Rung{"OfflineAfterReboot", true, "Process [cameraMain] offline", true,
-                         kRemoveMarker + kRestart},
-                    Rung{"Restarted", false, "# startapp.sh\r\n", false, kRestart + kReboot},
-                    Rung{"RestartedAfterReboot", true, "# startapp.sh\r\n", false,
-                         kRestart + kRemoveMarker + kReboot}),
-    NameOf);
+}  // namespace
+
+TEST(BeatStopsTheLadder, WhenOffline) {
+    BeatStopsTheLadder({false, "Process [cameraMain] offline", true, kRestart});
+}
+
+TEST(BeatStopsTheLadder, WhenOfflineAfterAReboot) {
+    BeatStopsTheLadder({true, "Process [cameraMain] offline", true, kRemoveMarker + kRestart});
+}
+
+TEST(BeatStopsTheLadder, WhenRestarted) {
+    BeatStopsTheLadder({false, "# startapp.sh\r\n", false, kRestart + kReboot});
+}
+
+TEST(BeatStopsTheLadder, WhenRestartedAfterAReboot) {
+    BeatStopsTheLadder({true, "# startapp.sh\r\n", false, kRestart + kRemoveMarker + kReboot});
+}
 
 TEST(Monitor, FlashingKeepsItQuiet) {
     Board board;
     StartSilent(&board, kSpeed);
     ASSERT_TRUE(board.WaitTrace("Process [cameraMain] offline"));
     // The writer's first commands take as long as two ladders.
-    kv_test::WriteFile(board.Path("param/slow"), "#!/bin/sh\nsleep 150\n");
+    WriteFile(board.Path("param/slow"), "#!/bin/sh\nsleep 150\n");
     (void)board.OnBoard("chmod +x /param/slow && mount --bind /param/slow /usr/bin/killall");
     board.Signal(SIGUSR2);
     ASSERT_TRUE(board.WaitBoot(2));
     EXPECT_EQ(board.Reason(2), "reboot -f\n");
-    EXPECT_TRUE(Commands(board, 1).empty());
+    EXPECT_TRUE(board.Echoes().empty());
     long flashing = 0;
-    const std::vector<Line> lines = Timed(board, 1);
-    for (const Line& line : lines) {
+    const std::vector<Line> timed = Timed(board, 1);
+    for (const Line& line : timed) {
         const bool monitor = line.text.find("__KV_cameraMain") != std::string::npos;
         if (flashing == 0 && !monitor && line.text.find("KV_UPGRADE") != std::string::npos) {
             flashing = line.at;
@@ -287,7 +240,7 @@ TEST(Monitor, FlashingKeepsItQuiet) {
         EXPECT_FALSE(flashing != 0 && monitor) << line.text;
     }
     ASSERT_NE(flashing, 0) << board.Trace();
-    EXPECT_GE(lines.back().at - flashing, 200) << board.Trace();
+    EXPECT_GE(timed.back().at - flashing, 200) << board.Trace();
 }
 
 TEST(Monitor, WhatCountsAsAHeartbeat) {
@@ -299,27 +252,27 @@ TEST(Monitor, WhatCountsAsAHeartbeat) {
     // The marker cannot be removed here, so that each heartbeat tries.
     (void)board.OnBoard(
         "touch /param/var/miniserver_reboot && mount --bind /bin/false /usr/bin/rm");
-    const std::vector<std::string> ignored = {"b''",
-                                              "b'c'",
-                                              "b'A' * 32",
-                                              "b'A' * 33",
-                                              "b'A' * 65507",
-                                              "b'\\0' + b'cameraMain' * 5",
-                                              "b'cameramain'.ljust(33, b'\\0')"};
-    const std::vector<std::string> counted = {
+    const Lines ignored = {"b''",
+                           "b'c'",
+                           "b'A' * 32",
+                           "b'A' * 33",
+                           "b'A' * 65507",
+                           "b'\\0' + b'cameraMain' * 5",
+                           "b'cameramain'.ljust(33, b'\\0')"};
+    const Lines counted = {
         "b'cameraMain'.ljust(33, b'\\0')",  // not ready: clears the marker all the same
         "b'<< cameraMain >>'.ljust(32, b'\\0') + b'\\1'", "b'cameraMain'", kBeat};
     SendBeats(&board, ignored + counted);
-    ASSERT_TRUE(kv_test::WaitUntil([&] { return Commands(board, 1).size() >= counted.size(); }));
-    EXPECT_EQ(Commands(board, 1), kRemoveMarker + kRemoveMarker + kRemoveMarker + kRemoveMarker);
+    ASSERT_TRUE(WaitUntil([&] { return board.Echoes().size() >= counted.size(); }));
+    EXPECT_EQ(board.Echoes(), kRemoveMarker + kRemoveMarker + kRemoveMarker + kRemoveMarker);
     EXPECT_EQ(board.Reason(1), "power-on\n");
 
     // A long command of the monitor's holds up the monitor, not the feeder.
-    kv_test::WriteFile(board.Path("param/slow"), "#!/bin/sh\nsleep 4; echo slept\n");
+    WriteFile(board.Path("param/slow"), "#!/bin/sh\nsleep 4; echo slept\n");
     (void)board.OnBoard("chmod +x /param/slow && mount --bind /param/slow /usr/bin/rm");
     SendBeats(&board, {kBeat});
     ASSERT_TRUE(board.WaitConsole("slept\n"));
-    EXPECT_LT(kv_test::LargestFeedGap(board.Operations()), 1.3);
+    EXPECT_LT(LargestFeedGap(board.Operations()), 1.3);
 
     // Heard every second, it is told every fourth.
     (void)board.OnBoard("umount /usr/bin/rm; umount /usr/bin/rm; rm /param/var/miniserver_reboot");
@@ -338,19 +291,19 @@ class ResetButton : public testing::Test {
     }
     // The thread has been started so many times.
     void Began(size_t times) {
-        ASSERT_TRUE(kv_test::WaitUntil([&] {
-            return Count(board_.Console(),
-                         "HardwareResetProc 94: HardwareResetProc thread Start "
-                         "is OK\n") == times;
+        ASSERT_TRUE(WaitUntil([&] {
+            return CountOf(board_.Console(),
+                           "HardwareResetProc 94: HardwareResetProc thread Start "
+                           "is OK\n") == times;
         }));
     }
     void Counted(int count, size_t times) {
         const std::string line =
             "HardwareResetProc 103: hard reset count = " + std::to_string(count) + "\n";
-        ASSERT_TRUE(kv_test::WaitUntil([&] { return Count(board_.Console(), line) == times; }))
+        ASSERT_TRUE(WaitUntil([&] { return CountOf(board_.Console(), line) == times; }))
             << board_.Console();
     }
-    void Line(const char* value) { kv_test::WriteFile(board_.Path("gpio/GPIO26/value"), value); }
+    void Line(const char* value) { WriteFile(board_.Path("gpio/GPIO26/value"), value); }
 
     Board board_;
 };
@@ -369,17 +322,17 @@ TEST_F(ResetButton, NineSamplesAndTwoBeatsDoNothing) {
     Counted(5, 2);
     SendBeats(&board_, {kBeat});
     ASSERT_TRUE(board_.WaitConsole("HardwareResetProc 124: HardwareResetProc thread End is OK\n"));
-    EXPECT_EQ(Count(board_.Console(), "hard reset count = 10\n"), 0U);
+    EXPECT_EQ(CountOf(board_.Console(), "hard reset count = 10\n"), 0U);
     // The next silence starts it again.
     Began(2);
     EXPECT_EQ(board_.Status().at("boot"), 1);
-    EXPECT_TRUE(Commands(board_, 1).empty());
+    EXPECT_TRUE(board_.Echoes().empty());
 }
 
 TEST_F(ResetButton, TenSamplesResetAlsoWithTheLineGone) {
     for (const char* const name :
          {"var/a", "var/miniserver_reboot", "x.debug.y", "wpa_supplicant.conf", "kept"}) {
-        kv_test::WriteFile(board_.Path("param/") + name, "");
+        WriteFile(board_.Path("param/") + name, "");
     }
     Line("0\n");
     Counted(3, 1);
@@ -392,12 +345,12 @@ TEST_F(ResetButton, TenSamplesResetAlsoWithTheLineGone) {
     EXPECT_EQ(board_.Reason(2), "reboot\n");
     EXPECT_NE(board_.Trace().find("gpio/get-value: No such file or directory\n"),
               std::string::npos);
-    std::vector<std::string> left;
+    Lines left;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(board_.Path("param"))) {
         left.push_back(entry.path().filename());
     }
     std::sort(left.begin(), left.end());
-    EXPECT_EQ(left, (std::vector<std::string>{"kept", "var"}));
+    EXPECT_EQ(left, (Lines{"kept", "var"}));
     // Its commands are not echoed.
-    EXPECT_TRUE(Commands(board_, 1).empty());
+    EXPECT_TRUE(board_.Echoes().empty());
 }

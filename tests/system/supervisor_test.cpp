@@ -1,36 +1,26 @@
 // Start-up, signals and the watchdog, on a board.
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <csignal>
-#include <regex>
-#include <string>
 
 #include "tests/support/board.h"
-#include "tests/support/mini_client.h"
+#include "tests/support/wire.h"
 
-using kv_test::Board;
-using kv_test::CountOf;
-using kv_test::WaitUntil;
+using namespace kv_test;
 
 TEST(Supervisor, ModeFollowsApplicationAndMarker) {
     Board board;
-    (void)board.Do({"flash", "write", "mtd5", kv_test::MakeApplicationImage(board)});
+    board.InstallApplication();
     board.Start({"--no-wifi"});
     ASSERT_TRUE(board.WaitTrace("app file exist!"));
-    EXPECT_TRUE(std::regex_search(
-        board.Trace(), std::regex("  INFO upgrade_main:main:338 \033\\[mapp file exist!\n")));
-    EXPECT_EQ(board.Connect("tcp", 80), -1);
+    EXPECT_TRUE(Contains(board.Trace(), "  INFO upgrade_main:main:338 \033[mapp file exist!\n"));
+    EXPECT_FALSE(board.Client().Connected());
 
     (void)board.OnBoard("touch /param/miniserver.debug");
     (void)board.Do({"reset"});
     ASSERT_TRUE(board.WaitTrace("MINI ProtocolInit Init Success!", 2));
-    EXPECT_NE(board.Console(2).find("# rm /param/miniserver.debug\r\n"), std::string::npos);
-    EXPECT_EQ(board.Trace(2).find("app file"), std::string::npos);
+    EXPECT_EQ(board.Echoes(2), Lines{"rm /param/miniserver.debug"});
+    EXPECT_FALSE(Contains(board.Trace(2), "app file"));
     EXPECT_NE(board.OnBoard("test -e /param/miniserver.debug").status, 0);
-    const int client = board.Connect("tcp", 80);
-    EXPECT_GE(client, 0);
-    (void)close(client);
+    EXPECT_TRUE(board.Client().Connected());
 
     (void)board.Do({"reset"});
     ASSERT_TRUE(board.WaitTrace("app file exist!", 3));
@@ -38,52 +28,44 @@ TEST(Supervisor, ModeFollowsApplicationAndMarker) {
 
 TEST(Supervisor, RecoveryStartsInOrderAndChildrenInheritNothing) {
     Board board;
-    board.Start({"--no-wifi"});
-    ASSERT_TRUE(board.WaitTrace("app file not exist!"));
-    const auto messages = board.Messages();
-    const char* const order[] = {"DEBUG KV_FH_WDT_Start: Watchdog Timeout:30",
-                                 "DEBUG KV_FH_WDT_Start: Watchdog Init successful",
-                                 "DEBUG KV_HV_LoopPoolInit: LoopPoolInit Init Success!",
-                                 "DEBUG KV_MINI_ProtocolInit: MINI ProtocolInit Init Success!",
-                                 "INFO main: app file not exist!"};
-    size_t next = 0;
-    for (const auto& message : messages) {
-        if (next < std::size(order) && message == order[next]) {
-            ++next;
-        }
+    board.StartRecovery();
+    const Lines expected = {"DEBUG KV_FH_WDT_Start: Watchdog Timeout:30",
+                            "DEBUG KV_FH_WDT_Start: Watchdog Init successful",
+                            "DEBUG KV_HV_LoopPoolInit: LoopPoolInit Init Success!",
+                            "DEBUG KV_MINI_ProtocolInit: MINI ProtocolInit Init Success!",
+                            "INFO main: app file not exist!"};
+    std::string all;
+    for (const auto& message : board.Messages()) {
+        all += message + "\n";
     }
-    EXPECT_EQ(next, std::size(order)) << board.Trace();
+    EXPECT_TRUE(InOrder(all, expected));
 
     // What a shell child of the program finds: three standard descriptors and its own listing's.
-    kv_test::WriteFile(board.Path("param/ls"), "#!/bin/sh\nls /proc/self/fd >/param/descriptors\n");
+    WriteFile(board.Path("param/ls"), "#!/bin/sh\nls /proc/self/fd >/param/descriptors\n");
     (void)board.OnBoard("chmod +x /param/ls && mount --bind /param/ls /usr/bin/killall");
     board.Signal(SIGUSR2);
     ASSERT_TRUE(board.WaitBoot(2, 60));
-    EXPECT_EQ(kv_test::ReadFile(board.Path("param/descriptors")), "0\n1\n2\n3\n");
+    EXPECT_EQ(ReadFile(board.Path("param/descriptors")), "0\n1\n2\n3\n");
 }
 
 TEST(Supervisor, Sigusr1DisarmsAndNothingElse) {
     Board board;
-    board.Start({"--no-wifi"});
-    ASSERT_TRUE(board.WaitTrace("app file not exist!"));
+    board.StartRecovery();
     board.Signal(SIGUSR1);
     ASSERT_TRUE(board.WaitTrace("KV_FH_WDT_Stop:176 "));
-    EXPECT_FALSE(board.Status().at("watchdog").at("armed").get<bool>());
+    EXPECT_FALSE(board.Armed());
     // A second stop disarms the old number again and is not refused.
     board.Signal(SIGUSR1);
     EXPECT_TRUE(WaitUntil([&] { return CountOf(board.Trace(), "KV_FH_WDT_Stop:176 ") == 2; }));
-    const int client = board.Connect("tcp", 80);
-    EXPECT_EQ(kv_test::Exchange(client, kv_test::Frame(6)).size(), 32U);
-    (void)close(client);
+    EXPECT_EQ(board.Client().Ask(Frame(6)), ReplyHeader(6, 0, 0));
 }
 
 TEST(Supervisor, SecondSigtermIsAnsweredWhileTheFirstOnesJoinBlocks) {
     Board board;
-    board.Start({"--no-wifi"});
-    ASSERT_TRUE(board.WaitTrace("app file not exist!"));
+    board.StartRecovery();
     // The receiver pauses for a second on its worker's thread, which the shutdown joins.
-    const int client = board.Connect("tcp", 80);
-    ASSERT_TRUE(kv_test::SendAll(client, kv_test::UpgradeFrame(1000)));
+    const TcpClient client = board.Client();
+    ASSERT_TRUE(client.Send(UpgradeFrame(1000)));
     ASSERT_TRUE(board.WaitTrace("CMD_SYS_UPGRADE"));
     const pid_t program = board.ProgramPid();
     (void)kill(program, SIGTERM);
@@ -94,18 +76,16 @@ TEST(Supervisor, SecondSigtermIsAnsweredWhileTheFirstOnesJoinBlocks) {
     const std::string trace = board.Trace();
     EXPECT_LT(trace.find("wait exit!"), trace.find("LoopPoolInit DeInit Success!"));
     EXPECT_EQ(CountOf(trace, "Start Exit!"), 1U);
-    EXPECT_FALSE(board.Status().at("watchdog").at("armed").get<bool>());
+    EXPECT_FALSE(board.Armed());
     ASSERT_TRUE(board.WaitConsole("upgradeMain ended with status 0"));
-    (void)close(client);
 }
 
 TEST(Supervisor, WatchdogFailuresAtStart) {
     Board board;
-    board.Start({"--no-wifi"});
     // The faults below are for later boots: this one has to have its watchdog first.
-    ASSERT_TRUE(board.WaitTrace("app file not exist!"));
+    board.StartRecovery();
     const struct {
-        std::vector<std::string> fault;
+        Lines fault;
         const char* line;
     } rows[] = {
         {{"watchdog", "open", "--errno", "EBUSY"},
@@ -120,48 +100,36 @@ TEST(Supervisor, WatchdogFailuresAtStart) {
     };
     int boot = 1;
     for (const auto& row : rows) {
-        std::vector<std::string> words = {"fault"};
-        words.insert(words.end(), row.fault.begin(), row.fault.end());
-        (void)board.Do(words);
+        board.Fault(row.fault);
         (void)board.Do({"reset"});
         ++boot;
-        ASSERT_TRUE(board.WaitTrace("app file not exist!", boot));
+        ASSERT_TRUE(board.WaitRecovery(boot));
         EXPECT_TRUE(board.WaitTrace(row.line, boot)) << board.Trace(boot);
     }
     // A failed feed did not stop the feeding.
-    const uint64_t feeds = board.Status().at("watchdog").at("feeds");
-    EXPECT_TRUE(WaitUntil(
-        [&] { return board.Status().at("watchdog").at("feeds").get<uint64_t>() > feeds + 1; }));
+    EXPECT_TRUE(board.WaitFeeds(2));
 }
 
 TEST(Supervisor, StoppedProgramIsResetByTheWatchdog) {
     Board board;
-    board.Start({"--no-wifi"});
-    ASSERT_TRUE(board.WaitTrace("app file not exist!"));
+    board.StartRecovery();
     board.Signal(SIGSTOP);
     ASSERT_TRUE(board.WaitBoot(2, 40));
     EXPECT_EQ(board.Reason(2).substr(0, 8), "watchdog");
-    ASSERT_TRUE(board.WaitTrace("app file not exist!", 2));
+    ASSERT_TRUE(board.WaitRecovery(2));
 }
 
 TEST(Supervisor, FedWhileTheLogBlocks) {
     Board board;
-    board.Start({"--no-wifi"});
-    ASSERT_TRUE(board.WaitTrace("app file not exist!"));
+    board.StartRecovery();
     // Nobody reads the log from here on: whoever traces blocks, the feeder does not.
     (void)board.Do({"fault", "trace", "block"});
-    const int client = board.Connect("tcp", 80);
+    const TcpClient client = board.Client();
     for (int i = 0; i < 4000; ++i) {
-        if (!kv_test::SendAll(client, kv_test::Frame(0x7777))) {
+        if (!client.Send(Frame(0x7777))) {
             break;
         }
     }
-    const uint64_t feeds = board.Status().at("watchdog").at("feeds");
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(4);
-    while (std::chrono::steady_clock::now() < end) {
-        (void)usleep(100000);
-    }
-    EXPECT_GE(board.Status().at("watchdog").at("feeds").get<uint64_t>(), feeds + 3);
-    EXPECT_LT(kv_test::LargestFeedGap(board.Operations()), 1.3);
-    (void)close(client);
+    EXPECT_TRUE(board.WaitFeeds(4));
+    EXPECT_LT(LargestFeedGap(board.Operations()), 1.3);
 }

@@ -3,17 +3,10 @@
 
 #include <linux/capability.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdlib>
-#include <thread>
 
 #include "hv_test_support.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // Another host, 10.9.8.2, behind a link of this sandbox's own; nobody is at 10.9.8.7. Loopback
 // would not do: a raw socket there sees the request itself first, which libhv takes for a wrong
@@ -43,18 +36,13 @@ TEST_F(HvPing, CountsAnswersOneSecondApart) {
     EXPECT_LT(Clock::now() - begin, std::chrono::milliseconds(3500));
 }
 
-TEST_F(HvPing, NoAnswerCostsASecond) {
-    const auto begin = Clock::now();
-    EXPECT_LE(ping("10.9.8.7", 1), 0);
-    EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(900));
-    EXPECT_LT(Clock::now() - begin, std::chrono::milliseconds(2500));
-}
-
 TEST_F(HvPing, AnotherHostsAnswersAreNotTaken) {
     BUNDLED_ONLY("it takes the answer to another thread's request");
     int other = 0;
     std::thread answered([&] { other = ping("10.9.8.2", 3); });
+    const auto begin = Clock::now();
     EXPECT_LE(ping("10.9.8.7", 2), 0);
+    EXPECT_NEAR(SecondsSince(begin), 2, 1) << "no answer costs a second";
     answered.join();
     EXPECT_EQ(other, 3);
 }

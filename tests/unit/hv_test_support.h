@@ -1,25 +1,16 @@
 // What the tests of the event loop share: loops on threads, waiting for conditions, plain clients.
 #pragma once
 
-#include <arpa/inet.h>
-#include <dirent.h>
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-
-#include <chrono>
 #include <condition_variable>
-#include <cstring>
-#include <functional>
 #include <future>
 #include <mutex>
-#include <set>
-#include <string>
-#include <thread>
 
-#include "common/kv_raii.h"
 #include "hv/hloop.h"
 #include "hv/hsocket.h"
+#include "tests/support/footprint.h"
+#include "tests/support/tcp_client.h"
+
+using namespace kv_test;
 
 #ifdef KV_HV_SYSTEM
 #include "hv/hlog.h"
@@ -107,69 +98,4 @@ class Tally {
 
 inline int PortOf(hio_t* io) {
     return ntohs(reinterpret_cast<sockaddr_u*>(hio_localaddr(io))->sin.sin_port);
-}
-
-// A blocking client socket for 127.0.0.1; its receives give up after 20 s.
-inline UniqueFd ClientSocket(int type = SOCK_STREAM) {
-    UniqueFd fd(socket(AF_INET, type | SOCK_CLOEXEC, 0));
-    const timeval limit = {20, 0};
-    (void)setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-    return fd;
-}
-inline bool ConnectTo(const UniqueFd& fd, int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
-}
-inline UniqueFd Client(int port, int type = SOCK_STREAM) {
-    UniqueFd fd = ClientSocket(type);
-    if (!ConnectTo(fd, port)) {
-        ADD_FAILURE() << "connect: " << strerror(errno);
-    }
-    return fd;
-}
-inline void Send(const UniqueFd& fd, const std::string& bytes) {
-    ASSERT_EQ(send(fd.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(bytes.size()));
-}
-// Reads until `size` bytes, the end of the connection or an error.
-inline std::string Receive(const UniqueFd& fd, size_t size) {
-    std::string all(size, '\0');
-    size_t used = 0;
-    while (used < size) {
-        const ssize_t got = recv(fd.Get(), &all[used], size - used, 0);
-        if (got <= 0) {
-            break;
-        }
-        used += static_cast<size_t>(got);
-    }
-    all.resize(used);
-    return all;
-}
-inline bool AtEnd(const UniqueFd& fd) {
-    char byte;
-    return recv(fd.Get(), &byte, 1, 0) == 0;
-}
-inline std::string Pattern(size_t size, unsigned seed) {
-    std::string bytes(size, '\0');
-    for (char& byte : bytes) {
-        seed = seed * 1103515245U + 12345U;
-        byte = static_cast<char>(seed >> 16);
-    }
-    return bytes;
-}
-
-inline std::set<int> OpenDescriptors() {
-    std::set<int> open;
-    DIR* dir = opendir("/proc/self/fd");
-    while (const dirent* entry = readdir(dir)) {
-        const int fd = atoi(entry->d_name);
-        if (entry->d_name[0] != '.' && fd != dirfd(dir)) {
-            open.insert(fd);
-        }
-    }
-    (void)closedir(dir);
-    return open;
 }

@@ -1,21 +1,15 @@
 // The loop pool: life, choice of a worker, hand-over, and what happens when parts of it fail.
 #include "mini/kv_hvloop_pool.h"
 
-#include <dirent.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <atomic>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <memory>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "tests/support/capture.h"
 #include "tests/support/tcp_client.h"
+
+using namespace kv_test;
 
 namespace {
 
@@ -56,15 +50,9 @@ namespace {
 
 int LoopThreads() {
     int count = 0;
-    DIR* tasks = opendir("/proc/self/task");
-    while (const dirent* task = readdir(tasks)) {
-        std::ifstream comm(std::string("/proc/self/task/") + task->d_name + "/comm");
-        std::string name;
-        if (std::getline(comm, name) && name == "__KV_HV_LoopPro") {
-            ++count;
-        }
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        count += ReadFile(task.path() / "comm") == "__KV_HV_LoopPro\n" ? 1 : 0;
     }
-    (void)closedir(tasks);
     return count;
 }
 
@@ -91,65 +79,30 @@ void OnAccept(hio_t* io) {
     KV_HV_HandOver(io, Serve);
 }
 
-std::string Worker(kv_test::TcpClient* client) {
-    return client->Send("?") ? client->Receive(sizeof(pthread_t)) : "";
-}
-
-// Closes the listener on its loop, so that the pool holds no socket of the test's any more.
-void CloseListener(hio_t* listener) {
-    (void)hio_close(listener);
-    KV_HV_LoopPoolSettle();
-}
-
 TEST(HvLoopPool, StartsAndStopsInOneProcessAsOftenAsWanted) {
     for (int round = 0; round < 3; ++round) {
-        std::string log;
-        {
-            const kv_test::Capture capture(2);
-            EXPECT_EQ(KV_HV_LoopPoolStart(), 0);
-            EXPECT_EQ(KV_HV_LoopPoolStart(), -1);
-            EXPECT_TRUE(AllLoopsRun());
-            EXPECT_EQ(KV_HV_LoopPoolDeInit(), 0);
-            EXPECT_EQ(LoopThreads(), 0);
-            EXPECT_EQ(KV_HV_LoopPoolDeInit(), -1);
-            log = capture.Text();
-        }
-        EXPECT_NE(log.find("DEBUG kv_hvloop_pool:KV_HV_LoopPoolInit:"), std::string::npos) << log;
-        EXPECT_NE(log.find("\033[mLoopPoolInit Init Success!\n"), std::string::npos) << log;
-        EXPECT_NE(log.find("\033[mLoopPoolInit DeInit Success!\n"), std::string::npos) << log;
-        EXPECT_NE(log.find("FAILED kv_hvloop_pool:KV_HV_LoopPoolDeInit:"), std::string::npos);
-        EXPECT_NE(log.find("\033[mEvent not Inited!\n"), std::string::npos) << log;
+        const Capture log(2);
+        EXPECT_EQ(KV_HV_LoopPoolStart(), 0);
+        EXPECT_EQ(KV_HV_LoopPoolStart(), -1);
+        EXPECT_TRUE(AllLoopsRun());
+        EXPECT_EQ(KV_HV_LoopPoolDeInit(), 0);
+        EXPECT_EQ(LoopThreads(), 0);
+        EXPECT_EQ(KV_HV_LoopPoolDeInit(), -1);
+        EXPECT_TRUE(InOrder(
+            log.Text(),
+            {"DEBUG kv_hvloop_pool:KV_HV_LoopPoolInit:", "\033[mLoopPoolInit Init Success!\n",
+             "\033[mLoopPoolInit DeInit Success!\n",
+             "FAILED kv_hvloop_pool:KV_HV_LoopPoolDeInit:", "\033[mEvent not Inited!\n"}));
     }
     EXPECT_EQ(g_stackSize, 0x20000U);
 }
 
-TEST(HvLoopPool, StopsLoopsThatMayNotHaveBegunToRun) {
-    for (int round = 0; round < 50; ++round) {
-        ASSERT_EQ(KV_HV_LoopPoolInit(), 0);
-        ASSERT_EQ(KV_HV_LoopPoolDeInit(), 0);
-    }
-    EXPECT_EQ(LoopThreads(), 0);
-}
-
-TEST(HvLoopPool, GettersCreateThePool) {
-    for (hloop_t* (*getter)() : {KV_HV_GetAcceptLoop, KV_HV_GetWorkLoop}) {
-        EXPECT_NE(getter(), nullptr);
-        EXPECT_TRUE(AllLoopsRun());
-        EXPECT_NE(KV_HV_GetAcceptLoop(), KV_HV_GetWorkLoop());
-        EXPECT_EQ(KV_HV_LoopPoolDeInit(), 0);
-    }
-}
-
 TEST(HvLoopPool, AFailedLoopLeavesAPoolThatTheNextCallCompletes) {
-    std::string log;
-    {
-        const kv_test::Capture capture(2);
-        g_loopsUntilFailure = 2;
-        EXPECT_EQ(KV_HV_LoopPoolInit(), -1);
-        log = capture.Text();
-    }
-    EXPECT_NE(log.find("\033[mloop new failed!\n"), std::string::npos) << log;
-    EXPECT_TRUE(kv_test::Await([] { return LoopThreads() == 2; }));
+    const Capture log(2);
+    g_loopsUntilFailure = 2;
+    EXPECT_EQ(KV_HV_LoopPoolInit(), -1);
+    EXPECT_TRUE(Contains(log.Text(), "\033[mloop new failed!\n"));
+    EXPECT_TRUE(WaitUntil([] { return LoopThreads() == 2; }));
     EXPECT_EQ(KV_HV_LoopPoolDeInit(), -1);
     g_loopsUntilFailure = 0;
     EXPECT_EQ(KV_HV_GetAcceptLoop(), nullptr);
@@ -176,12 +129,12 @@ TEST(HvLoopPool, ConnectionsGoToTheLeastLoadedWorkerAndTiesToTheLowerSlot) {
     ASSERT_NE(listener, nullptr);
     ASSERT_EQ(g_loops.size(), 4U);
     EXPECT_EQ(KV_HV_GetAcceptLoop(), g_loops[0]);
-    std::vector<std::unique_ptr<kv_test::TcpClient>> clients;
+    std::vector<TcpClient> clients;
     std::vector<std::string> workers;
     const auto connectTo = [&](size_t slot) {
         EXPECT_EQ(KV_HV_GetWorkLoop(), g_loops[slot]);
-        clients.push_back(std::make_unique<kv_test::TcpClient>(kPort));
-        workers.push_back(Worker(clients.back().get()));
+        clients.emplace_back(kPort);
+        workers.push_back(clients.back().Ask("?", sizeof(pthread_t)));
         ASSERT_EQ(workers.back().size(), sizeof(pthread_t));
     };
     for (const size_t slot : {1, 2, 3, 1, 2, 3}) {
@@ -192,9 +145,9 @@ TEST(HvLoopPool, ConnectionsGoToTheLeastLoadedWorkerAndTiesToTheLowerSlot) {
 
     // Two connections of slot 2 end: it takes the next two, though slot 1 is the lower one.
     const uint32_t before = hloop_nios(g_loops[2]);
-    clients[1].reset();
-    clients[4].reset();
-    EXPECT_TRUE(kv_test::Await([=] { return hloop_nios(g_loops[2]) == before - 2; }));
+    clients[1].Close();
+    clients[4].Close();
+    EXPECT_TRUE(WaitUntil([=] { return hloop_nios(g_loops[2]) == before - 2; }));
     for (const size_t slot : {2, 2, 1}) {
         connectTo(slot);
     }
@@ -202,26 +155,9 @@ TEST(HvLoopPool, ConnectionsGoToTheLeastLoadedWorkerAndTiesToTheLowerSlot) {
     EXPECT_EQ(workers[7], workers[1]);
     EXPECT_EQ(workers[8], workers[0]);
 
-    CloseListener(listener);
+    (void)hio_close(listener);
+    KV_HV_LoopPoolSettle();
     EXPECT_EQ(KV_HV_LoopPoolDeInit(), 0);
-}
-
-TEST(HvLoopPool, StopsWhileConnectionsAreBeingHandedOver) {
-    for (int round = 0; round < 10; ++round) {
-        ASSERT_NE(hloop_create_tcp_server(KV_HV_GetAcceptLoop(), "", kPort, OnAccept), nullptr);
-        std::vector<std::unique_ptr<kv_test::TcpClient>> clients;
-        for (int i = 0; i < 20; ++i) {
-            clients.push_back(std::make_unique<kv_test::TcpClient>(kPort));
-            ASSERT_TRUE(clients.back()->Connected());
-        }
-        // The listener goes down with its loop, in the middle of whatever it has accepted so far;
-        // every client sees the end of its connection.
-        ASSERT_EQ(KV_HV_LoopPoolDeInit(), 0);
-        for (const auto& client : clients) {
-            EXPECT_TRUE(client->EndsNow());
-        }
-    }
-    EXPECT_EQ(LoopThreads(), 0);
 }
 
 }  // namespace

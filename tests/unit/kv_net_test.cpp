@@ -2,66 +2,28 @@
 // answers, and /etc/resolv.conf is a private file.
 #include "net/kv_net.h"
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-
-#include <chrono>
-#include <cstring>
-#include <fstream>
-#include <functional>
-#include <sstream>
-#include <string>
-#include <thread>
-
 #include "common/kv_platform.h"
-#include "common/kv_raii.h"
+#include "tests/support/capture.h"
 #include "tests/support/surroundings.h"
+#include "tests/support/tcp_client.h"
+
+using namespace kv_test;
 
 namespace {
 
-using kv_test::Ip;
-using kv_test::NoDescriptors;
-using kv_test::Replaced;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
-
 constexpr char kWlan[] = "wlan0";
 
-std::string Output(const std::string& command) {
-    FILE* pipe = popen(command.c_str(), "r");
-    std::string text;
-    char buffer[512];
-    while (pipe != nullptr && fgets(buffer, sizeof(buffer), pipe) != nullptr) {
-        text += buffer;
-    }
-    EXPECT_EQ(pclose(pipe), 0) << command;
-    return text;
-}
-
-void WriteFile(const char* path, const std::string& text) {
-    std::ofstream(path, std::ios::trunc) << text;
-}
-
-std::string ReadFile(const char* path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
-// Runs `body` with what it prints on standard output as the result.
-std::string Printed(const std::function<void()>& body) {
-    CaptureStdout();
+// Runs `body` with what it prints on a standard descriptor as the result.
+std::string Printed(const std::function<void()>& body, int fd = 1) {
+    const Capture capture(fd);
     body();
-    return GetCapturedStdout();
+    return capture.Text();
 }
 
 class Net : public testing::Test {
   protected:
     void SetUp() override {
-        kv_test::RequireSandbox();
+        RequireSandbox();
         Ip("link add wlan0 address 02:ab:cd:ef:00:0f type veth peer name far0");
         Ip("link set wlan0 up");
         Ip("link set far0 up");
@@ -144,22 +106,26 @@ TEST_F(Net, FailuresPrintTheirMessageAndLeaveTheOutput) {
 
 TEST_F(Net, NullArgumentsAreFailures) {
     char out[kv::kNetDnsLineSize] = {};
-    EXPECT_EQ(KV_NET_GetIpAddr(kWlan, nullptr), -1);
-    EXPECT_EQ(KV_NET_GetNetmask(kWlan, nullptr), -1);
-    EXPECT_EQ(KV_NET_SetIpAddr(kWlan, nullptr), -1);
-    EXPECT_EQ(KV_NET_SetNetmask(kWlan, nullptr), -1);
-    EXPECT_EQ(KV_NET_AddGateway(kWlan, nullptr), -1);
-    EXPECT_EQ(KV_NET_GetGateway(kWlan, nullptr), -1);
-    EXPECT_EQ(KV_NET_GetGateway(nullptr, out), -1);
-    EXPECT_EQ(KV_NET_SetGateway(kWlan, nullptr), -1);
-    EXPECT_EQ(KV_NET_SetGateway(nullptr, "10.1.1.1"), -1);
-    EXPECT_EQ(KV_NET_DetectRoutingAddr(nullptr, "10"), -1);
-    EXPECT_EQ(KV_NET_DetectRoutingAddr(kWlan, nullptr), -1);
-    EXPECT_EQ(KV_NET_GetDNS(nullptr), -1);
-    EXPECT_EQ(KV_NET_GetDNS_ex(out, nullptr), -1);
-    EXPECT_EQ(KV_NET_GetDNS_ex(nullptr, out), -1);
-    EXPECT_EQ(KV_NET_SetDNS(nullptr), -1);
-    EXPECT_EQ(KV_NET_SetDNS_ex("1.1.1.1", nullptr), -1);
+    const int results[] = {
+        KV_NET_GetIpAddr(kWlan, nullptr),
+        KV_NET_GetNetmask(kWlan, nullptr),
+        KV_NET_SetIpAddr(kWlan, nullptr),
+        KV_NET_SetNetmask(kWlan, nullptr),
+        KV_NET_AddGateway(kWlan, nullptr),
+        KV_NET_GetGateway(kWlan, nullptr),
+        KV_NET_GetGateway(nullptr, out),
+        KV_NET_SetGateway(kWlan, nullptr),
+        KV_NET_SetGateway(nullptr, "10.1.1.1"),
+        KV_NET_DetectRoutingAddr(nullptr, "10"),
+        KV_NET_DetectRoutingAddr(kWlan, nullptr),
+        KV_NET_GetDNS(nullptr),
+        KV_NET_GetDNS_ex(out, nullptr),
+        KV_NET_GetDNS_ex(nullptr, out),
+        KV_NET_SetDNS(nullptr),
+        KV_NET_SetDNS_ex("1.1.1.1", nullptr),
+    };
+    EXPECT_EQ(std::count(std::begin(results), std::end(results), -1),
+              std::distance(std::begin(results), std::end(results)));
 }
 
 TEST_F(Net, LongInterfaceNamesAreCutAtFifteenCharacters) {
@@ -173,23 +139,16 @@ TEST_F(Net, LongInterfaceNamesAreCutAtFifteenCharacters) {
     EXPECT_STREQ(mac, "02:00:00:00:00:77");
     EXPECT_EQ(KV_NET_SetNetmask(longer, "255.255.0.0"), 0);
     EXPECT_EQ(KV_NET_AddGateway(longer, "10.44.0.9"), 0);
-    EXPECT_EQ(Output("ip route show default"), "default via 10.44.0.9 dev abcdefghijklmno \n");
+    EXPECT_EQ(Shell("ip route show default"), "default via 10.44.0.9 dev abcdefghijklmno \n");
 }
 
 TEST_F(Net, LinkAndFlagsFollowTheInterface) {
     // The kernel settles an interface's running flag a moment after its carrier.
-    const auto awaitRunning = [](int expected) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (KV_NET_IsIfRunning(kWlan) != expected && std::chrono::steady_clock::now() < end) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return KV_NET_IsIfRunning(kWlan);
-    };
-    EXPECT_EQ(awaitRunning(0), 0);
+    EXPECT_TRUE(WaitUntil([] { return KV_NET_IsIfRunning(kWlan) == 0; }));
     EXPECT_EQ(KV_NET_IsIfUp(kWlan), 0);
     EXPECT_EQ(Printed([] { EXPECT_EQ(KV_NET_GetLinkStatus(kWlan), 1); }), "wlan0 LINK up\n");
     Ip("link set far0 down");
-    EXPECT_EQ(awaitRunning(-1), -1);
+    EXPECT_TRUE(WaitUntil([] { return KV_NET_IsIfRunning(kWlan) == -1; }));
     EXPECT_EQ(KV_NET_IsIfUp(kWlan), 0);
     EXPECT_EQ(Printed([] { EXPECT_EQ(KV_NET_GetLinkStatus(kWlan), 0); }), "wlan0 LINK down\n");
     Ip("link set wlan0 down");
@@ -220,15 +179,12 @@ TEST_F(Net, SetGatewayReplacesEveryDefaultRouteOfTheInterface) {
     // Listed before the default routes, and no default route: it cannot be deleted as one.
     Ip("route add 0.0.0.0/1 via 10.1.2.9 dev wlan0");
     // More than the kernel hands out in one reading of its table.
-    std::ofstream batch("/tmp/batch");
-    for (int i = 1; i <= 80; ++i) {
-        batch << "route add default via 10.1.3." << i << " dev wlan0 metric " << i << "\n";
-    }
-    batch.close();
-    Ip("-batch /tmp/batch");
+    (void)Shell(
+        "for i in $(seq 80); do echo route add default via 10.1.3.$i dev wlan0 metric $i;"
+        " done | ip -batch -");
     EXPECT_EQ(Printed([] { EXPECT_EQ(KV_NET_SetGateway(kWlan, "10.1.2.200"), 0); }),
               "KV_NET_DeleteGateway: ioctl SIOCDELRT failed\n");
-    EXPECT_EQ(Output("ip route show default"),
+    EXPECT_EQ(Shell("ip route show default"),
               "default via 10.1.2.200 dev wlan0 \n"
               "default via 10.8.0.2 dev far0 metric 900 \n");
     // A gateway out of reach cannot be added; that is not this function's result.
@@ -242,9 +198,9 @@ TEST_F(Net, SetGatewayReplacesEveryDefaultRouteOfTheInterface) {
 TEST_F(Net, DeleteGatewayTakesNoBadTextForAnyGateway) {
     Ip("route add default via 10.1.2.1 dev wlan0");
     EXPECT_EQ(KV_NET_DeleteGateway(kWlan, "gateway"), -1);
-    EXPECT_EQ(Output("ip route show default"), "default via 10.1.2.1 dev wlan0 \n");
+    EXPECT_EQ(Shell("ip route show default"), "default via 10.1.2.1 dev wlan0 \n");
     EXPECT_EQ(KV_NET_DeleteGateway(kWlan, "10.1.2.1"), 0);
-    EXPECT_EQ(Output("ip route show default"), "");
+    EXPECT_EQ(Shell("ip route show default"), "");
 }
 
 TEST_F(Net, RouteTableLinesAreBounded) {
@@ -281,12 +237,12 @@ TEST_F(Net, RouteTableLinesAreBounded) {
 TEST_F(Net, DetectRoutingAddrReportsFoundAndForeignRoutes) {
     Ip("addr add 10.8.0.1/24 dev far0");
     Ip("route add 192.0.2.0/24 via 10.1.2.9 dev wlan0");
-    CaptureStderr();
+    const Capture errors(2);
     EXPECT_EQ(Printed([] { EXPECT_EQ(KV_NET_DetectRoutingAddr(kWlan, "192.0"), 0); }),
               "[KV_NET_DetectRoutingAddr - 645] found wlan0 routing addr : 192.0.2.0\n");
     EXPECT_EQ(Printed([] { EXPECT_EQ(KV_NET_DetectRoutingAddr(kWlan, "172.16"), -1); }), "");
     const std::string foreign = "iface = far0,  ifname = wlan0\n";
-    EXPECT_EQ(GetCapturedStderr(), foreign + foreign);
+    EXPECT_EQ(errors.Text(), foreign + foreign);
     const NoDescriptors none;
     EXPECT_EQ(KV_NET_DetectRoutingAddr(kWlan, "192.0"), -1);
 }
@@ -363,28 +319,24 @@ TEST_F(Net, SetDnsReportsAFileThatCannotBeWritten) {
               }),
               "KV_NET_SetDNS: file \"/etc/resolv.conf\" opened for writing error!\n");
     const Replaced full("/dev/full", kv::kResolvConf);
-    CaptureStderr();
-    EXPECT_EQ(KV_NET_SetDNS("1.1.1.1"), -1);
-    EXPECT_EQ(GetCapturedStderr(), "fwrite: No space left on device\n");
+    EXPECT_EQ(Printed([] { EXPECT_EQ(KV_NET_SetDNS("1.1.1.1"), -1); }, 2),
+              "fwrite: No space left on device\n");
 }
 
 TEST_F(Net, CheckInternetTellsWhetherTheServerAnswers) {
     EXPECT_EQ(Printed([] { EXPECT_EQ(KV_NET_CheckInternet(), 0); }), "not connect to internet!\n ");
     Ip("addr add 8.8.8.8/32 dev wlan0");
     const UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    struct sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(53);
-    address.sin_addr.s_addr = inet_addr("8.8.8.8");
-    ASSERT_EQ(bind(listener.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    const sockaddr_in address = Ipv4("8.8.8.8", 53);
+    ASSERT_EQ(bind(listener.Get(), Generic(address), sizeof(address)), 0);
     ASSERT_EQ(listen(listener.Get(), 1), 0);
     EXPECT_EQ(Printed([] { EXPECT_EQ(KV_NET_CheckInternet(), 1); }), "=====connect ok!=====\n");
-    CaptureStderr();
+    const Capture errors(2);
     {
         const NoDescriptors none;
         EXPECT_EQ(KV_NET_CheckInternet(), -1);
     }
-    EXPECT_EQ(GetCapturedStderr(), "socket: Too many open files\n");
+    EXPECT_EQ(errors.Text(), "socket: Too many open files\n");
 }
 
 }  // namespace

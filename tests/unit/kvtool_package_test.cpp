@@ -1,15 +1,12 @@
 // kvtool: packages, built and inspected.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
-
+#include "tests/support/discovery_client.h"
 #include "tools/kvtool_lib/errors.h"
 #include "tools/kvtool_lib/package_builder.h"
 #include "tools/kvtool_lib/package_check.h"
 
 namespace {
 
+using kv_test::Put;
 using kvtool::BuildRequest;
 using kvtool::Bytes;
 using kvtool::ExitCode;
@@ -23,10 +20,6 @@ Bytes Of(const std::string& text) {
 
 BuildRequest Request(std::vector<kvtool::ImageSpec> images) {
     return {"PRT7K", "38QX", std::move(images), Layout::Default(), false};
-}
-
-void Put(Bytes* bytes, size_t at, const std::string& raw) {
-    std::copy(raw.begin(), raw.end(), bytes->begin() + static_cast<ptrdiff_t>(at));
 }
 
 // "app" (5 bytes) and "uboot" (3 bytes), every byte written out by hand.
@@ -130,15 +123,6 @@ TEST(KvtoolPack, Refusals) {
     EXPECT_NO_THROW((void)kvtool::BuildPackage(larger));
 }
 
-TEST(KvtoolPack, ForcedEmptyImageIsFollowedByBlankBytes) {
-    BuildRequest request = Request({{"var", {}}, {"app", Of("APPLE")}});
-    request.force = true;
-    const PackageReport report = Check(kvtool::BuildPackage(request).bytes);
-    ASSERT_EQ(report.entries.size(), 2U);
-    EXPECT_EQ(report.entries[0].behind, 65536U);
-    EXPECT_TRUE(report.entries[0].behind_blank);
-}
-
 TEST(KvtoolInspect, ReadsThePackageMadeByHand) {
     const PackageReport report = Check(HandMade());
     EXPECT_TRUE(report.findings.empty()) << AllFindings(report);
@@ -198,27 +182,6 @@ TEST(KvtoolInspect, EveryTruncationIsFoundAndHarmless) {
         const Bytes cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
         EXPECT_FALSE(Check(cut).Acceptable()) << size;
     }
-}
-
-// Its writer, once past the image, goes on into the next device: more than the rest of a unit.
-TEST(KvtoolInspect, BootLoaderInFrontOfOthersTakesAllThatFollows) {
-    Bytes bytes = HandMade();
-    Put(&bytes, 24, std::string("uboot\0", 6));
-    Put(&bytes, 280, std::string("app\0", 4));
-    bytes.resize(bytes.size() + 100000, 0xFF);
-    const PackageReport report = Check(bytes);
-    ASSERT_EQ(report.entries.size(), 2U);
-    EXPECT_EQ(report.entries[0].behind, bytes.size() - 0x218 - 5);
-    EXPECT_TRUE(Reports(report, kvtool::Severity::kError, "does not bound"));
-}
-
-TEST(KvtoolInspect, EntriesBehindABadCheckCodeAreNotReached) {
-    Bytes bytes = HandMade();
-    Put(&bytes, 24 + 140, std::string(4, '\0'));
-    const PackageReport report = Check(bytes);
-    ASSERT_EQ(report.entries.size(), 2U);
-    EXPECT_TRUE(report.entries[0].reached);
-    EXPECT_FALSE(report.entries[1].reached);
 }
 
 TEST(KvtoolLayout, SizesAreParsedStrictly) {

@@ -1,18 +1,12 @@
 #include "common/kv_mini_console.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
 
 #include "tests/support/capture.h"
 
-using kv_test::Capture;
+using namespace kv_test;
 
 namespace {
 

@@ -1,38 +1,21 @@
 // Runs in namespaces of its own: eth0 and wlan0 are veth interfaces, searches are real datagrams.
 #include "mini/kv_mini_discovery.h"
 
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <atomic>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "common/kv_platform.h"
-#include "common/kv_raii.h"
 #include "mini/kv_hvloop_pool.h"
 #include "tests/support/capture.h"
 #include "tests/support/discovery_client.h"
+#include "tests/support/footprint.h"
 #include "tests/support/surroundings.h"
+
+using namespace kv_test;
 
 namespace {
 
-using kv_test::Bytes;
-using kv_test::Capture;
-using kv_test::ExpectedReply;
-using kv_test::Ip;
-using kv_test::Put;
-using kv_test::Replaced;
-using kv_test::Search;
-using kv_test::Settings;
-using Client = kv_test::DiscoveryClient;
-using Lines = std::vector<std::string>;
+using Client = DiscoveryClient;
 
 void AddInterface(const std::string& name, const std::string& mac, const std::string& address) {
     Ip("link add " + name + " address " + mac + " type veth peer name far" + name);
@@ -54,29 +37,15 @@ Lines Traces(const std::string& log) {
     return lines;
 }
 
-// The descriptor of this process that is bound to the discovery port; -1 when there is none.
-int ServerSocket() {
-    for (int fd = 3; fd < 256; ++fd) {
-        sockaddr_in address{};
-        socklen_t length = sizeof(address);
-        if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
-            address.sin_family == AF_INET && address.sin_port == htons(6789)) {
-            return fd;
-        }
-    }
-    return -1;
-}
-
 class Discovery : public testing::Test {
   protected:
-    void SetUp() override { kv_test::RequireSandbox(); }
+    void SetUp() override { RequireSandbox(); }
     void TearDown() override {
         (void)KV_MINI_DiscoverDeInit();
         (void)KV_HV_LoopPoolDeInit();
-        (void)system("ip link del eth0 2>/dev/null; ip link del wlan0 2>/dev/null");
-        SetDns("");
+        (void)kv_test::Run("ip link del eth0; ip link del wlan0");
+        WriteFile(kv::kResolvConf, "");
     }
-    static void SetDns(const std::string& text) { std::ofstream(kv::kResolvConf) << text; }
     static Bytes Filled() {
         kv::DiscoveryReply reply;
         memset(&reply, 0xEE, sizeof(reply));
@@ -91,7 +60,7 @@ TEST_F(Discovery, ReplyCarriesTheSettingsOfEth0) {
     AddInterface("wlan0", "02:ab:cd:ef:00:0f", "10.200.2.3/24");
     Ip("route add default via 10.200.2.1 dev wlan0 metric 1");
     Ip("route add default via 10.1.2.1 dev eth0 metric 2");
-    SetDns("nameserver 10.1.2.53\nnameserver 8.8.8.8\n");
+    WriteFile(kv::kResolvConf, "nameserver 10.1.2.53\nnameserver 8.8.8.8\n");
     EXPECT_EQ(Filled(), ExpectedReply({"10.1.2.3", "255.255.240.0", "10.1.2.1", "10.1.2.53",
                                        "02:AB:CD:EF:00:0E"}));
 }
@@ -118,7 +87,7 @@ TEST_F(Discovery, ReplyCarriesTheSettingsOfWlan0WhenEth0HasNoUsableAddress) {
 TEST_F(Discovery, WhatCannotBeReadStaysZero) {
     EXPECT_EQ(Filled(), ExpectedReply({}));
     AddInterface("eth0", "02:ab:cd:ef:00:0e", "1.0.0.1/32");
-    SetDns("nameserver " + std::string(200, 'n') + "\n");
+    WriteFile(kv::kResolvConf, "nameserver " + std::string(200, 'n') + "\n");
     const std::string dns(31, 'n');
     EXPECT_EQ(Filled(),
               ExpectedReply({"1.0.0.1", "255.255.255.255", "", dns.c_str(), "02:AB:CD:EF:00:0E"}));
@@ -127,10 +96,15 @@ TEST_F(Discovery, WhatCannotBeReadStaysZero) {
 TEST_F(Discovery, AnswersASearchAndTracesItInOrder) {
     AddInterface("wlan0", "02:ab:cd:ef:00:0f", "10.200.2.3/24");
     ASSERT_EQ(KV_MINI_DiscoverInit(), 0);
-    int broadcast = 0;
-    socklen_t length = sizeof(broadcast);
-    EXPECT_EQ(getsockopt(ServerSocket(), SOL_SOCKET, SO_BROADCAST, &broadcast, &length), 0);
-    EXPECT_EQ(broadcast, 1);
+    const auto open = OpenDescriptors();
+    EXPECT_EQ(std::count_if(open.begin(), open.end(),
+                            [](int fd) {
+                                int on = 0;
+                                socklen_t length = sizeof(on);
+                                (void)getsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, &length);
+                                return on == 1;
+                            }),
+              1);
     const Client client("10.200.2.3");
     Bytes request = Search(64);
     Put(&request, 16, "10.200.2.99");
@@ -199,14 +173,14 @@ TEST_F(Discovery, AnswersNothingButASearch) {
 }
 
 TEST_F(Discovery, TextsOfARequestAreBounded) {
-    Bytes full = Search(400);
+    Bytes full = Search(65507);
     Put(&full, 16, std::string(384, 'T'));
     const struct {
         size_t size;
         std::string address;
         std::string mac;
     } kCases[] = {
-        {400, std::string(16, 'T'), std::string(18, 'T')},
+        {65507, std::string(16, 'T'), std::string(18, 'T')},
         {13, "", ""},  // nothing of the datagram before it
         {17, "T", ""},
         {32, std::string(16, 'T'), ""},
@@ -229,30 +203,25 @@ TEST_F(Discovery, TextsOfARequestAreBounded) {
 }
 
 TEST_F(Discovery, AFloodIsAnsweredToEachSender) {
-    constexpr int kSenders = 8;
-    constexpr int kEach = 16;  // together below what the socket's buffer holds
+    constexpr size_t kEach = 16;  // of 8 senders: together below what the socket's buffer holds
     ASSERT_EQ(KV_MINI_DiscoverInit(), 0);
     std::vector<Client> clients;
-    clients.reserve(kSenders);
-    for (int i = 0; i < kSenders; ++i) {
-        clients.emplace_back(("127.0.0." + std::to_string(i + 1)).c_str());
+    for (int i = 1; i <= 8; ++i) {
+        clients.emplace_back(("127.0.0." + std::to_string(i)).c_str());
     }
     const Capture capture(STDERR_FILENO);
-    for (int round = 0; round < kEach; ++round) {
+    for (size_t round = 0; round < kEach; ++round) {
         for (const Client& client : clients) {
             client.Send(Search(13));
         }
     }
-    const Bytes expected = ExpectedReply({});
-    int answers[kSenders] = {};
-    for (int i = 0; i < kSenders; ++i) {
-        while (answers[i] < kEach && clients[static_cast<size_t>(i)].Receive() == expected) {
-            ++answers[i];
+    for (const Client& client : clients) {
+        for (size_t round = 0; round < kEach; ++round) {
+            ASSERT_EQ(client.Receive(), ExpectedReply({}));
         }
     }
-    for (int i = 0; i < kSenders; ++i) {
-        EXPECT_EQ(answers[i], kEach) << i;
-        EXPECT_TRUE(clients[static_cast<size_t>(i)].Receive(0).empty()) << i;
+    for (const Client& client : clients) {
+        EXPECT_TRUE(client.Receive(0).empty());
     }
 }
 
@@ -275,12 +244,8 @@ TEST_F(Discovery, RefusesASecondStartAndASecondStop) {
 }
 
 TEST_F(Discovery, StartsAndStopsManyTimesUnderFire) {
-    const auto openFiles = [] {
-        const std::filesystem::directory_iterator files("/proc/self/fd");
-        return std::distance(begin(files), end(files));
-    };
     ASSERT_EQ(KV_HV_LoopPoolStart(), 0);
-    const auto before = openFiles();
+    const auto before = Descriptors();
     {
         const Capture capture(STDERR_FILENO);
         std::atomic<bool> done{false};
@@ -301,15 +266,13 @@ TEST_F(Discovery, StartsAndStopsManyTimesUnderFire) {
         done = true;
         fire.join();
     }
-    EXPECT_EQ(openFiles(), before);
+    EXPECT_EQ(Descriptors(), before);
 }
 
 TEST_F(Discovery, ATakenPortIsAFailureThatLeavesItStopped) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(6789);
+    const sockaddr_in address = Ipv4("0.0.0.0", 6789);
     UniqueFd taken(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(bind(taken.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(bind(taken.Get(), Generic(address), sizeof(address)), 0);
     EXPECT_EQ(KV_MINI_DiscoverInit(), -1);
     EXPECT_EQ(KV_MINI_DiscoverDeInit(), -1);
     taken.Reset();
@@ -322,10 +285,11 @@ TEST_F(Discovery, VersionFileReaderTakesTheLastVersionLine) {
     const Replaced opt("/tmp/opt", "/opt");
     ASSERT_FALSE(HasFailure());
     char out[65] = "untouched";
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(__KV_MINI_ReadVerIni(out), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "can't open ReadDevConfigFile /opt/app/config/Ver.ini\n");
+    {
+        const Capture printed(1);
+        EXPECT_EQ(__KV_MINI_ReadVerIni(out), -1);
+        EXPECT_EQ(printed.Text(), "can't open ReadDevConfigFile /opt/app/config/Ver.ini\n");
+    }
     EXPECT_STREQ(out, "untouched");
 
     const std::string digits(100, '7');
@@ -341,7 +305,7 @@ TEST_F(Discovery, VersionFileReaderTakesTheLastVersionLine) {
     };
     std::filesystem::create_directories("/opt/app/config");
     for (const auto& c : kCases) {
-        std::ofstream(kv::kVersionFile) << c.file;
+        WriteFile(kv::kVersionFile, c.file);
         strcpy(out, "untouched");
         EXPECT_EQ(__KV_MINI_ReadVerIni(out), 0) << c.file;
         EXPECT_EQ(out, c.version) << c.file;

@@ -1,7 +1,4 @@
 // The mini services as a device uses them that falls into recovery again and again.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include "mini/kv_hvloop_pool.h"
 #include "tests/support/capture.h"
 #include "tests/support/discovery_client.h"
@@ -9,16 +6,18 @@
 #include "tests/support/surroundings.h"
 #include "tests/support/tcp_client.h"
 
+using namespace kv_test;
+
 namespace {
 
 // One life of the services, with a search and a connection that is open when they stop. Whether
 // both were served.
 bool Live() {
     (void)KV_MINI_ServiceStart();
-    const kv_test::DiscoveryClient searcher;
-    searcher.Send(kv_test::Search(13));
+    const DiscoveryClient searcher;
+    searcher.Send(Search(13));
     const bool found = searcher.Receive().size() == 544;
-    const kv_test::TcpClient client(80);
+    const TcpClient client(80);
     (void)KV_MINI_ServiceStop();
     return found && client.Connected();
 }
@@ -26,26 +25,26 @@ bool Live() {
 }  // namespace
 
 TEST(MiniSoak, AThousandStartsAndStopsLeaveNothing) {
-    kv_test::RequireSandbox();
+    RequireSandbox();
     int served = 0;
     long descriptors = 0;
     long threads = 0;
     long kib = 0;
     {
-        const kv_test::Capture trace(STDERR_FILENO);
+        const Capture trace(STDERR_FILENO);
         // The first lives fill the allocator's and the thread library's stores.
         for (int life = -50; life < 1000; ++life) {
             if (life == 0) {
-                descriptors = kv_test::Descriptors();
-                threads = kv_test::Threads();
-                kib = kv_test::PrivateKib();
+                descriptors = Descriptors();
+                threads = Threads();
+                kib = PrivateKib();
                 served = 0;
             }
             served += Live() ? 1 : 0;
         }
-        descriptors -= kv_test::Descriptors();
-        threads -= kv_test::Threads();
-        kib = kv_test::PrivateKib() - kib;
+        descriptors -= Descriptors();
+        threads -= Threads();
+        kib = PrivateKib() - kib;
     }
     EXPECT_EQ(served, 1000);
     EXPECT_EQ(descriptors, 0);

@@ -1,17 +1,10 @@
 #include "common/kv_shell.h"
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-
 #include <csignal>
-#include <cstdint>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "tests/support/capture.h"
 
-using kv_test::Capture;
+using namespace kv_test;
 
 namespace {
 

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <semaphore.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <csignal>

@@ -1,20 +1,13 @@
 #include "flash/kv_upgrade_package.h"
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
+#include "tests/support/common.h"
+#include "tests/support/wire.h"
 
 namespace {
 
-// A package header written by hand, byte by byte.
-std::string Header(const std::string& ic, const std::string& sensor, uint8_t dataLen,
-                   uint8_t fileNum) {
-    std::string bytes = ic + std::string(8 - ic.size(), '\0');
-    bytes += sensor + std::string(8 - sensor.size(), '\0');
-    bytes += std::string{static_cast<char>(dataLen), 0, 0, 0};
-    bytes += std::string{static_cast<char>(fileNum), 0, 0, 0};
-    return bytes;
+std::string Header(const std::string& ic, const std::string& sensor, uint32_t dataLen,
+                   int fileNum) {
+    return kv_test::BuildPackage({}, {ic, sensor, dataLen, fileNum});
 }
 
 FILE* FileOf(const std::string& bytes) {

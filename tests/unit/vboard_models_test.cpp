@@ -1,18 +1,13 @@
-#include <gtest/gtest.h>
 #include <linux/watchdog.h>
 
-#include <cerrno>
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
-#include <string>
 
+#include "tests/support/common.h"
 #include "vboard/devices/faults.h"
 #include "vboard/devices/nor_flash.h"
 #include "vboard/devices/watchdog_timer.h"
 
+using namespace kv_test;
 using namespace vboard;
 using namespace std::chrono_literals;
 
@@ -20,38 +15,27 @@ namespace {
 
 constexpr int64_t kBlock = 65536;
 
-std::string Contents(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-struct Directory {
-    Directory() { EXPECT_NE(mkdtemp(path), nullptr); }
-    ~Directory() { std::filesystem::remove_all(path); }
-    char path[32] = "/tmp/vboard_XXXXXX";
-};
-
 TEST(NorFlash, ClearsBitsOnProgramAndSetsThemOnErase) {
-    const Directory directory;
-    const std::string file = std::string(directory.path) + "/nor";
+    const Folder folder;
+    const std::string file = folder.Path("nor");
     NorFlash flash(file, 2 * kBlock, kBlock);
-    EXPECT_EQ(Contents(file), std::string(2 * kBlock, '\xFF'));
+    EXPECT_EQ(ReadFile(file), std::string(2 * kBlock, '\xFF'));
 
     EXPECT_EQ(flash.Program(kBlock - 1, "\x0F\xF0", 2).result, 2);
     const ProgramResult again = flash.Program(kBlock - 2, "\xFF\x3C\x3C", 3);
     EXPECT_EQ(again.result, 3);
     EXPECT_EQ(again.bitsKept, 4U);  // 0x30 of the first and 0x0C of the second byte
     EXPECT_EQ(again.firstKept, static_cast<uint64_t>(kBlock - 1));
-    EXPECT_EQ(Contents(file).substr(kBlock - 2, 4), "\xFF\x0C\x30\xFF");
+    EXPECT_EQ(ReadFile(file).substr(kBlock - 2, 4), "\xFF\x0C\x30\xFF");
 
     NorFlash reopened(file, 2 * kBlock, kBlock);
     EXPECT_EQ(reopened.Erase(kBlock, kBlock), 0);
-    EXPECT_EQ(Contents(file).substr(kBlock - 2, 4), "\xFF\x0C\xFF\xFF");
+    EXPECT_EQ(ReadFile(file).substr(kBlock - 2, 4), "\xFF\x0C\xFF\xFF");
 }
 
 TEST(NorFlash, KeepsToItsEndAndItsBlocks) {
-    const Directory directory;
-    const std::string file = std::string(directory.path) + "/nor";
+    const Folder folder;
+    const std::string file = folder.Path("nor");
     NorFlash flash(file, 2 * kBlock, kBlock);
     char buffer[8] = {};
     EXPECT_EQ(flash.Program(2 * kBlock - 3, "abcdef", 6).result, 3);
@@ -65,7 +49,7 @@ TEST(NorFlash, KeepsToItsEndAndItsBlocks) {
     for (const auto& [start, length] : refused) {
         EXPECT_EQ(flash.Erase(start, length), -EINVAL) << start << " " << length;
     }
-    EXPECT_EQ(Contents(file).substr(2 * kBlock - 3), "abc");
+    EXPECT_EQ(ReadFile(file).substr(2 * kBlock - 3), "abc");
 
     EXPECT_THROW(NorFlash(file, kBlock, kBlock), std::runtime_error);  // the file is larger
     EXPECT_THROW(NorFlash(file + "2", kBlock + 1, kBlock), std::runtime_error);
@@ -73,8 +57,8 @@ TEST(NorFlash, KeepsToItsEndAndItsBlocks) {
 }
 
 TEST(NorFlash, TakesTheChipsTimeAndCanBeCutShort) {
-    const Directory directory;
-    const std::string file = std::string(directory.path) + "/nor";
+    const Folder folder;
+    const std::string file = folder.Path("nor");
     NorFlash flash(file, 2 * kBlock, kBlock);
     int steps = 0;
     std::chrono::microseconds busy{0};
@@ -86,7 +70,7 @@ TEST(NorFlash, TakesTheChipsTimeAndCanBeCutShort) {
     EXPECT_EQ(flash.Program(100, std::string(800, 'x').data(), 800, powerFailsAtStep3).result,
               -ENODEV);
     EXPECT_EQ(busy, 3 * kNorPageProgram);
-    EXPECT_EQ(Contents(file).substr(0, 600),
+    EXPECT_EQ(ReadFile(file).substr(0, 600),
               std::string(100, '\xFF') + std::string(412, 'x') + std::string(88, '\xFF'));
 
     const std::string zeros(2 * kBlock, '\0');
@@ -95,7 +79,7 @@ TEST(NorFlash, TakesTheChipsTimeAndCanBeCutShort) {
     busy = 0us;
     EXPECT_EQ(flash.Erase(0, 2 * kBlock, powerFailsAtStep3), -ENODEV);
     EXPECT_EQ(busy, 300ms);
-    EXPECT_EQ(Contents(file), std::string(kBlock * 3 / 2, '\xFF') + std::string(kBlock / 2, '\0'));
+    EXPECT_EQ(ReadFile(file), std::string(kBlock * 3 / 2, '\xFF') + std::string(kBlock / 2, '\0'));
 }
 
 class WatchdogTimerTest : public ::testing::Test {

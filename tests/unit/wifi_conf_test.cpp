@@ -1,60 +1,29 @@
 // The configuration file: its bytes, and how the two writers report.
 #include "wifi/kv_wifi_conf.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-
 #include "tests/support/capture.h"
+#include "tests/support/wifi_conf.h"
 #include "wifi/kv_wifi_sta.h"
+
+using namespace kv_test;
 
 namespace {
 
-using kv_test::Capture;
-
-std::string Read(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 TEST(WifiConf, ServiceNetworkHasElevenLinesAndStartsTheStation) {
-    const Capture trace(2);
+    const Capture log(2);
     EXPECT_EQ(__KV_WIFI_StaSupplicant(), 0);
     EXPECT_EQ(KV_WIFI_StaStop(), 0);
-    const std::string log = trace.Text();
-    EXPECT_EQ(Read("/tmp/wpa_supplicant.conf"),
-              "ctrl_interface=/tmp/wpa_supplicant\n"
-              "update_config=1\n"
-              "ap_scan=1\n"
-              "network={\n"
-              "\tssid=\"test\"\n"
-              "\tscan_ssid=1\n"
-              "\tkey_mgmt=WPA-PSK WPA-EAP IEEE8021X NONE\n"
-              "\tpairwise=TKIP CCMP\n"
-              "\tgroup=CCMP TKIP WEP104 WEP40\n"
-              "\tpsk=\"24681357\"\n"
-              "}");
-    EXPECT_TRUE(Contains(log, " DEBUG upgrade_main:__KV_WIFI_StaSupplicant:"));
-    EXPECT_TRUE(Contains(log, "\033[mneed passwd!! default WPA-PSK\n\n"));
-}
-
-TEST(WifiConf, ServiceStationStartsWithoutAFile) {
+    EXPECT_EQ(ReadFile("/tmp/wpa_supplicant.conf"), kServiceNetwork);
+    EXPECT_TRUE(InOrder(log.Text(), {" DEBUG upgrade_main:__KV_WIFI_StaSupplicant:",
+                                     "\033[mneed passwd!! default WPA-PSK\n\n"}));
+    // It also starts without a file.
     std::filesystem::remove("/tmp/wpa_supplicant.conf");
     std::filesystem::create_directory("/tmp/wpa_supplicant.conf");
-    const Capture trace(2);
     EXPECT_EQ(__KV_WIFI_StaSupplicant(), 0);
     EXPECT_EQ(KV_WIFI_StaStop(), 0);
-    const std::string log = trace.Text();
-    EXPECT_TRUE(Contains(log, "FAILED upgrade_main:__KV_WIFI_StaSupplicant:"));
-    EXPECT_TRUE(Contains(log, "open file :/tmp/wpa_supplicant.conf failed!\n"));
-    EXPECT_FALSE(Contains(log, "need passwd"));
+    EXPECT_TRUE(InOrder(log.Text(), {"FAILED upgrade_main:__KV_WIFI_StaSupplicant:",
+                                     "open file :/tmp/wpa_supplicant.conf failed!\n"}));
+    EXPECT_EQ(CountOf(log.Text(), "need passwd"), 1U);
 }
 
 TEST(WifiConf, DebugWriter) {
@@ -62,20 +31,17 @@ TEST(WifiConf, DebugWriter) {
     const std::string head =
         "ctrl_interface=/tmp/conf/wpa_supplicant\nupdate_config=1\nap_scan=1\nnetwork={\n"
         "\tssid=\"a \"b\" %s\"\n\tscan_ssid=1\n";
-    const Capture trace(2);
+    const Capture log(2);
     EXPECT_EQ(__KV_WIFI_StaSupplicantDebug("a \"b\" %s", "", "/tmp/conf"), 0);
-    std::string log = trace.Text();
-    EXPECT_EQ(Read("/tmp/conf/wpa_supplicant.conf"), head + "\tkey_mgmt=NONE\n}");
-    EXPECT_TRUE(Contains(log, " DEBUG kv_wifi_sta:__KV_WIFI_StaSupplicantDebug:"));
-    EXPECT_TRUE(Contains(log, "no passwd!! Dot_WIFI_MODE_OPEN\n\n"));
-
+    EXPECT_EQ(ReadFile("/tmp/conf/wpa_supplicant.conf"), head + "\tkey_mgmt=NONE\n}");
     EXPECT_EQ(__KV_WIFI_StaSupplicantDebug("a \"b\" %s", "%n12345678", "/tmp/conf"), 0);
-    log = trace.Text();
-    EXPECT_EQ(Read("/tmp/conf/wpa_supplicant.conf"),
+    EXPECT_EQ(ReadFile("/tmp/conf/wpa_supplicant.conf"),
               head +
                   "\tkey_mgmt=WPA-PSK WPA-EAP IEEE8021X NONE\n\tpairwise=TKIP CCMP\n"
                   "\tgroup=CCMP TKIP WEP104 WEP40\n\tpsk=\"%n12345678\"\n}");
-    EXPECT_TRUE(Contains(log, "need passwd!! default WPA-PSK\n\n"));
+    EXPECT_TRUE(InOrder(
+        log.Text(), {" DEBUG kv_wifi_sta:__KV_WIFI_StaSupplicantDebug:",
+                     "no passwd!! Dot_WIFI_MODE_OPEN\n\n", "need passwd!! default WPA-PSK\n\n"}));
 }
 
 TEST(WifiConf, DebugWriterWithoutADirectory) {
@@ -87,12 +53,11 @@ TEST(WifiConf, DebugWriterWithoutADirectory) {
     EXPECT_EQ(__KV_WIFI_StaSupplicantDebug("s", "", longest.c_str()), 0);
 
     for (const std::string& directory : {std::string("/tmp/absent"), tooLong}) {
-        const Capture trace(2);
+        const Capture log(2);
         EXPECT_EQ(__KV_WIFI_StaSupplicantDebug("s", "", directory.c_str()), -1);
-        const std::string log = trace.Text();
         const std::string name = (directory + "/wpa_supplicant.conf").substr(0, 63);
-        EXPECT_TRUE(Contains(log, "FAILED kv_wifi_sta:__KV_WIFI_StaSupplicantDebug:"));
-        EXPECT_TRUE(Contains(log, "open file :" + name + " failed!\n"));
+        EXPECT_TRUE(InOrder(log.Text(), {"FAILED kv_wifi_sta:__KV_WIFI_StaSupplicantDebug:",
+                                         "open file :" + name + " failed!\n"}));
     }
     EXPECT_TRUE(std::filesystem::is_empty(tooLong));
 }

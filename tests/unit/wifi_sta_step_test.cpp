@@ -1,10 +1,7 @@
 // What the station decides, over made-up time.
 #include "wifi/kv_wifi_sta_step.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <vector>
+#include "tests/support/common.h"
 
 namespace {
 

@@ -1,23 +1,14 @@
 // Questions to the supplicant and what becomes of its answers.
 #include "wifi/kv_wpa_query.h"
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "tests/support/capture.h"
 #include "tests/support/scripted_supplicant.h"
 #include "wifi/kv_wpa_ctrl.h"
 
+using namespace kv_test;
+
 namespace {
 
-using kv_test::Capture;
-using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 using Messages = std::vector<ScriptedSupplicant::Message>;
 
 TEST(WpaQuery, StatusFields) {
@@ -88,11 +79,10 @@ TEST(WpaQuery, RefusedAndEmpty) {
     supplicant.SetScript(ScriptedSupplicant::Always(""));
     EXPECT_EQ(KV_WIFI_WPA_Status(&status), -1);
     EXPECT_EQ(KV_WIFI_SignalPoll(&signal), -1);
-    const std::string log = trace.Text();
     for (const char* text :
          {"Err: STATUS (FAIL)\n\n", "Err: SIGNAL_POLL (FAIL)\n\n", "Err: STATUS\n\n",
           "Err: SIGNAL_POLL\n\n", " ERROR kv_wpa_ctrl:KV_WIFI_WPA_Status:"}) {
-        EXPECT_NE(log.find(text), std::string::npos) << text;
+        EXPECT_TRUE(Contains(trace.Text(), text)) << text;
     }
 }
 
@@ -116,7 +106,7 @@ TEST(WpaQuery, NearApList) {
             [&c](const std::string& command) { return command == "SCAN" ? c.scan : c.results; });
         const Capture trace(2);
         EXPECT_EQ(KV_WIFI_GetNearApList("1111"), c.expected) << c.traced;
-        EXPECT_NE(trace.Text().find(c.traced), std::string::npos);
+        EXPECT_TRUE(Contains(trace.Text(), c.traced));
     }
 }
 
@@ -131,7 +121,7 @@ TEST(WpaQuery, RssiIsPolledAtMostEveryThreeSeconds) {
 
     EXPECT_EQ(KV_WIFI_GetLastRssi(), 0);
     EXPECT_EQ(KV_WIFI_GetRssi(), -52);
-    const auto polled = steady_clock::now();
+    const auto polled = Clock::now();
     supplicant.SetScript(ScriptedSupplicant::Always(""));
     EXPECT_EQ(KV_WIFI_GetRssi(), -52);
     EXPECT_EQ(KV_WIFI_GetLastRssi(), -52);

@@ -4,20 +4,18 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstddef>
 #include <cstring>
 
 namespace kvtool {
 
 namespace {
 
-constexpr char kMagic[12] = "searching..";  // with its NUL
-constexpr size_t kTypeOffset = 12;
-constexpr uint8_t kTypeSearch = 10;
-constexpr uint8_t kTypeReply = 11;
-constexpr size_t kSourceAddressOffset = 16;
-constexpr size_t kSourceAddressSize = 16;
-constexpr size_t kSourceMacOffset = 32;
-constexpr size_t kSourceMacSize = 18;
+using Request = kv::DiscoveryRequest;
+using Wire = kv::DiscoveryReply;
+using Platform = kv::DiscoveryPlatform;
+
+constexpr size_t kPlatform = offsetof(Wire, platform);
 
 struct TextField {
     const char* name;
@@ -26,16 +24,18 @@ struct TextField {
     std::string DiscoveryReply::*member;
 };
 constexpr TextField kTextFields[] = {
-    {"IP address", 24, 16, &DiscoveryReply::ip},
-    {"netmask", 40, 16, &DiscoveryReply::netmask},
-    {"gateway", 56, 16, &DiscoveryReply::gateway},
-    {"DNS server", 72, 32, &DiscoveryReply::dns},
-    {"MAC address", 104, 36, &DiscoveryReply::mac},
-    {"kind", 144, 96, &DiscoveryReply::kind},
-    {"device type", 292 + 12, 80, &DiscoveryReply::device_type},
-    {"firmware version", 292 + 92, 64, &DiscoveryReply::firmware},
-    {"P2P serial number", 292 + 156, 32, &DiscoveryReply::p2p_serial},
-    {"account name", 480, 32, &DiscoveryReply::account},
+    {"IP address", offsetof(Wire, ipAddress), 16, &DiscoveryReply::ip},
+    {"netmask", offsetof(Wire, netmask), 16, &DiscoveryReply::netmask},
+    {"gateway", offsetof(Wire, gateway), 16, &DiscoveryReply::gateway},
+    {"DNS server", offsetof(Wire, dnsServer), 32, &DiscoveryReply::dns},
+    {"MAC address", offsetof(Wire, macAddress), 36, &DiscoveryReply::mac},
+    {"kind", offsetof(Wire, kind), 96, &DiscoveryReply::kind},
+    {"device type", kPlatform + offsetof(Platform, ucDevType), 80, &DiscoveryReply::device_type},
+    {"firmware version", kPlatform + offsetof(Platform, ucFirmwareVersion), 64,
+     &DiscoveryReply::firmware},
+    {"P2P serial number", kPlatform + offsetof(Platform, ucP2pSerialNum), 32,
+     &DiscoveryReply::p2p_serial},
+    {"account name", offsetof(Wire, account), 32, &DiscoveryReply::account},
 };
 
 struct PortField {
@@ -44,9 +44,9 @@ struct PortField {
     uint16_t DiscoveryReply::*member;
 };
 constexpr PortField kPortFields[] = {
-    {"command port", 240, &DiscoveryReply::command_port},
-    {"RTSP port", 244, &DiscoveryReply::rtsp_port},
-    {"HTTP port", 256, &DiscoveryReply::http_port},
+    {"command port", offsetof(Wire, commandPort), &DiscoveryReply::command_port},
+    {"RTSP port", offsetof(Wire, word244), &DiscoveryReply::rtsp_port},
+    {"HTTP port", offsetof(Wire, word256), &DiscoveryReply::http_port},
 };
 
 bool IsIpv4(const std::string& text) {
@@ -94,12 +94,12 @@ std::string AddressFault(const DiscoveryReply& reply) {
 std::array<uint8_t, kSearchSize> SearchRequest(const std::string& source_address,
                                                const std::string& source_mac) {
     std::array<uint8_t, kSearchSize> request{};
-    memcpy(request.data(), kMagic, sizeof kMagic);
-    request[kTypeOffset] = kTypeSearch;
-    memcpy(request.data() + kSourceAddressOffset, source_address.data(),
-           std::min(source_address.size(), kSourceAddressSize - 1));
-    memcpy(request.data() + kSourceMacOffset, source_mac.data(),
-           std::min(source_mac.size(), kSourceMacSize - 1));
+    memcpy(request.data(), kv::kDiscoveryMagic, sizeof kv::kDiscoveryMagic);
+    request[offsetof(Request, type)] = kv::kDiscoverySearch;
+    memcpy(request.data() + offsetof(Request, sourceAddress), source_address.data(),
+           std::min(source_address.size(), sizeof(Request::sourceAddress) - 1));
+    memcpy(request.data() + offsetof(Request, sourceMac), source_mac.data(),
+           std::min(source_mac.size(), sizeof(Request::sourceMac) - 1));
     return request;
 }
 
@@ -107,11 +107,11 @@ std::string ParseDiscoveryReply(const uint8_t* data, size_t size, DiscoveryReply
     if (size != kDiscoveryReplySize) {
         return "wrong size (" + std::to_string(size) + " bytes)";
     }
-    if (memcmp(data, kMagic, sizeof kMagic) != 0) {
+    if (memcmp(data, kv::kDiscoveryMagic, sizeof kv::kDiscoveryMagic) != 0) {
         return "wrong magic";
     }
-    if (data[kTypeOffset] != kTypeReply) {
-        return "wrong type (" + std::to_string(data[kTypeOffset]) + ")";
+    if (data[offsetof(Wire, type)] != kv::kDiscoveryFound) {
+        return "wrong type (" + std::to_string(data[offsetof(Wire, type)]) + ")";
     }
     DiscoveryReply parsed;
     for (const TextField& field : kTextFields) {

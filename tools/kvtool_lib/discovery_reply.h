@@ -6,12 +6,13 @@
 #include <cstdint>
 #include <string>
 
+#include "mini/kv_mini_discovery_frame.h"
 #include "tools/kvtool_lib/text.h"
 
 namespace kvtool {
 
-constexpr size_t kSearchSize = 50;
-constexpr size_t kDiscoveryReplySize = 544;
+constexpr size_t kSearchSize = sizeof(kv::DiscoveryRequest);
+constexpr size_t kDiscoveryReplySize = sizeof(kv::DiscoveryReply);
 
 // A search request; the device only traces the two texts.
 std::array<uint8_t, kSearchSize> SearchRequest(const std::string& source_address,

@@ -19,10 +19,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include "common/kv_platform.h"
 #include "common/kv_raii.h"
+#include "common/kv_time.h"
 
 namespace {
 
@@ -48,12 +48,6 @@ bool Is(const Mode& mode, const char* word) {
     return strcmp(mode.word, word) == 0;
 }
 
-time_t Now() {
-    struct timespec now = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec;
-}
-
 void SendBeat(int socket, bool ready) {
     struct sockaddr_in supervisor = {};
     supervisor.sin_family = AF_INET;
@@ -71,7 +65,7 @@ void SendBeat(int socket, bool ready) {
 
 int main() {
     const UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const time_t started = Now();
+    const int64_t started = kv::MonotonicSeconds();
     for (;;) {
         const Mode mode = ReadMode();
         if (Is(mode, "never")) {
@@ -80,7 +74,7 @@ int main() {
         if (Is(mode, "crash")) {
             abort();
         }
-        const bool late = Is(mode, "late") && Now() - started < mode.seconds;
+        const bool late = Is(mode, "late") && kv::MonotonicSeconds() - started < mode.seconds;
         if (!Is(mode, "silent") && !late) {
             SendBeat(socket.Get(), !Is(mode, "not-ready"));
         }

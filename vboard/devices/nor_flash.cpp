@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 
 namespace vboard {
@@ -20,21 +21,24 @@ constexpr size_t kChunk = 4096;
     throw std::runtime_error("flash file " + file + ": " + why);
 }
 
-bool WriteAt(int fd, uint64_t offset, const void* data, size_t length) {
-    const auto* bytes = static_cast<const uint8_t*>(data);
-    while (length > 0) {
-        const ssize_t n = pwrite(fd, bytes, length, static_cast<off_t>(offset));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
+// Goes on with what `step` left over of `length` bytes; false when it fails or comes to an end.
+bool Whole(size_t length, const std::function<ssize_t(size_t done)>& step) {
+    size_t done = 0;
+    while (done < length) {
+        const ssize_t n = step(done);
+        if (n == 0 || (n < 0 && errno != EINTR)) {
             return false;
         }
-        bytes += n;
-        offset += static_cast<uint64_t>(n);
-        length -= static_cast<size_t>(n);
+        done += n > 0 ? static_cast<size_t>(n) : 0;
     }
     return true;
+}
+
+bool WriteAt(int fd, uint64_t offset, const void* data, size_t length) {
+    const auto* const bytes = static_cast<const uint8_t*>(data);
+    return Whole(length, [&](size_t done) {
+        return pwrite(fd, bytes + done, length - done, static_cast<off_t>(offset + done));
+    });
 }
 
 bool FillErased(int fd, uint64_t offset, uint64_t length) {
@@ -92,20 +96,10 @@ NorFlash::NorFlash(const std::string& file, uint64_t size, uint32_t eraseBlock)
 }
 
 bool NorFlash::Load(uint64_t offset, void* data, size_t length) const {
-    auto* bytes = static_cast<uint8_t*>(data);
-    while (length > 0) {
-        const ssize_t n = pread(file_.Get(), bytes, length, static_cast<off_t>(offset));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        bytes += n;
-        offset += static_cast<uint64_t>(n);
-        length -= static_cast<size_t>(n);
-    }
-    return true;
+    auto* const bytes = static_cast<uint8_t*>(data);
+    return Whole(length, [&](size_t done) {
+        return pread(file_.Get(), bytes + done, length - done, static_cast<off_t>(offset + done));
+    });
 }
 
 bool NorFlash::Store(uint64_t offset, const void* data, size_t length) {

@@ -1,4 +1,4 @@
-// Time as the Wi-Fi module counts it: the monotonic clock and pauses of one second.
+// The monotonic clock and sleeps that signals do not cut short. Any thread.
 #pragma once
 
 #include <cerrno>
@@ -7,22 +7,21 @@
 
 namespace kv {
 
+// Milliseconds since some moment before the program; not set back or forth with the wall clock.
 inline int64_t MonotonicMilliseconds() {
     struct timespec now {};
     (void)clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Whole seconds, cut and not rounded.
+// The same in whole seconds, cut and not rounded.
 inline int64_t MonotonicSeconds() {
     return MonotonicMilliseconds() / 1000;
 }
 
-// Sleeps one second; a signal that lands on this thread does not cut it short.
-inline void SleepOneSecond() {
-    struct timespec left {
-        1, 0
-    };
+// Blocks the calling thread for the whole time, even when a signal lands on it.
+inline void SleepMilliseconds(int64_t milliseconds) {
+    struct timespec left = {milliseconds / 1000, milliseconds % 1000 * 1000000};
     while (nanosleep(&left, &left) != 0 && errno == EINTR) {
     }
 }

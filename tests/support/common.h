@@ -1,0 +1,121 @@
+// What nearly every test uses: texts, files, a folder of its own, and bounded waiting.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kv_test {
+
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+using Lines = std::vector<std::string>;
+
+constexpr double kPatienceSeconds = 30;
+
+// The file's bytes; none when there is no such file.
+inline std::string ReadFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline void WriteFile(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+inline bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+inline size_t CountOf(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+// Whether `parts` stand in `text` in this order.
+inline testing::AssertionResult InOrder(const std::string& text, const Lines& parts) {
+    size_t at = 0;
+    for (const std::string& part : parts) {
+        at = text.find(part, at);
+        if (at == std::string::npos) {
+            return testing::AssertionFailure() << "no '" << part << "' at its place in:\n" << text;
+        }
+        at += part.size();
+    }
+    return testing::AssertionSuccess();
+}
+
+// True as soon as `holds` does; false after the time-out.
+inline bool WaitUntil(const std::function<bool()>& holds,
+                      double timeoutSeconds = kPatienceSeconds) {
+    const auto end = Clock::now() + std::chrono::duration<double>(timeoutSeconds);
+    while (!holds()) {
+        if (Clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(milliseconds(2));
+    }
+    return true;
+}
+
+inline double SecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+struct CommandResult {
+    int status;  // exit status, or 128 + signal
+    std::string output;
+};
+
+// Runs a shell command with both its streams captured.
+inline CommandResult Run(const std::string& command) {
+    FILE* const pipe = popen(("exec 2>&1; " + command).c_str(), "re");
+    CommandResult result = {-1, ""};
+    for (int byte = 0; pipe != nullptr && (byte = fgetc(pipe)) != EOF;) {
+        result.output += static_cast<char>(byte);
+    }
+    const int status = pipe != nullptr ? pclose(pipe) : -1;
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+}
+
+// The same for a command that must succeed.
+inline std::string Shell(const std::string& command) {
+    const CommandResult result = Run(command);
+    EXPECT_EQ(result.status, 0) << command << "\n" << result.output;
+    return result.output;
+}
+
+// A new folder that goes with its object.
+class Folder {
+  public:
+    Folder() { EXPECT_NE(mkdtemp(path_.data()), nullptr) << strerror(errno); }
+    ~Folder() { std::filesystem::remove_all(path_); }
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+    const std::string& Path() const { return path_; }
+    std::string Path(const std::string& name) const { return path_ + "/" + name; }
+
+  private:
+    std::string path_ = "/tmp/kv-test-XXXXXX";
+};
+
+}  // namespace kv_test
