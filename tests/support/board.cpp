@@ -219,6 +219,27 @@ std::map<std::string, long> Board::Sleeps() {
     return sleeps;
 }
 
+void Board::ExpectRest(const std::map<std::string, SleepRow>& rows,
+                       const std::function<void()>& meanwhile) {
+    constexpr double kLoopRate = kLoopsRest ? 0 : 10.5;
+    const std::map<std::string, long> before = Sleeps();
+    const auto start = Clock::now();
+    meanwhile();
+    const std::map<std::string, long> after = Sleeps();
+    const double seconds = SecondsSince(start);
+    for (const auto& [name, count] : after) {
+        const auto row = rows.find(name);
+        double most = row != rows.end() ? row->second.rate * seconds + row->second.slack : 0;
+        if (name == "upgradeMain") {
+            most += kLoopRate * seconds;
+        } else if (name == "__KV_HV_LoopPro") {
+            most += 4 * kLoopRate * seconds;
+        }
+        ASSERT_EQ(before.count(name), 1U) << name << " was not there before";
+        EXPECT_LE(static_cast<double>(count - before.at(name)), most) << name;
+    }
+}
+
 pid_t Board::ProgramPid() {
     return Status().at("program").at("hostPid").get<pid_t>();
 }

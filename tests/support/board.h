@@ -16,6 +16,14 @@ constexpr char kBoardAddress[] = "192.168.10.2";
 // Runs a program of the host with standard output and error captured; bounded by `timeoutSeconds`.
 CommandResult RunCommand(const Lines& command, int timeoutSeconds = 60);
 
+// An installed libhv's loops wake ten times a second, and hardly rest when they cannot accept. The
+// bundled ones do not.
+#ifdef KV_HV_SYSTEM
+constexpr bool kLoopsRest = false;
+#else
+constexpr bool kLoopsRest = true;
+#endif
+
 // Where the programs under test are.
 std::string BinDir();
 
@@ -74,8 +82,15 @@ class Board {
     bool WaitFeeds(uint64_t feeds);
     uint64_t Feeds() { return Status().at("watchdog").at("feeds"); }
     bool Armed() { return Status().at("watchdog").at("armed"); }
-    // How often each thread of the program has gone to sleep so far.
-    std::map<std::string, long> Sleeps();
+    // Watches the program's threads while `meanwhile` runs, and fails the test for each one that
+    // went to sleep more often than its row tells: `rate` times a second and `slack` times more;
+    // for one without a row, more than never.
+    struct SleepRow {
+        double rate;
+        double slack;
+    };
+    void ExpectRest(const std::map<std::string, SleepRow>& rows,
+                    const std::function<void()>& meanwhile);
     // Process id of the program, as this process sees it.
     pid_t ProgramPid();
     void Signal(int signal);
@@ -86,6 +101,7 @@ class Board {
     std::string Flash(const std::string& mtd) const;
 
   private:
+    std::map<std::string, long> Sleeps();
     bool Wait(Lines words, int boot, int timeoutSeconds);
 
     kv_test::Folder folder_;

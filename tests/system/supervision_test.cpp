@@ -281,6 +281,17 @@ TEST(Monitor, WhatCountsAsAHeartbeat) {
         "  DEBUG upgrade_main:__KV_cameraMainProcessHandle:204 \033[mProcess cameraMain online\n"));
 }
 
+TEST(Monitor, WithABeatingApplicationItRests) {
+    Board board;
+    board.InstallApplication();
+    board.Start({"--no-wifi"});
+    ASSERT_TRUE(board.WaitTrace("Process cameraMain online"));
+    // A feed, which waits for the driver's answer, and a beat each second; a check every three. The
+    // time is what is measured.
+    board.ExpectRest({{"__KV_FH_WDT_Pro", {2, 4}}, {"upgradeMain", {1 + 1.0 / 3, 2}}},
+                     [] { std::this_thread::sleep_for(std::chrono::seconds(10)); });
+}
+
 namespace {
 
 class ResetButton : public testing::Test {
