@@ -1,26 +1,12 @@
 #!/bin/bash
-# image.sh OUT PROGRAM...: makes what the emulated board boots, in the folder OUT: kernel, device tree (board.dtb) and
-# root file system (initramfs). Each PROGRAM is put into /sbin. Packages come from the cache; a filled cache needs no network.
+# image.sh OUT PROGRAMS: makes what the emulated board boots, in the folder OUT: kernel, device tree (board.dtb) and
+# root file system (initramfs). PROGRAMS is a folder with static/upgradeMain and dynamic/upgradeMain. Packages come from the
+# cache; a filled cache needs no network.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
-packages_helper=$here/../scripts/armhf_packages.sh
 out=$1
-shift
-
-words() { sed 's/#.*//' "$1"; }
-
-fetch_packages() { # sets: packages (unpacked), version (the kernel's)
-    local names kernel_file
-    eval "$("$packages_helper" env)"
-    mapfile -t names < <(words "$here/packages.txt" | xargs -n 1)
-    kernel_file=$("$packages_helper" fetch linux-image-armmp)
-    names+=("$(dpkg-deb -f "$kernel_file" Depends | sed 's/ .*//')")
-    packages=$KV_CACHE/board-packages
-    "$packages_helper" unpack "$packages" "${names[@]}"
-    version=$(basename "$packages"/boot/vmlinuz-*)
-    version=${version#vmlinuz-}
-}
+programs=$2
 
 # The packages' files in one /usr, as a merged Debian has them: programs, and the libraries without plug-ins.
 install_packages() { # ROOT
@@ -38,7 +24,7 @@ install_modules() { # ROOT
     local modules=$1/usr/lib/board-modules number=100 verb file
     mkdir -p "$modules"
     depmod -b "$packages" "$version"
-    words "$here/modules.txt" | xargs modprobe -d "$packages" -S "$version" --show-depends -a |
+    sed 's/#.*//' "$here/modules.txt" | xargs modprobe -d "$packages" -S "$version" --show-depends -a |
         awk '!seen[$0]++' |
         while read -r verb file _; do
             [ "$verb" = insmod ] || continue
@@ -47,22 +33,21 @@ install_modules() { # ROOT
         done
 }
 
-make_root() { # ROOT PROGRAM...
+make_root() { # ROOT
     local root=$1
-    shift
     install_packages "$root"
     install_modules "$root"
     cp -r "$here/rootfs/." "$root/"
     ln -s ../usr/bin/busybox "$root/sbin/init"
     ln -s usr/bin/busybox "$root/init"
-    cp "$@" "$root/usr/sbin/"
+    cp -r "$programs" "$root/usr/lib/supervisor"
 }
 
 mkdir -p "$out"
 work=$(mktemp -d "$out/image-XXXXXX")
 trap 'rm -rf "$work"' EXIT
-fetch_packages
-make_root "$work" "$@"
+read -r packages version <<<"$("$here/packages.sh")"
+make_root "$work"
 (cd "$work" && find . | cpio --quiet -o -H newc -R 0:0) >"$out/initramfs"
-cp "$packages/boot/vmlinuz-$version" "$out/kernel"
+"$here/kernel_image.py" "$packages/boot/vmlinuz-$version" "$out/kernel"
 "$here/device_tree.sh" "$packages/usr/lib/linux-image-$version/aspeed-ast2600-evb.dtb" "$out/board.dtb"

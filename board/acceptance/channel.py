@@ -10,6 +10,7 @@ class Failure(Exception):
 
 
 ESCAPES = re.compile(r"\x1b\[[0-9;]*m|\r")
+CUT_ESCAPE = re.compile(r"\x1b(\[[0-9;]*)?$")
 
 
 class Channel:
@@ -28,10 +29,14 @@ class Channel:
         threading.Thread(target=self._collect, name=name, daemon=True).start()
 
     def _collect(self):
+        rest = ""
         try:
             while data := self._stream.read1(65536):
+                text = rest + data.decode("utf-8", "replace")
+                cut = CUT_ESCAPE.search(text)
+                text, rest = (text[:cut.start()], cut[0]) if cut else (text, "")
                 with self._changed:
-                    self._text += ESCAPES.sub("", data.decode("utf-8", "replace"))
+                    self._text += ESCAPES.sub("", text)
                     self._changed.notify_all()
         except OSError:
             pass  # A killed emulator's connection may end in a reset instead of an end of file.

@@ -10,63 +10,67 @@ import time
 from channel import Channel, Failure
 
 BOOT_TIMEOUT = 90
-BUTTON = ("/machine/soc/gpio", "gpioD2")  # line 26, active low
+BUTTON = {"path": "/machine/soc/gpio", "property": "gpioD2"}  # line 26; low is pressed
 KERNEL_ARGUMENTS = "console=ttyS4,115200n8 earlycon=uart8250,mmio32,0x1e784000 mem=160M panic=3 quiet"
 
 
 class Qmp:
-    """QEMU's control connection: commands with their answers, and events with the time at which they came."""
+    """QEMU's control connection: commands with their answers, and a callback for each event."""
 
     def __init__(self, connection, on_event):
         self._connection = connection
-        self._lines = connection.makefile("rb")
         self._on_event = on_event
-        self._answers = []
+        self._answers = {}
+        self._last_id = 0
         self._ended = False
         self._changed = threading.Condition()
-        threading.Thread(target=self._collect, name="qmp", daemon=True).start()
+        threading.Thread(target=self._collect, args=[connection.makefile("rb")], name="qmp", daemon=True).start()
 
-    def _collect(self):
+    def _collect(self, lines):
         try:
-            for line in self._lines:
+            for line in lines:
                 message = json.loads(line)
                 if "event" in message:
                     self._on_event(message["event"])
-                elif "QMP" not in message:
+                elif "id" in message:
                     with self._changed:
-                        self._answers.append(message)
+                        self._answers[message["id"]] = message
                         self._changed.notify_all()
         except OSError:
-            pass
+            pass  # A killed emulator's connection may end in a reset instead of an end of file.
         with self._changed:
             self._ended = True
             self._changed.notify_all()
 
-    def send(self, execute, **arguments):
-        self._connection.sendall(json.dumps({"execute": execute, "arguments": arguments}).encode() + b"\n")
+    def send(self, execute, arguments):
+        """Does not wait for the answer, so the event callback may call it. Gives the command's number."""
+        with self._changed:
+            self._last_id += 1
+            number = self._last_id
+            message = {"execute": execute, "arguments": arguments, "id": number}
+            self._connection.sendall(json.dumps(message).encode() + b"\n")
+        return number
 
     def command(self, execute, **arguments):
-        """Not from the event callback: the answer would have to be read by the thread that waits for it."""
-        self.send(execute, **arguments)
+        number = self.send(execute, arguments)
         with self._changed:
-            if not self._changed.wait_for(lambda: self._answers or self._ended, 30) or not self._answers:
-                raise Failure(f"QEMU does not answer {execute}")
-            answer = self._answers.pop(0)
+            self._changed.wait_for(lambda: number in self._answers or self._ended, 30)
+            answer = self._answers.pop(number, {"error": {"desc": "no answer"}})
         if "error" in answer:
-            raise Failure(f"QEMU refuses {execute}: {answer['error']['desc']}")
+            raise Failure(f"QEMU: {execute}: {answer['error']['desc']}")
         return answer["return"]
 
 
 class Machine:
     """Boots at construction. kill() cuts the power; the flash file stays and another Machine may boot from it."""
 
-    def __init__(self, image, flash, terminal=False):
+    def __init__(self, image, flash, program, terminal=False):
         self._resets = []  # of (time, whether the watchdog did it)
         self._watchdog = False
         self._changed = threading.Condition()
         bench, bench_there = socket.socketpair()
         qmp, qmp_there = socket.socketpair()
-        command = self._command(image, flash, bench_there.fileno(), qmp_there.fileno(), terminal)
+        command = self._command(image, flash, program, bench_there.fileno(), qmp_there.fileno(), terminal)
         # If this program is killed, the emulator goes with it.
         self.process = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", *command],
@@ -87,11 +91,11 @@ class Machine:
         self._qmp.command("cont")
 
     @staticmethod
-    def _command(image, flash, bench, qmp, terminal):
+    def _command(image, flash, program, bench, qmp, terminal):
         return [
             "qemu-system-arm", "-M", "ast2600-evb,fmc-model=s25fl129p1", "-m", "256", "-nodefaults", "-S",
             "-display", "none", "-kernel", f"{image}/kernel", "-dtb", f"{image}/board.dtb",
-            "-initrd", f"{image}/initramfs", "-append", KERNEL_ARGUMENTS,
+            "-initrd", f"{image}/initramfs", "-append", f"{KERNEL_ARGUMENTS} program={program}",
             "-drive", f"file={flash},if=mtd,format=raw", "-watchdog-action", "reset",
             "-chardev", f"stdio,id=console,mux={'on' if terminal else 'off'}", "-serial", "chardev:console",
             *(["-mon", "chardev=console"] if terminal else []),
@@ -113,15 +117,41 @@ class Machine:
             if name == "WATCHDOG":
                 self._watchdog = True
             elif name == "RESET":
-                # A released button's line is pulled up; the emulated chip forgets its inputs in a reset.
-                self._qmp_release_button()
+                # The emulated chip forgets its inputs in a reset; a real line has a pull-up.
+                self._qmp.send("qom-set", BUTTON | {"value": True})
                 self._boot_begin = self._bench.position()
                 self._resets.append((time.monotonic(), self._watchdog))
                 self._watchdog = False
             self._changed.notify_all()
 
-    def _qmp_release_button(self):
-        pass
-
     def press_button(self, pressed):
-        self._qmp.command("qom-set", path=BUTTON[0], property=BUTTON[1], value=not pressed)
+        self._qmp.command("qom-set", **BUTTON, value=not pressed)
+
+    def reset_count(self):
+        with self._changed:
+            return len(self._resets)
+
+    def wait_reset(self, count, timeout):
+        """Waits for the count-th reset of this machine's life; its time on the monotonic clock."""
+        with self._changed:
+            if not self._changed.wait_for(lambda: len(self._resets) >= count, timeout):
+                raise Failure(f"no reset within {timeout:g} s")
+            return self._resets[count - 1][0]
+
+    def wait_boot(self):
+        """Waits until the platform's start-up of the present boot is through and the bench line answers."""
+        self._bench.wait("^bench shell\n", BOOT_TIMEOUT, self._boot_begin)
+
+    def run(self, command, timeout=20):
+        """Runs one line of shell on the board; its output. Failure if its status is not 0."""
+        sent = self._bench.position()
+        self._bench_socket.sendall(command.encode() + b"\n")
+        answer = self._bench.wait("\x1e([0-9]+)\n", timeout, sent)
+        output = self._bench.since(sent)[:answer.start() - sent]
+        if answer[1] != "0":
+            raise Failure(f"on the board: {command}: status {answer[1]}: {output.strip()}")
+        return output
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
