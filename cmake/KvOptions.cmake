@@ -5,6 +5,13 @@ target_include_directories(kv_options INTERFACE "${PROJECT_SOURCE_DIR}")
 target_compile_options(kv_options INTERFACE -Wall -Wextra -Wshadow -Wconversion -Werror
                                             -Wno-unused-result)
 
+# Files of any size also where a long has 32 bits. Not 64-bit times with it: libevent's records hold times, and Debian's
+# libevent has the 32-bit ones there.
+target_compile_definitions(kv_options INTERFACE _FILE_OFFSET_BITS=64)
+
+# The device program throws nothing.
+set(KV_DAEMON_FLAGS -fno-exceptions -fno-rtti)
+
 if(KV_SANITIZE)
     target_compile_options(kv_options INTERFACE "-fsanitize=${KV_SANITIZE}" -fno-omit-frame-pointer
                                                 -fno-sanitize-recover=all)
@@ -17,18 +24,24 @@ if(KV_HARDEN)
     target_compile_options(kv_options INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2
                                                 -fstack-protector-strong -ffunction-sections
                                                 -fdata-sections)
-    target_link_options(kv_options INTERFACE -pie -Wl,-z,relro,-z,now -Wl,--gc-sections
-                                             -Wl,--as-needed)
+    target_link_options(kv_options INTERFACE -Wl,-z,relro,-z,now -Wl,--gc-sections -Wl,--as-needed)
+    # Nothing unwinds the device program, so it needs neither the tables nor the library for it.
+    list(APPEND KV_DAEMON_FLAGS -fno-unwind-tables -fno-asynchronous-unwind-tables)
 endif()
 
+# Debian has no start file for a static program at a random address on armhf.
 if(KV_STATIC)
     set(CMAKE_FIND_LIBRARY_SUFFIXES .a)
+    set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
     target_link_options(kv_options INTERFACE -static)
+elseif(KV_HARDEN)
+    target_link_options(kv_options INTERFACE -pie)
 endif()
 
 # kv_module(NAME [SOURCES...] [LINK targets...]): one daemon module library.
 function(kv_module name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
     add_library(${name} STATIC ${ARG_SOURCES})
+    target_compile_options(${name} PRIVATE ${KV_DAEMON_FLAGS})
     target_link_libraries(${name} PUBLIC ${ARG_LINK} kv_options Threads::Threads)
 endfunction()

@@ -1,0 +1,76 @@
+// Address look-up of the static program: numeric IPv4 addresses, the only ones that it gives to the
+// ping library.
+//
+// libevent and liboping refer to the C library's look-up. That one loads modules at run time from a
+// system that has another version of the C library, and it would be an eighth of the program.
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+extern "C" {
+
+int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** result) {
+    struct Entry {
+        addrinfo info;
+        sockaddr_in address;
+    };
+    in_addr numeric{};
+    if (name == nullptr || service != nullptr || inet_pton(AF_INET, name, &numeric) != 1) {
+        return EAI_NONAME;
+    }
+    auto* entry = static_cast<Entry*>(calloc(1, sizeof(Entry)));
+    if (entry == nullptr) {
+        return EAI_MEMORY;
+    }
+    entry->address.sin_family = AF_INET;
+    entry->address.sin_addr = numeric;
+    entry->info.ai_family = AF_INET;
+    entry->info.ai_socktype = hints != nullptr ? hints->ai_socktype : 0;
+    entry->info.ai_protocol = hints != nullptr ? hints->ai_protocol : 0;
+    entry->info.ai_addrlen = sizeof(entry->address);
+    entry->info.ai_addr = reinterpret_cast<sockaddr*>(&entry->address);
+    *result = &entry->info;
+    return 0;
+}
+
+void freeaddrinfo(addrinfo* entry) {
+    free(entry);
+}
+
+const char* gai_strerror(int /*error*/) {
+    return "not a numeric address";
+}
+
+// What nothing in the program reaches.
+
+int getnameinfo(const sockaddr* /*address*/, socklen_t /*length*/, char* /*host*/,
+                socklen_t /*hostSize*/, char* /*service*/, socklen_t /*serviceSize*/,
+                int /*flags*/) {
+    return EAI_FAIL;
+}
+
+protoent* getprotobynumber(int /*number*/) {
+    return nullptr;
+}
+
+servent* getservbyname(const char* /*name*/, const char* /*protocol*/) {
+    return nullptr;
+}
+
+unsigned if_nametoindex(const char* /*name*/) {
+    return 0;
+}
+
+int getifaddrs(ifaddrs** /*list*/) {
+    errno = ENOSYS;
+    return -1;
+}
+
+void freeifaddrs(ifaddrs* /*list*/) {}
+
+}  // extern "C"
