@@ -9,8 +9,8 @@ from channel import Failure
 REBOOT_MARKER = "/param/var/miniserver_reboot"
 DEBUG_MARKER = "/param/miniserver.debug"
 WATCHDOG_SECONDS = 30
-# Without a driver's own rounding the reset comes on the second; the rest is the emulator's share of a busy machine.
-WATCHDOG_SLACK = 3
+# For the time that the emulator needs to notice on a busy PC.
+WATCHDOG_SLACK = 5
 
 
 def life_story(board, report, firmware):
@@ -96,15 +96,17 @@ def _starve(board, report):
         resets, begin = machine.reset_count(), board.since
         machine.run(f"kill -STOP {figures.SUPERVISOR}")
         stopped = time.monotonic()
-        took = machine.wait_reset(resets + 1, WATCHDOG_SECONDS + WATCHDOG_SLACK) - stopped
+        took = machine.wait_reset(resets + 1, 2 * WATCHDOG_SECONDS) - stopped
+        if not WATCHDOG_SECONDS - WATCHDOG_SLACK < took < WATCHDOG_SECONDS + WATCHDOG_SLACK:
+            raise Failure(f"the watchdog struck {took:.1f} s after the program was stopped")
         board.never_saw("feeding the dog", begin)
         board.never_saw("reboot", begin)
-        details.append(f"reset {took:.1f} s after the program was stopped")
+        details.append(f"the watchdog struck {took:.1f} s after the program was stopped")
     with report.step(board, "the debug marker survived the reset: recovery once, marker gone, application installed"):
         machine.wait_boot()
         board.see(f"^# rm {DEBUG_MARKER}$", 10)
-        machine.run(f"test ! -e {DEBUG_MARKER} && test -x /opt/app/bin/cameraMain")
         board.see("LoopPoolInit Init Success!", 10)
+        machine.run(f"test ! -e {DEBUG_MARKER} && test -x /opt/app/bin/cameraMain")
 
 
 def accident_story(board, report, firmware):
