@@ -16,7 +16,10 @@ from board import Board
 from firmware import Firmware
 from machine import Machine
 from report import Report
-from stories import accident_story, life_story
+from stories import accident_story, button_story, life_story
+
+# The program of each board, and what happens to the board.
+BOARDS = {"A": ("static", life_story), "B": ("dynamic", accident_story), "C": ("static", button_story)}
 
 
 def tell(story, board, report, firmware, others):
@@ -30,11 +33,10 @@ def tell(story, board, report, firmware, others):
 
 def run(options, folder):
     report = Report()
-    boards = [Board(name, program, options.image, options.kvtool, folder)
-              for name, program in (("A", "static"), ("B", "dynamic"))]
+    boards = [Board(name, program, options.image, options.kvtool, folder) for name, (program, _) in BOARDS.items()]
     firmware = Firmware(folder / "firmware", options.kvtool, options.application, seed=1)
-    stories = [threading.Thread(target=tell, args=[story, board, report, firmware, boards], daemon=True)
-               for story, board in zip((life_story, accident_story), boards)]
+    stories = [threading.Thread(target=tell, args=[BOARDS[board.name][1], board, report, firmware, boards], daemon=True)
+               for board in boards]
     try:
         for story in stories:
             story.start()

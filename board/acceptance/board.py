@@ -15,7 +15,7 @@ class Board:
 
     def __init__(self, name, program, image, kvtool, folder):
         self.name = name
-        self._program = program
+        self.program = program
         self.flash = folder / f"{name}.nor"
         self.machine = None
         self.since = 0  # position in the console where the present step began
@@ -25,7 +25,7 @@ class Board:
 
     def power_on(self):
         self.since = 0
-        self.machine = Machine(self._image, self.flash, self._program)
+        self.machine = Machine(self._image, self.flash, self.program)
 
     def power_off(self):
         if self.machine:

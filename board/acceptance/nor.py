@@ -31,3 +31,10 @@ def read(path, *names):
     """The contents of partitions, one behind the other."""
     data = path.read_bytes()
     return b"".join(data[start:start + size] for start, size in (LAYOUT[name] for name in names))
+
+
+def write(path, name, data):
+    """Programs an erased partition, as a programmer in a factory does."""
+    with open(path, "r+b") as chip:
+        chip.seek(LAYOUT[name][0])
+        chip.write(data)
