@@ -3,8 +3,8 @@
 JOBS ?= $(shell expr 2 \* $$(nproc))
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build arm tests-build demo demo-ladder bench bench-discovery board board-shell test unit lint format \
-        sanitize clean
+.PHONY: help setup build arm size tests-build demo demo-ladder bench bench-discovery board board-shell test unit \
+        lint format sanitize clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
@@ -17,6 +17,9 @@ build: setup ## Build the device program and the PC tools into build/bin
 
 arm: setup ## Build the device program for ARM, dynamic and static, into build/arm
 	@scripts/build_arm.sh
+
+size: build ## Show what takes the space in the device program; fails when it grew (UPDATE=1 writes the figures)
+	@scripts/size.sh $(if $(UPDATE),--update)
 
 tests-build: build
 	@scripts/build.sh dev

@@ -26,6 +26,7 @@ if(KV_HARDEN)
                                                 -fdata-sections)
     target_link_options(kv_options INTERFACE -Wl,-z,relro,-z,now -Wl,--gc-sections -Wl,--as-needed)
     # Nothing unwinds the device program, so it needs neither the tables nor the library for it.
+    set(KV_DAEMON_LINK_FLAGS -static-libgcc)
     list(APPEND KV_DAEMON_FLAGS -fno-unwind-tables -fno-asynchronous-unwind-tables)
 endif()
 

@@ -1,18 +1,18 @@
 # Debian's armhf (ARMv7, hard float) from Debian's cross compiler, on the sysroot that
-# scripts/arm_sysroot.sh fills.
+# scripts/arm_sysroot.sh names and, when it is missing, fetches.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 
-if(DEFINED ENV{KV_CACHE})
-    set(KV_SYSROOT "$ENV{KV_CACHE}/armhf-sysroot")
-elseif(DEFINED ENV{XDG_CACHE_HOME})
-    set(KV_SYSROOT "$ENV{XDG_CACHE_HOME}/upgrademain/armhf-sysroot")
-else()
-    set(KV_SYSROOT "$ENV{HOME}/.cache/upgrademain/armhf-sysroot")
+# The checks of the compiler read this file again, with the sysroot handed down.
+if(NOT KV_SYSROOT)
+    execute_process(COMMAND "${CMAKE_CURRENT_LIST_DIR}/../scripts/arm_sysroot.sh"
+                    OUTPUT_VARIABLE KV_SYSROOT OUTPUT_STRIP_TRAILING_WHITESPACE
+                    RESULT_VARIABLE KV_SYSROOT_RESULT)
+    if(NOT KV_SYSROOT_RESULT EQUAL 0)
+        message(FATAL_ERROR "scripts/arm_sysroot.sh could not get the ARM libraries.")
+    endif()
 endif()
-if(NOT EXISTS "${KV_SYSROOT}/.packages")
-    message(FATAL_ERROR "No sysroot in ${KV_SYSROOT}: run scripts/arm_sysroot.sh.")
-endif()
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KV_SYSROOT)
 
 set(CMAKE_SYSROOT "${KV_SYSROOT}")
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)

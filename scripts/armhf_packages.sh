@@ -9,6 +9,7 @@
 # Only the named packages are fetched, not what they depend on. A package that is there is not looked for again, so a
 # filled cache needs no network; remove the cache for newer ones. KV_CACHE names the cache.
 set -euo pipefail
+shopt -s inherit_errexit
 
 cache=${KV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/upgrademain}
 packages=$cache/armhf-packages
@@ -44,7 +45,7 @@ file_of() { # PACKAGE: its file in the cache, or nothing
 }
 
 fetch_missing() { # PACKAGE...
-    local package missing=()
+    local package uris missing=()
     for package in "$@"; do
         [ -n "$(file_of "$package")" ] || missing+=("$package")
     done
@@ -53,10 +54,10 @@ fetch_missing() { # PACKAGE...
     prepare_apt
     echo "armhf_packages: reading the package lists of armhf (about 10 MB the first time)" >&2
     quiet_apt update || echo "armhf_packages: some lists are missing; trying with those that are there" >&2
+    uris=$(apt-get download --print-uris "${missing[@]}") || die "not to be had: ${missing[*]}"
+    awk '{ bytes += $3 } END { printf "armhf_packages: downloading %d packages, %.1f MB\n", NR, bytes / 1e6 }' <<<"$uris" >&2
     (
         cd "$apt/cache/archives/partial"
-        apt-get download --print-uris "${missing[@]}" |
-            awk '{ bytes += $3 } END { printf "armhf_packages: downloading %d packages, %.1f MB\n", NR, bytes / 1e6 }' >&2
         quiet_apt download "${missing[@]}" || die "not downloaded: ${missing[*]}"
         mv -- *.deb "$packages/"
     )
