@@ -97,7 +97,7 @@ class Machine:
             "-display", "none", "-kernel", f"{image}/kernel", "-dtb", f"{image}/board.dtb",
             "-initrd", f"{image}/initramfs", "-append", f"{KERNEL_ARGUMENTS} program={program}",
             "-drive", f"file={flash},if=mtd,format=raw", "-watchdog-action", "reset",
-            "-chardev", f"stdio,id=console,mux={'on' if terminal else 'off'}", "-serial", "chardev:console",
+            "-chardev", f"stdio,id=console,mux={'on' if terminal else 'off'},signal=off", "-serial", "chardev:console",
             *(["-mon", "chardev=console"] if terminal else []),
             "-chardev", f"socket,id=bench,fd={bench}", "-serial", "chardev:bench",
             "-chardev", f"socket,id=qmp,fd={qmp}", "-mon", "chardev=qmp,mode=control",
