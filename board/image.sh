@@ -7,6 +7,7 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 out=$1
 programs=$2
+PATH=$PATH:/usr/sbin:/sbin # depmod and modprobe, for an ordinary user
 
 # The packages' files in one /usr, as a merged Debian has them: programs, and the libraries without plug-ins.
 install_packages() { # ROOT

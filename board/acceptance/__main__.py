@@ -1,7 +1,7 @@
 """Boots emulated boards and tries the program on them: see docs/board.md.
 
-acceptance run IMAGE KVTOOL APPLICATION     the whole acceptance
-acceptance shell IMAGE                      a person on the console of one board
+acceptance run IMAGE KVTOOL APPLICATION [A|B|C...]   the acceptance, on all boards or some
+acceptance shell IMAGE                               a person on the console of one board
 """
 
 import argparse
@@ -25,15 +25,16 @@ BOARDS = {"A": ("static", life_story), "B": ("dynamic", accident_story), "C": ("
 def tell(story, board, report, firmware, others):
     try:
         story(board, report, firmware)
-    except Exception:  # pylint: disable=broad-except # printed by the step; here it only ends the other story
+    except Exception:  # pylint: disable=broad-except # printed by the step; here it only ends the other stories
         report.failed = True
         for other in others:
-            other.power_off()
+            other.abandon()
 
 
 def run(options, folder):
     report = Report()
-    boards = [Board(name, program, options.image, options.kvtool, folder) for name, (program, _) in BOARDS.items()]
+    boards = [Board(name, program, options.image, options.kvtool, folder)
+              for name, (program, _) in BOARDS.items() if name in (options.boards or BOARDS)]
     firmware = Firmware(folder / "firmware", options.kvtool, options.application, seed=1)
     stories = [threading.Thread(target=tell, args=[BOARDS[board.name][1], board, report, firmware, boards], daemon=True)
                for board in boards]
@@ -43,8 +44,9 @@ def run(options, folder):
         for story in stories:
             story.join()
     finally:
+        report.close()
         for board in boards:
-            board.power_off()
+            board.abandon()
     print(f"total: {report.total():.1f} s")
     print("Not real on this board: erasing takes no time, and the kernel is not booted from flash.")
     return 1 if report.failed else 0
@@ -68,7 +70,10 @@ def main():
         if name == "run":
             command.add_argument("kvtool", type=pathlib.Path)
             command.add_argument("application", type=pathlib.Path)
+            command.add_argument("boards", nargs="*", metavar="BOARD", help=f"of {', '.join(BOARDS)}; all unless named")
     options = parser.parse_args()
+    if options.command == "run" and not set(options.boards) <= set(BOARDS):
+        parser.error("no such board")
     # A termination must end in the same clean-up as an interruption from the keyboard.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     sys.stdout.reconfigure(line_buffering=True)

@@ -19,17 +19,25 @@ class Board:
         self.flash = folder / f"{name}.nor"
         self.machine = None
         self.since = 0  # position in the console where the present step began
+        self._abandoned = False
         self._image = image
         self._kvtool = kvtool
         nor.create(self.flash)
 
     def power_on(self):
+        if self._abandoned:
+            raise Failure("abandoned")
         self.since = 0
         self.machine = Machine(self._image, self.flash, self.program)
 
     def power_off(self):
         if self.machine:
             self.machine.kill()
+
+    def abandon(self):
+        """Switches off for good; from any thread."""
+        self._abandoned = True
+        self.power_off()
 
     def see(self, pattern, timeout=30):
         """Waits for a line of the present step; further waits look behind it."""

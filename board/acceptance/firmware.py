@@ -28,7 +28,8 @@ class Firmware:
         (root / "bin/cameraMain").write_bytes(application.read_bytes())
         (root / "bin/cameraMain").chmod(0o755)
         (root / "data").write_bytes(noise.randbytes(FILLER["app"]))
-        _run("mksquashfs", root, self.images["app"], "-quiet", "-no-progress", "-all-root")
+        _run("mksquashfs", root, self.images["app"], "-quiet", "-no-progress", "-all-root", "-mkfs-time", "0",
+             "-all-time", "0")
         _run(kvtool, "pack", "-o", self.package, *(f"{name}={image}" for name, image in self.images.items()))
 
     def compare(self, flash):

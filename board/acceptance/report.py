@@ -10,6 +10,7 @@ CONSOLE_LINES = 60
 class Report:
     def __init__(self):
         self.failed = False
+        self._closed = False
         self.began = time.monotonic()
         self._lock = threading.Lock()
 
@@ -30,13 +31,18 @@ class Report:
 
     def _print_failure(self, board, title, failure):
         with self._lock:
-            if self.failed:
-                return  # The other board's step failed because everything is being stopped.
+            if self.failed or self._closed:
+                return  # Another board's step, cut short because everything is being stopped.
             self.failed = True
             print(f"{board.name}  FAILED     {title}\n{failure}")
             if board.machine:
                 print(f"--- the last {CONSOLE_LINES} lines of board {board.name}'s console:")
                 print("\n".join(board.machine.console.since(0).splitlines()[-CONSOLE_LINES:]))
+
+    def close(self):
+        """What fails from now on fails because the boards are switched off."""
+        with self._lock:
+            self._closed = True
 
     def total(self):
         return time.monotonic() - self.began
