@@ -7,9 +7,6 @@ cp "$1" "$2"
 dtb=$2
 partitions=/ahb/spi@1e620000/flash@0/partitions
 
-# Memory set aside for video does not fit beside a camera's 144 MiB: the kernel would fail to allocate at boot.
-fdtput -r "$dtb" /reserved-memory
-
 # The bench talks to the board over the first serial line.
 fdtput -t s "$dtb" /ahb/apb/serial@1e783000 status okay
 

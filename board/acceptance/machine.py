@@ -11,9 +11,8 @@ from channel import Channel, Failure
 
 BOOT_TIMEOUT = 90
 BUTTON = {"path": "/machine/soc/gpio", "property": "gpioD2"}  # line 26; low is pressed
-# Memory ends where the kernel's own allocations at boot still find room behind the root file system. Testing the ciphers
-# would take a fifth of each boot.
-KERNEL_ARGUMENTS = "console=ttyS4,115200n8 earlycon=uart8250,mmio32,0x1e784000 mem=160M panic=3 quiet cryptomgr.notests"
+# Testing the ciphers would take a fifth of each boot.
+KERNEL_ARGUMENTS = "console=ttyS4,115200n8 earlycon=uart8250,mmio32,0x1e784000 panic=3 quiet cryptomgr.notests"
 
 
 class Qmp:
@@ -73,7 +72,7 @@ class Machine:
         bench, bench_there = socket.socketpair()
         qmp, qmp_there = socket.socketpair()
         command = self._command(image, flash, program, bench_there.fileno(), qmp_there.fileno(), terminal)
-        # If this program is killed, the emulator goes with it.
+        # The emulator goes with the thread that starts it, so also when this program is killed.
         self.process = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", *command],
             pass_fds=(bench_there.fileno(), qmp_there.fileno()),
@@ -87,10 +86,14 @@ class Machine:
         self._bench = Channel(bench.makefile("rb"), "bench line")
         self._boot_begin = 0
         self._qmp = Qmp(qmp, self._event)
-        self._qmp.command("qmp_capabilities")
-        self.press_button(False)
-        self.tcp_port, self.udp_port = self._ports()
-        self._qmp.command("cont")
+        try:
+            self._qmp.command("qmp_capabilities")
+            self.press_button(False)
+            self.tcp_port, self.udp_port = self._ports()
+            self._qmp.command("cont")
+        except Failure:
+            self.kill()
+            raise
 
     @staticmethod
     def _command(image, flash, program, bench, qmp, terminal):
