@@ -19,7 +19,7 @@ from report import Report
 from stories import accident_story, button_story, life_story
 
 # The program of each board, and what happens to the board.
-BOARDS = {"A": ("static", life_story), "B": ("dynamic", accident_story), "C": ("static", button_story)}
+BOARDS = {"A": ("static", life_story), "B": ("static", accident_story), "C": ("dynamic", button_story)}
 
 
 def tell(story, board, report, firmware, others):

@@ -68,16 +68,19 @@ def _starve(board, report):
         board.never_saw("reboot", begin)
         details.append(f"the watchdog struck {took:.1f} s after the program was stopped")
     with report.step(board, "the debug marker survived the reset: recovery once, marker gone, application installed"):
-        machine.wait_boot()
-        board.see(f"^# rm {DEBUG_MARKER}$", 10)
-        board.see("LoopPoolInit Init Success!", 10)
-        machine.run(f"test ! -e {DEBUG_MARKER} && test -x /opt/app/bin/cameraMain")
+        _recover_by_marker(board)
+
+
+def _recover_by_marker(board):
+    board.machine.wait_boot()
+    board.see(f"^# rm {DEBUG_MARKER}$", 10)
+    board.see("LoopPoolInit Init Success!", 10)
+    board.machine.run(f"test ! -e {DEBUG_MARKER} && test -x /opt/app/bin/cameraMain")
 
 
 def accident_story(board, report, firmware):
     """The access point goes away; the power goes away in the middle of an upgrade."""
     _recover(board, report)
-    _show_figures(board, report, "recovery")
     _lose_access_point(board, report)
     _cut_power(board, report, firmware)
 
@@ -118,6 +121,15 @@ def button_story(board, report, firmware):
         board.boot_into_application()
     disarmed = _disarm(board, report)
     _hold_button(board, report, disarmed)
+    _show_figures(board, report, "normal")
+    with report.step(board, "the debug marker and a reboot: recovery, joined"):
+        resets = board.machine.reset_count()
+        # A second later, so that the bench line can still answer.
+        board.machine.run(f"touch {DEBUG_MARKER}; (sleep 1; reboot) &")
+        board.machine.wait_reset(resets + 1, 30)
+        _recover_by_marker(board)
+        board.join_network()
+    _show_figures(board, report, "recovery")
 
 
 def _disarm(board, report):
