@@ -4,8 +4,8 @@ JOBS ?= $(shell expr 2 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build arm size tests-build demo demo-ladder bench bench-discovery test unit lint format \
-        sanitize packaging-check install clean
+.PHONY: help setup build arm size tests-build demo demo-ladder bench bench-discovery board board-shell test unit \
+        lint format sanitize packaging-check install clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
@@ -36,6 +36,12 @@ bench: build ## Measure an upload against socat on the same virtual link
 
 bench-discovery: build ## Compare the rate of discovery answers with a bare UDP echo's
 	@scripts/bench_discovery.sh
+
+board: build ## Try the program on an emulated ARM board with a real kernel (3 minutes; docs/board.md)
+	@scripts/board.sh run
+
+board-shell: build ## Sit at that board's console
+	@scripts/board.sh shell
 
 test: tests-build ## Run all unit and system tests
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS)

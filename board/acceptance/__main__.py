@@ -1,0 +1,85 @@
+"""Boots emulated boards and tries the program on them: see docs/board.md.
+
+acceptance run IMAGE KVTOOL APPLICATION [A|B|C...]   the acceptance, on all boards or some
+acceptance shell IMAGE                               a person on the console of one board
+"""
+
+import argparse
+import pathlib
+import signal
+import sys
+import tempfile
+import threading
+
+import nor
+from board import Board
+from firmware import Firmware
+from machine import Machine
+from report import Report
+from stories import accident_story, button_story, life_story
+
+# The program of each board, and what happens to the board.
+BOARDS = {"A": ("static", life_story), "B": ("static", accident_story), "C": ("dynamic", button_story)}
+
+
+def tell(story, board, report, firmware, others):
+    try:
+        story(board, report, firmware)
+    except Exception:  # pylint: disable=broad-except # printed by the step; here it only ends the other stories
+        report.failed = True
+        for other in others:
+            other.abandon()
+
+
+def run(options, folder):
+    report = Report()
+    boards = [Board(name, program, options.image, options.kvtool, folder)
+              for name, (program, _) in BOARDS.items() if name in (options.boards or BOARDS)]
+    firmware = Firmware(folder / "firmware", options.kvtool, options.application, seed=1)
+    stories = [threading.Thread(target=tell, args=[BOARDS[board.name][1], board, report, firmware, boards], daemon=True)
+               for board in boards]
+    try:
+        for story in stories:
+            story.start()
+        for story in stories:
+            story.join()
+    finally:
+        report.close()
+        for board in boards:
+            board.abandon()
+    print(f"total: {report.total():.1f} s")
+    print("Not real on this board: erasing takes no time, and the kernel is not booted from flash.")
+    return 1 if report.failed else 0
+
+
+def shell(options, folder):
+    print("board: a camera's console; the program runs. Ctrl-A X switches the board off, Enter gives a shell.")
+    flash = folder / "shell.nor"
+    nor.create(flash)
+    machine = Machine(options.image, flash, "static", terminal=True)
+    print(f"board: on this PC, commands: 127.0.0.1 TCP {machine.tcp_port}, search: 127.0.0.1 UDP {machine.udp_port}")
+    return machine.process.wait()
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="acceptance")
+    commands = parser.add_subparsers(dest="command", required=True)
+    for name in ("run", "shell"):
+        command = commands.add_parser(name)
+        command.add_argument("image", type=pathlib.Path)
+        if name == "run":
+            command.add_argument("kvtool", type=pathlib.Path)
+            command.add_argument("application", type=pathlib.Path)
+            command.add_argument("boards", nargs="*", metavar="BOARD", help=f"of {', '.join(BOARDS)}; all unless named")
+    options = parser.parse_args()
+    if options.command == "run" and not set(options.boards) <= set(BOARDS):
+        parser.error("no such board")
+    # A termination must end in the same clean-up as an interruption from the keyboard.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+    sys.stdout.reconfigure(line_buffering=True)
+    with tempfile.TemporaryDirectory(prefix="kv-board-") as folder:
+        return {"run": run, "shell": shell}[options.command](options, pathlib.Path(folder))
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,68 @@
+"""Text from a running board that can be waited for."""
+
+import re
+import threading
+import time
+
+
+class Failure(Exception):
+    """A step did not see what it must see."""
+
+
+ESCAPES = re.compile(r"\x1b\[[0-9;]*m|\r")
+CUT_ESCAPE = re.compile(r"\x1b(\[[0-9;]*)?$")
+
+
+class Channel:
+    """Collects what a file object gives, on a thread of its own; others wait for patterns in it.
+
+    A position is a count of characters from the beginning. What was before the position that a waiter names does not
+    count for it, so an old line is not taken for a new one.
+    """
+
+    def __init__(self, stream, name):
+        self.name = name
+        self._stream = stream
+        self._text = ""
+        self._ended = False
+        self._changed = threading.Condition()
+        threading.Thread(target=self._collect, name=name, daemon=True).start()
+
+    def _collect(self):
+        rest = ""
+        try:
+            while data := self._stream.read1(65536):
+                text = rest + data.decode("utf-8", "replace")
+                cut = CUT_ESCAPE.search(text)
+                text, rest = (text[:cut.start()], cut[0]) if cut else (text, "")
+                with self._changed:
+                    self._text += ESCAPES.sub("", text)
+                    self._changed.notify_all()
+        except OSError:
+            pass  # A killed emulator's connection may end in a reset instead of an end of file.
+        with self._changed:
+            self._ended = True
+            self._changed.notify_all()
+
+    def position(self):
+        with self._changed:
+            return len(self._text)
+
+    def since(self, position):
+        with self._changed:
+            return self._text[position:]
+
+    def wait(self, pattern, timeout, since):
+        """The first match of the pattern behind the position; Failure after the time-out, in seconds."""
+        expression = re.compile(pattern, re.MULTILINE)
+        deadline = time.monotonic() + timeout
+        with self._changed:
+            while True:
+                found = expression.search(self._text, since)
+                if found:
+                    return found
+                left = deadline - time.monotonic()
+                if self._ended or left <= 0:
+                    why = "the emulator ended" if self._ended else f"not within {timeout:g} s"
+                    raise Failure(f"{self.name}: not seen: {pattern} ({why})")
+                self._changed.wait(left)

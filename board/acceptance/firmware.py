@@ -1,0 +1,54 @@
+"""Firmware images, the package that carries them, and whether flash holds them."""
+
+import hashlib
+import random
+import subprocess
+
+import nor
+from channel import Failure
+
+CHUNK = 65536
+PLACES = {"uboot": ["boot0", "boot1", "boot2"], "kernel": ["kernel"], "rootfs": ["rootfs"], "app": ["app"]}
+# Sizes that end in the middle of a chunk; the boot loader reaches into its third partition.
+FILLER = {"uboot": 350_000, "kernel": 1_800_001, "rootfs": 1_500_000, "app": 700_000}
+
+
+class Firmware:
+    """Different seeds give different images, so that the new firmware can be told from the old."""
+
+    def __init__(self, folder, kvtool, application, seed):
+        folder.mkdir()
+        self.package = folder / "firmware.FLS"
+        noise = random.Random(seed)
+        self.images = {name: folder / f"{name}.img" for name in PLACES}
+        for name in ("uboot", "kernel", "rootfs"):
+            self.images[name].write_bytes(noise.randbytes(FILLER[name]))
+        root = folder / "app"
+        (root / "bin").mkdir(parents=True)
+        (root / "bin/cameraMain").write_bytes(application.read_bytes())
+        (root / "bin/cameraMain").chmod(0o755)
+        (root / "data").write_bytes(noise.randbytes(FILLER["app"]))
+        _run("mksquashfs", root, self.images["app"], "-quiet", "-no-progress", "-all-root", "-mkfs-time", "0",
+             "-all-time", "0")
+        _run(kvtool, "pack", "-o", self.package, *(f"{name}={image}" for name, image in self.images.items()))
+
+    def compare(self, flash):
+        """One line of report for each image; Failure if a partition holds anything else."""
+        report = []
+        for name, image in self.images.items():
+            want = image.read_bytes()
+            have = nor.read(flash, *PLACES[name])
+            if have[:len(want)] != want:
+                raise Failure(f"{name}: flash does not hold the image")
+            # What follows an image in the package is written up to the end of the last chunk, nothing beyond.
+            end = -(-len(want) // CHUNK) * CHUNK
+            if have[end:].strip(nor.ERASED):
+                raise Failure(f"{name}: flash is not erased behind the image")
+            report.append(f"{name:7} {len(want):8} bytes, MD5 {hashlib.md5(want).hexdigest()}, same in flash")
+        return report
+
+
+def _run(*command):
+    result = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+    if result.returncode != 0:
+        raise Failure(f"{command[0]}: status {result.returncode}: {result.stdout}")

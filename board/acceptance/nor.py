@@ -1,0 +1,40 @@
+"""The file that holds the board's NOR flash."""
+
+import pathlib
+
+CHIP_BYTES = 16 << 20
+ERASED = b"\xff"
+
+
+def _layout():
+    """Name of each partition with its offset and size, in the order of mtd0, mtd1, …"""
+    layout, start = {}, 0
+    table = pathlib.Path(__file__).parent.parent / "partitions.txt"
+    for line in table.read_text(encoding="utf-8").splitlines():
+        words = line.split("#")[0].split()
+        if words:
+            size = int(words[1]) * 1024
+            layout[words[0]] = (start, size)
+            start += size
+    return layout
+
+
+LAYOUT = _layout()
+
+
+def create(path):
+    """An erased chip."""
+    path.write_bytes(ERASED * CHIP_BYTES)
+
+
+def read(path, *names):
+    """The contents of partitions, one behind the other."""
+    data = path.read_bytes()
+    return b"".join(data[start:start + size] for start, size in (LAYOUT[name] for name in names))
+
+
+def write(path, name, data):
+    """Programs an erased partition, as a programmer in a factory does."""
+    with open(path, "r+b") as chip:
+        chip.seek(LAYOUT[name][0])
+        chip.write(data)

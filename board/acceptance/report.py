@@ -1,0 +1,48 @@
+"""Prints each step when it is through, and the console of the one that fails."""
+
+import contextlib
+import threading
+import time
+
+CONSOLE_LINES = 60
+
+
+class Report:
+    def __init__(self):
+        self.failed = False
+        self._closed = False
+        self.began = time.monotonic()
+        self._lock = threading.Lock()
+
+    @contextlib.contextmanager
+    def step(self, board, title):
+        """Yields a list for lines of detail."""
+        began = time.monotonic()
+        details = []
+        try:
+            yield details
+        except Exception as failure:
+            self._print_failure(board, title, failure)
+            raise
+        with self._lock:
+            print(f"{board.name}  {time.monotonic() - began:6.1f} s  {title}")
+            for line in details:
+                print(f"             {line}")
+
+    def _print_failure(self, board, title, failure):
+        with self._lock:
+            if self.failed or self._closed:
+                return  # Another board's step, cut short because everything is being stopped.
+            self.failed = True
+            print(f"{board.name}  FAILED     {title}\n{failure}")
+            if board.machine:
+                print(f"--- the last {CONSOLE_LINES} lines of board {board.name}'s console:")
+                print("\n".join(board.machine.console.since(0).splitlines()[-CONSOLE_LINES:]))
+
+    def close(self):
+        """What fails from now on fails because the boards are switched off."""
+        with self._lock:
+            self._closed = True
+
+    def total(self):
+        return time.monotonic() - self.began

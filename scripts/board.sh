@@ -1,0 +1,30 @@
+#!/bin/sh
+# board.sh fetch | run [A|B|C...] | shell: the program on emulated ARM boards with a real kernel (docs/board.md).
+# fetch installs and downloads what the others need and builds nothing; the others do it too when it is missing.
+set -eu
+
+cd "$(dirname "$0")/.."
+cache=${KV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/upgrademain}
+out=$PWD/build/board
+
+if [ ! -d "$cache/board-packages" ]; then
+    echo "board: the first run fetches about 130 MB: an emulator and a cross compiler as packages of this system, and ARM"
+    echo "board: packages into $cache, where they stay for the next run"
+fi
+scripts/setup.sh packages-arm.txt
+scripts/setup.sh packages-board.txt
+scripts/arm_sysroot.sh >/dev/null
+board/packages.sh >/dev/null
+[ "$1" != fetch ] || exit 0
+
+command=$1
+shift
+scripts/build_arm.sh
+mkdir -p "$out"
+arm-linux-gnueabihf-g++ -std=c++17 -Os -static -s -I. -o "$out/cameraMain" vboard/app/camera_main.cpp
+board/image.sh "$out" build/arm
+case $command in
+    run) exec python3 -B board/acceptance run "$out" build/bin/kvtool "$out/cameraMain" "$@" ;;
+    shell) exec python3 -B board/acceptance shell "$out" ;;
+    *) echo "usage: board.sh fetch | run [A|B|C...] | shell" >&2 && exit 2 ;;
+esac
