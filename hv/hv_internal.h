@@ -97,7 +97,6 @@ struct hloop_s {
 
 // loop.cpp
 bool HvOnLoopThread(const hloop_t* loop);
-int64_t HvNowMs();
 // (Re)starts a timer event. Counts from this moment, not from when the callback in progress began.
 int HvStartTimer(hloop_t* loop, event* timer, uint32_t ms);
 

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "common/kv_raii.h"
+#include "common/kv_time.h"
 #include "hv_internal.h"
 
 namespace {
@@ -189,7 +190,7 @@ void hio_set_read_timeout(hio_t* io, int timeout_ms) {
     if (!io->assigned || io->closing || io->kind == HvKind::kListener) {
         return;
     }
-    io->lastArrivalMs = HvNowMs();
+    io->lastArrivalMs = kv::MonotonicMilliseconds();
     if (timeout_ms > 0) {
         (void)HvStartTimer(io->base.loop, &io->timerEvent, static_cast<uint32_t>(timeout_ms));
     } else {

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <ctime>
 #include <new>
 
 #include "hv_internal.h"
@@ -43,12 +42,6 @@ void StopOwnLoop(hevent_t* ev) {
 
 bool HvOnLoopThread(const hloop_t* loop) {
     return loop->runner.load(std::memory_order_acquire) == pthread_self();
-}
-
-int64_t HvNowMs() {
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 int HvStartTimer(hloop_t* loop, event* timer, uint32_t ms) {

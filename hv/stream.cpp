@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstring>
 
+#include "common/kv_time.h"
 #include "hv_internal.h"
 
 #define KV_TRACE_NAME "hv/stream"
@@ -77,7 +78,7 @@ void Receive(hio_t* io) {
         buffer[got] = '\0';
     }
     if (io->readTimeoutMs > 0) {
-        io->lastArrivalMs = HvNowMs();
+        io->lastArrivalMs = kv::MonotonicMilliseconds();
     }
     if (io->onRead != nullptr) {
         io->onRead(io, buffer, static_cast<int>(got));
@@ -197,7 +198,7 @@ void HvOnIoTimer(evutil_socket_t /*fd*/, short /*what*/, void* arg) {
         HvCloseNow(io);
     } else {
         // Arrivals only leave their time, so the timer may run out early; it then waits the rest.
-        const int64_t left = io->lastArrivalMs + io->readTimeoutMs - HvNowMs();
+        const int64_t left = io->lastArrivalMs + io->readTimeoutMs - kv::MonotonicMilliseconds();
         if (left > 0) {
             (void)HvStartTimer(loop, &io->timerEvent, static_cast<uint32_t>(left));
         } else {

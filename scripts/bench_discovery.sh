@@ -5,28 +5,19 @@
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
-bin=$PWD/build/bin
+# shellcheck source=scripts/on_board.bash
+. scripts/on_board.bash
 seconds=${1:-1}
 rounds=5
 goal=0.25
-work=$(mktemp -d "${TMPDIR:-/tmp}/kv-bench-XXXXXX")
 
-# shellcheck disable=SC2317 # called by the trap
-finish() {
-    # The echo ends with the board.
-    board stop 2>/dev/null || true
-    wait
-    rm -rf "$work"
-}
-trap finish EXIT
-
-board() { "$bin/vboard" --state "$work/board" "$@"; }
 ask() { board exec -- "$bin/udp_bench" ask 192.168.10.2 "$1" "$seconds" "$2"; }
 
 board run --quiet --no-wifi -- "$bin/upgradeMain" &
-board wait --boot 1 --log "app file not exist!"
+runner=$!
+await --boot 1 --log "app file not exist!"
 # The board sees its /param, not the build folder.
-cp "$bin/udp_bench" "$work/board/param/udp_bench"
+cp "$bin/udp_bench" "$state/param/udp_bench"
 board exec --board -- /param/udp_bench echo 7 &
 board exec --board -- timeout 10 sh -c 'until grep -q ":0007 " /proc/net/udp; do sleep 0.05; done'
 

@@ -4,21 +4,11 @@
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
-bin=$PWD/build/bin
+# shellcheck source=scripts/on_board.bash
+. scripts/on_board.bash
 sender=$PWD/scripts/bench_sender.py
-work=$(mktemp -d "${TMPDIR:-/tmp}/kv-bench-XXXXXX")
-state=$work/board
 rounds=${ROUNDS:-5}
-runner=
 
-# shellcheck disable=SC2317 # called by the trap
-finish() {
-    [ -z "$runner" ] || { kill "$runner" 2>/dev/null || true; wait "$runner" 2>/dev/null || true; }
-    rm -rf "$work"
-}
-trap finish EXIT
-
-board() { "$bin/vboard" --state "$state" "$@"; }
 median() { sort -n "$1" | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 cpu() { awk '{ sub(/.*\) /, ""); print $12, $13 }' "/proc/$program/stat"; }
 lines() { wc -l <"$state/boot-1/trace.log"; }

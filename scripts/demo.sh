@@ -3,39 +3,21 @@
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
-bin=$PWD/build/bin
-work=$(mktemp -d "${TMPDIR:-/tmp}/kv-demo-XXXXXX")
-state=$work/board
-runner=
+# shellcheck source=scripts/on_board.bash
+. scripts/on_board.bash
 
-# shellcheck disable=SC2317 # called by the trap
-finish() {
-    [ -z "$runner" ] || { kill "$runner" 2>/dev/null || true; wait "$runner" 2>/dev/null || true; }
-    rm -rf "$work"
-}
-trap finish EXIT
-
-board() { "$bin/vboard" --state "$state" "$@"; }
 now() { date +%s.%N; }
 seconds() { echo "$2 $1" | awk '{ printf "%.1f s", $1 - $2 }'; }
 phases=()
 begin() { printf '\n== %s\n' "$1"; phase=$1 began=$(now); }
 end() { phases+=("$(printf '%-62s %8s' "$phase" "$(seconds "$began" "$(now)")")"); }
-await() {
-    board wait --timeout 60 "$@" || {
-        echo "demo: not seen: $*; the board's last words:" >&2
-        board log | tail -20 >&2
-        exit 1
-    }
-}
 
 begin "Firmware images are made and packed"
-mkdir -p "$work/root/etc" "$work/app/bin"
+mkdir -p "$work/root/etc"
 echo "virtual camera" >"$work/root/etc/issue"
 head -c 1500000 /dev/urandom >"$work/root/library"
-cp "$bin/cameraMain" "$work/app/bin/cameraMain"
 mksquashfs "$work/root" "$work/rootfs.img" -quiet -no-progress -all-root
-mksquashfs "$work/app" "$work/app.img" -quiet -no-progress -all-root
+make_application
 head -c 1800000 /dev/urandom >"$work/kernel.img"
 head -c 300000 /dev/urandom >"$work/uboot.img"
 "$bin/kvtool" pack -o "$work/firmware.FLS" "uboot=$work/uboot.img" "kernel=$work/kernel.img" \

@@ -4,33 +4,14 @@
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
-bin=$PWD/build/bin
-work=$(mktemp -d "${TMPDIR:-/tmp}/kv-ladder-XXXXXX")
-state=$work/board
+# shellcheck source=scripts/on_board.bash
+. scripts/on_board.bash
 speed=20
-runner=
 
-# shellcheck disable=SC2317 # called by the trap
-finish() {
-    [ -z "$runner" ] || { kill "$runner" 2>/dev/null || true; wait "$runner" 2>/dev/null || true; }
-    rm -rf "$work"
-}
-trap finish EXIT
-
-board() { "$bin/vboard" --state "$state" "$@"; }
-await() {
-    board wait --timeout 60 "$@" || {
-        echo "demo-ladder: not seen: $*; the board's last words:" >&2
-        board log | tail -20 >&2
-        exit 1
-    }
-}
 say() { printf '\n== %s\n' "$1"; }
 
 say "A camera with its application, on a clock that runs $speed times as fast"
-mkdir -p "$work/app/bin"
-cp "$bin/cameraMain" "$work/app/bin/cameraMain"
-mksquashfs "$work/app" "$work/app.img" -quiet -no-progress -all-root
+make_application
 board flash write mtd5 "$work/app.img"
 board run --no-eth --speed "$speed" --quiet -- "$bin/upgradeMain" >"$work/runner.log" 2>&1 &
 runner=$!

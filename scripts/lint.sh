@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 echo "lint: clang-format"
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 echo "lint: shellcheck"
-git grep -lE '^#!/(usr/)?bin/(env )?(ba)?sh' -- . | xargs shellcheck
+{ git grep -lE '^#!/(usr/)?bin/(env )?(ba)?sh' -- . ; git ls-files "*.bash"; } | xargs shellcheck -x
 echo "lint: man pages"
 scripts/check_man.sh
 echo "lint: packaging"

@@ -1,0 +1,34 @@
+# For scripts that show or measure something on a virtual board of their own; they source this file in the repository's
+# folder. Gives $bin, the programs; $work, a folder that goes with the script; $state, the board's state in it; and the functions
+# below. Whoever starts `board run` in the background sets runner=$!.
+# shellcheck shell=bash
+
+bin=$PWD/build/bin
+work=$(mktemp -d "${TMPDIR:-/tmp}/kv-board-XXXXXX")
+state=$work/board
+runner=
+
+# shellcheck disable=SC2317 # called by the trap
+finish() {
+    [ -z "$runner" ] || { kill "$runner" 2>/dev/null || true; wait "$runner" 2>/dev/null || true; }
+    rm -rf "$work"
+}
+trap finish EXIT
+
+board() { "$bin/vboard" --state "$state" "$@"; }
+
+# Waits for what `board wait` knows; without it the script ends with the board's last words.
+await() {
+    board wait --timeout 60 "$@" || {
+        echo "$0: not seen: $*; the board's last words:" >&2
+        board log | tail -20 >&2
+        exit 1
+    }
+}
+
+# Makes $work/app.img, a file system with the stand-in application.
+make_application() {
+    mkdir -p "$work/app/bin"
+    cp "$bin/cameraMain" "$work/app/bin/cameraMain"
+    mksquashfs "$work/app" "$work/app.img" -quiet -no-progress -all-root
+}
