@@ -20,8 +20,8 @@ inline int64_t MonotonicSeconds() {
 }
 
 // Blocks the calling thread for the whole time, even when a signal lands on it.
-inline void SleepMilliseconds(int64_t milliseconds) {
-    struct timespec left = {milliseconds / 1000, milliseconds % 1000 * 1000000};
+inline void SleepMilliseconds(int milliseconds) {
+    struct timespec left = {milliseconds / 1000, milliseconds % 1000 * 1000000L};
     while (nanosleep(&left, &left) != 0 && errno == EINTR) {
     }
 }
