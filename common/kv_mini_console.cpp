@@ -81,12 +81,12 @@ const Command* FindCommand(const char* name) {
 }
 
 // Points `argv` into the message. False for a count that the vector cannot hold or an argument that
-// does not end inside the `size` bytes received.
-bool SplitArguments(Message* message, size_t size, char** argv) {
+// does not end inside the message. Behind what was received the message is zero.
+bool SplitArguments(Message* message, char** argv) {
     if (message->argc < 0 || message->argc > kMaxArguments) {
         return false;
     }
-    char* const end = reinterpret_cast<char*>(message) + size;
+    char* const end = message->arguments + sizeof(message->arguments);
     char* next = message->arguments;
     for (int i = 0; i < message->argc; ++i) {
         char* const nul =
@@ -101,8 +101,8 @@ bool SplitArguments(Message* message, size_t size, char** argv) {
     return true;
 }
 
-// Answers one message of `size` bytes. `remembered` is the last command that was named.
-void ServeMessage(Message* message, size_t size, const Command** remembered) {
+// Answers one message. `remembered` is the last command that was named.
+void ServeMessage(Message* message, const Command** remembered) {
     char name[kNameSize + 1] = {};
     memcpy(name, message->name, kNameSize);
     const Command* const named = FindCommand(name);
@@ -114,7 +114,7 @@ void ServeMessage(Message* message, size_t size, const Command** remembered) {
     char* argv[kMaxArguments] = {};
     if (*remembered == nullptr) {
         (void)snprintf(end, sizeof(reply) - strlen(reply), "No Such Command! try ''\n");
-    } else if (SplitArguments(message, size, argv)) {
+    } else if (SplitArguments(message, argv)) {
         // Kept: an unknown name repeats the last command, because developers use it as a shortcut.
         (void)(*remembered)->handler(message->argc, name, argv, end);
     }
@@ -146,11 +146,10 @@ void* __KV_Console_Proc(void* argument) {
         if (!WaitForMessage()) {
             continue;
         }
-        const ssize_t got = read(g_console.commandPipe, &message, sizeof(message));
-        if (got <= 0) {
+        if (read(g_console.commandPipe, &message, sizeof(message)) <= 0) {
             continue;
         }
-        ServeMessage(&message, static_cast<size_t>(got), &remembered);
+        ServeMessage(&message, &remembered);
         (void)usleep(10000);
     }
     return nullptr;

@@ -58,12 +58,6 @@ void* __KV_FH_WDT_Proc(void* argument) {
     return nullptr;
 }
 
-void WakeAndJoinFeeder() {
-    const uint64_t one = 1;
-    (void)write(g_keeper.wakeFd, &one, sizeof(one));
-    (void)pthread_join(g_keeper.thread, nullptr);
-}
-
 int SetRunning(int running) {
     const MutexGuard guard(&g_keeperLock);
     return g_running.exchange(running);
@@ -115,7 +109,9 @@ int KV_FH_WDT_Stop(void) {
     (void)ioctl(fd, WDIOC_SETOPTIONS, &option);
     (void)close(fd);
     if (SetRunning(0) != 0) {
-        WakeAndJoinFeeder();
+        // The feeder ends when its second is over: a stop is not in a hurry, and those who send a
+        // second signal to a process that ends find it there.
+        (void)pthread_join(g_keeper.thread, nullptr);
     }
     KV_DEBUG_AT(176, "Watchdog Stop successful");
     return 0;
@@ -130,7 +126,9 @@ int KV_FH_WDT_Reboot(void) {
     }
     g_running.store(0);
     (void)pthread_mutex_unlock(&g_keeperLock);
-    WakeAndJoinFeeder();
+    const uint64_t one = 1;
+    (void)write(g_keeper.wakeFd, &one, sizeof(one));
+    (void)pthread_join(g_keeper.thread, nullptr);
     KV_DEBUG_AT(105, "Wait for the watchdog to restart!");
     return 0;
 }

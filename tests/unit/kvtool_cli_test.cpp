@@ -158,7 +158,7 @@ TEST_F(KvtoolCli, WaitsForTheDeviceToAppear) {
                                "--no-follow", "127.0.0.1", Path("good")};
     std::thread appears([port, this] {
         EXPECT_TRUE(kv_test::WaitUntil(
-            [this] { return kv_test::Contains(ReadFile("/tmp/tool.out"), "not yet:"); }));
+            [] { return kv_test::Contains(kv_test::ReadFile("/tmp/tool.out"), "not yet:"); }));
         device_ = std::make_unique<fake::Device>(fake::Script{}, port);
     });
     EXPECT_EQ(RunTool(upgrade, "not yet:", ":"), 0);
