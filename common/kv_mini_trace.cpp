@@ -31,13 +31,15 @@ uint8_t g_sequence = 0;
 // Asked for once: the program runs others by spawning them, so no forked copy of it ever traces.
 pid_t g_pid = 0;
 
+// Kept: the last "/" is printed too, because those who search logs know the names by it.
 const char* PrintedName(const char* file) {
     const char* slash = strrchr(file, '/');
     return slash != nullptr ? slash : file;
 }
 
-// Builds one line in `slot`. The cut and the forced end are the same for every length: byte 510 is
-// always "\n", so a reader of the log never sees two records on one line.
+// Builds one line in `slot`. Kept: byte 510 is "\n" whatever the length, though an empty line then
+// follows one of 509 characters, because a reader of the log must never see two records on one
+// line.
 void FormatLine(char* slot, const char* colour, const char* word, const char* file, int line,
                 const char* function, const char* format, va_list values) {
     memset(slot, 0, kSlotSize);

@@ -10,10 +10,8 @@ namespace kv {
 // Identity, compiled in: shared by package acceptance, device information and discovery.
 constexpr char kIcType[] = "PRT7K";
 constexpr char kSensorType[] = "38QX";
-constexpr char kThirdCode[] = "QJT";
-constexpr char kFirmwareVersion[] = "1.0.0.241127_R1";
 constexpr char kModelCode[] = "ZH8C4";
-// "%s_%s_%s_V%s" of the four codes above.
+// "%s_%s_%s_V%s": the two types above, the customer's code, the firmware's version.
 constexpr char kDeviceName[] = "PRT7K_38QX_QJT_V1.0.0.241127_R1";
 
 // The camera application and the supervisor's own process name.

@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <cstdio>
 
-// Size of what cannot be queried. It compares greater than any image, so an unreadable device is
-// reported by the erase and not as an image that is too big.
+// Size of what cannot be queried. Kept: it compares greater than any image, because an unreadable
+// device is reported by the erase and not as an image that is too big.
 constexpr uint32_t kUnknownPartitionSize = 0xFFFFFFFF;
 
 // The whole procedure, started by SIGUSR2 on a thread of its own; the argument is not used. Blocks

@@ -54,8 +54,6 @@ struct hio_s {
     hread_cb onRead = nullptr;
     hclose_cb onClose = nullptr;
     void* context = nullptr;
-    char* readBuffer = nullptr;
-    size_t readSize = 0;
     evbuffer* output = nullptr;
     sockaddr_u local{};
     sockaddr_u peer{};

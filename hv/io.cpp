@@ -214,11 +214,6 @@ void* hio_context(hio_t* io) {
     return io->context;
 }
 
-void hio_set_readbuf(hio_t* io, void* buf, size_t len) {
-    io->readBuffer = len > 0 ? static_cast<char*>(buf) : nullptr;
-    io->readSize = len;
-}
-
 int hio_fd(hio_t* io) {
     return io->fd;
 }

@@ -57,13 +57,11 @@ void Accept(hio_t* listener) {
 // The byte behind the data is NUL, so text functions stay within what arrived. One read a wake-up:
 // the callback may close, move or re-equip the io, so nothing of it is touched afterwards.
 void Receive(hio_t* io) {
-    const bool own = io->readBuffer != nullptr;
-    char* buffer = own ? io->readBuffer : io->base.loop->readBuffer;
-    const size_t size = own ? io->readSize : kHvReadMax;
+    char* const buffer = io->base.loop->readBuffer;
     const bool datagram = io->kind == HvKind::kDatagram;
     socklen_t length = sizeof(io->peer);
-    const ssize_t got = datagram ? recvfrom(io->fd, buffer, size, 0, &io->peer.sa, &length)
-                                 : recv(io->fd, buffer, size, 0);
+    const ssize_t got = datagram ? recvfrom(io->fd, buffer, kHvReadMax, 0, &io->peer.sa, &length)
+                                 : recv(io->fd, buffer, kHvReadMax, 0);
     if (got < 0) {
         if (!datagram && !IsTransient(errno)) {
             HvCloseNow(io);
@@ -74,9 +72,7 @@ void Receive(hio_t* io) {
         (void)hio_close(io);
         return;
     }
-    if (!own || static_cast<size_t>(got) < size) {
-        buffer[got] = '\0';
-    }
+    buffer[got] = '\0';
     if (io->readTimeoutMs > 0) {
         io->lastArrivalMs = kv::MonotonicMilliseconds();
     }

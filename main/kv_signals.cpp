@@ -88,6 +88,7 @@ void* __KV_SIGNAL_Proc(void* argument) {
 int KV_SIGNAL_Install(const SignalRoute* routes, size_t count) {
     int ends[2];
     if (count > kMaxRoutes || pipe2(ends, O_CLOEXEC) != 0) {
+        KV_ERROR("signals are not handled:%s", strerror(errno));
         return -1;
     }
     // Only the handler's end: a full pipe must not hold up whatever thread the signal interrupted.

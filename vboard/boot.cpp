@@ -123,7 +123,7 @@ void Init::StartProgram() {
     command.newSession = true;
     program_ = Start(command);
     Say(std::string("started ") + kv::kSelfName);
-    Report({{"event", "started"}, {"name", kv::kSelfName}, {"pid", program_}});
+    Report({{"event", "started"}, {"pid", program_}});
 }
 
 void Init::StartApplication() {
@@ -147,7 +147,7 @@ void Init::Reap() {
                                     ? "was killed by signal " + std::to_string(WTERMSIG(status))
                                     : "ended with status " + std::to_string(WEXITSTATUS(status));
         Say(std::string(kv::kSelfName) + " " + how);
-        Report({{"event", "ended"}, {"name", kv::kSelfName}, {"code", ExitCode(status)}});
+        Report({{"event", "ended"}, {"code", ExitCode(status)}});
     }
 }
 

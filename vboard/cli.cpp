@@ -30,7 +30,6 @@ struct Cli {
     vboard::BoardOptions board;
     bool noEth = false;
     bool noWifi = false;
-    bool onBench = false;
     bool onBoard = false;
     std::vector<std::string> command;
     bool asJson = false;
@@ -103,8 +102,8 @@ struct Cli {
         CLI::App* const exec = Add(
             &app, "exec", "Run a command in the bench's network or on the board",
             [this](const StateDir& where) { exitStatus = vboard::Exec(where, onBoard, command); });
-        CLI::Option* const bench = exec->add_flag(
-            "--bench", onBench, "In the bench's network, the host's files (default)");
+        CLI::Option* const bench =
+            exec->add_flag("--bench", "In the bench's network, the host's files (default)");
         exec->add_flag("--board", onBoard, "On the board")->excludes(bench);
         exec->add_option("command", command, "The command, after --")->required();
     }

@@ -2,6 +2,12 @@
 
 import re
 
+from channel import Failure
+
+MOST_RESIDENT = 2048  # KiB
+MOST_ANONYMOUS = 512
+# As the kernel cuts their names. They have nothing to do while nobody asks.
+SLEEPERS = ("__KV_HV_LoopPro", "__KV_SIGNAL_Pro")
 SUPERVISOR = "$(pidof upgradeMain)"
 
 
@@ -26,8 +32,14 @@ def wakeups(machine, seconds=10):
 
 
 def report(machine):
+    """Lines for the report; Failure when a goal is missed."""
     resident, anonymous = memory(machine)
     seconds, threads = wakeups(machine)
+    if resident > MOST_RESIDENT or anonymous > MOST_ANONYMOUS:
+        raise Failure(f"{resident} KiB resident, {anonymous} KiB anonymous: more than {MOST_RESIDENT} and {MOST_ANONYMOUS}")
+    restless = [name for name, count in threads if count and name in SLEEPERS]
+    if restless:
+        raise Failure(f"woke without work: {', '.join(restless)}")
     return [f"memory: {resident} KiB resident, {anonymous} KiB of it anonymous",
             f"voluntary context switches in {seconds:.1f} s: {sum(count for _, count in threads)}",
             "  " + ", ".join(f"{name} {count}" for name, count in threads if count),

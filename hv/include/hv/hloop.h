@@ -91,9 +91,6 @@ void* hio_context(hio_t* io);
 // the io is attached to a loop; the io then belongs to that loop's thread. 0, or -1 with errno and
 // the io closed.
 int hio_read(hio_t* io);
-// Supplies the io's own read buffer; it must outlive the io. The callback then sees at most `len`
-// bytes, and no NUL behind them when all are used.
-void hio_set_readbuf(hio_t* io, void* buf, size_t len);
 // Sends now what the socket takes and queues the rest, up to 1 MiB. Returns the bytes that went out
 // now (0 with errno EAGAIN: all is queued), or -1 with errno, after which a connection is closed as
 // soon as the callback in progress is over. On a UDP io the bytes go, as one datagram, to the
