@@ -71,7 +71,7 @@ TEST(Protocol, IdleRecoveryRestsAndIsSmall) {
     // The time is what is measured. A feed waits for the driver's answer, the station looks for its
     // interface each second, the main thread for the application every three.
     board.ExpectRest(
-        {{"__KV_FH_WDT_Pro", {4, 4}}, {"__KV_WIFI_STA_H", {2, 2}}, {"upgradeMain", {1.0 / 3, 2}}},
+        {{"__KV_FH_WDT_Pro", {2, 4}}, {"__KV_WIFI_STA_H", {2, 2}}, {"upgradeMain", {1.0 / 3, 2}}},
         [] { std::this_thread::sleep_for(std::chrono::seconds(10)); });
     EXPECT_LT(CpuSeconds(program) - cpu, 0.1);
     std::smatch kib;

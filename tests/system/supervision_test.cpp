@@ -281,6 +281,46 @@ TEST(Monitor, WhatCountsAsAHeartbeat) {
         "  DEBUG upgrade_main:__KV_cameraMainProcessHandle:204 \033[mProcess cameraMain online\n"));
 }
 
+TEST(Monitor, TellsOfEachFaultOfAnApplication) {
+    const char* const online = "Process cameraMain online\n";
+    const char* const offline = "Process [cameraMain] offline\n";
+    const struct {
+        Lines mode;
+        Lines told;
+        const char* laterMode;
+        const char* toldLater;
+        const char* never;   // never told
+        const char* status;  // of a further one in the end, cut off with 124
+    } rows[] = {
+        {{"late", "15"}, {offline, online}, "beat", online, "# startapp.sh", "124\n"},
+        {{"not-ready"}, {online}, "not-ready", online, offline, "124\n"},
+        {{"beat"}, {online}, "crash", offline, "# startapp.sh", "134\n"},
+        {{"never"}, {offline}, "never", offline, online, "1\n"},
+    };
+    Board board;
+    board.InstallApplication();
+    int boot = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.mode[0] + ", " + row.laterMode);
+        Lines mode = row.mode;
+        mode.insert(mode.begin(), "app");
+        (void)board.Do(mode);
+        if (++boot == 1) {
+            board.Start({"--no-wifi", "--speed", "5"});
+        } else {
+            (void)board.Do({"reset"});
+        }
+        EXPECT_TRUE(WaitUntil([&] { return InOrder(board.Trace(boot), row.told); }));
+        (void)board.Do({"app", row.laterMode});
+        const size_t before = board.Trace(boot).size();
+        EXPECT_TRUE(
+            WaitUntil([&] { return Contains(board.Trace(boot).substr(before), row.toldLater); }));
+        EXPECT_FALSE(Contains(board.Trace(boot) + board.Console(boot), row.never));
+        const std::string further = "timeout 1 /opt/app/bin/cameraMain 2>/dev/null; echo $?";
+        EXPECT_EQ(board.OnBoard(further).output, row.status);
+    }
+}
+
 TEST(Monitor, WithABeatingApplicationItRests) {
     Board board;
     board.InstallApplication();
@@ -345,6 +385,8 @@ TEST_F(ResetButton, TenSamplesResetAlsoWithTheLineGone) {
          {"var/a", "var/miniserver_reboot", "x.debug.y", "wpa_supplicant.conf", "kept"}) {
         WriteFile(board_.Path("param/") + name, "");
     }
+    // What is written there outlives the boot.
+    (void)board_.OnBoard("mount --bind /param/kept /proc/sys/vm/drop_caches");
     Line("0\n");
     Counted(3, 1);
     // The line's last value counts from here on.
@@ -362,6 +404,7 @@ TEST_F(ResetButton, TenSamplesResetAlsoWithTheLineGone) {
     }
     std::sort(left.begin(), left.end());
     EXPECT_EQ(left, (Lines{"kept", "var"}));
+    EXPECT_EQ(ReadFile(board_.Path("param/kept")), "1\n");
     // Its commands are not echoed.
     EXPECT_TRUE(board_.Echoes().empty());
 }

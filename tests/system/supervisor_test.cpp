@@ -87,16 +87,25 @@ TEST(Supervisor, WatchdogFailuresAtStart) {
     const struct {
         Lines fault;
         const char* line;
+        bool open;
+        bool fed;
     } rows[] = {
         {{"watchdog", "open", "--errno", "EBUSY"},
          "FAILED kv_fullhan_watdog:KV_FH_WDT_Start:119 \033[mOpen Watchdog KeepAlive Fail: Device "
-         "or resource busy\n"},
+         "or resource busy\n",
+         false,
+         false},
+        // It is armed and stays open: whoever cannot feed it is reset by it.
         {{"watchdog", "ioctl", "--errno", "EINVAL"},
          "FAILED kv_fullhan_watdog:KV_FH_WDT_Start:123 \033[mSet Watchdog TimeOut Fail: Invalid "
-         "argument\n"},
+         "argument\n",
+         true,
+         false},
         {{"watchdog", "ioctl", "--errno", "EIO", "--skip", "3"},
          " ERROR kv_fullhan_watdog:__KV_FH_WDT_Keepalive:39 \033[mSet Watchdog KeepAlive Fail: "
-         "Input/output error\n"},
+         "Input/output error\n",
+         true,
+         true},
     };
     int boot = 1;
     for (const auto& row : rows) {
@@ -105,9 +114,20 @@ TEST(Supervisor, WatchdogFailuresAtStart) {
         ++boot;
         ASSERT_TRUE(board.WaitRecovery(boot));
         EXPECT_TRUE(board.WaitTrace(row.line, boot)) << board.Trace(boot);
+        EXPECT_EQ(board.Status().at("watchdog").at("open"), row.open);
+        EXPECT_EQ(board.Armed(), row.open);
     }
     // A failed feed did not stop the feeding.
     EXPECT_TRUE(board.WaitFeeds(2));
+    std::map<int, int> feeds;
+    for (const auto& operation : board.Operations()) {
+        feeds[operation.at("boot")] += operation.at("op") == "ioctl:KEEPALIVE" ? 1 : 0;
+    }
+    boot = 1;
+    for (const auto& row : rows) {
+        ++boot;
+        EXPECT_EQ(feeds[boot] > 0, row.fed) << row.line;
+    }
 }
 
 TEST(Supervisor, StoppedProgramIsResetByTheWatchdog) {
@@ -130,6 +150,12 @@ TEST(Supervisor, FedWhileTheLogBlocks) {
             break;
         }
     }
+    // Answers stop with the log.
+    const TcpClient asker = board.Client();
+    ASSERT_TRUE(WaitUntil([&] { return asker.Send(Frame(6)) && asker.Receive(32, 1000).empty(); }));
     EXPECT_TRUE(board.WaitFeeds(4));
+    EXPECT_FALSE(asker.Readable(0));
     EXPECT_LT(LargestFeedGap(board.Operations()), 1.3);
+    (void)board.Do({"fault", "trace", "off"});
+    EXPECT_EQ(asker.Receive(32), ReplyHeader(6, 0, 0));
 }

@@ -4,6 +4,9 @@
 #include <poll.h>
 #include <sys/stat.h>
 
+#include <future>
+
+#include "flash/kv_fullhan_watdog.h"
 #include "tests/support/capture.h"
 
 using namespace kv_test;
@@ -69,6 +72,27 @@ TEST(MiniConsoleDeathTest, MissingPipeIsReportedOnceAndNotRetried) {
                           text == "Can not Open snd link:/tmp/bin/cmd_link_snd,ret=-1\n"
                       ? 0
                       : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+// After a reboot request nothing of the watchdog's keeper may run any more, a second request
+// included.
+TEST(KeeperDeathTest, RebootRequestWithoutAFeederHoldsTheLock) {
+    EXPECT_EXIT(
+        {
+            std::promise<void> asks;
+            std::promise<void> returned;
+            bool first = KV_FH_WDT_Reboot() == 0;
+            std::thread([&] {
+                asks.set_value();
+                (void)KV_FH_WDT_Reboot();
+                returned.set_value();
+            }).detach();
+            asks.get_future().wait();
+            const bool held =
+                returned.get_future().wait_for(milliseconds(300)) == std::future_status::timeout;
+            _exit(first && held ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
 }

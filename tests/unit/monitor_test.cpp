@@ -1,8 +1,10 @@
 #include "main/kv_monitor.h"
 
-#include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <random>
+
+#include "tests/support/surroundings.h"
 
 namespace {
 
@@ -193,4 +195,23 @@ TEST(Monitor, InvariantsHoldOverGeneratedHistories) {
             }
         }
     }
+}
+
+// Nothing behind what was received is looked at, however little that was: it ends with its page,
+// and the next one cannot be read.
+TEST(Heartbeat, EndsWithItsDatagram) {
+    kv_test::RequireSandbox();
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    char* const memory = static_cast<char*>(
+        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(memory, MAP_FAILED);
+    ASSERT_EQ(mprotect(memory + page, page, PROT_NONE), 0);
+    memset(memory, 'A', page);
+    for (const char* const name : {"", "cameraMain"}) {
+        memcpy(memory + page - strlen(name), name, strlen(name));
+        for (const int size : {0, 1, 31, 32, 33}) {
+            __KV_cameraMainHeartbeatRead(nullptr, memory + page - size, size);
+        }
+    }
+    (void)munmap(memory, 2 * page);
 }

@@ -1,10 +1,11 @@
 #include "main/kv_signals.h"
 
-#include <gtest/gtest.h>
 #include <semaphore.h>
 
 #include <atomic>
 #include <csignal>
+
+#include "tests/support/common.h"
 
 namespace {
 
@@ -80,9 +81,7 @@ TEST(Signals, ProceduresRunOutsideSignalContextAndSideBySide) {
     EXPECT_EQ(g_mostTogether, 1);
 
     // Idle again, so that an arrival starts a new run; nothing else was pending.
-    while (g_serialTogether != 0) {
-        (void)sched_yield();
-    }
+    ASSERT_TRUE(kv_test::WaitUntil([] { return g_serialTogether == 0; }));
     (void)raise(SIGUSR2);
     ASSERT_TRUE(Entered());
     EXPECT_EQ(g_serialRuns, 3);

@@ -109,6 +109,27 @@ TEST_F(Station, NoAddressThenAStaticOne) {
     (void)Shell("ip addr show dev wlan0 | grep -q 'inet 172.20.18.99/24'");
 }
 
+// A MAC that cannot be read is not a missing one. What cannot be sent is said once, and each time
+// counted as missed.
+TEST_F(Station, GuardsAnInterfaceThatIsGone) {
+    (void)Shell("ip link set wlan0 down && ip link set wlan0 name gone");
+    ScriptedSupplicant supplicant(InState("COMPLETED"));
+    const KV_WIFI_STA_PARAM param = Param("");
+    std::string said;
+    {
+        const Capture trace(2);
+        const Capture echo(1);
+        EXPECT_EQ(KV_WIFI_StaConnect(&param), 0);
+        EXPECT_TRUE(WaitUntil(
+            [&] { return Contains(trace.Text(), "NetWork ping failed cnt:2 172.20.18.1\n"); }));
+        EXPECT_EQ(KV_WIFI_StaStop(), 0);
+        EXPECT_FALSE(Contains(trace.Text(), "No correct "));
+        said = echo.Text();
+    }
+    EXPECT_EQ(CountOf(said, "ping 172.20.18.1 cannot be sent, counted as missed\n"), 1U);
+    (void)Shell("ip link set gone name wlan0 && ip link set wlan0 up");
+}
+
 TEST_F(Station, StopsWithinASecondAndTouchesNothingAfterwards) {
     Udhcpc("sleep 1; touch /tmp/leased");
     ScriptedSupplicant supplicant(InState("SCANNING"));
