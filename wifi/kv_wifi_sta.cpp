@@ -30,7 +30,7 @@ using kv::StaVerdict;
 namespace {
 
 constexpr size_t kStationStack = 131072;
-constexpr int64_t kLeaseGraceMs = 5000;
+constexpr int64_t kLeaseGraceMs = 15000;
 constexpr useconds_t kLeasePollUs = 100000;
 constexpr int32_t kPublicConnecting = 0;
 constexpr int32_t kPublicGuarding = 3;
@@ -248,12 +248,13 @@ void* __KV_WIFI_STA_HandleProc(void* argument) {
 }
 
 // Where no server answers, the DHCP client stays in the foreground and asks for ever. A stop gives
-// it a while and then ends it, as the process could not exit otherwise.
+// it longer than a lease ever takes and then ends it, as the process could not exit otherwise.
 void AwaitLease() {
-    const int64_t start = kv::MonotonicMilliseconds();
+    int64_t start = kv::MonotonicMilliseconds();
     while (g_station.leasing) {
         if (kv::MonotonicMilliseconds() - start > kLeaseGraceMs) {
             KV_ShellEcho(kEndDhcp);
+            start = kv::MonotonicMilliseconds();
         }
         (void)usleep(kLeasePollUs);
     }

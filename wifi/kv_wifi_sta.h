@@ -28,7 +28,7 @@ int KV_WIFI_StaConnect(const KV_WIFI_STA_PARAM* param);
 // Stops the station and waits for its thread; nothing is touched afterwards. Returns 0, or -1,
 // traced, when none runs. Any thread but the station's own. Blocks for up to a second, or as long
 // as the shell command in flight, or up to 16 s while a hung supplicant is asked. A DHCP client
-// that gets no lease is ended after 5 s.
+// that gets no lease is ended after 15 s.
 int KV_WIFI_StaStop();
 
 // Returns 3 once the link is verified, 0 while connecting, -1, traced, when no station runs. Any

@@ -201,7 +201,7 @@ TEST(Station, SigtermEndsItWhereverItIs) {
     } rows[] = {
         {"up", "app file not exist!", 3.5},           // before the connect sequence
         {"down", "state:DISCONNECTED", 3.5},          // associating
-        {"no-dhcp", "broadcasting discover", 9.5},    // waiting for a lease: 5 s, then ended
+        {"no-dhcp", "broadcasting discover", 19.5},   // waiting for a lease: 15 s, then ended
         {"mute", "NetWork ping failed cnt:1 ", 4.5},  // guarding
     };
     Board board;
