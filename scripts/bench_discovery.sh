@@ -13,8 +13,7 @@ goal=0.25
 
 ask() { board exec -- "$bin/udp_bench" ask 192.168.10.2 "$1" "$seconds" "$2"; }
 
-board run --quiet --no-wifi -- "$bin/upgradeMain" &
-runner=$!
+switch_on --no-wifi
 await --boot 1 --log "app file not exist!"
 # The board sees its /param, not the build folder.
 cp "$bin/udp_bench" "$state/param/udp_bench"

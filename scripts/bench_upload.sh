@@ -43,8 +43,7 @@ compare() { # NAME MIB GOAL: false when the receiver has less than GOAL of socat
         exit s / r < goal }'
 }
 
-board run --no-wifi --quiet -- "$bin/upgradeMain" >"$work/runner.log" 2>&1 &
-runner=$!
+switch_on --no-wifi
 await --log "app file not exist!"
 program=$(board status --json | python3 -c 'import json, sys; print(json.load(sys.stdin)["program"]["hostPid"])')
 root=/proc/$program/root

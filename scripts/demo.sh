@@ -25,8 +25,7 @@ head -c 300000 /dev/urandom >"$work/uboot.img"
 end
 
 begin "The board boots with empty application flash; recovery starts"
-board run --no-eth --quiet -- "$bin/upgradeMain" >"$work/runner.log" 2>&1 &
-runner=$!
+switch_on --no-eth
 await --boot 1 --log "app file not exist!"
 board status
 end

@@ -13,8 +13,7 @@ say() { printf '\n== %s\n' "$1"; }
 say "A camera with its application, on a clock that runs $speed times as fast"
 make_application
 board flash write mtd5 "$work/app.img"
-board run --no-eth --speed "$speed" --quiet -- "$bin/upgradeMain" >"$work/runner.log" 2>&1 &
-runner=$!
+switch_on --no-eth --speed "$speed"
 await --boot 1 --log "Process cameraMain online"
 board status | head -2
 

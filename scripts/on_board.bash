@@ -1,6 +1,6 @@
 # For scripts that show or measure something on a virtual board of their own; they source this file in the repository's
 # folder. Gives $bin, the programs; $work, a folder that goes with the script; $state, the board's state in it; and the functions
-# below. Whoever starts `board run` in the background sets runner=$!.
+# below.
 # shellcheck shell=bash
 
 bin=$PWD/build/bin
@@ -16,6 +16,13 @@ finish() {
 trap finish EXIT
 
 board() { "$bin/vboard" --state "$state" "$@"; }
+
+# Switches the board on, with options of `vboard run`. It goes off with the script.
+switch_on() {
+    # Not through the function above: the shell around it would be what is ended, and the board would stay.
+    "$bin/vboard" --state "$state" run --quiet "$@" -- "$bin/upgradeMain" >"$work/runner.log" 2>&1 &
+    runner=$!
+}
 
 # Waits for what `board wait` knows; without it the script ends with the board's last words.
 await() {
