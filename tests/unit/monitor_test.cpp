@@ -207,8 +207,8 @@ TEST(Heartbeat, EndsWithItsDatagram) {
     ASSERT_NE(memory, MAP_FAILED);
     ASSERT_EQ(mprotect(memory + page, page, PROT_NONE), 0);
     memset(memory, 'A', page);
-    for (const char* const name : {"", "cameraMain"}) {
-        memcpy(memory + page - strlen(name), name, strlen(name));
+    for (const std::string name : {"", "cameraMain"}) {
+        name.copy(memory + page - name.size(), name.size());
         for (const int size : {0, 1, 31, 32, 33}) {
             __KV_cameraMainHeartbeatRead(nullptr, memory + page - size, size);
         }
