@@ -310,10 +310,10 @@ TEST(Monitor, TellsOfEachFaultOfAnApplication) {
         } else {
             (void)board.Do({"reset"});
         }
-        EXPECT_TRUE(WaitUntil([&] { return InOrder(board.Trace(boot), row.told); }));
+        ASSERT_TRUE(WaitUntil([&] { return InOrder(board.Trace(boot), row.told); }));
         (void)board.Do({"app", row.laterMode});
         const size_t before = board.Trace(boot).size();
-        EXPECT_TRUE(
+        ASSERT_TRUE(
             WaitUntil([&] { return Contains(board.Trace(boot).substr(before), row.toldLater); }));
         EXPECT_FALSE(Contains(board.Trace(boot) + board.Console(boot), row.never));
         const std::string further = "timeout 1 /opt/app/bin/cameraMain 2>/dev/null; echo $?";
