@@ -219,14 +219,15 @@ std::map<std::string, long> Board::Sleeps() {
     return sleeps;
 }
 
-void Board::ExpectRest(const std::map<std::string, SleepRow>& rows,
-                       const std::function<void()>& meanwhile) {
+std::string Board::Restless(const std::map<std::string, SleepRow>& rows,
+                            const std::function<void()>& meanwhile) {
     constexpr double kLoopRate = kLoopsRest ? 0 : 10.5;
     const std::map<std::string, long> before = Sleeps();
     const auto start = Clock::now();
     meanwhile();
     const std::map<std::string, long> after = Sleeps();
     const double seconds = SecondsSince(start);
+    std::ostringstream restless;
     for (const auto& [name, count] : after) {
         const auto row = rows.find(name);
         double most = row != rows.end() ? row->second.rate * seconds + row->second.slack : 0;
@@ -235,9 +236,26 @@ void Board::ExpectRest(const std::map<std::string, SleepRow>& rows,
         } else if (name == "__KV_HV_LoopPro") {
             most += 4 * kLoopRate * seconds;
         }
-        ASSERT_EQ(before.count(name), 1U) << name << " was not there before";
-        EXPECT_LE(static_cast<double>(count - before.at(name)), most) << name;
+        if (before.count(name) == 0) {
+            restless << name << " was not there before\n";
+        } else if (static_cast<double>(count - before.at(name)) > most) {
+            restless << name << " slept " << count - before.at(name) << " times in " << seconds
+                     << " s, not at most " << most << "\n";
+        }
     }
+    return restless.str();
+}
+
+void Board::ExpectRest(const std::map<std::string, SleepRow>& rows,
+                       const std::function<void()>& meanwhile) {
+    std::string restless;
+    for (int i = 0; i < 3; ++i) {
+        restless = Restless(rows, meanwhile);
+        if (restless.empty()) {
+            return;
+        }
+    }
+    ADD_FAILURE() << restless;
 }
 
 pid_t Board::ProgramPid() {

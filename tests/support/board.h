@@ -84,7 +84,8 @@ class Board {
     bool Armed() { return Status().at("watchdog").at("armed"); }
     // Watches the program's threads while `meanwhile` runs, and fails the test for each one that
     // went to sleep more often than its row tells: `rate` times a second and `slack` times more;
-    // for one without a row, more than never.
+    // for one without a row, more than never. The quietest of three times counts: a thread also
+    // sleeps where it first touches a page that has to be read from the disk.
     struct SleepRow {
         double rate;
         double slack;
@@ -102,6 +103,9 @@ class Board {
 
   private:
     std::map<std::string, long> Sleeps();
+    // One such time: what was wrong with it, a line each.
+    std::string Restless(const std::map<std::string, SleepRow>& rows,
+                         const std::function<void()>& meanwhile);
     bool Wait(Lines words, int boot, int timeoutSeconds);
 
     kv_test::Folder folder_;
