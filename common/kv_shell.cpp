@@ -17,7 +17,8 @@ constexpr int kShellNotFound = 127 << 8;
 
 // posix_spawn keeps the cost of a vfork and takes its traps away: no handler of ours can run in the
 // child, and a failed exec cannot return into our code.
-int SpawnShell(const char* command, pid_t* pid) {
+//   closeOthers  closes what is open above the standard descriptors in the child
+int SpawnShell(const char* command, bool closeOthers, pid_t* pid) {
     posix_spawnattr_t attributes;
     sigset_t none;
     sigset_t all;
@@ -29,11 +30,13 @@ int SpawnShell(const char* command, pid_t* pid) {
     (void)posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawn_file_actions_t actions;
     (void)posix_spawn_file_actions_init(&actions);
+    (void)closeOthers;
 // Two steps, as other C libraries lack the macro that the second one calls.
 #ifdef __GLIBC__
 #if __GLIBC_PREREQ(2, 34)
-    // What the program opens is close-on-exec; a library's raw socket need not be.
-    (void)posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+    if (closeOthers) {
+        (void)posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+    }
 #endif
 #endif
     const char* const arguments[] = {"sh", "-c", command, nullptr};
@@ -44,12 +47,22 @@ int SpawnShell(const char* command, pid_t* pid) {
     return error;
 }
 
+// No child could be created, as opposed to one that could not become a shell.
+bool IsShortage(int error) {
+    return error == EAGAIN || error == ENOMEM;
+}
+
 }  // namespace
 
 int KV_ShellRun(const char* command, int* status) {
     pid_t pid = -1;
-    const int error = SpawnShell(command, &pid);
-    if (error == EAGAIN || error == ENOMEM) {
+    // What the program opens is close-on-exec; a library's raw socket need not be. An older kernel
+    // cannot close it without /proc: better a command with one descriptor more than none.
+    int error = SpawnShell(command, true, &pid);
+    if (error != 0 && !IsShortage(error)) {
+        error = SpawnShell(command, false, &pid);
+    }
+    if (IsShortage(error)) {
         errno = error;
         return 1;
     }

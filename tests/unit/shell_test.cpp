@@ -1,5 +1,8 @@
 #include "common/kv_shell.h"
 
+#include <spawn.h>
+
+#include <cerrno>
 #include <csignal>
 
 #include "tests/support/capture.h"
@@ -12,7 +15,41 @@ uint64_t StatusMask(const std::string& status, const std::string& name) {
     return std::stoull(status.substr(status.find(name) + name.size()), nullptr, 16);
 }
 
+// Spawns that fail before one goes through, and how.
+int g_failures;
+int g_error;
+
 }  // namespace
+
+extern "C" {
+decltype(posix_spawn) __real_posix_spawn;
+decltype(posix_spawn) __wrap_posix_spawn;
+
+int __wrap_posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
+                       const posix_spawnattr_t* attributes, char* const argv[],
+                       char* const envp[]) {
+    return g_failures-- > 0 ? g_error
+                            : __real_posix_spawn(pid, path, actions, attributes, argv, envp);
+}
+}
+
+// A kernel that cannot close a child's descriptors still runs the command.
+TEST(Shell, RunsWithoutClosingAndTellsWhatNoChildMeans) {
+    const struct {
+        int failures;
+        int error;
+        int result;
+        int exitStatus;
+    } cases[] = {{1, EBADF, 0, 7}, {2, ENOENT, 0, 127}, {1, EAGAIN, 1, -1}, {1, ENOMEM, 1, -1}};
+    for (const auto& c : cases) {
+        g_failures = c.failures;
+        g_error = c.error;
+        int status = -1;
+        EXPECT_EQ(KV_ShellRun("exit 7", &status), c.result) << c.error;
+        EXPECT_EQ(status < 0 ? -1 : WEXITSTATUS(status), c.exitStatus) << c.error;
+        g_failures = 0;
+    }
+}
 
 TEST(Shell, ReportsTheChildsStatus) {
     int status = -1;
