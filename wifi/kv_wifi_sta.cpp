@@ -123,12 +123,15 @@ StaGo Associate(StaThread* sta, int64_t now) {
     return go;
 }
 
-// Reads one address into the record; a failed read leaves what was there.
+// Reads one address into the record; a failed read leaves what was there, and so does an address of
+// the lease where a static one was set since.
 void ReadBack(int (*reader)(const char*, char*), char* field) {
     char address[kv::kNetAddressSize] = {};
     if (reader(kv::kWifiInterface, address) == 0) {
         const MutexGuard guard(&g_station.paramLock);
-        memcpy(field, address, sizeof(address));
+        if (field != g_station.param.acIpAddr || g_station.param.ucDhcp != 0) {
+            memcpy(field, address, sizeof(address));
+        }
     }
 }
 

@@ -109,6 +109,22 @@ TEST_F(Station, NoAddressThenAStaticOne) {
     (void)Shell("ip addr show dev wlan0 | grep -q 'inet 172.20.18.99/24'");
 }
 
+// The lease that comes after it does not replace it.
+TEST_F(Station, StaticAddressGivenWhileALeaseIsAwaited) {
+    Udhcpc(
+        ": >/tmp/asked; until [ -e /tmp/given ]; do sleep 0.1; done; "
+        "ip addr add 172.20.18.77/24 dev wlan0");
+    ScriptedSupplicant supplicant(InState("COMPLETED"));
+    const KV_WIFI_STA_PARAM param = Param(nullptr);
+    EXPECT_EQ(KV_WIFI_StaConnect(&param), 0);
+    EXPECT_TRUE(WaitUntil([] { return std::filesystem::exists("/tmp/asked"); }));
+    EXPECT_EQ(KV_WIFI_StaSetStaticIP("172.20.18.99"), 0);
+    WriteFile("/tmp/given", "");
+    EXPECT_TRUE(WaitUntil([] { return KV_WIFI_StaGetState() == 3; }));
+    EXPECT_EQ(KV_WIFI_StaStop(), 0);
+    (void)Shell("ip addr show dev wlan0 | grep -q 'inet 172.20.18.99/24'");
+}
+
 // A MAC that cannot be read is not a missing one. What cannot be sent is said once, and each time
 // counted as missed.
 TEST_F(Station, GuardsAnInterfaceThatIsGone) {
