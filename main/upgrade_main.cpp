@@ -1,5 +1,6 @@
 // Entry: signals, watchdog, choice of the mode, supervisor loop.
 #define KV_TRACE_NAME "upgrade_main"
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -55,6 +56,22 @@ constexpr SignalRoute kSignals[] = {
     {SIGUSR2, SignalMode::kSerial, KV_UPGRADE_Proc},
 };
 
+// Neither a log that nobody reads any more nor one that never was may end or mislead the program: a
+// broken pipe is an error like others, and a standard descriptor that is closed must not become the
+// watchdog's.
+void PrepareOutput() {
+    (void)signal(SIGPIPE, SIG_IGN);
+    int fd = -1;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        (void)close(fd);
+    }
+    // An echoed command must stand in front of what the command prints, also on a pipe.
+    (void)setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+}
+
 void StartRecovery() {
     (void)__KV_WIFI_StaSupplicant();
     (void)KV_MINI_ServiceStart();
@@ -87,8 +104,7 @@ void PrepareLoop(hloop_t* loop) {
 }  // namespace
 
 int main() {
-    // An echoed command must stand in front of what the command prints, also on a pipe.
-    (void)setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    PrepareOutput();
 #ifdef KV_HV_SYSTEM
     hlog_disable();
 #endif

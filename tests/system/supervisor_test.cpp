@@ -139,6 +139,27 @@ TEST(Supervisor, StoppedProgramIsResetByTheWatchdog) {
     ASSERT_TRUE(board.WaitRecovery(2));
 }
 
+TEST(Supervisor, LivesOnWithNobodyToHearIt) {
+    // The descriptors that the program is started with, beside a standard input that is closed.
+    const char* const cases[] = {">&- 2>&-", "2>&1 >/dev/null | head -n 1"};
+    for (const char* const descriptors : cases) {
+        SCOPED_TRACE(descriptors);
+        Board board;
+        board.StartRecovery();
+        board.Signal(SIGTERM);
+        ASSERT_TRUE(board.WaitConsole("upgradeMain ended with status 0"));
+        (void)board.OnBoard("/opt/upgrade/upgradeMain <&- " + std::string(descriptors) + " &");
+        ASSERT_TRUE(WaitUntil([&] { return board.Client().Connected(); }));
+        const TcpClient client = board.Client();
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(client.Ask(Frame(6)), ReplyHeader(6, 0, 0));
+        }
+        EXPECT_TRUE(board.WaitFeeds(3));
+        EXPECT_FALSE(std::filesystem::exists(board.Path("boot-2"))) << "starved";
+        EXPECT_EQ(board.OnBoard("readlink /proc/$(pidof upgradeMain)/fd/0").output, "/dev/null\n");
+    }
+}
+
 TEST(Supervisor, FedWhileTheLogBlocks) {
     Board board;
     board.StartRecovery();
