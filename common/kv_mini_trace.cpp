@@ -28,8 +28,6 @@ char g_ring[kSlotCount][kSlotSize];
 // The slot that the next line goes into, which is also the oldest line.
 uint32_t g_u32OutputStart = 0;
 uint8_t g_sequence = 0;
-// Asked for once: the program runs others by spawning them, so no forked copy of it ever traces.
-pid_t g_pid = 0;
 
 // Kept: the last "/" is printed too, because those who search logs know the names by it.
 const char* PrintedName(const char* file) {
@@ -43,16 +41,13 @@ const char* PrintedName(const char* file) {
 void FormatLine(char* slot, const char* colour, const char* word, const char* file, int line,
                 const char* function, const char* format, va_list values) {
     memset(slot, 0, kSlotSize);
-    if (g_pid == 0) {
-        g_pid = getpid();
-    }
     const time_t now = time(nullptr);
     struct tm local {};
     (void)localtime_r(&now, &local);
     (void)snprintf(slot, kSlotSize,
                    "%s%04d-%02d-%02d %02d:%02d:%02d [%02hhu] %04ld %6s %s:%s:%u \033[m", colour,
                    local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
-                   local.tm_min, local.tm_sec, g_sequence, static_cast<long>(g_pid), word,
+                   local.tm_min, local.tm_sec, g_sequence, static_cast<long>(getpid()), word,
                    PrintedName(file), function, static_cast<unsigned>(line));
     const size_t used = strlen(slot);
     (void)vsnprintf(slot + used, kSlotSize - used, format, values);
