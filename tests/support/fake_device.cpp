@@ -61,6 +61,9 @@ Device::~Device() {
 
 void Device::Listen() {
     listener_.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // As little as a camera has, so that a client is never far ahead of it.
+    const int room = 65536;
+    (void)setsockopt(listener_.Get(), SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
     port_ = Bind(listener_.Get(), address_, port_);
     if (listen(listener_.Get(), 8) != 0) {
         throw std::runtime_error("fake device cannot listen");

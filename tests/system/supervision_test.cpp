@@ -197,8 +197,13 @@ void BeatStopsTheLadder(const Rung& rung) {
     }
     ASSERT_NE(first, 0U) << board.Trace();
     EXPECT_LE(checks[first].silence, 5 + kTick + kLag);
-    EXPECT_GT(checks.back().silence, 120);
-    EXPECT_LE(checks.back().silence, 120 + kTick + kLag);
+    // Behind the one that took the step there may be more already.
+    decltype(Check::silence) longest = 0;
+    for (size_t i = first; i < checks.size(); ++i) {
+        longest = std::max(longest, checks[i].silence);
+    }
+    EXPECT_GT(longest, 120);
+    EXPECT_LE(longest, 120 + kTick + kLag);
 }
 
 }  // namespace
