@@ -142,7 +142,13 @@ TEST_F(Station, GuardsAnInterfaceThatIsGone) {
         EXPECT_FALSE(Contains(trace.Text(), "No correct "));
         said = echo.Text();
     }
-    EXPECT_EQ(CountOf(said, "ping 172.20.18.1 cannot be sent, counted as missed\n"), 1U);
+#ifdef KV_HV_SYSTEM
+    // An installed libhv's ping does not tell this from a reply that did not come.
+    constexpr size_t kSaid = 0;
+#else
+    constexpr size_t kSaid = 1;
+#endif
+    EXPECT_EQ(CountOf(said, "ping 172.20.18.1 cannot be sent, counted as missed\n"), kSaid);
     (void)Shell("ip link set gone name wlan0 && ip link set wlan0 up");
 }
 
