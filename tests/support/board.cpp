@@ -88,6 +88,21 @@ void Board::InstallApplication() {
     (void)Do({"flash", "write", "mtd5", MakeApplicationImage(*this)});
 }
 
+void Board::StartSilent(const std::string& speed) {
+    InstallApplication();
+    (void)Do({"app", "silent"});
+    Start({"--no-wifi", "--speed", speed});
+}
+
+void Board::SendBeats(const Lines& datagrams) {
+    std::string script = "import socket; s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n";
+    for (const std::string& datagram : datagrams) {
+        script += "s.sendto(" + datagram + ", (\"127.0.0.1\", 5555))\n";
+    }
+    const CommandResult sent = Try({"exec", "--board", "--", "python3", "-c", script});
+    EXPECT_EQ(sent.status, 0) << sent.output;
+}
+
 void Board::Stop() {
     if (runner_ > 0) {
         (void)kill(runner_, SIGTERM);

@@ -27,6 +27,9 @@ constexpr bool kLoopsRest = true;
 // Where the programs under test are.
 std::string BinDir();
 
+// A heartbeat whose ready flag is set, for SendBeats.
+const std::string kBeat = "b'cameraMain'.ljust(32, b'\\0') + b'\\1'";
+
 class Board {
   public:
     // A board that is not switched on yet; its folder holds empty flash.
@@ -43,6 +46,10 @@ class Board {
     bool WaitRecovery(int boot = 1) { return WaitTrace("app file not exist!", boot); }
     // Puts the stand-in application into the application's partition. Before Start.
     void InstallApplication();
+    // Starts it on an accelerated clock with an application that is silent from its start on.
+    void StartSilent(const std::string& speed);
+    // Sends datagrams, each a Python expression, to the heartbeat port from the board itself.
+    void SendBeats(const Lines& datagrams);
     // Switches it off. Its folder stays until the object goes.
     void Stop();
     // Waits until it has switched itself off; its exit status.

@@ -74,25 +74,6 @@ std::vector<Check> Checks(const Board& board, int boot) {
     return checks;
 }
 
-// Sends datagrams, each a Python expression, to the heartbeat port from the board itself.
-void SendBeats(Board* board, const Lines& datagrams) {
-    std::string script = "import socket; s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n";
-    for (const std::string& datagram : datagrams) {
-        script += "s.sendto(" + datagram + ", (\"127.0.0.1\", 5555))\n";
-    }
-    const auto sent = board->Try({"exec", "--board", "--", "python3", "-c", script});
-    EXPECT_EQ(sent.status, 0) << sent.output;
-}
-
-const std::string kBeat = "b'cameraMain'.ljust(32, b'\\0') + b'\\1'";
-
-// A board whose application is silent from its start on.
-void StartSilent(Board* board, const char* speed) {
-    board->InstallApplication();
-    (void)board->Do({"app", "silent"});
-    board->Start({"--no-wifi", "--speed", speed});
-}
-
 // The two escalations of a boot whose application never sent anything: the checks that led to them
 // and those before and between them.
 void ExpectLadder(const Board& board, int boot) {
@@ -139,7 +120,7 @@ void ExpectLadder(const Board& board, int boot) {
 
 TEST(Monitor, PermanentSilenceClimbsTheLadderOverTwoBoots) {
     Board board;
-    StartSilent(&board, kSpeed);
+    board.StartSilent(kSpeed);
     ASSERT_TRUE(board.WaitTrace("MINI ProtocolInit Init Success!", 2, 50));
     EXPECT_EQ(board.Reason(2), "reboot -f\n");
     ExpectLadder(board, 1);
@@ -179,9 +160,9 @@ void BeatStopsTheLadder(const Rung& rung) {
         std::filesystem::create_directories(board.Path("param/var"));
         WriteFile(board.Path(kMarker), "");
     }
-    StartSilent(&board, kSpeed);
+    board.StartSilent(kSpeed);
     ASSERT_TRUE(rung.inTrace ? board.WaitTrace(rung.reached) : board.WaitConsole(rung.reached));
-    SendBeats(&board, {kBeat});
+    board.SendBeats({kBeat});
     if (rung.marker) {
         ASSERT_TRUE(board.WaitConsole("# rm /param/var/miniserver_reboot\r\n"));
         EXPECT_TRUE(WaitUntil([&] { return !std::filesystem::exists(board.Path(kMarker)); }));
@@ -226,7 +207,7 @@ TEST(BeatStopsTheLadder, WhenRestartedAfterAReboot) {
 
 TEST(Monitor, FlashingKeepsItQuiet) {
     Board board;
-    StartSilent(&board, kSpeed);
+    board.StartSilent(kSpeed);
     ASSERT_TRUE(board.WaitTrace("Process [cameraMain] offline"));
     // The writer's first commands take as long as two ladders.
     WriteFile(board.Path("param/slow"), "#!/bin/sh\nsleep 150\n");
@@ -267,7 +248,7 @@ TEST(Monitor, WhatCountsAsAHeartbeat) {
     const Lines counted = {
         "b'cameraMain'.ljust(33, b'\\0')",  // not ready: clears the marker all the same
         "b'<< cameraMain >>'.ljust(32, b'\\0') + b'\\1'", "b'cameraMain'", kBeat};
-    SendBeats(&board, ignored + counted);
+    board.SendBeats(ignored + counted);
     ASSERT_TRUE(WaitUntil([&] { return board.Echoes().size() >= counted.size(); }));
     EXPECT_EQ(board.Echoes(), kRemoveMarker + kRemoveMarker + kRemoveMarker + kRemoveMarker);
     EXPECT_EQ(board.Reason(1), "power-on\n");
@@ -275,7 +256,7 @@ TEST(Monitor, WhatCountsAsAHeartbeat) {
     // A long command of the monitor's holds up the monitor, not the feeder.
     WriteFile(board.Path("param/slow"), "#!/bin/sh\nsleep 4; echo slept\n");
     (void)board.OnBoard("chmod +x /param/slow && mount --bind /param/slow /usr/bin/rm");
-    SendBeats(&board, {kBeat});
+    board.SendBeats({kBeat});
     ASSERT_TRUE(board.WaitConsole("slept\n"));
     EXPECT_LT(LargestFeedGap(board.Operations()), 1.3);
 
@@ -335,81 +316,4 @@ TEST(Monitor, WithABeatingApplicationItRests) {
     // time is what is measured.
     board.ExpectRest({{"__KV_FH_WDT_Pro", {2, 4}}, {"upgradeMain", {1 + 1.0 / 3, 2}}},
                      [] { std::this_thread::sleep_for(std::chrono::seconds(10)); });
-}
-
-namespace {
-
-class ResetButton : public testing::Test {
-  protected:
-    void SetUp() override {
-        StartSilent(&board_, "3");
-        Began(1);
-    }
-    // The thread has been started so many times.
-    void Began(size_t times) {
-        ASSERT_TRUE(WaitUntil([&] {
-            return CountOf(board_.Console(),
-                           "HardwareResetProc 94: HardwareResetProc thread Start "
-                           "is OK\n") == times;
-        }));
-    }
-    void Counted(int count, size_t times) {
-        const std::string line =
-            "HardwareResetProc 103: hard reset count = " + std::to_string(count) + "\n";
-        ASSERT_TRUE(WaitUntil([&] { return CountOf(board_.Console(), line) == times; }))
-            << board_.Console();
-    }
-    void Line(const char* value) { WriteFile(board_.Path("gpio/GPIO26/value"), value); }
-
-    Board board_;
-};
-
-}  // namespace
-
-TEST_F(ResetButton, NineSamplesAndTwoBeatsDoNothing) {
-    Line("0\n");
-    Counted(9, 1);
-    Line("1\n");
-    ASSERT_TRUE(board_.WaitFeeds(3));
-    Line("0\n");
-    Counted(3, 2);
-    // The first beat leaves the thread counting, the second one ends it.
-    SendBeats(&board_, {kBeat});
-    Counted(5, 2);
-    SendBeats(&board_, {kBeat});
-    ASSERT_TRUE(board_.WaitConsole("HardwareResetProc 124: HardwareResetProc thread End is OK\n"));
-    EXPECT_EQ(CountOf(board_.Console(), "hard reset count = 10\n"), 0U);
-    // The next silence starts it again.
-    Began(2);
-    EXPECT_EQ(board_.Status().at("boot"), 1);
-    EXPECT_TRUE(board_.Echoes().empty());
-}
-
-TEST_F(ResetButton, TenSamplesResetAlsoWithTheLineGone) {
-    for (const char* const name :
-         {"var/a", "var/miniserver_reboot", "x.debug.y", "wpa_supplicant.conf", "kept"}) {
-        WriteFile(board_.Path("param/") + name, "");
-    }
-    // What is written there outlives the boot.
-    (void)board_.OnBoard("mount --bind /param/kept /proc/sys/vm/drop_caches");
-    Line("0\n");
-    Counted(3, 1);
-    // The line's last value counts from here on.
-    std::filesystem::rename(board_.Path("gpio/GPIO26"), board_.Path("gpio/away"));
-    ASSERT_TRUE(board_.WaitConsole("hard reset count = 10\n"));
-    std::filesystem::rename(board_.Path("gpio/away"), board_.Path("gpio/GPIO26"));
-    Line("1\n");
-    ASSERT_TRUE(board_.WaitBoot(2));
-    EXPECT_EQ(board_.Reason(2), "reboot\n");
-    EXPECT_NE(board_.Trace().find("gpio/get-value: No such file or directory\n"),
-              std::string::npos);
-    Lines left;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(board_.Path("param"))) {
-        left.push_back(entry.path().filename());
-    }
-    std::sort(left.begin(), left.end());
-    EXPECT_EQ(left, (Lines{"kept", "var"}));
-    EXPECT_EQ(ReadFile(board_.Path("param/kept")), "1\n");
-    // Its commands are not echoed.
-    EXPECT_TRUE(board_.Echoes().empty());
 }

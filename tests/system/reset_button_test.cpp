@@ -1,0 +1,81 @@
+// The reset button while the application is silent, on a board.
+#include "tests/support/board.h"
+
+using namespace kv_test;
+
+namespace {
+
+class ResetButton : public testing::Test {
+  protected:
+    void SetUp() override {
+        board_.StartSilent("3");
+        Began(1);
+    }
+    // The thread has been started so many times.
+    void Began(size_t times) {
+        ASSERT_TRUE(WaitUntil([&] {
+            return CountOf(board_.Console(),
+                           "HardwareResetProc 94: HardwareResetProc thread Start "
+                           "is OK\n") == times;
+        }));
+    }
+    void Counted(int count, size_t times) {
+        const std::string line =
+            "HardwareResetProc 103: hard reset count = " + std::to_string(count) + "\n";
+        ASSERT_TRUE(WaitUntil([&] { return CountOf(board_.Console(), line) == times; }))
+            << board_.Console();
+    }
+    void Line(const char* value) { WriteFile(board_.Path("gpio/GPIO26/value"), value); }
+
+    Board board_;
+};
+
+}  // namespace
+
+TEST_F(ResetButton, NineSamplesAndTwoBeatsDoNothing) {
+    Line("0\n");
+    Counted(9, 1);
+    Line("1\n");
+    ASSERT_TRUE(board_.WaitFeeds(3));
+    Line("0\n");
+    Counted(3, 2);
+    // The first beat leaves the thread counting, the second one ends it.
+    board_.SendBeats({kBeat});
+    Counted(5, 2);
+    board_.SendBeats({kBeat});
+    ASSERT_TRUE(board_.WaitConsole("HardwareResetProc 124: HardwareResetProc thread End is OK\n"));
+    EXPECT_EQ(CountOf(board_.Console(), "hard reset count = 10\n"), 0U);
+    // The next silence starts it again.
+    Began(2);
+    EXPECT_EQ(board_.Status().at("boot"), 1);
+    EXPECT_TRUE(board_.Echoes().empty());
+}
+
+TEST_F(ResetButton, TenSamplesResetAlsoWithTheLineGone) {
+    for (const char* const name :
+         {"var/a", "var/miniserver_reboot", "x.debug.y", "wpa_supplicant.conf", "kept"}) {
+        WriteFile(board_.Path("param/") + name, "");
+    }
+    // What is written there outlives the boot.
+    (void)board_.OnBoard("mount --bind /param/kept /proc/sys/vm/drop_caches");
+    Line("0\n");
+    Counted(3, 1);
+    // The line's last value counts from here on.
+    std::filesystem::rename(board_.Path("gpio/GPIO26"), board_.Path("gpio/away"));
+    ASSERT_TRUE(board_.WaitConsole("hard reset count = 10\n"));
+    std::filesystem::rename(board_.Path("gpio/away"), board_.Path("gpio/GPIO26"));
+    Line("1\n");
+    ASSERT_TRUE(board_.WaitBoot(2));
+    EXPECT_EQ(board_.Reason(2), "reboot\n");
+    EXPECT_NE(board_.Trace().find("gpio/get-value: No such file or directory\n"),
+              std::string::npos);
+    Lines left;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(board_.Path("param"))) {
+        left.push_back(entry.path().filename());
+    }
+    std::sort(left.begin(), left.end());
+    EXPECT_EQ(left, (Lines{"kept", "var"}));
+    EXPECT_EQ(ReadFile(board_.Path("param/kept")), "1\n");
+    // Its commands are not echoed.
+    EXPECT_TRUE(board_.Echoes().empty());
+}
