@@ -69,7 +69,10 @@ void RestartApplication() {
     // Kept: 3 here, where the factory reset writes 1; a restart wants the most memory back.
     KV_ShellEcho("echo 3 > /proc/sys/vm/drop_caches");
     KV_ShellEcho("sleep 3");
-    KV_ShellEcho("startapp.sh");
+    // The writer may have begun during these seconds, and has killed what it must not run beside.
+    if (KV_UPGRADE_IsUpgrading() == 0) {
+        KV_ShellEcho("startapp.sh");
+    }
 }
 
 void RebootDevice() {

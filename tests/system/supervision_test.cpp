@@ -229,6 +229,21 @@ TEST(Monitor, FlashingKeepsItQuiet) {
     EXPECT_GE(timed.back().at - flashing, 200) << board.Trace();
 }
 
+TEST(Monitor, FlashingDuringARestartKeepsTheApplicationDown) {
+    Board board;
+    board.StartSilent(kSpeed);
+    // Both the restart's first command and the writer's take their time.
+    WriteFile(board.Path("param/slow"), "#!/bin/sh\nsleep 30\n");
+    (void)board.OnBoard("chmod +x /param/slow && mount --bind /param/slow /usr/bin/killall");
+    ASSERT_TRUE(board.WaitConsole("# killall -9 wpa_supplicant"));
+    board.Signal(SIGUSR2);
+    ASSERT_TRUE(board.WaitBoot(2));
+    EXPECT_EQ(board.Reason(2), "reboot -f\n");
+    Lines expected = kRestart;
+    expected.pop_back();
+    EXPECT_EQ(board.Echoes(), expected);
+}
+
 TEST(Monitor, WhatCountsAsAHeartbeat) {
     Board board;
     board.InstallApplication();
