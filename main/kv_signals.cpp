@@ -97,6 +97,11 @@ int KV_SIGNAL_Install(const SignalRoute* routes, size_t count) {
     for (size_t i = 0; i < count; ++i) {
         (void)signal(routes[i].signal, OnSignal);
     }
-    StartThread(kSmallStack, __KV_SIGNAL_Proc, nullptr);
     return 0;
+}
+
+void KV_SIGNAL_Serve() {
+    if (g_signals.readEnd >= 0) {
+        StartThread(kSmallStack, __KV_SIGNAL_Proc, nullptr);
+    }
 }

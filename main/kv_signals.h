@@ -20,5 +20,9 @@ struct SignalRoute {
 // Installs a handler for each route, in order. `routes` must stay valid for the life of the
 // process, at most 8. Main thread, once, before other threads start. Handlers rather than a blocked
 // mask, since shell children must not inherit blocked signals. 0, or -1 when no pipe can be had.
-// Aborts when the thread cannot be created.
 int KV_SIGNAL_Install(const SignalRoute* routes, size_t count);
+
+// Starts to run the procedures, first for the signals that have arrived since the installation:
+// what a procedure undoes can be set up in between. Main thread, once; nothing when the
+// installation failed. Aborts when the thread cannot be created.
+void KV_SIGNAL_Serve();

@@ -110,6 +110,8 @@ int main() {
 #endif
     (void)KV_SIGNAL_Install(kSignals, sizeof(kSignals) / sizeof(kSignals[0]));
     (void)KV_FH_WDT_Start();
+    // Only now, so that an exit asked for this early disarms the watchdog and does not miss it.
+    KV_SIGNAL_Serve();
     ChooseMode(__func__);
     KV_MONITOR_Begin();
 
