@@ -2,7 +2,6 @@
 #include "flash/kv_fullhan_flash.h"
 
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstring>
@@ -11,6 +10,7 @@
 #include "common/kv_platform.h"
 #include "common/kv_raii.h"
 #include "common/kv_shell.h"
+#include "common/kv_time.h"
 #include "flash/kv_fullhan_watdog.h"
 #include "flash/kv_upgrade_package.h"
 
@@ -100,11 +100,11 @@ void KV_UPGRADE_Proc(int signal) {
     (void)signal;
     g_upgrading.store(1);
     KV_UPGRADE_PartitionInfo();
-    (void)sleep(1);
+    kv::SleepMilliseconds(1000);
     KV_UPGRADE_KillallApp();
     (void)KV_UPGRADE_SystemCmd("sync");
     (void)KV_UPGRADE_SystemCmd("echo 1 > /proc/sys/vm/drop_caches");
-    (void)sleep(1);
+    kv::SleepMilliseconds(1000);
     WritePackage();
     KV_UPGRADE_Reboot();
 }

@@ -1,7 +1,6 @@
 #include "main/hardware_reset.h"
 
 #include <sys/prctl.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <csignal>
@@ -12,6 +11,7 @@
 #include "common/kv_platform.h"
 #include "common/kv_shell.h"
 #include "common/kv_thread.h"
+#include "common/kv_time.h"
 
 namespace {
 
@@ -62,7 +62,7 @@ bool WatchButton(const char* function) {
         } else {
             count = 0;
         }
-        (void)sleep(1);
+        kv::SleepMilliseconds(1000);
     }
     return false;
 }
