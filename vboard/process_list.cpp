@@ -33,8 +33,9 @@ static BoardProcess Describe(const fs::path& process) {
     found.pid = InnerId(process);
     found.name = Name(process);
     std::error_code gone;
-    for (const fs::directory_entry& task : fs::directory_iterator(process / "task", gone)) {
-        found.threads.push_back({InnerId(task.path()), Name(task.path())});
+    for (fs::directory_iterator task(process / "task", gone); task != fs::directory_iterator();
+         task.increment(gone)) {
+        found.threads.push_back({InnerId(task->path()), Name(task->path())});
     }
     return found;
 }

@@ -147,7 +147,11 @@ void WriteText(const fs::path& file, const std::string& text) {
 
 std::string ReadText(const fs::path& file) {
     std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    // Not by the buffer's iterators: they throw where reading fails, as of a process that has
+    // ended.
+    std::ostringstream text;
+    text << stream.rdbuf();
+    return text.str();
 }
 
 }  // namespace vboard

@@ -15,7 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,9 +29,12 @@ using Lines = std::vector<std::string>;
 constexpr double kPatienceSeconds = 30;
 
 // The file's bytes; none when there is no such file.
+// Empty when unreadable; the buffer's iterators would throw.
 inline std::string ReadFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    const std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
 }
 
 inline void WriteFile(const std::string& path, const std::string& bytes) {
