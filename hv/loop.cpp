@@ -9,14 +9,19 @@
 namespace {
 
 // Without a lock because only the loop's thread uses the base, and without a look at the
-// environment, which must not choose another polling method for a resident program.
+// environment, which must not choose another polling method for a resident program. The precise
+// clock, because the coarse one lags behind when a timer is due, and the loop would wake for it
+// twice. Not epoll, which makes another descriptor of that clock; the loops have few to poll.
 event_base* NewBase() {
     event_config* config = event_config_new();
     if (config == nullptr) {
         return nullptr;
     }
     event_base* base = nullptr;
-    if (event_config_set_flag(config, EVENT_BASE_FLAG_NOLOCK | EVENT_BASE_FLAG_IGNORE_ENV) == 0) {
+    constexpr int kFlags =
+        EVENT_BASE_FLAG_NOLOCK | EVENT_BASE_FLAG_IGNORE_ENV | EVENT_BASE_FLAG_PRECISE_TIMER;
+    if (event_config_set_flag(config, kFlags) == 0 &&
+        event_config_avoid_method(config, "epoll") == 0) {
         base = event_base_new_with_config(config);
     }
     event_config_free(config);
