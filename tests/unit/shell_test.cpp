@@ -2,6 +2,7 @@
 
 #include <spawn.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 
@@ -16,7 +17,7 @@ uint64_t StatusMask(const std::string& status, const std::string& name) {
 }
 
 // Spawns that fail before one goes through, and how.
-int g_failures;
+std::atomic<int> g_failures{0};
 int g_error;
 
 }  // namespace
@@ -28,8 +29,9 @@ decltype(posix_spawn) __wrap_posix_spawn;
 int __wrap_posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
                        const posix_spawnattr_t* attributes, char* const argv[],
                        char* const envp[]) {
-    return g_failures-- > 0 ? g_error
-                            : __real_posix_spawn(pid, path, actions, attributes, argv, envp);
+    return g_failures.fetch_sub(1) > 0
+               ? g_error
+               : __real_posix_spawn(pid, path, actions, attributes, argv, envp);
 }
 }
 
