@@ -165,18 +165,16 @@ TEST(Supervisor, FedWhileTheLogBlocks) {
     board.StartRecovery();
     // Nobody reads the log from here on: whoever traces blocks, the feeder does not.
     (void)board.Do({"fault", "trace", "block"});
+    // One connection: replies to requests of several at once may mix.
     const TcpClient client = board.Client();
-    for (int i = 0; i < 4000; ++i) {
-        if (!client.Send(Frame(0x7777))) {
-            break;
-        }
+    bool answered = true;
+    for (int request = 0; answered && request < 4000; ++request) {
+        answered = client.Send(Frame(6)) && client.Receive(32, 1000).size() == 32;
     }
-    // Answers stop with the log.
-    const TcpClient asker = board.Client();
-    ASSERT_TRUE(WaitUntil([&] { return asker.Send(Frame(6)) && asker.Receive(32, 1000).empty(); }));
+    EXPECT_FALSE(answered);
     EXPECT_TRUE(board.WaitFeeds(4));
-    EXPECT_FALSE(asker.Readable(0));
+    EXPECT_FALSE(client.Readable(0));
     EXPECT_LT(LargestFeedGap(board.Operations()), 1.3);
     (void)board.Do({"fault", "trace", "off"});
-    EXPECT_EQ(asker.Receive(32), ReplyHeader(6, 0, 0));
+    EXPECT_EQ(client.Receive(32), ReplyHeader(6, 0, 0));
 }
