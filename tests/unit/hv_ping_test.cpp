@@ -23,7 +23,15 @@ class HvPing : public testing::Test {
                          "ip link add near type veth peer name far netns $host &&\n"
                          "nsenter --net=/proc/$host/ns/net sh -ec '\n"
                          "    ip addr add 10.9.8.2/24 dev far && ip link set far up' &&\n"
-                         "ip addr add 10.9.8.1/24 dev near && ip link set near up"),
+                         "ip addr add 10.9.8.1/24 dev near && ip link set near up || exit 1\n"
+                         // A link drops packets until the kernel has seen to its carrier.
+                         "for i in $(seq 200); do\n"
+                         "    ip link show near | grep -q \"state UP\" &&\n"
+                         "    nsenter --net=/proc/$host/ns/net ip link show far |\n"
+                         "        grep -q \"state UP\" && exit 0\n"
+                         "    sleep 0.05\n"
+                         "done\n"
+                         "exit 1"),
                   0);
     }
 };
