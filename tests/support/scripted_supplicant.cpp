@@ -67,6 +67,7 @@ void ScriptedSupplicant::SetScript(Script script) {
 }
 
 void ScriptedSupplicant::Push(const std::string& text) {
+    const std::lock_guard<std::mutex> answered(answering_);
     const std::lock_guard<std::mutex> guard(lock_);
     (void)sendto(socket_, text.data(), text.size(), 0, Generic(client_), sizeof(client_));
 }
@@ -107,6 +108,7 @@ void ScriptedSupplicant::Serve() {
         }
         const std::string command(text, static_cast<size_t>(length));
         Script script;
+        const std::lock_guard<std::mutex> answering(answering_);
         {
             const std::lock_guard<std::mutex> guard(lock_);
             ++commands_[command];

@@ -31,7 +31,7 @@ class ScriptedSupplicant {
     ScriptedSupplicant& operator=(const ScriptedSupplicant&) = delete;
 
     void SetScript(Script script);
-    // Sends to whoever sent the last request.
+    // Sends to whoever sent the last request, once that is answered.
     void Push(const std::string& text);
     // How many of `command` came so far.
     int Count(const std::string& command);
@@ -50,7 +50,8 @@ class ScriptedSupplicant {
     std::string path_;
     int socket_ = -1;
     int wake_ = -1;
-    std::mutex lock_;  // script_, commands_, client_
+    std::mutex answering_;  // from counting a request to the end of its answer
+    std::mutex lock_;       // script_, commands_, client_
     Script script_;
     std::map<std::string, int> commands_;  // how often each came
     sockaddr_un client_{};
