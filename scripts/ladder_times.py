@@ -12,8 +12,8 @@ TICK = 3  # seconds between two checks
 
 def main():
     state, speed = sys.argv[1], int(sys.argv[2])
-    # What the host's scheduling may add: 150 ms of its own time, and a clock that shows whole seconds.
-    lag = 0.15 * speed + 1
+    # What the host's scheduling may add: 300 ms of its own time, and a clock that shows whole seconds.
+    lag = 0.3 * speed + 1
     rows = []  # what, when, the step it counts from with the silence that leads to it
     opened = watchdog_opened(f"{state}/ops.jsonl")
     for boot in (1, 2):

@@ -23,6 +23,7 @@ def life_story(board, report, firmware):
             raise Failure(f"kvtool discover does not show {mac}")
         details.append(f"found {mac}")
         details.append(re.search(r"firmware +(\S+)", board.info())[0])
+        board.see("__KV_KorvanProtocolClose", 10)  # the figures are those of a program that rests
     _show_figures(board, report, "recovery")
     _upgrade(board, report, firmware)
     _show_figures(board, report, "normal")

@@ -169,7 +169,7 @@ TEST(Supervisor, FedWhileTheLogBlocks) {
     const TcpClient client = board.Client();
     bool answered = true;
     for (int request = 0; answered && request < 4000; ++request) {
-        answered = client.Send(Frame(6)) && client.Receive(32, 1000).size() == 32;
+        answered = client.Send(Frame(6)) && client.Receive(32, 5000).size() == 32;
     }
     EXPECT_FALSE(answered);
     EXPECT_TRUE(board.WaitFeeds(4));

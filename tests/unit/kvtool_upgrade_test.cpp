@@ -29,8 +29,8 @@ kvtool::UpgradeTimes ShortTimes() {
     kvtool::UpgradeTimes times;
     times.connect = Millis(2000);
     times.reply = Millis(500);
-    times.header_gap = Millis(30);
-    times.first_look = Millis(100);
+    times.header_gap = Millis(200);
+    times.first_look = Millis(300);
     times.stall = Millis(1500);
     times.verify = Millis(500);
     times.leave = Millis(500);
