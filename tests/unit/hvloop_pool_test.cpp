@@ -86,7 +86,7 @@ TEST(HvLoopPool, StartsAndStopsInOneProcessAsOftenAsWanted) {
         EXPECT_EQ(KV_HV_LoopPoolStart(), -1);
         EXPECT_TRUE(AllLoopsRun());
         EXPECT_EQ(KV_HV_LoopPoolDeInit(), 0);
-        EXPECT_EQ(LoopThreads(), 0);
+        EXPECT_TRUE(WaitUntil([] { return LoopThreads() == 0; }));
         EXPECT_EQ(KV_HV_LoopPoolDeInit(), -1);
         EXPECT_TRUE(InOrder(
             log.Text(),
@@ -111,7 +111,7 @@ TEST(HvLoopPool, AFailedLoopLeavesAPoolThatTheNextCallCompletes) {
     EXPECT_EQ(KV_HV_LoopPoolInit(), 0);
     EXPECT_TRUE(AllLoopsRun());
     EXPECT_EQ(KV_HV_LoopPoolDeInit(), 0);
-    EXPECT_EQ(LoopThreads(), 0);
+    EXPECT_TRUE(WaitUntil([] { return LoopThreads() == 0; }));
 }
 
 TEST(HvLoopPoolDeathTest, AThreadThatCannotBeCreatedAborts) {

@@ -29,7 +29,7 @@ int RunTool(const Arguments& arguments, std::string* output = nullptr) {
 
 // Runs the tool, does `then` once it has printed `text`, and gives its exit code.
 int RunTool(const Arguments& arguments, const std::string& text, const std::string& then) {
-    return kv_test::Run(Line(arguments) +
+    return kv_test::Run("rm -f /tmp/tool.out; " + Line(arguments) +
                         " >/tmp/tool.out 2>/dev/null & tool=$!;"
                         "until grep -q '" +
                         text + "' /tmp/tool.out; do sleep 0.01; done;" + then + "; wait $tool")

@@ -28,13 +28,13 @@ class Listener : public kvtool::UpgradeListener {
 kvtool::UpgradeTimes ShortTimes() {
     kvtool::UpgradeTimes times;
     times.connect = Millis(2000);
-    times.reply = Millis(500);
+    times.reply = Millis(2000);
     times.header_gap = Millis(200);
     times.first_look = Millis(300);
-    times.stall = Millis(1500);
-    times.verify = Millis(500);
-    times.leave = Millis(500);
-    times.back = Millis(500);
+    times.stall = Millis(3000);
+    times.verify = Millis(2000);
+    times.leave = Millis(2000);
+    times.back = Millis(2000);
     times.probe_every = Millis(50);
     times.probe_reply = Millis(500);
     return times;
