@@ -1,6 +1,6 @@
 // kvtool: what it makes of a discovery reply. The search itself is shown on a board.
 #include "tests/support/discovery_client.h"
-#include "tools/kvtool_lib/discovery_reply.h"
+#include "tools/device/discovery_reply.h"
 
 using namespace kv_test;
 

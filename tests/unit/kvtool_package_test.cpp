@@ -1,8 +1,8 @@
 // kvtool: packages, built and inspected.
 #include "tests/support/discovery_client.h"
-#include "tools/kvtool_lib/errors.h"
-#include "tools/kvtool_lib/package_builder.h"
-#include "tools/kvtool_lib/package_check.h"
+#include "tools/base/errors.h"
+#include "tools/package/builder.h"
+#include "tools/package/check.h"
 
 namespace {
 

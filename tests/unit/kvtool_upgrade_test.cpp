@@ -1,8 +1,8 @@
 // kvtool: the command protocol and upgrades, against a scripted device.
 #include "tests/support/fake_device.h"
 #include "tests/support/wire.h"
-#include "tools/kvtool_lib/follow.h"
-#include "tools/kvtool_lib/upgrade_session.h"
+#include "tools/device/follow.h"
+#include "tools/device/upgrade_session.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/report.h"
+#include "tools/cli/report.h"
 
 #include <iomanip>
 

@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/discovery_client.h"
+#include "tools/device/discovery_client.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -14,8 +14,8 @@
 #include <memory>
 
 #include "common/kv_raii.h"
-#include "tools/kvtool_lib/errors.h"
-#include "tools/kvtool_lib/tcp.h"
+#include "tools/base/errors.h"
+#include "tools/device/tcp.h"
 
 namespace kvtool {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tools/kvtool_lib/upgrade_session.h"
+#include "tools/device/upgrade_session.h"
 
 namespace kvtool {
 

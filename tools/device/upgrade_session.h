@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "mini/kv_mini_frame.h"
-#include "tools/kvtool_lib/errors.h"
-#include "tools/kvtool_lib/protocol_client.h"
+#include "tools/base/errors.h"
+#include "tools/device/protocol_client.h"
 
 namespace kvtool {
 

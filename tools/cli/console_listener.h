@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "tools/kvtool_lib/upgrade_session.h"
+#include "tools/device/upgrade_session.h"
 
 namespace kvtool {
 

@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/follow.h"
+#include "tools/device/follow.h"
 
 #include <poll.h>
 

@@ -1,14 +1,14 @@
-#include "tools/commands.h"
+#include "tools/cli/commands.h"
 
 #include <iostream>
 
 #include "common/kv_platform.h"
-#include "tools/console_listener.h"
-#include "tools/kvtool_lib/files.h"
-#include "tools/kvtool_lib/follow.h"
-#include "tools/kvtool_lib/package_builder.h"
-#include "tools/kvtool_lib/package_check.h"
-#include "tools/kvtool_lib/report.h"
+#include "tools/base/files.h"
+#include "tools/cli/console_listener.h"
+#include "tools/cli/report.h"
+#include "tools/device/follow.h"
+#include "tools/package/builder.h"
+#include "tools/package/check.h"
 
 namespace kvtool {
 

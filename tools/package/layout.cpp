@@ -1,12 +1,12 @@
-#include "tools/kvtool_lib/layout.h"
+#include "tools/package/layout.h"
 
 #include <algorithm>
 #include <fstream>
 #include <iterator>
 
 #include "common/kv_platform.h"
-#include "tools/kvtool_lib/errors.h"
-#include "tools/kvtool_lib/text.h"
+#include "tools/base/errors.h"
+#include "tools/base/text.h"
 
 namespace kvtool {
 

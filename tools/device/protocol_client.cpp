@@ -1,11 +1,11 @@
-#include "tools/kvtool_lib/protocol_client.h"
+#include "tools/device/protocol_client.h"
 
 #include <poll.h>
 
 #include <algorithm>
 #include <cstring>
 
-#include "tools/kvtool_lib/errors.h"
+#include "tools/base/errors.h"
 
 namespace kvtool {
 

@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/package_builder.h"
+#include "tools/package/builder.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -6,9 +6,9 @@
 
 #include "common/kv_le.h"
 #include "flash/kv_upgrade_package.h"
-#include "tools/kvtool_lib/errors.h"
-#include "tools/kvtool_lib/files.h"
-#include "tools/kvtool_lib/package_check.h"
+#include "tools/base/errors.h"
+#include "tools/base/files.h"
+#include "tools/package/check.h"
 
 namespace kvtool {
 

@@ -4,8 +4,8 @@
 #include <iostream>
 
 #include "common/kv_platform.h"
-#include "tools/commands.h"
-#include "tools/kvtool_lib/wait.h"
+#include "tools/base/wait.h"
+#include "tools/cli/commands.h"
 
 namespace {
 

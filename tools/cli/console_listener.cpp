@@ -1,4 +1,4 @@
-#include "tools/console_listener.h"
+#include "tools/cli/console_listener.h"
 
 #include <unistd.h>
 

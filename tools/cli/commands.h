@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "tools/kvtool_lib/discovery_client.h"
-#include "tools/kvtool_lib/errors.h"
-#include "tools/kvtool_lib/layout.h"
-#include "tools/kvtool_lib/upgrade_session.h"
+#include "tools/base/errors.h"
+#include "tools/device/discovery_client.h"
+#include "tools/device/upgrade_session.h"
+#include "tools/package/layout.h"
 
 namespace kvtool {
 

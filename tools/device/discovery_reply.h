@@ -7,7 +7,7 @@
 #include <string>
 
 #include "mini/kv_mini_discovery_frame.h"
-#include "tools/kvtool_lib/text.h"
+#include "tools/base/text.h"
 
 namespace kvtool {
 

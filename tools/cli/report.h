@@ -6,9 +6,9 @@
 #include <ostream>
 #include <string>
 
-#include "tools/kvtool_lib/discovery_client.h"
-#include "tools/kvtool_lib/package_check.h"
-#include "tools/kvtool_lib/upgrade_session.h"
+#include "tools/device/discovery_client.h"
+#include "tools/device/upgrade_session.h"
+#include "tools/package/check.h"
 
 namespace kvtool {
 

@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/package_check.h"
+#include "tools/package/check.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/wait.h"
+#include "tools/base/wait.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <csignal>
 
-#include "tools/kvtool_lib/errors.h"
+#include "tools/base/errors.h"
 
 namespace kvtool {
 

@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/upgrade_session.h"
+#include "tools/device/upgrade_session.h"
 
 #include <poll.h>
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "mini/kv_mini_frame.h"
-#include "tools/kvtool_lib/tcp.h"
+#include "tools/device/tcp.h"
 
 namespace kvtool {
 

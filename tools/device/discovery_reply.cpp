@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/discovery_reply.h"
+#include "tools/device/discovery_reply.h"
 
 #include <arpa/inet.h>
 
