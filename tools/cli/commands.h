@@ -23,7 +23,7 @@ struct PackCommand {
 struct DeviceCommand {
     std::string host;  // an address, a name, or a MAC address that is searched for first
     std::optional<uint16_t> port;
-    uint16_t discovery_port = 0;
+    uint16_t discoveryPort = 0;
     bool json = false;
 };
 
@@ -32,7 +32,7 @@ struct UpgradeCommand {
     std::string file;
     bool force = false;
     bool follow = true;
-    std::optional<int> wait_seconds;  // how long to wait for the device to appear
+    std::optional<int> waitSeconds;  // how long to wait for the device to appear
     UpgradeTimes times;
 };
 

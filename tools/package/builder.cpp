@@ -128,8 +128,8 @@ BuildResult BuildPackage(const BuildRequest& request) {
         order.begin(), order.end(),
         [&request](const ImageSpec* image) { return !IsBoot(request.layout, *image); });
 
-    const size_t data_start = kv::kPackageHeaderSize + order.size() * kv::kPackageEntrySize;
-    uint64_t total = data_start;
+    const size_t dataStart = kv::kPackageHeaderSize + order.size() * kv::kPackageEntrySize;
+    uint64_t total = dataStart;
     std::vector<uint64_t> offsets;
     for (auto image = order.begin(); image != order.end(); ++image) {
         const uint64_t length = (*image)->bytes.size();
@@ -141,7 +141,7 @@ BuildResult BuildPackage(const BuildRequest& request) {
         throw ToolError(ExitCode::kRefused, "the package would be too large: " + SizeText(total));
     }
     result.bytes.assign(total, 0xFF);
-    std::fill_n(result.bytes.begin(), data_start, uint8_t{0});
+    std::fill_n(result.bytes.begin(), dataStart, uint8_t{0});
     PutHeader(result.bytes.data(), request, total);
     for (size_t i = 0; i < order.size(); ++i) {
         PutEntry(result.bytes.data() + kv::kPackageHeaderSize + i * kv::kPackageEntrySize,

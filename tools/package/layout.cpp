@@ -60,10 +60,10 @@ void Layout::ReadFile(const std::string& path) {
     }
 }
 
-std::vector<LayoutRow> Layout::Select(std::string_view file_name) const {
+std::vector<LayoutRow> Layout::Select(std::string_view fileName) const {
     std::vector<LayoutRow> selected;
     for (const LayoutRow& row : rows_) {
-        if (file_name.substr(0, row.name.size()) == row.name) {
+        if (fileName.substr(0, row.name.size()) == row.name) {
             selected.push_back(row);
         }
     }
