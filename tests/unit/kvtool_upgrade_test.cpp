@@ -17,12 +17,14 @@ using kvtool::ToolError;
 class Listener : public kvtool::UpgradeListener {
   public:
     void Line(const std::string& text) override { lines.push_back(text); }
-    void Progress(uint64_t acknowledged, uint64_t, double) override {
-        EXPECT_GE(acknowledged, last);
-        last = acknowledged;
+    void Progress(const kvtool::UploadProgress& progress) override {
+        EXPECT_GE(progress.acknowledged, last);
+        last = progress.acknowledged;
+        longestSilence = std::max(longestSilence, progress.silent);
     }
     std::vector<std::string> lines;
     uint64_t last = 0;
+    double longestSilence = 0;
 };
 
 kvtool::UpgradeTimes ShortTimes() {

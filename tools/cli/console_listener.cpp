@@ -40,7 +40,10 @@ void ConsoleListener::Line(const std::string& text) {
     (void)fflush(out_);
 }
 
-void ConsoleListener::Progress(uint64_t acknowledged, uint64_t total, double seconds) {
+void ConsoleListener::Progress(const UploadProgress& progress) {
+    const auto [acknowledged, total, seconds, silent, stallLimit] = progress;
+    (void)silent;
+    (void)stallLimit;
     if (acknowledged == total ||
         seconds - lastShown_ < (terminal_ ? kTerminalEvery : kPlainEvery)) {
         return;

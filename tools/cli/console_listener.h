@@ -12,7 +12,7 @@ class ConsoleListener : public UpgradeListener {
   public:
     explicit ConsoleListener(FILE* out);
     void Line(const std::string& text) override;
-    void Progress(uint64_t acknowledged, uint64_t total, double seconds) override;
+    void Progress(const UploadProgress& progress) override;
     // Removes a progress line that still stands.
     void Clear();
 
