@@ -92,7 +92,8 @@ TEST_F(KvtoolCli, InspectTellsFitFromUnfit) {
     nlohmann::json json = nlohmann::json::parse(output);
     EXPECT_EQ(json["acceptable"], true);
     EXPECT_EQ(json["entries"][0]["written_behind"], 62144);
-    EXPECT_EQ(RunTool({"inspect", "--json", Path("other")}, &output), 3);
+    EXPECT_EQ(RunTool({"inspect", Path("other")}), 0) << "fit for a device of its own identity";
+    EXPECT_EQ(RunTool({"inspect", "--json", "--ic", "PRT7K", Path("other")}, &output), 3);
     json = nlohmann::json::parse(output);
     EXPECT_EQ(json["findings"][0]["severity"], "error");
     EXPECT_EQ(RunTool({"inspect", Path("app")}), 3);
@@ -126,17 +127,22 @@ TEST_F(KvtoolCli, InfoAndUpgrade) {
     EXPECT_EQ(std::string(stream.begin(), stream.end() - 37), Read("good"));
 }
 
-// The device's own identity decides, not the one that this tool is built for.
+// The device's own identity decides, and --force does not touch it.
 TEST_F(KvtoolCli, UpgradeComparesWithWhatTheDeviceSays) {
     fake::Script script;
-    script.sensor = "39QX";
+    script.ic = "OTHER";
     fake::Device device(script);
-    const std::string port = std::to_string(device.Port());
-    EXPECT_EQ(RunTool({"upgrade", "--port", port, "--no-follow", "127.0.0.1", Path("good")}), 3);
+    Arguments upgrade = {"upgrade",     "--port",  std::to_string(device.Port()),
+                         "--no-follow", "--force", "127.0.0.1"};
+    upgrade.push_back(Path("good"));
+    EXPECT_EQ(RunTool(upgrade), 3);
     EXPECT_TRUE(device.UpgradeRequest().empty());
-    EXPECT_EQ(
-        RunTool({"upgrade", "--port", port, "--no-follow", "--force", "127.0.0.1", Path("good")}),
-        0);
+    upgrade.back() = Path("other");
+    upgrade[4] = "--no-follow";
+    EXPECT_EQ(RunTool(upgrade), 0) << "a package for this very device needs no force";
+    upgrade.back() = Path("good");
+    upgrade[4] = "--force-identity";
+    EXPECT_EQ(RunTool(upgrade), 0);
 }
 
 TEST_F(KvtoolCli, InterruptEndsAnUploadAtOnce) {

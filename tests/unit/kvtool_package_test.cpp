@@ -42,7 +42,7 @@ Bytes HandMade() {
 }
 
 PackageReport Check(const Bytes& bytes) {
-    return kvtool::CheckPackage(bytes, Layout::Default(), kvtool::StandardIdentity());
+    return kvtool::CheckPackage(bytes, Layout::Default(), {"PRT7K", "38QX"});
 }
 
 bool Reports(const PackageReport& report, kvtool::Severity severity, const std::string& text) {
@@ -174,6 +174,17 @@ TEST(KvtoolInspect, NamesWhatTheDeviceWouldMakeOfIt) {
         EXPECT_EQ(report.Acceptable(), c.severity != Severity::kError)
             << c.text << AllFindings(report);
     }
+}
+
+TEST(KvtoolInspect, ComparesOnlyWithWhatIsKnownOfTheDevice) {
+    const auto fits = [](const kvtool::Identity& device) {
+        return kvtool::CheckPackage(HandMade(), Layout::Default(), device).Acceptable();
+    };
+    EXPECT_TRUE(fits({}));
+    EXPECT_TRUE(fits({"PRT7K", {}}));
+    EXPECT_TRUE(fits({{}, "38QX"}));
+    EXPECT_FALSE(fits({"PRT9K", {}}));
+    EXPECT_FALSE(fits({{}, ""}));
 }
 
 TEST(KvtoolInspect, EveryTruncationIsFoundAndHarmless) {

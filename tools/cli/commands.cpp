@@ -96,24 +96,21 @@ UpgradeSession OpenSession(const UpgradeCommand& command, UpgradeListener* liste
     return session;
 }
 
-Bytes ReadPackage(const UpgradeCommand& command, const Layout& layout, std::ostream& out) {
-    Bytes package = ReadWholeFile(command.file);
-    const PackageReport report = CheckPackage(package, layout, StandardIdentity());
+PackageReport JudgePackage(const Bytes& package, const UpgradeCommand& command,
+                           const Layout& layout, std::ostream& out) {
+    PackageReport report = CheckPackage(package, layout, {});
     PrintFindings(out, report);
     if (package.empty() || (!report.Acceptable() && !command.force)) {
         throw ToolError(ExitCode::kRefused, command.file +
                                                 " is not fit for the device; nothing was "
                                                 "sent");
     }
-    return package;
+    return report;
 }
 
-// The device compares with its own identity, which need not be the one this tool is built for.
-void CheckIdentity(const UpgradeCommand& command, const Layout& layout, const Bytes& package,
-                   const UpgradeRecord& record) {
-    const Identity device{record.device.ic, record.device.sensor};
-    const PackageReport report = CheckPackage(package, layout, device);
-    if ((report.ic != device.ic || report.sensor != device.sensor) && !command.force) {
+// A device takes any package that names its own chip and sensor, and only such a one.
+void CheckIdentity(const PackageReport& report, const DeviceInfo& device) {
+    if (report.ic != device.ic || report.sensor != device.sensor) {
         throw ToolError(ExitCode::kRefused, "the package is for chip '" + Printable(report.ic) +
                                                 "' and sensor '" + Printable(report.sensor) +
                                                 "', the device has '" + Printable(device.ic) +
@@ -138,10 +135,14 @@ std::string ResultText(ExitCode code, bool follow) {
 
 ExitCode DoUpgrade(const UpgradeCommand& command, const Layout& layout, ConsoleListener* listener,
                    UpgradeRecord* record) {
-    const Bytes package = ReadPackage(command, layout, command.device.json ? std::cerr : std::cout);
+    const Bytes package = ReadWholeFile(command.file);
+    const PackageReport report =
+        JudgePackage(package, command, layout, command.device.json ? std::cerr : std::cout);
     UpgradeSession session = OpenSession(command, listener, record);
     session.Identify();
-    CheckIdentity(command, layout, package, *record);
+    if (!command.forceIdentity) {
+        CheckIdentity(report, record->device);
+    }
     session.Upload(package);
     if (!command.follow) {
         return ExitCode::kDone;
@@ -175,9 +176,9 @@ ExitCode RunPack(const PackCommand& command, const Layout& layout) {
     return ExitCode::kDone;
 }
 
-ExitCode RunInspect(const std::string& file, const Layout& layout, bool json) {
-    const PackageReport report = CheckPackage(ReadWholeFile(file), layout, StandardIdentity());
-    if (json) {
+ExitCode RunInspect(const InspectCommand& command, const Layout& layout) {
+    const PackageReport report = CheckPackage(ReadWholeFile(command.file), layout, command.device);
+    if (command.json) {
         PrintJson(std::cout, PackageJson(report));
     } else {
         PrintPackage(std::cout, report);

@@ -8,6 +8,7 @@
 #include "tools/base/errors.h"
 #include "tools/device/discovery_client.h"
 #include "tools/device/upgrade_session.h"
+#include "tools/package/check.h"
 #include "tools/package/layout.h"
 
 namespace kvtool {
@@ -20,6 +21,12 @@ struct PackCommand {
     bool force = false;
 };
 
+struct InspectCommand {
+    std::string file;
+    Identity device;  // what to check against
+    bool json = false;
+};
+
 struct DeviceCommand {
     std::string host;  // an address, a name, or a MAC address that is searched for first
     std::optional<uint16_t> port;
@@ -30,7 +37,8 @@ struct DeviceCommand {
 struct UpgradeCommand {
     DeviceCommand device;
     std::string file;
-    bool force = false;
+    bool force = false;          // send in spite of what the check of the package says
+    bool forceIdentity = false;  // send to a device of another chip or sensor
     bool follow = true;
     std::optional<int> waitSeconds;  // how long to wait for the device to appear
     UpgradeTimes times;
@@ -39,7 +47,7 @@ struct UpgradeCommand {
 // Each prints its result to standard output, returns the exit code of the command, and throws
 // ToolError where the command cannot go on.
 ExitCode RunPack(const PackCommand& command, const Layout& layout);
-ExitCode RunInspect(const std::string& file, const Layout& layout, bool json);
+ExitCode RunInspect(const InspectCommand& command, const Layout& layout);
 ExitCode RunInfo(const DeviceCommand& command, const UpgradeTimes& times);
 ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout);
 ExitCode RunDiscover(const DiscoveryRequest& request, bool json);

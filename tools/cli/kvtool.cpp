@@ -20,7 +20,7 @@ struct Options {
     kvtool::UpgradeCommand upgrade;
     kvtool::DeviceCommand info;
     kvtool::DiscoveryRequest discovery;
-    std::string inspectFile;
+    kvtool::InspectCommand inspect;
     std::string layoutFile;
     std::vector<std::string> sizes;
     bool json = false;
@@ -72,8 +72,11 @@ void AddPack(CLI::App* root, Options* options) {
 
 void AddInspect(CLI::App* root, Options* options) {
     CLI::App* app = root->add_subcommand("inspect", "Show what a device would make of a package");
-    app->add_option("file", options->inspectFile, "Package")->required();
-    app->add_flag("--json", options->json, "Print JSON");
+    app->add_option("file", options->inspect.file, "Package")->required();
+    app->add_option("--ic", options->inspect.device.ic, "Chip type of the device to check for");
+    app->add_option("--sensor", options->inspect.device.sensor,
+                    "Sensor type of the device to check for");
+    app->add_flag("--json", options->inspect.json, "Print JSON");
     AddLayout(app, options);
 }
 
@@ -91,7 +94,9 @@ void AddUpgrade(CLI::App* root, Options* options) {
     kvtool::UpgradeCommand& upgrade = options->upgrade;
     app->add_option("host", upgrade.device.host, "Address, name or MAC address")->required();
     app->add_option("file", upgrade.file, "Package")->required();
-    app->add_flag("--force", upgrade.force, "Send in spite of objections");
+    app->add_flag("--force", upgrade.force, "Send in spite of objections to the package");
+    app->add_flag("--force-identity", upgrade.forceIdentity,
+                  "Send to a device of another chip or sensor type");
     app->add_flag("--no-follow", options->noFollow, "End when the device has accepted");
     app->add_flag("--json", options->json, "Print JSON at the end, progress to standard error");
     AddPort(app, options);
@@ -159,7 +164,7 @@ ExitCode Dispatch(const CLI::App& app, Options* options) {
         return RunPack(options->pack, layout);
     }
     if (command == "inspect") {
-        return RunInspect(options->inspectFile, layout, options->json);
+        return RunInspect(options->inspect, layout);
     }
     if (command == "info") {
         FillDevice(*options, &options->info);

@@ -41,7 +41,8 @@ class Checker {
     }
 
     bool CheckHeader();
-    void CheckText(const char* what, const std::string& found, const std::string& wanted);
+    void CheckText(const char* what, const std::string& found,
+                   const std::optional<std::string>& wanted);
     void ReadEntries();
     void CheckEntry(EntryReport* entry);
     void CheckImage(EntryReport* entry, const LayoutRow& target);
@@ -82,11 +83,12 @@ bool Checker::CheckHeader() {
     return true;
 }
 
-void Checker::CheckText(const char* what, const std::string& found, const std::string& wanted) {
-    if (found != wanted) {
+void Checker::CheckText(const char* what, const std::string& found,
+                        const std::optional<std::string>& wanted) {
+    if (wanted && found != *wanted) {
         Find(Severity::kError, -1,
              std::string(what) + " is '" + Printable(found) + "', the device's is '" +
-                 Printable(wanted) + "': the device refuses the package");
+                 Printable(*wanted) + "': the device refuses the package");
     }
 }
 
@@ -257,10 +259,6 @@ void Checker::CheckTargets() {
 }
 
 }  // namespace
-
-Identity StandardIdentity() {
-    return {kv::kIcType, kv::kSensorType};
-}
 
 const char* SeverityName(Severity severity) {
     switch (severity) {

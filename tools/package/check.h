@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,12 +12,11 @@
 
 namespace kvtool {
 
+// What is known of the device; what is not known is not compared.
 struct Identity {
-    std::string ic;
-    std::string sensor;
+    std::optional<std::string> ic;
+    std::optional<std::string> sensor;
 };
-// The identity of the device that this tool is built for.
-Identity StandardIdentity();
 
 enum class Severity {
     kNote,     // worth knowing
@@ -60,6 +60,7 @@ struct PackageReport {
     bool Acceptable() const;
 };
 
+// Without an identity the package's own chip and sensor types are facts, not findings.
 PackageReport CheckPackage(const Bytes& package, const Layout& layout, const Identity& device);
 
 // Bytes that the device's writer takes from the package for an image: whole transfer units, at
