@@ -199,7 +199,9 @@ TEST(KvtoolLayout, SizesAreParsedStrictly) {
     EXPECT_EQ(kvtool::ParseSize("576K"), 589824U);
     EXPECT_EQ(kvtool::ParseSize("2M"), 2097152U);
     EXPECT_EQ(kvtool::ParseSize("7"), 7U);
-    for (const char* bad : {"", "K", "-1", "1k", "1KB", "0x10", "99999999999", " 1"}) {
+    EXPECT_EQ(kvtool::ParseSize("0x1F"), 31U);
+    EXPECT_EQ(kvtool::ParseSize("1g"), 1073741824U);
+    for (const char* bad : {"", "K", "-1", "1T", "1KB", "0x", "99999999999", "0x1g7", " 1"}) {
         EXPECT_THROW((void)kvtool::ParseSize(bad), ToolError) << bad;
     }
     Layout layout = Layout::Default();

@@ -60,22 +60,19 @@ std::string UnknownCommand(CLI::App* app) {
 
 }  // namespace
 
-bool ParseCommandLine(CLI::App* app, int argc, char** argv, bool* failed) {
-    *failed = false;
+std::optional<int> ParseCommandLine(CLI::App* app, int argc, char** argv) {
     try {
         app->parse(argc, argv);
-        return true;
+        return std::nullopt;
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-            (void)app->exit(error);
-            return false;
+            return app->exit(error);
         }
-        *failed = true;
         const std::string unknown = UnknownCommand(app);
         std::cerr << app->get_name() << ": "
                   << (unknown.empty() ? Printable(error.what()) : unknown)
                   << "\nRun with --help for more information.\n";
-        return false;
+        return error.get_exit_code();
     }
 }
 

@@ -74,8 +74,8 @@ void Collect(const CLI::App& app, std::vector<std::string> path, std::vector<Arg
             command.options.push_back(std::move(argument));
         }
     }
-    command.children = app.get_subcommands(
-        [](const CLI::App* child) { return !child->get_group().empty(); });
+    command.children =
+        app.get_subcommands([](const CLI::App* child) { return !child->get_group().empty(); });
     commands->push_back(command);
     for (const CLI::App* child : command.children) {
         Collect(*child, path, child->get_fallthrough() ? command.options : std::vector<Argument>(),
@@ -102,11 +102,11 @@ std::string BashAction(const Argument& argument) {
         case Kind::kFolders:
             return "files -d";
         case Kind::kWords:
-            return "words " + Quoted(Joined(argument.words, " "));
+            return "words " + Joined(argument.words, " ");
         case Kind::kNothing:
             break;
     }
-    return "words ''";
+    return "words";
 }
 
 // In the order of the positional arguments; the last action holds for all further words.
@@ -115,7 +115,8 @@ void BashPositionals(const Command& command, std::ostream& out) {
     for (size_t i = 0; i < command.positionals.size(); ++i) {
         const bool open = command.positionals[i].repeats;
         out << "        "
-            << (open ? Quoted(path + ":") + "*" : Quoted(path + ":" + std::to_string(i))) << ") action=" << Quoted(BashAction(command.positionals[i])) << " ;;\n";
+            << (open ? Quoted(path + ":") + "*" : Quoted(path + ":" + std::to_string(i)))
+            << ") action=" << Quoted(BashAction(command.positionals[i])) << " ;;\n";
         if (open) {
             return;
         }
@@ -191,9 +192,9 @@ void BashScript(const std::vector<Command>& commands, std::ostream& out) {
 )" << values.str()
         << R"(    esac
     if [[ -z $action && $cur == -* && -z $plain ]]; then
-        action="words '$options'"
+        action="words $options"
     elif [[ -z $action && -n $commands ]]; then
-        action="words '$commands'"
+        action="words $commands"
     elif [[ -z $action ]]; then
         case $path:$count in
 )" << positionals.str()
@@ -205,12 +206,12 @@ void BashScript(const std::vector<Command>& commands, std::ostream& out) {
             mapfile -t COMPREPLY < <(compgen "${action#files }" -- "$cur")
             ;;
         *)
-            action=${action#words } action=${action#\'} action=${action%\'}
-            mapfile -t COMPREPLY < <(compgen -W "$action" -- "$cur")
+            mapfile -t COMPREPLY < <(compgen -W "${action#words}" -- "$cur")
             ;;
     esac
 }
-)" << "complete -F _" << program << " " << program << "\n";
+)"
+        << "complete -F _" << program << " " << program << "\n";
 }
 
 // Text inside the brackets of an option's specification.
@@ -261,8 +262,8 @@ void ZshFunction(const Command& command, std::ostream& out) {
         out << "    local context curcontext=$curcontext state state_descr line\n"
                "    local -A opt_args\n    local -a commands\n    commands=(\n";
         for (const CLI::App* child : command.children) {
-            out << "        "
-                << Quoted(child->get_name() + ":" + ZshText(child->get_description())) << "\n";
+            out << "        " << Quoted(child->get_name() + ":" + ZshText(child->get_description()))
+                << "\n";
         }
         out << "    )\n";
     }

@@ -66,7 +66,8 @@ Bytes ReadWholeFile(const std::string& path) {
     }
     if (static_cast<uint64_t>(info.st_size) > kMaxPackageSize) {
         throw ToolError(ExitCode::kRefused,
-                        Printable(path) + " is too large: " + SizeText(static_cast<uint64_t>(info.st_size)) +
+                        Printable(path) +
+                            " is too large: " + SizeText(static_cast<uint64_t>(info.st_size)) +
                             ", a transfer holds at most " + SizeText(kMaxPackageSize));
     }
     Bytes bytes(static_cast<size_t>(info.st_size));
@@ -75,7 +76,8 @@ Bytes ReadWholeFile(const std::string& path) {
         ThrowIfInterrupted();
         const ssize_t n = read(fd.Get(), bytes.data() + done, std::min(kStep, bytes.size() - done));
         if (n == 0) {
-            throw ToolError(ExitCode::kRefused, Printable(path) + " became shorter while it was read");
+            throw ToolError(ExitCode::kRefused,
+                            Printable(path) + " became shorter while it was read");
         }
         if (n < 0 && errno != EINTR) {
             throw ToolError(ExitCode::kRefused, Because("read", path));

@@ -47,9 +47,9 @@ struct CodeRange {
 
 // Control, invisible and bidirectional formatting characters, and the backslash that escapes them.
 constexpr CodeRange kUnsafe[] = {
-    {0x00, 0x1F},       {0x5C, 0x5C},     {0x7F, 0x9F},       {0xAD, 0xAD},
-    {0x61C, 0x61C},     {0x180E, 0x180E}, {0x200B, 0x200F},   {0x2028, 0x202E},
-    {0x2060, 0x206F},   {0xFEFF, 0xFEFF}, {0xFFF0, 0xFFFB},   {0xE0000, 0xE0FFF},
+    {0x00, 0x1F},     {0x5C, 0x5C},     {0x7F, 0x9F},     {0xAD, 0xAD},
+    {0x61C, 0x61C},   {0x180E, 0x180E}, {0x200B, 0x200F}, {0x2028, 0x202E},
+    {0x2060, 0x206F}, {0xFEFF, 0xFEFF}, {0xFFF0, 0xFFFB}, {0xE0000, 0xE0FFF},
 };
 
 bool IsUnsafe(uint32_t point) {
@@ -107,14 +107,16 @@ std::string Hex(const void* data, size_t size, std::string_view separator) {
 }
 
 std::string SizeText(uint64_t bytes) {
-    std::string out = std::to_string(bytes) + " bytes";
+    const std::string text = std::to_string(bytes) + " bytes";
+    return bytes < 1024 ? text : text + " (" + ShortSizeText(bytes) + ")";
+}
+
+std::string ShortSizeText(uint64_t bytes) {
     const auto value = static_cast<double>(bytes);
     if (bytes >= 1048576) {
-        out += " (" + Decimal(value / (1024.0 * 1024.0), "MiB") + ")";
-    } else if (bytes >= 1024) {
-        out += " (" + Decimal(value / 1024.0, "KiB") + ")";
+        return Decimal(value / (1024.0 * 1024.0), "MiB");
     }
-    return out;
+    return bytes >= 1024 ? Decimal(value / 1024.0, "KiB") : std::to_string(bytes) + " bytes";
 }
 
 std::string SecondsText(double seconds) {

@@ -32,6 +32,9 @@ std::string Hex(const void* data, size_t size, std::string_view separator = "");
 // "1234 bytes (1.2 KiB)".
 std::string SizeText(uint64_t bytes);
 
+// "1.2 KiB".
+std::string ShortSizeText(uint64_t bytes);
+
 // Seconds with one decimal: "12.3 s".
 std::string SecondsText(double seconds);
 

@@ -7,8 +7,8 @@
 #include "tools/cli/console_listener.h"
 #include "tools/cli/report.h"
 #include "tools/device/follow.h"
-#include "tools/package/builder.h"
 #include "tools/package/check.h"
+#include "tools/package/package_json.h"
 
 namespace kvtool {
 
@@ -25,7 +25,7 @@ struct Target {
 
 // Where to connect to; searches for the device when it is given by its MAC address. The sender's
 // address is taken rather than the one in the reply: it is the one that was seen to work.
-Target Locate(const DeviceCommand& command) {
+Target Locate(const DeviceCommand& command, Json* json) {
     if (!IsMacAddress(command.host)) {
         return {command.host, command.port.value_or(kv::kProtocolPort)};
     }
@@ -40,11 +40,13 @@ Target Locate(const DeviceCommand& command) {
         throw ToolError(ExitCode::kUnreachable,
                         "no device with the MAC address " + mac + " answers a search");
     }
+    (*json)["mac"] = mac;
+    (*json)["address"] = device->senders.front();
     return {device->senders.front(), command.port.value_or(device->reply.commandPort)};
 }
 
-void ConnectAndLogin(UpgradeSession* session, const DeviceCommand& command) {
-    const Target target = Locate(command);
+void ConnectAndLogin(UpgradeSession* session, const DeviceCommand& command, Json* json) {
+    const Target target = Locate(command, json);
     session->Connect(target.host, target.port);
     session->Login();
 }
@@ -57,18 +59,18 @@ bool MayAppearLater(ExitCode code) {
 // Tries until the device lets itself be logged in to or the time is over. Says each new reason
 // once.
 UpgradeSession WaitForDevice(const UpgradeCommand& command, UpgradeListener* listener,
-                             UpgradeRecord* record) {
+                             UpgradeRecord* record, Json* json) {
     const Clock::time_point start = Clock::now();
     const Clock::time_point deadline = start + std::chrono::seconds(*command.waitSeconds);
     UpgradeTimes quick = command.times;
     quick.connect = std::min(quick.connect, kWaitingTry);
     quick.reply = std::min(quick.reply, kWaitingTry);
     std::string last;
-    listener->Line("waiting for " + command.device.host);
+    listener->Line("waiting for " + Printable(command.device.host));
     for (;;) {
         try {
             UpgradeSession session(quick, listener, record);
-            ConnectAndLogin(&session, command.device);
+            ConnectAndLogin(&session, command.device, json);
             record->phases.insert(record->phases.begin(), {"wait", SecondsSince(start)});
             return session;
         } catch (const ToolError& error) {
@@ -87,21 +89,22 @@ UpgradeSession WaitForDevice(const UpgradeCommand& command, UpgradeListener* lis
 }
 
 UpgradeSession OpenSession(const UpgradeCommand& command, UpgradeListener* listener,
-                           UpgradeRecord* record) {
+                           UpgradeRecord* record, Json* json) {
     if (command.waitSeconds) {
-        return WaitForDevice(command, listener, record);
+        return WaitForDevice(command, listener, record, json);
     }
     UpgradeSession session(command.times, listener, record);
-    ConnectAndLogin(&session, command.device);
+    ConnectAndLogin(&session, command.device, json);
     return session;
 }
 
 PackageReport JudgePackage(const Bytes& package, const UpgradeCommand& command,
-                           const Layout& layout, std::ostream& out) {
+                           const Layout& layout, Json* json) {
     PackageReport report = CheckPackage(package, layout, {});
-    PrintFindings(out, report);
+    (*json)["package"] = PackageSummaryJson(report);
+    PrintFindings(command.device.json ? std::cerr : std::cout, report);
     if (package.empty() || (!report.Acceptable() && !command.force)) {
-        throw ToolError(ExitCode::kRefused, command.file +
+        throw ToolError(ExitCode::kRefused, Printable(command.file) +
                                                 " is not fit for the device; nothing was "
                                                 "sent");
     }
@@ -134,11 +137,12 @@ std::string ResultText(ExitCode code, bool follow) {
 }
 
 ExitCode DoUpgrade(const UpgradeCommand& command, const Layout& layout, ConsoleListener* listener,
-                   UpgradeRecord* record) {
+                   UpgradeRecord* record, Json* json) {
+    (*json)["host"] = Printable(command.device.host);
+    (*json)["file"] = Printable(command.file);
     const Bytes package = ReadWholeFile(command.file);
-    const PackageReport report =
-        JudgePackage(package, command, layout, command.device.json ? std::cerr : std::cout);
-    UpgradeSession session = OpenSession(command, listener, record);
+    const PackageReport report = JudgePackage(package, command, layout, json);
+    UpgradeSession session = OpenSession(command, listener, record, json);
     session.Identify();
     if (!command.forceIdentity) {
         CheckIdentity(report, record->device);
@@ -152,88 +156,52 @@ ExitCode DoUpgrade(const UpgradeCommand& command, const Layout& layout, ConsoleL
 
 }  // namespace
 
-ExitCode RunPack(const PackCommand& command, const Layout& layout) {
-    BuildRequest request{command.ic, command.sensor, {}, layout, command.force};
-    for (const std::string& image : command.images) {
-        const size_t equals = image.find('=');
-        if (equals == std::string::npos) {
-            throw ToolError(ExitCode::kUsage, "not NAME=IMAGE: '" + Printable(image) + "'");
-        }
-        request.images.push_back(
-            {image.substr(0, equals), ReadWholeFile(image.substr(equals + 1))});
-    }
-    const BuildResult result = BuildPackage(request);
-    for (const std::string& warning : result.warnings) {
-        std::cerr << "warning: " << warning << '\n';
-    }
-    if (command.ic != kv::kIcType || command.sensor != kv::kSensorType) {
-        std::cerr << "warning: a device of chip " << kv::kIcType << " and sensor "
-                  << kv::kSensorType << " will refuse this package\n";
-    }
-    WriteWholeFile(command.output, result.bytes);
-    std::cout << command.output << ": " << SizeText(result.bytes.size()) << ", MD5 "
-              << Md5Hex(result.bytes.data(), result.bytes.size()) << '\n';
-    return ExitCode::kDone;
-}
-
-ExitCode RunInspect(const InspectCommand& command, const Layout& layout) {
-    const PackageReport report = CheckPackage(ReadWholeFile(command.file), layout, command.device);
-    if (command.json) {
-        PrintJson(std::cout, PackageJson(report));
-    } else {
-        PrintPackage(std::cout, report);
-    }
-    return report.Acceptable() ? ExitCode::kDone : ExitCode::kRefused;
-}
-
-ExitCode RunInfo(const DeviceCommand& command, const UpgradeTimes& times) {
-    const Target target = Locate(command);
+ExitCode RunInfo(const DeviceCommand& command, const UpgradeTimes& times, Json* json) {
+    (*json)["host"] = Printable(command.host);
+    const Target target = Locate(command, json);
     Connected connected = ConnectAny(target.host, target.port, times.connect);
     ProtocolClient client(std::move(connected.fd), times.reply);
     InfoReport report;
     report.address = connected.endpoint.text;
+    (*json)["address"] = report.address;
     report.sessionBefore = client.Login();
     report.session = client.Heartbeat();
     report.serial = client.SerialNumber();
     report.device = client.Info();
-    if (command.json) {
-        PrintJson(std::cout, InfoJson(report));
-    } else {
+    json->update(InfoJson(report));
+    if (!command.json) {
         PrintInfo(std::cout, report);
     }
     return ExitCode::kDone;
 }
 
-ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout) {
+ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout, Json* json) {
     ConsoleListener listener(command.device.json ? stderr : stdout);
     UpgradeRecord record;
-    const auto finish = [&](ExitCode code, const std::string& result) {
-        listener.Clear();
-        if (command.device.json) {
-            PrintJson(std::cout, UpgradeJson(record, code, result));
-        }
-    };
     try {
-        const ExitCode code = DoUpgrade(command, layout, &listener, &record);
+        const ExitCode code = DoUpgrade(command, layout, &listener, &record, json);
         const std::string result = ResultText(code, command.follow);
         listener.Line("result: " + result);
-        finish(code, result);
+        json->update(UpgradeJson(record, result));
         return code;
     } catch (const ToolError& error) {
         std::string result = error.what();
         if (record.accepted) {
             result += "; the device had accepted the package and goes on by itself";
         }
-        finish(error.Code(), result);
+        listener.Clear();
+        json->update(UpgradeJson(record, result));
         throw ToolError(error.Code(), result);
     }
 }
 
-ExitCode RunDiscover(const DiscoveryRequest& request, bool json) {
-    const DiscoveryResult result = Discover(request, nullptr);
-    if (json) {
-        PrintJson(std::cout, DiscoveryJson(result));
-    } else {
+ExitCode RunDiscover(const DiscoverCommand& command, Json* json) {
+    if (!command.request.host.empty()) {
+        (*json)["host"] = Printable(command.request.host);
+    }
+    const DiscoveryResult result = Discover(command.request, nullptr);
+    json->update(DiscoveryJson(result));
+    if (!command.json) {
         PrintDiscovery(std::cout, result);
     }
     return result.devices.empty() ? ExitCode::kUnreachable : ExitCode::kDone;

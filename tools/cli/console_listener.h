@@ -4,6 +4,7 @@
 
 #include <cstdio>
 
+#include "tools/cli/progress.h"
 #include "tools/device/upgrade_session.h"
 
 namespace kvtool {
@@ -17,10 +18,14 @@ class ConsoleListener : public UpgradeListener {
     void Clear();
 
   private:
+    // The terminal's width, asked for each time because the window may change.
+    size_t Columns() const;
+
     FILE* out_;
     bool terminal_;
-    bool progressStands_ = false;
+    size_t standing_ = 0;  // width of the progress line that stands
     double lastShown_ = 0;
+    RateMeter rate_;
 };
 
 }  // namespace kvtool
