@@ -166,8 +166,9 @@ void BashScript(const std::vector<Command>& commands, std::ostream& out) {
         << R"(            *)
                 if [[ $word == -- ]]; then
                     plain=1
-                elif [[ ${COMP_WORDS[i + 1]} == '=' && $word != -* ]]; then
-                    ((i + 2 < COMP_CWORD)) && ((i += 2, count++))
+                elif [[ ${COMP_WORDS[i + 1]} == '=' ]] && ((i + 2 < COMP_CWORD)); then
+                    ((i += 2))
+                    [[ $word == -* ]] || ((count++))
                 elif [[ $word != -* && $word != '=' ]]; then
                     ((count++))
                 fi
