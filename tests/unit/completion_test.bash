@@ -5,7 +5,7 @@ set -uo pipefail
 kvtool=$1 vboard=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-cd "$work"
+cd "$work" || exit
 touch camera.fls "with space.img" layout.txt
 mkdir folder
 for program in "$kvtool" "$vboard"; do

@@ -95,6 +95,23 @@ TEST_F(KvtoolCli, PackKeepsItsInputsAndWritesToAPipe) {
     EXPECT_EQ(output, Read("good"));
 }
 
+TEST_F(KvtoolCli, ToolboxEndsAsDiffDoes) {
+    EXPECT_EQ(RunTool({"diff", Path("good"), Path("good")}), 0);
+    EXPECT_EQ(RunTool({"diff", Path("good"), Path("other")}), 1);
+    EXPECT_EQ(RunTool({"diff", Path("good"), Path("none")}), 2);
+    WriteFile(Path("layout"), Read("app") + std::string(131072, '\xFF'));
+    EXPECT_EQ(RunTool({"verify", Path("good"), "app=" + Path("layout")}), 0);
+    EXPECT_EQ(RunTool({"verify", Path("good"), "app=" + Path("good")}), 1);
+    EXPECT_EQ(RunTool({"verify", Path("good"), "kernel=" + Path("layout")}), 2);
+
+    std::string output;
+    EXPECT_EQ(RunTool({"extract", "--json", Path("good"), "-d", Path("out/deep")}, &output), 0);
+    EXPECT_EQ(nlohmann::json::parse(output)["images"][0]["size"], 200000);
+    EXPECT_EQ(Read("out/deep/app"), Read("app"));
+    EXPECT_EQ(RunTool({"extract", Path("good"), "-d", Path("out/deep")}), 3) << "replaces a file";
+    std::filesystem::remove_all(Path("out"));
+}
+
 TEST_F(KvtoolCli, UnknownCommandsAreNamed) {
     for (const auto& [arguments, text] : std::vector<std::pair<std::string, std::string>>{
              {"upgrad", "unknown command 'upgrad' (did you mean 'upgrade'?)"},

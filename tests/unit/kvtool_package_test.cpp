@@ -6,6 +6,9 @@
 #include "tools/cli/report.h"
 #include "tools/package/builder.h"
 #include "tools/package/check.h"
+#include "tools/package/compare.h"
+#include "tools/package/extract.h"
+#include "tools/package/flash_image.h"
 
 namespace {
 
@@ -232,6 +235,117 @@ TEST(KvtoolInspect, EveryTruncationIsFoundAndHarmless) {
         const Bytes cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
         EXPECT_FALSE(Check(cut).Acceptable()) << size;
     }
+}
+
+TEST(KvtoolExtract, TakesOnlyNamesThatAreFiles) {
+    Bytes bytes = HandMade();
+    const PackageReport report = Check(bytes);
+    ASSERT_EQ(kvtool::SelectImages(report, {}, false).size(), 2U);
+    const auto boot = kvtool::SelectImages(report, {"uboot"}, false);
+    ASSERT_EQ(boot.size(), 1U);
+    EXPECT_EQ(boot[0].name, "uboot.bin");
+    EXPECT_EQ(kvtool::ImageBytes(bytes, *boot[0].entry), Of("UBT"));
+    EXPECT_THROW((void)kvtool::SelectImages(report, {"kernel"}, false), ToolError);
+
+    for (const char* name : {"../app", "/app", ".app", "", "a\x1Bp"}) {
+        Bytes evil = HandMade();
+        Put(&evil, 24, std::string(name) + '\0');
+        EXPECT_THROW((void)kvtool::SelectImages(Check(evil), {}, true), ToolError) << name;
+    }
+    Put(&bytes, 280, std::string("app\0", 4));
+    EXPECT_EQ(kvtool::SelectImages(Check(bytes), {}, false)[1].name, "app.1") << "same name";
+    bytes.pop_back();
+    EXPECT_THROW((void)kvtool::SelectImages(Check(bytes), {}, false), ToolError) << "cut";
+    EXPECT_NO_THROW((void)kvtool::SelectImages(Check(bytes), {}, true));
+}
+
+TEST(KvtoolDiff, TellsImagesApart) {
+    using Images = std::vector<kvtool::ImageSpec>;
+    const auto compare = [](const Images& a, const Images& b) {
+        const auto comparison =
+            kvtool::ComparePackages(kvtool::BuildPackage(Request(a)).bytes,
+                                    kvtool::BuildPackage(Request(b)).bytes, Layout::Default());
+        std::string text = comparison.identical ? "identical" : "";
+        for (const auto& image : comparison.images) {
+            text += image.name + " " + kvtool::ImageChangeName(image.change) + " " +
+                    std::to_string(image.difference.first) + " " +
+                    std::to_string(image.difference.count) + "; ";
+        }
+        return text;
+    };
+    const Images both = {{"kernel", Of("KERNEL")}, {"app", Of("APPLE")}};
+    EXPECT_EQ(compare(both, both), "identicalkernel same 6 0; app same 5 0; ");
+    EXPECT_EQ(compare(both, {both[1], both[0]}), "kernel moved 6 0; app moved 5 0; ");
+    EXPECT_EQ(compare(both, {both[0], {"app", Of("APXLEYY")}}),
+              "kernel same 6 0; app changed 2 3; ");
+    EXPECT_EQ(compare({both[0]}, {both[1]}), "kernel removed 0 0; app added 0 0; ");
+    // Padding alone.
+    Bytes bytes = HandMade();
+    bytes[0x300] = 0;
+    const auto padding = kvtool::ComparePackages(HandMade(), bytes, Layout::Default());
+    EXPECT_FALSE(padding.identical);
+    EXPECT_EQ(padding.images[0].change, kvtool::ImageChange::kSame);
+    EXPECT_THROW((void)kvtool::ComparePackages(Of("x"), bytes, Layout::Default()), ToolError);
+}
+
+kvtool::DumpVerdict Verify(const Bytes& package, const std::string& name,
+                           std::vector<Bytes> devices) {
+    return kvtool::VerifyDump(package, Layout::Default(), {name, std::move(devices)});
+}
+
+TEST(KvtoolVerify, ExpectsWhatTheWriterLeaves) {
+    Bytes package = HandMade();
+    package[0x300] = 'p';  // 232 bytes behind the start of "APPLE": written behind it
+    Bytes app(131072, 0xFF);
+    Put(&app, 0, "APPLE");
+    app[0x300 - 0x218] = 'p';
+    kvtool::DumpVerdict verdict = Verify(package, "app", {app});
+    EXPECT_EQ(verdict.difference.count, 0U);
+    EXPECT_EQ(verdict.image, 5U);
+    EXPECT_EQ(verdict.behind, 65531U);
+    for (const size_t at : {0U, 232U, 65536U, 131071U}) {
+        Bytes other = app;
+        other[at] ^= 1;
+        verdict = Verify(package, "app", {other});
+        EXPECT_EQ(verdict.difference.first, at);
+        EXPECT_EQ(verdict.difference.count, 1U);
+    }
+
+    // The boot loader over three devices; 100,000 bytes that are not all alike.
+    Bytes image(100000);
+    for (size_t i = 0; i < image.size(); ++i) {
+        image[i] = static_cast<uint8_t>(i * 7 + i / 251);
+    }
+    const Bytes boot = kvtool::BuildPackage(Request({{"app", Of("x")}, {"uboot", image}})).bytes;
+    Bytes flash(196608, 0xFF);
+    std::copy(image.begin(), image.end(), flash.begin());
+    const Bytes first(flash.begin(), flash.begin() + 65536);
+    const Bytes second(flash.begin() + 65536, flash.begin() + 131072);
+    const Bytes third(65536, 0xFF);
+    EXPECT_EQ(Verify(boot, "uboot", {first, second, third}).difference.count, 0U);
+    EXPECT_EQ(Verify(boot, "uboot", {flash}).difference.count, 0U);
+    EXPECT_NE(Verify(boot, "uboot", {first, third, second}).difference.count, 0U);
+
+    // Bytes behind the boot loader make its writer go on into the devices that follow.
+    Bytes longer = boot;
+    longer.insert(longer.end(), 65536, 'z');
+    EXPECT_THROW((void)Verify(longer, "uboot", {flash}), ToolError);
+    Bytes filled = second;
+    std::fill(filled.begin() + (100000 - 65536), filled.end(), 'z');
+    Bytes rest(65536, 0xFF);
+    std::fill_n(rest.begin(), 65536 - (131072 - 100000), 'z');
+    EXPECT_EQ(Verify(longer, "uboot", {first, filled, rest}).difference.count, 0U);
+}
+
+TEST(KvtoolVerify, RefusesWhatTheDeviceDoesNotWrite) {
+    const Bytes dump(131072, 0xFF);
+    Bytes bad = HandMade();
+    bad[24 + 140] = 0;
+    EXPECT_THROW((void)Verify(bad, "app", {dump}), ToolError) << "bad check code";
+    EXPECT_THROW((void)Verify(HandMade(), "app", {Bytes(4, 0xFF)}), ToolError) << "too large";
+    EXPECT_THROW((void)Verify(HandMade(), "kernel", {dump}), ToolError) << "no entry";
+    EXPECT_THROW((void)Verify(HandMade(), "flash", {dump}), ToolError) << "no partition";
+    EXPECT_THROW((void)Verify(HandMade(), "app", {dump, dump}), ToolError) << "two devices";
 }
 
 TEST(KvtoolLayout, SizesAreParsedStrictly) {

@@ -10,6 +10,7 @@ namespace kvtool {
 enum class ExitCode : int {
     kDone = 0,
     kInternal = 1,
+    kDifferent = 1,  // of the commands that compare, which end with 2 for any trouble
     kUsage = 2,
     kRefused = 3,         // file unusable, or refused here because the device would refuse it
     kUnreachable = 4,     // nothing found, or no connection

@@ -20,6 +20,7 @@ struct Chosen {
 };
 
 void AddPackageCommands(CLI::App* root, Chosen* chosen);
+void AddToolboxCommands(CLI::App* root, Chosen* chosen);
 void AddDeviceCommands(CLI::App* root, Chosen* chosen);
 
 // The options --layout and --size.

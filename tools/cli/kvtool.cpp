@@ -36,6 +36,7 @@ int Run(int argc, char** argv) {
     app.name("kvtool");
     app.require_subcommand(1);
     kvtool::AddPackageCommands(&app, &chosen);
+    kvtool::AddToolboxCommands(&app, &chosen);
     kvtool::AddDeviceCommands(&app, &chosen);
     kvtool::AddCompletion(&app);
     if (const std::optional<int> ended = kvtool::ParseCommandLine(&app, argc, argv)) {

@@ -4,6 +4,7 @@
 
 #include "common/kv_platform.h"
 #include "tools/base/files.h"
+#include "tools/cli/named_file.h"
 #include "tools/cli/report.h"
 #include "tools/package/builder.h"
 #include "tools/package/package_json.h"
@@ -11,19 +12,6 @@
 namespace kvtool {
 
 namespace {
-
-struct NamedFile {
-    std::string name;
-    std::string file;
-};
-
-NamedFile ParseNamedFile(const std::string& text) {
-    const size_t equals = text.find('=');
-    if (equals == std::string::npos) {
-        throw ToolError(ExitCode::kUsage, "not NAME=FILE: '" + Printable(text) + "'");
-    }
-    return {text.substr(0, equals), text.substr(equals + 1)};
-}
 
 void RefuseInputAsOutput(const std::string& input, const std::string& output) {
     if (output != "-" && SameFile(input, output)) {

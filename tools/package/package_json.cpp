@@ -36,6 +36,13 @@ Json FindingsJson(const PackageReport& report) {
     return findings;
 }
 
+Json PlaceJson(const std::optional<ImagePlace>& place) {
+    if (!place) {
+        return {};
+    }
+    return {{"index", place->index}, {"offset", place->offset}, {"size", place->size}};
+}
+
 }  // namespace
 
 Json PackageSummaryJson(const PackageReport& report) {
@@ -61,6 +68,39 @@ Json PackageJson(const PackageReport& report) {
         json["entries"].push_back(EntryJson(entry));
     }
     json["findings"] = FindingsJson(report);
+    return json;
+}
+
+Json ComparisonJson(const PackageComparison& comparison) {
+    Json header = Json::array();
+    for (const HeaderDifference& field : comparison.header) {
+        header.push_back({{"field", field.field}, {"a", field.a}, {"b", field.b}});
+    }
+    Json images = Json::array();
+    for (const ImageComparison& image : comparison.images) {
+        Json item = {{"name", Printable(image.name)},
+                     {"change", ImageChangeName(image.change)},
+                     {"a", PlaceJson(image.a)},
+                     {"b", PlaceJson(image.b)}};
+        if (image.change == ImageChange::kChanged) {
+            item["first_difference"] = image.difference.first;
+            item["bytes_differ"] = image.difference.count;
+        }
+        images.push_back(std::move(item));
+    }
+    return {{"identical", comparison.identical}, {"header", header}, {"images", images}};
+}
+
+Json VerdictJson(const DumpVerdict& verdict) {
+    Json json = {{"name", verdict.name},
+                 {"same", verdict.difference.count == 0},
+                 {"size", verdict.size},
+                 {"image", verdict.image},
+                 {"written_behind", verdict.behind}};
+    if (verdict.difference.count > 0) {
+        json["first_difference"] = verdict.difference.first;
+        json["bytes_differ"] = verdict.difference.count;
+    }
     return json;
 }
 
