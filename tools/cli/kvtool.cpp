@@ -1,7 +1,9 @@
 // kvtool: what a technician runs on a PC against a camera in recovery mode.
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
+#include <regex>
 
 #include "common/kv_platform.h"
 #include "tools/base/wait.h"
@@ -12,8 +14,7 @@ namespace {
 using kvtool::ExitCode;
 using kvtool::Millis;
 
-constexpr int kDefaultWaitSeconds = 300;
-constexpr int kLongestSeconds = 86400;
+constexpr double kLongestSeconds = 86400;
 
 struct Options {
     kvtool::PackCommand pack;
@@ -26,24 +27,23 @@ struct Options {
     bool json = false;
     bool noFollow = false;
     uint16_t port = 0;
-    double searchSeconds = 3;
-    double connectSeconds = 5;
-    double replySeconds = 5;
-    double stallSeconds = 25;
-    double verifySeconds = 60;
-    double leaveSeconds = 600;
-    double backSeconds = 120;
-    int waitSeconds = 0;
+    uint16_t expectPort = 0;
+    kvtool::UpgradeTimes times;
+    double waitSeconds = 0;
 };
 
 Millis FromSeconds(double seconds) {
     return std::chrono::duration_cast<Millis>(std::chrono::duration<double>(seconds));
 }
 
-CLI::Option* AddSeconds(CLI::App* app, const char* name, double* value, const char* help) {
-    return app->add_option(name, *value, help)
-        ->capture_default_str()
-        ->check(CLI::Range(0.1, static_cast<double>(kLongestSeconds)));
+// The default is what stands in *value.
+CLI::Option* AddSeconds(CLI::App* app, const char* name, Millis* value, const char* help) {
+    const double seconds = std::chrono::duration<double>(*value).count();
+    return app
+        ->add_option_function<double>(
+            name, [value](const double& given) { *value = FromSeconds(given); }, help)
+        ->default_str(CLI::detail::to_string(seconds))
+        ->check(CLI::Range(0.1, kLongestSeconds));
 }
 
 void AddLayout(CLI::App* app, Options* options) {
@@ -85,8 +85,8 @@ void AddInfo(CLI::App* root, Options* options) {
     app->add_option("host", options->info.host, "Address, name or MAC address")->required();
     app->add_flag("--json", options->json, "Print JSON");
     AddPort(app, options);
-    AddSeconds(app, "--connect-timeout", &options->connectSeconds, "Seconds to connect");
-    AddSeconds(app, "--reply-timeout", &options->replySeconds, "Seconds for each answer");
+    AddSeconds(app, "--connect-timeout", &options->times.connect, "Seconds to connect");
+    AddSeconds(app, "--reply-timeout", &options->times.reply, "Seconds for each answer");
 }
 
 void AddUpgrade(CLI::App* root, Options* options) {
@@ -101,19 +101,23 @@ void AddUpgrade(CLI::App* root, Options* options) {
     app->add_flag("--json", options->json, "Print JSON at the end, progress to standard error");
     AddPort(app, options);
     AddLayout(app, options);
-    // A flag with a value, which never takes the word behind it: that word is the host.
-    app->add_flag("--wait{" + std::to_string(kDefaultWaitSeconds) + "}", options->waitSeconds,
-                  "Wait for the device to appear, --wait=SECONDS for a time of your own")
-        ->check(CLI::Range(1, kLongestSeconds));
-    AddSeconds(app, "--connect-timeout", &options->connectSeconds, "Seconds to connect");
-    AddSeconds(app, "--reply-timeout", &options->replySeconds, "Seconds for each answer");
-    AddSeconds(app, "--stall-timeout", &options->stallSeconds,
+    // A flag with a value: what may stand behind it is settled in JoinWaitTime.
+    app->add_flag("--wait{300}", options->waitSeconds,
+                  "Wait for the device to appear, --wait SECONDS for a time of your own")
+        ->check(CLI::Range(0.1, kLongestSeconds));
+    app->add_option("--expect-port", options->expectPort,
+                    "TCP port that the running application opens (default: RTSP, as discovered)")
+        ->check(CLI::Range(1, 65535));
+    app->add_option("--expect-version", upgrade.expectVersion,
+                    "Firmware version that the running application tells a search");
+    AddSeconds(app, "--connect-timeout", &options->times.connect, "Seconds to connect");
+    AddSeconds(app, "--reply-timeout", &options->times.reply, "Seconds for each answer");
+    AddSeconds(app, "--stall-timeout", &options->times.stall,
                "Seconds without anything acknowledged");
-    AddSeconds(app, "--verify-timeout", &options->verifySeconds, "Seconds for the verdict");
-    AddSeconds(app, "--leave-timeout", &options->leaveSeconds,
+    AddSeconds(app, "--verify-timeout", &options->times.verify, "Seconds for the verdict");
+    AddSeconds(app, "--leave-timeout", &options->times.leave,
                "Seconds to see the device leave recovery mode");
-    AddSeconds(app, "--back-timeout", &options->backSeconds,
-               "Seconds to see it come back into recovery mode");
+    AddSeconds(app, "--back-timeout", &options->times.back, "Seconds from there to see it alive");
 }
 
 void AddDiscover(CLI::App* root, Options* options) {
@@ -125,22 +129,11 @@ void AddDiscover(CLI::App* root, Options* options) {
     app->add_option("--port", options->discovery.port, "UDP port")
         ->capture_default_str()
         ->check(CLI::Range(1, 65535));
-    AddSeconds(app, "--timeout", &options->searchSeconds, "Seconds to listen");
+    AddSeconds(app, "--timeout", &options->discovery.timeout, "Seconds to listen");
     app->add_option("--repeat", options->discovery.repeat, "Searches to send")
         ->capture_default_str()
         ->check(CLI::Range(1, 1000));
     app->add_flag("--json", options->json, "Print JSON");
-}
-
-kvtool::UpgradeTimes TimesFrom(const Options& options) {
-    kvtool::UpgradeTimes times;
-    times.connect = FromSeconds(options.connectSeconds);
-    times.reply = FromSeconds(options.replySeconds);
-    times.stall = FromSeconds(options.stallSeconds);
-    times.verify = FromSeconds(options.verifySeconds);
-    times.leave = FromSeconds(options.leaveSeconds);
-    times.back = FromSeconds(options.backSeconds);
-    return times;
 }
 
 void FillDevice(const Options& options, kvtool::DeviceCommand* device) {
@@ -168,20 +161,42 @@ ExitCode Dispatch(const CLI::App& app, Options* options) {
     }
     if (command == "info") {
         FillDevice(*options, &options->info);
-        return RunInfo(options->info, TimesFrom(*options));
+        return RunInfo(options->info, options->times);
     }
     if (command == "discover") {
-        options->discovery.timeout = FromSeconds(options->searchSeconds);
         return RunDiscover(options->discovery, options->json);
     }
     kvtool::UpgradeCommand& upgrade = options->upgrade;
     FillDevice(*options, &upgrade.device);
     upgrade.follow = !options->noFollow;
-    upgrade.times = TimesFrom(*options);
+    upgrade.times = options->times;
     if (options->waitSeconds > 0) {
-        upgrade.waitSeconds = options->waitSeconds;
+        upgrade.wait = FromSeconds(options->waitSeconds);
+    }
+    if (options->expectPort != 0) {
+        upgrade.alivePort = options->expectPort;
     }
     return RunUpgrade(upgrade, layout);
+}
+
+// "--wait 5" becomes "--wait=5". The word behind a bare --wait may also be the host: it is the time
+// when it is a number of at most five digits, with a fraction or not.
+std::vector<std::string> JoinWaitTime(int argc, char** argv) {
+    const std::regex time("[0-9]{1,5}(\\.[0-9]+)?");
+    std::vector<std::string> words;
+    bool options = true;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        options = options && word != "--";
+        if (options && !words.empty() && words.back() == "--wait" && std::regex_match(word, time)) {
+            words.back() += "=" + word;
+        } else {
+            words.push_back(word);
+        }
+    }
+    // The parser takes its words from the back.
+    std::reverse(words.begin(), words.end());
+    return words;
 }
 
 int Run(int argc, char** argv) {
@@ -195,7 +210,7 @@ int Run(int argc, char** argv) {
     AddUpgrade(&app, &options);
     AddDiscover(&app, &options);
     try {
-        app.parse(argc, argv);
+        app.parse(JoinWaitTime(argc, argv));
     } catch (const CLI::ParseError& error) {
         return static_cast<int>(app.exit(error) == 0 ? ExitCode::kDone : ExitCode::kUsage);
     }
