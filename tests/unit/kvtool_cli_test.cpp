@@ -88,6 +88,59 @@ TEST_F(KvtoolCli, PackIsDeterministicAndRefusesWhole) {
     EXPECT_NE(Read("again"), Read("good"));
 }
 
+TEST_F(KvtoolCli, PackKeepsItsInputsAndWritesToAPipe) {
+    const std::string app = Read("app");
+    EXPECT_EQ(RunTool({"pack", "-o", Path("app"), "app=" + Path("app")}), 2);
+    EXPECT_EQ(Read("app"), app);
+    std::string output;
+    EXPECT_EQ(RunTool({"pack", "-o", "-", "app=" + Path("app")}, &output), 0);
+    EXPECT_EQ(output, Read("good"));
+}
+
+TEST_F(KvtoolCli, UnknownCommandsAreNamed) {
+    for (const auto& [arguments, text] : std::vector<std::pair<std::string, std::string>>{
+             {"upgrad", "unknown command 'upgrad' (did you mean 'upgrade'?)"},
+             {"xyzzy", "unknown command 'xyzzy'\n"},
+             {"'\033[2J'", "unknown command '\\x1B[2J'"},
+         }) {
+        const auto result = kv_test::Run(std::string(KVTOOL_PATH) + " " + arguments + " 2>&1");
+        EXPECT_NE(result.output.find(text), std::string::npos) << result.output;
+    }
+}
+
+// One object whatever happens, with what is known by then.
+TEST_F(KvtoolCli, FailuresAreJsonToo) {
+    struct Case {
+        Arguments arguments;
+        int code;
+        const char* key;
+        std::string value;
+    };
+    WriteFile(Path("again"), "x");
+    const Case cases[] = {
+        {{"inspect", Path("none")}, 3, "file", Path("none")},
+        {{"inspect", Path("\xFF\x1B")}, 3, "file", Path("\\xFF\\x1B")},
+        {{"pack", "-o", Path("x"), "ap=" + Path("app")}, 3, "file", Path("x")},
+        {{"info", "127.0.0.1", "--port", "1"}, 4, "host", "127.0.0.1"},
+        {{"discover", "not.a.host.invalid"}, 4, "host", "not.a.host.invalid"},
+        {{"upgrade", "127.0.0.1", "--port", "1", Path("good")}, 4, "file", Path("good")},
+    };
+    for (Case c : cases) {
+        c.arguments.push_back("--json");
+        std::string output;
+        EXPECT_EQ(RunTool(c.arguments, &output), c.code);
+        const nlohmann::json json = nlohmann::json::parse(output);
+        EXPECT_EQ(json["schema"], 1);
+        EXPECT_EQ(json["command"], c.arguments[0]);
+        EXPECT_EQ(json["exit_code"], c.code);
+        EXPECT_FALSE(json["error"].get<std::string>().empty());
+        EXPECT_EQ(json[c.key], c.value);
+    }
+    std::string output;
+    EXPECT_EQ(RunTool({"upgrade", "127.0.0.1", "--json", Path("again")}, &output), 3);
+    EXPECT_EQ(nlohmann::json::parse(output)["package"]["findings"][0]["kind"], "short_file");
+}
+
 TEST_F(KvtoolCli, InspectTellsFitFromUnfit) {
     std::string output;
     EXPECT_EQ(RunTool({"inspect", "--json", Path("good")}, &output), 0);

@@ -1,6 +1,9 @@
 // kvtool: packages, built and inspected.
+#include "common/kv_le.h"
 #include "tests/support/discovery_client.h"
 #include "tools/base/errors.h"
+#include "tools/cli/progress.h"
+#include "tools/cli/report.h"
 #include "tools/package/builder.h"
 #include "tools/package/check.h"
 
@@ -187,6 +190,42 @@ TEST(KvtoolInspect, ComparesOnlyWithWhatIsKnownOfTheDevice) {
     EXPECT_FALSE(fits({{}, ""}));
 }
 
+// As many long images as a table can hold, each over nearly the whole file.
+TEST(KvtoolInspect, ManyOverlappingEntriesTakeOnePass) {
+    constexpr uint32_t kEntries = 4000;
+    Bytes bytes(24 + kEntries * 256 + 65536, 0xFF);
+    Put(&bytes, 0,
+        std::string("PRT7K\0\0\0"
+                    "38QX\0\0\0\0"
+                    "\x01\0\0\0"
+                    "\xA0\x0F\0\0",
+                    24));
+    for (uint32_t i = 0; i < kEntries; ++i) {
+        uint8_t* const entry = bytes.data() + 24 + size_t{i} * 256;
+        memcpy(entry, "app", 4);
+        kv::PutLe32(entry + 128, static_cast<uint32_t>(bytes.size()) - i);
+        kv::PutLe32(entry + 132, i);
+        kv::PutLe32(entry + 140, 0x12345);
+    }
+    const PackageReport report = Check(bytes);
+    ASSERT_EQ(report.entries.size(), kEntries);
+    EXPECT_EQ(report.entries[0].md5, report.md5);
+    EXPECT_TRUE(report.entries[kEntries - 1].md5.empty()) << "every image was hashed";
+    std::ostringstream text;
+    kvtool::PrintPackage(text, report);
+    EXPECT_LT(text.str().size(), 100000U);
+    EXPECT_NE(text.str().find("… and 3989 more like it (written_twice)"), std::string::npos);
+}
+
+TEST(KvtoolInspect, WarnsOfBytesThatBelongToNoImage) {
+    // Without its second entry nothing claims that entry's place in the table; the padding is fine.
+    Bytes bytes = HandMade();
+    bytes.resize(0x10218);
+    Put(&bytes, 20, std::string("\x01\x00\x00\x00", 4));
+    EXPECT_TRUE(
+        Reports(Check(bytes), kvtool::Severity::kWarning, "256 bytes at offset 280 belong"));
+}
+
 TEST(KvtoolInspect, EveryTruncationIsFoundAndHarmless) {
     const Bytes whole = HandMade();
     for (const size_t size : {0U, 23U, 24U, 25U, 163U, 164U, 279U, 281U, 535U, 540U, 66074U}) {
@@ -199,7 +238,9 @@ TEST(KvtoolLayout, SizesAreParsedStrictly) {
     EXPECT_EQ(kvtool::ParseSize("576K"), 589824U);
     EXPECT_EQ(kvtool::ParseSize("2M"), 2097152U);
     EXPECT_EQ(kvtool::ParseSize("7"), 7U);
-    for (const char* bad : {"", "K", "-1", "1k", "1KB", "0x10", "99999999999", " 1"}) {
+    EXPECT_EQ(kvtool::ParseSize("0x1F"), 31U);
+    EXPECT_EQ(kvtool::ParseSize("1g"), 1073741824U);
+    for (const char* bad : {"", "K", "-1", "1T", "1KB", "0x", "99999999999", "0x1g7", " 1"}) {
         EXPECT_THROW((void)kvtool::ParseSize(bad), ToolError) << bad;
     }
     Layout layout = Layout::Default();
@@ -207,8 +248,52 @@ TEST(KvtoolLayout, SizesAreParsedStrictly) {
     EXPECT_THROW(layout.SetSize("app"), ToolError);
 }
 
+TEST(KvtoolLayout, FilesAreReadAsPeopleWriteThem) {
+    const kv_test::Folder folder;
+    const std::string path = folder.Path("sizes");
+    kv_test::WriteFile(path, "# camera\r\n\n  app = 6m   # larger\n\tvar=0x80000\n");
+    Layout layout = Layout::Default();
+    layout.ReadFile(path);
+    EXPECT_EQ(layout.Select("app")[0].size, 6291456U);
+    EXPECT_EQ(layout.Select("var")[0].size, 524288U);
+    kv_test::WriteFile(path, "app=1M\n# fine\napp=much\n");
+    try {
+        layout.ReadFile(path);
+        FAIL() << "a wrong size was taken";
+    } catch (const ToolError& error) {
+        EXPECT_EQ(std::string(error.what()).rfind(path + ":3: ", 0), 0U) << error.what();
+    }
+}
+
 TEST(KvtoolText, ForeignBytesCannotReachATerminal) {
     EXPECT_EQ(kvtool::Printable("a\x1B[2J\\\xFF"), "a\\x1B[2J\\x5C\\xFF");
+    EXPECT_EQ(kvtool::Printable("gr\u00fcn \U0001F4F7"), "gr\u00fcn \U0001F4F7");
+    EXPECT_EQ(kvtool::Printable("\u202E"), "\\xE2\\x80\\xAE") << "direction";
+    EXPECT_EQ(kvtool::Printable("\u009B"), "\\xC2\\x9B") << "control character of 8 bits";
+    for (const char* wrong : {"\xC0\xAF", "\xED\xA0\x80", "\xE2\x82", "\xF4\x90\x80\x80"}) {
+        EXPECT_EQ(kvtool::Printable(wrong).substr(0, 2), "\\x") << wrong;
+    }
+}
+
+TEST(KvtoolProgress, FitsTheTerminalAndFollowsTheLink) {
+    kvtool::RateMeter meter;
+    for (int tick = 0; tick <= 200; ++tick) {
+        // 100,000 bytes a second for ten seconds, then a tenth of that.
+        const int slow = std::max(0, tick - 100);
+        meter.Add(tick * 0.1, static_cast<uint64_t>((tick - slow) * 10000 + slow * 1000));
+    }
+    EXPECT_NEAR(meter.Rate(), 10000, 500);
+
+    const uint64_t total = 12345678;
+    kvtool::UploadProgress progress{total / 2, total, 30, 0, 25};
+    EXPECT_EQ(kvtool::ProgressText(progress, 1048576, 80),
+              "upload 50%, 6 s left, 1.0 MiB/s, of 11.8 MiB");
+    progress.silent = 15;
+    EXPECT_EQ(kvtool::ProgressText(progress, 0, 80),
+              "upload 50%, stalled for 15 s, gives up at 25 s, of 11.8 MiB");
+    for (size_t columns = 0; columns < 80; ++columns) {
+        EXPECT_LE(kvtool::ProgressText(progress, 0, columns).size(), columns);
+    }
 }
 
 }  // namespace

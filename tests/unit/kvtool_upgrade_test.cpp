@@ -21,12 +21,14 @@ class Listener : public kvtool::UpgradeListener {
             onAcceptance();
         }
     }
-    void Progress(uint64_t acknowledged, uint64_t, double) override {
-        EXPECT_GE(acknowledged, last);
-        last = acknowledged;
+    void Progress(const kvtool::UploadProgress& progress) override {
+        EXPECT_GE(progress.acknowledged, last);
+        last = progress.acknowledged;
+        longestSilence = std::max(longestSilence, progress.silent);
     }
     std::function<void()> onAcceptance;
     uint64_t last = 0;
+    double longestSilence = 0;
 };
 
 void Command(const std::string& line) {

@@ -7,8 +7,8 @@
 #include "tools/cli/console_listener.h"
 #include "tools/cli/report.h"
 #include "tools/device/follow.h"
-#include "tools/package/builder.h"
 #include "tools/package/check.h"
+#include "tools/package/package_json.h"
 
 namespace kvtool {
 
@@ -25,7 +25,7 @@ struct Target {
 
 // Where to connect to; searches for the device when it is given by its MAC address. The sender's
 // address is taken rather than the one in the reply: it is the one that was seen to work.
-Target Locate(const DeviceCommand& command) {
+Target Locate(const DeviceCommand& command, Json* json) {
     const std::optional<std::string> mac = ParseMacAddress(command.host);
     if (!mac) {
         return {command.host, command.port.value_or(kv::kProtocolPort), std::nullopt};
@@ -39,6 +39,8 @@ Target Locate(const DeviceCommand& command) {
         throw ToolError(ExitCode::kUnreachable,
                         "no device with the MAC address " + *mac + " answers a search");
     }
+    (*json)["mac"] = *mac;
+    (*json)["address"] = device->senders.front();
     return {device->senders.front(), command.port.value_or(device->reply.commandPort),
             device->reply};
 }
@@ -50,8 +52,8 @@ struct OpenDevice {
 };
 
 OpenDevice ConnectAndLogin(const DeviceCommand& command, const UpgradeTimes& times,
-                           UpgradeListener* listener, UpgradeRecord* record) {
-    Target target = Locate(command);
+                           UpgradeListener* listener, UpgradeRecord* record, Json* json) {
+    Target target = Locate(command, json);
     UpgradeSession session(times, listener, record);
     session.Connect(target.host, target.port);
     session.Login();
@@ -66,7 +68,7 @@ bool MayAppearLater(ExitCode code) {
 // Tries until the device lets itself be logged in to or the time is over. Says each new reason
 // once.
 OpenDevice WaitForDevice(const UpgradeCommand& command, UpgradeListener* listener,
-                         UpgradeRecord* record) {
+                         UpgradeRecord* record, Json* json) {
     const Clock::time_point start = Clock::now();
     const Clock::time_point deadline = start + *command.wait;
     UpgradeTimes quick = command.times;
@@ -76,7 +78,7 @@ OpenDevice WaitForDevice(const UpgradeCommand& command, UpgradeListener* listene
     listener->Line("waiting for " + Printable(command.device.host));
     for (;;) {
         try {
-            OpenDevice device = ConnectAndLogin(command.device, quick, listener, record);
+            OpenDevice device = ConnectAndLogin(command.device, quick, listener, record, json);
             record->phases.insert(record->phases.begin(), {"wait", SecondsSince(start)});
             return device;
         } catch (const ToolError& error) {
@@ -123,11 +125,12 @@ FollowTarget TargetToFollow(const UpgradeCommand& command, const OpenDevice& dev
 }
 
 PackageReport JudgePackage(const Bytes& package, const UpgradeCommand& command,
-                           const Layout& layout, std::ostream& out) {
+                           const Layout& layout, Json* json) {
     PackageReport report = CheckPackage(package, layout, {});
-    PrintFindings(out, report);
+    (*json)["package"] = PackageSummaryJson(report);
+    PrintFindings(command.device.json ? std::cerr : std::cout, report);
     if (package.empty() || (!report.Acceptable() && !command.force)) {
-        throw ToolError(ExitCode::kRefused, command.file +
+        throw ToolError(ExitCode::kRefused, Printable(command.file) +
                                                 " is not fit for the device; nothing was "
                                                 "sent");
     }
@@ -162,13 +165,14 @@ std::string ResultText(ExitCode code, bool follow) {
 }
 
 ExitCode DoUpgrade(const UpgradeCommand& command, const Layout& layout, ConsoleListener* listener,
-                   UpgradeRecord* record) {
+                   UpgradeRecord* record, Json* json) {
+    (*json)["host"] = Printable(command.device.host);
+    (*json)["file"] = Printable(command.file);
     const Bytes package = ReadWholeFile(command.file);
-    const PackageReport report =
-        JudgePackage(package, command, layout, command.device.json ? std::cerr : std::cout);
-    OpenDevice device = command.wait
-                            ? WaitForDevice(command, listener, record)
-                            : ConnectAndLogin(command.device, command.times, listener, record);
+    const PackageReport report = JudgePackage(package, command, layout, json);
+    OpenDevice device =
+        command.wait ? WaitForDevice(command, listener, record, json)
+                     : ConnectAndLogin(command.device, command.times, listener, record, json);
     UpgradeSession& session = device.session;
     session.Identify();
     if (!command.forceIdentity) {
@@ -203,88 +207,52 @@ std::string StateLeft(const UpgradeRecord& record) {
 
 }  // namespace
 
-ExitCode RunPack(const PackCommand& command, const Layout& layout) {
-    BuildRequest request{command.ic, command.sensor, {}, layout, command.force};
-    for (const std::string& image : command.images) {
-        const size_t equals = image.find('=');
-        if (equals == std::string::npos) {
-            throw ToolError(ExitCode::kUsage, "not NAME=IMAGE: '" + Printable(image) + "'");
-        }
-        request.images.push_back(
-            {image.substr(0, equals), ReadWholeFile(image.substr(equals + 1))});
-    }
-    const BuildResult result = BuildPackage(request);
-    for (const std::string& warning : result.warnings) {
-        std::cerr << "warning: " << warning << '\n';
-    }
-    if (command.ic != kv::kIcType || command.sensor != kv::kSensorType) {
-        std::cerr << "warning: a device of chip " << kv::kIcType << " and sensor "
-                  << kv::kSensorType << " will refuse this package\n";
-    }
-    WriteWholeFile(command.output, result.bytes);
-    std::cout << command.output << ": " << SizeText(result.bytes.size()) << ", MD5 "
-              << Md5Hex(result.bytes.data(), result.bytes.size()) << '\n';
-    return ExitCode::kDone;
-}
-
-ExitCode RunInspect(const InspectCommand& command, const Layout& layout) {
-    const PackageReport report = CheckPackage(ReadWholeFile(command.file), layout, command.device);
-    if (command.json) {
-        PrintJson(std::cout, PackageJson(report));
-    } else {
-        PrintPackage(std::cout, report);
-    }
-    return report.Acceptable() ? ExitCode::kDone : ExitCode::kRefused;
-}
-
-ExitCode RunInfo(const DeviceCommand& command, const UpgradeTimes& times) {
-    const Target target = Locate(command);
+ExitCode RunInfo(const DeviceCommand& command, const UpgradeTimes& times, Json* json) {
+    (*json)["host"] = Printable(command.host);
+    const Target target = Locate(command, json);
     Connected connected = ConnectAny(target.host, target.port, times.connect);
     ProtocolClient client(std::move(connected.fd), times.reply);
     InfoReport report;
     report.address = connected.endpoint.text;
+    (*json)["address"] = report.address;
     report.sessionBefore = client.Login();
     report.session = client.Heartbeat();
     report.serial = client.SerialNumber();
     report.device = client.Info();
-    if (command.json) {
-        PrintJson(std::cout, InfoJson(report));
-    } else {
+    json->update(InfoJson(report));
+    if (!command.json) {
         PrintInfo(std::cout, report);
     }
     return ExitCode::kDone;
 }
 
-ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout) {
+ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout, Json* json) {
     ConsoleListener listener(command.device.json ? stderr : stdout);
     UpgradeRecord record;
-    const auto finish = [&](ExitCode code, const std::string& result) {
-        listener.Clear();
-        if (command.device.json) {
-            PrintJson(std::cout, UpgradeJson(record, code, result));
-        }
-    };
     try {
-        const ExitCode code = DoUpgrade(command, layout, &listener, &record);
+        const ExitCode code = DoUpgrade(command, layout, &listener, &record, json);
         const std::string result = ResultText(code, command.follow);
         listener.Line("result: " + result);
-        finish(code, result);
+        json->update(UpgradeJson(record, result));
         return code;
     } catch (const ToolError& error) {
         std::string result = error.what();
         if (record.accepted || error.Code() == ExitCode::kInterrupted) {
             result += "; " + StateLeft(record);
         }
-        finish(error.Code(), result);
+        listener.Clear();
+        json->update(UpgradeJson(record, result));
         throw ToolError(error.Code(), result);
     }
 }
 
-ExitCode RunDiscover(const DiscoveryRequest& request, bool json) {
-    const DiscoveryResult result = Discover(request, nullptr);
-    if (json) {
-        PrintJson(std::cout, DiscoveryJson(result));
-    } else {
+ExitCode RunDiscover(const DiscoverCommand& command, Json* json) {
+    if (!command.request.host.empty()) {
+        (*json)["host"] = Printable(command.request.host);
+    }
+    const DiscoveryResult result = Discover(command.request, nullptr);
+    json->update(DiscoveryJson(result));
+    if (!command.json) {
         PrintDiscovery(std::cout, result);
     }
     return result.devices.empty() ? ExitCode::kUnreachable : ExitCode::kDone;

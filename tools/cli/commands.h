@@ -1,4 +1,4 @@
-// The commands of kvtool, as the command line hands them over.
+// The commands that talk to devices, as the command line hands them over.
 #pragma once
 
 #include <optional>
@@ -6,26 +6,12 @@
 #include <vector>
 
 #include "tools/base/errors.h"
+#include "tools/base/json.h"
 #include "tools/device/discovery_client.h"
 #include "tools/device/upgrade_session.h"
-#include "tools/package/check.h"
 #include "tools/package/layout.h"
 
 namespace kvtool {
-
-struct PackCommand {
-    std::string output;
-    std::string ic;
-    std::string sensor;
-    std::vector<std::string> images;  // NAME=FILE
-    bool force = false;
-};
-
-struct InspectCommand {
-    std::string file;
-    Identity device;  // what to check against
-    bool json = false;
-};
 
 struct DeviceCommand {
     std::string host;  // an address, a name, or a MAC address that is searched for first
@@ -46,12 +32,16 @@ struct UpgradeCommand {
     UpgradeTimes times;
 };
 
-// Each prints its result to standard output, returns the exit code of the command, and throws
-// ToolError where the command cannot go on.
-ExitCode RunPack(const PackCommand& command, const Layout& layout);
-ExitCode RunInspect(const InspectCommand& command, const Layout& layout);
-ExitCode RunInfo(const DeviceCommand& command, const UpgradeTimes& times);
-ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout);
-ExitCode RunDiscover(const DiscoveryRequest& request, bool json);
+struct DiscoverCommand {
+    DiscoveryRequest request;
+    bool json = false;
+};
+
+// Each prints its result to standard output unless the command asks for JSON, returns the exit code
+// of the command, and throws ToolError where the command cannot go on. *json takes what is known,
+// as soon as it is known, so that it is true after a failure too.
+ExitCode RunInfo(const DeviceCommand& command, const UpgradeTimes& times, Json* json);
+ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout, Json* json);
+ExitCode RunDiscover(const DiscoverCommand& command, Json* json);
 
 }  // namespace kvtool

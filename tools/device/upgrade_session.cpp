@@ -125,7 +125,9 @@ void UpgradeSession::Advance(bool force) {
     }
     if (force || now - lastReport_ >= kTick) {
         lastReport_ = now;
-        listener_->Progress(record_->acknowledged, record_->total, SecondsSince(uploadStart_));
+        listener_->Progress({record_->acknowledged, record_->total, SecondsSince(uploadStart_),
+                             SecondsSince(lastAdvance_),
+                             std::chrono::duration<double>(times_.stall).count()});
     }
     if (now - lastAdvance_ >= times_.stall) {
         Lost("nothing was acknowledged for " + std::to_string(times_.stall.count()) + " ms");

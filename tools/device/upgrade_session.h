@@ -56,13 +56,21 @@ struct UpgradeRecord {
     std::vector<std::string> assumed;
 };
 
+struct UploadProgress {
+    uint64_t acknowledged = 0;
+    uint64_t total = 0;
+    double seconds = 0;     // since the upload began
+    double silent = 0;      // seconds since the last byte was acknowledged
+    double stallLimit = 0;  // the upload ends when `silent` reaches this
+};
+
 // Told of what happens as it happens. Called on the calling thread only.
 class UpgradeListener {
   public:
     virtual ~UpgradeListener() = default;
     virtual void Line(const std::string& text) = 0;
-    // `seconds` since the upload began.
-    virtual void Progress(uint64_t acknowledged, uint64_t total, double seconds) = 0;
+    // About every 100 ms during the upload, also while the device acknowledges nothing.
+    virtual void Progress(const UploadProgress& progress) = 0;
 };
 
 class UpgradeSession {
