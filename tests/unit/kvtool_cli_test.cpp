@@ -30,7 +30,7 @@ int RunTool(const Arguments& arguments, std::string* output = nullptr) {
 // Runs the tool, does `then` once it has printed `text`, and gives its exit code.
 int RunTool(const Arguments& arguments, const std::string& text, const std::string& then) {
     return kv_test::Run("rm -f /tmp/tool.out; " + Line(arguments) +
-                        " >/tmp/tool.out 2>/dev/null & tool=$!;"
+                        " >/tmp/tool.out 2>/tmp/tool.err & tool=$!;"
                         "until grep -q '" +
                         text + "' /tmp/tool.out; do sleep 0.01; done;" + then + "; wait $tool")
         .status;
@@ -70,7 +70,9 @@ TEST_F(KvtoolCli, UsageErrorsHaveTheirOwnCode) {
              {"upgrade", "127.0.0.1", Path("good"), "--stall-timeout", "0"},
              {"info", "--port", "65536", "127.0.0.1"},
              {"upgrade", "--wait=0", "127.0.0.1", Path("good")},
+             {"upgrade", "--wait", "0", "127.0.0.1", Path("good")},
              {"upgrade", "--wait=soon", "127.0.0.1", Path("good")},
+             {"upgrade", "--wait", "5", Path("good")},
          }) {
         EXPECT_EQ(RunTool(arguments), 2) << testing::PrintToString(arguments);
     }
@@ -215,15 +217,34 @@ TEST_F(KvtoolCli, UpgradeComparesWithWhatTheDeviceSays) {
     EXPECT_EQ(RunTool(upgrade), 0);
 }
 
-TEST_F(KvtoolCli, InterruptEndsAnUploadAtOnce) {
-    for (const char* const signal : {"INT", "TERM"}) {
+TEST_F(KvtoolCli, InterruptEndsAtOnceAndSaysHowTheDeviceIsLeft) {
+    struct Case {
+        const char* signal;
+        bool inUpload;
+        const char* left;
+    };
+    const Case cases[] = {{"INT", false, "stays as it is"},
+                          {"INT", true, "flashes nothing"},
+                          {"TERM", true, "flashes nothing"}};
+    for (const Case& c : cases) {
+        (void)unlink("/tmp/go");
         fake::Script script;
         script.stopAfter = 1000;
         fake::Device device(script);
+        std::thread goes([&] {
+            EXPECT_TRUE(kv_test::WaitUntil(
+                [&] { return !c.inUpload || !device.UpgradeRequest().empty(); }));
+            WriteFile("/tmp/go", "");
+        });
         EXPECT_EQ(
             RunTool({"upgrade", "--port", std::to_string(device.Port()), "127.0.0.1", Path("good")},
-                    "identify:", std::string("kill -") + signal + " $tool"),
+                    "identify:",
+                    std::string("until [ -e /tmp/go ]; do sleep 0.01; done; kill -") + c.signal +
+                        " $tool"),
             130);
+        goes.join();
+        EXPECT_TRUE(kv_test::Contains(ReadFile("/tmp/tool.err"), c.left))
+            << ReadFile("/tmp/tool.err");
     }
 }
 
@@ -239,7 +260,12 @@ TEST_F(KvtoolCli, WaitsForTheDeviceToAppear) {
     });
     EXPECT_EQ(RunTool(upgrade, "not yet:", ":"), 0);
     appears.join();
-    EXPECT_EQ(RunTool({"upgrade", "--wait=1", "--port", "1", "127.0.0.1", Path("good")}), 4);
+    for (const Arguments& wait : {Arguments{"--wait=1"}, {"--wait", "0.5"}}) {
+        Arguments nobody = {"upgrade", "--port", "1"};
+        nobody.insert(nobody.end(), wait.begin(), wait.end());
+        nobody.insert(nobody.end(), {"127.0.0.1", Path("good")});
+        EXPECT_EQ(RunTool(nobody), 4);
+    }
 }
 
 }  // namespace

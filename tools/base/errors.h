@@ -21,6 +21,7 @@ enum class ExitCode : int {
     kBackInRecovery = 9,  // accepted; the device restarted into recovery mode
     kNeverLeft = 10,      // accepted; the device was never seen to leave recovery mode
     kNoReply = 11,        // connected, but a request got no answer in time
+    kNotSeenAlive = 12,   // accepted; left recovery mode and was not seen alive as expected
     kInterrupted = 130,
 };
 

@@ -14,41 +14,50 @@ namespace kvtool {
 
 namespace {
 
-constexpr Millis kSearchTime{3000};
 constexpr Millis kRetryPause{1000};
 constexpr Millis kWaitingTry{3000};
 
 struct Target {
     std::string host;
     uint16_t port;
+    std::optional<DiscoveryReply> reply;  // when it was searched for
 };
 
 // Where to connect to; searches for the device when it is given by its MAC address. The sender's
 // address is taken rather than the one in the reply: it is the one that was seen to work.
 Target Locate(const DeviceCommand& command, Json* json) {
-    if (!IsMacAddress(command.host)) {
-        return {command.host, command.port.value_or(kv::kProtocolPort)};
+    const std::optional<std::string> mac = ParseMacAddress(command.host);
+    if (!mac) {
+        return {command.host, command.port.value_or(kv::kProtocolPort), std::nullopt};
     }
     DiscoveryRequest request;
     request.port = command.discoveryPort;
-    request.timeout = kSearchTime;
-    const std::string mac = UpperCase(command.host);
     const DiscoveryResult result =
-        Discover(request, [&mac](const FoundDevice& device) { return device.reply.mac == mac; });
-    const FoundDevice* device = FindMac(result, mac);
+        Discover(request, [&mac](const FoundDevice& device) { return device.reply.mac == *mac; });
+    const FoundDevice* device = FindMac(result, *mac);
     if (device == nullptr) {
         throw ToolError(ExitCode::kUnreachable,
-                        "no device with the MAC address " + mac + " answers a search");
+                        "no device with the MAC address " + *mac + " answers a search");
     }
-    (*json)["mac"] = mac;
+    (*json)["mac"] = *mac;
     (*json)["address"] = device->senders.front();
-    return {device->senders.front(), command.port.value_or(device->reply.commandPort)};
+    return {device->senders.front(), command.port.value_or(device->reply.commandPort),
+            device->reply};
 }
 
-void ConnectAndLogin(UpgradeSession* session, const DeviceCommand& command, Json* json) {
-    const Target target = Locate(command, json);
-    session->Connect(target.host, target.port);
-    session->Login();
+// An upgrade's connection, and what a search has told of the device, if there was one.
+struct OpenDevice {
+    UpgradeSession session;
+    std::optional<DiscoveryReply> reply;
+};
+
+OpenDevice ConnectAndLogin(const DeviceCommand& command, const UpgradeTimes& times,
+                           UpgradeListener* listener, UpgradeRecord* record, Json* json) {
+    Target target = Locate(command, json);
+    UpgradeSession session(times, listener, record);
+    session.Connect(target.host, target.port);
+    session.Login();
+    return {std::move(session), std::move(target.reply)};
 }
 
 bool MayAppearLater(ExitCode code) {
@@ -58,10 +67,10 @@ bool MayAppearLater(ExitCode code) {
 
 // Tries until the device lets itself be logged in to or the time is over. Says each new reason
 // once.
-UpgradeSession WaitForDevice(const UpgradeCommand& command, UpgradeListener* listener,
-                             UpgradeRecord* record, Json* json) {
+OpenDevice WaitForDevice(const UpgradeCommand& command, UpgradeListener* listener,
+                         UpgradeRecord* record, Json* json) {
     const Clock::time_point start = Clock::now();
-    const Clock::time_point deadline = start + std::chrono::seconds(*command.waitSeconds);
+    const Clock::time_point deadline = start + *command.wait;
     UpgradeTimes quick = command.times;
     quick.connect = std::min(quick.connect, kWaitingTry);
     quick.reply = std::min(quick.reply, kWaitingTry);
@@ -69,10 +78,9 @@ UpgradeSession WaitForDevice(const UpgradeCommand& command, UpgradeListener* lis
     listener->Line("waiting for " + Printable(command.device.host));
     for (;;) {
         try {
-            UpgradeSession session(quick, listener, record);
-            ConnectAndLogin(&session, command.device, json);
+            OpenDevice device = ConnectAndLogin(command.device, quick, listener, record, json);
             record->phases.insert(record->phases.begin(), {"wait", SecondsSince(start)});
-            return session;
+            return device;
         } catch (const ToolError& error) {
             if (!MayAppearLater(error.Code()) || Clock::now() + kRetryPause >= deadline) {
                 throw;
@@ -88,14 +96,32 @@ UpgradeSession WaitForDevice(const UpgradeCommand& command, UpgradeListener* lis
     }
 }
 
-UpgradeSession OpenSession(const UpgradeCommand& command, UpgradeListener* listener,
-                           UpgradeRecord* record, Json* json) {
-    if (command.waitSeconds) {
-        return WaitForDevice(command, listener, record, json);
+// What to follow the device by. A device that was not searched for is asked now: once it has
+// accepted it may be too late.
+FollowTarget TargetToFollow(const UpgradeCommand& command, const OpenDevice& device,
+                            UpgradeListener* listener, UpgradeRecord* record) {
+    FollowTarget target;
+    target.endpoint = device.session.Peer();
+    target.local = LocalEnd(device.session.Fd());
+    target.discoveryPort = command.device.discoveryPort;
+    target.version = command.expectVersion;
+    const std::optional<DiscoveryReply> reply =
+        device.reply ? device.reply
+                     : AskAt(target.endpoint.host, target.discoveryPort, command.times.ask);
+    if (reply) {
+        target.mac = record->mac = reply->mac;
+        target.alivePort = reply->rtspPort;
+    } else {
+        listener->Line(
+            "the device answers no search: it cannot be found under another address later");
     }
-    UpgradeSession session(command.times, listener, record);
-    ConnectAndLogin(&session, command.device, json);
-    return session;
+    target.alivePort = command.alivePort.value_or(target.alivePort);
+    if (target.alivePort == 0) {
+        listener->Line(
+            "which port its application opens is not known: without --expect-port it cannot be "
+            "seen alive");
+    }
+    return target;
 }
 
 PackageReport JudgePackage(const Bytes& package, const UpgradeCommand& command,
@@ -128,9 +154,11 @@ std::string ResultText(ExitCode code, bool follow) {
     }
     switch (code) {
         case ExitCode::kDone:
-            return "accepted by the device; it no longer serves recovery mode";
+            return "accepted by the device; its application is alive";
         case ExitCode::kBackInRecovery:
             return "accepted by the device; it has restarted and is back in recovery mode";
+        case ExitCode::kNotSeenAlive:
+            return "accepted by the device; it left recovery mode and was not seen alive again";
         default:
             return "accepted by the device, but it was never seen to leave recovery mode";
     }
@@ -142,16 +170,39 @@ ExitCode DoUpgrade(const UpgradeCommand& command, const Layout& layout, ConsoleL
     (*json)["file"] = Printable(command.file);
     const Bytes package = ReadWholeFile(command.file);
     const PackageReport report = JudgePackage(package, command, layout, json);
-    UpgradeSession session = OpenSession(command, listener, record, json);
+    OpenDevice device =
+        command.wait ? WaitForDevice(command, listener, record, json)
+                     : ConnectAndLogin(command.device, command.times, listener, record, json);
+    UpgradeSession& session = device.session;
     session.Identify();
     if (!command.forceIdentity) {
         CheckIdentity(report, record->device);
     }
-    session.Upload(package);
     if (!command.follow) {
+        session.Upload(package);
         return ExitCode::kDone;
     }
-    return Follow(session.Peer(), session.Fd(), command.times, listener, record);
+    const FollowTarget target = TargetToFollow(command, device, listener, record);
+    session.Upload(package);
+    return Follow(target, session.Fd(), command.times, listener, record);
+}
+
+// In what state an upgrade leaves the device that ends where the record ends.
+std::string StateLeft(const UpgradeRecord& record) {
+    if (record.accepted) {
+        return "the device had accepted the package and goes on by itself";
+    }
+    switch (record.sent) {
+        case Sent::kNothing:
+            return "nothing of the package was sent; the device stays as it is";
+        case Sent::kPart:
+            return "the device holds a part of the package, flashes nothing, and waits in "
+                   "recovery mode for a new upgrade";
+        case Sent::kAll:
+            break;
+    }
+    return "the whole package was sent; if the device finds it right it flashes and restarts by "
+           "itself, so do not switch it off";
 }
 
 }  // namespace
@@ -186,8 +237,8 @@ ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout, Json* j
         return code;
     } catch (const ToolError& error) {
         std::string result = error.what();
-        if (record.accepted) {
-            result += "; the device had accepted the package and goes on by itself";
+        if (record.accepted || error.Code() == ExitCode::kInterrupted) {
+            result += "; " + StateLeft(record);
         }
         listener.Clear();
         json->update(UpgradeJson(record, result));

@@ -26,7 +26,9 @@ struct UpgradeCommand {
     bool force = false;          // send in spite of what the check of the package says
     bool forceIdentity = false;  // send to a device of another chip or sensor
     bool follow = true;
-    std::optional<int> waitSeconds;  // how long to wait for the device to appear
+    std::optional<Millis> wait;         // how long to wait for the device to appear
+    std::optional<uint16_t> alivePort;  // what the running application opens
+    std::string expectVersion;          // empty: any
     UpgradeTimes times;
 };
 

@@ -9,8 +9,7 @@ namespace kvtool {
 
 namespace {
 
-constexpr int kDefaultWaitSeconds = 300;
-constexpr int kLongestSeconds = 86400;
+constexpr double kLongestSeconds = 86400;
 
 // What --port and the time-outs say, in the units of the command line.
 struct DeviceOptions {
@@ -25,16 +24,16 @@ struct DeviceOptions {
     }
 };
 
+Millis FromSeconds(double seconds) {
+    return std::chrono::duration_cast<Millis>(std::chrono::duration<double>(seconds));
+}
+
 void AddSeconds(CLI::App* app, const char* name, Millis* value, const char* help) {
     const double seconds = std::chrono::duration<double>(*value).count();
     app->add_option_function<double>(
-           name,
-           [value](const double& given) {
-               *value = std::chrono::duration_cast<Millis>(std::chrono::duration<double>(given));
-           },
-           help)
+           name, [value](const double& given) { *value = FromSeconds(given); }, help)
         ->default_str(CLI::detail::to_string(seconds))
-        ->check(CLI::Range(0.1, static_cast<double>(kLongestSeconds)));
+        ->check(CLI::Range(0.1, kLongestSeconds));
 }
 
 void AddConnection(CLI::App* app, DeviceCommand* device, DeviceOptions* options) {
@@ -71,7 +70,8 @@ void AddUpgrade(CLI::App* root, Chosen* chosen) {
         DeviceOptions options;
         LayoutOptions layout;
         bool noFollow = false;
-        int waitSeconds = 0;
+        uint16_t alivePort = 0;
+        double waitSeconds = 0;
     };
     const auto upgrade = std::make_shared<Upgrade>();
     UpgradeCommand& command = upgrade->command;
@@ -84,17 +84,21 @@ void AddUpgrade(CLI::App* root, Chosen* chosen) {
     app->add_flag("--no-follow", upgrade->noFollow, "End when the device has accepted");
     app->add_flag("--json", chosen->json, "Print JSON at the end, progress to standard error");
     AddLayout(app, &upgrade->layout);
-    // A flag with a value, which never takes the word behind it: that word is the host.
-    app->add_flag("--wait{" + std::to_string(kDefaultWaitSeconds) + "}", upgrade->waitSeconds,
-                  "Wait for the device to appear, --wait=SECONDS for a time of your own")
-        ->check(CLI::Range(1, kLongestSeconds));
+    // A flag with a value; a number in the word behind it has been joined to it.
+    app->add_flag("--wait{300}", upgrade->waitSeconds,
+                  "Wait for the device to appear, --wait SECONDS for a time of your own")
+        ->check(CLI::Range(0.1, kLongestSeconds));
+    app->add_option("--expect-port", upgrade->alivePort,
+                    "TCP port that the running application opens (default: RTSP, as discovered)")
+        ->check(CLI::Range(1, 65535));
+    app->add_option("--expect-version", command.expectVersion,
+                    "Firmware version that the running application tells a search");
     UpgradeTimes& times = upgrade->options.times;
     AddSeconds(app, "--stall-timeout", &times.stall, "Seconds without anything acknowledged");
     AddSeconds(app, "--verify-timeout", &times.verify, "Seconds for the verdict");
     AddSeconds(app, "--leave-timeout", &times.leave,
                "Seconds to see the device leave recovery mode");
-    AddSeconds(app, "--back-timeout", &times.back,
-               "Seconds to see it come back into recovery mode");
+    AddSeconds(app, "--back-timeout", &times.back, "Seconds from there to see it alive");
     app->callback([upgrade, chosen] {
         chosen->run = [upgrade, chosen](Json* json) {
             UpgradeCommand& chosenCommand = upgrade->command;
@@ -103,7 +107,10 @@ void AddUpgrade(CLI::App* root, Chosen* chosen) {
             chosenCommand.follow = !upgrade->noFollow;
             chosenCommand.times = upgrade->options.times;
             if (upgrade->waitSeconds > 0) {
-                chosenCommand.waitSeconds = upgrade->waitSeconds;
+                chosenCommand.wait = FromSeconds(upgrade->waitSeconds);
+            }
+            if (upgrade->alivePort != 0) {
+                chosenCommand.alivePort = upgrade->alivePort;
             }
             return RunUpgrade(chosenCommand, upgrade->layout.Make(), json);
         };

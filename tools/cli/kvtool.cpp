@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <regex>
 
 #include "tools/base/command_line.h"
 #include "tools/base/wait.h"
@@ -30,6 +31,24 @@ int Status(const kvtool::Chosen& chosen, ExitCode code, bool failed) {
     return static_cast<int>(trouble ? ExitCode::kUsage : code);
 }
 
+// "--wait 5" becomes "--wait=5". The word behind a bare --wait may also be the host: it is the time
+// when it is a number of at most five digits, with a fraction or not.
+std::vector<std::string> JoinWaitTime(int argc, char** argv) {
+    const std::regex time("[0-9]{1,5}(\\.[0-9]+)?");
+    std::vector<std::string> words;
+    bool options = true;
+    for (int i = 0; i < argc; ++i) {
+        const std::string word = argv[i];
+        options = options && word != "--";
+        if (options && !words.empty() && words.back() == "--wait" && std::regex_match(word, time)) {
+            words.back() += "=" + word;
+        } else {
+            words.push_back(word);
+        }
+    }
+    return words;
+}
+
 int Run(int argc, char** argv) {
     kvtool::Chosen chosen;
     CLI::App app("Upgrade packages and recovery of cameras that run upgradeMain");
@@ -39,7 +58,13 @@ int Run(int argc, char** argv) {
     kvtool::AddToolboxCommands(&app, &chosen);
     kvtool::AddDeviceCommands(&app, &chosen);
     kvtool::AddCompletion(&app);
-    if (const std::optional<int> ended = kvtool::ParseCommandLine(&app, argc, argv)) {
+    std::vector<std::string> words = JoinWaitTime(argc, argv);
+    std::vector<char*> arguments;
+    for (std::string& word : words) {
+        arguments.push_back(word.data());
+    }
+    if (const std::optional<int> ended =
+            kvtool::ParseCommandLine(&app, static_cast<int>(arguments.size()), arguments.data())) {
         return static_cast<int>(*ended == 0 ? ExitCode::kDone : ExitCode::kUsage);
     }
     std::string problem;

@@ -65,6 +65,9 @@ Json UpgradeJson(const UpgradeRecord& record, const std::string& result) {
     if (!record.address.empty()) {
         json["address"] = record.address;
     }
+    if (!record.mac.empty()) {
+        json["mac"] = record.mac;
+    }
     if (record.identified) {
         json["device"] = DeviceJson(record.device);
     }
