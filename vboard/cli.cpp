@@ -55,9 +55,9 @@ struct Cli {
     }
 
     CLI::App* Add(CLI::App* parent, const char* name, const char* text,
-                  std::function<void(const StateDir&)> action_) {
+                  std::function<void(const StateDir&)> run) {
         CLI::App* const sub = parent->add_subcommand(name, text);
-        sub->callback([this, action_ = std::move(action_)] { action_(StateDir(state)); });
+        sub->callback([this, act = std::move(run)] { act(StateDir(state)); });
         return sub;
     }
 

@@ -27,8 +27,8 @@ int __wrap_hio_read(hio_t* io) {
 void __wrap_hio_setcb_read(hio_t* io, hread_cb cb) {
     Of(io)->onRead = cb;
 }
-void __wrap_hio_set_read_timeout(hio_t* io, int timeout_ms) {
-    Of(io)->timeouts.push_back(timeout_ms);
+void __wrap_hio_set_read_timeout(hio_t* io, int timeoutMs) {
+    Of(io)->timeouts.push_back(timeoutMs);
 }
 void* __wrap_hio_context(hio_t* io) {
     return &Of(io)->session;

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/kvtool_lib/discovery_reply.h"
-#include "tools/kvtool_lib/wait.h"
+#include "tools/base/wait.h"
+#include "tools/device/discovery_reply.h"
 
 namespace kvtool {
 

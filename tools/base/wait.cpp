@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/wait.h"
+#include "tools/base/wait.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -8,18 +8,18 @@
 #include <cerrno>
 #include <csignal>
 
-#include "tools/kvtool_lib/errors.h"
+#include "tools/base/errors.h"
 
 namespace kvtool {
 
 namespace {
 
 // A byte in this pipe means interrupted; it is never read, so the state stays.
-int g_interrupt_pipe[2] = {-1, -1};
+int g_interruptPipe[2] = {-1, -1};
 
 extern "C" void OnInterrupt(int) {
     const int saved = errno;
-    const ssize_t ignored = write(g_interrupt_pipe[1], "x", 1);
+    const ssize_t ignored = write(g_interruptPipe[1], "x", 1);
     (void)ignored;
     errno = saved;
 }
@@ -27,7 +27,7 @@ extern "C" void OnInterrupt(int) {
 }  // namespace
 
 void CatchInterrupts() {
-    if (pipe2(g_interrupt_pipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+    if (pipe2(g_interruptPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
         throw ToolError(ExitCode::kInternal, "cannot create a pipe");
     }
     struct sigaction action {};
@@ -41,7 +41,7 @@ void CatchInterrupts() {
 }
 
 void ThrowIfInterrupted() {
-    pollfd entry{g_interrupt_pipe[0], POLLIN, 0};
+    pollfd entry{g_interruptPipe[0], POLLIN, 0};
     if (poll(&entry, 1, 0) > 0) {
         throw ToolError(ExitCode::kInterrupted, "interrupted");
     }
@@ -52,7 +52,7 @@ short WaitFor(int fd, short events, Clock::time_point deadline) {
         // Rounded up, so that the deadline has passed when poll reports a time-out.
         const auto left = std::chrono::ceil<Millis>(deadline - Clock::now()).count();
         const int timeout = static_cast<int>(std::clamp<long>(left, 0, 3600000));
-        pollfd entries[2] = {{fd, events, 0}, {g_interrupt_pipe[0], POLLIN, 0}};
+        pollfd entries[2] = {{fd, events, 0}, {g_interruptPipe[0], POLLIN, 0}};
         const int ready = poll(entries, 2, timeout);
         if (ready > 0 && entries[1].revents != 0) {
             throw ToolError(ExitCode::kInterrupted, "interrupted");

@@ -1,11 +1,11 @@
-#include "tools/kvtool_lib/protocol_client.h"
+#include "tools/device/protocol_client.h"
 
 #include <poll.h>
 
 #include <algorithm>
 #include <cstring>
 
-#include "tools/kvtool_lib/errors.h"
+#include "tools/base/errors.h"
 
 namespace kvtool {
 
@@ -64,7 +64,7 @@ void ProtocolClient::ReceiveExactly(uint8_t* data, size_t size, const char* what
         done += received.size;
         if (received.state == ReceiveState::kNothing && WaitFor(fd_.Get(), POLLIN, deadline) == 0) {
             throw ToolError(ExitCode::kNoReply, std::string(what) + ": no answer within " +
-                                                    std::to_string(reply_timeout_.count()) +
+                                                    std::to_string(replyTimeout_.count()) +
                                                     " ms (" + std::to_string(done) + " of " +
                                                     std::to_string(size) + " bytes came)");
         }
@@ -72,8 +72,8 @@ void ProtocolClient::ReceiveExactly(uint8_t* data, size_t size, const char* what
 }
 
 ProtocolClient::Reply ProtocolClient::Request(uint16_t command, const char* what,
-                                              size_t payload_size) {
-    const Clock::time_point deadline = Clock::now() + reply_timeout_;
+                                              size_t payloadSize) {
+    const Clock::time_point deadline = Clock::now() + replyTimeout_;
     // Bytes that nobody asked for would be taken for the start of this reply.
     uint8_t stale = 0;
     if (ReceiveNow(fd_.Get(), &stale, 1).state == ReceiveState::kData) {
@@ -97,13 +97,13 @@ ProtocolClient::Reply ProtocolClient::Request(uint16_t command, const char* what
     if (header.status != kv::kStatusDone) {
         BadReply(what, "status " + Code(header.status));
     }
-    if (header.data_len != payload_size || header.count != (payload_size > 0 ? 1 : 0)) {
+    if (header.dataLen != payloadSize || header.count != (payloadSize > 0 ? 1 : 0)) {
         BadReply(what, "it announces " + std::to_string(header.count) + " x " +
-                           std::to_string(header.data_len) + " bytes instead of " +
-                           std::to_string(payload_size));
+                           std::to_string(header.dataLen) + " bytes instead of " +
+                           std::to_string(payloadSize));
     }
-    reply.payload.resize(payload_size);
-    ReceiveExactly(reply.payload.data(), payload_size, what, deadline);
+    reply.payload.resize(payloadSize);
+    ReceiveExactly(reply.payload.data(), payloadSize, what, deadline);
     session_ = header.session;
     return reply;
 }

@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "tools/kvtool_lib/discovery_client.h"
-#include "tools/kvtool_lib/errors.h"
-#include "tools/kvtool_lib/layout.h"
-#include "tools/kvtool_lib/upgrade_session.h"
+#include "tools/base/errors.h"
+#include "tools/device/discovery_client.h"
+#include "tools/device/upgrade_session.h"
+#include "tools/package/layout.h"
 
 namespace kvtool {
 
@@ -23,7 +23,7 @@ struct PackCommand {
 struct DeviceCommand {
     std::string host;  // an address, a name, or a MAC address that is searched for first
     std::optional<uint16_t> port;
-    uint16_t discovery_port = 0;
+    uint16_t discoveryPort = 0;
     bool json = false;
 };
 
@@ -32,7 +32,7 @@ struct UpgradeCommand {
     std::string file;
     bool force = false;
     bool follow = true;
-    std::optional<int> wait_seconds;  // how long to wait for the device to appear
+    std::optional<int> waitSeconds;  // how long to wait for the device to appear
     UpgradeTimes times;
 };
 

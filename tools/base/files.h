@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "tools/kvtool_lib/text.h"
+#include "tools/base/text.h"
 
 namespace kvtool {
 

@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/discovery_reply.h"
+#include "tools/device/discovery_reply.h"
 
 #include <arpa/inet.h>
 
@@ -30,11 +30,11 @@ constexpr TextField kTextFields[] = {
     {"DNS server", offsetof(Wire, dnsServer), 32, &DiscoveryReply::dns},
     {"MAC address", offsetof(Wire, macAddress), 36, &DiscoveryReply::mac},
     {"kind", offsetof(Wire, kind), 96, &DiscoveryReply::kind},
-    {"device type", kPlatform + offsetof(Platform, ucDevType), 80, &DiscoveryReply::device_type},
+    {"device type", kPlatform + offsetof(Platform, ucDevType), 80, &DiscoveryReply::deviceType},
     {"firmware version", kPlatform + offsetof(Platform, ucFirmwareVersion), 64,
      &DiscoveryReply::firmware},
     {"P2P serial number", kPlatform + offsetof(Platform, ucP2pSerialNum), 32,
-     &DiscoveryReply::p2p_serial},
+     &DiscoveryReply::p2pSerial},
     {"account name", offsetof(Wire, account), 32, &DiscoveryReply::account},
 };
 
@@ -44,9 +44,9 @@ struct PortField {
     uint16_t DiscoveryReply::*member;
 };
 constexpr PortField kPortFields[] = {
-    {"command port", offsetof(Wire, commandPort), &DiscoveryReply::command_port},
-    {"RTSP port", offsetof(Wire, word244), &DiscoveryReply::rtsp_port},
-    {"HTTP port", offsetof(Wire, word256), &DiscoveryReply::http_port},
+    {"command port", offsetof(Wire, commandPort), &DiscoveryReply::commandPort},
+    {"RTSP port", offsetof(Wire, word244), &DiscoveryReply::rtspPort},
+    {"HTTP port", offsetof(Wire, word256), &DiscoveryReply::httpPort},
 };
 
 bool IsIpv4(const std::string& text) {
@@ -91,15 +91,15 @@ std::string AddressFault(const DiscoveryReply& reply) {
 
 }  // namespace
 
-std::array<uint8_t, kSearchSize> SearchRequest(const std::string& source_address,
-                                               const std::string& source_mac) {
+std::array<uint8_t, kSearchSize> SearchRequest(const std::string& sourceAddress,
+                                               const std::string& sourceMac) {
     std::array<uint8_t, kSearchSize> request{};
     memcpy(request.data(), kv::kDiscoveryMagic, sizeof kv::kDiscoveryMagic);
     request[offsetof(Request, type)] = kv::kDiscoverySearch;
-    memcpy(request.data() + offsetof(Request, sourceAddress), source_address.data(),
-           std::min(source_address.size(), sizeof(Request::sourceAddress) - 1));
-    memcpy(request.data() + offsetof(Request, sourceMac), source_mac.data(),
-           std::min(source_mac.size(), sizeof(Request::sourceMac) - 1));
+    memcpy(request.data() + offsetof(Request, sourceAddress), sourceAddress.data(),
+           std::min(sourceAddress.size(), sizeof(Request::sourceAddress) - 1));
+    memcpy(request.data() + offsetof(Request, sourceMac), sourceMac.data(),
+           std::min(sourceMac.size(), sizeof(Request::sourceMac) - 1));
     return request;
 }
 

@@ -6,9 +6,9 @@
 #include <ostream>
 #include <string>
 
-#include "tools/kvtool_lib/discovery_client.h"
-#include "tools/kvtool_lib/package_check.h"
-#include "tools/kvtool_lib/upgrade_session.h"
+#include "tools/device/discovery_client.h"
+#include "tools/device/upgrade_session.h"
+#include "tools/package/check.h"
 
 namespace kvtool {
 
@@ -23,7 +23,7 @@ void PrintFindings(std::ostream& out, const PackageReport& report);
 
 struct InfoReport {
     std::string address;
-    uint32_t session_before = 0;  // in the reply to the login
+    uint32_t sessionBefore = 0;  // in the reply to the login
     uint32_t session = 0;
     std::array<uint8_t, kv::kSerialSize> serial{};
     DeviceInfo device;

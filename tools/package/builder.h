@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/kvtool_lib/layout.h"
-#include "tools/kvtool_lib/text.h"
+#include "tools/base/text.h"
+#include "tools/package/layout.h"
 
 namespace kvtool {
 

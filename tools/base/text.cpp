@@ -1,11 +1,11 @@
-#include "tools/kvtool_lib/text.h"
+#include "tools/base/text.h"
 
 #include <md5.h>
 
 #include <array>
 #include <cstring>
 
-#include "tools/kvtool_lib/errors.h"
+#include "tools/base/errors.h"
 
 namespace kvtool {
 

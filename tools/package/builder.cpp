@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/package_builder.h"
+#include "tools/package/builder.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -6,9 +6,9 @@
 
 #include "common/kv_le.h"
 #include "flash/kv_upgrade_package.h"
-#include "tools/kvtool_lib/errors.h"
-#include "tools/kvtool_lib/files.h"
-#include "tools/kvtool_lib/package_check.h"
+#include "tools/base/errors.h"
+#include "tools/base/files.h"
+#include "tools/package/check.h"
 
 namespace kvtool {
 
@@ -128,8 +128,8 @@ BuildResult BuildPackage(const BuildRequest& request) {
         order.begin(), order.end(),
         [&request](const ImageSpec* image) { return !IsBoot(request.layout, *image); });
 
-    const size_t data_start = kv::kPackageHeaderSize + order.size() * kv::kPackageEntrySize;
-    uint64_t total = data_start;
+    const size_t dataStart = kv::kPackageHeaderSize + order.size() * kv::kPackageEntrySize;
+    uint64_t total = dataStart;
     std::vector<uint64_t> offsets;
     for (auto image = order.begin(); image != order.end(); ++image) {
         const uint64_t length = (*image)->bytes.size();
@@ -141,7 +141,7 @@ BuildResult BuildPackage(const BuildRequest& request) {
         throw ToolError(ExitCode::kRefused, "the package would be too large: " + SizeText(total));
     }
     result.bytes.assign(total, 0xFF);
-    std::fill_n(result.bytes.begin(), data_start, uint8_t{0});
+    std::fill_n(result.bytes.begin(), dataStart, uint8_t{0});
     PutHeader(result.bytes.data(), request, total);
     for (size_t i = 0; i < order.size(); ++i) {
         PutEntry(result.bytes.data() + kv::kPackageHeaderSize + i * kv::kPackageEntrySize,

@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/files.h"
+#include "tools/base/files.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,8 +10,8 @@
 
 #include "common/kv_raii.h"
 #include "mini/kv_mini_frame.h"
-#include "tools/kvtool_lib/errors.h"
-#include "tools/kvtool_lib/wait.h"
+#include "tools/base/errors.h"
+#include "tools/base/wait.h"
 
 namespace kvtool {
 

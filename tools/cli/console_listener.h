@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "tools/kvtool_lib/upgrade_session.h"
+#include "tools/device/upgrade_session.h"
 
 namespace kvtool {
 
@@ -19,8 +19,8 @@ class ConsoleListener : public UpgradeListener {
   private:
     FILE* out_;
     bool terminal_;
-    bool progress_stands_ = false;
-    double last_shown_ = 0;
+    bool progressStands_ = false;
+    double lastShown_ = 0;
 };
 
 }  // namespace kvtool

@@ -33,7 +33,7 @@ class Layout {
     void ReadFile(const std::string& path);
 
     // Every row that an entry of this name selects, in table order: those whose name is a prefix.
-    std::vector<LayoutRow> Select(std::string_view file_name) const;
+    std::vector<LayoutRow> Select(std::string_view fileName) const;
 
     const std::vector<LayoutRow>& Rows() const { return rows_; }
 

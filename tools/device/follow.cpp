@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/follow.h"
+#include "tools/device/follow.h"
 
 #include <poll.h>
 
@@ -12,10 +12,10 @@ constexpr int kMissesThatCount = 2;
 
 class Follower {
   public:
-    Follower(const Endpoint& endpoint, int upgrade_fd, const UpgradeTimes& times,
+    Follower(const Endpoint& endpoint, int upgradeFd, const UpgradeTimes& times,
              UpgradeListener* listener, UpgradeRecord* record)
         : endpoint_(endpoint),
-          upgrade_fd_(upgrade_fd),
+          upgradeFd_(upgradeFd),
           times_(times),
           listener_(listener),
           record_(record) {}
@@ -24,9 +24,9 @@ class Follower {
         Assume(
             "the device stops its application, flashes and restarts; it does not report on this");
         for (;;) {
-            const ProbeResult probe = Probe(endpoint_, times_.probe_reply, times_.probe_reply);
-            if (probe.text != last_text_) {
-                last_text_ = probe.text;
+            const ProbeResult probe = Probe(endpoint_, times_.probeReply, times_.probeReply);
+            if (probe.text != lastText_) {
+                lastText_ = probe.text;
                 Observe(probe.text);
             }
             if (Judge(probe)) {
@@ -35,7 +35,7 @@ class Follower {
                     "normally serve recovery mode");
                 return ExitCode::kBackInRecovery;
             }
-            if (left_ && Clock::now() - left_at_ >= times_.back) {
+            if (left_ && Clock::now() - leftAt_ >= times_.back) {
                 Assume(
                     "no longer in recovery mode: assumed in normal mode (a device that does not "
                     "start at all looks the same from here)");
@@ -46,7 +46,7 @@ class Follower {
                         SecondsText(std::chrono::duration<double>(times_.leave).count()));
                 return ExitCode::kNeverLeft;
             }
-            WatchConnection(Clock::now() + times_.probe_every);
+            WatchConnection(Clock::now() + times_.probeEvery);
         }
     }
 
@@ -81,18 +81,18 @@ class Follower {
         ++misses_;
         if (!left_ && (probe.state == ProbeState::kRefused || misses_ >= kMissesThatCount)) {
             left_ = true;
-            left_at_ = Clock::now();
+            leftAt_ = Clock::now();
             Observe("it no longer serves recovery mode");
         }
         return false;
     }
 
     void WatchConnection(Clock::time_point until) {
-        while (upgrade_fd_ >= 0 && WaitFor(upgrade_fd_, POLLIN, until) != 0) {
+        while (upgradeFd_ >= 0 && WaitFor(upgradeFd_, POLLIN, until) != 0) {
             uint8_t data[64];
-            const Received received = ReceiveNow(upgrade_fd_, data, sizeof data);
+            const Received received = ReceiveNow(upgradeFd_, data, sizeof data);
             if (received.state == ReceiveState::kClosed) {
-                upgrade_fd_ = -1;
+                upgradeFd_ = -1;
                 Observe("the connection of the upgrade has ended: " + received.error);
             } else if (received.state == ReceiveState::kData) {
                 Observe("the device sent " + std::to_string(received.size) +
@@ -103,15 +103,15 @@ class Follower {
     }
 
     const Endpoint& endpoint_;
-    int upgrade_fd_;
+    int upgradeFd_;
     const UpgradeTimes& times_;
     UpgradeListener* listener_;
     UpgradeRecord* record_;
     Clock::time_point start_ = Clock::now();
-    Clock::time_point left_at_;
+    Clock::time_point leftAt_;
     bool left_ = false;
     int misses_ = 0;
-    std::string last_text_;
+    std::string lastText_;
 };
 
 }  // namespace
@@ -143,9 +143,9 @@ ProbeResult Probe(const Endpoint& endpoint, Millis connect, Millis reply) {
     }
 }
 
-ExitCode Follow(const Endpoint& endpoint, int upgrade_fd, const UpgradeTimes& times,
+ExitCode Follow(const Endpoint& endpoint, int upgradeFd, const UpgradeTimes& times,
                 UpgradeListener* listener, UpgradeRecord* record) {
-    return Follower(endpoint, upgrade_fd, times, listener, record).Run();
+    return Follower(endpoint, upgradeFd, times, listener, record).Run();
 }
 
 }  // namespace kvtool

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tools/kvtool_lib/upgrade_session.h"
+#include "tools/device/upgrade_session.h"
 
 namespace kvtool {
 
@@ -25,10 +25,10 @@ struct ProbeResult {
 ProbeResult Probe(const Endpoint& endpoint, Millis connect, Millis reply);
 
 // Follows the device after acceptance until it is back in recovery mode or the times are over.
-// `upgrade_fd` is the connection of the upgrade; nothing is sent on it. Adds what was seen to
+// `upgradeFd` is the connection of the upgrade; nothing is sent on it. Adds what was seen to
 // record->observed and what is concluded to record->assumed.
 // Returns kDone (seen to leave, not back), kBackInRecovery or kNeverLeft.
-ExitCode Follow(const Endpoint& endpoint, int upgrade_fd, const UpgradeTimes& times,
+ExitCode Follow(const Endpoint& endpoint, int upgradeFd, const UpgradeTimes& times,
                 UpgradeListener* listener, UpgradeRecord* record);
 
 }  // namespace kvtool

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "mini/kv_mini_frame.h"
-#include "tools/kvtool_lib/tcp.h"
+#include "tools/device/tcp.h"
 
 namespace kvtool {
 
@@ -17,7 +17,7 @@ struct ReplyHeader {
     uint16_t command;
     uint16_t status;
     uint32_t session;
-    uint32_t data_len;
+    uint32_t dataLen;
     uint32_t count;
 };
 // Decodes the 32 bytes at `frame`.
@@ -38,9 +38,9 @@ struct DeviceInfo {
 
 class ProtocolClient {
   public:
-    // `reply_timeout` bounds each request.
-    ProtocolClient(UniqueFd fd, Millis reply_timeout)
-        : fd_(std::move(fd)), reply_timeout_(reply_timeout) {}
+    // `replyTimeout` bounds each request.
+    ProtocolClient(UniqueFd fd, Millis replyTimeout)
+        : fd_(std::move(fd)), replyTimeout_(replyTimeout) {}
 
     // Each blocks for at most the reply time-out and throws ToolError: kNoReply when it passes,
     // kLost when the connection ends, kBadReply when what came is not the reply.
@@ -58,11 +58,11 @@ class ProtocolClient {
         ReplyHeader header;
         Bytes payload;
     };
-    Reply Request(uint16_t command, const char* what, size_t payload_size);
+    Reply Request(uint16_t command, const char* what, size_t payloadSize);
     void ReceiveExactly(uint8_t* data, size_t size, const char* what, Clock::time_point deadline);
 
     UniqueFd fd_;
-    Millis reply_timeout_;
+    Millis replyTimeout_;
     uint32_t session_ = 0;
 };
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "mini/kv_mini_discovery_frame.h"
-#include "tools/kvtool_lib/text.h"
+#include "tools/base/text.h"
 
 namespace kvtool {
 
@@ -15,8 +15,8 @@ constexpr size_t kSearchSize = sizeof(kv::DiscoveryRequest);
 constexpr size_t kDiscoveryReplySize = sizeof(kv::DiscoveryReply);
 
 // A search request; the device only traces the two texts.
-std::array<uint8_t, kSearchSize> SearchRequest(const std::string& source_address,
-                                               const std::string& source_mac);
+std::array<uint8_t, kSearchSize> SearchRequest(const std::string& sourceAddress,
+                                               const std::string& sourceMac);
 
 struct DiscoveryReply {
     // Empty where the device could not tell.
@@ -24,15 +24,15 @@ struct DiscoveryReply {
     std::string netmask;
     std::string gateway;
     std::string dns;
-    std::string mac;          // "AA:BB:CC:DD:EE:FF"
-    std::string kind;         // "IPC"
-    std::string device_type;  // "IPCAMERA"
-    std::string firmware;     // device name with version
-    std::string p2p_serial;
+    std::string mac;         // "AA:BB:CC:DD:EE:FF"
+    std::string kind;        // "IPC"
+    std::string deviceType;  // "IPCAMERA"
+    std::string firmware;    // device name with version
+    std::string p2pSerial;
     std::string account;
-    uint16_t command_port = 0;
-    uint16_t rtsp_port = 0;
-    uint16_t http_port = 0;
+    uint16_t commandPort = 0;
+    uint16_t rtspPort = 0;
+    uint16_t httpPort = 0;
 };
 
 // Decodes a datagram. Returns why it is not a trustworthy reply, or an empty text; only then is

@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/tcp.h"
+#include "tools/device/tcp.h"
 
 #include <fcntl.h>
 #include <linux/sockios.h>
@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tools/kvtool_lib/errors.h"
+#include "tools/base/errors.h"
 
 namespace kvtool {
 

@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/upgrade_session.h"
+#include "tools/device/upgrade_session.h"
 
 #include <poll.h>
 
@@ -71,7 +71,7 @@ void UpgradeSession::Identify() {
 void UpgradeSession::Upload(const Bytes& package) {
     const auto trailer = MakeTrailer(package);
     record_->total = package.size() + trailer.size();
-    upload_start_ = last_advance_ = last_report_ = Clock::now();
+    uploadStart_ = lastAdvance_ = lastReport_ = Clock::now();
     {
         PhaseTimer phase(this, "upload");
         std::array<uint8_t, kv::kFrameHeaderSize> request{};
@@ -80,13 +80,13 @@ void UpgradeSession::Upload(const Bytes& package) {
         if (SendNow(Fd(), request.data(), request.size()) != request.size()) {
             Lost("the upgrade request could not be sent");
         }
-        WaitQuiet(upload_start_ + times_.header_gap);
+        WaitQuiet(uploadStart_ + times_.headerGap);
         const size_t first = std::min(package.size(), kFirstPiece);
         Send(package.data(), first);
-        WaitQuiet(upload_start_ + times_.first_look);
+        WaitQuiet(uploadStart_ + times_.firstLook);
         Send(package.data() + first, package.size() - first);
         WaitAcknowledged();
-        const double seconds = std::max(SecondsSince(upload_start_), 0.001);
+        const double seconds = std::max(SecondsSince(uploadStart_), 0.001);
         phase.Done(SizeText(package.size()) + ", " +
                    SizeText(static_cast<uint64_t>(static_cast<double>(package.size()) / seconds)) +
                    " a second");
@@ -119,26 +119,26 @@ void UpgradeSession::Advance(bool force) {
     const Clock::time_point now = Clock::now();
     if (acknowledged > record_->acknowledged) {
         record_->acknowledged = acknowledged;
-        last_advance_ = now;
+        lastAdvance_ = now;
     }
-    if (force || now - last_report_ >= kTick) {
-        last_report_ = now;
-        listener_->Progress(record_->acknowledged, record_->total, SecondsSince(upload_start_));
+    if (force || now - lastReport_ >= kTick) {
+        lastReport_ = now;
+        listener_->Progress(record_->acknowledged, record_->total, SecondsSince(uploadStart_));
     }
-    if (now - last_advance_ >= times_.stall) {
+    if (now - lastAdvance_ >= times_.stall) {
         Lost("nothing was acknowledged for " + std::to_string(times_.stall.count()) + " ms");
     }
 }
 
 // Takes what has come from the device. Returns whether anything came.
-bool UpgradeSession::TakeAnswer(bool all_sent) {
+bool UpgradeSession::TakeAnswer(bool allSent) {
     const Received received =
-        ReceiveNow(Fd(), answer_.data() + answer_size_, answer_.size() - answer_size_);
-    if (received.state == ReceiveState::kClosed && busy_seen_) {
+        ReceiveNow(Fd(), answer_.data() + answerSize_, answer_.size() - answerSize_);
+    if (received.state == ReceiveState::kClosed && busySeen_) {
         throw ToolError(ExitCode::kBusy,
                         "the device says that an accepted upgrade is under way; " + received.error);
     }
-    if (received.state == ReceiveState::kClosed && all_sent) {
+    if (received.state == ReceiveState::kClosed && allSent) {
         throw ToolError(ExitCode::kNoVerdict,
                         "everything was sent, but " + received.error +
                             " before it gave a verdict; it has probably found the package wrong "
@@ -147,21 +147,21 @@ bool UpgradeSession::TakeAnswer(bool all_sent) {
     if (received.state == ReceiveState::kClosed) {
         Lost(received.error);
     }
-    answer_size_ += received.size;
+    answerSize_ += received.size;
     return received.state == ReceiveState::kData;
 }
 
 // Judges a complete answer that is not an acceptance.
-void UpgradeSession::Interpret(bool all_sent) {
+void UpgradeSession::Interpret(bool allSent) {
     const ReplyHeader header = DecodeReplyHeader(answer_.data());
     const std::string fault = ReplyFault(header, kv::kCmdUpgrade);
-    answer_size_ = 0;
+    answerSize_ = 0;
     if (!fault.empty()) {
         throw ToolError(ExitCode::kBadReply, "upgrade: bad reply: " + fault);
     }
     if (header.status == kv::kStatusUpgradeBusy) {
-        busy_seen_ = true;
-        if (!all_sent) {
+        busySeen_ = true;
+        if (!allSent) {
             throw ToolError(ExitCode::kBusy,
                             "the device says that an accepted upgrade is under way; the upload was "
                             "ended at once, but it has replaced the package that the device is "
@@ -177,12 +177,12 @@ void UpgradeSession::Interpret(bool all_sent) {
 
 void UpgradeSession::Send(const uint8_t* data, size_t size) {
     size_t done = 0;
-    last_advance_ = Clock::now();
+    lastAdvance_ = Clock::now();
     while (done < size) {
         const short events = WaitFor(Fd(), POLLOUT | POLLIN, Clock::now() + kTick);
         if ((events & (POLLIN | POLLHUP | POLLERR)) != 0) {
             (void)TakeAnswer(false);
-            if (answer_size_ == answer_.size()) {
+            if (answerSize_ == answer_.size()) {
                 Interpret(false);
             }
         }
@@ -198,7 +198,7 @@ void UpgradeSession::Send(const uint8_t* data, size_t size) {
 void UpgradeSession::WaitQuiet(Clock::time_point until) {
     while (WaitFor(Fd(), POLLIN, until) != 0) {
         (void)TakeAnswer(false);
-        if (answer_size_ == answer_.size()) {
+        if (answerSize_ == answer_.size()) {
             Interpret(false);
         }
     }
@@ -206,15 +206,15 @@ void UpgradeSession::WaitQuiet(Clock::time_point until) {
 
 // The last bytes may still be on their way when the answer comes, so an answer ends the wait too.
 void UpgradeSession::WaitAcknowledged() {
-    const bool all_given = given_ == record_->total;
+    const bool allGiven = given_ == record_->total;
     Advance(false);
     while (record_->acknowledged < given_) {
-        if (all_given && answer_size_ > 0) {
+        if (allGiven && answerSize_ > 0) {
             return;
         }
         if (WaitFor(Fd(), POLLIN, Clock::now() + Millis(20)) != 0) {
-            (void)TakeAnswer(all_given);
-            if (answer_size_ == answer_.size() && !all_given) {
+            (void)TakeAnswer(allGiven);
+            if (answerSize_ == answer_.size() && !allGiven) {
                 Interpret(false);
             }
         }
@@ -226,7 +226,7 @@ void UpgradeSession::WaitAcknowledged() {
 void UpgradeSession::AwaitVerdict() {
     const Clock::time_point deadline = Clock::now() + times_.verify;
     for (;;) {
-        if (answer_size_ == answer_.size()) {
+        if (answerSize_ == answer_.size()) {
             const ReplyHeader header = DecodeReplyHeader(answer_.data());
             if (ReplyFault(header, kv::kCmdUpgrade).empty() && header.status == kv::kStatusDone) {
                 return;
@@ -238,7 +238,7 @@ void UpgradeSession::AwaitVerdict() {
         }
         (void)TakeAnswer(true);
     }
-    if (busy_seen_) {
+    if (busySeen_) {
         throw ToolError(ExitCode::kBusy,
                         "the device says that an accepted upgrade is under way, "
                         "and has not accepted this package");

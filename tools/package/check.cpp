@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/package_check.h"
+#include "tools/package/check.h"
 
 #include <algorithm>
 #include <array>
@@ -62,21 +62,21 @@ bool Checker::CheckHeader() {
     }
     kv::UpgradeFileHeaderBytes header;
     memcpy(&header, package_.data(), sizeof header);
-    report_.header_complete = true;
+    report_.headerComplete = true;
     report_.ic = ReadField(header.icType, sizeof header.icType).text;
     report_.sensor = ReadField(header.sensorType, sizeof header.sensorType).text;
-    report_.total_len = kv::GetLe32(header.upgrateDataLen);
-    report_.file_num = kv::GetLe32(header.fileNum);
+    report_.totalLen = kv::GetLe32(header.upgrateDataLen);
+    report_.fileNum = kv::GetLe32(header.fileNum);
     CheckText("chip type", report_.ic, device_.ic);
     CheckText("sensor type", report_.sensor, device_.sensor);
-    if (report_.total_len == 0) {
+    if (report_.totalLen == 0) {
         Find(Severity::kError, -1, "total data length is 0: the device refuses the package");
-    } else if (report_.total_len != report_.size) {
+    } else if (report_.totalLen != report_.size) {
         Find(Severity::kNote, -1,
              "total data length in the header is not the size of the file (the device only tests "
              "that it is not 0)");
     }
-    if (report_.file_num == 0) {
+    if (report_.fileNum == 0) {
         Find(Severity::kError, -1, "number of entries is 0: the device refuses the package");
     }
     return true;
@@ -92,7 +92,7 @@ void Checker::CheckText(const char* what, const std::string& found, const std::s
 
 void Checker::ReadEntries() {
     bool reached = true;
-    for (uint32_t i = 0; i < report_.file_num; ++i) {
+    for (uint32_t i = 0; i < report_.fileNum; ++i) {
         const uint64_t start = kv::kPackageHeaderSize + uint64_t{i} * kv::kPackageEntrySize;
         const uint64_t held = start < package_.size() ? std::min<uint64_t>(package_.size() - start,
                                                                            kv::kPackageEntrySize)
@@ -114,15 +114,15 @@ void Checker::ReadEntries() {
         entry.index = i;
         const FieldText name = ReadField(bytes.fileName, sizeof bytes.fileName);
         entry.name = name.text;
-        entry.data_len = kv::GetLe32(bytes.dataLen);
-        entry.data_offset = kv::GetLe32(bytes.dataOffset);
-        entry.check_code = kv::GetLe32(bytes.checkCode);
+        entry.dataLen = kv::GetLe32(bytes.dataLen);
+        entry.dataOffset = kv::GetLe32(bytes.dataOffset);
+        entry.checkCode = kv::GetLe32(bytes.checkCode);
         entry.reached = reached;
         if (reached && !name.terminated) {
             Error(entry, "the name is not terminated within its field");
         }
         CheckEntry(&entry);
-        reached = reached && entry.check_code == kv::kEntryCheckCode;
+        reached = reached && entry.checkCode == kv::kEntryCheckCode;
         report_.entries.push_back(std::move(entry));
     }
 }
@@ -130,15 +130,14 @@ void Checker::ReadEntries() {
 void Checker::CheckEntry(EntryReport* entry) {
     const uint64_t size = package_.size();
     entry->targets = layout_.Select(entry->name);
-    entry->in_file = entry->data_offset < size
-                         ? std::min<uint64_t>(entry->data_len, size - entry->data_offset)
-                         : 0;
-    const uint64_t start = std::min<uint64_t>(entry->data_offset, size);
-    entry->md5 = Md5Hex(package_.data() + start, entry->in_file);
+    entry->inFile =
+        entry->dataOffset < size ? std::min<uint64_t>(entry->dataLen, size - entry->dataOffset) : 0;
+    const uint64_t start = std::min<uint64_t>(entry->dataOffset, size);
+    entry->md5 = Md5Hex(package_.data() + start, entry->inFile);
     if (!entry->reached) {
         return;
     }
-    if (entry->check_code != kv::kEntryCheckCode) {
+    if (entry->checkCode != kv::kEntryCheckCode) {
         Error(*entry,
               "bad check code: the device stops here and reboots, entries before this one "
               "stay written");
@@ -156,22 +155,22 @@ void Checker::CheckEntry(EntryReport* entry) {
 }
 
 void Checker::CheckImage(EntryReport* entry, const LayoutRow& target) {
-    if (entry->data_len > target.size) {
+    if (entry->dataLen > target.size) {
         Error(*entry, "larger than the partition " + target.name + " (" + SizeText(target.size) +
                           "): the device passes the entry over");
         return;
     }
-    if (entry->data_len == 0) {
+    if (entry->dataLen == 0) {
         Error(*entry, target.IsBoot()
                           ? "empty: the device erases the boot loader and writes nothing"
                           : "empty: the device erases the partition and writes whatever "
                             "stands at the offset");
     }
-    if (entry->in_file < entry->data_len) {
+    if (entry->inFile < entry->dataLen) {
         Error(*entry,
               "the image runs past the end of the file: the device erases the partition and "
               "writes only the " +
-                  SizeText(entry->in_file) + " that are there");
+                  SizeText(entry->inFile) + " that are there");
     }
     MeasureBehind(entry, target);
 }
@@ -179,19 +178,19 @@ void Checker::CheckImage(EntryReport* entry, const LayoutRow& target) {
 // Only the end of the file stops the boot-loader writer once it has read past the image: it then
 // goes on into the next device of the region.
 void Checker::MeasureBehind(EntryReport* entry, const LayoutRow& target) {
-    const uint64_t end = uint64_t{entry->data_offset} + entry->data_len;
-    const uint64_t rounded = RoundedLength(entry->data_len, target.IsBoot());
-    const uint64_t in_file_behind = end < package_.size() ? package_.size() - end : 0;
-    uint64_t behind = std::min(rounded - entry->data_len, target.size - entry->data_len);
+    const uint64_t end = uint64_t{entry->dataOffset} + entry->dataLen;
+    const uint64_t rounded = RoundedLength(entry->dataLen, target.IsBoot());
+    const uint64_t inFileBehind = end < package_.size() ? package_.size() - end : 0;
+    uint64_t behind = std::min(rounded - entry->dataLen, target.size - entry->dataLen);
     if (target.IsBoot() && behind > 0) {
-        behind = target.size - entry->data_len;
+        behind = target.size - entry->dataLen;
     }
-    behind = std::min(behind, in_file_behind);
+    behind = std::min(behind, inFileBehind);
     const auto first = package_.begin() + static_cast<ptrdiff_t>(end < package_.size() ? end : 0);
     const bool blank = std::all_of(first, first + static_cast<ptrdiff_t>(behind),
                                    [](uint8_t byte) { return byte == 0xFF; });
     entry->behind = std::max(entry->behind, behind);
-    entry->behind_blank = entry->behind_blank && blank;
+    entry->behindBlank = entry->behindBlank && blank;
     if (target.IsBoot() && behind > 0) {
         Error(*entry, "the end of the file does not bound the boot loader: up to " +
                           SizeText(behind) + " that follow it are written too");
@@ -203,30 +202,30 @@ void Checker::MeasureBehind(EntryReport* entry, const LayoutRow& target) {
 }
 
 void Checker::CheckOverlaps() {
-    const uint64_t table_end =
-        kv::kPackageHeaderSize + uint64_t{report_.file_num} * kv::kPackageEntrySize;
+    const uint64_t tableEnd =
+        kv::kPackageHeaderSize + uint64_t{report_.fileNum} * kv::kPackageEntrySize;
     std::vector<const EntryReport*> sorted;
     for (const EntryReport& entry : report_.entries) {
-        if (entry.data_len == 0 || !entry.reached) {
+        if (entry.dataLen == 0 || !entry.reached) {
             continue;
         }
-        if (entry.data_offset < table_end) {
+        if (entry.dataOffset < tableEnd) {
             Warn(entry, "the image overlaps the header or the table");
         }
         sorted.push_back(&entry);
     }
     std::stable_sort(sorted.begin(), sorted.end(), [](const EntryReport* a, const EntryReport* b) {
-        return a->data_offset < b->data_offset;
+        return a->dataOffset < b->dataOffset;
     });
     // Against the one that reaches furthest so far, so that a long image is compared with all that
     // lie inside it.
     const EntryReport* furthest = nullptr;
     uint64_t reach = 0;
     for (const EntryReport* entry : sorted) {
-        if (furthest != nullptr && entry->data_offset < reach) {
+        if (furthest != nullptr && entry->dataOffset < reach) {
             Warn(*entry, "the image overlaps that of entry " + std::to_string(furthest->index));
         }
-        const uint64_t end = uint64_t{entry->data_offset} + entry->data_len;
+        const uint64_t end = uint64_t{entry->dataOffset} + entry->dataLen;
         if (end > reach) {
             reach = end;
             furthest = entry;
@@ -252,7 +251,7 @@ void Checker::CheckTargets() {
             }
         }
     }
-    if (!any && report_.file_num != 0) {
+    if (!any && report_.fileNum != 0) {
         Find(Severity::kError, -1, "no entry selects a partition: the device would only reboot");
     }
 }
@@ -281,12 +280,12 @@ bool PackageReport::Acceptable() const {
     });
 }
 
-uint64_t RoundedLength(uint64_t data_len, bool boot) {
+uint64_t RoundedLength(uint64_t dataLen, bool boot) {
     const uint64_t unit = kv::kFlashTransferUnit;
-    if (data_len == 0) {
+    if (dataLen == 0) {
         return boot ? 0 : unit;
     }
-    return (data_len + unit - 1) / unit * unit;
+    return (dataLen + unit - 1) / unit * unit;
 }
 
 PackageReport CheckPackage(const Bytes& package, const Layout& layout, const Identity& device) {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/kvtool_lib/layout.h"
-#include "tools/kvtool_lib/text.h"
+#include "tools/base/text.h"
+#include "tools/package/layout.h"
 
 namespace kvtool {
 
@@ -34,25 +34,25 @@ struct Finding {
 struct EntryReport {
     uint32_t index = 0;
     std::string name;
-    uint32_t data_len = 0;
-    uint32_t data_offset = 0;
-    uint32_t check_code = 0;
+    uint32_t dataLen = 0;
+    uint32_t dataOffset = 0;
+    uint32_t checkCode = 0;
     std::vector<LayoutRow> targets;  // partitions that the name selects
     bool reached = true;             // false: a bad check code ends the device's loop before it
-    uint64_t in_file = 0;            // bytes of the image that the file really holds
+    uint64_t inFile = 0;             // bytes of the image that the file really holds
     std::string md5;                 // of those bytes
-    uint64_t behind = 0;       // bytes that are written behind the image (boot loader: at most)
-    bool behind_blank = true;  // all of them are 0xFF, as erased flash is
+    uint64_t behind = 0;      // bytes that are written behind the image (boot loader: at most)
+    bool behindBlank = true;  // all of them are 0xFF, as erased flash is
 };
 
 struct PackageReport {
     uint64_t size = 0;
     std::string md5;
-    bool header_complete = false;
+    bool headerComplete = false;
     std::string ic;
     std::string sensor;
-    uint32_t total_len = 0;
-    uint32_t file_num = 0;
+    uint32_t totalLen = 0;
+    uint32_t fileNum = 0;
     std::vector<EntryReport> entries;  // those of which the file holds any byte
     std::vector<Finding> findings;
 
@@ -65,6 +65,6 @@ PackageReport CheckPackage(const Bytes& package, const Layout& layout, const Ide
 // Bytes that the device's writer takes from the package for an image: whole transfer units, at
 // least one for a plain partition (so an empty image is not harmless), none for an empty boot
 // loader.
-uint64_t RoundedLength(uint64_t data_len, bool boot);
+uint64_t RoundedLength(uint64_t dataLen, bool boot);
 
 }  // namespace kvtool

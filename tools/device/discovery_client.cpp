@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/discovery_client.h"
+#include "tools/device/discovery_client.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -14,8 +14,8 @@
 #include <memory>
 
 #include "common/kv_raii.h"
-#include "tools/kvtool_lib/errors.h"
-#include "tools/kvtool_lib/tcp.h"
+#include "tools/base/errors.h"
+#include "tools/device/tcp.h"
 
 namespace kvtool {
 
@@ -26,8 +26,8 @@ struct Target {
     std::string label;
     in_addr destination{};
     in_addr source{};
-    unsigned interface_index = 0;
-    std::string source_mac;
+    unsigned interfaceIndex = 0;
+    std::string sourceMac;
 };
 
 std::string AddressText(in_addr address) {
@@ -77,8 +77,8 @@ std::vector<Target> BroadcastTargets(const std::vector<std::string>& interfaces)
         Target target;
         target.label = item->ifa_name;
         target.source = Ipv4Of(item->ifa_addr);
-        target.interface_index = if_nametoindex(item->ifa_name);
-        target.source_mac = MacOf(list, item->ifa_name);
+        target.interfaceIndex = if_nametoindex(item->ifa_name);
+        target.sourceMac = MacOf(list, item->ifa_name);
         target.destination.s_addr = INADDR_BROADCAST;
         targets.push_back(target);
         target.destination = Ipv4Of(item->ifa_broadaddr);
@@ -172,8 +172,8 @@ class Searcher {
 // The interface is named with each datagram, which needs no privilege.
 bool Searcher::SendTo(const Target& target) {
     const std::string source =
-        target.interface_index != 0 ? AddressText(target.source) : std::string();
-    std::array<uint8_t, kSearchSize> request = SearchRequest(source, target.source_mac);
+        target.interfaceIndex != 0 ? AddressText(target.source) : std::string();
+    std::array<uint8_t, kSearchSize> request = SearchRequest(source, target.sourceMac);
     sockaddr_in to{};
     to.sin_family = AF_INET;
     to.sin_port = htons(request_.port);
@@ -185,7 +185,7 @@ bool Searcher::SendTo(const Target& target) {
     message.msg_namelen = sizeof to;
     message.msg_iov = &data;
     message.msg_iovlen = 1;
-    if (target.interface_index != 0) {
+    if (target.interfaceIndex != 0) {
         message.msg_control = control;
         message.msg_controllen = sizeof control;
         cmsghdr* header = CMSG_FIRSTHDR(&message);
@@ -193,7 +193,7 @@ bool Searcher::SendTo(const Target& target) {
         header->cmsg_type = IP_PKTINFO;
         header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
         in_pktinfo info{};
-        info.ipi_ifindex = static_cast<int>(target.interface_index);
+        info.ipi_ifindex = static_cast<int>(target.interfaceIndex);
         info.ipi_spec_dst = target.source;
         memcpy(CMSG_DATA(header), &info, sizeof info);
     }
@@ -230,13 +230,13 @@ FoundDevice* Searcher::Take(const uint8_t* data, size_t size, const std::string&
     }
     // A device that could not tell its MAC address is known by where its replies come from.
     for (FoundDevice& known : result_.devices) {
-        const bool same_sender =
+        const bool sameSender =
             std::find(known.senders.begin(), known.senders.end(), sender) != known.senders.end();
-        if (known.reply.mac != reply.mac || (reply.mac.empty() && !same_sender) ||
+        if (known.reply.mac != reply.mac || (reply.mac.empty() && !sameSender) ||
             known.reply.ip != reply.ip) {
             continue;
         }
-        if (!same_sender) {
+        if (!sameSender) {
             known.senders.push_back(sender);
         }
         return &known;

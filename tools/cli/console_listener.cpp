@@ -1,4 +1,4 @@
-#include "tools/console_listener.h"
+#include "tools/cli/console_listener.h"
 
 #include <unistd.h>
 
@@ -27,10 +27,10 @@ std::string ProgressText(uint64_t acknowledged, uint64_t total, double seconds) 
 ConsoleListener::ConsoleListener(FILE* out) : out_(out), terminal_(isatty(fileno(out)) == 1) {}
 
 void ConsoleListener::Clear() {
-    if (progress_stands_) {
+    if (progressStands_) {
         (void)fputs("\r\033[K", out_);
         (void)fflush(out_);
-        progress_stands_ = false;
+        progressStands_ = false;
     }
 }
 
@@ -42,10 +42,10 @@ void ConsoleListener::Line(const std::string& text) {
 
 void ConsoleListener::Progress(uint64_t acknowledged, uint64_t total, double seconds) {
     if (acknowledged == total ||
-        seconds - last_shown_ < (terminal_ ? kTerminalEvery : kPlainEvery)) {
+        seconds - lastShown_ < (terminal_ ? kTerminalEvery : kPlainEvery)) {
         return;
     }
-    last_shown_ = seconds;
+    lastShown_ = seconds;
     const std::string text = ProgressText(acknowledged, total, seconds);
     if (!terminal_) {
         Line(text);
@@ -53,7 +53,7 @@ void ConsoleListener::Progress(uint64_t acknowledged, uint64_t total, double sec
     }
     (void)fprintf(out_, "\r%s\033[K", text.c_str());
     (void)fflush(out_);
-    progress_stands_ = true;
+    progressStands_ = true;
 }
 
 }  // namespace kvtool

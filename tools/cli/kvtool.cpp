@@ -4,8 +4,8 @@
 #include <iostream>
 
 #include "common/kv_platform.h"
-#include "tools/commands.h"
-#include "tools/kvtool_lib/wait.h"
+#include "tools/base/wait.h"
+#include "tools/cli/commands.h"
 
 namespace {
 
@@ -20,20 +20,20 @@ struct Options {
     kvtool::UpgradeCommand upgrade;
     kvtool::DeviceCommand info;
     kvtool::DiscoveryRequest discovery;
-    std::string inspect_file;
-    std::string layout_file;
+    std::string inspectFile;
+    std::string layoutFile;
     std::vector<std::string> sizes;
     bool json = false;
-    bool no_follow = false;
+    bool noFollow = false;
     uint16_t port = 0;
-    double search_seconds = 3;
-    double connect_seconds = 5;
-    double reply_seconds = 5;
-    double stall_seconds = 25;
-    double verify_seconds = 60;
-    double leave_seconds = 600;
-    double back_seconds = 120;
-    int wait_seconds = 0;
+    double searchSeconds = 3;
+    double connectSeconds = 5;
+    double replySeconds = 5;
+    double stallSeconds = 25;
+    double verifySeconds = 60;
+    double leaveSeconds = 600;
+    double backSeconds = 120;
+    int waitSeconds = 0;
 };
 
 Millis FromSeconds(double seconds) {
@@ -47,7 +47,7 @@ CLI::Option* AddSeconds(CLI::App* app, const char* name, double* value, const ch
 }
 
 void AddLayout(CLI::App* app, Options* options) {
-    app->add_option("--layout", options->layout_file, "File of partition sizes, NAME=BYTES a line");
+    app->add_option("--layout", options->layoutFile, "File of partition sizes, NAME=BYTES a line");
     app->add_option("--size", options->sizes, "Size of one partition, NAME=BYTES (K, M, G allowed)")
         ->allow_extra_args(false);
 }
@@ -72,7 +72,7 @@ void AddPack(CLI::App* root, Options* options) {
 
 void AddInspect(CLI::App* root, Options* options) {
     CLI::App* app = root->add_subcommand("inspect", "Show what a device would make of a package");
-    app->add_option("file", options->inspect_file, "Package")->required();
+    app->add_option("file", options->inspectFile, "Package")->required();
     app->add_flag("--json", options->json, "Print JSON");
     AddLayout(app, options);
 }
@@ -82,8 +82,8 @@ void AddInfo(CLI::App* root, Options* options) {
     app->add_option("host", options->info.host, "Address, name or MAC address")->required();
     app->add_flag("--json", options->json, "Print JSON");
     AddPort(app, options);
-    AddSeconds(app, "--connect-timeout", &options->connect_seconds, "Seconds to connect");
-    AddSeconds(app, "--reply-timeout", &options->reply_seconds, "Seconds for each answer");
+    AddSeconds(app, "--connect-timeout", &options->connectSeconds, "Seconds to connect");
+    AddSeconds(app, "--reply-timeout", &options->replySeconds, "Seconds for each answer");
 }
 
 void AddUpgrade(CLI::App* root, Options* options) {
@@ -92,22 +92,22 @@ void AddUpgrade(CLI::App* root, Options* options) {
     app->add_option("host", upgrade.device.host, "Address, name or MAC address")->required();
     app->add_option("file", upgrade.file, "Package")->required();
     app->add_flag("--force", upgrade.force, "Send in spite of objections");
-    app->add_flag("--no-follow", options->no_follow, "End when the device has accepted");
+    app->add_flag("--no-follow", options->noFollow, "End when the device has accepted");
     app->add_flag("--json", options->json, "Print JSON at the end, progress to standard error");
     AddPort(app, options);
     AddLayout(app, options);
     // A flag with a value, which never takes the word behind it: that word is the host.
-    app->add_flag("--wait{" + std::to_string(kDefaultWaitSeconds) + "}", options->wait_seconds,
+    app->add_flag("--wait{" + std::to_string(kDefaultWaitSeconds) + "}", options->waitSeconds,
                   "Wait for the device to appear, --wait=SECONDS for a time of your own")
         ->check(CLI::Range(1, kLongestSeconds));
-    AddSeconds(app, "--connect-timeout", &options->connect_seconds, "Seconds to connect");
-    AddSeconds(app, "--reply-timeout", &options->reply_seconds, "Seconds for each answer");
-    AddSeconds(app, "--stall-timeout", &options->stall_seconds,
+    AddSeconds(app, "--connect-timeout", &options->connectSeconds, "Seconds to connect");
+    AddSeconds(app, "--reply-timeout", &options->replySeconds, "Seconds for each answer");
+    AddSeconds(app, "--stall-timeout", &options->stallSeconds,
                "Seconds without anything acknowledged");
-    AddSeconds(app, "--verify-timeout", &options->verify_seconds, "Seconds for the verdict");
-    AddSeconds(app, "--leave-timeout", &options->leave_seconds,
+    AddSeconds(app, "--verify-timeout", &options->verifySeconds, "Seconds for the verdict");
+    AddSeconds(app, "--leave-timeout", &options->leaveSeconds,
                "Seconds to see the device leave recovery mode");
-    AddSeconds(app, "--back-timeout", &options->back_seconds,
+    AddSeconds(app, "--back-timeout", &options->backSeconds,
                "Seconds to see it come back into recovery mode");
 }
 
@@ -120,7 +120,7 @@ void AddDiscover(CLI::App* root, Options* options) {
     app->add_option("--port", options->discovery.port, "UDP port")
         ->capture_default_str()
         ->check(CLI::Range(1, 65535));
-    AddSeconds(app, "--timeout", &options->search_seconds, "Seconds to listen");
+    AddSeconds(app, "--timeout", &options->searchSeconds, "Seconds to listen");
     app->add_option("--repeat", options->discovery.repeat, "Searches to send")
         ->capture_default_str()
         ->check(CLI::Range(1, 1000));
@@ -129,12 +129,12 @@ void AddDiscover(CLI::App* root, Options* options) {
 
 kvtool::UpgradeTimes TimesFrom(const Options& options) {
     kvtool::UpgradeTimes times;
-    times.connect = FromSeconds(options.connect_seconds);
-    times.reply = FromSeconds(options.reply_seconds);
-    times.stall = FromSeconds(options.stall_seconds);
-    times.verify = FromSeconds(options.verify_seconds);
-    times.leave = FromSeconds(options.leave_seconds);
-    times.back = FromSeconds(options.back_seconds);
+    times.connect = FromSeconds(options.connectSeconds);
+    times.reply = FromSeconds(options.replySeconds);
+    times.stall = FromSeconds(options.stallSeconds);
+    times.verify = FromSeconds(options.verifySeconds);
+    times.leave = FromSeconds(options.leaveSeconds);
+    times.back = FromSeconds(options.backSeconds);
     return times;
 }
 
@@ -142,14 +142,14 @@ void FillDevice(const Options& options, kvtool::DeviceCommand* device) {
     if (options.port != 0) {
         device->port = options.port;
     }
-    device->discovery_port = kv::kDiscoveryPort;
+    device->discoveryPort = kv::kDiscoveryPort;
     device->json = options.json;
 }
 
 ExitCode Dispatch(const CLI::App& app, Options* options) {
     kvtool::Layout layout = kvtool::Layout::Default();
-    if (!options->layout_file.empty()) {
-        layout.ReadFile(options->layout_file);
+    if (!options->layoutFile.empty()) {
+        layout.ReadFile(options->layoutFile);
     }
     for (const std::string& size : options->sizes) {
         layout.SetSize(size);
@@ -159,22 +159,22 @@ ExitCode Dispatch(const CLI::App& app, Options* options) {
         return RunPack(options->pack, layout);
     }
     if (command == "inspect") {
-        return RunInspect(options->inspect_file, layout, options->json);
+        return RunInspect(options->inspectFile, layout, options->json);
     }
     if (command == "info") {
         FillDevice(*options, &options->info);
         return RunInfo(options->info, TimesFrom(*options));
     }
     if (command == "discover") {
-        options->discovery.timeout = FromSeconds(options->search_seconds);
+        options->discovery.timeout = FromSeconds(options->searchSeconds);
         return RunDiscover(options->discovery, options->json);
     }
     kvtool::UpgradeCommand& upgrade = options->upgrade;
     FillDevice(*options, &upgrade.device);
-    upgrade.follow = !options->no_follow;
+    upgrade.follow = !options->noFollow;
     upgrade.times = TimesFrom(*options);
-    if (options->wait_seconds > 0) {
-        upgrade.wait_seconds = options->wait_seconds;
+    if (options->waitSeconds > 0) {
+        upgrade.waitSeconds = options->waitSeconds;
     }
     return RunUpgrade(upgrade, layout);
 }

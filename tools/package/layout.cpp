@@ -1,12 +1,12 @@
-#include "tools/kvtool_lib/layout.h"
+#include "tools/package/layout.h"
 
 #include <algorithm>
 #include <fstream>
 #include <iterator>
 
 #include "common/kv_platform.h"
-#include "tools/kvtool_lib/errors.h"
-#include "tools/kvtool_lib/text.h"
+#include "tools/base/errors.h"
+#include "tools/base/text.h"
 
 namespace kvtool {
 
@@ -60,10 +60,10 @@ void Layout::ReadFile(const std::string& path) {
     }
 }
 
-std::vector<LayoutRow> Layout::Select(std::string_view file_name) const {
+std::vector<LayoutRow> Layout::Select(std::string_view fileName) const {
     std::vector<LayoutRow> selected;
     for (const LayoutRow& row : rows_) {
-        if (file_name.substr(0, row.name.size()) == row.name) {
+        if (fileName.substr(0, row.name.size()) == row.name) {
             selected.push_back(row);
         }
     }

@@ -1,14 +1,14 @@
-#include "tools/commands.h"
+#include "tools/cli/commands.h"
 
 #include <iostream>
 
 #include "common/kv_platform.h"
-#include "tools/console_listener.h"
-#include "tools/kvtool_lib/files.h"
-#include "tools/kvtool_lib/follow.h"
-#include "tools/kvtool_lib/package_builder.h"
-#include "tools/kvtool_lib/package_check.h"
-#include "tools/kvtool_lib/report.h"
+#include "tools/base/files.h"
+#include "tools/cli/console_listener.h"
+#include "tools/cli/report.h"
+#include "tools/device/follow.h"
+#include "tools/package/builder.h"
+#include "tools/package/check.h"
 
 namespace kvtool {
 
@@ -30,7 +30,7 @@ Target Locate(const DeviceCommand& command) {
         return {command.host, command.port.value_or(kv::kProtocolPort)};
     }
     DiscoveryRequest request;
-    request.port = command.discovery_port;
+    request.port = command.discoveryPort;
     request.timeout = kSearchTime;
     const std::string mac = UpperCase(command.host);
     const DiscoveryResult result =
@@ -40,7 +40,7 @@ Target Locate(const DeviceCommand& command) {
         throw ToolError(ExitCode::kUnreachable,
                         "no device with the MAC address " + mac + " answers a search");
     }
-    return {device->senders.front(), command.port.value_or(device->reply.command_port)};
+    return {device->senders.front(), command.port.value_or(device->reply.commandPort)};
 }
 
 void ConnectAndLogin(UpgradeSession* session, const DeviceCommand& command) {
@@ -59,7 +59,7 @@ bool MayAppearLater(ExitCode code) {
 UpgradeSession WaitForDevice(const UpgradeCommand& command, UpgradeListener* listener,
                              UpgradeRecord* record) {
     const Clock::time_point start = Clock::now();
-    const Clock::time_point deadline = start + std::chrono::seconds(*command.wait_seconds);
+    const Clock::time_point deadline = start + std::chrono::seconds(*command.waitSeconds);
     UpgradeTimes quick = command.times;
     quick.connect = std::min(quick.connect, kWaitingTry);
     quick.reply = std::min(quick.reply, kWaitingTry);
@@ -88,7 +88,7 @@ UpgradeSession WaitForDevice(const UpgradeCommand& command, UpgradeListener* lis
 
 UpgradeSession OpenSession(const UpgradeCommand& command, UpgradeListener* listener,
                            UpgradeRecord* record) {
-    if (command.wait_seconds) {
+    if (command.waitSeconds) {
         return WaitForDevice(command, listener, record);
     }
     UpgradeSession session(command.times, listener, record);
@@ -191,7 +191,7 @@ ExitCode RunInfo(const DeviceCommand& command, const UpgradeTimes& times) {
     ProtocolClient client(std::move(connected.fd), times.reply);
     InfoReport report;
     report.address = connected.endpoint.text;
-    report.session_before = client.Login();
+    report.sessionBefore = client.Login();
     report.session = client.Heartbeat();
     report.serial = client.SerialNumber();
     report.device = client.Info();

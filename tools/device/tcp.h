@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "common/kv_raii.h"
-#include "tools/kvtool_lib/text.h"
-#include "tools/kvtool_lib/wait.h"
+#include "tools/base/text.h"
+#include "tools/base/wait.h"
 
 namespace kvtool {
 

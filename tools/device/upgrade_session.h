@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "mini/kv_mini_frame.h"
-#include "tools/kvtool_lib/errors.h"
-#include "tools/kvtool_lib/protocol_client.h"
+#include "tools/base/errors.h"
+#include "tools/device/protocol_client.h"
 
 namespace kvtool {
 
@@ -17,16 +17,16 @@ struct UpgradeTimes {
     Millis connect{5000};
     Millis reply{5000};
     // The device must get the request's 32 bytes as a piece of its own: this long nothing follows.
-    Millis header_gap{300};
+    Millis headerGap{300};
     // Before this time from the request only the first few bytes are sent. The device does not read
     // them earlier anyway, and if it is busy it says so on the first that it reads.
-    Millis first_look{1500};
+    Millis firstLook{1500};
     Millis stall{25000};   // longest time without any byte acknowledged by the device
     Millis verify{60000};  // from the last byte to the verdict
     Millis leave{600000};  // from the verdict until the device is seen to leave recovery mode
     Millis back{120000};   // from there until it is no longer expected back
-    Millis probe_every{2000};
-    Millis probe_reply{3000};
+    Millis probeEvery{2000};
+    Millis probeReply{3000};
 };
 
 struct Phase {
@@ -82,8 +82,8 @@ class UpgradeSession {
     void WaitQuiet(Clock::time_point until);
     void WaitAcknowledged();
     void AwaitVerdict();
-    bool TakeAnswer(bool all_sent);
-    void Interpret(bool all_sent);
+    bool TakeAnswer(bool allSent);
+    void Interpret(bool allSent);
     void Advance(bool force);
     [[noreturn]] void Lost(const std::string& why) const;
 
@@ -94,12 +94,12 @@ class UpgradeSession {
     Endpoint endpoint_;
 
     uint64_t given_ = 0;  // stream bytes that the socket has taken
-    Clock::time_point upload_start_;
-    Clock::time_point last_advance_;
-    Clock::time_point last_report_;
+    Clock::time_point uploadStart_;
+    Clock::time_point lastAdvance_;
+    Clock::time_point lastReport_;
     std::array<uint8_t, kv::kFrameHeaderSize> answer_{};
-    size_t answer_size_ = 0;
-    bool busy_seen_ = false;
+    size_t answerSize_ = 0;
+    bool busySeen_ = false;
 };
 
 // The trailer that follows a package on the wire.

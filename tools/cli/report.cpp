@@ -1,4 +1,4 @@
-#include "tools/kvtool_lib/report.h"
+#include "tools/cli/report.h"
 
 #include <iomanip>
 
@@ -35,16 +35,16 @@ void PrintEntry(std::ostream& out, const EntryReport& entry) {
     out << "entry " << entry.index << ": " << OrDash(entry.name)
         << (entry.reached ? "" : " (never reached)") << '\n';
     Row(out, "partition", TargetText(entry));
-    Row(out, "offset", HexWord(entry.data_offset));
-    Row(out, "length", SizeText(entry.data_len));
+    Row(out, "offset", HexWord(entry.dataOffset));
+    Row(out, "length", SizeText(entry.dataLen));
     Row(out, "check code",
-        HexWord(entry.check_code) + (entry.check_code == kv::kEntryCheckCode ? "" : " (bad)"));
+        HexWord(entry.checkCode) + (entry.checkCode == kv::kEntryCheckCode ? "" : " (bad)"));
     Row(out, "MD5",
-        entry.md5 + (entry.in_file < entry.data_len
-                         ? " of the " + SizeText(entry.in_file) + " in the file"
+        entry.md5 + (entry.inFile < entry.dataLen
+                         ? " of the " + SizeText(entry.inFile) + " in the file"
                          : ""));
     Row(out, "written behind",
-        SizeText(entry.behind) + (entry.behind > 0 && entry.behind_blank ? ", all 0xFF" : ""));
+        SizeText(entry.behind) + (entry.behind > 0 && entry.behindBlank ? ", all 0xFF" : ""));
 }
 
 Json EntryJson(const EntryReport& entry) {
@@ -55,14 +55,14 @@ Json EntryJson(const EntryReport& entry) {
     return {{"index", entry.index},
             {"name", Printable(entry.name)},
             {"partitions", partitions},
-            {"offset", entry.data_offset},
-            {"length", entry.data_len},
-            {"in_file", entry.in_file},
-            {"check_code", entry.check_code},
+            {"offset", entry.dataOffset},
+            {"length", entry.dataLen},
+            {"in_file", entry.inFile},
+            {"check_code", entry.checkCode},
             {"reached", entry.reached},
             {"md5", entry.md5},
             {"written_behind", entry.behind},
-            {"written_behind_blank", entry.behind_blank}};
+            {"written_behind_blank", entry.behindBlank}};
 }
 
 Json DeviceJson(const DeviceInfo& device) {
@@ -102,11 +102,11 @@ void PrintPackage(std::ostream& out, const PackageReport& report) {
     out << "package\n";
     Row(out, "size", SizeText(report.size));
     Row(out, "MD5", report.md5);
-    if (report.header_complete) {
+    if (report.headerComplete) {
         Row(out, "chip type", OrDash(report.ic));
         Row(out, "sensor type", OrDash(report.sensor));
-        Row(out, "total data length", SizeText(report.total_len));
-        Row(out, "entries", std::to_string(report.file_num));
+        Row(out, "total data length", SizeText(report.totalLen));
+        Row(out, "entries", std::to_string(report.fileNum));
     }
     for (const EntryReport& entry : report.entries) {
         PrintEntry(out, entry);
@@ -118,11 +118,11 @@ void PrintPackage(std::ostream& out, const PackageReport& report) {
 
 Json PackageJson(const PackageReport& report) {
     Json json = {{"size", report.size}, {"md5", report.md5}, {"acceptable", report.Acceptable()}};
-    if (report.header_complete) {
+    if (report.headerComplete) {
         json["ic"] = Printable(report.ic);
         json["sensor"] = Printable(report.sensor);
-        json["total_length"] = report.total_len;
-        json["file_num"] = report.file_num;
+        json["total_length"] = report.totalLen;
+        json["file_num"] = report.fileNum;
     }
     json["entries"] = Json::array();
     for (const EntryReport& entry : report.entries) {
@@ -152,13 +152,13 @@ void PrintInfo(std::ostream& out, const InfoReport& report) {
     Row(out, "device ID", Hex(device.id.data(), device.id.size(), " "));
     Row(out, "session",
         std::to_string(report.session) +
-            (report.session_before == report.session ? "" : " (made by this login)"));
+            (report.sessionBefore == report.session ? "" : " (made by this login)"));
 }
 
 Json InfoJson(const InfoReport& report) {
     return {{"address", report.address},
             {"session", report.session},
-            {"session_before_login", report.session_before},
+            {"session_before_login", report.sessionBefore},
             {"serial", Hex(report.serial.data(), report.serial.size())},
             {"device", DeviceJson(report.device)}};
 }
@@ -167,7 +167,7 @@ void PrintDiscovery(std::ostream& out, const DiscoveryResult& result) {
     for (const FoundDevice& device : result.devices) {
         const DiscoveryReply& reply = device.reply;
         out << "device " << OrDash(reply.mac) << '\n';
-        Row(out, "type", OrDash(reply.kind) + " " + OrDash(reply.device_type));
+        Row(out, "type", OrDash(reply.kind) + " " + OrDash(reply.deviceType));
         Row(out, "firmware", OrDash(reply.firmware));
         Row(out, "address", OrDash(reply.ip));
         for (const std::string& sender : OtherSenders(device)) {
@@ -177,8 +177,8 @@ void PrintDiscovery(std::ostream& out, const DiscoveryResult& result) {
         Row(out, "gateway", OrDash(reply.gateway));
         Row(out, "DNS server", OrDash(reply.dns));
         Row(out, "ports",
-            "commands " + std::to_string(reply.command_port) + ", RTSP " +
-                std::to_string(reply.rtsp_port) + ", HTTP " + std::to_string(reply.http_port));
+            "commands " + std::to_string(reply.commandPort) + ", RTSP " +
+                std::to_string(reply.rtspPort) + ", HTTP " + std::to_string(reply.httpPort));
         Row(out, "account", OrDash(reply.account));
     }
     for (const auto& [what, count] : result.malformed) {
@@ -196,18 +196,18 @@ Json DiscoveryJson(const DiscoveryResult& result) {
         const DiscoveryReply& reply = device.reply;
         devices.push_back({{"mac", reply.mac},
                            {"kind", Printable(reply.kind)},
-                           {"type", Printable(reply.device_type)},
+                           {"type", Printable(reply.deviceType)},
                            {"firmware", Printable(reply.firmware)},
                            {"address", reply.ip},
                            {"senders", device.senders},
                            {"netmask", reply.netmask},
                            {"gateway", reply.gateway},
                            {"dns", reply.dns},
-                           {"p2p_serial", Printable(reply.p2p_serial)},
+                           {"p2p_serial", Printable(reply.p2pSerial)},
                            {"account", Printable(reply.account)},
-                           {"command_port", reply.command_port},
-                           {"rtsp_port", reply.rtsp_port},
-                           {"http_port", reply.http_port}});
+                           {"command_port", reply.commandPort},
+                           {"rtsp_port", reply.rtspPort},
+                           {"http_port", reply.httpPort}});
     }
     Json malformed = Json::array();
     for (const auto& [what, count] : result.malformed) {
