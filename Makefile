@@ -23,6 +23,7 @@ arm: ## Build the device program for ARM, dynamic and static, into build/arm
 kvtool-static: ## Build kvtool as one file that runs on any Linux of this machine's kind, into build/kvtool-static/bin
 	@scripts/setup.sh build
 	@scripts/build.sh kvtool-static
+	@scripts/check_static.sh
 
 clang: ## Build everything with clang, whose warnings are errors as well; nothing is run
 	@scripts/setup.sh build test clang
@@ -84,8 +85,8 @@ install: build ## Install into DESTDIR and PREFIX (/usr/local); COMPONENT=device
 	@cmake -DKV_INIT=$(or $(INIT),none) build/release >/dev/null
 	@DESTDIR="$(DESTDIR)" cmake --install build/release --prefix "$(PREFIX)" $(if $(COMPONENT),--component $(COMPONENT))
 
-deb: ## Build Debian packages of the PC tools and the documents, held against lintian, into build/deb
-	@scripts/setup.sh build deb
+deb: build ## Make Debian packages of the PC tools and the documents, held against lintian, in build/deb
+	@scripts/setup.sh deb
 	@scripts/deb.sh
 
 clean: ## Remove the build folder
