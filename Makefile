@@ -4,8 +4,8 @@ JOBS ?= $(shell expr 2 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-ladder bench bench-discovery board board-shell \
-        test unit lint format sanitize packaging-check install deb clean
+.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-ladder bench bench-discovery board \
+        board-shell test unit lint format sanitize packaging-check install deb clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
@@ -81,9 +81,10 @@ sanitize: ## Run the unit tests under ASan + UBSan and under TSan
 	@scripts/setup.sh build vboard scripts test
 	@scripts/sanitize.sh
 
-install: build ## Install into DESTDIR and PREFIX (/usr/local); COMPONENT=device, tools or doc for a part; INIT=busybox or systemd
+install: build ## Install; with DESTDIR, PREFIX (/usr/local), COMPONENT (device, tools, doc), INIT (busybox, systemd)
 	@cmake -DKV_INIT=$(or $(INIT),none) build/release >/dev/null
-	@DESTDIR="$(DESTDIR)" cmake --install build/release --prefix "$(PREFIX)" $(if $(COMPONENT),--component $(COMPONENT))
+	@DESTDIR="$(DESTDIR)" cmake --install build/release --prefix "$(PREFIX)" \
+	        $(if $(COMPONENT),--component $(COMPONENT))
 
 deb: build ## Make Debian packages of the PC tools and the documents, held against lintian, in build/deb
 	@scripts/setup.sh deb

@@ -1,15 +1,16 @@
-# KV_INIT: what starts the daemon, installed with it, as component device. The files name the program below the prefix of
-# the installation. Both call upgrade_prepare.sh, so that comes along.
+# KV_INIT: what starts the daemon, installed with it, as component device. The files name the program below the prefix
+# of the installation. Both call upgrade_prepare.sh, so that comes along.
 set(KV_INIT none CACHE STRING "Init system to install start files for: none, busybox or systemd")
 set_property(CACHE KV_INIT PROPERTY STRINGS none busybox systemd)
 
-# kv_install_start(FILE DESTINATION PERMISSIONS...): a file of packaging/ with its /usr/sbin replaced. The prefix is known
-# only when it is installed.
+# kv_install_start(FILE DESTINATION PERMISSIONS...): a file of packaging/ with its /usr/sbin replaced. The prefix is
+# known only when it is installed.
 function(kv_install_start file destination)
     install(CODE "
         cmake_path(APPEND CMAKE_INSTALL_PREFIX \"${destination}\" OUTPUT_VARIABLE directory)
         file(READ \"${PROJECT_SOURCE_DIR}/packaging/${file}\" text)
-        string(REPLACE /usr/sbin/upgrade \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}/upgrade\" text \"\${text}\")
+        set(programs \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}\")
+        string(REPLACE /usr/sbin/upgrade \"\${programs}/upgrade\" text \"\${text}\")
         file(WRITE \"${PROJECT_BINARY_DIR}/start/${file}\" \"\${text}\")
         file(INSTALL \"${PROJECT_BINARY_DIR}/start/${file}\" DESTINATION \"\${directory}\" PERMISSIONS ${ARGN})
     " COMPONENT device)

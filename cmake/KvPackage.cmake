@@ -1,5 +1,5 @@
-# `make deb`: upgrademain-tools (component tools) and upgrademain-doc (component doc), by CPack from the release build. The
-# daemon is not among them: it belongs into a device's image, not on a PC.
+# `make deb`: upgrademain-tools (component tools) and upgrademain-doc (component doc), by CPack from the release build.
+# The daemon is not among them: it belongs into a device's image, not on a PC.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME upgrademain)
 set(CPACK_PACKAGE_VENDOR upgradeMain)

@@ -1,6 +1,7 @@
 #!/bin/bash
-# Runs build/kvtool-static/bin/kvtool where nothing else is: in a root folder with this one file and the two of /etc that name
-# look-up reads, in a network of its own. /etc/nsswitch.conf names a module that is not there, as a foreign system's may.
+# Runs build/kvtool-static/bin/kvtool where nothing else is: in a root folder with this one file and the two of /etc
+# that name look-up reads, in a network of its own. /etc/nsswitch.conf names a module that is not there, as a foreign
+# system's may.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."

@@ -19,8 +19,8 @@ def main():
     for boot in (1, 2):
         with open(f"{state}/boot-{boot}/trace.log", errors="replace") as trace:
             lines = [entry for entry in map(parse, trace) if entry]
-        # The clock of a boot's trace is its own; the devices' goes through, and the supervisor's first act on both is to
-        # open the watchdog.
+        # The clock of a boot's trace is its own; the devices' goes through, and the supervisor's first act on both is
+        # to open the watchdog.
         lines = [(at - lines[0][0] + opened[boot], text) for at, text in lines]
         start = last_beat(lines)
         checks = [(at, int(text.rsplit(" ", 1)[1])) for at, text in lines if "cameraMain off time = " in text]

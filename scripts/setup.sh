@@ -1,7 +1,7 @@
 #!/bin/bash
-# setup.sh LIST...: sees to it that what the lists scripts/packages/LIST.txt name is there. A Debian package counts as missing
-# when one of its probes fails, wherever the thing came from; only then apt is asked, as root or through sudo. Without apt or
-# without root the missing things are named, and the exit status is 1.
+# setup.sh LIST...: sees to it that what the lists scripts/packages/LIST.txt name is there. A Debian package counts as
+# missing when one of its probes fails, wherever the thing came from; only then apt is asked, as root or through sudo.
+# Without apt or without root the missing things are named, and the exit status is 1.
 #
 #   command:NAME   a program in PATH or in the folders of the system's programs
 #   header:NAME    a header that the C++ compiler (CXX, or c++) finds
