@@ -62,7 +62,7 @@ told=$(helps kvtool | sort -u)
 # shellcheck disable=SC2016 # the documents' own marks
 for document in docs/kvtool.md docs/mini-protocol.md; do
     sed -nE 's/.*\| ([0-9.]+)[^|]*\| `(--[a-z-]+)` \|.*/\2 \1/p' "$document" >"$work"
-    grep -oE '`--[a-z-]+` [0-9.]*[0-9]' "$document" | tr -d '`' >>"$work"
+    sed -nE ':a; s/`(--[a-z-]+)` ([0-9.]*[0-9])/\n\1 \2\n/; ta; /\n/p' "$document" | grep '^--' >>"$work" || true
     while read -r option value; do
         grep -qx -- "default $option $value" <<<"$told" || complain "$document: $option's default is not $value"
     done <"$work"
