@@ -1,9 +1,13 @@
 // kvtool: what a technician runs on a PC against a camera in recovery mode.
 
+#include <kv_version.h>
+
 #include <CLI/CLI.hpp>
 #include <iostream>
 #include <regex>
+#include <string>
 
+#include "common/kv_platform.h"
 #include "tools/base/command_line.h"
 #include "tools/base/wait.h"
 #include "tools/cli/command_line.h"
@@ -53,6 +57,8 @@ int Run(int argc, char** argv) {
     kvtool::Chosen chosen;
     CLI::App app("Upgrade packages and recovery of cameras that run upgradeMain");
     app.name("kvtool");
+    app.set_version_flag("--version",
+                         std::string("kvtool ") + kv::kVersion + ", built for " + kv::kDeviceName);
     app.require_subcommand(1);
     kvtool::AddPackageCommands(&app, &chosen);
     kvtool::AddToolboxCommands(&app, &chosen);
