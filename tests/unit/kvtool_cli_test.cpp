@@ -45,7 +45,7 @@ class KvtoolCli : public testing::Test {
         ASSERT_EQ(RunTool({"pack", "-o", Path("other"), "--ic", "OTHER", "app=" + Path("app")}), 0);
     }
     void TearDown() override {
-        for (const char* name : {"app", "good", "other", "again", "layout"}) {
+        for (const char* name : {"app", "good", "other", "again", "layout", "manifest"}) {
             (void)unlink(Path(name).c_str());
         }
         EXPECT_TRUE(std::filesystem::is_empty(folder_.Path())) << "a temporary file is left";
@@ -95,6 +95,37 @@ TEST_F(KvtoolCli, PackKeepsItsInputsAndWritesToAPipe) {
     std::string output;
     EXPECT_EQ(RunTool({"pack", "-o", "-", "app=" + Path("app")}, &output), 0);
     EXPECT_EQ(output, Read("good"));
+}
+
+TEST_F(KvtoolCli, PacksByRecipeAndTellsOfIt) {
+    WriteFile(Path("layout"), "# camera\nimage = app = app\nsize = app = 200000\nsensor = 39QX\n");
+    std::string output;
+    // Paths of a recipe begin at its folder, whatever the present one is.
+    EXPECT_EQ(RunTool({"pack", "-o", Path("again"), "--recipe", Path("layout"), "--sensor", "38QX",
+                       "--manifest", Path("manifest")}),
+              0);
+    EXPECT_EQ(Read("again"), Read("good")) << "the command line wins";
+    const nlohmann::json manifest = nlohmann::json::parse(Read("manifest"));
+    const auto sum = [this](const std::string& name) {
+        return kv_test::Run("sha256sum <" + Path(name)).output.substr(0, 64);
+    };
+    EXPECT_EQ(manifest["package"]["sha256"], sum("good"));
+    EXPECT_EQ(manifest["inputs"][0]["sha256"], sum("layout"));
+    EXPECT_EQ(manifest["inputs"][1]["sha256"], sum("app"));
+    EXPECT_EQ(manifest["inputs"][1]["file"], "app");
+    const std::string first = Read("manifest");
+    EXPECT_EQ(RunTool({"pack", "-o", Path("again"), "--recipe", Path("layout"), "--sensor", "38QX",
+                       "--manifest", Path("manifest")}),
+              0);
+    EXPECT_EQ(Read("manifest"), first);
+
+    for (const char* wrong : {"image = app", "images = app=app", "ic = A\nic = A", "app=app",
+                              "size = app=199999\nimage = app=app"}) {
+        WriteFile(Path("layout"), wrong);
+        EXPECT_NE(RunTool({"pack", "-o", Path("again"), "--recipe", Path("layout")}), 0) << wrong;
+    }
+    EXPECT_EQ(
+        RunTool({"pack", "-o", Path("again"), "--manifest", Path("app"), "app=" + Path("app")}), 2);
 }
 
 TEST_F(KvtoolCli, ToolboxEndsAsDiffDoes) {
