@@ -145,6 +145,53 @@ TEST_F(KvtoolCli, ToolboxEndsAsDiffDoes) {
     std::filesystem::remove_all(Path("out"));
 }
 
+// Signatures of both kinds that minisign makes; what minisign refuses is refused here too.
+TEST_F(KvtoolCli, TrustsWhatMinisignSigned) {
+    std::filesystem::create_directory(Path("out"));
+    const auto minisign = [this](const std::string& arguments) {
+        return kv_test::Run("cd " + folder_.Path() + "/out && minisign " + arguments + " 2>&1")
+            .status;
+    };
+    ASSERT_EQ(minisign("-G -W -p key.pub -s key"), 0);
+    ASSERT_EQ(minisign("-G -W -p other.pub -s other"), 0);
+    for (const char* kind : {"", "-l "}) {
+        ASSERT_EQ(minisign(std::string("-S ") + kind + "-s key -m ../good -t 'camera 1.2' -x good"),
+                  0);
+        const auto agree = [&](const std::string& key, const std::string& package, int code) {
+            EXPECT_EQ(RunTool({"inspect", "--trusted-key", Path("out/" + key), "--signature",
+                               Path("out/good"), Path(package)}),
+                      code)
+                << kind << key;
+            EXPECT_EQ(minisign("-V -p " + key + " -m ../" + package + " -x good") == 0, code == 0)
+                << kind << key;
+        };
+        agree("key.pub", "good", 0);
+        agree("other.pub", "good", 3);
+        agree("key.pub", "other", 3);
+        const std::string signature = Read("out/good");
+        std::string changed = signature;
+        changed.replace(changed.find("camera 1.2"), 10, "camera 1.3");
+        WriteFile(Path("out/good"), changed);
+        agree("key.pub", "good", 3);
+        changed = signature.substr(0, signature.find("trusted comment"));
+        WriteFile(Path("out/good"), changed);
+        agree("key.pub", "good", 3);
+    }
+    EXPECT_EQ(RunTool({"upgrade", "127.0.0.1", "--port", "1", "--trusted-key", Path("out/key.pub"),
+                       Path("good")}),
+              3)
+        << "unsigned, and nothing was connected to";
+    ASSERT_EQ(minisign("-S -s key -m ../good -x ../good.minisig -t 'camera 1.2'"), 0);
+    std::string output;
+    EXPECT_EQ(RunTool({"upgrade", "127.0.0.1", "--json", "--port", "1", "--trusted-key",
+                       Path("out/key.pub"), Path("good")},
+                      &output),
+              4);
+    EXPECT_EQ(nlohmann::json::parse(output)["signature"]["trusted_comment"], "camera 1.2");
+    (void)unlink(Path("good.minisig").c_str());
+    std::filesystem::remove_all(Path("out"));
+}
+
 TEST_F(KvtoolCli, UnknownCommandsAreNamed) {
     for (const auto& [arguments, text] : std::vector<std::pair<std::string, std::string>>{
              {"upgrad", "unknown command 'upgrad' (did you mean 'upgrade'?)"},

@@ -8,6 +8,7 @@
 #include "tools/base/errors.h"
 #include "tools/base/json.h"
 #include "tools/cli/layout_options.h"
+#include "tools/package/signature.h"
 
 namespace kvtool {
 
@@ -25,5 +26,7 @@ void AddDeviceCommands(CLI::App* root, Chosen* chosen);
 
 // Adds --layout and --size.
 void AddLayout(CLI::App* command, LayoutOptions* options);
+// Adds --trusted-key and --signature.
+void AddTrust(CLI::App* command, Trust* trust);
 
 }  // namespace kvtool

@@ -143,9 +143,18 @@ ExitCode RunPack(const PackCommand& command, const LayoutOptions& layout, Json* 
 
 ExitCode RunInspect(const InspectCommand& command, const Layout& layout, Json* json) {
     (*json)["file"] = Printable(command.file);
-    const PackageReport report = CheckPackage(ReadWholeFile(command.file), layout, command.device);
+    const Bytes package = ReadWholeFile(command.file);
+    std::optional<Signature> signature;
+    if (!command.trust.key.empty()) {
+        signature = VerifySignature(package, command.file, command.trust);
+        (*json)["signature"] = SignatureJson(*signature);
+    }
+    const PackageReport report = CheckPackage(package, layout, command.device);
     json->update(PackageJson(report));
     if (!command.json) {
+        if (signature) {
+            std::cout << SignatureText(*signature) << '\n';
+        }
         PrintPackage(std::cout, report);
     }
     return report.Acceptable() ? ExitCode::kDone : ExitCode::kRefused;

@@ -9,6 +9,7 @@
 #include "tools/base/json.h"
 #include "tools/cli/layout_options.h"
 #include "tools/package/check.h"
+#include "tools/package/signature.h"
 
 namespace kvtool {
 
@@ -26,6 +27,7 @@ struct PackCommand {
 struct InspectCommand {
     std::string file;
     Identity device;  // what to check against
+    Trust trust;
     bool json = false;
 };
 

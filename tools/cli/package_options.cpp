@@ -52,6 +52,7 @@ void AddInspect(CLI::App* root, Chosen* chosen) {
     app->add_option("--sensor", command.device.sensor, "Sensor type of the device to check for");
     app->add_flag("--json", chosen->json, "Print JSON");
     AddLayout(app, &inspect->layout);
+    AddTrust(app, &command.trust);
     app->callback([inspect, chosen] {
         chosen->run = [inspect, chosen](Json* json) {
             inspect->command.json = chosen->json;
@@ -70,6 +71,17 @@ void AddLayout(CLI::App* command, LayoutOptions* options) {
                      "Size of one partition, NAME=BYTES (K, M, G allowed)")
         ->allow_extra_args(false)
         ->type_name("NAME=BYTES");
+}
+
+void AddTrust(CLI::App* command, Trust* trust) {
+    CLI::Option* const key =
+        command
+            ->add_option("--trusted-key", trust->key,
+                         "Public key of minisign; refuse a package that it has not signed")
+            ->type_name("FILE");
+    command->add_option("--signature", trust->signature, "The signature (default: FILE.minisig)")
+        ->type_name("FILE")
+        ->needs(key);
 }
 
 void AddPackageCommands(CLI::App* root, Chosen* chosen) {
