@@ -22,7 +22,8 @@ helps() { # PROGRAM [COMMAND]: "command WORD", "option --WORD", "default --WORD 
     # A default in a text may look like an option; those that begin a line are options.
     sed -nE 's/^  (-[a-z],)?(--[a-z][a-z-]*).*/option \2/p' <<<"$text"
     # "--name TYPE=5" or "--name{5}"; a default that is a path depends on who asks.
-    sed -nE 's/^  (-[a-z],)?(--[a-z][a-z-]*)( [A-Z]+(:[A-Z]+( in \[[^]]*\])?)?=|\{)([^/ }][^ }]*).*/default \2 \6/p' <<<"$text"
+    sed -nE 's/^  (-[a-z],)?(--[a-z][a-z-]*)( [A-Z]+(:[A-Z]+( in \[[^]]*\])?)?=|\{)([^/ }][^ }]*).*/default \2 \6/p' \
+        <<<"$text"
     for command in $(commands_of "$text"); do
         echo "command ${*:2} $command"
         helps "$@" "$command"
