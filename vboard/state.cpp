@@ -15,6 +15,26 @@ namespace vboard {
 
 namespace fs = std::filesystem;
 
+namespace {
+
+void ApplyLayoutItem(const std::string& item, uint32_t eraseBlock,
+                     std::vector<PartitionConfig>* layout) {
+    const size_t equals = item.find('=');
+    const std::string name = item.substr(0, equals);
+    const auto row = std::find_if(layout->begin(), layout->end(),
+                                  [&](const PartitionConfig& p) { return p.name == name; });
+    if (equals == std::string::npos || row == layout->end()) {
+        throw std::runtime_error("not a partition: \"" + item +
+                                 "\" (use mtd0=256K,…; mtd0 to mtd7)");
+    }
+    row->size = ParseSize(item.substr(equals + 1));
+    if (eraseBlock == 0 || row->size % eraseBlock != 0) {
+        throw std::runtime_error("the size of " + name + " is not a multiple of the erase block");
+    }
+}
+
+}  // namespace
+
 std::string StateDir::Default() {
     const char* const runtime = std::getenv("XDG_RUNTIME_DIR");
     const std::string base = runtime != nullptr && *runtime != '\0' ? runtime : "/tmp";
@@ -99,22 +119,6 @@ uint64_t ParseSize(const std::string& text) {
         throw std::runtime_error("not a size: \"" + text + "\" (use 65536, 64K, 4M)");
     }
     return value;
-}
-
-static void ApplyLayoutItem(const std::string& item, uint32_t eraseBlock,
-                            std::vector<PartitionConfig>* layout) {
-    const size_t equals = item.find('=');
-    const std::string name = item.substr(0, equals);
-    const auto row = std::find_if(layout->begin(), layout->end(),
-                                  [&](const PartitionConfig& p) { return p.name == name; });
-    if (equals == std::string::npos || row == layout->end()) {
-        throw std::runtime_error("not a partition: \"" + item +
-                                 "\" (use mtd0=256K,…; mtd0 to mtd7)");
-    }
-    row->size = ParseSize(item.substr(equals + 1));
-    if (eraseBlock == 0 || row->size % eraseBlock != 0) {
-        throw std::runtime_error("the size of " + name + " is not a multiple of the erase block");
-    }
 }
 
 std::vector<PartitionConfig> ParseLayout(const std::string& text, uint32_t eraseBlock,
