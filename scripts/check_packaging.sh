@@ -94,7 +94,8 @@ PKG_INSTALL_DIR = $(WORK)/device
 END
 # shellcheck disable=SC2016 # for make
 printf '%s\n' 'define BuildPackage' '$(if $(Package/$(1)),,$(error Package/$(1) is empty))' 'endef' \
-    'options:' '	@echo $(CMAKE_OPTIONS)' 'version:' '	@echo $(PKG_VERSION)' 'prepare:' '	$(Build/Prepare)' \
+    'options:' '	@echo $(CMAKE_OPTIONS)' \
+    'version:' '	@echo $(PKG_VERSION)' 'prepare:' '	$(Build/Prepare)' \
     'install:' '	$(call Package/upgrademain/install,$(WORK)/openwrt/target)' >"$work/include/package.mk"
 : >"$work/include/cmake.mk"
 openwrt() { # GOAL
