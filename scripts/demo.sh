@@ -54,27 +54,12 @@ board log | grep -E "app file exist|online" | head -2
 end
 
 printf '\n== Every partition was read back\n'
-printf '%-10s %-18s %9s  %-32s %s\n' partition device bytes "MD5 of the image" result
 failed=0
-check() { # NAME DEVICE...
-    name=$1
-    shift
-    image=$work/$name.img
-    size=$(stat -c %s "$image")
-    for mtd in "$@"; do
-        board flash read "$mtd" "$work/$mtd.bin"
-        cat "$work/$mtd.bin"
-    done >"$work/readback"
-    want=$(md5sum <"$image")
-    got=$(head -c "$size" "$work/readback" | md5sum)
-    result=same
-    [ "$want" = "$got" ] || { result=DIFFERENT failed=1; }
-    printf '%-10s %-18s %9d  %-32s %s\n' "$name" "$*" "$size" "${want%% *}" "$result"
-}
-check uboot mtd0 mtd1 mtd2
-check kernel mtd3
-check rootfs mtd4
-check app mtd5
+for mtd in 0 1 2 3 4 5; do
+    board flash read "mtd$mtd" "$work/mtd$mtd.bin"
+done
+"$bin/kvtool" verify "$work/firmware.FLS" "uboot=$work/mtd0.bin" "uboot=$work/mtd1.bin" "uboot=$work/mtd2.bin" \
+    "kernel=$work/mtd3.bin" "rootfs=$work/mtd4.bin" "app=$work/mtd5.bin" || failed=1
 
 printf '\n== Phases\n'
 printf '%s\n' "${phases[@]}"
