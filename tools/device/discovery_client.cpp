@@ -21,6 +21,9 @@ namespace kvtool {
 
 namespace {
 
+// A reply takes about 1.3 kB of it: room for 1,500 that come while this process does not run.
+constexpr int kReceiveRoom = 1 << 20;
+
 // One address to search at, and the interface to leave by (0: as routed).
 struct Target {
     std::string label;
@@ -126,6 +129,9 @@ class Searcher {
         if (!fd_ || setsockopt(fd_.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0) {
             throw ToolError(ExitCode::kInternal, "cannot create the search socket");
         }
+        // Hundreds of devices answer at once. The system may grant less.
+        const int room = kReceiveRoom;
+        (void)setsockopt(fd_.Get(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
     }
 
     DiscoveryResult Run(const std::function<bool(const FoundDevice&)>& enough) {
