@@ -127,6 +127,28 @@ TEST(KvtoolDiscover, LosesNoneOfFiveHundredAnswersAtOnce) {
     EXPECT_EQ(result.devices.size(), 500U);
 }
 
+TEST(KvtoolDiscover, NamesWhatTwoDevicesShare) {
+    kvtool::DiscoveryResult result;
+    const auto add = [&result](const char* mac, const char* address) {
+        kvtool::DiscoveryReply reply;
+        reply.mac = mac;
+        reply.ip = address;
+        result.devices.push_back({reply, {address}});
+    };
+    add("02:00:5E:00:00:01", "10.7.0.1");
+    add("", "");
+    add("", "");
+    EXPECT_TRUE(kvtool::Conflicts(result).empty());
+    add("02:00:5E:00:00:01", "10.7.0.2");
+    add("02:00:5E:00:00:02", "10.7.0.2");
+    const std::vector<std::string> expected = {
+        "MAC address 02:00:5E:00:00:01 is named by 2 devices, with the addresses 10.7.0.1, "
+        "10.7.0.2",
+        "address 10.7.0.2 is named by 2 devices, with the MAC addresses 02:00:5E:00:00:01, "
+        "02:00:5E:00:00:02"};
+    EXPECT_EQ(kvtool::Conflicts(result), expected);
+}
+
 TEST(KvtoolDiscover, TakesMacAddressesAsPeopleWriteThem) {
     for (const char* const text : {"02:AA:bb:00:11:22", "02-aa-bb-00-11-22", "02aaBB001122"}) {
         EXPECT_EQ(kvtool::ParseMacAddress(text), "02:AA:BB:00:11:22") << text;

@@ -272,6 +272,32 @@ DiscoveryResult Discover(const DiscoveryRequest& request,
     return Searcher(request, std::move(targets)).Run(enough);
 }
 
+std::vector<std::string> Conflicts(const DiscoveryResult& result) {
+    std::map<std::string, std::vector<std::string>> byMac;
+    std::map<std::string, std::vector<std::string>> byAddress;
+    for (const FoundDevice& device : result.devices) {
+        byMac[device.reply.mac].push_back(device.reply.ip);
+        byAddress[device.reply.ip].push_back(device.reply.mac);
+    }
+    std::vector<std::string> conflicts;
+    const auto add = [&conflicts](const auto& groups, const char* what, const char* others) {
+        for (const auto& [key, values] : groups) {
+            if (key.empty() || values.size() < 2) {
+                continue;
+            }
+            std::string text = std::string(what) + " " + key + " is named by " +
+                               std::to_string(values.size()) + " devices, with the " + others;
+            for (const std::string& value : values) {
+                text += (&value == &values.front() ? " " : ", ") + (value.empty() ? "-" : value);
+            }
+            conflicts.push_back(std::move(text));
+        }
+    };
+    add(byMac, "MAC address", "addresses");
+    add(byAddress, "address", "MAC addresses");
+    return conflicts;
+}
+
 std::optional<DiscoveryReply> AskAt(const std::string& host, uint16_t port, Millis timeout) {
     DiscoveryRequest request;
     request.host = host;
