@@ -196,7 +196,9 @@ class Follower {
         const Clock::time_point now = Clock::now();
         const bool last = now - start_ >= times_.leave + times_.back;
         if (!left_ && (last || now - start_ - blind_ >= times_.leave)) {
-            Observe("not seen to leave recovery mode within " + Text(times_.leave));
+            const std::string blind =
+                blind_ == Millis(0) ? "" : "; for " + Text(blind_) + " this PC could not look";
+            Observe("not seen to leave recovery mode within " + Text(times_.leave) + blind);
             return ExitCode::kNeverLeft;
         }
         if (!left_ || !(last || now - leftAt_ - blind_ >= times_.back)) {

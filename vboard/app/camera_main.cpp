@@ -2,9 +2,10 @@
 // that a real one has.
 //
 // Once a second it sends one heartbeat datagram: the process name as NUL-terminated text in 32
-// bytes, and the ready flag behind it. All the while the port for video takes connections, which is
-// how it is seen to run from outside; nothing is served there. What else it does is read, before
-// every beat, from a file that `vboard app` writes:
+// bytes, and the ready flag behind it. Meanwhile it takes connections on the video port, so that it
+// can be seen from outside; nothing is served there. An image that holds bin/network has that
+// script run once at the start, because an application sees to its own network. What else it does
+// is read, before every beat, from a file that `vboard app` writes:
 //
 //     beat         heartbeats with the ready flag set (also when there is no file)
 //     not-ready    heartbeats with the ready flag clear
@@ -28,6 +29,7 @@
 namespace {
 
 constexpr char kModeFile[] = "/run/board/app";
+constexpr char kStartNetwork[] = "test ! -x /opt/app/bin/network || /opt/app/bin/network &";
 constexpr uint16_t kVideoPort = 554;
 constexpr size_t kReadyOffset = 32;
 constexpr size_t kBeatSize = 33;
@@ -82,6 +84,7 @@ UniqueFd OpenVideoPort() {
 
 int main() {
     const UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    (void)system(kStartNetwork);
     UniqueFd video;
     const int64_t started = kv::MonotonicSeconds();
     for (;;) {
