@@ -1,5 +1,5 @@
 #!/bin/bash
-# The main story on a virtual camera: a dead application, recovery over Wi-Fi, new firmware, alive again.
+# Shows the main story on a virtual camera: dead application, recovery over Wi-Fi, new firmware, alive again.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -12,7 +12,7 @@ phases=()
 begin() { printf '\n== %s\n' "$1"; phase=$1 began=$(now); }
 end() { phases+=("$(printf '%-62s %8s' "$phase" "$(seconds "$began" "$(now)")")"); }
 
-begin "Firmware images are made and packed"
+begin "Make and pack firmware images"
 mkdir -p "$work/root/etc"
 echo "virtual camera" >"$work/root/etc/issue"
 head -c 1500000 /dev/urandom >"$work/root/library"
@@ -41,7 +41,7 @@ mac=$(board exec -- "$bin/kvtool" discover --timeout 1 --json |
     python3 -c 'import json, sys; print(json.load(sys.stdin)["devices"][0]["mac"])')
 end
 
-begin "The package travels over Wi-Fi into flash, and the device reboots"
+begin "The package goes over Wi-Fi into flash, and the device reboots"
 board exec -- "$bin/kvtool" upgrade --no-follow "$mac" "$work/firmware.FLS"
 await --boot 2
 board status | sed -n '2p'
@@ -53,7 +53,7 @@ await --boot 2 --log "Process cameraMain online"
 board log | grep -E "app file exist|online" | head -2
 end
 
-printf '\n== Every partition was read back\n'
+printf '\n== Every partition read back\n'
 printf '%-10s %-18s %9s  %-32s %s\n' partition device bytes "MD5 of the image" result
 failed=0
 check() { # NAME DEVICE...

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Format, shell scripts, man pages, packaging, static analysis; the first that finds something fails the run.
+# Checks format, shell scripts, man pages and packaging, and runs static analysis. Stops at the first failing check.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -11,7 +11,8 @@ echo "lint: man pages"
 scripts/check_man.sh
 echo "lint: packaging"
 scripts/check_packaging.sh
-# For clang -Wconversion includes signs, for the compiler of the build it does not.
+# clang's -Wconversion includes sign conversions; GCC's does not.
 echo "lint: clang-tidy"
-git ls-files '*.cpp' | xargs -P "$(nproc)" -n 2 clang-tidy -quiet -p build/dev --extra-arg=-Wno-sign-conversion 2>/dev/null
+git ls-files '*.cpp' |
+    xargs -P "$(nproc)" -n 2 clang-tidy -quiet -p build/dev --extra-arg=-Wno-sign-conversion 2>/dev/null
 echo "lint: clean"
