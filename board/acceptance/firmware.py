@@ -1,4 +1,4 @@
-"""Firmware images, the package that carries them, and whether flash holds them."""
+"""Firmware images, their package, and the comparison with flash."""
 
 import hashlib
 import random
@@ -9,12 +9,12 @@ from channel import Failure
 
 CHUNK = 65536
 PLACES = {"uboot": ["boot0", "boot1", "boot2"], "kernel": ["kernel"], "rootfs": ["rootfs"], "app": ["app"]}
-# Sizes that end in the middle of a chunk; the boot loader reaches into its third partition.
+# These sizes end in the middle of a chunk. The boot loader reaches into its third partition.
 FILLER = {"uboot": 350_000, "kernel": 1_800_001, "rootfs": 1_500_000, "app": 700_000}
 
 
 class Firmware:
-    """Different seeds give different images, so that the new firmware can be told from the old."""
+    """Different seeds give different images, which tells new firmware from old."""
 
     def __init__(self, folder, kvtool, application, seed):
         folder.mkdir()
@@ -33,14 +33,14 @@ class Firmware:
         _run(kvtool, "pack", "-o", self.package, *(f"{name}={image}" for name, image in self.images.items()))
 
     def compare(self, flash):
-        """One line of report for each image; Failure if a partition holds anything else."""
+        """Returns a report line per image; raises Failure if a partition holds anything else."""
         report = []
         for name, image in self.images.items():
             want = image.read_bytes()
             have = nor.read(flash, *PLACES[name])
             if have[:len(want)] != want:
                 raise Failure(f"{name}: flash does not hold the image")
-            # What follows an image in the package is written up to the end of the last chunk, nothing beyond.
+            # The writer fills the last chunk with the bytes that follow in the package, and writes nothing after it.
             end = -(-len(want) // CHUNK) * CHUNK
             if have[end:].strip(nor.ERASED):
                 raise Failure(f"{name}: flash is not erased behind the image")
