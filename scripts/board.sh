@@ -11,8 +11,7 @@ if [ ! -d "$cache/board-packages" ]; then
     echo "board: the first run fetches about 130 MB: an emulator and a cross compiler as packages of this system,"
     echo "board: and ARM packages into $cache, which later runs use again"
 fi
-scripts/setup.sh packages-arm.txt
-scripts/setup.sh packages-board.txt
+scripts/setup.sh build arm board scripts
 scripts/arm_sysroot.sh >/dev/null
 board/packages.sh >/dev/null
 [ "$1" != fetch ] || exit 0

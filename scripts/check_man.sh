@@ -1,6 +1,7 @@
 #!/bin/bash
 # Checks the man pages: mandoc finds no fault, each command and option in --help of the programs in build/bin is in the
-# page, and each option in the page is in some --help.
+# page, and each option in the page is in some --help. Defaults in the pages and in the documents must be those of
+# --help.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -15,11 +16,13 @@ complain() {
 commands_of() { # HELP-TEXT
     sed -n '/^Subcommands:/,$p' <<<"$1" | awk '/^  [a-z]/ { print $1 }'
 }
-helps() { # PROGRAM [COMMAND]: prints "command WORD" and "option --WORD" lines, including subcommands
+helps() { # PROGRAM [COMMAND]: "command WORD", "option --WORD", "default --WORD VALUE", of all commands below as well
     local text command
     text=$("$bin/$1" "${@:2}" --help)
     # A default inside a text may look like an option. Only words that begin a line are options.
     sed -nE 's/^  (-[a-z],)?(--[a-z][a-z-]*).*/option \2/p' <<<"$text"
+    # "--name TYPE=5" or "--name{5}"; a default that is a path depends on who asks.
+    sed -nE 's/^  (-[a-z],)?(--[a-z][a-z-]*)( [A-Z]+(:[A-Z]+( in \[[^]]*\])?)?=|\{)([^/ }][^ }]*).*/default \2 \6/p' <<<"$text"
     for command in $(commands_of "$text"); do
         echo "command ${*:2} $command"
         helps "$@" "$command"
@@ -34,10 +37,16 @@ for program in kvtool vboard; do
     # mandoc marks bold text by overstriking.
     text=$(mandoc -T utf8 -O width=500 "$page" | sed 's/.\x08//g')
     told=$(helps "$program" | sort -u)
-    [ "$(grep -c '^option' <<<"$told")" -gt 5 ] || complain "$program --help shows no options"
-    while read -r kind word; do
+    [ "$(grep -c '^option' <<<"$told")" -gt 5 ] || complain "$program --help tells no options"
+    while read -r kind word value; do
         case $kind in
-            # A command begins an entry of its own.
+            default)
+                sed -n "/^\.It.* Fl ${word#-}\( \|\$\)/,/^\.\(It\|El\)/p" "$page" | sed '1!{/^\.It/,$d}' |
+                    grep -qE -- "(^|[^0-9A-Za-z.])$value([^0-9A-Za-z]|\$)" ||
+                    complain "$page does not tell $word's default $value"
+                continue
+                ;;
+            # A command heads an entry of its own.
             command) place="^ +$word( |\$)" ;;
             option) place="(^|[^-a-z])$word([^-a-z]|\$)" ;;
         esac
@@ -47,5 +56,16 @@ for program in kvtool vboard; do
         grep -qx -- "option $word" <<<"$told" || echo "$word"
     done >"$work"
     [ ! -s "$work" ] || complain "$page has options that $program does not know: $(tr '\n' ' ' <"$work")"
+done
+# Documents: "`--option` 5", or a table's "| 5 … | `--option` |".
+told=$(helps kvtool | sort -u)
+# shellcheck disable=SC2016 # the documents' own marks
+for document in docs/kvtool.md docs/mini-protocol.md; do
+    sed -nE 's/.*\| ([0-9.]+)[^|]*\| `(--[a-z-]+)` \|.*/\2 \1/p' "$document" >"$work"
+    sed -nE ':a; s/`(--[a-z-]+)` ([0-9.]*[0-9])/\n\1 \2\n/; ta; /\n/p' "$document" | grep '^--' >>"$work" || true
+    while read -r option value; do
+        grep -qx -- "default $option $value" <<<"$told" || complain "$document: $option's default is not $value"
+    done <"$work"
+    [ -s "$work" ] || complain "$document repeats no default; do not look for any"
 done
 exit "$failed"

@@ -22,15 +22,31 @@ expect() { # WHAT DIR FILE...: fails unless DIR holds exactly these files
 
 # There are three components. The one for the device is the daemon alone.
 install_component() { # COMPONENT
-    DESTDIR=$work/$1 cmake --install build/release --prefix /usr --component "$1" >"$work/log" ||
-        die "$(cat "$work/log")"
+    DESTDIR=$work/$1 cmake --install build/release --prefix /usr --component "$1" \
+        >"$work/log" 2>&1 || die "$(cat "$work/log")"
 }
+# With KV_INIT, component device adds the start file and the script that it runs, adapted to the prefix.
+for init in busybox systemd none; do
+    cmake -DKV_INIT="$init" build/release >"$work/log" || die "$(cat "$work/log")"
+    DESTDIR=$work/$init cmake --install build/release --prefix /opt --component device >"$work/log" ||
+        die "$(cat "$work/log")"
+done
+expect "INIT=busybox" "$work/busybox" opt/sbin/upgradeMain opt/sbin/upgrade_prepare.sh etc/init.d/S50upgrademain
+expect "INIT=systemd" "$work/systemd" opt/sbin/upgradeMain opt/sbin/upgrade_prepare.sh \
+    opt/lib/systemd/system/upgrademain.service opt/lib/systemd/system.conf.d/upgrademain.conf
+grep -qx PROGRAM=/opt/sbin/upgradeMain "$work/busybox/etc/init.d/S50upgrademain" || die "S50upgrademain ignores the prefix"
+grep -qx ExecStart=/opt/sbin/upgradeMain "$work/systemd/opt/lib/systemd/system/upgrademain.service" ||
+    die "upgrademain.service ignores the prefix"
+rm -r "$work/systemd"
 for component in device tools doc; do
     install_component "$component"
 done
 expect "component device" "$work/device" usr/sbin/upgradeMain
-expect "component tools" "$work/tools" usr/bin/kvtool usr/bin/vboard usr/libexec/upgrademain/cameraMain
-for file in man/man8/upgradeMain.8 man/man1/kvtool.1 man/man1/vboard.1 doc/upgradeMain/docs/porting.md \
+expect "component tools" "$work/tools" usr/bin/kvtool usr/bin/vboard usr/libexec/upgrademain/cameraMain \
+    usr/share/man/man1/kvtool.1 usr/share/man/man1/vboard.1
+! said=$(install_component unknown 2>&1) || die "an unknown component is not an error"
+[[ $said == *"device, doc, tools"* ]] || die "the error for an unknown component does not name the valid ones: $said"
+for file in man/man8/upgradeMain.8 doc/upgradeMain/docs/porting.md \
     upgrademain/scripts/startapp.sh; do
     [ -f "$work/doc/usr/share/$file" ] || die "component doc lacks share/$file"
 done
@@ -55,8 +71,7 @@ $(UPGRADEMAIN_SITE)/%:
 END
 buildroot() { # TARGET-DIR GOAL
     make -s -f "$work/buildroot.mk" --warn-undefined-variables TOP="$top" TARGET_DIR="$work/$1" "$2" \
-        >"$work/log" 2>&1 ||
-        die "Buildroot's recipe: $(cat "$work/log")"
+        >"$work/log" 2>&1 || die "Buildroot's recipe: $(cat "$work/log")"
     grep -q warning "$work/log" && die "Buildroot's recipe: $(cat "$work/log")"
     cat "$work/log"
 }
@@ -87,8 +102,7 @@ openwrt() { # GOAL
         INCLUDE_DIR="$work/include" "$1" 2>&1 || die "OpenWrt's recipe fails at $1"
 }
 mkdir "$work/source"
-git ls-files -z --cached --others --exclude-standard |
-    tar -C "$top" --null --files-from=- -cf - |
+git ls-files -z --cached --others --exclude-standard | tar -C "$top" --null --files-from=- -cf - |
     tar -C "$work/source" -xf -
 mkdir "$work/source/build"
 UPGRADEMAIN_SRC=$work/source openwrt prepare
@@ -103,7 +117,7 @@ expect "OpenWrt's recipe" "$work/openwrt/target" usr/sbin/upgradeMain usr/sbin/u
 # shellcheck disable=SC2046 # one word per option
 cmake -G Ninja -S "$work/openwrt/build" -B "$work/configured" $(openwrt options) >"$work/log" 2>&1 ||
     die "the recipes' options do not configure: $(cat "$work/log")"
-grep -q 'not used by the project' "$work/log" &&
+! grep -q 'not used by the project' "$work/log" ||
     die "the recipes set unknown options: $(cat "$work/log")"
 
 # systemd.

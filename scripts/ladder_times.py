@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""ladder_times.py STATE SPEED: prints the timeline of a permanent silence from the logs of a stopped board.
+"""ladder_times.py STATE SPEED STATUS: prints the timeline of a permanent silence from the logs of a stopped board.
 
-The supervisor checks every 3 s. Each step must come at the first check that finds the silence longer than 5 s (offline)
-or 120 s (restart, then 60 s later reboot or recovery). The exit status is 1 if a step came at another time.
+STATUS is a file with the board's last `vboard status --json`. The supervisor checks every 3 s. Each step must come at
+the first check that finds the silence longer than 5 s (offline) or 120 s (restart, then 60 s later reboot or recovery).
+The exit status is 1 if a step came at another time.
 """
 import datetime
 import json
@@ -48,7 +49,8 @@ def main():
         wrong = wrong or not good
         print(f"{what:32} {passed:8.0f}  {since:6.0f} {after:4}…{after + TICK:<4} {'' if good else '  WRONG'}")
 
-    gap = largest_feed_gap(f"{state}/ops.jsonl")
+    with open(sys.argv[3]) as status:
+        gap = json.load(status)["watchdog"]["largestGap"]
     print(f"largest gap between two feeds of the watchdog: {gap:.1f} s; the limit is 30 s")
     print(f"rounding and a busy host may add {lag:.0f} s to a step")
     print("\nEvery step came at the promised time." if not wrong else "\nA step came at the wrong time.")
@@ -80,17 +82,6 @@ def watchdog_opened(name):
             if operation["op"] == "open" and operation["dev"] == "watchdog":
                 times[operation["boot"]] = operation["board"]
     return times
-
-
-def largest_feed_gap(name):
-    largest, last = 0.0, {}
-    with open(name) as log:
-        for operation in map(json.loads, log):
-            if operation["op"] == "ioctl:KEEPALIVE":
-                boot, now = operation["boot"], operation["board"]
-                largest = max(largest, now - last.get(boot, now))
-                last[boot] = now
-    return largest
 
 
 main()

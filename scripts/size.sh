@@ -6,7 +6,7 @@ set -eu
 
 cd "$(dirname "$0")/.."
 builds=host
-if scripts/setup.sh packages-arm.txt && scripts/arm_sysroot.sh >/dev/null; then
+if scripts/setup.sh arm && scripts/arm_sysroot.sh >/dev/null; then
     scripts/build_arm.sh
     builds="host armhf armhf-static"
 else
