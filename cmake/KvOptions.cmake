@@ -3,7 +3,7 @@ add_library(kv_options INTERFACE)
 target_include_directories(kv_options INTERFACE "${PROJECT_SOURCE_DIR}")
 # A (void) marks each result that is ignored on purpose, but GCC warns anyway.
 target_compile_options(kv_options INTERFACE -Wall -Wextra -Wshadow -Wconversion -Wno-unused-result)
-# For GCC -Wconversion leaves signs out in C++, for clang it does not.
+# clang's -Wconversion includes sign conversions in C++; GCC's does not.
 target_compile_options(kv_options INTERFACE $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion>)
 if(KV_WERROR)
     target_compile_options(kv_options INTERFACE -Werror)

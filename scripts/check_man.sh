@@ -16,13 +16,14 @@ complain() {
 commands_of() { # HELP-TEXT
     sed -n '/^Subcommands:/,$p' <<<"$1" | awk '/^  [a-z]/ { print $1 }'
 }
-helps() { # PROGRAM [COMMAND]: "command WORD", "option --WORD", "default --WORD VALUE", of all commands below as well
+helps() { # PROGRAM [COMMAND]: prints "command WORD", "option --WORD", "default --WORD VALUE", including subcommands
     local text command
     text=$("$bin/$1" "${@:2}" --help)
     # A default inside a text may look like an option. Only words that begin a line are options.
     sed -nE 's/^  (-[a-z],)?(--[a-z][a-z-]*).*/option \2/p' <<<"$text"
-    # "--name TYPE=5" or "--name{5}"; a default that is a path depends on who asks.
-    sed -nE 's/^  (-[a-z],)?(--[a-z][a-z-]*)( [A-Z]+(:[A-Z]+( in \[[^]]*\])?)?=|\{)([^/ }][^ }]*).*/default \2 \6/p' <<<"$text"
+    # "--name TYPE=5" or "--name{5}". Skip defaults that are paths: they depend on the user.
+    sed -nE 's/^  (-[a-z],)?(--[a-z][a-z-]*)( [A-Z]+(:[A-Z]+( in \[[^]]*\])?)?=|\{)([^/ }][^ }]*).*/default \2 \6/p' \
+        <<<"$text"
     for command in $(commands_of "$text"); do
         echo "command ${*:2} $command"
         helps "$@" "$command"
@@ -37,16 +38,16 @@ for program in kvtool vboard; do
     # mandoc marks bold text by overstriking.
     text=$(mandoc -T utf8 -O width=500 "$page" | sed 's/.\x08//g')
     told=$(helps "$program" | sort -u)
-    [ "$(grep -c '^option' <<<"$told")" -gt 5 ] || complain "$program --help tells no options"
+    [ "$(grep -c '^option' <<<"$told")" -gt 5 ] || complain "$program --help shows no options"
     while read -r kind word value; do
         case $kind in
             default)
                 sed -n "/^\.It.* Fl ${word#-}\( \|\$\)/,/^\.\(It\|El\)/p" "$page" | sed '1!{/^\.It/,$d}' |
                     grep -qE -- "(^|[^0-9A-Za-z.])$value([^0-9A-Za-z]|\$)" ||
-                    complain "$page does not tell $word's default $value"
+                    complain "$page lacks $word's default $value"
                 continue
                 ;;
-            # A command heads an entry of its own.
+            # A command begins an entry of its own.
             command) place="^ +$word( |\$)" ;;
             option) place="(^|[^-a-z])$word([^-a-z]|\$)" ;;
         esac
@@ -57,15 +58,15 @@ for program in kvtool vboard; do
     done >"$work"
     [ ! -s "$work" ] || complain "$page has options that $program does not know: $(tr '\n' ' ' <"$work")"
 done
-# Documents: "`--option` 5", or a table's "| 5 … | `--option` |".
+# Documents repeat a default as "`--option` 5", or in a table as "| 5 … | `--option` |".
 told=$(helps kvtool | sort -u)
-# shellcheck disable=SC2016 # the documents' own marks
+# shellcheck disable=SC2016 # the backquotes are Markdown's
 for document in docs/kvtool.md docs/mini-protocol.md; do
     sed -nE 's/.*\| ([0-9.]+)[^|]*\| `(--[a-z-]+)` \|.*/\2 \1/p' "$document" >"$work"
     sed -nE ':a; s/`(--[a-z-]+)` ([0-9.]*[0-9])/\n\1 \2\n/; ta; /\n/p' "$document" | grep '^--' >>"$work" || true
     while read -r option value; do
         grep -qx -- "default $option $value" <<<"$told" || complain "$document: $option's default is not $value"
     done <"$work"
-    [ -s "$work" ] || complain "$document repeats no default; do not look for any"
+    [ -s "$work" ] || complain "$document repeats no default; take it off this list"
 done
 exit "$failed"

@@ -34,7 +34,8 @@ done
 expect "INIT=busybox" "$work/busybox" opt/sbin/upgradeMain opt/sbin/upgrade_prepare.sh etc/init.d/S50upgrademain
 expect "INIT=systemd" "$work/systemd" opt/sbin/upgradeMain opt/sbin/upgrade_prepare.sh \
     opt/lib/systemd/system/upgrademain.service opt/lib/systemd/system.conf.d/upgrademain.conf
-grep -qx PROGRAM=/opt/sbin/upgradeMain "$work/busybox/etc/init.d/S50upgrademain" || die "S50upgrademain ignores the prefix"
+grep -qx PROGRAM=/opt/sbin/upgradeMain "$work/busybox/etc/init.d/S50upgrademain" ||
+    die "S50upgrademain ignores the prefix"
 grep -qx ExecStart=/opt/sbin/upgradeMain "$work/systemd/opt/lib/systemd/system/upgrademain.service" ||
     die "upgrademain.service ignores the prefix"
 rm -r "$work/systemd"

@@ -1,5 +1,5 @@
-# CPack runs this before it packs: adds to the files of each component what Debian wants in a package, a changelog with
-# the date of the release, the terms, and what lintian shall not say; and compresses the man pages.
+# CPack runs this before it makes the packages. It adds the files that Debian requires to each component: a changelog
+# with the release date, the copyright file, and the lintian overrides. It also compresses the man pages.
 cmake_policy(VERSION 3.21)
 file(STRINGS "${CMAKE_CURRENT_LIST_DIR}/../../CHANGELOG.md" heading REGEX "^## [0-9]" LIMIT_COUNT 1)
 if(NOT heading MATCHES "^## ([0-9.]+) \\(([0-9-]+)\\)$" OR NOT CMAKE_MATCH_1 STREQUAL CPACK_PACKAGE_VERSION)
