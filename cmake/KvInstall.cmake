@@ -15,6 +15,26 @@ install(CODE [[
     endif()
 ]] ALL_COMPONENTS)
 
+# The completion scripts that a program prints of itself; not where it cannot run.
+function(kv_install_completion program)
+    if(CMAKE_CROSSCOMPILING)
+        return()
+    endif()
+    set(scripts "${PROJECT_BINARY_DIR}/completions/${program}")
+    add_custom_command(
+        OUTPUT "${scripts}.bash" "${scripts}.zsh"
+        COMMAND "${CMAKE_COMMAND}" -E make_directory "${PROJECT_BINARY_DIR}/completions"
+        COMMAND ${program} completion bash > "${scripts}.bash"
+        COMMAND ${program} completion zsh > "${scripts}.zsh"
+        DEPENDS ${program}
+        VERBATIM)
+    add_custom_target(${program}_completion ALL DEPENDS "${scripts}.bash" "${scripts}.zsh")
+    install(FILES "${scripts}.bash" DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME ${program}
+            COMPONENT tools)
+    install(FILES "${scripts}.zsh" DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/site-functions" RENAME _${program}
+            COMPONENT tools)
+endfunction()
+
 if(KV_DEVICE)
     install(TARGETS upgradeMain RUNTIME DESTINATION "${CMAKE_INSTALL_SBINDIR}" COMPONENT device)
     include(KvInit)
@@ -22,10 +42,12 @@ endif()
 
 if(KV_KVTOOL)
     install(TARGETS kvtool RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
+    kv_install_completion(kvtool)
     install(FILES docs/man/kvtool.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT tools)
 endif()
 if(KV_VBOARD)
     install(TARGETS vboard RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
+    kv_install_completion(vboard)
     install(FILES docs/man/vboard.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT tools)
     install(TARGETS cameraMain RUNTIME DESTINATION "${CMAKE_INSTALL_LIBEXECDIR}/upgrademain" COMPONENT tools)
 endif()

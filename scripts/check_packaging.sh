@@ -95,7 +95,8 @@ PKG_INSTALL_DIR = $(WORK)/device
 END
 # shellcheck disable=SC2016 # for make
 printf '%s\n' 'define BuildPackage' '$(if $(Package/$(1)),,$(error Package/$(1) is empty))' 'endef' \
-    'options:' '	@echo $(CMAKE_OPTIONS)' 'prepare:' '	$(Build/Prepare)' \
+    'options:' '	@echo $(CMAKE_OPTIONS)' \
+    'version:' '	@echo $(PKG_VERSION)' 'prepare:' '	$(Build/Prepare)' \
     'install:' '	$(call Package/upgrademain/install,$(WORK)/openwrt/target)' >"$work/include/package.mk"
 : >"$work/include/cmake.mk"
 openwrt() { # GOAL
@@ -109,6 +110,7 @@ mkdir "$work/source/build"
 UPGRADEMAIN_SRC=$work/source openwrt prepare
 [ -f "$work/openwrt/build/CMakeLists.txt" ] || die "OpenWrt's recipe copies no sources"
 [ ! -e "$work/openwrt/build/build" ] || die "OpenWrt's recipe copies build folders"
+[[ $(openwrt version) =~ ^[0-9]+\.[0-9]+\.[0-9]+$ ]] || die "OpenWrt's recipe finds no version"
 openwrt install
 expect "OpenWrt's recipe" "$work/openwrt/target" usr/sbin/upgradeMain usr/sbin/upgrade_prepare.sh root/wifi_connect.sh \
     usr/bin/wifi_reset.sh usr/bin/startapp.sh etc/init.d/upgrademain

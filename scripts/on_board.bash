@@ -33,9 +33,14 @@ await() {
     }
 }
 
-# Makes $work/app.img, a file system with the stand-in application.
-make_application() {
+# Makes $work/app.img, a file system with the stand-in application; with a name, also with a script of that name, taken from
+# standard input.
+make_application() { # [FILE]
     mkdir -p "$work/app/bin"
     cp "$bin/cameraMain" "$work/app/bin/cameraMain"
+    if [ -n "${1:-}" ]; then
+        cat >"$work/app/$1"
+        chmod +x "$work/app/$1"
+    fi
     mksquashfs "$work/app" "$work/app.img" -quiet -no-progress -all-root
 }
