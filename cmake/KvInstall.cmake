@@ -15,7 +15,7 @@ install(CODE [[
     endif()
 ]] ALL_COMPONENTS)
 
-# The completion scripts that a program prints of itself; not where it cannot run.
+# Installs the completion scripts that a program prints. A cross build cannot run the program and installs none.
 function(kv_install_completion program)
     if(CMAKE_CROSSCOMPILING)
         return()

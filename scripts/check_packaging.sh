@@ -44,7 +44,9 @@ for component in device tools doc; do
 done
 expect "component device" "$work/device" usr/sbin/upgradeMain
 expect "component tools" "$work/tools" usr/bin/kvtool usr/bin/vboard usr/libexec/upgrademain/cameraMain \
-    usr/share/man/man1/kvtool.1 usr/share/man/man1/vboard.1
+    usr/share/man/man1/kvtool.1 usr/share/man/man1/vboard.1 \
+    usr/share/bash-completion/completions/kvtool usr/share/bash-completion/completions/vboard \
+    usr/share/zsh/site-functions/_kvtool usr/share/zsh/site-functions/_vboard
 ! said=$(install_component unknown 2>&1) || die "an unknown component is not an error"
 [[ $said == *"device, doc, tools"* ]] || die "the error for an unknown component does not name the valid ones: $said"
 for file in man/man8/upgradeMain.8 doc/upgradeMain/docs/porting.md \

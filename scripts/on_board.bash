@@ -33,8 +33,8 @@ await() {
     }
 }
 
-# Makes $work/app.img, a file system with the stand-in application; with a name, also with a script of that name, taken from
-# standard input.
+# Makes $work/app.img, a file system with the stand-in application. With FILE, the file system also contains a script of
+# that name, read from standard input.
 make_application() { # [FILE]
     mkdir -p "$work/app/bin"
     cp "$bin/cameraMain" "$work/app/bin/cameraMain"

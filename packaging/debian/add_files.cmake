@@ -13,7 +13,7 @@ foreach(component tools doc)
     file(COPY "${CMAKE_CURRENT_LIST_DIR}/copyright" DESTINATION "${share}/doc/${package}")
     configure_file("${CMAKE_CURRENT_LIST_DIR}/changelog.in" "${share}/doc/${package}/changelog.Debian" @ONLY)
     configure_file("${CMAKE_CURRENT_LIST_DIR}/${package}.overrides" "${share}/lintian/overrides/${package}" COPYONLY)
-    # Debian's zsh looks for what packages bring in a folder of its own.
+    # Debian's zsh looks for packages' completion scripts in another folder.
     if(EXISTS "${share}/zsh/site-functions")
         file(RENAME "${share}/zsh/site-functions" "${share}/zsh/vendor-completions")
     endif()
