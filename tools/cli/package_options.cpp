@@ -69,8 +69,7 @@ void AddLayout(CLI::App* command, LayoutOptions* options) {
     command
         ->add_option("--size", options->sizes,
                      "Size of one partition, NAME=BYTES (K, M, G allowed)")
-        ->allow_extra_args(false)
-        ->type_name("NAME=BYTES");
+        ->allow_extra_args(false);
 }
 
 void AddTrust(CLI::App* command, Trust* trust) {
