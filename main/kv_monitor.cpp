@@ -12,7 +12,7 @@
 #include "flash/kv_fullhan_flash.h"
 #include "flash/kv_fullhan_watdog.h"
 #include "main/hardware_reset.h"
-#include "mini/kv_hvloop_pool.h"
+#include "mini/kv_mini_service.h"
 #include "wifi/kv_wifi_conf.h"
 
 namespace {

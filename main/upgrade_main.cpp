@@ -17,7 +17,7 @@
 #include "hv/hloop.h"
 #include "main/kv_monitor.h"
 #include "main/kv_signals.h"
-#include "mini/kv_hvloop_pool.h"
+#include "mini/kv_mini_service.h"
 #include "wifi/kv_wifi_conf.h"
 #include "wifi/kv_wifi_sta.h"
 #ifdef KV_HV_SYSTEM

@@ -6,6 +6,7 @@
 
 #include "common/kv_platform.h"
 #include "mini/kv_hvloop_pool.h"
+#include "mini/kv_mini_service.h"
 #include "tests/support/capture.h"
 #include "tests/support/surroundings.h"
 #include "tests/support/tcp_client.h"

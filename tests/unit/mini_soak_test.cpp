@@ -1,5 +1,5 @@
 // The mini services as a device uses them that falls into recovery again and again.
-#include "mini/kv_hvloop_pool.h"
+#include "mini/kv_mini_service.h"
 #include "tests/support/capture.h"
 #include "tests/support/discovery_client.h"
 #include "tests/support/footprint.h"
