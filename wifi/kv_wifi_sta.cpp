@@ -333,6 +333,18 @@ int KV_WIFI_StaConnect(const KV_WIFI_STA_PARAM* param) {
     return 0;
 }
 
+int __KV_WIFI_StaSupplicant() {
+    KV_WIFI_STA_PARAM param{};
+    param.pcScriptPath = kv::kWifiConnectScript;
+    param.pcWorkPath = kv::kWifiWorkDir;
+    param.ucGuardEnable = 1;
+    param.ucDhcp = 1;
+    // Reported as start-up's: that is where readers of the log look for it.
+    (void)KV_WIFI_WriteConf({"upgrade_main", __func__}, kv::kServiceSsid, kv::kServicePassphrase,
+                            kv::kWifiWorkDir);
+    return KV_WIFI_StaConnect(&param);
+}
+
 int KV_WIFI_StaStop() {
     const MutexGuard guard(&g_station.control);
     return Stop();
