@@ -30,6 +30,7 @@ struct LoopSlot {
 
 struct LoopPool {
     std::atomic<int> inited;
+    std::atomic<bool> ending;
     LoopSlot slots[4];
 };
 
@@ -104,6 +105,7 @@ void Arrive(hevent_t* event) {
 }  // namespace
 
 int KV_HV_LoopPoolInit(void) {
+    g_pool.ending = false;
     for (LoopSlot& slot : g_pool.slots) {
         if (slot.loop != nullptr) {
             // Running since an earlier call that failed at a later slot.
@@ -146,6 +148,14 @@ int KV_HV_LoopPoolDeInit(void) {
     }
     KV_DEBUG("LoopPoolInit DeInit Success!");
     return 0;
+}
+
+void KV_HV_LoopPoolAnnounceEnd(void) {
+    g_pool.ending = true;
+}
+
+bool KV_HV_LoopPoolIsEnding(void) {
+    return g_pool.ending;
 }
 
 hloop_t* KV_HV_GetAcceptLoop(void) {

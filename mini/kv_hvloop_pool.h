@@ -23,6 +23,12 @@ int KV_HV_LoopPoolStart(void);
 // a pool.
 int KV_HV_LoopPoolDeInit(void);
 
+// Tells the callbacks on the loops that the pool is about to be removed: those that serve a request
+// return at once from now on, so that a stop does not wait for the requests that have queued up.
+// Holds until the pool is created again. Any thread; does not block.
+void KV_HV_LoopPoolAnnounceEnd(void);
+bool KV_HV_LoopPoolIsEnding(void);
+
 // The loop that accepts connections; creates the pool when there is none. Null when that fails.
 hloop_t* KV_HV_GetAcceptLoop(void);
 

@@ -30,6 +30,7 @@ int KV_MINI_ServiceStart(void) {
 int KV_MINI_ServiceStop(void) {
     const MutexGuard guard(&g_serviceLock);
     g_serviceStarted = 0;
+    KV_HV_LoopPoolAnnounceEnd();
     (void)KV_MINI_DiscoverDeInit();
     (void)KV_MINI_ProtocolDeInit();
     (void)KV_HV_LoopPoolDeInit();
