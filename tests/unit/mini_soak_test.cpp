@@ -18,6 +18,8 @@ bool Live() {
     searcher.Send(Search(13));
     const bool found = searcher.Receive().size() == 544;
     const TcpClient client(80);
+    // Comes while the services stop.
+    searcher.Send(Search(13));
     (void)KV_MINI_ServiceStop();
     return found && client.Connected();
 }
