@@ -412,9 +412,9 @@ TEST_F(HvIo, ARequestIsQueuedOnceAndGoesWithItsIo) {
         });
         inside.get_future().wait();
         Post(loop_.Get(), count, &ran);
-        for (int i = 0; i < 2; ++i) {
-            hio_read(server_.last);
-            hio_close(server_.last);
+        for (int (*request)(hio_t*) : {hio_read, hio_close}) {
+            request(server_.last);
+            request(server_.last);
         }
         posted.set_value();
         busy.join();
