@@ -1,10 +1,11 @@
-# What `cmake --install` lays down. Components, so that an image takes only what it needs:
-#   device  the daemon; with KV_INIT also what the init system starts it by
+# What `cmake --install` installs. Components let an image take only what it needs:
+#   device  the daemon; with KV_INIT also the init system's start file and its script
 #   tools   the PC programs with their man pages, and the stand-in application
 #   doc     the daemon's man page, documents, example scripts of a board
 include(GNUInstallDirs)
 
-# An unknown component would install nothing and call it a success. The list is complete only at the end of this file.
+# Without this check an unknown component would install nothing and succeed. The list is complete only at the
+# end of this file.
 install(CODE [[
     cmake_policy(SET CMP0057 NEW)
     include("${CMAKE_CURRENT_LIST_DIR}/components.cmake")
@@ -14,7 +15,7 @@ install(CODE [[
     endif()
 ]] ALL_COMPONENTS)
 
-# The completion scripts that a program prints of itself; not where it cannot run.
+# Installs the completion scripts that a program prints. A cross build cannot run the program and installs none.
 function(kv_install_completion program)
     if(CMAKE_CROSSCOMPILING)
         return()
@@ -53,7 +54,7 @@ endif()
 
 install(FILES docs/man/upgradeMain.8 DESTINATION "${CMAKE_INSTALL_MANDIR}/man8" COMPONENT doc)
 file(GLOB documents CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/docs/*.md")
-# As in the sources, because they refer to each other.
+# The same layout as in the sources, because these files link to each other.
 install(FILES README.md ARCHITECTURE.md CONTRIBUTING.md SECURITY.md CHANGELOG.md DESTINATION "${CMAKE_INSTALL_DOCDIR}"
         COMPONENT doc)
 install(FILES ${documents} DESTINATION "${CMAKE_INSTALL_DOCDIR}/docs" COMPONENT doc)

@@ -1,5 +1,5 @@
 #!/bin/bash
-# The main story on a virtual camera: a dead application, recovery over Wi-Fi, new firmware, alive again.
+# Shows the main story on a virtual camera: dead application, recovery over Wi-Fi, new firmware, alive again.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -12,7 +12,7 @@ phases=()
 begin() { printf '\n== %s\n' "$1"; phase=$1 began=$(now); }
 end() { phases+=("$(printf '%-62s %8s' "$phase" "$(seconds "$began" "$(now)")")"); }
 
-begin "Firmware images are made and packed"
+begin "Make and pack firmware images"
 mkdir -p "$work/root/etc"
 echo "virtual camera" >"$work/root/etc/issue"
 head -c 1500000 /dev/urandom >"$work/root/library"
@@ -45,7 +45,7 @@ mac=$(board exec -- "$bin/kvtool" discover --timeout 1 --json |
     python3 -c 'import json, sys; print(json.load(sys.stdin)["devices"][0]["mac"])')
 end
 
-begin "The package travels over Wi-Fi into flash; kvtool sees it alive"
+begin "The package goes over Wi-Fi into flash; kvtool sees the device alive again"
 board exec -- "$bin/kvtool" upgrade "$mac" "$work/firmware.FLS"
 board status | sed -n '2p'
 end
@@ -56,7 +56,7 @@ await --boot 2 --log "Process cameraMain online"
 board log | grep -E "app file exist|online" | head -2
 end
 
-printf '\n== Every partition was read back\n'
+printf '\n== Every partition read back\n'
 failed=0
 for mtd in 0 1 2 3 4 5; do
     board flash read "mtd$mtd" "$work/mtd$mtd.bin"

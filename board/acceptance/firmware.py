@@ -1,4 +1,4 @@
-"""Firmware images, the package that carries them, and whether flash is as the package leaves it."""
+"""Firmware images, their package, and the check of flash against the package."""
 
 import random
 import subprocess
@@ -7,12 +7,12 @@ import nor
 from channel import Failure
 
 PLACES = {"uboot": ["boot0", "boot1", "boot2"], "kernel": ["kernel"], "rootfs": ["rootfs"], "app": ["app"]}
-# Sizes that end in the middle of a chunk; the boot loader reaches into its third partition.
+# These sizes end in the middle of a chunk. The boot loader reaches into its third partition.
 FILLER = {"uboot": 350_000, "kernel": 1_800_001, "rootfs": 1_500_000, "app": 700_000}
 
 
 class Firmware:
-    """Different seeds give different images, so that the new firmware can be told from the old."""
+    """Different seeds give different images, which tells new firmware from old."""
 
     def __init__(self, folder, kvtool, application, seed):
         folder.mkdir()
@@ -32,7 +32,7 @@ class Firmware:
         _run(kvtool, "pack", "-o", self.package, *(f"{name}={image}" for name, image in self.images.items()))
 
     def compare(self, flash):
-        """One line of report for each partition; Failure if one holds anything but what the package leaves there."""
+        """Returns a report line per partition; raises Failure if one differs from what the package writes."""
         dumps = []
         for name, devices in PLACES.items():
             for device in devices:
