@@ -260,14 +260,33 @@ TEST(RealNor, HoldsUpNeitherTheFeederNorAReset) {
     ASSERT_TRUE(board.WaitRecovery(3));
 }
 
-TEST_F(FlashWriter, FailedRebootCommandLeavesTheResetToTheWatchdog) {
-    ASSERT_TRUE(board_.WaitRecovery());
-    board_.Fault({"reboot", "fail"});
-    board_.Signal(SIGUSR2);
-    ASSERT_TRUE(board_.WaitBoot(2, 60));
-    EXPECT_EQ(board_.Reason(2).substr(0, 8), "watchdog");
-    EXPECT_TRUE(
-        HasRun(RunMessages(1), {"ERROR KV_UPGRADE_Reboot: do reboot failed!!!",
+class RebootCommand : public FlashWriter {
+  protected:
+    void SetUp() override {
+        Lines options = kLayout;
+        options.insert(options.end(), {"--speed", "10"});
+        board_.Start(options);
+    }
+};
+
+TEST_F(RebootCommand, LeavesTheResetToTheWatchdogWhenItFailsOrHangs) {
+    for (const char* const fault : {"fail", "hang"}) {
+        SCOPED_TRACE(fault);
+        ASSERT_TRUE(board_.WaitRecovery(boot_));
+        board_.Fault({"reboot", fault});
+        board_.Signal(SIGUSR2);
+        // A second request, which waits for the end of the first: it finds a device that is about
+        // to be reset.
+        ASSERT_TRUE(board_.WaitTrace("Scalable partition:", boot_));
+        board_.Signal(SIGUSR2);
+        ASSERT_TRUE(board_.WaitBoot(boot_ + 1, 60));
+        EXPECT_EQ(board_.Reason(boot_ + 1).substr(0, 8), "watchdog");
+        const Lines messages = RunMessages(boot_++);
+        const Lines expected = {"ERROR KV_UPGRADE_Proc: open /tmp/upGradeFile.FLS error",
+                                "ERROR KV_UPGRADE_Reboot: do reboot failed!!!",
                                 "INFO KV_FH_WDT_Reboot: Start to stop feeding the dog!",
-                                "DEBUG KV_FH_WDT_Reboot: Wait for the watchdog to restart!"}));
+                                "DEBUG KV_FH_WDT_Reboot: Wait for the watchdog to restart!"};
+        EXPECT_TRUE(HasRun(messages, expected));
+        EXPECT_EQ(messages.back(), expected.back());
+    }
 }

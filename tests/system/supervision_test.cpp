@@ -247,6 +247,38 @@ TEST(Monitor, FlashingDuringARestartKeepsTheApplicationDown) {
     EXPECT_EQ(board.Echoes(), expected);
 }
 
+TEST(Monitor, FlashingStopsTheRebootAndTheRecoveryThatWereUnderWay) {
+    // The step that runs when the writer starts, and what must not follow it.
+    const struct {
+        bool marker;
+        const char* command;
+        Lines done;
+    } rows[] = {{false, "touch", {kReboot[0]}}, {true, "rm", kRemoveMarker}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.command);
+        Board board;
+        if (row.marker) {
+            std::filesystem::create_directories(board.Path("param/var"));
+            WriteFile(board.Path(kMarker), "");
+        }
+        board.StartSilent(kSpeed);
+        ASSERT_TRUE(board.WaitConsole("# startapp.sh\r\n"));
+        // The step ends while the writer is at its first two commands.
+        WriteFile(board.Path("param/slow"), "#!/bin/sh\nsleep 30\n");
+        (void)board.OnBoard(std::string("chmod +x /param/slow && mount --bind /param/slow "
+                                        "/usr/bin/killall && mount --bind /param/slow /usr/bin/") +
+                            row.command);
+        ASSERT_TRUE(board.WaitConsole("# " + row.done[0]));
+        board.Signal(SIGUSR2);
+        ASSERT_TRUE(board.WaitBoot(2));
+        EXPECT_EQ(board.Reason(2), "reboot -f\n");
+        EXPECT_EQ(board.Echoes(), kRestart + row.done);
+        EXPECT_TRUE(Contains(board.Trace(), "open /tmp/upGradeFile.FLS error")) << board.Trace();
+        EXPECT_FALSE(Contains(board.Trace(), "LoopPoolInit"));
+        EXPECT_EQ(CountOf(board.Trace(), "Start to stop feeding the dog!"), 0U);
+    }
+}
+
 TEST(Monitor, WhatCountsAsAHeartbeat) {
     Board board;
     board.InstallApplication();

@@ -54,10 +54,20 @@ TEST(Supervisor, Sigusr1DisarmsAndNothingElse) {
     board.Signal(SIGUSR1);
     ASSERT_TRUE(board.WaitTrace("KV_FH_WDT_Stop:176 "));
     EXPECT_FALSE(board.Armed());
-    // A second stop disarms the old number again and is not refused.
+    EXPECT_FALSE(board.Status().at("watchdog").at("open"));
+    // A connection takes the lowest free number. A second stop is not refused, and leaves it alone.
+    const TcpClient client = board.Client();
+    EXPECT_EQ(client.Ask(Frame(6)), ReplyHeader(6, 0, 0));
     board.Signal(SIGUSR1);
     EXPECT_TRUE(WaitUntil([&] { return CountOf(board.Trace(), "KV_FH_WDT_Stop:176 ") == 2; }));
-    EXPECT_EQ(board.Client().Ask(Frame(6)), ReplyHeader(6, 0, 0));
+    EXPECT_EQ(client.Ask(Frame(6)), ReplyHeader(6, 0, 0));
+    EXPECT_EQ(CountOf(board.Trace(), "KV_FH_WDT_Stop"), 2U);
+    std::map<std::string, int> operations;
+    for (const auto& operation : board.Operations()) {
+        ++operations[operation.at("op")];
+    }
+    EXPECT_EQ(operations["ioctl:SETOPTIONS"], 1);
+    EXPECT_EQ(operations["release"], 1);
 }
 
 TEST(Supervisor, SecondSigtermIsAnsweredWhileTheFirstOnesJoinBlocks) {
@@ -128,6 +138,19 @@ TEST(Supervisor, WatchdogFailuresAtStart) {
         ++boot;
         EXPECT_EQ(feeds[boot] > 0, row.fed) << row.line;
     }
+}
+
+TEST(Supervisor, SaysThatTheHeartbeatPortIsTaken) {
+    Board board;
+    board.StartRecovery();
+    (void)board.OnBoard("cd /tmp && /opt/upgrade/upgradeMain </dev/null >/dev/null 2>second &");
+    EXPECT_TRUE(WaitUntil([&] {
+        return Contains(board.OnBoard("cat /tmp/second").output,
+                        " ERROR upgrade_main:PrepareLoop:");
+    })) << board.OnBoard("cat /tmp/second").output;
+    EXPECT_TRUE(
+        Contains(board.OnBoard("cat /tmp/second").output,
+                 "no heartbeats can be received, udp 127.0.0.1:5555: Address already in use"));
 }
 
 TEST(Supervisor, StoppedProgramIsResetByTheWatchdog) {
