@@ -3,7 +3,7 @@
 #
 # Called by     the station thread in recovery mode, for each attempt to connect; before it: `killall -9 udhcpc`, wlan0 down
 #               and up, `killall -9 wpa_supplicant`
-# Arguments     "sta" and the supplicant's file, /tmp/wpa_supplicant.conf; the Wi-Fi debug command passes one in /param
+# Arguments     "sta" and the supplicant's file, /tmp/wpa_supplicant.conf; other programs built on the station may name one in /param
 # Afterwards    the supplicant runs in the background with CONF unchanged. Its control socket is wlan0 in the folder that
 #               CONF names as ctrl_interface; the supervisor reads the connection's state there. No address is set:
 #               `udhcpc -i wlan0` does that later.
