@@ -184,15 +184,15 @@ void hio_attach(hloop_t* loop, hio_t* io) {
     }
 }
 
-void hio_set_read_timeout(hio_t* io, int timeout_ms) {
-    io->readTimeoutMs = timeout_ms;
+void hio_set_read_timeout(hio_t* io, int timeoutMs) {
+    io->readTimeoutMs = timeoutMs;
     // Not yet reading: it starts with the reading.
     if (!io->assigned || io->closing || io->kind == HvKind::kListener) {
         return;
     }
     io->lastArrivalMs = kv::MonotonicMilliseconds();
-    if (timeout_ms > 0) {
-        (void)HvStartTimer(io->base.loop, &io->timerEvent, static_cast<uint32_t>(timeout_ms));
+    if (timeoutMs > 0) {
+        (void)HvStartTimer(io->base.loop, &io->timerEvent, static_cast<uint32_t>(timeoutMs));
     } else {
         (void)event_del(&io->timerEvent);
     }

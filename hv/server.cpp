@@ -40,12 +40,12 @@ hio_t* CreateServer(hloop_t* loop, const char* host, int port, int type) {
 
 }  // namespace
 
-hio_t* hloop_create_tcp_server(hloop_t* loop, const char* host, int port, haccept_cb accept_cb) {
+hio_t* hloop_create_tcp_server(hloop_t* loop, const char* host, int port, haccept_cb cb) {
     hio_t* io = CreateServer(loop, host, port, SOCK_STREAM);
     if (io == nullptr) {
         return nullptr;
     }
-    io->onAccept = accept_cb;
+    io->onAccept = cb;
     return hio_read(io) == 0 ? io : nullptr;
 }
 

@@ -28,8 +28,8 @@ void OnTimer(evutil_socket_t /*fd*/, short /*what*/, void* arg) {
 
 }  // namespace
 
-htimer_t* htimer_add(hloop_t* loop, htimer_cb cb, uint32_t timeout_ms, uint32_t repeat) {
-    if (loop == nullptr || cb == nullptr || timeout_ms == 0 || repeat == 0) {
+htimer_t* htimer_add(hloop_t* loop, htimer_cb cb, uint32_t timeoutMs, uint32_t repeat) {
+    if (loop == nullptr || cb == nullptr || timeoutMs == 0 || repeat == 0) {
         return nullptr;
     }
     auto* timer = new (std::nothrow) htimer_s;
@@ -40,7 +40,7 @@ htimer_t* htimer_add(hloop_t* loop, htimer_cb cb, uint32_t timeout_ms, uint32_t 
     timer->onTimer = cb;
     timer->repeat = repeat;
     if (event_assign(&timer->timerEvent, loop->base, -1, EV_PERSIST, OnTimer, timer) != 0 ||
-        HvStartTimer(loop, &timer->timerEvent, timeout_ms) != 0) {
+        HvStartTimer(loop, &timer->timerEvent, timeoutMs) != 0) {
         delete timer;
         return nullptr;
     }

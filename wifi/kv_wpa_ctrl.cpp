@@ -39,7 +39,7 @@ constexpr int kReplyWaitMilliseconds = 10000;
 constexpr int kNoReply = -2;
 
 std::atomic<int> g_openCount{0};
-std::atomic<const char*> gpWorkPath{nullptr};
+std::atomic<const char*> g_workPath{nullptr};
 
 // Each listener thread takes a number, and the flag holds the number of the one that is to run (0:
 // none), so one that was stopped cannot mistake its successor's flag for its own.
@@ -118,7 +118,7 @@ int RequestOk(wpa_ctrl* ctrl, const char* command) {
 }
 
 wpa_ctrl* OpenRunPath() {
-    const char* runPath = gpWorkPath;
+    const char* runPath = g_workPath;
     wpa_ctrl* ctrl = nullptr;
     if (runPath != nullptr) {
         char path[128];
@@ -271,7 +271,7 @@ int wifi_run_cmd(const char* command, char* reply, size_t* replyLength) {
     int result = -1;
     wpa_ctrl* ctrl = OpenRunPath();
     if (ctrl == nullptr) {
-        const char* runPath = gpWorkPath;
+        const char* runPath = g_workPath;
         KV_ERROR("Err: wpa_ctrl_open():%s", runPath != nullptr ? runPath : "(null)");
     } else {
         result = wpa_ctrl_request(ctrl, command, strlen(command), reply, replyLength, nullptr);
@@ -285,7 +285,7 @@ int wifi_run_cmd(const char* command, char* reply, size_t* replyLength) {
 }
 
 void KV_WIFI_SetRunPath(const char* path) {
-    gpWorkPath = path;
+    g_workPath = path;
     KV_DEBUG("gpWorkPath:%s", path != nullptr ? path : "(null)");
 }
 

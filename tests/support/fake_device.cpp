@@ -86,7 +86,7 @@ void Device::Serve() {
         if (next == Next::kRestart) {
             listener_.Reset();
             clients.clear();
-            if (!script_.back_after || !Pause(*script_.back_after)) {
+            if (!script_.backAfter || !Pause(*script_.backAfter)) {
                 return;
             }
             Listen();
@@ -163,19 +163,19 @@ Device::Next Device::Command(int fd) {
 }
 
 Device::Next Device::ReceiveStream(int fd) {
-    Bytes chunk(script_.read_step);
+    Bytes chunk(script_.readStep);
     size_t held = Stream().size();
     for (;;) {
-        if (script_.close_after && held >= *script_.close_after) {
-            const linger at_once{1, 0};
-            (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+        if (script_.closeAfter && held >= *script_.closeAfter) {
+            const linger atOnce{1, 0};
+            (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
             return Next::kEnd;
         }
         if (held >= total_) {
             return GiveVerdict(fd);
         }
         size_t room = std::min<uint64_t>(chunk.size(), total_ - held);
-        for (const auto& limit : {script_.close_after, script_.stop_after}) {
+        for (const auto& limit : {script_.closeAfter, script_.stopAfter}) {
             room = limit ? std::min(room, *limit - held) : room;
         }
         if (room == 0) {
@@ -194,10 +194,10 @@ Device::Next Device::ReceiveStream(int fd) {
             stream_.insert(stream_.end(), chunk.begin(), chunk.begin() + n);
             held = stream_.size();
         }
-        if (script_.busy_after && held >= *script_.busy_after && held < total_) {
+        if (script_.busyAfter && held >= *script_.busyAfter && held < total_) {
             Reply(fd, 0x2002, 0xFFFF);
         }
-        if (script_.read_pause.count() > 0 && !Pause(script_.read_pause)) {
+        if (script_.readPause.count() > 0 && !Pause(script_.readPause)) {
             return Next::kEnd;
         }
     }
@@ -205,7 +205,7 @@ Device::Next Device::ReceiveStream(int fd) {
 
 Device::Next Device::GiveVerdict(int fd) {
     if (script_.verdict == Verdict::kAnswer) {
-        Reply(fd, 0x2002, script_.verdict_status);
+        Reply(fd, 0x2002, script_.verdictStatus);
     }
     if (script_.verdict == Verdict::kClose) {
         return Next::kEnd;
@@ -220,7 +220,7 @@ void Device::Reply(int fd, uint16_t command, uint16_t status, const std::string&
     if (script_.edit) {
         reply = script_.edit(command, reply);
     }
-    const size_t piece = script_.reply_piece == 0 ? reply.size() : script_.reply_piece;
+    const size_t piece = script_.replyPiece == 0 ? reply.size() : script_.replyPiece;
     for (size_t at = 0; at < reply.size(); at += piece) {
         if (at > 0 && !Pause(milliseconds(2))) {
             return;

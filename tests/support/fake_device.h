@@ -18,20 +18,20 @@ enum class Verdict { kAnswer, kSilent, kClose };
 struct Script {
     std::string ic = "PRT7K";
     std::string sensor = "38QX";
-    size_t reply_piece = 0;   // send replies in pieces of this size, 0: whole
-    size_t read_step = 8192;  // bytes taken from the stream at once
-    milliseconds read_pause{0};
-    std::optional<size_t> close_after;  // reset the connection after so many stream bytes
-    std::optional<size_t> stop_after;   // read nothing more after so many stream bytes
-    std::optional<size_t> busy_after;   // answer 0xFFFF to every read from so many stream bytes on
+    size_t replyPiece = 0;   // send replies in pieces of this size, 0: whole
+    size_t readStep = 8192;  // bytes taken from the stream at once
+    milliseconds readPause{0};
+    std::optional<size_t> closeAfter;  // reset the connection after so many stream bytes
+    std::optional<size_t> stopAfter;   // read nothing more after so many stream bytes
+    std::optional<size_t> busyAfter;   // answer 0xFFFF to every read from so many stream bytes on
     Verdict verdict = Verdict::kAnswer;
-    uint16_t verdict_status = 0;
+    uint16_t verdictStatus = 0;
     // Changes the reply to a command before it is sent; an empty one is not sent at all.
     std::function<Bytes(uint16_t command, Bytes reply)> edit;
     // After acceptance the listener and all connections close; with a time, they come back then,
     // as after a restart.
     bool leaves = false;
-    std::optional<milliseconds> back_after;
+    std::optional<milliseconds> backAfter;
 };
 
 class Device {

@@ -4,11 +4,15 @@
 
 namespace kv_test {
 
-std::atomic<long> g_sleptMs{0};
+namespace {
 
-static Connection* Of(hio_t* io) {
+Connection* Of(hio_t* io) {
     return reinterpret_cast<Connection*>(io);
 }
+
+}  // namespace
+
+std::atomic<long> g_sleptMs{0};
 
 extern "C" {
 int __wrap_nanosleep(const timespec* time, timespec* left) {
@@ -27,8 +31,8 @@ int __wrap_hio_read(hio_t* io) {
 void __wrap_hio_setcb_read(hio_t* io, hread_cb cb) {
     Of(io)->onRead = cb;
 }
-void __wrap_hio_set_read_timeout(hio_t* io, int timeout_ms) {
-    Of(io)->timeouts.push_back(timeout_ms);
+void __wrap_hio_set_read_timeout(hio_t* io, int timeoutMs) {
+    Of(io)->timeouts.push_back(timeoutMs);
 }
 void* __wrap_hio_context(hio_t* io) {
     return &Of(io)->session;

@@ -142,7 +142,7 @@ TEST_F(KvtoolCli, UpgradeComparesWithWhatTheDeviceSays) {
 TEST_F(KvtoolCli, InterruptEndsAnUploadAtOnce) {
     for (const char* const signal : {"INT", "TERM"}) {
         fake::Script script;
-        script.stop_after = 1000;
+        script.stopAfter = 1000;
         fake::Device device(script);
         EXPECT_EQ(
             RunTool({"upgrade", "--port", std::to_string(device.Port()), "127.0.0.1", Path("good")},

@@ -1,6 +1,6 @@
 // kvtool: what it makes of a discovery reply. The search itself is shown on a board.
 #include "tests/support/discovery_client.h"
-#include "tools/kvtool_lib/discovery_reply.h"
+#include "tools/device/discovery_reply.h"
 
 using namespace kv_test;
 
@@ -26,12 +26,12 @@ TEST(KvtoolDiscover, ReadsEveryField) {
     EXPECT_EQ(reply.dns, "172.20.18.2");
     EXPECT_EQ(reply.mac, "02:00:5E:10:20:30");
     EXPECT_EQ(reply.kind, "IPC");
-    EXPECT_EQ(reply.device_type, "IPCAMERA");
+    EXPECT_EQ(reply.deviceType, "IPCAMERA");
     EXPECT_EQ(reply.firmware, "PRT7K_38QX_QJT_V1.0.0.241127_R1");
     EXPECT_EQ(reply.account, "admin");
-    EXPECT_EQ(reply.command_port, 80);
-    EXPECT_EQ(reply.rtsp_port, 554);
-    EXPECT_EQ(reply.http_port, 80);
+    EXPECT_EQ(reply.commandPort, 80);
+    EXPECT_EQ(reply.rtspPort, 554);
+    EXPECT_EQ(reply.httpPort, 80);
     // What the device could not tell is no fault.
     const Bytes empty = ExpectedReply({});
     EXPECT_EQ(kvtool::ParseDiscoveryReply(empty.data(), empty.size(), &reply), "");

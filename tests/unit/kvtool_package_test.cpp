@@ -1,8 +1,8 @@
 // kvtool: packages, built and inspected.
 #include "tests/support/discovery_client.h"
-#include "tools/kvtool_lib/errors.h"
-#include "tools/kvtool_lib/package_builder.h"
-#include "tools/kvtool_lib/package_check.h"
+#include "tools/base/errors.h"
+#include "tools/package/builder.h"
+#include "tools/package/check.h"
 
 namespace {
 
@@ -77,7 +77,7 @@ TEST(KvtoolPack, PadsOnlyToTheUnitAndNeverBehindTheBootLoader) {
     ASSERT_EQ(report.entries.size(), 3U);
     EXPECT_EQ(report.entries[0].behind, 0U);
     EXPECT_EQ(report.entries[1].behind, 65535U);
-    EXPECT_TRUE(report.entries[1].behind_blank);
+    EXPECT_TRUE(report.entries[1].behindBlank);
     EXPECT_EQ(report.entries[2].name, "uboot");
     EXPECT_EQ(report.entries[2].behind, 0U);
 }
@@ -128,13 +128,13 @@ TEST(KvtoolInspect, ReadsThePackageMadeByHand) {
     EXPECT_TRUE(report.findings.empty()) << AllFindings(report);
     EXPECT_EQ(report.ic, "PRT7K");
     EXPECT_EQ(report.sensor, "38QX");
-    EXPECT_EQ(report.total_len, 66075U);
+    EXPECT_EQ(report.totalLen, 66075U);
     ASSERT_EQ(report.entries.size(), 2U);
     EXPECT_EQ(report.entries[0].targets.at(0).device, "/dev/mtd5");
     EXPECT_EQ(report.entries[0].behind, 65531U);
     EXPECT_EQ(report.entries[0].md5, "4c462d6dd59d782386bb1cdad0060c70");  // of "APPLE"
     EXPECT_EQ(report.entries[1].targets.at(0).device, "/dev/mtd0");
-    EXPECT_EQ(report.entries[1].data_offset, 0x10218U);
+    EXPECT_EQ(report.entries[1].dataOffset, 0x10218U);
 }
 
 TEST(KvtoolInspect, NamesWhatTheDeviceWouldMakeOfIt) {

@@ -1,8 +1,8 @@
 // kvtool: the command protocol and upgrades, against a scripted device.
 #include "tests/support/fake_device.h"
 #include "tests/support/wire.h"
-#include "tools/kvtool_lib/follow.h"
-#include "tools/kvtool_lib/upgrade_session.h"
+#include "tools/device/follow.h"
+#include "tools/device/upgrade_session.h"
 
 namespace {
 
@@ -29,14 +29,14 @@ kvtool::UpgradeTimes ShortTimes() {
     kvtool::UpgradeTimes times;
     times.connect = Millis(2000);
     times.reply = Millis(2000);
-    times.header_gap = Millis(200);
-    times.first_look = Millis(300);
+    times.headerGap = Millis(200);
+    times.firstLook = Millis(300);
     times.stall = Millis(3000);
     times.verify = Millis(2000);
     times.leave = Millis(2000);
     times.back = Millis(2000);
-    times.probe_every = Millis(50);
-    times.probe_reply = Millis(500);
+    times.probeEvery = Millis(50);
+    times.probeReply = Millis(500);
     return times;
 }
 
@@ -99,9 +99,9 @@ TEST(KvtoolUpgrade, SendsThePackageAndItsTrailerWhole) {
 
 TEST(KvtoolUpgrade, SurvivesSplitRepliesAndASlowReader) {
     Script script;
-    script.reply_piece = 7;
-    script.read_step = 3000;
-    script.read_pause = Millis(1);
+    script.replyPiece = 7;
+    script.readStep = 3000;
+    script.readPause = Millis(1);
     Device device(script);
     kvtool::UpgradeRecord record;
     const Bytes package = Pattern(400000);
@@ -120,16 +120,16 @@ TEST(KvtoolUpgrade, TellsFailuresOfTheTransferApart) {
     // More than a sending socket ever holds (4 MiB), so that a refusal comes before the end.
     constexpr size_t kLarge = 8 << 20;
     const Case cases[] = {
-        {"reset in front of everything", [](Script* s) { s->close_after = 0; }, ExitCode::kLost},
-        {"reset in the middle", [](Script* s) { s->close_after = 500000; }, ExitCode::kLost},
-        {"device stops reading", [](Script* s) { s->stop_after = 10000; }, ExitCode::kLost},
-        {"busy at once", [](Script* s) { s->busy_after = 1; }, ExitCode::kBusy, kLarge},
-        {"busy in the middle", [](Script* s) { s->busy_after = 900000; }, ExitCode::kBusy, kLarge},
+        {"reset in front of everything", [](Script* s) { s->closeAfter = 0; }, ExitCode::kLost},
+        {"reset in the middle", [](Script* s) { s->closeAfter = 500000; }, ExitCode::kLost},
+        {"device stops reading", [](Script* s) { s->stopAfter = 10000; }, ExitCode::kLost},
+        {"busy at once", [](Script* s) { s->busyAfter = 1; }, ExitCode::kBusy, kLarge},
+        {"busy in the middle", [](Script* s) { s->busyAfter = 900000; }, ExitCode::kBusy, kLarge},
         {"silent", [](Script* s) { s->verdict = Verdict::kSilent; }, ExitCode::kNoVerdict},
         {"closes for verdict", [](Script* s) { s->verdict = Verdict::kClose; },
          ExitCode::kNoVerdict},
-        {"other status", [](Script* s) { s->verdict_status = 7; }, ExitCode::kBadReply},
-        {"busy for verdict", [](Script* s) { s->verdict_status = 0xFFFF; }, ExitCode::kBusy},
+        {"other status", [](Script* s) { s->verdictStatus = 7; }, ExitCode::kBadReply},
+        {"busy for verdict", [](Script* s) { s->verdictStatus = 0xFFFF; }, ExitCode::kBusy},
         {"half a verdict",
          [](Script* s) {
              s->edit = [](uint16_t command, Bytes reply) {
@@ -147,7 +147,7 @@ TEST(KvtoolUpgrade, TellsFailuresOfTheTransferApart) {
         EXPECT_EQ(Upgrade(device, Pattern(c.size), &record), c.code) << c.what;
         EXPECT_FALSE(record.accepted) << c.what;
         const size_t held = device.Stream().size();
-        if (c.code == ExitCode::kLost || script.busy_after) {
+        if (c.code == ExitCode::kLost || script.busyAfter) {
             EXPECT_LT(held, c.size) << c.what;
         } else {
             EXPECT_EQ(held, c.size + 37) << c.what;
@@ -240,7 +240,7 @@ TEST(KvtoolProtocol, SilenceAndUnterminatedTexts) {
 TEST(KvtoolFollow, TellsLeavingStayingAndComingBackApart) {
     struct Case {
         const char* what;
-        std::optional<Millis> back_after;
+        std::optional<Millis> backAfter;
         const char* observed;
         ExitCode code;
         bool leaves;
@@ -255,7 +255,7 @@ TEST(KvtoolFollow, TellsLeavingStayingAndComingBackApart) {
     for (const Case& c : cases) {
         Script script;
         script.leaves = c.leaves;
-        script.back_after = c.back_after;
+        script.backAfter = c.backAfter;
         Device device(script);
         kvtool::UpgradeRecord record;
         EXPECT_EQ(Upgrade(device, Pattern(9000), &record, true), c.code) << c.what;

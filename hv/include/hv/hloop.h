@@ -64,9 +64,9 @@ uint32_t hloop_nios(hloop_t* loop);
 // Runs ev->cb on the loop's thread, in the order of posting. The event is copied. Any thread.
 void hloop_post_event(hloop_t* loop, hevent_t* ev);
 
-// Calls `cb` every `timeout_ms` milliseconds, `repeat` times or for ever (INFINITE); the timer is
+// Calls `cb` every `timeoutMs` milliseconds, `repeat` times or for ever (INFINITE); the timer is
 // gone after the last call. Null on failure, which a time of 0 is.
-htimer_t* htimer_add(hloop_t* loop, htimer_cb cb, uint32_t timeout_ms, uint32_t repeat = INFINITE);
+htimer_t* htimer_add(hloop_t* loop, htimer_cb cb, uint32_t timeoutMs, uint32_t repeat = INFINITE);
 
 // Servers. `host` is a numeric IPv4 address; "" is every local address. Port 0 lets the system
 // choose (see hio_localaddr). All descriptors are close-on-exec and non-blocking. Null with errno
@@ -74,12 +74,12 @@ htimer_t* htimer_add(hloop_t* loop, htimer_cb cb, uint32_t timeout_ms, uint32_t 
 // connection; a process out of descriptors leaves connections in the backlog without spinning and
 // takes them up within a fifth of a second of there being descriptors again. A UDP io starts to
 // receive with hio_read.
-hio_t* hloop_create_tcp_server(hloop_t* loop, const char* host, int port, haccept_cb accept_cb);
+hio_t* hloop_create_tcp_server(hloop_t* loop, const char* host, int port, haccept_cb cb);
 hio_t* hloop_create_udp_server(hloop_t* loop, const char* host, int port);
 
 // Null takes a callback off.
-void hio_setcb_read(hio_t* io, hread_cb read_cb);
-void hio_setcb_close(hio_t* io, hclose_cb close_cb);
+void hio_setcb_read(hio_t* io, hread_cb cb);
+void hio_setcb_close(hio_t* io, hclose_cb cb);
 // One pointer of the caller's for each io.
 void hio_set_context(hio_t* io, void* ctx);
 void* hio_context(hio_t* io);
@@ -102,9 +102,9 @@ int hio_write(hio_t* io, const void* buf, size_t len);
 // over; from any other thread it is posted to the loop and done there. Closing what is closed, or
 // about to be, changes nothing. 0.
 int hio_close(hio_t* io);
-// Closes the io when nothing arrives for `timeout_ms`; a value below 1 removes the time-out. Counts
+// Closes the io when nothing arrives for `timeoutMs`; a value below 1 removes the time-out. Counts
 // from this call or hio_read, whichever is later, and from each arrival.
-void hio_set_read_timeout(hio_t* io, int timeout_ms);
+void hio_set_read_timeout(hio_t* io, int timeoutMs);
 
 // Moves a connection between loops: detach on the old loop's thread, then attach to the new one.
 // Between the two the io is its holder's alone, and hio_close closes it at once. The bundled

@@ -1,0 +1,103 @@
+#include "tools/base/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "common/kv_raii.h"
+#include "mini/kv_mini_frame.h"
+#include "tools/base/errors.h"
+#include "tools/base/wait.h"
+
+namespace kvtool {
+
+static_assert(kMaxPackageSize + kv::kMd5TrailerSize == 0xFFFFFFFFULL,
+              "package and trailer fit the announced length");
+
+namespace {
+
+constexpr size_t kStep = size_t{1} << 20;
+
+std::string Because(const std::string& what, const std::string& path) {
+    return "cannot " + what + " " + path + ": " + strerror(errno);
+}
+
+void WriteAll(int fd, const Bytes& bytes, const std::string& path) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        ThrowIfInterrupted();
+        const ssize_t n = write(fd, bytes.data() + done, std::min(kStep, bytes.size() - done));
+        if (n < 0 && errno != EINTR) {
+            throw ToolError(ExitCode::kInternal, Because("write", path));
+        }
+        done += n > 0 ? static_cast<size_t>(n) : 0;
+    }
+    if (fsync(fd) != 0) {
+        throw ToolError(ExitCode::kInternal, Because("write", path));
+    }
+}
+
+// Removes the temporary file unless it has got its final name.
+class TemporaryName {
+  public:
+    explicit TemporaryName(std::string name) : name_(std::move(name)) {}
+    ~TemporaryName() { (void)unlink(name_.c_str()); }
+    TemporaryName(const TemporaryName&) = delete;
+    TemporaryName& operator=(const TemporaryName&) = delete;
+    const std::string& Get() const { return name_; }
+
+  private:
+    std::string name_;
+};
+
+}  // namespace
+
+Bytes ReadWholeFile(const std::string& path) {
+    // Non-blocking, so that a named pipe is refused below instead of waited for.
+    const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat info {};
+    if (!fd || fstat(fd.Get(), &info) != 0) {
+        throw ToolError(ExitCode::kRefused, Because("open", path));
+    }
+    if (!S_ISREG(info.st_mode)) {
+        throw ToolError(ExitCode::kRefused, path + " is not a regular file");
+    }
+    if (static_cast<uint64_t>(info.st_size) > kMaxPackageSize) {
+        throw ToolError(ExitCode::kRefused,
+                        path + " is too large: " + SizeText(static_cast<uint64_t>(info.st_size)) +
+                            ", a transfer holds at most " + SizeText(kMaxPackageSize));
+    }
+    Bytes bytes(static_cast<size_t>(info.st_size));
+    size_t done = 0;
+    while (done < bytes.size()) {
+        ThrowIfInterrupted();
+        const ssize_t n = read(fd.Get(), bytes.data() + done, std::min(kStep, bytes.size() - done));
+        if (n == 0) {
+            throw ToolError(ExitCode::kRefused, path + " became shorter while it was read");
+        }
+        if (n < 0 && errno != EINTR) {
+            throw ToolError(ExitCode::kRefused, Because("read", path));
+        }
+        done += n > 0 ? static_cast<size_t>(n) : 0;
+    }
+    return bytes;
+}
+
+void WriteWholeFile(const std::string& path, const Bytes& bytes) {
+    const TemporaryName temporary(path + ".tmp." + std::to_string(getpid()));
+    const UniqueFd fd(open(temporary.Get().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (!fd) {
+        throw ToolError(ExitCode::kInternal, Because("create", temporary.Get()));
+    }
+    WriteAll(fd.Get(), bytes, temporary.Get());
+    ThrowIfInterrupted();
+    if (rename(temporary.Get().c_str(), path.c_str()) != 0) {
+        throw ToolError(ExitCode::kInternal, Because("rename to", path));
+    }
+}
+
+}  // namespace kvtool

@@ -1,0 +1,269 @@
+#include "tools/device/discovery_client.h"
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <netpacket/packet.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "common/kv_raii.h"
+#include "tools/base/errors.h"
+#include "tools/device/tcp.h"
+
+namespace kvtool {
+
+namespace {
+
+// One address to search at, and the interface to leave by (0: as routed).
+struct Target {
+    std::string label;
+    in_addr destination{};
+    in_addr source{};
+    unsigned interfaceIndex = 0;
+    std::string sourceMac;
+};
+
+std::string AddressText(in_addr address) {
+    char text[INET_ADDRSTRLEN] = "";
+    (void)inet_ntop(AF_INET, &address, text, sizeof text);
+    return text;
+}
+
+in_addr Ipv4Of(const sockaddr* address) {
+    sockaddr_in ipv4{};
+    memcpy(&ipv4, address, sizeof ipv4);
+    return ipv4.sin_addr;
+}
+
+std::string MacOf(const ifaddrs* list, const char* name) {
+    for (const ifaddrs* item = list; item != nullptr; item = item->ifa_next) {
+        if (item->ifa_addr != nullptr && item->ifa_addr->sa_family == AF_PACKET &&
+            strcmp(item->ifa_name, name) == 0) {
+            sockaddr_ll link{};
+            memcpy(&link, item->ifa_addr, sizeof link);
+            return Hex(link.sll_addr, 6, ":");
+        }
+    }
+    return "";
+}
+
+bool Wanted(const std::vector<std::string>& interfaces, const char* name) {
+    return interfaces.empty() ||
+           std::find(interfaces.begin(), interfaces.end(), name) != interfaces.end();
+}
+
+// Both the subnet's own broadcast address and the limited one, which also reaches a device whose
+// address belongs to another subnet.
+std::vector<Target> BroadcastTargets(const std::vector<std::string>& interfaces) {
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0) {
+        throw ToolError(ExitCode::kInternal, "cannot list the network interfaces");
+    }
+    const std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> owner(list, freeifaddrs);
+    std::vector<Target> targets;
+    for (const ifaddrs* item = list; item != nullptr; item = item->ifa_next) {
+        if (item->ifa_addr == nullptr || item->ifa_addr->sa_family != AF_INET ||
+            (item->ifa_flags & IFF_UP) == 0 || (item->ifa_flags & IFF_BROADCAST) == 0 ||
+            item->ifa_broadaddr == nullptr || !Wanted(interfaces, item->ifa_name)) {
+            continue;
+        }
+        Target target;
+        target.label = item->ifa_name;
+        target.source = Ipv4Of(item->ifa_addr);
+        target.interfaceIndex = if_nametoindex(item->ifa_name);
+        target.sourceMac = MacOf(list, item->ifa_name);
+        target.destination.s_addr = INADDR_BROADCAST;
+        targets.push_back(target);
+        target.destination = Ipv4Of(item->ifa_broadaddr);
+        if (target.destination.s_addr != INADDR_BROADCAST &&
+            target.destination.s_addr != INADDR_ANY) {
+            targets.push_back(target);
+        }
+    }
+    return targets;
+}
+
+void RequireEach(const std::vector<std::string>& interfaces, const std::vector<Target>& targets) {
+    for (const std::string& name : interfaces) {
+        if (std::none_of(targets.begin(), targets.end(),
+                         [&name](const Target& target) { return target.label == name; })) {
+            throw ToolError(ExitCode::kUnreachable,
+                            "cannot broadcast on '" + Printable(name) +
+                                "': it is not there, not up, or has no IPv4 address");
+        }
+    }
+    if (targets.empty()) {
+        throw ToolError(ExitCode::kUnreachable,
+                        "no interface is up that has an IPv4 address and can broadcast");
+    }
+}
+
+std::vector<Target> HostTargets(const std::string& host, uint16_t port) {
+    for (const Endpoint& endpoint : Resolve(host, port)) {
+        if (endpoint.address.ss_family == AF_INET) {
+            Target target;
+            target.label = host;
+            target.destination = Ipv4Of(reinterpret_cast<const sockaddr*>(&endpoint.address));
+            return {target};
+        }
+    }
+    throw ToolError(ExitCode::kUnreachable, "'" + Printable(host) + "' has no IPv4 address");
+}
+
+class Searcher {
+  public:
+    Searcher(const DiscoveryRequest& request, std::vector<Target> targets)
+        : request_(request), targets_(std::move(targets)) {
+        fd_.Reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        const int on = 1;
+        if (!fd_ || setsockopt(fd_.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0) {
+            throw ToolError(ExitCode::kInternal, "cannot create the search socket");
+        }
+    }
+
+    DiscoveryResult Run(const std::function<bool(const FoundDevice&)>& enough) {
+        const Clock::time_point start = Clock::now();
+        const Clock::time_point end = start + request_.timeout;
+        const int rounds = std::max(1, request_.repeat);
+        for (int round = 0; round < rounds; ++round) {
+            SendRound();
+            const bool last = round + 1 == rounds;
+            const auto next = start + request_.timeout * (round + 1) / (2 * rounds);
+            if (Listen(last ? end : next, enough)) {
+                break;
+            }
+        }
+        return std::move(result_);
+    }
+
+  private:
+    void SendRound() {
+        for (const Target& target : targets_) {
+            if (SendTo(target)) {
+                ++result_.sent;
+                continue;
+            }
+            std::string problem =
+                target.label + ", to " + AddressText(target.destination) + ": " + strerror(errno);
+            if (std::find(result_.problems.begin(), result_.problems.end(), problem) ==
+                result_.problems.end()) {
+                result_.problems.push_back(std::move(problem));
+            }
+        }
+    }
+
+    bool SendTo(const Target& target);
+    bool Listen(Clock::time_point until, const std::function<bool(const FoundDevice&)>& enough);
+    FoundDevice* Take(const uint8_t* data, size_t size, const std::string& sender);
+
+    const DiscoveryRequest& request_;
+    std::vector<Target> targets_;
+    UniqueFd fd_;
+    DiscoveryResult result_;
+};
+
+// The interface is named with each datagram, which needs no privilege.
+bool Searcher::SendTo(const Target& target) {
+    const std::string source =
+        target.interfaceIndex != 0 ? AddressText(target.source) : std::string();
+    std::array<uint8_t, kSearchSize> request = SearchRequest(source, target.sourceMac);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(request_.port);
+    to.sin_addr = target.destination;
+    iovec data{request.data(), request.size()};
+    alignas(cmsghdr) uint8_t control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
+    msghdr message{};
+    message.msg_name = &to;
+    message.msg_namelen = sizeof to;
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    if (target.interfaceIndex != 0) {
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        cmsghdr* header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = IPPROTO_IP;
+        header->cmsg_type = IP_PKTINFO;
+        header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+        in_pktinfo info{};
+        info.ipi_ifindex = static_cast<int>(target.interfaceIndex);
+        info.ipi_spec_dst = target.source;
+        memcpy(CMSG_DATA(header), &info, sizeof info);
+    }
+    return sendmsg(fd_.Get(), &message, MSG_NOSIGNAL) == static_cast<ssize_t>(request.size());
+}
+
+bool Searcher::Listen(Clock::time_point until,
+                      const std::function<bool(const FoundDevice&)>& enough) {
+    while (Clock::now() < until && WaitFor(fd_.Get(), POLLIN, until) != 0) {
+        std::array<uint8_t, 2048> buffer{};
+        sockaddr_in from{};
+        socklen_t length = sizeof from;
+        const ssize_t n = recvfrom(fd_.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT,
+                                   reinterpret_cast<sockaddr*>(&from), &length);
+        if (n < 0) {
+            // An ICMP refusal of an earlier search ends up here; it is no answer.
+            continue;
+        }
+        const FoundDevice* device =
+            Take(buffer.data(), static_cast<size_t>(n), AddressText(from.sin_addr));
+        if (device != nullptr && enough && enough(*device)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+FoundDevice* Searcher::Take(const uint8_t* data, size_t size, const std::string& sender) {
+    DiscoveryReply reply;
+    const std::string fault = ParseDiscoveryReply(data, size, &reply);
+    if (!fault.empty()) {
+        ++result_.malformed[sender + ": " + fault];
+        return nullptr;
+    }
+    // A device that could not tell its MAC address is known by where its replies come from.
+    for (FoundDevice& known : result_.devices) {
+        const bool sameSender =
+            std::find(known.senders.begin(), known.senders.end(), sender) != known.senders.end();
+        if (known.reply.mac != reply.mac || (reply.mac.empty() && !sameSender) ||
+            known.reply.ip != reply.ip) {
+            continue;
+        }
+        if (!sameSender) {
+            known.senders.push_back(sender);
+        }
+        return &known;
+    }
+    result_.devices.push_back({std::move(reply), {sender}});
+    return &result_.devices.back();
+}
+
+}  // namespace
+
+DiscoveryResult Discover(const DiscoveryRequest& request,
+                         const std::function<bool(const FoundDevice&)>& enough) {
+    std::vector<Target> targets;
+    if (request.host.empty()) {
+        targets = BroadcastTargets(request.interfaces);
+        RequireEach(request.interfaces, targets);
+    } else {
+        targets = HostTargets(request.host, request.port);
+    }
+    return Searcher(request, std::move(targets)).Run(enough);
+}
+
+const FoundDevice* FindMac(const DiscoveryResult& result, const std::string& mac) {
+    const auto found = std::find_if(
+        result.devices.begin(), result.devices.end(),
+        [&mac](const FoundDevice& device) { return device.reply.mac == UpperCase(mac); });
+    return found == result.devices.end() ? nullptr : &*found;
+}
+
+}  // namespace kvtool

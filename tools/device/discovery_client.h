@@ -1,0 +1,44 @@
+// Finds devices in recovery mode by their discovery service.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tools/base/wait.h"
+#include "tools/device/discovery_reply.h"
+
+namespace kvtool {
+
+struct DiscoveryRequest {
+    std::string host;                     // one device by its address; empty: broadcast
+    std::vector<std::string> interfaces;  // where to broadcast; empty: wherever it is possible
+    uint16_t port = 0;
+    Millis timeout{3000};  // how long to listen in all
+    int repeat = 3;        // searches sent, spread over the first half of that time
+};
+
+struct FoundDevice {
+    DiscoveryReply reply;
+    std::vector<std::string> senders;  // addresses that its replies came from
+};
+
+struct DiscoveryResult {
+    std::vector<FoundDevice> devices;
+    std::map<std::string, int> malformed;  // "10.0.0.1: wrong magic" -> how many
+    std::vector<std::string> problems;     // searches that could not be sent, and why
+    int sent = 0;                          // search datagrams that left
+};
+
+// Blocks for the whole time, or until `enough` (may be empty) says so of a device found.
+// A device is listed once whatever the number of its replies. Throws ToolError(kUnreachable) when
+// no interface can carry a broadcast or the host has no IPv4 address.
+DiscoveryResult Discover(const DiscoveryRequest& request,
+                         const std::function<bool(const FoundDevice&)>& enough);
+
+// The device with this MAC address among those that answer a broadcast, or null.
+const FoundDevice* FindMac(const DiscoveryResult& result, const std::string& mac);
+
+}  // namespace kvtool

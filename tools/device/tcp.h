@@ -1,0 +1,52 @@
+// TCP connections with deadlines.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/kv_raii.h"
+#include "tools/base/text.h"
+#include "tools/base/wait.h"
+
+namespace kvtool {
+
+struct Endpoint {
+    sockaddr_storage address{};
+    socklen_t length = 0;
+    std::string text;  // "192.168.1.10:80"
+};
+
+// Addresses of a name or of a numeric address. A name goes through the system's resolver, whose
+// own time-outs apply. Throws ToolError(kUnreachable).
+std::vector<Endpoint> Resolve(const std::string& host, uint16_t port);
+
+enum class ConnectState { kConnected, kRefused, kUnreachable, kTimedOut };
+
+struct Connection {
+    UniqueFd fd;  // non-blocking, no delay, close-on-exec; open only when kConnected
+    ConnectState state = ConnectState::kTimedOut;
+    std::string error;  // why not connected
+};
+Connection Connect(const Endpoint& endpoint, Clock::time_point deadline);
+
+enum class ReceiveState { kData, kNothing, kClosed };
+struct Received {
+    ReceiveState state = ReceiveState::kNothing;
+    size_t size = 0;    // bytes stored, when kData
+    std::string error;  // how the peer closed, when kClosed
+};
+// Takes what has arrived, at most `size` bytes, without waiting.
+Received ReceiveNow(int fd, uint8_t* data, size_t size);
+
+// Gives bytes to the socket without waiting; returns how many it took (0: its buffer is full).
+// Throws ToolError(kLost) when the connection is broken.
+size_t SendNow(int fd, const uint8_t* data, size_t size);
+
+// Bytes given to the socket that the peer has not acknowledged yet.
+size_t Unacknowledged(int fd);
+
+}  // namespace kvtool

@@ -1,0 +1,108 @@
+// One upgrade of one device, from the connection to the device's verdict.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "mini/kv_mini_frame.h"
+#include "tools/base/errors.h"
+#include "tools/device/protocol_client.h"
+
+namespace kvtool {
+
+struct UpgradeTimes {
+    Millis connect{5000};
+    Millis reply{5000};
+    // The device must get the request's 32 bytes as a piece of its own: this long nothing follows.
+    Millis headerGap{300};
+    // Before this time from the request only the first few bytes are sent. The device does not read
+    // them earlier anyway, and if it is busy it says so on the first that it reads.
+    Millis firstLook{1500};
+    Millis stall{25000};   // longest time without any byte acknowledged by the device
+    Millis verify{60000};  // from the last byte to the verdict
+    Millis leave{600000};  // from the verdict until the device is seen to leave recovery mode
+    Millis back{120000};   // from there until it is no longer expected back
+    Millis probeEvery{2000};
+    Millis probeReply{3000};
+};
+
+struct Phase {
+    std::string name;
+    double seconds;
+};
+
+// Everything that is known of an upgrade; filled as it goes on, so that it is true at any failure.
+struct UpgradeRecord {
+    std::string address;
+    uint32_t session = 0;
+    bool identified = false;
+    DeviceInfo device;
+    uint64_t total = 0;         // package and trailer
+    uint64_t acknowledged = 0;  // of these, what the device's TCP has acknowledged
+    bool accepted = false;      // the device answered with status 0
+    std::vector<Phase> phases;
+    std::vector<std::string> observed;
+    std::vector<std::string> assumed;
+};
+
+// Told of what happens as it happens. Called on the calling thread only.
+class UpgradeListener {
+  public:
+    virtual ~UpgradeListener() = default;
+    virtual void Line(const std::string& text) = 0;
+    // `seconds` since the upload began.
+    virtual void Progress(uint64_t acknowledged, uint64_t total, double seconds) = 0;
+};
+
+class UpgradeSession {
+  public:
+    UpgradeSession(const UpgradeTimes& times, UpgradeListener* listener, UpgradeRecord* record)
+        : times_(times), listener_(listener), record_(record) {}
+
+    // Each step blocks within its time-outs, adds its phases to the record and throws ToolError
+    // on failure. Call them in this order.
+    void Connect(const std::string& host, uint16_t port);
+    void Login();
+    void Identify();
+    // Sends the package and its trailer and waits for the verdict; returns once the package is
+    // accepted. Nothing is sent on the connection afterwards: the device would take any further
+    // byte for a reason to reboot in the middle of its work.
+    void Upload(const Bytes& package);
+
+    const Endpoint& Peer() const { return endpoint_; }
+    // The connection, which stays open; for seeing when the device closes it.
+    int Fd() const { return client_.Fd(); }
+
+  private:
+    class PhaseTimer;
+    void Send(const uint8_t* data, size_t size);
+    void WaitQuiet(Clock::time_point until);
+    void WaitAcknowledged();
+    void AwaitVerdict();
+    bool TakeAnswer(bool allSent);
+    void Interpret(bool allSent);
+    void Advance(bool force);
+    [[noreturn]] void Lost(const std::string& why) const;
+
+    UpgradeTimes times_;
+    UpgradeListener* listener_;
+    UpgradeRecord* record_;
+    ProtocolClient client_{UniqueFd(), Millis(0)};
+    Endpoint endpoint_;
+
+    uint64_t given_ = 0;  // stream bytes that the socket has taken
+    Clock::time_point uploadStart_;
+    Clock::time_point lastAdvance_;
+    Clock::time_point lastReport_;
+    std::array<uint8_t, kv::kFrameHeaderSize> answer_{};
+    size_t answerSize_ = 0;
+    bool busySeen_ = false;
+};
+
+// The trailer that follows a package on the wire.
+std::array<uint8_t, kv::kMd5TrailerSize> MakeTrailer(const Bytes& package);
+
+}  // namespace kvtool
