@@ -127,7 +127,18 @@ TEST_F(FlashWriter, WritesEveryImageAndSaysSo) {
 }
 
 TEST_F(FlashWriter, PackagesThatCannotBeReadEndInAReboot) {
+    // What it does in front of the package: two pauses of a second, "sync", the caches.
+    WriteFile(board_.Path("param/sync"), "#!/bin/sh\necho synced\n");
+    (void)board_.OnBoard(
+        "touch /param/caches && mount --bind /param/caches "
+        "/proc/sys/vm/drop_caches && chmod +x /param/sync && "
+        "mount --bind /param/sync $(command -v sync)");
+    ASSERT_TRUE(board_.WaitRecovery());
+    const auto start = Clock::now();
     EXPECT_TRUE(HasRun(Flash(""), {"ERROR KV_UPGRADE_Proc: open /tmp/upGradeFile.FLS error"}));
+    EXPECT_GT(SecondsSince(start), 2);
+    EXPECT_EQ(ReadFile(board_.Path("param/caches")), "1\n");
+    EXPECT_TRUE(Contains(board_.Console(1), "synced\n"));
     EXPECT_TRUE(
         HasRun(Flash("PRT7K"), {"ERROR KV_UPGRADE_Proc: read upgrate header error return is 5"}));
     EXPECT_TRUE(HasRun(Flash(BuildPackage({}, {"ANY", "ONE", 0, 0})),
@@ -233,6 +244,15 @@ TEST_F(FlashWriter, ShortAndFailedWritesCountAsReturned) {
     EXPECT_NE(board_.Trace(2).find("Write 64 Kibyte @ ffffffff -- 100 % complete"),
               std::string::npos);
     EXPECT_EQ(board_.Flash("mtd5"), std::string(4 * kBlock, '\xFF'));
+    // The second of three chunks fails: the third goes to the offset that the -1 left.
+    const std::string three = image + Noise(kBlock, 16);
+    (void)Flash(BuildPackage({{"app", three}}),
+                {{"mtd5", "write", "--errno", "EIO", "--skip", "1", "--count", "1"}});
+    EXPECT_EQ(board_.Flash("mtd5"),
+              ErasedBehind(three.substr(0, kBlock - 1) +
+                               static_cast<char>(three[kBlock - 1] & three[2 * kBlock]) +
+                               three.substr(2 * kBlock + 1),
+                           4 * kBlock));
 }
 
 TEST(RealNor, HoldsUpNeitherTheFeederNorAReset) {

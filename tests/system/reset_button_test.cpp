@@ -34,7 +34,11 @@ class ResetButton : public testing::Test {
 
 TEST_F(ResetButton, NineSamplesAndTwoBeatsDoNothing) {
     Line("0\n");
+    Counted(1, 1);
+    const auto first = Clock::now();
     Counted(9, 1);
+    // Eight of the board's seconds, but for the time in which the first one was noticed.
+    EXPECT_GT(SecondsSince(first), 8 / 3.0 - 0.5);
     Line("1\n");
     ASSERT_TRUE(board_.WaitFeeds(3));
     Line("0\n");

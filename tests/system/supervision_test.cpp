@@ -189,18 +189,6 @@ void BeatStopsTheLadder(const Rung& rung) {
 
 }  // namespace
 
-TEST(BeatStopsTheLadder, WhenOffline) {
-    BeatStopsTheLadder({false, "Process [cameraMain] offline", true, kRestart});
-}
-
-TEST(BeatStopsTheLadder, WhenOfflineAfterAReboot) {
-    BeatStopsTheLadder({true, "Process [cameraMain] offline", true, kRemoveMarker + kRestart});
-}
-
-TEST(BeatStopsTheLadder, WhenRestarted) {
-    BeatStopsTheLadder({false, "# startapp.sh\r\n", false, kRestart + kReboot});
-}
-
 TEST(BeatStopsTheLadder, WhenRestartedAfterAReboot) {
     BeatStopsTheLadder({true, "# startapp.sh\r\n", false, kRestart + kRemoveMarker + kReboot});
 }
@@ -308,6 +296,7 @@ TEST(Monitor, WhatCountsAsAHeartbeat) {
     (void)board.OnBoard("chmod +x /param/slow && mount --bind /param/slow /usr/bin/rm");
     board.SendBeats({kBeat});
     ASSERT_TRUE(board.WaitConsole("slept\n"));
+    EXPECT_EQ(board.Echoes().size(), counted.size() + 1) << "one that is to be ignored was counted";
     EXPECT_LT(board.LargestFeedGap(), 1.3);
 
     // Heard every second, it is told every fourth.

@@ -98,6 +98,15 @@ TEST(Shell, ChildStartsWithDefaultSignalsAndAnEmptyMask) {
     EXPECT_EQ(StatusMask(text, "SigCgt:"), 0U);
 }
 
+TEST(Shell, ChildInheritsNoOtherDescriptor) {
+    const int open = dup(STDERR_FILENO);
+    int status = -1;
+    const std::string command = "test -e /proc/self/fd/" + std::to_string(open);
+    EXPECT_EQ(KV_ShellRun(command.c_str(), &status), 0);
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    (void)close(open);
+}
+
 TEST(Shell, EchoStandsInFrontOfTheOutputAndIsCutAt255Characters) {
     std::string text;
     {
