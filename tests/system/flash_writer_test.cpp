@@ -154,6 +154,10 @@ TEST_F(FlashWriter, BootLoaderThatOvershootsGoesOnIntoTheNextDevice) {
               boot.substr(4 * kBlock) + app.substr(0, 5 * kBlock - boot.size()));
     EXPECT_EQ(board_.Flash("mtd2"), ErasedBehind(rest, 4 * kBlock));
     EXPECT_EQ(board_.Flash("mtd5"), ErasedBehind(app, 4 * kBlock));
+    // One that ends where its device ends leaves the next one erased.
+    (void)Flash(BuildPackage({{"uboot", boot.substr(0, 4 * kBlock)}, {"app", app}}));
+    EXPECT_EQ(board_.Flash("mtd0"), boot.substr(0, 4 * kBlock));
+    EXPECT_EQ(board_.Flash("mtd1"), std::string(kBlock, '\xFF'));
 }
 
 TEST_F(FlashWriter, BadCheckCodeEndsTheEntries) {
