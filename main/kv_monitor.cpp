@@ -13,7 +13,7 @@
 #include "flash/kv_fullhan_watdog.h"
 #include "main/hardware_reset.h"
 #include "main/kv_recovery.h"
-#include "mini/kv_hvloop_pool.h"
+#include "mini/kv_mini_service.h"
 
 namespace {
 

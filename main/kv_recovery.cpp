@@ -1,6 +1,6 @@
 #include "main/kv_recovery.h"
 
-#include "mini/kv_hvloop_pool.h"
+#include "mini/kv_mini_service.h"
 #include "wifi/kv_wifi_sta.h"
 
 void KV_RECOVERY_Start(void) {

@@ -20,7 +20,7 @@
 #include "main/kv_monitor.h"
 #include "main/kv_recovery.h"
 #include "main/kv_signals.h"
-#include "mini/kv_hvloop_pool.h"
+#include "mini/kv_mini_service.h"
 #include "wifi/kv_wifi_sta.h"
 #ifdef KV_HV_SYSTEM
 #include "hv/hlog.h"
