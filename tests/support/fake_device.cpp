@@ -51,10 +51,6 @@ Device::Device(Script script, uint16_t port, std::string address)
       address_(std::move(address)),
       stop_(eventfd(0, EFD_CLOEXEC)) {
     Listen();
-    if (script_.aliveAfter) {
-        const UniqueFd reserve(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        alivePort_ = Bind(reserve.Get(), address_, 0);
-    }
     thread_ = std::thread([this] { Serve(); });
 }
 
@@ -91,24 +87,11 @@ void Device::Serve() {
         if (next == Next::kRestart) {
             listener_.Reset();
             clients.clear();
-            if (script_.aliveAfter) {
-                RunApplication();
-                return;
-            }
             if (!script_.backAfter || !Pause(*script_.backAfter)) {
                 return;
             }
             Listen();
         }
-    }
-}
-
-void Device::RunApplication() {
-    if (Pause(*script_.aliveAfter)) {
-        const UniqueFd application(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        (void)Bind(application.Get(), address_, alivePort_);
-        (void)listen(application.Get(), 8);
-        (void)Pause(std::chrono::hours(1));
     }
 }
 

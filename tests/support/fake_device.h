@@ -32,8 +32,6 @@ struct Script {
     // as after a restart.
     bool leaves = false;
     std::optional<milliseconds> backAfter;
-    // So long after that its application opens AlivePort().
-    std::optional<milliseconds> aliveAfter;
     // Behind the verdict it sends replies that say busy, for ever.
     bool talks = false;
 };
@@ -47,7 +45,6 @@ class Device {
     Device& operator=(const Device&) = delete;
 
     uint16_t Port() const { return port_; }
-    uint16_t AlivePort() const { return alivePort_; }
     // What came on the connection behind the upgrade request, and the request itself.
     Bytes Stream() { return Copy(stream_); }
     std::string UpgradeRequest() { return Copy(request_); }
@@ -69,12 +66,10 @@ class Device {
     }
     void Listen();
     bool Pause(milliseconds time);
-    void RunApplication();
     void Talk(int fd);
 
     Script script_;
     uint16_t port_;
-    uint16_t alivePort_ = 0;
     std::string address_;
     UniqueFd listener_;
     UniqueFd stop_;
