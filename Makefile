@@ -1,46 +1,62 @@
-# Thin: each target is one line of help and little more. `make help` lists them.
-# Most tests wait for clocks, so twice as many as there are cores run side by side.
+# Kept thin: each target is a line of help and little more. `make help` lists the targets.
+# Most tests wait for clocks, so run twice as many at once as there are cores.
 JOBS ?= $(shell expr 2 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build arm size tests-build demo demo-ladder bench bench-discovery board board-shell test unit \
-        lint format sanitize packaging-check install clean
+.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-ladder bench bench-discovery board \
+        board-shell test unit lint format sanitize packaging-check install deb clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
 
-setup: ## Install the missing Debian packages (scripts/packages.txt)
-	@scripts/setup.sh
+setup: ## Install missing packages for build, test, demo and lint (lists in scripts/packages/)
+	@scripts/setup.sh build vboard scripts test lint
 
-build: setup ## Build the device program and the PC tools into build/bin
+build: ## Build the device program and the PC tools into build/bin
+	@scripts/setup.sh build
 	@scripts/build.sh release
 
-arm: setup ## Build the device program for ARM, dynamic and static, into build/arm
+arm: ## Build the device program for ARM, dynamic and static, into build/arm
 	@scripts/build_arm.sh
 
-size: build ## Show what takes the space in the device program; fails when it grew (UPDATE=1 writes the figures)
+kvtool-static: ## Build kvtool as one file for any Linux on this machine's architecture, into build/kvtool-static/bin
+	@scripts/setup.sh build
+	@scripts/build.sh kvtool-static
+	@scripts/check_static.sh
+
+clang: ## Build everything with clang, with warnings as errors; runs nothing
+	@scripts/setup.sh build test clang
+	@scripts/build.sh clang
+
+size: build ## Show what takes the space in the device program; fails if it grew (UPDATE=1 writes the figures)
+	@scripts/setup.sh scripts
 	@scripts/size.sh $(if $(UPDATE),--update)
 
-tests-build: build
+tests-build: build ## Build the tests, and debug versions of all programs, into build/dev
+	@scripts/setup.sh vboard scripts test
 	@scripts/build.sh dev
 
 demo: build ## Watch a dead camera come back: recovery, upgrade, reboot (under a minute)
+	@scripts/setup.sh vboard scripts
 	@scripts/demo.sh
 
 demo-ladder: build ## Watch a silent application: restart, reboot, recovery (under a minute)
+	@scripts/setup.sh vboard scripts
 	@scripts/demo_ladder.sh
 
 bench: build ## Measure an upload against socat on the same virtual link
+	@scripts/setup.sh vboard scripts bench
 	@scripts/bench_upload.sh
 
-bench-discovery: build ## Compare the rate of discovery answers with a bare UDP echo's
+bench-discovery: build ## Compare the rate of discovery answers with that of a bare UDP echo
+	@scripts/setup.sh vboard scripts
 	@scripts/bench_discovery.sh
 
-board: build ## Try the program on an emulated ARM board with a real kernel (3 minutes; docs/board.md)
+board: build ## Test the program on emulated ARM boards with a real kernel (3 minutes; docs/board.md)
 	@scripts/board.sh run
 
-board-shell: build ## Sit at that board's console
+board-shell: build ## Open the console of such a board
 	@scripts/board.sh shell
 
 test: tests-build ## Run all unit and system tests
@@ -49,20 +65,30 @@ test: tests-build ## Run all unit and system tests
 unit: tests-build ## Run the unit tests only
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS) -L unit
 
-lint: tests-build ## Check format (clang-format), code (clang-tidy), scripts (shellcheck), man pages, packaging
+lint: tests-build ## Check format, code, scripts, texts, man pages, packaging; print the tests' share of the code
+	@scripts/setup.sh lint
 	@scripts/lint.sh
 
 packaging-check: build ## Check the recipes and scripts of packaging/ and what they install
+	@scripts/setup.sh vboard scripts lint
 	@scripts/check_packaging.sh
 
-format: setup ## Format all C++ files in place
+format: ## Format all C++ files in place
+	@scripts/setup.sh lint
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
-sanitize: setup ## Run the unit tests under ASan + UBSan and under TSan
+sanitize: ## Run the unit tests under ASan + UBSan and under TSan
+	@scripts/setup.sh build vboard scripts test
 	@scripts/sanitize.sh
 
-install: build ## Install into DESTDIR and PREFIX (/usr/local); COMPONENT=device, tools or doc for a part
-	@DESTDIR="$(DESTDIR)" cmake --install build/release --prefix "$(PREFIX)" $(if $(COMPONENT),--component $(COMPONENT))
+install: build ## Install; with DESTDIR, PREFIX (/usr/local), COMPONENT (device, tools, doc), INIT (busybox, systemd)
+	@cmake -DKV_INIT=$(or $(INIT),none) build/release >/dev/null
+	@DESTDIR="$(DESTDIR)" cmake --install build/release --prefix "$(PREFIX)" \
+	        $(if $(COMPONENT),--component $(COMPONENT))
+
+deb: build ## Make Debian packages of the PC tools and the documents in build/deb, checked with lintian
+	@scripts/setup.sh deb
+	@scripts/deb.sh
 
 clean: ## Remove the build folder
 	@rm -rf build

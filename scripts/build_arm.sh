@@ -1,10 +1,10 @@
 #!/bin/sh
-# Builds the device program for ARM, on shared libraries and as one static file, and leaves stripped copies in
-# build/arm/dynamic and build/arm/static. Both keep the name by which the program signals itself.
+# Builds the device program for ARM, dynamically and statically linked, and leaves stripped copies in build/arm/dynamic
+# and build/arm/static. Both keep the file name by which the program signals itself.
 set -eu
 
 cd "$(dirname "$0")/.."
-scripts/setup.sh packages-arm.txt
+scripts/setup.sh build arm
 scripts/arm_sysroot.sh >/dev/null
 for kind in dynamic static; do
     case $kind in

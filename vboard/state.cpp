@@ -1,6 +1,7 @@
 #include "vboard/state.h"
 
 #include <fcntl.h>
+#include <kv_standard_layout.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -122,13 +123,10 @@ uint64_t ParseSize(const std::string& text) {
 
 std::vector<PartitionConfig> ParseLayout(const std::string& text, uint32_t eraseBlock,
                                          const StateDir& state) {
-    constexpr uint64_t kKilo = 1024;
-    const uint64_t sizes[] = {256 * kKilo,  64 * kKilo,   256 * kKilo,  2048 * kKilo,
-                              4096 * kKilo, 4096 * kKilo, 1024 * kKilo, 512 * kKilo};
     std::vector<PartitionConfig> layout;
-    for (const uint64_t size : sizes) {
+    for (const uint64_t kib : kv::kStandardPartitionKib) {
         const std::string name = "mtd" + std::to_string(layout.size());
-        layout.push_back({name, state.Flash(name), size});
+        layout.push_back({name, state.Flash(name), kib * 1024});
     }
     std::istringstream items(text);
     for (std::string item; std::getline(items, item, ',');) {

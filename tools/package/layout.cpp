@@ -1,23 +1,24 @@
 #include "tools/package/layout.h"
 
+#include <kv_standard_layout.h>
+
 #include <algorithm>
-#include <fstream>
+#include <cstring>
 #include <iterator>
 
 #include "common/kv_platform.h"
 #include "tools/base/errors.h"
+#include "tools/base/files.h"
 #include "tools/base/text.h"
 
 namespace kvtool {
 
 namespace {
 
-constexpr uint64_t kKiB = 1024;
-
-// In the order of kv::kPartitions.
-constexpr uint64_t kStandardSizes[] = {2048 * kKiB, 4096 * kKiB, 4096 * kKiB,
-                                       1024 * kKiB, 512 * kKiB,  576 * kKiB};
-static_assert(std::size(kStandardSizes) == std::size(kv::kPartitions), "a size for each row");
+// Bytes of "/dev/mtdN" in the standard layout.
+uint64_t StandardSize(const std::string& device) {
+    return kv::kStandardPartitionKib[std::stoul(device.substr(strlen("/dev/mtd")))] * 1024;
+}
 
 }  // namespace
 
@@ -27,15 +28,21 @@ bool LayoutRow::IsBoot() const {
 
 Layout Layout::Default() {
     std::vector<LayoutRow> rows;
-    for (size_t i = 0; i < std::size(kv::kPartitions); ++i) {
-        rows.push_back({kv::kPartitions[i].name, kv::kPartitions[i].device, kStandardSizes[i]});
+    for (const kv::PartitionRow& partition : kv::kPartitions) {
+        rows.push_back({partition.name, partition.device, StandardSize(partition.device)});
+        if (rows.back().IsBoot()) {
+            rows.back().size = 0;
+            for (const char* const device : kv::kBootDevices) {
+                rows.back().size += StandardSize(device);
+            }
+        }
     }
     return Layout(std::move(rows));
 }
 
 void Layout::SetSize(const std::string& assignment) {
     const size_t equals = assignment.find('=');
-    const std::string name = assignment.substr(0, equals);
+    const std::string name = Trimmed(assignment.substr(0, equals));
     if (equals == std::string::npos) {
         throw ToolError(ExitCode::kUsage, "not NAME=BYTES: '" + Printable(assignment) + "'");
     }
@@ -44,18 +51,15 @@ void Layout::SetSize(const std::string& assignment) {
     if (row == rows_.end()) {
         throw ToolError(ExitCode::kUsage, "no partition is called '" + Printable(name) + "'");
     }
-    row->size = ParseSize(assignment.substr(equals + 1));
+    row->size = ParseSize(Trimmed(assignment.substr(equals + 1)));
 }
 
 void Layout::ReadFile(const std::string& path) {
-    std::ifstream file(path);
-    if (!file) {
-        throw ToolError(ExitCode::kUsage, "cannot read the layout file " + path);
-    }
-    std::string line;
-    while (std::getline(file, line)) {
-        if (!line.empty() && line.front() != '#') {
-            SetSize(line);
+    for (const SourceLine& line : ReadLines(path)) {
+        try {
+            SetSize(line.text);
+        } catch (const ToolError& error) {
+            throw ToolError(error.Code(), line.where + error.what());
         }
     }
 }
