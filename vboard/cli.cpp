@@ -95,9 +95,11 @@ struct Cli {
             ->needs(join)
             ->check(CLI::Range(1, vboard::site::kMaxBoards));
         AddRunOptions(run);
-        run->get_option("--no-wifi")->excludes(join);
+        run->add_flag("--no-wifi", noWifi, "No wlan0 and no access point")->excludes(join);
+        run->add_flag("--quiet", board.quiet, "Keep the board's output off the terminal");
     }
 
+    // What boards of `run` and of `site start` have in common.
     void AddRunOptions(CLI::App* run) {
         AddLayout(run);
         run->add_flag("--nor-timing", board.norTiming, "Flash takes as long as a real chip");
@@ -109,12 +111,10 @@ struct Cli {
                             "The board's address on eth0; on a site it follows from the number")
                 ->capture_default_str();
         run->add_flag("--no-eth", noEth, "No eth0")->excludes(eth);
-        run->add_flag("--no-wifi", noWifi, "No wlan0 and no access point");
         run->add_option("--max-boots", board.maxBoots, "Stop after this many boots; 0: no limit");
         run->add_option("--env", board.environment, "NAME=VALUE for the program; may be repeated")
             ->expected(1)
             ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-        run->add_flag("--quiet", board.quiet, "Keep the board's output off the terminal");
         run->add_option("program", board.program, "The program and its arguments, after --")
             ->required()
             ->type_name("FILE");
@@ -248,7 +248,7 @@ struct Cli {
         start->add_option("count", boards.count, "How many boards")
             ->required()
             ->check(CLI::Range(1, vboard::site::kMaxBoards));
-        start->add_flag("--no-wait{false}", boards.wait, "Return when the programs run");
+        start->add_flag("--no-wait", boards.noWait, "Return when the programs run");
         start->add_option("--timeout", boards.timeout, "Seconds")->capture_default_str();
         AddRunOptions(start);
         Add(group, "status", "Show the site and its boards", [this](const StateDir& where) {
@@ -274,6 +274,7 @@ struct Cli {
             [](const StateDir& where) { vboard::site::StopSite(where); });
     }
 
+    // The boards' runners get the options as they were given here.
     void StartBoards(const StateDir& where) {
         const CLI::App* const start = app.get_subcommand("site")->get_subcommand("start");
         for (const CLI::Option* const option : start->get_options()) {

@@ -80,9 +80,9 @@ void PrintTable(const json& status) {
 }
 
 // Whether the board is where StartBoards waits for it.
-bool Ready(const StateDir& site, int number, bool wait) {
+bool Ready(const StateDir& site, int number, bool noWait) {
     const std::optional<json> brief = Brief(site, number);
-    return brief && (wait ? brief->at("wlanAddress") != "" : brief->at("state") == "up");
+    return brief && (noWait ? brief->at("state") == "up" : brief->at("wlanAddress") != "");
 }
 
 // Throws for the first board whose runner has ended.
@@ -128,7 +128,7 @@ void StartBoards(const StateDir& site, const StartOptions& options) {
     while (!starting.empty()) {
         RequireRunning(site, starting);
         for (auto board = starting.begin(); board != starting.end();) {
-            board = Ready(site, *board, options.wait) ? starting.erase(board) : std::next(board);
+            board = Ready(site, *board, options.noWait) ? starting.erase(board) : std::next(board);
         }
         if (!starting.empty() && Clock::now() >= deadline) {
             std::string numbers;
