@@ -162,7 +162,7 @@ TEST(KvtoolInspect, NamesWhatTheDeviceWouldMakeOfIt) {
         {20, std::string("\xFF\xFF\xFF\xFF", 4), Severity::kError, "bad check code"},
         {24 + 140, zero4, Severity::kError, "bad check code"},
         {24, "xpp", Severity::kWarning, "selects no partition"},
-        {280, std::string("app\0", 4), Severity::kWarning, "written already by entry 0"},
+        {280, std::string("app\0", 4), Severity::kWarning, "already written by entry 0"},
         {24 + 128, std::string("\x01\x00\x40\x00", 4), Severity::kError, "larger than"},
         {24 + 128, zero4, Severity::kError, "empty"},
         {24 + 132, std::string("\xFF\xFF\xFF\xFF", 4), Severity::kError, "past the end"},
@@ -354,7 +354,8 @@ TEST(KvtoolLayout, SizesAreParsedStrictly) {
     EXPECT_EQ(kvtool::ParseSize("7"), 7U);
     EXPECT_EQ(kvtool::ParseSize("0x1F"), 31U);
     EXPECT_EQ(kvtool::ParseSize("1g"), 1073741824U);
-    for (const char* bad : {"", "K", "-1", "1T", "1KB", "0x", "99999999999", "0x1g7", " 1"}) {
+    for (const char* bad :
+         {"", "K", "-1", "1T", "1KB", "0x", "99999999999", "0x123456789", "0x1g7", " 1"}) {
         EXPECT_THROW((void)kvtool::ParseSize(bad), ToolError) << bad;
     }
     Layout layout = Layout::Default();

@@ -14,7 +14,7 @@ namespace kvtool {
 
 namespace {
 
-// A byte in this pipe means interrupted; it is never read, so the state stays.
+// A byte in this pipe means that a signal has arrived. It is never read, so the state remains.
 int g_interruptPipe[2] = {-1, -1};
 
 extern "C" void OnInterrupt(int) {
