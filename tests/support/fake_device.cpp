@@ -28,7 +28,7 @@ uint16_t Bind(int fd, const std::string& host, uint16_t port) {
 void Wake(int fd) {
     const uint64_t one = 1;
     if (write(fd, &one, sizeof one) != sizeof one) {
-        abort();  // the join that follows would never end
+        abort();  // the following join would never end
     }
 }
 
@@ -61,7 +61,7 @@ Device::~Device() {
 
 void Device::Listen() {
     listener_.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    // As little as a camera has, so that a client is never far ahead of it.
+    // A small buffer like a camera's, so that a client is never far ahead.
     const int room = 65536;
     (void)setsockopt(listener_.Get(), SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
     port_ = Bind(listener_.Get(), address_, port_);

@@ -106,7 +106,7 @@ kvtool::UpgradeTimes TestTimes() {
     return times;
 }
 
-// A byte pattern that repeats nowhere near a read or send size.
+// A byte pattern whose period is no read or send size.
 Bytes Pattern(size_t size) {
     Bytes bytes(size);
     for (size_t i = 0; i < size; ++i) {
@@ -115,7 +115,7 @@ Bytes Pattern(size_t size) {
     return bytes;
 }
 
-// The exit code of `work`, kDone when it ends without a fault.
+// The exit code of `work`, or of the error that it throws.
 ExitCode CodeOf(const std::function<ExitCode()>& work) {
     try {
         return work();
@@ -128,7 +128,7 @@ ExitCode CodeOf(const std::function<ExitCode()>& work) {
 struct Journey {
     std::string host = "127.0.0.1";
     bool follow = true;
-    kvtool::FollowTarget target;  // endpoint and local end come from the session
+    kvtool::FollowTarget target;  // the session sets endpoint and local
     std::string waitedFor;
     std::function<void()> onText;
     kvtool::UpgradeTimes times = TestTimes();
@@ -163,7 +163,7 @@ ExitCode Upgrade(const Device& device, const Bytes& package, kvtool::UpgradeReco
     return code;
 }
 
-// Sizes around the device's reads and the first piece, and a prime.
+// Sizes next to those of the device's reads and of the first piece, and a prime.
 TEST(KvtoolUpgrade, SendsThePackageAndItsTrailerWhole) {
     for (const size_t size : {1U, 4095U, 4097U, 8123U, 1048573U}) {
         const Bytes package = Pattern(size);
@@ -176,7 +176,7 @@ TEST(KvtoolUpgrade, SendsThePackageAndItsTrailerWhole) {
         }
         ASSERT_EQ(Upgrade(device, package, &record, times), ExitCode::kDone) << size;
 
-        // In the session that the heartbeat told.
+        // It carries the session from the heartbeat.
         std::string request =
             kv_test::Frame(0x2002, static_cast<uint32_t>(size) + 37, 1, 0, 0x5A000001);
         request[2] = request[3] = 1;
@@ -215,7 +215,7 @@ TEST(KvtoolUpgrade, TellsFailuresOfTheTransferApart) {
         Millis stall = kLong;
         Millis verify = kLong;
     };
-    // More than a sending socket ever holds (4 MiB), so that a refusal comes before the end.
+    // More than a socket buffers for sending (4 MiB), so that a refusal comes before the end.
     constexpr size_t kLarge = 8 << 20;
     const Case cases[] = {
         {"reset in front of everything", [](Script* s) { s->closeAfter = 0; }, ExitCode::kLost},
@@ -266,7 +266,7 @@ TEST(KvtoolUpgrade, TellsFailuresOfTheTransferApart) {
     }
 }
 
-// A small package is sent whole before a busy device reads any of it; a later acceptance counts.
+// kvtool has sent all of a small package before a busy device reads it. A later acceptance counts.
 TEST(KvtoolUpgrade, BusyThenAcceptedIsAccepted) {
     Script script;
     script.edit = [](uint16_t command, Bytes reply) {
@@ -294,7 +294,7 @@ TEST(KvtoolProtocol, DistrustsReplies) {
         {4, 0x0000, 6},      // another command's reply
         {6, 0x0006, 2},      // not supported
         {7, 0x0006, 0x10},   // another status
-        {12, 0x0006, 1},     // a payload that does not belong
+        {12, 0x0006, 1},     // an unexpected payload
         {13, 0x2003, 0x02},  // more payload than there is
         {16, 0x2003, 2},     // count
         {35, 0x0101, 0},     // a zero in the serial number
@@ -374,7 +374,7 @@ TEST(KvtoolFollow, TellsLeavingStayingAndComingBackApart) {
          ExitCode::kNotSeenAlive},
         {"comes back", [](Journey*, Script* s) { s->backAfter = Millis(200); }, "session is new",
          ExitCode::kBackInRecovery},
-        // Away for less than the time between two looks: the new session gives it away.
+        // Away only between two looks: the new session shows the restart.
         {"blinks", [](Journey*, Script* s) { s->backAfter = Millis(0); }, "session is new",
          ExitCode::kBackInRecovery},
         {"alive", startsApplication, "alive: port", ExitCode::kDone},
@@ -389,7 +389,7 @@ TEST(KvtoolFollow, TellsLeavingStayingAndComingBackApart) {
         EXPECT_EQ(run.Of(device, Pattern(9000)), c.code) << c.what;
         EXPECT_NE(Observed(run.record).find(c.observed), std::string::npos) << c.what << ":\n"
                                                                             << Observed(run.record);
-        EXPECT_EQ(device.Stream().size(), 9037U) << "nothing is sent behind the trailer";
+        EXPECT_EQ(device.Stream().size(), 9037U) << "nothing is sent after the trailer";
     }
 }
 
@@ -408,7 +408,7 @@ TEST(KvtoolFollow, AnOpenPortIsNotEnoughWhenAVersionIsExpected) {
     EXPECT_NE(Observed(run.record).find("alive: port"), std::string::npos) << Observed(run.record);
 }
 
-// A port that was open all the time is no sign of a new life.
+// A port that was open all the time does not show that the application has started.
 TEST(KvtoolFollow, AnOpenPortCountsOnlyAfterItWasClosed) {
     const Device other(Script{});
     Script script;
@@ -432,7 +432,7 @@ TEST(KvtoolFollow, ConcludesNothingFromThisPcsOwnTrouble) {
         {"ip address flush dev pc0", "this PC cannot look: it cannot reach"},
         {"ip link set pc0 down", "pc0 is down"},
         {"ip link set wire down", "pc0 has no link", true},
-        // A neighbour that refuses in the device's name; the address that led there is gone.
+        // Another host refuses in place of the device, and the PC has lost its address.
         {"ip address delete 10.7.0.2/24 dev pc0; ip route add local 10.7.0.2 dev lo",
          "no longer has the address"},
     };
@@ -466,14 +466,14 @@ TEST(KvtoolFollow, FindsItUnderAnotherAddress) {
     run.times.ask = kLong;
     run.target.discoveryPort = responder.Port();
     run.target.mac = kMac;
-    // The port is the one that its reply tells.
+    // The discovery reply names this port.
     Device after(Script{}, 80, "10.7.0.3");
     EXPECT_EQ(run.Of(before, Pattern(100)), ExitCode::kBackInRecovery) << Observed(run.record);
     EXPECT_EQ(run.record.address, "10.7.0.3:80");
     EXPECT_NE(Observed(run.record).find("firmware is PRT7K"), std::string::npos);
 }
 
-// Somebody else has got the address meanwhile.
+// Another device has taken the address in the meantime.
 TEST(KvtoolFollow, AnotherDeviceAtTheAddressIsNotTheDevice) {
     const Link link;
     const fake::Responder responder("10.7.0.2", 0, SearchReply("10.7.0.2", "02:00:5E:10:20:31"));
