@@ -6,13 +6,16 @@
 // on failure, a null argument is a failure, and a failure leaves the output unchanged. Only
 // KV_NET_CheckInternet blocks. Nothing is retried.
 //
+// Nothing in this program calls KV_NET_GetBrocastAddr, KV_NET_GetPptpAddr,
+// KV_NET_DetectRoutingAddr, KV_NET_GetDNS_ex, KV_NET_SetDNS, KV_NET_SetDNS_ex or
+// KV_NET_CheckInternet.
+//
 // They report on standard output, not in the trace log: "socket error" if no socket can be opened,
 // "<function>: ioctl <request> failed" if the kernel refuses.
 //
 //   ifname   only the first 15 characters are used
 //   address  a dotted quad. A setter fails on an invalid one before it changes anything, except
 //            KV_NET_SetGateway.
-//   address  a dotted quad. What is no address makes a setter fail before it changes anything.
 #pragma once
 
 #include <cstddef>
