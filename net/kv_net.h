@@ -68,7 +68,7 @@ int KV_NET_GetGateway(const char* ifname, char* out);
 
 // Deletes the default routes through the gateways of all the interface's gateway routes, then adds
 // one through `gateway`. Returns 0 if the route table could be read, even if a change failed: an
-// invalid `gateway` leaves no default route. Read the gateway back to be sure.
+// invalid `gateway` leaves the interface without a default route. Read the gateway back to be sure.
 int KV_NET_SetGateway(const char* ifname, const char* gateway);
 
 // Looks for a route of the interface whose destination, as a dotted quad, contains `text`, and
