@@ -53,8 +53,8 @@ struct UpgradeFileEntry {
     uint32_t checkCode;
 };
 
-// Reads the header at the file's current position, the start. Returns the number of bytes read.
-// *header changes only if that is kv::kPackageHeaderSize.
+// Reads the header from the file's current position, which must be its start. Returns the number of
+// bytes read. *header changes only if that is kv::kPackageHeaderSize.
 size_t KV_PACKAGE_ReadHeader(FILE* package, UpgradeFileHeader* header);
 
 // Reads entry `index` (from 0). Bytes missing in the file read as zero.
