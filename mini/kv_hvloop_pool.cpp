@@ -21,7 +21,7 @@ constexpr size_t kThreadStackSize = 0x20000;
 
 struct LoopSlot {
     hloop_t* loop;
-    // Kept for the join: libhv's hloop_tid returns a kernel thread ID.
+    // Stored for the join, because libhv's hloop_tid returns a kernel thread ID.
     pthread_t thread;
     // Connections on their way to this loop, not yet counted by hloop_nios.
     std::atomic<uint32_t> pending;

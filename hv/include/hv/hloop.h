@@ -60,12 +60,12 @@ int hloop_run(hloop_t* loop);
 // next hloop_run. From another thread, post an event whose callback stops its own loop; that also
 // works before the loop runs. Returns 0, or -1 for a null loop.
 int hloop_stop(hloop_t* loop);
-// Number of ios on the loop. An io counts no later than hio_attach or hio_read takes it in, until
-// it is detached or closed. Any thread; a snapshot.
+// Number of ios on the loop. An io counts from hio_attach or hio_read at the latest, until it is
+// detached or closed. Any thread; a snapshot.
 uint32_t hloop_nios(hloop_t* loop);
-// Runs ev->cb on the loop's thread, in the order of posting. The event is copied. Each loop holds
-// one spare event for use without memory. If the spare is taken too, the event is lost and the log
-// gets an ERROR. Any thread.
+// Runs ev->cb on the loop's thread, in the order of posting. The event is copied. Each loop has a
+// spare event for when memory runs out. While that is queued, a further event is lost, with an
+// ERROR in the log. Any thread.
 void hloop_post_event(hloop_t* loop, hevent_t* ev);
 
 // Calls `cb` every `timeoutMs` milliseconds, `repeat` times or for ever (INFINITE). The timer is
