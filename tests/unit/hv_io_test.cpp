@@ -3,7 +3,8 @@
 #include <sys/resource.h>
 
 #include <csignal>
-#include <optional>
+#include <memory>
+#include <vector>
 
 #include "hv_test_support.h"
 #include "tests/support/capture.h"
@@ -430,10 +431,11 @@ TEST_F(HvIo, EachLackOfDescriptorsIsReported) {
     const Capture log(2);
     struct rlimit saved {};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    // Both stay: a connection that ends would free a descriptor in the middle of a lack.
+    std::vector<std::unique_ptr<TcpClient>> clients;
     for (size_t round = 1; round <= 2; ++round) {
-        std::optional<TcpClient> client;
         loop_.Do([&] {
-            client.emplace(server_.port);
+            clients.push_back(std::make_unique<TcpClient>(server_.port));
             const int lowestFree = dup(STDERR_FILENO);
             (void)close(lowestFree);
             const struct rlimit none = {static_cast<rlim_t>(lowestFree), saved.rlim_max};
