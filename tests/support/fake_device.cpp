@@ -12,7 +12,7 @@ namespace fake {
 
 namespace {
 
-// Binds and returns the port.
+// Binds the socket and returns its port.
 uint16_t Bind(int fd, const std::string& host, uint16_t port) {
     const int on = 1;
     (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -32,7 +32,7 @@ void Wake(int fd) {
     }
 }
 
-// Waits for input; false when told to stop.
+// Waits for input. Returns false when told to stop.
 bool AwaitInput(int fd, int stop) {
     pollfd entries[2] = {{fd, POLLIN, 0}, {stop, POLLIN, 0}};
     return poll(entries, 2, -1) > 0 && entries[1].revents == 0;
@@ -122,7 +122,7 @@ Device::Next Device::Poll(std::vector<UniqueFd>* clients) {
     return Next::kGoOn;
 }
 
-// kEnd: the connection is over.
+// Returns kEnd when the connection is over.
 Device::Next Device::Command(int fd) {
     Bytes chunk(8192);
     const ssize_t n = recv(fd, chunk.data(), chunk.size(), 0);

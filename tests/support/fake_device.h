@@ -38,7 +38,7 @@ struct Script {
 
 class Device {
   public:
-    // `port` 0: any free one.
+    // `port` 0: any free port.
     explicit Device(Script script, uint16_t port = 0, std::string address = "127.0.0.1");
     ~Device();
     Device(const Device&) = delete;

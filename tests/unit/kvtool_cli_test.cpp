@@ -97,7 +97,7 @@ TEST_F(KvtoolCli, PackKeepsItsInputsAndWritesToAPipe) {
     EXPECT_EQ(output, Read("good"));
 }
 
-TEST_F(KvtoolCli, PacksByRecipeAndTellsOfIt) {
+TEST_F(KvtoolCli, PacksByRecipeAndWritesAManifest) {
     WriteFile(Path("layout"), "# camera\nimage = app = app\nsize = app = 200000\nsensor = 39QX\n");
     std::string output;
     // Paths of a recipe are relative to its folder, not to the current one.
@@ -128,7 +128,7 @@ TEST_F(KvtoolCli, PacksByRecipeAndTellsOfIt) {
         RunTool({"pack", "-o", Path("again"), "--manifest", Path("app"), "app=" + Path("app")}), 2);
 }
 
-TEST_F(KvtoolCli, ToolboxEndsAsDiffDoes) {
+TEST_F(KvtoolCli, ToolboxExitsLikeDiff) {
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("good")}), 0);
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("other")}), 1);
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("none")}), 2);

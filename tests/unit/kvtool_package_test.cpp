@@ -28,7 +28,7 @@ BuildRequest Request(std::vector<kvtool::ImageSpec> images) {
     return {"PRT7K", "38QX", std::move(images), Layout::Default(), false};
 }
 
-// "app" (5 bytes) and "uboot" (3 bytes), every byte written out by hand.
+// "app" (5 bytes) and "uboot" (3 bytes), written out byte by byte.
 Bytes HandMade() {
     Bytes bytes(24 + 512, 0x00);
     bytes.resize(24 + 512 + 65536 + 3, 0xFF);
@@ -73,7 +73,7 @@ TEST(KvtoolPack, GivesTheBytesMadeByHand) {
     EXPECT_TRUE(result.warnings.empty());
 }
 
-TEST(KvtoolPack, PadsOnlyToTheUnitAndNeverBehindTheBootLoader) {
+TEST(KvtoolPack, PadsOnlyToTheUnitAndNeverAfterTheBootLoader) {
     const auto result = kvtool::BuildPackage(Request(
         {{"kernel", Bytes(65536, 1)}, {"rootfs", Bytes(65537, 2)}, {"uboot", Bytes(70000, 3)}}));
     const size_t data = 24 + 3 * 256;
@@ -118,7 +118,7 @@ TEST(KvtoolPack, Refusals) {
     }
     BuildRequest twice = Request({{"app2", Of("x")}});
     twice.layout = Layout({{"app", "/dev/mtd5", 100}, {"app2", "/dev/mtd6", 100}});
-    EXPECT_THROW((void)kvtool::BuildPackage(twice), ToolError) << "name of two rows";
+    EXPECT_THROW((void)kvtool::BuildPackage(twice), ToolError) << "a name that fits two rows";
 
     // Values at the limits are fine.
     const std::string longest = "app" + std::string(124, 'x');
@@ -143,7 +143,7 @@ TEST(KvtoolInspect, ReadsThePackageMadeByHand) {
     EXPECT_EQ(report.entries[1].dataOffset, 0x10218U);
 }
 
-TEST(KvtoolInspect, NamesWhatTheDeviceWouldMakeOfIt) {
+TEST(KvtoolInspect, ReportsWhatTheDeviceWouldDoWithIt) {
     using kvtool::Severity;
     const std::string zero4(4, '\0');
     struct Case {
@@ -255,7 +255,7 @@ TEST(KvtoolExtract, TakesOnlyNamesThatAreFiles) {
     Put(&bytes, 280, std::string("app\0", 4));
     EXPECT_EQ(kvtool::SelectImages(Check(bytes), {}, false)[1].name, "app.1") << "same name";
     bytes.pop_back();
-    EXPECT_THROW((void)kvtool::SelectImages(Check(bytes), {}, false), ToolError) << "cut";
+    EXPECT_THROW((void)kvtool::SelectImages(Check(bytes), {}, false), ToolError) << "truncated";
     EXPECT_NO_THROW((void)kvtool::SelectImages(Check(bytes), {}, true));
 }
 

@@ -124,7 +124,7 @@ ExitCode CodeOf(const std::function<ExitCode()>& work) {
     }
 }
 
-// Everything from connecting to the end of following.
+// Everything from connecting to the last observation.
 struct Journey {
     std::string host = "127.0.0.1";
     bool follow = true;
