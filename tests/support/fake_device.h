@@ -1,5 +1,5 @@
-// A scripted stand-in for a camera in recovery mode. It speaks the command protocol correctly, or
-// with the faults that its script asks for.
+// A scripted stand-in for a camera in recovery mode. It speaks the command protocol over TCP,
+// correctly or with the faults that its script asks for.
 #pragma once
 
 #include <atomic>
@@ -28,8 +28,8 @@ struct Script {
     uint16_t verdictStatus = 0;
     // Changes the reply to a command before it is sent. An empty reply is not sent.
     std::function<Bytes(uint16_t command, Bytes reply)> edit;
-    // After the acceptance the listener and all connections close. With a time, the listener
-    // returns then, as after a restart.
+    // Closes the listener and all connections after acceptance. With backAfter the listener comes
+    // back after that time, as after a restart.
     bool leaves = false;
     std::optional<milliseconds> backAfter;
     // After the verdict it sends busy replies for ever.

@@ -311,7 +311,7 @@ TEST(KvtoolVerify, ExpectsWhatTheWriterLeaves) {
         EXPECT_EQ(verdict.difference.count, 1U);
     }
 
-    // The boot loader on three devices: 100,000 bytes that differ from each other.
+    // The boot loader spans three devices. Its 100,000 bytes are not all equal.
     Bytes image(100000);
     for (size_t i = 0; i < image.size(); ++i) {
         image[i] = static_cast<uint8_t>(i * 7 + i / 251);
@@ -383,7 +383,7 @@ TEST(KvtoolLayout, FilesAreReadAsPeopleWriteThem) {
 TEST(KvtoolText, ForeignBytesCannotReachATerminal) {
     EXPECT_EQ(kvtool::Printable("a\x1B[2J\\\xFF"), "a\\x1B[2J\\x5C\\xFF");
     EXPECT_EQ(kvtool::Printable("gr\u00fcn \U0001F4F7"), "gr\u00fcn \U0001F4F7");
-    EXPECT_EQ(kvtool::Printable("\u202E"), "\\xE2\\x80\\xAE") << "direction";
+    EXPECT_EQ(kvtool::Printable("\u202E"), "\\xE2\\x80\\xAE") << "text direction";
     EXPECT_EQ(kvtool::Printable("\u009B"), "\\xC2\\x9B") << "8-bit control character";
     for (const char* wrong : {"\xC0\xAF", "\xED\xA0\x80", "\xE2\x82", "\xF4\x90\x80\x80"}) {
         EXPECT_EQ(kvtool::Printable(wrong).substr(0, 2), "\\x") << wrong;
