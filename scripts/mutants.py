@@ -46,9 +46,10 @@ class RuleError(Exception):
     pass
 
 
-def read_rules():
+def read_rules(module, name):
+    """The rules of that module and name, or all, each seen to fit the sources."""
     mutants = []
-    for path in sorted(RULES.glob("*.toml")):
+    for path in sorted(RULES.glob(f"{module or '*'}.toml")):
         rules = tomllib.loads(path.read_text())
         for entry in rules["mutant"]:
             entry = {"tests": rules.get("tests", []), **entry}
@@ -56,6 +57,9 @@ def read_rules():
                 mutants.append(Mutant(module=path.stem, **entry))
             except TypeError as error:
                 raise RuleError(f"{path.name}: {entry.get('name', '?')}: {error}") from error
+    mutants = [mutant for mutant in mutants if (name or "") in mutant.name]
+    if not mutants:
+        raise RuleError("no rule of that name")
     seen = set()
     for mutant in mutants:
         where = f"{mutant.module}: {mutant.name}"
@@ -145,10 +149,10 @@ class Bench:
             if "[  PASSED  ] 0 tests" in text or "Running 0 tests" in text:
                 raise RuleError(f"{test}: selects no test")
             return []
-        failed = re.findall(r"^\[  FAILED  \] (\S+?)(?:,.*)? \(\d+ ms\)$", text, re.MULTILINE)
+        failed = re.findall(r"\[  FAILED  \] (\S+?)(?:,.*)? \(\d+ ms\)$", text, re.MULTILINE)
         if failed:
             return list(dict.fromkeys(failed))
-        begun = re.findall(r"^\[ RUN      \] (\S+)$", text, re.MULTILINE)
+        begun = re.findall(r"\[ RUN      \] (\S+)$", text, re.MULTILINE)
         how = "does not end" if status is None else f"ends with {status}"
         return [f"{begun[-1] if begun else program} ({how})"]
 
@@ -244,12 +248,9 @@ def main():
     options = parser.parse_args()
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     try:
-        mutants = [m for m in read_rules()
-                   if options.module in (None, "", m.module) and (options.name or "") in m.name]
+        mutants = read_rules(options.module, options.name)
         if options.check:
             return 0
-        if not mutants:
-            raise RuleError("no rule of that name")
         return 0 if try_all(mutants, options) >= GOAL else 1
     except RuleError as error:
         print(f"mutants: {error}", file=sys.stderr)
