@@ -4,7 +4,7 @@ JOBS ?= $(shell expr 2 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build arm size tests-build demo demo-ladder bench bench-discovery board board-shell test unit \
+.PHONY: help setup build arm size tests-build demo demo-ladder bench bench-discovery board board-shell test unit mutants \
         lint format sanitize packaging-check install clean
 
 help: ## List the targets
@@ -48,6 +48,9 @@ test: tests-build ## Run all unit and system tests
 
 unit: tests-build ## Run the unit tests only
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS) -L unit
+
+mutants: setup ## Break the programs on purpose and see which tests notice (MODULE=, NAME=; docs/testing.md)
+	@scripts/mutants.py --module "$(MODULE)" --name "$(NAME)"
 
 lint: tests-build ## Check format (clang-format), code (clang-tidy), scripts (shellcheck), man pages, packaging
 	@scripts/lint.sh

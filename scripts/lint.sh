@@ -11,6 +11,8 @@ echo "lint: man pages"
 scripts/check_man.sh
 echo "lint: packaging"
 scripts/check_packaging.sh
+echo "lint: mutants"
+scripts/mutants.py --check
 # For clang -Wconversion includes signs, for the compiler of the build it does not.
 echo "lint: clang-tidy"
 git ls-files '*.cpp' | xargs -P "$(nproc)" -n 2 clang-tidy -quiet -p build/dev --extra-arg=-Wno-sign-conversion 2>/dev/null
