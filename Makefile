@@ -4,37 +4,53 @@ JOBS ?= $(shell expr 2 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build arm size tests-build demo demo-ladder bench bench-discovery board board-shell test unit mutants \
-        lint format sanitize packaging-check install clean
+.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-ladder bench bench-discovery board \
+        board-shell test unit mutants lint format sanitize packaging-check install deb clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
 
-setup: ## Install the missing Debian packages (scripts/packages.txt)
-	@scripts/setup.sh
+setup: ## Install what build, test, demo and lint lack (lists of Debian packages: scripts/packages/)
+	@scripts/setup.sh build vboard scripts test lint
 
-build: setup ## Build the device program and the PC tools into build/bin
+build: ## Build the device program and the PC tools into build/bin
+	@scripts/setup.sh build
 	@scripts/build.sh release
 
-arm: setup ## Build the device program for ARM, dynamic and static, into build/arm
+arm: ## Build the device program for ARM, dynamic and static, into build/arm
 	@scripts/build_arm.sh
 
+kvtool-static: ## Build kvtool as one file that runs on any Linux of this machine's kind, into build/kvtool-static/bin
+	@scripts/setup.sh build
+	@scripts/build.sh kvtool-static
+	@scripts/check_static.sh
+
+clang: ## Build everything with clang, whose warnings are errors as well; nothing is run
+	@scripts/setup.sh build test clang
+	@scripts/build.sh clang
+
 size: build ## Show what takes the space in the device program; fails when it grew (UPDATE=1 writes the figures)
+	@scripts/setup.sh scripts
 	@scripts/size.sh $(if $(UPDATE),--update)
 
-tests-build: build
+tests-build: build ## Build the tests, and all programs once more for debugging, into build/dev
+	@scripts/setup.sh vboard scripts test
 	@scripts/build.sh dev
 
 demo: build ## Watch a dead camera come back: recovery, upgrade, reboot (under a minute)
+	@scripts/setup.sh vboard scripts
 	@scripts/demo.sh
 
 demo-ladder: build ## Watch a silent application: restart, reboot, recovery (under a minute)
+	@scripts/setup.sh vboard scripts
 	@scripts/demo_ladder.sh
 
 bench: build ## Measure an upload against socat on the same virtual link
+	@scripts/setup.sh vboard scripts bench
 	@scripts/bench_upload.sh
 
 bench-discovery: build ## Compare the rate of discovery answers with a bare UDP echo's
+	@scripts/setup.sh vboard scripts
 	@scripts/bench_discovery.sh
 
 board: build ## Try the program on an emulated ARM board with a real kernel (3 minutes; docs/board.md)
@@ -49,23 +65,34 @@ test: tests-build ## Run all unit and system tests
 unit: tests-build ## Run the unit tests only
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS) -L unit
 
-mutants: setup ## Break the programs on purpose and see which tests notice (MODULE=, NAME=; docs/testing.md)
+mutants: ## Break the programs on purpose and see which tests notice (MODULE=, NAME=; docs/testing.md)
+	@scripts/setup.sh build vboard scripts test
 	@scripts/mutants.py --module "$(MODULE)" --name "$(NAME)"
 
-lint: tests-build ## Check format (clang-format), code (clang-tidy), scripts (shellcheck), man pages, packaging
+lint: tests-build ## Check format, code, scripts, texts, man pages, packaging; print the tests' share of the code
+	@scripts/setup.sh lint
 	@scripts/lint.sh
 
 packaging-check: build ## Check the recipes and scripts of packaging/ and what they install
+	@scripts/setup.sh vboard scripts lint
 	@scripts/check_packaging.sh
 
-format: setup ## Format all C++ files in place
+format: ## Format all C++ files in place
+	@scripts/setup.sh lint
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
-sanitize: setup ## Run the unit tests under ASan + UBSan and under TSan
+sanitize: ## Run the unit tests under ASan + UBSan and under TSan
+	@scripts/setup.sh build vboard scripts test
 	@scripts/sanitize.sh
 
-install: build ## Install into DESTDIR and PREFIX (/usr/local); COMPONENT=device, tools or doc for a part
-	@DESTDIR="$(DESTDIR)" cmake --install build/release --prefix "$(PREFIX)" $(if $(COMPONENT),--component $(COMPONENT))
+install: build ## Install; with DESTDIR, PREFIX (/usr/local), COMPONENT (device, tools, doc), INIT (busybox, systemd)
+	@cmake -DKV_INIT=$(or $(INIT),none) build/release >/dev/null
+	@DESTDIR="$(DESTDIR)" cmake --install build/release --prefix "$(PREFIX)" \
+	        $(if $(COMPONENT),--component $(COMPONENT))
+
+deb: build ## Make Debian packages of the PC tools and the documents, held against lintian, in build/deb
+	@scripts/setup.sh deb
+	@scripts/deb.sh
 
 clean: ## Remove the build folder
 	@rm -rf build

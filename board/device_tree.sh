@@ -22,7 +22,7 @@ fdtput -t x "$dtb" $partitions '#address-cells' 1
 fdtput -t x "$dtb" $partitions '#size-cells' 1
 
 # fdtput puts each new node in front of the others and the kernel numbers them as they stand: the last one first.
-sed 's/#.*//' "$here/partitions.txt" |
+sed 's/#.*//' "$here/../common/partitions.txt" |
     awk 'NF { printf "%s %d %d\n", $1, start, $2 * 1024; start += $2 * 1024 }' |
     tac |
     while read -r label start size; do

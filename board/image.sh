@@ -1,7 +1,7 @@
 #!/bin/bash
 # image.sh OUT PROGRAMS: makes what the emulated board boots, in the folder OUT: kernel, device tree (board.dtb) and
-# root file system (initramfs). PROGRAMS is a folder with static/upgradeMain and dynamic/upgradeMain. Packages come from the
-# cache; a filled cache needs no network.
+# root file system (initramfs). PROGRAMS is a folder with static/upgradeMain and dynamic/upgradeMain. Packages come from
+# the cache; a filled cache needs no network.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)

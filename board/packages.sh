@@ -1,6 +1,6 @@
 #!/bin/bash
-# Fetches and unpacks the armhf packages of packages.txt and the kernel. Prints their folder, and the kernel's version. Needs
-# no network once the cache is filled.
+# Fetches and unpacks the armhf packages of packages.txt and the kernel. Prints their folder, and the kernel's version.
+# Needs no network once the cache is filled.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)

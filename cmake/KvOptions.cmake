@@ -3,6 +3,8 @@ add_library(kv_options INTERFACE)
 target_include_directories(kv_options INTERFACE "${PROJECT_SOURCE_DIR}")
 # Results that are ignored on purpose carry a (void), which GCC does not take for an answer.
 target_compile_options(kv_options INTERFACE -Wall -Wextra -Wshadow -Wconversion -Wno-unused-result)
+# For GCC -Wconversion leaves signs out in C++, for clang it does not.
+target_compile_options(kv_options INTERFACE $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion>)
 if(KV_WERROR)
     target_compile_options(kv_options INTERFACE -Werror)
 endif()

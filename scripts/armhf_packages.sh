@@ -55,7 +55,8 @@ fetch_missing() { # PACKAGE...
     echo "armhf_packages: reading the package lists of armhf (about 10 MB the first time)" >&2
     quiet_apt update || echo "armhf_packages: some lists are missing; trying with those that are there" >&2
     uris=$(apt-get download --print-uris "${missing[@]}") || die "not to be had: ${missing[*]}"
-    awk '{ bytes += $3 } END { printf "armhf_packages: downloading %d packages, %.1f MB\n", NR, bytes / 1e6 }' <<<"$uris" >&2
+    awk '{ bytes += $3 }
+        END { printf "armhf_packages: downloading %d packages, %.1f MB\n", NR, bytes / 1e6 }' <<<"$uris" >&2
     (
         cd "$apt/cache/archives/partial"
         quiet_apt download "${missing[@]}" || die "not downloaded: ${missing[*]}"

@@ -8,11 +8,10 @@ cache=${KV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/upgrademain}
 out=$PWD/build/board
 
 if [ ! -d "$cache/board-packages" ]; then
-    echo "board: the first run fetches about 130 MB: an emulator and a cross compiler as packages of this system, and ARM"
-    echo "board: packages into $cache, where they stay for the next run"
+    echo "board: the first run fetches about 130 MB: an emulator and a cross compiler as packages of this system, and"
+    echo "board: ARM packages into $cache, where they stay for the next run"
 fi
-scripts/setup.sh packages-arm.txt
-scripts/setup.sh packages-board.txt
+scripts/setup.sh build arm board scripts
 scripts/arm_sysroot.sh >/dev/null
 board/packages.sh >/dev/null
 [ "$1" != fetch ] || exit 0

@@ -4,7 +4,7 @@
 set -eu
 
 cd "$(dirname "$0")/.."
-scripts/setup.sh packages-arm.txt
+scripts/setup.sh build arm
 scripts/arm_sysroot.sh >/dev/null
 for kind in dynamic static; do
     case $kind in

@@ -1,7 +1,7 @@
 #!/bin/bash
-# What packaging/ promises, as far as it can be held to it without the distributions: the recipes are read by make and by a
-# Kconfig parser, with stand-ins for what their distribution provides, and their install steps are run on the build in
-# build/release; the unit goes through systemd's own check where that is installed; the scripts run in a sandbox.
+# What packaging/ promises, as far as it can be held to it without the distributions: the recipes are read by make and
+# by a Kconfig parser, with stand-ins for what their distribution provides, and their install steps are run on the build
+# in build/release; the unit goes through systemd's own check where that is installed; the scripts run in a sandbox.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -22,14 +22,31 @@ expect() { # WHAT DIR FILE...: DIR holds exactly these files
 
 # Three components, and the device's is the daemon alone.
 install_component() { # COMPONENT
-    DESTDIR=$work/$1 cmake --install build/release --prefix /usr --component "$1" >"$work/log" || die "$(cat "$work/log")"
+    DESTDIR=$work/$1 cmake --install build/release --prefix /usr --component "$1" \
+        >"$work/log" 2>&1 || die "$(cat "$work/log")"
 }
+# With a start file it brings what that names, below the prefix.
+for init in busybox systemd none; do
+    cmake -DKV_INIT="$init" build/release >"$work/log" || die "$(cat "$work/log")"
+    DESTDIR=$work/$init cmake --install build/release --prefix /opt --component device >"$work/log" ||
+        die "$(cat "$work/log")"
+done
+expect "INIT=busybox" "$work/busybox" opt/sbin/upgradeMain opt/sbin/upgrade_prepare.sh etc/init.d/S50upgrademain
+expect "INIT=systemd" "$work/systemd" opt/sbin/upgradeMain opt/sbin/upgrade_prepare.sh \
+    opt/lib/systemd/system/upgrademain.service opt/lib/systemd/system.conf.d/upgrademain.conf
+grep -qx PROGRAM=/opt/sbin/upgradeMain "$work/busybox/etc/init.d/S50upgrademain" || die "S50upgrademain: no prefix"
+grep -qx ExecStart=/opt/sbin/upgradeMain "$work/systemd/opt/lib/systemd/system/upgrademain.service" ||
+    die "upgrademain.service: no prefix"
+rm -r "$work/systemd"
 for component in device tools doc; do
     install_component "$component"
 done
 expect "component device" "$work/device" usr/sbin/upgradeMain
-expect "component tools" "$work/tools" usr/bin/kvtool usr/bin/vboard usr/libexec/upgrademain/cameraMain
-for file in man/man8/upgradeMain.8 man/man1/kvtool.1 man/man1/vboard.1 doc/upgradeMain/docs/porting.md \
+expect "component tools" "$work/tools" usr/bin/kvtool usr/bin/vboard usr/libexec/upgrademain/cameraMain \
+    usr/share/man/man1/kvtool.1 usr/share/man/man1/vboard.1
+! said=$(install_component unknown 2>&1) || die "an unknown component is no error"
+[[ $said == *"device, doc, tools"* ]] || die "an unknown component: the valid ones are not named, but: $said"
+for file in man/man8/upgradeMain.8 doc/upgradeMain/docs/porting.md \
     upgrademain/scripts/startapp.sh; do
     [ -f "$work/doc/usr/share/$file" ] || die "component doc lacks share/$file"
 done
@@ -53,8 +70,8 @@ $(UPGRADEMAIN_SITE)/%:
 	@$(UPGRADEMAIN_$*)
 END
 buildroot() { # TARGET-DIR GOAL
-    make -s -f "$work/buildroot.mk" --warn-undefined-variables TOP="$top" TARGET_DIR="$work/$1" "$2" >"$work/log" 2>&1 ||
-        die "Buildroot's recipe: $(cat "$work/log")"
+    make -s -f "$work/buildroot.mk" --warn-undefined-variables TOP="$top" TARGET_DIR="$work/$1" "$2" \
+        >"$work/log" 2>&1 || die "Buildroot's recipe: $(cat "$work/log")"
     grep -q warning "$work/log" && die "Buildroot's recipe: $(cat "$work/log")"
     cat "$work/log"
 }
@@ -81,11 +98,12 @@ printf '%s\n' 'define BuildPackage' '$(if $(Package/$(1)),,$(error Package/$(1) 
     'install:' '	$(call Package/upgrademain/install,$(WORK)/openwrt/target)' >"$work/include/package.mk"
 : >"$work/include/cmake.mk"
 openwrt() { # GOAL
-    make -s -C packaging/openwrt/upgrademain --no-print-directory WORK="$work" TOPDIR="$work" INCLUDE_DIR="$work/include" \
-        "$1" 2>&1 || die "OpenWrt's recipe fails at $1"
+    make -s -C packaging/openwrt/upgrademain --no-print-directory WORK="$work" TOPDIR="$work" \
+        INCLUDE_DIR="$work/include" "$1" 2>&1 || die "OpenWrt's recipe fails at $1"
 }
 mkdir "$work/source"
-git ls-files -z --cached --others --exclude-standard | tar -C "$top" --null --files-from=- -cf - | tar -C "$work/source" -xf -
+git ls-files -z --cached --others --exclude-standard | tar -C "$top" --null --files-from=- -cf - |
+    tar -C "$work/source" -xf -
 mkdir "$work/source/build"
 UPGRADEMAIN_SRC=$work/source openwrt prepare
 [ -f "$work/openwrt/build/CMakeLists.txt" ] || die "OpenWrt's recipe copies no sources"
@@ -99,7 +117,8 @@ expect "OpenWrt's recipe" "$work/openwrt/target" usr/sbin/upgradeMain usr/sbin/u
 # shellcheck disable=SC2046 # one word an option
 cmake -G Ninja -S "$work/openwrt/build" -B "$work/configured" $(openwrt options) >"$work/log" 2>&1 ||
     die "the recipes' options do not configure: $(cat "$work/log")"
-grep -q 'not used by the project' "$work/log" && die "the recipes set what the project does not know: $(cat "$work/log")"
+! grep -q 'not used by the project' "$work/log" ||
+    die "the recipes set what the project does not know: $(cat "$work/log")"
 
 # systemd.
 if command -v systemd-analyze >/dev/null; then

@@ -36,5 +36,6 @@ board exec -- "$bin/kvtool" discover --timeout 2 | tee "$work/found"
 grep -q '^1 found$' "$work/found"
 
 say "Timeline, in seconds of the board's clock"
+board status --json >"$work/status.json"
 board stop
-scripts/ladder_times.py "$state" "$speed"
+scripts/ladder_times.py "$state" "$speed" "$work/status.json"

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""ladder_times.py STATE SPEED: prints the timeline of a permanent silence from the logs of a stopped board, and ends
-with 1 when a step came at another time than the supervisor promises: at the first of its checks, 3 s apart, at which
-the silence is longer than 5 s (offline) or 120 s (restart, and again 60 s later reboot or recovery)."""
+"""ladder_times.py STATE SPEED STATUS: prints the timeline of a permanent silence from the logs of a stopped board and
+the file STATUS, its last `vboard status --json`. Ends with 1 when a step came at another time than the supervisor
+promises: at the first of its checks, 3 s apart, at which the silence is longer than 5 s (offline) or 120 s (restart,
+and again 60 s later reboot or recovery)."""
 import datetime
 import json
 import re
@@ -19,8 +20,8 @@ def main():
     for boot in (1, 2):
         with open(f"{state}/boot-{boot}/trace.log", errors="replace") as trace:
             lines = [entry for entry in map(parse, trace) if entry]
-        # The clock of a boot's trace is its own; the devices' goes through, and the supervisor's first act on both is to
-        # open the watchdog.
+        # The clock of a boot's trace is its own; the devices' goes through, and the supervisor's first act on both is
+        # to open the watchdog.
         lines = [(at - lines[0][0] + opened[boot], text) for at, text in lines]
         start = last_beat(lines)
         checks = [(at, int(text.rsplit(" ", 1)[1])) for at, text in lines if "cameraMain off time = " in text]
@@ -46,7 +47,8 @@ def main():
         wrong = wrong or not good
         print(f"{what:32} {passed:8.0f}  {since:6.0f} {after:4}…{after + TICK:<4} {'' if good else '  WRONG'}")
 
-    gap = largest_feed_gap(f"{state}/ops.jsonl")
+    with open(sys.argv[3]) as status:
+        gap = json.load(status)["watchdog"]["largestGap"]
     print(f"largest gap between two feeds of the watchdog: {gap:.1f} s; it would bite at 30 s")
     print(f"rounding and a busy host may add {lag:.0f} s to a step")
     print("\nThe ladder was climbed as promised." if not wrong else "\nA step came at the wrong time.")
@@ -78,17 +80,6 @@ def watchdog_opened(name):
             if operation["op"] == "open" and operation["dev"] == "watchdog":
                 times[operation["boot"]] = operation["board"]
     return times
-
-
-def largest_feed_gap(name):
-    largest, last = 0.0, {}
-    with open(name) as log:
-        for operation in map(json.loads, log):
-            if operation["op"] == "ioctl:KEEPALIVE":
-                boot, now = operation["boot"], operation["board"]
-                largest = max(largest, now - last.get(boot, now))
-                last[boot] = now
-    return largest
 
 
 main()

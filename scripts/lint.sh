@@ -1,19 +1,28 @@
 #!/bin/sh
-# Format, shell scripts, man pages, packaging, static analysis; the first that finds something fails the run.
+# Format, shell scripts, texts, man pages, packaging, the tests' share, static analysis; the first that finds something
+# fails the run.
 set -eu
 
 cd "$(dirname "$0")/.."
+# In percent; lower it when the share has sunk.
+tests_ceiling=34.2
+
 echo "lint: clang-format"
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 echo "lint: shellcheck"
 { git grep -lE '^#!/(usr/)?bin/(env )?(ba)?sh' -- . ; git ls-files "*.bash"; } | xargs shellcheck -x
+echo "lint: texts"
+scripts/check_text.py
 echo "lint: man pages"
 scripts/check_man.sh
 echo "lint: packaging"
 scripts/check_packaging.sh
 echo "lint: mutants"
 scripts/mutants.py --check
+echo "lint: share of the tests"
+scripts/code_share.py "$tests_ceiling"
 # For clang -Wconversion includes signs, for the compiler of the build it does not.
 echo "lint: clang-tidy"
-git ls-files '*.cpp' | xargs -P "$(nproc)" -n 2 clang-tidy -quiet -p build/dev --extra-arg=-Wno-sign-conversion 2>/dev/null
+git ls-files '*.cpp' | xargs -P "$(nproc)" -n 2 \
+    clang-tidy -quiet -p build/dev --extra-arg=-Wno-sign-conversion 2>/dev/null
 echo "lint: clean"

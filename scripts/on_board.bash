@@ -1,7 +1,6 @@
 # For scripts that show or measure something on a virtual board of their own; they source this file in the repository's
-# folder. Gives $bin, the programs; $work, a folder that goes with the script; $state, the board's state in it; and the functions
-# below.
-# shellcheck shell=bash
+# folder. Gives $bin, the programs; $work, a folder that goes with the script; $state, the board's state in it; and the
+# functions below. shellcheck shell=bash
 
 bin=$PWD/build/bin
 work=$(mktemp -d "${TMPDIR:-/tmp}/kv-board-XXXXXX")

@@ -1,39 +1,69 @@
-#!/bin/sh
-# setup.sh [LIST]: installs the packages of LIST (packages.txt) that are missing: as root, or through sudo. Needs no network
-# when nothing is missing.
-set -eu
+#!/bin/bash
+# setup.sh LIST...: sees to it that what the lists scripts/packages/LIST.txt name is there. A Debian package counts as
+# missing when one of its probes fails, wherever the thing came from; only then apt is asked, as root or through sudo.
+# Without apt or without root the missing things are named, and the exit status is 1.
+#
+#   command:NAME   a program in PATH or in the folders of the system's programs
+#   header:NAME    a header that the C++ compiler (CXX, or c++) finds
+#   library:NAME   a library that pkg-config knows
+#   python:NAME    a module of /usr/bin/python3
+#   file:PATTERN   a file
+set -euo pipefail
 
-list=$(dirname "$0")/${1:-packages.txt}
-wanted=$(sed 's/#.*//' "$list")
+cd "$(dirname "$0")/packages"
+# An ordinary user's PATH may lack these, and so would the search for udhcpc or depmod.
+PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin
 
-if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
-    # shellcheck disable=SC2086 # one word a package
-    echo "setup: this system has no apt; please install what corresponds to these Debian packages:" $wanted >&2
+there() { # PROBE
+    local what=${1#*:}
+    case $1 in
+        command:*) command -v "$what" ;;
+        header:*) echo "#include <$what>" | "${CXX:-c++}" -std=c++17 -E -x c++ - ;;
+        library:*) pkg-config --exists "$what" ;;
+        python:*) /usr/bin/python3 -c "import $what" ;;
+        file:*) compgen -G "$what" ;;
+        *) echo "setup: no such probe: $1" >&2 && exit 2 ;;
+    esac >/dev/null 2>&1
+}
+
+find_missing() { # LIST...: sets `packages` and `failures`
+    local list package probes probe
+    packages=() failures=()
+    for list in "$@"; do
+        [ -f "$list.txt" ] || { echo "setup: no list $list.txt in $PWD" >&2 && exit 2; }
+        while read -r package probes; do
+            for probe in $probes; do
+                there "$probe" || {
+                    packages+=("$package")
+                    failures+=("$package ($probe)")
+                    break
+                }
+            done
+        done < <(sed 's/#.*//; /^ *$/d' "$list.txt")
+    done
+}
+
+find_missing "$@"
+[ ${#packages[@]} -gt 0 ] || exit 0
+
+as_root=()
+if ! command -v apt-get >/dev/null; then
+    echo "setup: this system has no apt; please install what corresponds to these Debian packages: ${failures[*]}" >&2
     exit 1
+elif [ "$(id -u)" != 0 ]; then
+    command -v sudo >/dev/null || {
+        echo "setup: not root and no sudo; please have these packages installed: ${failures[*]}" >&2
+        exit 1
+    }
+    as_root=(sudo)
 fi
 
-missing=
-for package in $wanted; do
-    case $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true) in
-        installed) ;;
-        *) missing="$missing $package" ;;
-    esac
-done
-[ -n "$missing" ] || exit 0
-
-if [ "$(id -u)" = 0 ]; then
-    as_root=
-elif command -v sudo >/dev/null; then
-    as_root=sudo
-else
-    echo "setup: not root and no sudo; please have these packages installed:$missing" >&2
-    exit 1
-fi
-
-echo "setup: installing$missing"
+echo "setup: installing ${packages[*]}"
 export DEBIAN_FRONTEND=noninteractive
-# shellcheck disable=SC2086 # lists of words
-{
-    $as_root apt-get update -q
-    $as_root apt-get install -q -y --no-install-recommends $missing
+"${as_root[@]}" apt-get update -q
+"${as_root[@]}" apt-get install -q -y --no-install-recommends "${packages[@]}"
+find_missing "$@"
+[ ${#packages[@]} -eq 0 ] || {
+    echo "setup: installed, but still not found: ${failures[*]}" >&2
+    exit 1
 }

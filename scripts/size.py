@@ -19,8 +19,9 @@ BUILDS = {
     "armhf": ("armhf", "build/arm/dynamic/upgradeMain", "build/armhf", "arm-linux-gnueabihf-"),
     "armhf-static": ("armhf-static", "build/arm/static/upgradeMain", "build/armhf-static", "arm-linux-gnueabihf-"),
 }
-HEADER = """# Bytes of code, constants and initialised data (text + data of size(1)) of the device program, as Debian 12's compilers
-# build it. `make size` fails when a build is more than 5 % above its figure. When the growth is wanted, write the new
+HEADER = """\
+# Bytes of code, constants and initialised data (text + data of size(1)) of the device program, built by Debian 12's
+# compilers. `make size` fails when a build is more than 5 % above its figure. When the growth is wanted, write the new
 # figures with `make size UPDATE=1` and tell in the commit what they buy.
 """
 
@@ -94,8 +95,8 @@ def main():
             out.write(HEADER + "".join(f"{name} {size}\n" for name, size in sorted(figures.items())))
         print(f"{FIGURES} written")
     if too_large:
-        sys.exit(f"size: more than 5 % above the figure, or without one: {', '.join(too_large)}. Find out what came in; if it is wanted, "
-                 f"write the new figure with make size UPDATE=1 and commit it with the change.")
+        sys.exit(f"size: more than 5 % above the figure, or without one: {', '.join(too_large)}. Find out what came "
+                 f"in; if it is wanted, write the new figure with make size UPDATE=1 and commit it with the change.")
 
 
 main()

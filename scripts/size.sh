@@ -5,11 +5,11 @@ set -eu
 
 cd "$(dirname "$0")/.."
 builds=host
-if scripts/setup.sh packages-arm.txt && scripts/arm_sysroot.sh >/dev/null; then
+if scripts/setup.sh arm && scripts/arm_sysroot.sh >/dev/null; then
     scripts/build_arm.sh
     builds="host armhf armhf-static"
 else
-    echo "SKIPPED: the ARM builds were not measured: no cross compiler or no ARM libraries, and no network to fetch them" >&2
+    echo "SKIPPED: the ARM builds were not measured: no cross compiler or no ARM libraries, and no network for them" >&2
 fi
 # shellcheck disable=SC2086 # a list of words
 exec scripts/size.py "$@" $builds

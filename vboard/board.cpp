@@ -23,12 +23,14 @@ namespace vboard {
 
 using nlohmann::json;
 
-static constexpr char kPowerOn[] = "power-on";
-static constexpr char kStopped[] = "stopped";
-// The application's partition, which the platform unpacks at boot.
-static constexpr char kAppPartition[] = "mtd5";
+namespace {
 
-static std::string UsableProgram(const std::string& name) {
+constexpr char kPowerOn[] = "power-on";
+constexpr char kStopped[] = "stopped";
+// The application's partition, which the platform unpacks at boot.
+constexpr char kAppPartition[] = "mtd5";
+
+std::string UsableProgram(const std::string& name) {
     std::error_code missing;
     std::string path = std::filesystem::canonical(name, missing);
     if (missing || access(path.c_str(), X_OK) != 0 || !std::filesystem::is_regular_file(path)) {
@@ -38,7 +40,7 @@ static std::string UsableProgram(const std::string& name) {
 }
 
 // The runner's signals are read from a descriptor; threads made later inherit the mask.
-static UniqueFd BlockSignals() {
+UniqueFd BlockSignals() {
     sigset_t set;
     (void)sigemptyset(&set);
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) {
@@ -48,6 +50,24 @@ static UniqueFd BlockSignals() {
     (void)signal(SIGPIPE, SIG_IGN);
     return UniqueFd(signalfd(-1, &set, SFD_CLOEXEC));
 }
+
+// The child's side of the clone, up to its exec: async-signal-safe calls only.
+[[noreturn]] void BecomeInit(const Console& console, int socket) {
+    ResetSignals();
+    const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    (void)dup2(null, STDIN_FILENO);
+    (void)dup2(console.ConsoleEnd(), STDOUT_FILENO);
+    (void)dup2(console.TraceEnd(), STDERR_FILENO);
+    if (socket == kInitSocket) {
+        (void)fcntl(socket, F_SETFD, 0);
+    } else {
+        (void)dup2(socket, kInitSocket);
+    }
+    (void)execl("/proc/self/exe", "vboard", "__init", nullptr);
+    _exit(kExitFailed);
+}
+
+}  // namespace
 
 Board::Board(const BoardOptions& options, const StateDir& state)
     : options_(options), state_(state), network_(options.network, state) {
@@ -88,22 +108,6 @@ int Board::Run() {
     loop_.Run();
     control_.reset();
     return exitStatus_;
-}
-
-// The child's side of the clone, up to its exec: async-signal-safe calls only.
-[[noreturn]] static void BecomeInit(const Console& console, int socket) {
-    ResetSignals();
-    const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    (void)dup2(null, STDIN_FILENO);
-    (void)dup2(console.ConsoleEnd(), STDOUT_FILENO);
-    (void)dup2(console.TraceEnd(), STDERR_FILENO);
-    if (socket == kInitSocket) {
-        (void)fcntl(socket, F_SETFD, 0);
-    } else {
-        (void)dup2(socket, kInitSocket);
-    }
-    (void)execl("/proc/self/exe", "vboard", "__init", nullptr);
-    _exit(kExitFailed);
 }
 
 void Board::StartBoot(const std::string& reason) {
@@ -324,7 +328,8 @@ json Board::Status() {
               {"armed", watchdog.armed},
               {"timeout", watchdog.timeoutSeconds},
               {"sinceFeed", watchdog.secondsSinceFeed},
-              {"feeds", watchdog.feeds}}},
+              {"feeds", watchdog.feeds},
+              {"largestGap", watchdog.largestGapSeconds}}},
             {"network", network_.Describe()},
             {"button", buttonHolder_ >= 0 ? "pressed" : "released"},
             {"runnerPid", getpid()},

@@ -1,6 +1,7 @@
 #include "vboard/boot.h"
 
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -20,33 +21,36 @@
 #include "vboard/process.h"
 #include "vboard/rootfs.h"
 
-// From <linux/capability.h>, which needs no library for its numbers.
-#include <linux/capability.h>
-
 namespace vboard {
 
-static constexpr char kScripts[] = "/opt/board/bin/";
-static constexpr std::chrono::nanoseconds kShutdownTime = std::chrono::seconds(3);
+namespace {
 
-std::vector<std::string> BoardEnvironment(int speed) {
-    std::vector<std::string> environment = {"PATH=/opt/board/bin:/usr/sbin:/usr/bin:/sbin:/bin",
-                                            "HOME=/root", "USER=root", "TERM=linux"};
-    if (speed != 1) {
-        // A year back, because the kernel stamps what it receives with the host's time, and nothing
-        // may have been received before it was sent.
-        environment.insert(environment.end(),
-                           {"LD_PRELOAD=" + ClockLibrary(),
-                            "FAKETIME=-1y x" + std::to_string(speed), "NO_FAKE_STAT=1"});
-    }
-    return environment;
-}
+constexpr char kScripts[] = "/opt/board/bin/";
+constexpr std::chrono::nanoseconds kShutdownTime = std::chrono::seconds(3);
 
-static void Say(const std::string& text) {
+void Say(const std::string& text) {
     const std::string line = "board: " + text + "\n";
     (void)!write(STDOUT_FILENO, line.data(), line.size());
 }
 
-namespace {
+// Reaching the clock, modules or ports of the host is nothing a simulated board may do, also when
+// root runs it. CAP_SYS_BOOT stays: reboot(2) ends this namespace only.
+void DropHostPowers() {
+    for (const int capability : {CAP_SYS_TIME, CAP_SYS_MODULE, CAP_SYS_RAWIO, CAP_MKNOD, CAP_SYSLOG,
+                                 CAP_MAC_ADMIN, CAP_WAKE_ALARM}) {
+        (void)prctl(PR_CAPBSET_DROP, static_cast<unsigned long>(capability));
+    }
+}
+
+sigset_t InitSignals() {
+    sigset_t set;
+    (void)sigemptyset(&set);
+    (void)sigaddset(&set, SIGCHLD);
+    (void)sigaddset(&set, SIGTERM);  // "reboot", as busybox tells its init
+    (void)sigaddset(&set, SIGUSR1);  // "halt"
+    (void)sigaddset(&set, SIGUSR2);  // "poweroff"
+    return set;
+}
 
 class Init {
   public:
@@ -70,23 +74,17 @@ class Init {
 
 }  // namespace
 
-// Reaching the clock, modules or ports of the host is nothing a simulated board may do, also when
-// root runs it. CAP_SYS_BOOT stays: reboot(2) ends this namespace only.
-static void DropHostPowers() {
-    for (const unsigned long capability : {CAP_SYS_TIME, CAP_SYS_MODULE, CAP_SYS_RAWIO, CAP_MKNOD,
-                                           CAP_SYSLOG, CAP_MAC_ADMIN, CAP_WAKE_ALARM}) {
-        (void)prctl(PR_CAPBSET_DROP, capability);
+std::vector<std::string> BoardEnvironment(int speed) {
+    std::vector<std::string> environment = {"PATH=/opt/board/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                                            "HOME=/root", "USER=root", "TERM=linux"};
+    if (speed != 1) {
+        // A year back, because the kernel stamps what it receives with the host's time, and nothing
+        // may have been received before it was sent.
+        environment.insert(environment.end(),
+                           {"LD_PRELOAD=" + ClockLibrary(),
+                            "FAKETIME=-1y x" + std::to_string(speed), "NO_FAKE_STAT=1"});
     }
-}
-
-static sigset_t InitSignals() {
-    sigset_t set;
-    (void)sigemptyset(&set);
-    (void)sigaddset(&set, SIGCHLD);
-    (void)sigaddset(&set, SIGTERM);  // "reboot", as busybox tells its init
-    (void)sigaddset(&set, SIGUSR1);  // "halt"
-    (void)sigaddset(&set, SIGUSR2);  // "poweroff"
-    return set;
+    return environment;
 }
 
 void Init::Boot() {
@@ -180,7 +178,7 @@ int Init::Serve() {
             return kExitFailed;
         }
         if (sources[1].revents != 0) {
-            return kExitPowerOff;  // The runner says nothing after "go": it has ended.
+            return kExitPowerOff;  // the runner sends nothing after the BootConfig: it has ended
         }
         signalfd_siginfo info{};
         if (sources[0].revents == 0 || read(signals_.Get(), &info, sizeof(info)) != sizeof(info)) {

@@ -1,11 +1,10 @@
 // One boot of the board: init, process 1 of the board's namespaces. The runner starts this very
 // program again as init, over a socket on which they talk in messages:
 //
-//     runner → init   the BootConfig, with the devices' file system; they are served, and the
-//     network
-//                     interfaces exist
-//     init → runner   {"event":"started","name":…,"pid":…} (pids as the board sees them),
-//                     {"event":"ended","name":…,"code":…}, {"event":"failed","text":…}
+//     runner → init   the BootConfig with the devices' file system beside it. By then the runner
+//                     serves the devices and the network interfaces exist.
+//     init → runner   {"event":"started","pid":…} (the pid as the board sees it),
+//                     {"event":"ended","code":…}, {"event":"failed","text":…}
 //
 // How the runner learns of a reset: init's end. Killed by SIGHUP: "reboot -f" (the kernel's way to
 // report reboot(2) in a PID namespace); exit code kExitReboot: orderly "reboot".

@@ -1,5 +1,6 @@
 // vboard: a camera without the camera. The command line.
 #include <fcntl.h>
+#include <kv_version.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -8,6 +9,7 @@
 #include <iterator>
 #include <sstream>
 
+#include "common/kv_platform.h"
 #include "vboard/board.h"
 #include "vboard/boot.h"
 #include "vboard/client.h"
@@ -44,6 +46,8 @@ struct Cli {
     unsigned lateSeconds = 0;
 
     Cli() {
+        app.set_version_flag(
+            "--version", std::string("vboard ") + kv::kVersion + ", built for " + kv::kDeviceName);
         app.require_subcommand(1);
         app.fallthrough();
         app.add_option("--state", state, "The board's state folder")->capture_default_str();

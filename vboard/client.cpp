@@ -19,7 +19,9 @@ namespace vboard {
 
 using nlohmann::json;
 
-static void PrintProcess(const json& process) {
+namespace {
+
+void PrintProcess(const json& process) {
     std::cout << "  " << std::setw(6) << process.at("pid").get<int>() << "  "
               << process.at("name").get<std::string>();
     const json& threads = process.at("threads");
@@ -31,6 +33,44 @@ static void PrintProcess(const json& process) {
     }
     std::cout << '\n';
 }
+
+void PrintOperation(const json& entry) {
+    std::cout << std::fixed << std::setprecision(6) << entry.value("t", 0.0) << " boot "
+              << entry.value("boot", 0);
+    for (const auto& member : entry.items()) {
+        const std::string& key = member.key();
+        if (key == "t" || key == "boot") {
+            continue;
+        }
+        const json& value = member.value();
+        std::cout << ' ' << (key == "dev" || key == "op" ? "" : key)
+                  << (key == "dev" || key == "op" ? "" : "=")
+                  << (value.is_string() ? value.get<std::string>() : value.dump());
+    }
+    std::cout << '\n';
+}
+
+int ErrorNumber(const std::string& name) {
+    constexpr int kLastErrno = 133;
+    for (int number = 1; number <= kLastErrno; ++number) {
+        const char* const candidate = strerrorname_np(number);
+        if (candidate != nullptr && name == candidate) {
+            return number;
+        }
+    }
+    throw std::runtime_error("not the name of an error: " + name + " (use EIO, ENOSPC, …)");
+}
+
+std::filesystem::path RequireFlash(const StateDir& state, const std::string& mtd) {
+    std::filesystem::path file = state.Flash(mtd);
+    if (!std::filesystem::exists(file)) {
+        throw std::runtime_error("there is no flash partition " + mtd + " in " +
+                                 state.Path().string());
+    }
+    return file;
+}
+
+}  // namespace
 
 void ShowStatus(const StateDir& state, bool asJson) {
     const json status = ControlClient(state).Request({{"command", "status"}});
@@ -60,28 +100,13 @@ void ShowStatus(const StateDir& state, bool asJson) {
         std::cout << ", armed, " << watchdog.at("timeout") << " s, last fed " << std::fixed
                   << std::setprecision(1) << watchdog.at("sinceFeed").get<double>() << " s ago";
     }
-    std::cout << ", fed " << watchdog.at("feeds")
-              << " times\nbutton: " << status.at("button").get<std::string>()
+    std::cout << ", fed " << watchdog.at("feeds") << " times, largest gap " << std::fixed
+              << std::setprecision(2) << watchdog.at("largestGap").get<double>()
+              << " s\nbutton: " << status.at("button").get<std::string>()
               << "\nnetwork: " << status.at("network").get<std::string>() << "\nprocesses:\n";
     for (const json& process : status.at("processes")) {
         PrintProcess(process);
     }
-}
-
-static void PrintOperation(const json& entry) {
-    std::cout << std::fixed << std::setprecision(6) << entry.value("t", 0.0) << " boot "
-              << entry.value("boot", 0);
-    for (const auto& member : entry.items()) {
-        const std::string& key = member.key();
-        if (key == "t" || key == "boot") {
-            continue;
-        }
-        const json& value = member.value();
-        std::cout << ' ' << (key == "dev" || key == "op" ? "" : key)
-                  << (key == "dev" || key == "op" ? "" : "=")
-                  << (value.is_string() ? value.get<std::string>() : value.dump());
-    }
-    std::cout << '\n';
 }
 
 void ShowOperations(const StateDir& state, bool asJson) {
@@ -93,17 +118,6 @@ void ShowOperations(const StateDir& state, bool asJson) {
             PrintOperation(json::parse(line));
         }
     }
-}
-
-static int ErrorNumber(const std::string& name) {
-    constexpr int kLastErrno = 133;
-    for (int number = 1; number <= kLastErrno; ++number) {
-        const char* const candidate = strerrorname_np(number);
-        if (candidate != nullptr && name == candidate) {
-            return number;
-        }
-    }
-    throw std::runtime_error("not the name of an error: " + name + " (use EIO, ENOSPC, …)");
 }
 
 void AddFault(const StateDir& state, const FaultOptions& options) {
@@ -121,15 +135,6 @@ void AddFault(const StateDir& state, const FaultOptions& options) {
 void SetApplication(const StateDir& state, const std::string& mode, unsigned seconds) {
     std::filesystem::create_directories(state.ApplicationMode().parent_path());
     WriteText(state.ApplicationMode(), mode + " " + std::to_string(seconds) + "\n");
-}
-
-static std::filesystem::path RequireFlash(const StateDir& state, const std::string& mtd) {
-    std::filesystem::path file = state.Flash(mtd);
-    if (!std::filesystem::exists(file)) {
-        throw std::runtime_error("there is no flash partition " + mtd + " in " +
-                                 state.Path().string());
-    }
-    return file;
 }
 
 void ReadFlash(const StateDir& state, const std::string& mtd, const std::string& file) {

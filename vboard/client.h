@@ -21,10 +21,12 @@ struct FaultOptions {
 };
 void AddFault(const StateDir& state, const FaultOptions& options);
 
-// Also without a running board. Writing fills the rest of the partition with 0xFF; a partition that
-// has no file yet is made as `layout` says.
-// How the stand-in application behaves from its next heartbeat on. With and without a board.
+// Sets how the stand-in application behaves from its next heartbeat on, whether a board runs or
+// not.
 void SetApplication(const StateDir& state, const std::string& mode, unsigned seconds);
+
+// Both work whether a board runs or not. Writing fills the rest of the partition with 0xFF; a
+// partition without a file is created with the size that `layout` gives it.
 void ReadFlash(const StateDir& state, const std::string& mtd, const std::string& file);
 void WriteFlash(const StateDir& state, const std::string& mtd, const std::string& file,
                 const std::string& layout, uint32_t eraseBlock);

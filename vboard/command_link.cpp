@@ -20,14 +20,16 @@ namespace vboard {
 
 namespace fs = std::filesystem;
 
-static constexpr size_t kNameSize = 64;
-static constexpr size_t kArgumentsSize = 1024;
-static constexpr int kReplyMilliseconds = 10'000;
+namespace {
+
+constexpr size_t kNameSize = 64;
+constexpr size_t kArgumentsSize = 1024;
+constexpr int kReplyMilliseconds = 10'000;
 // A long reply comes in pieces; there is no mark at its end.
-static constexpr int kNextPieceMilliseconds = 50;
+constexpr int kNextPieceMilliseconds = 50;
 
 // argc (32 bits, this machine's byte order), the name in 64 bytes, the arguments back to back.
-static std::optional<std::string> Message(int argc, char** argv, const std::string& name) {
+std::optional<std::string> Message(int argc, char** argv, const std::string& name) {
     const int32_t count = argc - 1;
     std::string message(reinterpret_cast<const char*>(&count), sizeof(count));
     std::string arguments;
@@ -43,7 +45,7 @@ static std::optional<std::string> Message(int argc, char** argv, const std::stri
 }
 
 // What can be read until nothing came for as long as a piece may take.
-static std::string Read(int pipe, int milliseconds) {
+std::string Read(int pipe, int milliseconds) {
     std::string text;
     pollfd ready{pipe, POLLIN, 0};
     while (poll(&ready, 1, milliseconds) > 0) {
@@ -58,10 +60,12 @@ static std::string Read(int pipe, int milliseconds) {
     return text;
 }
 
-static int Fail(const std::string& why) {
+int Fail(const std::string& why) {
     (void)fprintf(stderr, "command_link: %s\n", why.c_str());
     return 1;
 }
+
+}  // namespace
 
 bool IsCommandLink() {
     // The links' names say nothing about the program; the kernel does.

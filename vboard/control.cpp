@@ -12,7 +12,9 @@ namespace vboard {
 
 using nlohmann::json;
 
-static sockaddr_un Address(const StateDir& state, const std::string& suffix = "") {
+namespace {
+
+sockaddr_un Address(const StateDir& state, const std::string& suffix = "") {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     const std::string path = state.ControlAddress() + suffix;
@@ -20,13 +22,15 @@ static sockaddr_un Address(const StateDir& state, const std::string& suffix = ""
     return address;
 }
 
-static UniqueFd UnixSocket() {
+UniqueFd UnixSocket() {
     UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd) {
         throw SysError("cannot create a socket");
     }
     return fd;
 }
+
+}  // namespace
 
 ControlServer::ControlServer(Loop* loop, const StateDir& state, Handler handle, Closed closed)
     : loop_(loop),

@@ -18,7 +18,9 @@
 
 namespace vboard {
 
-static UniqueFd Namespace(pid_t pid, const char* name) {
+namespace {
+
+UniqueFd Namespace(pid_t pid, const char* name) {
     UniqueFd fd(
         open(("/proc/" + std::to_string(pid) + "/ns/" + name).c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd) {
@@ -27,13 +29,13 @@ static UniqueFd Namespace(pid_t pid, const char* name) {
     return fd;
 }
 
-static void Enter(const UniqueFd& space, int type) {
+void Enter(const UniqueFd& space, int type) {
     if (setns(space.Get(), type) != 0) {
         throw SysError("cannot enter the board's namespaces");
     }
 }
 
-[[noreturn]] static void Execute(const std::vector<std::string>& command) {
+[[noreturn]] void Execute(const std::vector<std::string>& command) {
     std::vector<char*> argv;
     argv.reserve(command.size() + 1);
     for (const std::string& word : command) {
@@ -44,6 +46,8 @@ static void Enter(const UniqueFd& space, int type) {
     std::cerr << "vboard: " << command[0] << ": " << std::strerror(errno) << "\n";
     _exit(127);
 }
+
+}  // namespace
 
 int Exec(const StateDir& state, bool board, const std::vector<std::string>& command) {
     const nlohmann::json status = ControlClient(state).Request({{"command", "status"}});

@@ -9,7 +9,11 @@
 
 namespace vboard {
 
-static constexpr std::chrono::milliseconds kRest(5);
+namespace {
+
+constexpr std::chrono::milliseconds kRest(5);
+
+}  // namespace
 
 void Loop::Run() {
     while (!stopped_) {

@@ -9,9 +9,11 @@
 
 namespace vboard {
 
-static constexpr char kApAddress[] = "172.20.18.1/24";
+namespace {
 
-static std::string DhcpConfig() {
+constexpr char kApAddress[] = "172.20.18.1/24";
+
+std::string DhcpConfig() {
     return "interface ap0\n"
            "start 172.20.18.100\n"
            "end 172.20.18.200\n"
@@ -23,11 +25,13 @@ static std::string DhcpConfig() {
            "option lease 3600\n";
 }
 
-static void Ip(const std::string& batch) {
+void Ip(const std::string& batch) {
     if (Run({{"ip", "-batch", "-"}}, batch) != 0) {
         throw std::runtime_error("the bench network cannot be set up (see ip's message)");
     }
 }
+
+}  // namespace
 
 std::string BenchAddress(const std::string& boardAddress) {
     const size_t slash = boardAddress.find('/');

@@ -14,6 +14,17 @@
 
 namespace vboard {
 
+namespace {
+
+void WriteProc(const std::string& name, const std::string& text) {
+    const UniqueFd file(open(("/proc/self/" + name).c_str(), O_WRONLY | O_CLOEXEC));
+    if (!file || write(file.Get(), text.data(), text.size()) < 0) {
+        throw SysError("cannot set up the user namespace (" + name + ")");
+    }
+}
+
+}  // namespace
+
 std::string ClockLibrary() {
     for (const char* const folder :
          {"/usr/lib/*/faketime", "/usr/lib/faketime", "/usr/lib64/faketime"}) {
@@ -58,13 +69,6 @@ void CheckHost(bool wifi, int speed) {
         throw SysError(errno == ENOENT || errno == ENODEV
                            ? "the host has no /dev/fuse (load the kernel's fuse module)"
                            : "/dev/fuse cannot be used");
-    }
-}
-
-static void WriteProc(const std::string& name, const std::string& text) {
-    const UniqueFd file(open(("/proc/self/" + name).c_str(), O_WRONLY | O_CLOEXEC));
-    if (!file || write(file.Get(), text.data(), text.size()) < 0) {
-        throw SysError("cannot set up the user namespace (" + name + ")");
     }
 }
 

@@ -13,6 +13,20 @@
 
 namespace vboard {
 
+namespace {
+
+std::vector<char*> Pointers(const std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
+    for (const std::string& text : texts) {
+        pointers.push_back(const_cast<char*>(text.c_str()));
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+}  // namespace
+
 std::runtime_error SysError(const std::string& what) {
     return std::runtime_error(what + ": " + std::strerror(errno));
 }
@@ -37,16 +51,6 @@ void ResetSignals() {
     sigset_t none;
     (void)sigemptyset(&none);
     (void)sigprocmask(SIG_SETMASK, &none, nullptr);
-}
-
-static std::vector<char*> Pointers(const std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (const std::string& text : texts) {
-        pointers.push_back(const_cast<char*>(text.c_str()));
-    }
-    pointers.push_back(nullptr);
-    return pointers;
 }
 
 pid_t Start(const Command& command) {

@@ -10,8 +10,10 @@ namespace vboard {
 
 namespace fs = std::filesystem;
 
+namespace {
+
 // The innermost of the ids in a status file's line "NSpid: 4711 12".
-static pid_t InnerId(const fs::path& process) {
+pid_t InnerId(const fs::path& process) {
     std::istringstream status(ReadText(process / "status"));
     for (std::string line; std::getline(status, line);) {
         if (line.rfind("NSpid:", 0) == 0) {
@@ -21,13 +23,13 @@ static pid_t InnerId(const fs::path& process) {
     return 0;
 }
 
-static std::string Name(const fs::path& process) {
+std::string Name(const fs::path& process) {
     std::string name = ReadText(process / "comm");
     name.erase(std::remove(name.begin(), name.end(), '\n'), name.end());
     return name;
 }
 
-static BoardProcess Describe(const fs::path& process) {
+BoardProcess Describe(const fs::path& process) {
     BoardProcess found;
     found.hostPid = std::atoi(process.filename().c_str());
     found.pid = InnerId(process);
@@ -39,6 +41,8 @@ static BoardProcess Describe(const fs::path& process) {
     }
     return found;
 }
+
+}  // namespace
 
 std::vector<BoardProcess> ListBoard(pid_t init) {
     std::vector<BoardProcess> list;

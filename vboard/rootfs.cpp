@@ -18,17 +18,19 @@ namespace vboard {
 
 namespace fs = std::filesystem;
 
-static constexpr char kDeviceMount[] = "run/devices";
+namespace {
 
-static void Mount(const char* source, const fs::path& target, const char* type, unsigned long flags,
-                  const char* data = nullptr) {
+constexpr char kDeviceMount[] = "run/devices";
+
+void Mount(const char* source, const fs::path& target, const char* type, unsigned long flags,
+           const char* data = nullptr) {
     if (mount(source, target.c_str(), type, flags, data) != 0) {
         throw SysError("cannot mount " + std::string(source) + " at " + target.string());
     }
 }
 
 // Makes `target`, of the same kind as `source`, and binds `source` there.
-static void Bind(const fs::path& source, const fs::path& target, bool readOnly) {
+void Bind(const fs::path& source, const fs::path& target, bool readOnly) {
     if (fs::is_directory(source)) {
         fs::create_directories(target);
     } else {
@@ -52,7 +54,7 @@ static void Bind(const fs::path& source, const fs::path& target, bool readOnly) 
 }
 
 // /usr and the top-level names that lead into it, as the host has them.
-static void BindPrograms(const fs::path& root) {
+void BindPrograms(const fs::path& root) {
     Bind("/usr", root / "usr", true);
     for (const fs::directory_entry& entry : fs::directory_iterator("/")) {
         const std::string name = entry.path().filename();
@@ -69,7 +71,7 @@ static void BindPrograms(const fs::path& root) {
 
 // /sbin is a folder of links to the host's programs, so that the platform can have one more there:
 // this very program, which under that name is the command link's client.
-static void FillSbin(const fs::path& root, const std::string& self) {
+void FillSbin(const fs::path& root, const std::string& self) {
     Bind("/sbin", root / "run/sbin", true);
     fs::create_directory(root / "sbin");
     for (const fs::directory_entry& entry : fs::directory_iterator("/sbin")) {
@@ -79,7 +81,7 @@ static void FillSbin(const fs::path& root, const std::string& self) {
     Bind(self, root / std::string(kv::kConsoleClient).substr(1), true);
 }
 
-static void FillEtc(const fs::path& etc) {
+void FillEtc(const fs::path& etc) {
     fs::create_directories(etc / "configs");
     for (const char* name :
          {"ld.so.cache", "localtime", "nsswitch.conf", "protocols", "services"}) {
@@ -95,7 +97,7 @@ static void FillEtc(const fs::path& etc) {
     WriteText(etc / "resolv.conf", "");
 }
 
-static void PlacePlatform(const fs::path& root) {
+void PlacePlatform(const fs::path& root) {
     for (const PlatformFile& file : PlatformFiles()) {
         fs::path place = root / "opt/board/bin" / file.name;
         if (file.name == "wifi_connect.sh") {
@@ -109,7 +111,7 @@ static void PlacePlatform(const fs::path& root) {
     }
 }
 
-static void FillDev(const fs::path& dev) {
+void FillDev(const fs::path& dev) {
     for (const char* name : {"null", "zero", "full", "random", "urandom", "tty"}) {
         Bind(fs::path("/dev") / name, dev / name, false);
     }
@@ -122,7 +124,7 @@ static void FillDev(const fs::path& dev) {
 
 // The kernel's switches stay out of reach (they would be the host's), but for the one that a
 // device's programs write.
-static void MountProc(const fs::path& root) {
+void MountProc(const fs::path& root) {
     Mount("proc", root / "proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC);
     WriteText(root / "run/drop_caches", "");
     Bind(root / "proc/sys", root / "proc/sys", true);
@@ -131,6 +133,8 @@ static void MountProc(const fs::path& root) {
         Bind(root / "proc/sysrq-trigger", root / "proc/sysrq-trigger", true);
     }
 }
+
+}  // namespace
 
 void BuildRoot(const BootConfig& config) {
     const fs::path root = config.root;

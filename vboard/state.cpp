@@ -1,6 +1,7 @@
 #include "vboard/state.h"
 
 #include <fcntl.h>
+#include <kv_standard_layout.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -13,6 +14,26 @@
 namespace vboard {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+void ApplyLayoutItem(const std::string& item, uint32_t eraseBlock,
+                     std::vector<PartitionConfig>* layout) {
+    const size_t equals = item.find('=');
+    const std::string name = item.substr(0, equals);
+    const auto row = std::find_if(layout->begin(), layout->end(),
+                                  [&](const PartitionConfig& p) { return p.name == name; });
+    if (equals == std::string::npos || row == layout->end()) {
+        throw std::runtime_error("not a partition: \"" + item +
+                                 "\" (use mtd0=256K,…; mtd0 to mtd7)");
+    }
+    row->size = ParseSize(item.substr(equals + 1));
+    if (eraseBlock == 0 || row->size % eraseBlock != 0) {
+        throw std::runtime_error("the size of " + name + " is not a multiple of the erase block");
+    }
+}
+
+}  // namespace
 
 std::string StateDir::Default() {
     const char* const runtime = std::getenv("XDG_RUNTIME_DIR");
@@ -100,31 +121,12 @@ uint64_t ParseSize(const std::string& text) {
     return value;
 }
 
-static void ApplyLayoutItem(const std::string& item, uint32_t eraseBlock,
-                            std::vector<PartitionConfig>* layout) {
-    const size_t equals = item.find('=');
-    const std::string name = item.substr(0, equals);
-    const auto row = std::find_if(layout->begin(), layout->end(),
-                                  [&](const PartitionConfig& p) { return p.name == name; });
-    if (equals == std::string::npos || row == layout->end()) {
-        throw std::runtime_error("not a partition: \"" + item +
-                                 "\" (use mtd0=256K,…; mtd0 to mtd7)");
-    }
-    row->size = ParseSize(item.substr(equals + 1));
-    if (eraseBlock == 0 || row->size % eraseBlock != 0) {
-        throw std::runtime_error("the size of " + name + " is not a multiple of the erase block");
-    }
-}
-
 std::vector<PartitionConfig> ParseLayout(const std::string& text, uint32_t eraseBlock,
                                          const StateDir& state) {
-    constexpr uint64_t kKilo = 1024;
-    const uint64_t sizes[] = {256 * kKilo,  64 * kKilo,   256 * kKilo,  2048 * kKilo,
-                              4096 * kKilo, 4096 * kKilo, 1024 * kKilo, 512 * kKilo};
     std::vector<PartitionConfig> layout;
-    for (const uint64_t size : sizes) {
+    for (const uint64_t kib : kv::kStandardPartitionKib) {
         const std::string name = "mtd" + std::to_string(layout.size());
-        layout.push_back({name, state.Flash(name), size});
+        layout.push_back({name, state.Flash(name), kib * 1024});
     }
     std::istringstream items(text);
     for (std::string item; std::getline(items, item, ',');) {

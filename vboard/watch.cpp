@@ -20,6 +20,31 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
+std::optional<ControlClient> Connect(const StateDir& state) {
+    try {
+        return ControlClient(state);
+    } catch (const std::runtime_error&) {
+        return std::nullopt;  // not switched on
+    }
+}
+
+std::string Describe(const WaitOptions& options) {
+    std::string text = options.boot > 0 ? "boot " + std::to_string(options.boot) : "the board";
+    for (const std::string& wanted : {options.trace, options.console}) {
+        text += wanted.empty() ? "" : ", \"" + wanted + "\"";
+    }
+    return text;
+}
+
+// Prints what the file holds beyond `offset`; the new end.
+std::streamoff Print(const std::string& file, std::streamoff offset) {
+    std::ifstream stream(file, std::ios::binary);
+    stream.seekg(offset);
+    const std::string fresh{std::istreambuf_iterator<char>(stream), {}};
+    std::cout << fresh << std::flush;
+    return offset + static_cast<std::streamoff>(fresh.size());
+}
+
 // Wakes up when something in the state folder or in a boot's folder changes.
 class FolderWatch {
   public:
@@ -105,22 +130,6 @@ struct BootSearch {
 
 }  // namespace
 
-static std::optional<ControlClient> Connect(const StateDir& state) {
-    try {
-        return ControlClient(state);
-    } catch (const std::runtime_error&) {
-        return std::nullopt;  // not switched on
-    }
-}
-
-static std::string Describe(const WaitOptions& options) {
-    std::string text = options.boot > 0 ? "boot " + std::to_string(options.boot) : "the board";
-    for (const std::string& wanted : {options.trace, options.console}) {
-        text += wanted.empty() ? "" : ", \"" + wanted + "\"";
-    }
-    return text;
-}
-
 void WaitForLog(const StateDir& state, const WaitOptions& options) {
     FolderWatch watch(state);
     const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
@@ -156,15 +165,6 @@ void WaitForLog(const StateDir& state, const WaitOptions& options) {
         }
         running = watch.Wait(board->Fd(), deadline);
     }
-}
-
-// Prints what the file holds beyond `offset`; the new end.
-static std::streamoff Print(const std::string& file, std::streamoff offset) {
-    std::ifstream stream(file, std::ios::binary);
-    stream.seekg(offset);
-    const std::string fresh{std::istreambuf_iterator<char>(stream), {}};
-    std::cout << fresh << std::flush;
-    return offset + static_cast<std::streamoff>(fresh.size());
 }
 
 void ShowLog(const StateDir& state, const LogOptions& options) {

@@ -12,7 +12,7 @@ SUPERVISOR = "$(pidof upgradeMain)"
 
 
 def memory(machine):
-    """Resident and anonymous KiB. From smaps: the kernel's quick counters in status are off by up to 63 pages a thread."""
+    """Resident and anonymous KiB. From smaps: the quick counters in status are off by up to 63 pages a thread."""
     text = machine.run(f"cat /proc/{SUPERVISOR}/smaps_rollup")
     return tuple(int(re.search(rf"^{name}:\s+(\d+) kB", text, re.MULTILINE)[1]) for name in ("Rss", "Anonymous"))
 
@@ -22,8 +22,9 @@ def _switches(text):
 
 
 def wakeups(machine, seconds=10):
-    """Voluntary context switches of each thread in some seconds: the seconds it really were, a list of name and count."""
-    look = (f"cut -d ' ' -f 1 /proc/uptime; for task in /proc/{SUPERVISOR}/task/*; do echo ${{task##*/}} $(cat $task/comm) "
+    """Voluntary context switches of each thread in about SECONDS: the seconds it took, a list of name and count."""
+    look = (f"cut -d ' ' -f 1 /proc/uptime; for task in /proc/{SUPERVISOR}/task/*; do "
+            "echo ${task##*/} $(cat $task/comm) "
             "$(sed -n 's/^voluntary_ctxt_switches:[[:space:]]*//p' $task/status); done")
     first, second = machine.run(f"{look}; echo; sleep {seconds}; {look}", seconds + 20).split("\n\n")
     before, after = _switches(first), _switches(second)
@@ -36,7 +37,8 @@ def report(machine):
     resident, anonymous = memory(machine)
     seconds, threads = wakeups(machine)
     if resident > MOST_RESIDENT or anonymous > MOST_ANONYMOUS:
-        raise Failure(f"{resident} KiB resident, {anonymous} KiB anonymous: more than {MOST_RESIDENT} and {MOST_ANONYMOUS}")
+        raise Failure(f"{resident} KiB resident, {anonymous} KiB anonymous: "
+                      f"more than {MOST_RESIDENT} and {MOST_ANONYMOUS}")
     restless = [name for name, count in threads if count and name in SLEEPERS]
     if restless:
         raise Failure(f"woke without work: {', '.join(restless)}")

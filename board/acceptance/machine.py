@@ -136,7 +136,7 @@ class Machine:
             return self._resets
 
     def wait_reset(self, count, timeout):
-        """Waits for the count-th reset of this machine's life; when the watchdog struck last, on the monotonic clock."""
+        """Waits for this machine's reset number COUNT; when the watchdog struck last, on the monotonic clock."""
         with self._changed:
             if not self._changed.wait_for(lambda: self._resets >= count, timeout):
                 raise Failure(f"no reset within {timeout:g} s")

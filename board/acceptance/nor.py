@@ -9,7 +9,7 @@ ERASED = b"\xff"
 def _layout():
     """Name of each partition with its offset and size, in the order of mtd0, mtd1, …"""
     layout, start = {}, 0
-    table = pathlib.Path(__file__).parent.parent / "partitions.txt"
+    table = pathlib.Path(__file__).parents[2] / "common/partitions.txt"
     for line in table.read_text(encoding="utf-8").splitlines():
         words = line.split("#")[0].split()
         if words:

@@ -46,7 +46,8 @@ def _upgrade(board, report, firmware):
     with report.step(board, "kvtool upgrade: boot loader, kernel, rootfs, app; reset; read back") as details:
         board.machine.run(f"touch {REBOOT_MARKER}")
         details += board.upgrade_to(firmware)
-    with report.step(board, "the new application runs from flash, its heartbeats arrive; the reboot marker goes") as details:
+    with report.step(board,
+                     "the new application runs from flash, its heartbeats arrive; the reboot marker goes") as details:
         board.machine.wait_boot()
         board.see("app file exist!", 10)
         board.see(f"^# rm {REBOOT_MARKER}$", 20)

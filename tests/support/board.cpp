@@ -310,21 +310,4 @@ std::string MakeApplicationImage(const Board& board) {
     return image;
 }
 
-double LargestFeedGap(const std::vector<nlohmann::json>& operations, const char* clock) {
-    double largest = 0;
-    std::map<int, double> last;
-    for (const auto& operation : operations) {
-        if (operation.at("op") != "ioctl:KEEPALIVE") {
-            continue;
-        }
-        const int boot = operation.at("boot");
-        const double at = operation.at(clock);
-        if (last.count(boot) != 0) {
-            largest = std::max(largest, at - last[boot]);
-        }
-        last[boot] = at;
-    }
-    return largest;
-}
-
 }  // namespace kv_test

@@ -88,6 +88,8 @@ class Board {
     // time.
     bool WaitFeeds(uint64_t feeds);
     uint64_t Feeds() { return Status().at("watchdog").at("feeds"); }
+    // Longest time in seconds of the board's clock between two feeds, over all boots.
+    double LargestFeedGap() { return Status().at("watchdog").at("largestGap"); }
     bool Armed() { return Status().at("watchdog").at("armed"); }
     // Watches the program's threads while `meanwhile` runs, and fails the test for each one that
     // went to sleep more often than its row tells: `rate` times a second and `slack` times more;
@@ -118,10 +120,6 @@ class Board {
     kv_test::Folder folder_;
     pid_t runner_ = -1;
 };
-
-// Largest gap in seconds between two feeds of one boot, over all boots: of the host's clock ("t")
-// or of the board's.
-double LargestFeedGap(const std::vector<nlohmann::json>& operations, const char* clock = "t");
 
 // A file system for mtd5 with the stand-in application in it. Returns its path, in the board's
 // folder; throws when it cannot be made.

@@ -1,6 +1,6 @@
 #!/bin/sh
-# packaging_scripts.sh FOLDER: the scripts of packaging/ (FOLDER), under busybox's shell, in namespaces of their own where
-# programs, devices and commands are stand-ins. Holds them to what their heads promise.
+# packaging_scripts.sh FOLDER: the scripts of packaging/ (FOLDER), under busybox's shell, in namespaces of their own
+# where programs, devices and commands are stand-ins. Holds them to what their heads promise.
 set -eu
 KV_PACKAGING=$1
 export KV_PACKAGING
@@ -27,7 +27,8 @@ has_application() { pidof -x cameraMain >/tmp/application; }
 name_of() { cat "/proc/$1/comm" 2>/dev/null || true; }
 
 # Start script: starts once, under the right name; stops with SIGTERM; says which is which.
-printf '#!/bin/sh\ntrap "echo ended >>/tmp/ended; exit 0" TERM\n: >/tmp/ready\nwhile :; do sleep 0.1; done\n' >/tmp/upgradeMain
+printf '%s\n' '#!/bin/sh' 'trap "echo ended >>/tmp/ended; exit 0" TERM' ': >/tmp/ready' 'while :; do sleep 0.1; done' \
+    >/tmp/upgradeMain
 printf '#!/bin/sh\necho prepared >>/tmp/prepared\nexit 1\n' >/tmp/prepare
 chmod +x /tmp/upgradeMain /tmp/prepare
 printf 'PROGRAM=/tmp/upgradeMain\nPREPARE=/tmp/prepare\nOUTPUT=/tmp/output\n' >/etc/default/upgrademain

@@ -4,11 +4,15 @@
 
 namespace kv_test {
 
-std::atomic<long> g_sleptMs{0};
+namespace {
 
-static Connection* Of(hio_t* io) {
+Connection* Of(hio_t* io) {
     return reinterpret_cast<Connection*>(io);
 }
+
+}  // namespace
+
+std::atomic<long> g_sleptMs{0};
 
 extern "C" {
 int __wrap_nanosleep(const timespec* time, timespec* left) {

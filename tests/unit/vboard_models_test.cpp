@@ -108,6 +108,7 @@ TEST_F(WatchdogTimerTest, StarvesUnlessFed) {
     EXPECT_EQ(timer_.TimeLeft(At(40.5)), 19);
     EXPECT_EQ(timer_.Status(At(40.5)).feeds, 3U);
     EXPECT_DOUBLE_EQ(timer_.Status(At(40.5)).secondsSinceFeed, 10.5);
+    EXPECT_DOUBLE_EQ(timer_.Status(At(40.5)).largestGapSeconds, 10);
     EXPECT_FALSE(timer_.Starved(At(59.999)));
 
     // Too late for every rescue, even if nobody has looked at the time since.
@@ -120,6 +121,7 @@ TEST_F(WatchdogTimerTest, StarvesUnlessFed) {
     EXPECT_FALSE(timer_.Starved(At(1000)));
     EXPECT_EQ(timer_.Timeout(), 60);
     EXPECT_EQ(timer_.Status(At(1000)).feeds, 3U);
+    EXPECT_DOUBLE_EQ(timer_.Status(At(1000)).largestGapSeconds, 10);
 }
 
 TEST_F(WatchdogTimerTest, DisarmsOnlyWhenAsked) {

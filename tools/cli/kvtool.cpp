@@ -1,7 +1,10 @@
 // kvtool: what a technician runs on a PC against a camera in recovery mode.
 
+#include <kv_version.h>
+
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <string>
 
 #include "common/kv_platform.h"
 #include "tools/base/wait.h"
@@ -183,6 +186,8 @@ int Run(int argc, char** argv) {
     Options options;
     CLI::App app("Upgrade packages and recovery of cameras that run upgradeMain");
     app.name("kvtool");
+    app.set_version_flag("--version",
+                         std::string("kvtool ") + kv::kVersion + ", built for " + kv::kDeviceName);
     app.require_subcommand(1);
     AddPack(&app, &options);
     AddInspect(&app, &options);

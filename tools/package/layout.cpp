@@ -1,8 +1,10 @@
 #include "tools/package/layout.h"
 
+#include <kv_standard_layout.h>
+
 #include <algorithm>
+#include <cstring>
 #include <fstream>
-#include <iterator>
 
 #include "common/kv_platform.h"
 #include "tools/base/errors.h"
@@ -12,12 +14,10 @@ namespace kvtool {
 
 namespace {
 
-constexpr uint64_t kKiB = 1024;
-
-// In the order of kv::kPartitions.
-constexpr uint64_t kStandardSizes[] = {2048 * kKiB, 4096 * kKiB, 4096 * kKiB,
-                                       1024 * kKiB, 512 * kKiB,  576 * kKiB};
-static_assert(std::size(kStandardSizes) == std::size(kv::kPartitions), "a size for each row");
+// Bytes of "/dev/mtdN" in the standard layout.
+uint64_t StandardSize(const std::string& device) {
+    return kv::kStandardPartitionKib[std::stoul(device.substr(strlen("/dev/mtd")))] * 1024;
+}
 
 }  // namespace
 
@@ -27,8 +27,14 @@ bool LayoutRow::IsBoot() const {
 
 Layout Layout::Default() {
     std::vector<LayoutRow> rows;
-    for (size_t i = 0; i < std::size(kv::kPartitions); ++i) {
-        rows.push_back({kv::kPartitions[i].name, kv::kPartitions[i].device, kStandardSizes[i]});
+    for (const kv::PartitionRow& partition : kv::kPartitions) {
+        rows.push_back({partition.name, partition.device, StandardSize(partition.device)});
+        if (rows.back().IsBoot()) {
+            rows.back().size = 0;
+            for (const char* const device : kv::kBootDevices) {
+                rows.back().size += StandardSize(device);
+            }
+        }
     }
     return Layout(std::move(rows));
 }

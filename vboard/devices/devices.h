@@ -43,6 +43,8 @@ struct WatchdogStatus {
     int timeoutSeconds = 0;       // seconds of the board's clock, as the next
     double secondsSinceFeed = 0;  // meaningful while armed
     uint64_t feeds = 0;           // since this Devices object exists, resets included
+    // Longest time between two feeds, or between arming and the first feed; resets do not clear it.
+    double largestGapSeconds = 0;
 };
 
 class Devices {

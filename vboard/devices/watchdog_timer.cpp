@@ -2,6 +2,7 @@
 
 #include <linux/watchdog.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -9,8 +10,10 @@ namespace vboard {
 
 void WatchdogTimer::PowerOn() {
     const uint64_t feeds = feeds_;
+    const Time::duration largestGap = largestGap_;
     *this = WatchdogTimer();
     feeds_ = feeds;
+    largestGap_ = largestGap;
 }
 
 // Every operation asks this first, so that one which comes after the deadline but before anybody
@@ -35,6 +38,7 @@ void WatchdogTimer::Disarm(Time now) {
 
 void WatchdogTimer::KeepAlive(Time now) {
     if (!Starved(now) && armed_) {
+        largestGap_ = std::max(largestGap_, now - lastFeed_);
         lastFeed_ = now;
         ++feeds_;
     }
@@ -108,6 +112,7 @@ WatchdogStatus WatchdogTimer::Status(Time now) const {
     status.armed = armed_;
     status.timeoutSeconds = timeout_;
     status.feeds = feeds_;
+    status.largestGapSeconds = std::chrono::duration<double>(largestGap_).count();
     if (armed_) {
         status.secondsSinceFeed = std::chrono::duration<double>(now - lastFeed_).count();
     }

@@ -19,7 +19,7 @@ class WatchdogTimer {
   public:
     using Time = std::chrono::steady_clock::time_point;
 
-    // Disarmed, closed, default time-out. The count of feeds goes on.
+    // Disarmed, closed, default time-out. Keeps the count of feeds and the largest gap.
     void PowerOn();
 
     // Arms; -EBUSY while open. Re-opening an armed watchdog is not a feed.
@@ -55,6 +55,7 @@ class WatchdogTimer {
     bool mayDisarm_ = false;
     int timeout_ = kWatchdogDefaultTimeout;
     uint64_t feeds_ = 0;
+    Time::duration largestGap_{};
     Time lastFeed_{};
 };
 
