@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""mutants.py [--module NAME] [--name NAME] [--all] [--check]: breaks the programs on purpose, one small fault at a time, and
-tells which tests notice. docs/testing.md says how to read the output.
+"""mutants.py [--module NAME] [--name NAME] [--all] [--check]: breaks the programs on purpose, one small fault at a
+time, and tells which tests notice. docs/testing.md says how to read the output.
 
 The faults are the rules in tests/mutants/MODULE.toml. Each is put into a copy of the tree below build/mutants, built
 there, and tried with the tests that its rule names, until one fails. Exit status: 0 when at least 95 % were noticed,
