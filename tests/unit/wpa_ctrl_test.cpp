@@ -262,6 +262,7 @@ TEST(WpaListener, TracesEventsUntilStopped) {
             supplicant.Push("<3>flood");
         }
     });
+    EXPECT_TRUE(WaitUntil([&] { return traced("Data:<3>flood\n") > 0; }));
     EXPECT_EQ(KV_WIFI_CtrlListen(), 0);
     EXPECT_TRUE(WaitUntil([&] { return traced("__KV_wifi_ctrlProc Exit\n") == 3U; }, 5));
     ended = true;
