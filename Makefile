@@ -1,5 +1,5 @@
-# Thin: each target is one line of help and little more. `make help` lists them.
-# Most tests wait for clocks, so twice as many as there are cores run side by side.
+# Kept thin: each target is a line of help and little more. `make help` lists the targets.
+# Most tests wait for clocks, so run twice as many at once as there are cores.
 JOBS ?= $(shell expr 2 \* $$(nproc))
 PREFIX ?= /usr/local
 
@@ -10,7 +10,7 @@ PREFIX ?= /usr/local
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
 
-setup: ## Install what build, test, demo and lint lack (lists of Debian packages: scripts/packages/)
+setup: ## Install missing packages for build, test, demo and lint (lists in scripts/packages/)
 	@scripts/setup.sh build vboard scripts test lint
 
 build: ## Build the device program and the PC tools into build/bin
@@ -20,20 +20,20 @@ build: ## Build the device program and the PC tools into build/bin
 arm: ## Build the device program for ARM, dynamic and static, into build/arm
 	@scripts/build_arm.sh
 
-kvtool-static: ## Build kvtool as one file that runs on any Linux of this machine's kind, into build/kvtool-static/bin
+kvtool-static: ## Build kvtool as one file for any Linux on this machine's architecture, into build/kvtool-static/bin
 	@scripts/setup.sh build
 	@scripts/build.sh kvtool-static
 	@scripts/check_static.sh
 
-clang: ## Build everything with clang, whose warnings are errors as well; nothing is run
+clang: ## Build everything with clang, with warnings as errors; runs nothing
 	@scripts/setup.sh build test clang
 	@scripts/build.sh clang
 
-size: build ## Show what takes the space in the device program; fails when it grew (UPDATE=1 writes the figures)
+size: build ## Show what takes the space in the device program; fails if it grew (UPDATE=1 writes the figures)
 	@scripts/setup.sh scripts
 	@scripts/size.sh $(if $(UPDATE),--update)
 
-tests-build: build ## Build the tests, and all programs once more for debugging, into build/dev
+tests-build: build ## Build the tests, and debug versions of all programs, into build/dev
 	@scripts/setup.sh vboard scripts test
 	@scripts/build.sh dev
 
@@ -49,14 +49,14 @@ bench: build ## Measure an upload against socat on the same virtual link
 	@scripts/setup.sh vboard scripts bench
 	@scripts/bench_upload.sh
 
-bench-discovery: build ## Compare the rate of discovery answers with a bare UDP echo's
+bench-discovery: build ## Compare the rate of discovery answers with that of a bare UDP echo
 	@scripts/setup.sh vboard scripts
 	@scripts/bench_discovery.sh
 
-board: build ## Try the program on an emulated ARM board with a real kernel (3 minutes; docs/board.md)
+board: build ## Test the program on emulated ARM boards with a real kernel (3 minutes; docs/board.md)
 	@scripts/board.sh run
 
-board-shell: build ## Sit at that board's console
+board-shell: build ## Open the console of such a board
 	@scripts/board.sh shell
 
 test: tests-build ## Run all unit and system tests
@@ -90,7 +90,7 @@ install: build ## Install; with DESTDIR, PREFIX (/usr/local), COMPONENT (device,
 	@DESTDIR="$(DESTDIR)" cmake --install build/release --prefix "$(PREFIX)" \
 	        $(if $(COMPONENT),--component $(COMPONENT))
 
-deb: build ## Make Debian packages of the PC tools and the documents, held against lintian, in build/deb
+deb: build ## Make Debian packages of the PC tools and the documents in build/deb, checked with lintian
 	@scripts/setup.sh deb
 	@scripts/deb.sh
 

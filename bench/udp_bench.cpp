@@ -1,7 +1,6 @@
-// udp_bench echo PORT: sends every datagram back to its sender, until it is killed.
-// udp_bench ask HOST PORT SECONDS WINDOW: sends discovery searches, always WINDOW of them on their
-// way, and prints how many answers came per second. A search that stays without an answer ends the
-// run with status 1.
+// udp_bench echo PORT: sends every datagram back to its sender until it is killed.
+// udp_bench ask HOST PORT SECONDS WINDOW: sends discovery searches, keeping WINDOW of them in
+// flight, and prints the answers per second. If no answer comes for 5 s, it exits with status 1.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -69,7 +68,7 @@ int Ask(const char* host, const char* port, double seconds, int window) {
         struct pollfd readable = {fd, POLLIN, 0};
         char reply[2048];
         if (poll(&readable, 1, kAnswerMs) != 1 || recv(fd, reply, sizeof(reply), 0) < 0) {
-            (void)fputs("udp_bench: a search stayed without an answer\n", stderr);
+            (void)fputs("udp_bench: no answer to a search\n", stderr);
             return 1;
         }
         ++answers;

@@ -1,15 +1,15 @@
 #!/bin/bash
-# image.sh OUT PROGRAMS: makes what the emulated board boots, in the folder OUT: kernel, device tree (board.dtb) and
-# root file system (initramfs). PROGRAMS is a folder with static/upgradeMain and dynamic/upgradeMain. Packages come from
-# the cache; a filled cache needs no network.
+# image.sh OUT PROGRAMS: makes the files that the emulated board boots, in the folder OUT: kernel, device tree
+# (board.dtb) and root file system (initramfs). PROGRAMS is a folder with static/upgradeMain and dynamic/upgradeMain.
+# Packages come from the cache; a filled cache needs no network.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 out=$1
 programs=$2
-PATH=$PATH:/usr/sbin:/sbin # depmod and modprobe, for an ordinary user
+PATH=$PATH:/usr/sbin:/sbin # an ordinary user's PATH lacks depmod and modprobe
 
-# The packages' files in one /usr, as a merged Debian has them: programs, and the libraries without plug-ins.
+# Installs the packages' programs and libraries, without plug-ins, into one /usr, as in a merged Debian.
 install_packages() { # ROOT
     local root=$1 arch=arm-linux-gnueabihf
     mkdir -p "$root"/usr/{bin,sbin,lib/"$arch"} "$root"/{dev,proc,sys,run,tmp,param,opt/app,root,etc}
@@ -20,7 +20,7 @@ install_packages() { # ROOT
     find "$packages"/{lib,usr/lib}/"$arch" -maxdepth 1 -name '*.so*' -exec cp -P -t "$root/usr/lib/$arch" {} +
 }
 
-# The modules with all that they need, numbered in the order of loading.
+# Installs the modules and their dependencies, numbered in load order.
 install_modules() { # ROOT
     local modules=$1/usr/lib/board-modules number=100 verb file
     mkdir -p "$modules"

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """kernel_image.py ZIMAGE OUT: unpacks a kernel and wraps it for a boot loader.
 
-The emulated processor would spend a third of each boot on unpacking it by itself.
+If the emulated processor unpacked it, that would take a third of each boot.
 """
 
 import lzma
@@ -10,7 +10,7 @@ import sys
 import zlib
 
 XZ_MAGIC = b"\xfd7zXZ\0"
-# Memory begins at 0x80000000; kernels that also run on Qualcomm's and Amlogic's chips begin 2 MiB and 32 KiB above.
+# Memory starts at 0x80000000. Kernels that also run on Qualcomm's and Amlogic's chips start 2 MiB and 32 KiB above.
 LOAD_ADDRESS = 0x80208000
 OS_LINUX, ARCH_ARM, TYPE_KERNEL, NOT_COMPRESSED = 5, 2, 2, 0
 
@@ -21,7 +21,7 @@ def unpack(zimage):
         try:
             return lzma.LZMADecompressor(lzma.FORMAT_XZ).decompress(zimage[at:])
         except lzma.LZMAError:
-            continue  # The unpacking code itself contains the magic too.
+            continue  # The unpacking code contains the magic number too.
     sys.exit("kernel_image: no xz stream in the kernel")
 
 

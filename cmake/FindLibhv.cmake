@@ -1,5 +1,5 @@
-# Target Libhv::Libhv, an installed libhv. Its own CMake package carries no version, so the number is
-# read from its header. A libhv built without WITH_PROTOCOL has no ping and does not do.
+# Target Libhv::Libhv, an installed libhv. Its own CMake package has no version, so the version comes from its header.
+# A libhv built without WITH_PROTOCOL has no ping and cannot be used.
 find_path(Libhv_INCLUDE_DIR hv/hloop.h)
 find_library(Libhv_LIBRARY NAMES hv hv_static)
 

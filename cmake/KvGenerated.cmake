@@ -1,4 +1,4 @@
-# Target kv_generated: headers of facts that stand elsewhere, the release number of project() and the partition sizes of
+# Target kv_generated: headers generated from project()'s release number and the partition sizes in
 # common/partitions.txt.
 set(partitions "${PROJECT_SOURCE_DIR}/common/partitions.txt")
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${partitions}")
@@ -6,7 +6,7 @@ file(STRINGS "${partitions}" rows REGEX "^[a-z]")
 set(KV_PARTITION_KIB "")
 foreach(row IN LISTS rows)
     if(NOT row MATCHES "^[a-z0-9]+ ([0-9]+)$")
-        message(FATAL_ERROR "${partitions}: not a label and a size: '${row}'")
+        message(FATAL_ERROR "${partitions}: expected a label and a size: '${row}'")
     endif()
     list(APPEND KV_PARTITION_KIB ${CMAKE_MATCH_1})
 endforeach()

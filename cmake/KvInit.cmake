@@ -1,10 +1,10 @@
-# KV_INIT: what starts the daemon, installed with it, as component device. The files name the program below the prefix
-# of the installation. Both call upgrade_prepare.sh, so that comes along.
+# KV_INIT chooses the start files that are installed with the daemon, in component device. They name the program below
+# the installation's prefix. They run upgrade_prepare.sh, so it is installed too.
 set(KV_INIT none CACHE STRING "Init system to install start files for: none, busybox or systemd")
 set_property(CACHE KV_INIT PROPERTY STRINGS none busybox systemd)
 
-# kv_install_start(FILE DESTINATION PERMISSIONS...): a file of packaging/ with its /usr/sbin replaced. The prefix is
-# known only when it is installed.
+# kv_install_start(FILE DESTINATION PERMISSIONS...): installs a file of packaging/ and replaces /usr/sbin in it. The
+# prefix is known only at installation.
 function(kv_install_start file destination)
     install(CODE "
         cmake_path(APPEND CMAKE_INSTALL_PREFIX \"${destination}\" OUTPUT_VARIABLE directory)
@@ -19,10 +19,10 @@ endfunction()
 set(kv_data OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 set(kv_program ${kv_data} OWNER_EXECUTE GROUP_EXECUTE WORLD_EXECUTE)
 if(KV_INIT STREQUAL "busybox")
-    # Where busybox's rcS looks, whatever the prefix.
+    # busybox's rcS looks there, whatever the prefix.
     kv_install_start(init/S50upgrademain /etc/init.d ${kv_program})
 elseif(KV_INIT STREQUAL "systemd")
-    # systemd reads both folders below /usr and below /usr/local.
+    # systemd reads both folders, below /usr and below /usr/local.
     kv_install_start(systemd/upgrademain.service lib/systemd/system ${kv_data})
     kv_install_start(systemd/upgrademain.conf lib/systemd/system.conf.d ${kv_data})
 elseif(NOT KV_INIT STREQUAL "none")

@@ -1,10 +1,11 @@
-# What `cmake --install` lays down. Components, so that an image takes only what it needs:
-#   device  the daemon; with KV_INIT also what the init system starts it by
+# What `cmake --install` installs. Components let an image take only what it needs:
+#   device  the daemon; with KV_INIT also the init system's start file and its script
 #   tools   the PC programs with their man pages, and the stand-in application
 #   doc     the daemon's man page, documents, example scripts of a board
 include(GNUInstallDirs)
 
-# An unknown component would install nothing and call it a success. The list is complete only at the end of this file.
+# Without this check an unknown component would install nothing and succeed. The list is complete only at the
+# end of this file.
 install(CODE [[
     cmake_policy(SET CMP0057 NEW)
     include("${CMAKE_CURRENT_LIST_DIR}/components.cmake")
@@ -14,6 +15,26 @@ install(CODE [[
     endif()
 ]] ALL_COMPONENTS)
 
+# Installs the completion scripts that a program prints. A cross build cannot run the program and installs none.
+function(kv_install_completion program)
+    if(CMAKE_CROSSCOMPILING)
+        return()
+    endif()
+    set(scripts "${PROJECT_BINARY_DIR}/completions/${program}")
+    add_custom_command(
+        OUTPUT "${scripts}.bash" "${scripts}.zsh"
+        COMMAND "${CMAKE_COMMAND}" -E make_directory "${PROJECT_BINARY_DIR}/completions"
+        COMMAND ${program} completion bash > "${scripts}.bash"
+        COMMAND ${program} completion zsh > "${scripts}.zsh"
+        DEPENDS ${program}
+        VERBATIM)
+    add_custom_target(${program}_completion ALL DEPENDS "${scripts}.bash" "${scripts}.zsh")
+    install(FILES "${scripts}.bash" DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME ${program}
+            COMPONENT tools)
+    install(FILES "${scripts}.zsh" DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/site-functions" RENAME _${program}
+            COMPONENT tools)
+endfunction()
+
 if(KV_DEVICE)
     install(TARGETS upgradeMain RUNTIME DESTINATION "${CMAKE_INSTALL_SBINDIR}" COMPONENT device)
     include(KvInit)
@@ -21,17 +42,19 @@ endif()
 
 if(KV_KVTOOL)
     install(TARGETS kvtool RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
+    kv_install_completion(kvtool)
     install(FILES docs/man/kvtool.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT tools)
 endif()
 if(KV_VBOARD)
     install(TARGETS vboard RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
+    kv_install_completion(vboard)
     install(FILES docs/man/vboard.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT tools)
     install(TARGETS cameraMain RUNTIME DESTINATION "${CMAKE_INSTALL_LIBEXECDIR}/upgrademain" COMPONENT tools)
 endif()
 
 install(FILES docs/man/upgradeMain.8 DESTINATION "${CMAKE_INSTALL_MANDIR}/man8" COMPONENT doc)
 file(GLOB documents CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/docs/*.md")
-# As in the sources, because they refer to each other.
+# The same layout as in the sources, because these files link to each other.
 install(FILES README.md ARCHITECTURE.md CONTRIBUTING.md SECURITY.md CHANGELOG.md DESTINATION "${CMAKE_INSTALL_DOCDIR}"
         COMPONENT doc)
 install(FILES ${documents} DESTINATION "${CMAKE_INSTALL_DOCDIR}/docs" COMPONENT doc)

@@ -1,16 +1,16 @@
-# Flags of our own code, in one place. Every target of this project links kv_options.
+# Compiler and linker flags of our own code. Every target of this project links kv_options.
 add_library(kv_options INTERFACE)
 target_include_directories(kv_options INTERFACE "${PROJECT_SOURCE_DIR}")
-# Results that are ignored on purpose carry a (void), which GCC does not take for an answer.
+# A (void) marks each result that is ignored on purpose, but GCC warns anyway.
 target_compile_options(kv_options INTERFACE -Wall -Wextra -Wshadow -Wconversion -Wno-unused-result)
-# For GCC -Wconversion leaves signs out in C++, for clang it does not.
+# clang's -Wconversion includes sign conversions in C++; GCC's does not.
 target_compile_options(kv_options INTERFACE $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion>)
 if(KV_WERROR)
     target_compile_options(kv_options INTERFACE -Werror)
 endif()
 
-# Files of any size also where a long has 32 bits. Not 64-bit times with it: libevent's records hold times, and Debian's
-# libevent has the 32-bit ones there.
+# Allow files of any size even where a long has 32 bits. Do not add 64-bit times: libevent's records contain times, and
+# Debian's libevent was built with 32-bit ones there.
 target_compile_definitions(kv_options INTERFACE _FILE_OFFSET_BITS=64)
 
 # The device program throws nothing.
@@ -29,7 +29,7 @@ if(KV_HARDEN)
                                                 -fstack-protector-strong -ffunction-sections
                                                 -fdata-sections)
     target_link_options(kv_options INTERFACE -Wl,-z,relro,-z,now -Wl,--gc-sections -Wl,--as-needed)
-    # Nothing unwinds the device program, so it needs neither the tables nor the library for it.
+    # Nothing unwinds the device program's stack, so it needs neither the unwind tables nor the library.
     set(KV_DAEMON_LINK_FLAGS -static-libgcc)
     list(APPEND KV_DAEMON_FLAGS -fno-unwind-tables -fno-asynchronous-unwind-tables)
 endif()
@@ -43,7 +43,7 @@ elseif(KV_HARDEN)
     target_link_options(kv_options INTERFACE -pie)
 endif()
 
-# kv_module(NAME [SOURCES...] [LINK targets...]): one daemon module library.
+# kv_module(NAME SOURCES files... [LINK targets...]): the library of one daemon module.
 function(kv_module name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
     add_library(${name} STATIC ${ARG_SOURCES})

@@ -1,5 +1,5 @@
-# `make deb`: upgrademain-tools (component tools) and upgrademain-doc (component doc), by CPack from the release build.
-# The daemon is not among them: it belongs into a device's image, not on a PC.
+# `make deb`: CPack makes upgrademain-tools (component tools) and upgrademain-doc (component doc) from the release
+# build. There is no package of the daemon: it belongs in a device's image, not on a PC.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME upgrademain)
 set(CPACK_PACKAGE_VENDOR upgradeMain)
@@ -25,8 +25,8 @@ set(CPACK_COMPONENT_TOOLS_DESCRIPTION
 kvtool builds and checks upgrade packages, finds cameras in recovery mode and
 puts firmware on them.
 vboard is a virtual camera with flash, watchdog, reset button, Ethernet and
-Wi-Fi, for trying supervisor and firmware on a PC.")
-# kvtool needs none of what vboard runs.
+Wi-Fi, for testing supervisor and firmware on a PC.")
+# Only vboard needs these programs; kvtool does not.
 file(STRINGS "${PROJECT_SOURCE_DIR}/scripts/packages/vboard.txt" rows REGEX "^[a-z]")
 list(TRANSFORM rows REPLACE " .*" "")
 list(JOIN rows ", " CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS)

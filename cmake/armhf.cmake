@@ -1,9 +1,9 @@
-# Debian's armhf (ARMv7, hard float) from Debian's cross compiler, on the sysroot that
-# scripts/arm_sysroot.sh names and, when it is missing, fetches.
+# Tool chain for Debian's armhf (ARMv7, hard float): Debian's cross compiler and the sysroot of scripts/arm_sysroot.sh,
+# which fetches it if it is missing.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 
-# The checks of the compiler read this file again, with the sysroot handed down.
+# CMake's compiler checks read this file again. They get KV_SYSROOT from here.
 if(NOT KV_SYSROOT)
     execute_process(COMMAND "${CMAKE_CURRENT_LIST_DIR}/../scripts/arm_sysroot.sh"
                     OUTPUT_VARIABLE KV_SYSROOT OUTPUT_STRIP_TRAILING_WHITESPACE
@@ -18,7 +18,7 @@ set(CMAKE_SYSROOT "${KV_SYSROOT}")
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
-# Before the C library that comes with the compiler, which gets no security updates.
+# Link the sysroot's C library, not the one that comes with the compiler: that one gets no security updates.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-B${KV_SYSROOT}/usr/lib/arm-linux-gnueabihf")
 
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

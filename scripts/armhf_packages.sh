@@ -1,13 +1,13 @@
 #!/bin/bash
-# Debian's armhf packages, without touching the host's package system: apt gets a root of its own inside the cache.
+# Fetches Debian's armhf packages without touching the host's package system: apt gets a root of its own in the cache.
 #
-#   armhf_packages.sh fetch PACKAGE...        downloads what is missing, prints the path of each package file
-#   armhf_packages.sh unpack DIR PACKAGE...   fetches, and makes DIR consist of these packages' files
-#   armhf_packages.sh env                     prints the shell assignments KV_CACHE and APT_CONFIG; with the latter
-#                                             apt-cache answers about armhf (once something was fetched)
+#   armhf_packages.sh fetch PACKAGE...        downloads missing packages and prints the path of each package file
+#   armhf_packages.sh unpack DIR PACKAGE...   fetches the packages and replaces DIR with their files
+#   armhf_packages.sh env                     prints shell assignments of KV_CACHE and APT_CONFIG; with APT_CONFIG,
+#                                             apt-cache answers about armhf once something was fetched
 #
-# Only the named packages are fetched, not what they depend on. A package that is there is not looked for again, so a
-# filled cache needs no network; remove the cache for newer ones. KV_CACHE names the cache.
+# Only the named packages are fetched, not their dependencies. A cached package is never looked up again, so a filled
+# cache needs no network. Remove the cache to get newer packages. KV_CACHE names the cache.
 set -euo pipefail
 shopt -s inherit_errexit
 
@@ -21,7 +21,7 @@ die() {
     exit 1
 }
 
-# The host's sources and keys with armhf as the only architecture, and no package counts as installed.
+# Uses the host's sources and keys, with armhf as the only architecture and no package installed.
 prepare_apt() {
     mkdir -p "$apt/lists/partial" "$apt/cache/archives/partial"
     : >"$apt/status"
@@ -37,10 +37,10 @@ Acquire::IndexTargets::deb-src::Sources::DefaultEnabled "false";
 END
 }
 
-# The hooks that a host runs after an update are about its own package system.
+# The host's post-update hooks are for its own package system.
 quiet_apt() { apt-get -q -o APT::Update::Post-Invoke-Success= "$@" >&2; }
 
-file_of() { # PACKAGE: its file in the cache, or nothing
+file_of() { # PACKAGE: prints its file in the cache, or nothing
     find "$packages" -maxdepth 1 -name "$1_*.deb" | sort | tail -n 1
 }
 
@@ -53,18 +53,18 @@ fetch_missing() { # PACKAGE...
     command -v apt-get >/dev/null || die "this system has no apt; missing armhf packages: ${missing[*]}"
     prepare_apt
     echo "armhf_packages: reading the package lists of armhf (about 10 MB the first time)" >&2
-    quiet_apt update || echo "armhf_packages: some lists are missing; trying with those that are there" >&2
-    uris=$(apt-get download --print-uris "${missing[@]}") || die "not to be had: ${missing[*]}"
-    awk '{ bytes += $3 }
-        END { printf "armhf_packages: downloading %d packages, %.1f MB\n", NR, bytes / 1e6 }' <<<"$uris" >&2
+    quiet_apt update || echo "armhf_packages: some package lists are missing; trying with the others" >&2
+    uris=$(apt-get download --print-uris "${missing[@]}") || die "not available: ${missing[*]}"
+    awk '{ bytes += $3 } END { printf "armhf_packages: downloading %d packages, %.1f MB\n", NR, bytes / 1e6 }' \
+        <<<"$uris" >&2
     (
         cd "$apt/cache/archives/partial"
-        quiet_apt download "${missing[@]}" || die "not downloaded: ${missing[*]}"
+        quiet_apt download "${missing[@]}" || die "download failed: ${missing[*]}"
         mv -- *.deb "$packages/"
     )
 }
 
-# Two builds may want the cache at the same time.
+# Two builds may use the cache at the same time.
 with_lock() {
     mkdir -p "$packages"
     exec 9>"$cache/lock"
@@ -79,7 +79,7 @@ fetch() {
     done
 }
 
-# The list of files stands in DIR when it is complete; DIR is made anew when that list is another one.
+# DIR/.packages lists the unpacked files once DIR is complete. A different list makes unpack recreate DIR.
 unpack() { # DIR PACKAGE...
     local dir=$1 files
     shift

@@ -1,6 +1,6 @@
 #!/bin/sh
-# board.sh fetch | run [A|B|C...] | shell: the program on emulated ARM boards with a real kernel (docs/board.md).
-# fetch installs and downloads what the others need and builds nothing; the others do it too when it is missing.
+# board.sh fetch | run [A|B|C...] | shell: runs the program on emulated ARM boards with a real kernel (docs/board.md).
+# fetch only installs and downloads what the other commands need. They do the same if something is missing.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -8,8 +8,8 @@ cache=${KV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/upgrademain}
 out=$PWD/build/board
 
 if [ ! -d "$cache/board-packages" ]; then
-    echo "board: the first run fetches about 130 MB: an emulator and a cross compiler as packages of this system, and"
-    echo "board: ARM packages into $cache, where they stay for the next run"
+    echo "board: the first run fetches about 130 MB: an emulator and a cross compiler as packages of this system,"
+    echo "board: and ARM packages into $cache, which later runs use again"
 fi
 scripts/setup.sh build arm board scripts
 scripts/arm_sysroot.sh >/dev/null

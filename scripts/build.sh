@@ -1,5 +1,5 @@
 #!/bin/sh
-# build.sh PRESET [CMAKE-BUILD-ARG...]: configures a preset when it has not been and builds it.
+# build.sh PRESET [CMAKE-BUILD-ARG...]: builds a preset, after configuring it if that was not done before.
 set -eu
 
 cd "$(dirname "$0")/.."

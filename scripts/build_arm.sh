@@ -1,6 +1,6 @@
 #!/bin/sh
-# Builds the device program for ARM, on shared libraries and as one static file, and leaves stripped copies in
-# build/arm/dynamic and build/arm/static. Both keep the name by which the program signals itself.
+# Builds the device program for ARM, dynamically and statically linked, and leaves stripped copies in build/arm/dynamic
+# and build/arm/static. Both keep the file name by which the program signals itself.
 set -eu
 
 cd "$(dirname "$0")/.."

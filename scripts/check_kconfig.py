@@ -1,12 +1,12 @@
 #!/usr/bin/python3
-"""check_kconfig.py CONFIG_IN: Buildroot's menu of the package, with stand-ins for the symbols of Buildroot itself."""
+"""check_kconfig.py CONFIG_IN: checks the package's Buildroot menu, with stand-ins for Buildroot's own symbols."""
 import os
 import sys
 import tempfile
 
 import kconfiglib
 
-# What the recipe depends on, and what it selects.
+# The recipe's dependencies and selections.
 NEEDS = ["USE_MMU", "INSTALL_LIBSTDCPP", "TOOLCHAIN_HAS_THREADS", "TOOLCHAIN_GCC_AT_LEAST_7"]
 SELECTS = ["PACKAGE_LIBEVENT", "PACKAGE_LIBMD", "PACKAGE_LIBOPING"]
 

@@ -1,7 +1,7 @@
 #!/bin/bash
-# What packaging/ promises, as far as it can be held to it without the distributions: the recipes are read by make and
-# by a Kconfig parser, with stand-ins for what their distribution provides, and their install steps are run on the build
-# in build/release; the unit goes through systemd's own check where that is installed; the scripts run in a sandbox.
+# Checks packaging/ as far as possible without the distributions. make and a Kconfig parser read the recipes, with
+# stand-ins for the parts that the distribution provides. The recipes' install steps run on the build in build/release.
+# systemd checks the unit if it is installed. The scripts run in a sandbox.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -13,19 +13,19 @@ die() {
     echo "check_packaging: $*" >&2
     exit 1
 }
-expect() { # WHAT DIR FILE...: DIR holds exactly these files
+expect() { # WHAT DIR FILE...: fails unless DIR holds exactly these files
     local what=$1 dir=$2
     shift 2
     diff <(printf '%s\n' "$@" | sort) <(cd "$dir" && find . -type f -printf '%P\n' | sort) ||
-        die "$what installs other files than it should (<: should, >: does)"
+        die "$what installs the wrong files (<: expected, >: installed)"
 }
 
-# Three components, and the device's is the daemon alone.
+# There are three components. The one for the device is the daemon alone.
 install_component() { # COMPONENT
     DESTDIR=$work/$1 cmake --install build/release --prefix /usr --component "$1" \
         >"$work/log" 2>&1 || die "$(cat "$work/log")"
 }
-# With a start file it brings what that names, below the prefix.
+# With KV_INIT, component device adds the start file and the script that it runs, adapted to the prefix.
 for init in busybox systemd none; do
     cmake -DKV_INIT="$init" build/release >"$work/log" || die "$(cat "$work/log")"
     DESTDIR=$work/$init cmake --install build/release --prefix /opt --component device >"$work/log" ||
@@ -34,18 +34,21 @@ done
 expect "INIT=busybox" "$work/busybox" opt/sbin/upgradeMain opt/sbin/upgrade_prepare.sh etc/init.d/S50upgrademain
 expect "INIT=systemd" "$work/systemd" opt/sbin/upgradeMain opt/sbin/upgrade_prepare.sh \
     opt/lib/systemd/system/upgrademain.service opt/lib/systemd/system.conf.d/upgrademain.conf
-grep -qx PROGRAM=/opt/sbin/upgradeMain "$work/busybox/etc/init.d/S50upgrademain" || die "S50upgrademain: no prefix"
+grep -qx PROGRAM=/opt/sbin/upgradeMain "$work/busybox/etc/init.d/S50upgrademain" ||
+    die "S50upgrademain ignores the prefix"
 grep -qx ExecStart=/opt/sbin/upgradeMain "$work/systemd/opt/lib/systemd/system/upgrademain.service" ||
-    die "upgrademain.service: no prefix"
+    die "upgrademain.service ignores the prefix"
 rm -r "$work/systemd"
 for component in device tools doc; do
     install_component "$component"
 done
 expect "component device" "$work/device" usr/sbin/upgradeMain
 expect "component tools" "$work/tools" usr/bin/kvtool usr/bin/vboard usr/libexec/upgrademain/cameraMain \
-    usr/share/man/man1/kvtool.1 usr/share/man/man1/vboard.1
-! said=$(install_component unknown 2>&1) || die "an unknown component is no error"
-[[ $said == *"device, doc, tools"* ]] || die "an unknown component: the valid ones are not named, but: $said"
+    usr/share/man/man1/kvtool.1 usr/share/man/man1/vboard.1 \
+    usr/share/bash-completion/completions/kvtool usr/share/bash-completion/completions/vboard \
+    usr/share/zsh/site-functions/_kvtool usr/share/zsh/site-functions/_vboard
+! said=$(install_component unknown 2>&1) || die "an unknown component is not an error"
+[[ $said == *"device, doc, tools"* ]] || die "the error for an unknown component does not name the valid ones: $said"
 for file in man/man8/upgradeMain.8 doc/upgradeMain/docs/porting.md \
     upgrademain/scripts/startapp.sh; do
     [ -f "$work/doc/usr/share/$file" ] || die "component doc lacks share/$file"
@@ -94,7 +97,8 @@ PKG_INSTALL_DIR = $(WORK)/device
 END
 # shellcheck disable=SC2016 # for make
 printf '%s\n' 'define BuildPackage' '$(if $(Package/$(1)),,$(error Package/$(1) is empty))' 'endef' \
-    'options:' '	@echo $(CMAKE_OPTIONS)' 'prepare:' '	$(Build/Prepare)' \
+    'options:' '	@echo $(CMAKE_OPTIONS)' \
+    'version:' '	@echo $(PKG_VERSION)' 'prepare:' '	$(Build/Prepare)' \
     'install:' '	$(call Package/upgrademain/install,$(WORK)/openwrt/target)' >"$work/include/package.mk"
 : >"$work/include/cmake.mk"
 openwrt() { # GOAL
@@ -108,17 +112,18 @@ mkdir "$work/source/build"
 UPGRADEMAIN_SRC=$work/source openwrt prepare
 [ -f "$work/openwrt/build/CMakeLists.txt" ] || die "OpenWrt's recipe copies no sources"
 [ ! -e "$work/openwrt/build/build" ] || die "OpenWrt's recipe copies build folders"
+[[ $(openwrt version) =~ ^[0-9]+\.[0-9]+\.[0-9]+$ ]] || die "OpenWrt's recipe finds no version"
 openwrt install
 expect "OpenWrt's recipe" "$work/openwrt/target" usr/sbin/upgradeMain usr/sbin/upgrade_prepare.sh root/wifi_connect.sh \
     usr/bin/wifi_reset.sh usr/bin/startapp.sh etc/init.d/upgrademain
 
-# Both configure the tree, from a copy as OpenWrt has it, with options that the tree knows.
+# Both recipes configure the tree, copied as OpenWrt copies it, with options that the tree knows.
 [ "$(buildroot - options)" = "$(openwrt options)" ] || die "the recipes configure the program in different ways"
-# shellcheck disable=SC2046 # one word an option
+# shellcheck disable=SC2046 # one word per option
 cmake -G Ninja -S "$work/openwrt/build" -B "$work/configured" $(openwrt options) >"$work/log" 2>&1 ||
     die "the recipes' options do not configure: $(cat "$work/log")"
 ! grep -q 'not used by the project' "$work/log" ||
-    die "the recipes set what the project does not know: $(cat "$work/log")"
+    die "the recipes set unknown options: $(cat "$work/log")"
 
 # systemd.
 if command -v systemd-analyze >/dev/null; then
@@ -130,7 +135,7 @@ if command -v systemd-analyze >/dev/null; then
         grep upgrademain || true)
     [ -z "$found" ] || die "the unit: $found"
 else
-    echo "check_packaging: systemd-analyze is not installed, the unit was not checked"
+    echo "check_packaging: systemd-analyze is not installed; the unit was not checked"
 fi
 
 tests/support/packaging_scripts.sh "$top/packaging"

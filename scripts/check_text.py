@@ -1,9 +1,9 @@
 #!/usr/bin/python3
-"""check_text.py: the committed text files besides C++ against the first section of .editorconfig.
+"""check_text.py: checks the committed text files, except C++, against the first section of .editorconfig.
 
-Exempt from the width: rows of Markdown tables, which cannot be wrapped; code blocks in Markdown, whose lines are what
-somebody types or reads on a screen; lines with a URL. Also checked: no file-level `static` in C++, which has anonymous
-namespaces for that; each target of the Makefile has its line of help.
+Three kinds of lines may be wider: rows of Markdown tables, which cannot be wrapped; code blocks in Markdown, which show
+what somebody types or reads on a screen; and lines with a URL. The script also checks that C++ files use anonymous
+namespaces instead of file-level `static`, and that each target of the Makefile has a line of help.
 """
 import pathlib
 import re
@@ -29,10 +29,10 @@ def is_text(path, text):
 def check_lines(path, text):
     fenced = before_code = False
     if not text.endswith("\n") or text.endswith("\n\n"):
-        complain(path, text.count("\n"), "the file does not end with one line end")
+        complain(path, text.count("\n"), "the file must end with exactly one newline")
     for number, line in enumerate(text.split("\n"), 1):
         if line != line.rstrip():
-            complain(path, number, "blanks at the end of the line")
+            complain(path, number, "trailing blanks")
         if path.suffix == ".md" and line.startswith("```"):
             fenced = not fenced
         exempt = "://" in line
@@ -53,7 +53,7 @@ def check_help(path, text):
     rules = set(re.findall(r"^([a-z][a-z-]*):", text, re.M))
     helped = set(re.findall(r"^([a-z-]*):.*## \S", text, re.M))
     for target in sorted(rules ^ set(phony) | rules - helped):
-        complain(path, 1, f"the target {target} lacks its line of help or its word in .PHONY")
+        complain(path, 1, f"the target {target} lacks a line of help or is not in .PHONY")
 
 
 def main():

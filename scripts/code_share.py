@@ -1,8 +1,8 @@
 #!/usr/bin/python3
-"""code_share.py [CEILING]: the tests' share of the code lines, in percent; exit status 1 when it is above CEILING.
+"""code_share.py [CEILING]: prints the tests' share of the code lines, in percent. Exits with 1 if it is above CEILING.
 
-Code lines are those of the committed .cpp, .h, .py and .sh files that hold more than blanks and comments; tests are
-what is below tests/.
+Code lines are the lines of the committed .cpp, .h, .py and .sh files that are neither blank nor comments. Tests are the
+files below tests/.
 """
 import io
 import re
@@ -12,14 +12,14 @@ import tokenize
 
 
 def c_lines(text):
-    """Comments out, but what looks like one inside a string or a character stays."""
+    """Counts lines after removing comments, but not text in literals that looks like a comment."""
     token = re.compile(r'//[^\n]*|/\*.*?\*/|R"([^()\s]*)\(.*?\)\1"|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])*\'', re.S)
     text = token.sub(lambda m: re.sub(r"[^\n]", "", m[0]) if m[0][:2] in ("//", "/*") else m[0], text)
     return sum(1 for line in text.splitlines() if line.strip())
 
 
 def python_lines(text):
-    """Lines that hold a token; a string that is a statement of its own is a comment."""
+    """Counts lines with a token. A string that is a statement of its own is a comment."""
     lines, first = set(), True
     skip = (tokenize.COMMENT, tokenize.NL, tokenize.INDENT, tokenize.DEDENT, tokenize.ENDMARKER, tokenize.NEWLINE)
     tokens = list(tokenize.generate_tokens(io.StringIO(text).readline))

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Makes the Debian packages of the release build in build/deb and holds them against lintian: a warning fails, too.
+# Makes the Debian packages of the release build in build/deb and checks them with lintian. Warnings are errors.
 set -eu
 
 cd "$(dirname "$0")/.."

@@ -1,6 +1,7 @@
 #!/bin/bash
-# The other half of the story: an application that falls silent for good, on a virtual camera whose clock runs fast.
-# Restart, reboot, restart again, recovery; the times are held against the timeline that the supervisor promises.
+# Shows the other half of the story on a virtual camera with a fast clock: an application falls silent for good.
+# Restart, reboot, restart again and recovery follow. The script checks their times against those that the supervisor
+# promises.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -10,14 +11,15 @@ speed=20
 
 say() { printf '\n== %s\n' "$1"; }
 
-say "A camera with its application, on a clock that runs $speed times as fast"
+say "A camera with its application; the clock runs $speed times as fast"
+# shellcheck disable=SC2119 # without a script
 make_application
 board flash write mtd5 "$work/app.img"
 switch_on --no-eth --speed "$speed"
 await --boot 1 --log "Process cameraMain online"
 board status | head -2
 
-say "The application falls silent, for good"
+say "The application falls silent for good"
 board app silent
 await --boot 1 --log "Process [cameraMain] offline"
 echo "offline"
@@ -28,7 +30,7 @@ echo "the device has rebooted: $(cat "$state/boot-2/reason")"
 await --boot 2 --console-log "# startapp.sh"
 echo "the application is started again; it stays silent"
 await --boot 2 --log "MINI ProtocolInit Init Success!"
-echo "the supervisor gives up on it: recovery"
+echo "the supervisor gives up on the application: recovery"
 
 say "The device joins the service Wi-Fi, and a technician finds it"
 await --boot 2 --log "into wifi guard"

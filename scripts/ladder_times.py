@@ -1,8 +1,10 @@
 #!/usr/bin/env python3
-"""ladder_times.py STATE SPEED STATUS: prints the timeline of a permanent silence from the logs of a stopped board and
-the file STATUS, its last `vboard status --json`. Ends with 1 when a step came at another time than the supervisor
-promises: at the first of its checks, 3 s apart, at which the silence is longer than 5 s (offline) or 120 s (restart,
-and again 60 s later reboot or recovery)."""
+"""ladder_times.py STATE SPEED STATUS: prints the timeline of a permanent silence from the logs of a stopped board.
+
+STATUS is a file with the board's last `vboard status --json`. The supervisor checks every 3 s. Each step must come at
+the first check that finds the silence longer than 5 s (offline) or 120 s (restart, then 60 s later reboot or recovery).
+The exit status is 1 if a step came at another time.
+"""
 import datetime
 import json
 import re
@@ -13,15 +15,15 @@ TICK = 3  # seconds between two checks
 
 def main():
     state, speed = sys.argv[1], int(sys.argv[2])
-    # What the host's scheduling may add: 300 ms of its own time, and a clock that shows whole seconds.
+    # Allow for the host's scheduling, 300 ms of host time, and for a clock that shows whole seconds.
     lag = 0.3 * speed + 1
-    rows = []  # what, when, the step it counts from with the silence that leads to it
+    rows = []  # step, time, and (the time it counts from, the silence that causes it)
     opened = watchdog_opened(f"{state}/ops.jsonl")
     for boot in (1, 2):
         with open(f"{state}/boot-{boot}/trace.log", errors="replace") as trace:
             lines = [entry for entry in map(parse, trace) if entry]
-        # The clock of a boot's trace is its own; the devices' goes through, and the supervisor's first act on both is
-        # to open the watchdog.
+        # Each boot's trace has a clock of its own; the devices' clock runs through all boots. On both, the supervisor's
+        # first act is to open the watchdog.
         lines = [(at - lines[0][0] + opened[boot], text) for at, text in lines]
         start = last_beat(lines)
         checks = [(at, int(text.rsplit(" ", 1)[1])) for at, text in lines if "cameraMain off time = " in text]
@@ -49,9 +51,9 @@ def main():
 
     with open(sys.argv[3]) as status:
         gap = json.load(status)["watchdog"]["largestGap"]
-    print(f"largest gap between two feeds of the watchdog: {gap:.1f} s; it would bite at 30 s")
+    print(f"largest gap between two feeds of the watchdog: {gap:.1f} s; the limit is 30 s")
     print(f"rounding and a busy host may add {lag:.0f} s to a step")
-    print("\nThe ladder was climbed as promised." if not wrong else "\nA step came at the wrong time.")
+    print("\nEvery step came at the promised time." if not wrong else "\nA step came at the wrong time.")
     sys.exit(wrong)
 
 
@@ -64,8 +66,8 @@ def parse(line):
 
 
 def last_beat(lines):
-    """When the silence begins: with the last heartbeat, or with the supervisor's start when there was none. The trace
-    tells one heartbeat out of four only, but the first check tells how long ago the last one was."""
+    """Start of the silence: the last heartbeat, or the supervisor's start if there was none. The trace shows only one
+    heartbeat out of four, but the first check logs the time since the last one."""
     for at, text in lines:
         match = re.search(r"cameraMain off time = (\d+)", text)
         if match:

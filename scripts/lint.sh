@@ -1,6 +1,6 @@
 #!/bin/sh
-# Format, shell scripts, texts, man pages, packaging, the tests' share, static analysis; the first that finds something
-# fails the run.
+# Checks format, shell scripts, texts, man pages, packaging and the tests' share of the code, and runs static analysis.
+# Stops at the first failing check.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -21,7 +21,7 @@ echo "lint: mutants"
 scripts/mutants.py --check
 echo "lint: share of the tests"
 scripts/code_share.py "$tests_ceiling"
-# For clang -Wconversion includes signs, for the compiler of the build it does not.
+# clang's -Wconversion includes sign conversions; GCC's does not.
 echo "lint: clang-tidy"
 git ls-files '*.cpp' | xargs -P "$(nproc)" -n 2 \
     clang-tidy -quiet -p build/dev --extra-arg=-Wno-sign-conversion 2>/dev/null

@@ -1,6 +1,7 @@
-# For scripts that show or measure something on a virtual board of their own; they source this file in the repository's
-# folder. Gives $bin, the programs; $work, a folder that goes with the script; $state, the board's state in it; and the
-# functions below. shellcheck shell=bash
+# For scripts that show or measure something on their own virtual board. They source this file in the repository's
+# folder. It sets $bin, the folder of the programs; $work, a temporary folder that is removed when the script ends;
+# and $state, the board's state folder in it. It also defines the functions below.
+# shellcheck shell=bash
 
 bin=$PWD/build/bin
 work=$(mktemp -d "${TMPDIR:-/tmp}/kv-board-XXXXXX")
@@ -16,25 +17,30 @@ trap finish EXIT
 
 board() { "$bin/vboard" --state "$state" "$@"; }
 
-# Switches the board on, with options of `vboard run`. It goes off with the script.
+# Switches the board on, with options of `vboard run`. The board goes off when the script ends.
 switch_on() {
-    # Not through the function above: the shell around it would be what is ended, and the board would stay.
+    # Not through the function above: finish would then kill the subshell around it, and the board would stay on.
     "$bin/vboard" --state "$state" run --quiet "$@" -- "$bin/upgradeMain" >"$work/runner.log" 2>&1 &
     runner=$!
 }
 
-# Waits for what `board wait` knows; without it the script ends with the board's last words.
+# Waits with the conditions of `vboard wait`. If it times out, the script prints the board's last log lines and fails.
 await() {
     board wait --timeout 60 "$@" || {
-        echo "$0: not seen: $*; the board's last words:" >&2
+        echo "$0: not seen: $*; the board's last log lines:" >&2
         board log | tail -20 >&2
         exit 1
     }
 }
 
-# Makes $work/app.img, a file system with the stand-in application.
-make_application() {
+# Makes $work/app.img, a file system with the stand-in application. With FILE, the file system also contains a script of
+# that name, read from standard input.
+make_application() { # [FILE]
     mkdir -p "$work/app/bin"
     cp "$bin/cameraMain" "$work/app/bin/cameraMain"
+    if [ -n "${1:-}" ]; then
+        cat >"$work/app/$1"
+        chmod +x "$work/app/$1"
+    fi
     mksquashfs "$work/app" "$work/app.img" -quiet -no-progress -all-root
 }

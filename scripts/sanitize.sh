@@ -1,5 +1,5 @@
 #!/bin/sh
-# The unit tests under AddressSanitizer and UndefinedBehaviorSanitizer, then under ThreadSanitizer.
+# Runs the unit tests under AddressSanitizer and UndefinedBehaviorSanitizer, then under ThreadSanitizer.
 set -eu
 
 cd "$(dirname "$0")/.."

@@ -1,9 +1,10 @@
 #!/bin/bash
-# setup.sh LIST...: sees to it that what the lists scripts/packages/LIST.txt name is there. A Debian package counts as
-# missing when one of its probes fails, wherever the thing came from; only then apt is asked, as root or through sudo.
-# Without apt or without root the missing things are named, and the exit status is 1.
+# setup.sh LIST...: installs the missing packages of the lists scripts/packages/LIST.txt. A package counts as missing if
+# one of its probes fails; it does not matter where the probed thing came from. apt installs the missing packages, as
+# root or through sudo. Without apt or root the script names the missing packages and exits with status 1.
 #
-#   command:NAME   a program in PATH or in the folders of the system's programs
+# A probe looks for:
+#   command:NAME   a program in PATH or in the system's program folders
 #   header:NAME    a header that the C++ compiler (CXX, or c++) finds
 #   library:NAME   a library that pkg-config knows
 #   python:NAME    a module of /usr/bin/python3
@@ -11,7 +12,7 @@
 set -euo pipefail
 
 cd "$(dirname "$0")/packages"
-# An ordinary user's PATH may lack these, and so would the search for udhcpc or depmod.
+# An ordinary user's PATH may lack these folders, where udhcpc and depmod are.
 PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin
 
 there() { # PROBE
@@ -48,11 +49,11 @@ find_missing "$@"
 
 as_root=()
 if ! command -v apt-get >/dev/null; then
-    echo "setup: this system has no apt; please install what corresponds to these Debian packages: ${failures[*]}" >&2
+    echo "setup: this system has no apt; please install the equivalents of these Debian packages: ${failures[*]}" >&2
     exit 1
 elif [ "$(id -u)" != 0 ]; then
     command -v sudo >/dev/null || {
-        echo "setup: not root and no sudo; please have these packages installed: ${failures[*]}" >&2
+        echo "setup: not root, and no sudo; please have these packages installed: ${failures[*]}" >&2
         exit 1
     }
     as_root=(sudo)
@@ -64,6 +65,6 @@ export DEBIAN_FRONTEND=noninteractive
 "${as_root[@]}" apt-get install -q -y --no-install-recommends "${packages[@]}"
 find_missing "$@"
 [ ${#packages[@]} -eq 0 ] || {
-    echo "setup: installed, but still not found: ${failures[*]}" >&2
+    echo "setup: still not found after installing: ${failures[*]}" >&2
     exit 1
 }

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""size.py [--update] BUILD...: what the device program's builds weigh and what takes the space in them.
+"""size.py [--update] BUILD...: prints the sizes of the device program's builds and what takes the space in them.
 
-BUILD is "host", "armhf" or "armhf-static", each built before. Exit status 1 when a build weighs more than 5 % above its
-figure in scripts/size.txt; --update writes the figures instead.
+BUILD is "host", "armhf" or "armhf-static" and must be built before. The exit status is 1 if a build is more than 5 %
+above its figure in scripts/size.txt. --update writes the figures instead.
 """
 import collections
 import os
@@ -13,16 +13,16 @@ import sys
 
 FIGURES = "scripts/size.txt"
 TOLERANCE = 0.05
-# Name of the figure, program, linker map, prefix of its binary utilities.
+# Name of the figure, program, folder of the linker map, prefix of the binary utilities.
 BUILDS = {
     "host": (platform.machine(), "build/bin/upgradeMain", "build/release", ""),
     "armhf": ("armhf", "build/arm/dynamic/upgradeMain", "build/armhf", "arm-linux-gnueabihf-"),
     "armhf-static": ("armhf-static", "build/arm/static/upgradeMain", "build/armhf-static", "arm-linux-gnueabihf-"),
 }
 HEADER = """\
-# Bytes of code, constants and initialised data (text + data of size(1)) of the device program, built by Debian 12's
-# compilers. `make size` fails when a build is more than 5 % above its figure. When the growth is wanted, write the new
-# figures with `make size UPDATE=1` and tell in the commit what they buy.
+# Bytes of code, constants and initialised data (text + data of size(1)) of the device program, as Debian 12's compilers
+# build it. `make size` fails if a build is more than 5 % above its figure. If the growth is wanted, write the new
+# figures with `make size UPDATE=1` and say in the commit what they buy.
 """
 
 
@@ -32,7 +32,7 @@ def weights(program, tools):
 
 
 def owner(path):
-    """The library that a line of the map belongs to: its archive, or the program's own objects."""
+    """The library that a line of the map belongs to: an archive, or the program's own objects."""
     archive = re.search(r"([^/]+)\.a\(", path)
     if archive:
         return archive[1] if not archive[1].startswith("libkv_") else "upgradeMain"
@@ -41,9 +41,9 @@ def owner(path):
 
 
 def shares(linker_map):
-    """Bytes in the file by owner, from the map's part about what was kept where."""
+    """Bytes in the file by owner, from the part of the map that shows where each section was placed."""
     placed = open(linker_map).read().split("Linker script and memory map")[1]
-    placed = re.sub(r"\n( [._]\S+)\n +0x", r"\n\1 0x", placed)  # Long names stand on a line of their own.
+    placed = re.sub(r"\n( [._]\S+)\n +0x", r"\n\1 0x", placed)  # Long names have a line of their own.
     result = collections.Counter()
     for section, address, size, path in re.findall(r"^ ([._]\S+) +(0x\w+) +(0x\w+) (\S.*)$", placed, re.M):
         dropped = int(address, 16) == 0
@@ -95,8 +95,8 @@ def main():
             out.write(HEADER + "".join(f"{name} {size}\n" for name, size in sorted(figures.items())))
         print(f"{FIGURES} written")
     if too_large:
-        sys.exit(f"size: more than 5 % above the figure, or without one: {', '.join(too_large)}. Find out what came "
-                 f"in; if it is wanted, write the new figure with make size UPDATE=1 and commit it with the change.")
+        sys.exit(f"size: more than 5 % above the figure, or without one: {', '.join(too_large)}. Find out what was "
+                 f"added. If it is wanted, write the new figure with make size UPDATE=1 and commit it with the change.")
 
 
 main()

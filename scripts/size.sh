@@ -1,6 +1,7 @@
 #!/bin/sh
-# What the device program weighs, for this machine and for ARM, against the committed figures (scripts/size.txt).
-# Arguments go to size.py. Without cross compiler and ARM libraries, which need the network once, ARM is left out aloud.
+# Compares the size of the device program, for this machine and for ARM, with the committed figures (scripts/size.txt).
+# Passes its arguments to size.py. Without a cross compiler and ARM libraries, ARM is skipped with a message; fetching
+# them needs the network once.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -9,7 +10,7 @@ if scripts/setup.sh arm && scripts/arm_sysroot.sh >/dev/null; then
     scripts/build_arm.sh
     builds="host armhf armhf-static"
 else
-    echo "SKIPPED: the ARM builds were not measured: no cross compiler or no ARM libraries, and no network for them" >&2
+    echo "SKIPPED: the ARM builds were not measured: no cross compiler or ARM libraries, and no way to fetch them" >&2
 fi
 # shellcheck disable=SC2086 # a list of words
 exec scripts/size.py "$@" $builds

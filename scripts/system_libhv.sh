@@ -1,6 +1,6 @@
 #!/bin/sh
-# The same daemon and tests on an installed libhv. KV_LIBHV_PREFIX names where one is installed; without it the usual
-# places count.
+# Builds and tests the daemon on an installed libhv. KV_LIBHV_PREFIX names its prefix; /usr/local and
+# /usr are tried after it.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -12,7 +12,7 @@ for place in "$prefix" /usr/local /usr; do
     fi
 done
 if [ -z "${found:-}" ]; then
-    echo "SKIPPED: no installed libhv (1.3.4 or newer), so the daemon was tested on the bundled event loop only"
+    echo "SKIPPED: no installed libhv (1.3.4 or newer); the daemon was tested on the bundled event loop only"
     exit 0
 fi
 echo "libhv found in $found: building and testing the daemon on it"

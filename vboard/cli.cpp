@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "common/kv_platform.h"
+#include "tools/base/command_line.h"
 #include "vboard/board.h"
 #include "vboard/boot.h"
 #include "vboard/client.h"
@@ -46,6 +47,7 @@ struct Cli {
     unsigned lateSeconds = 0;
 
     Cli() {
+        app.name("vboard");
         app.set_version_flag(
             "--version", std::string("vboard ") + kv::kVersion + ", built for " + kv::kDeviceName);
         app.require_subcommand(1);
@@ -56,6 +58,7 @@ struct Cli {
         AddObservers();
         AddFlash();
         AddHands();
+        kvtool::AddCompletion(&app);
     }
 
     CLI::App* Add(CLI::App* parent, const char* name, const char* text,
@@ -91,7 +94,8 @@ struct Cli {
             ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
         run->add_flag("--quiet", board.quiet, "Keep the board's output off the terminal");
         run->add_option("program", board.program, "The program and its arguments, after --")
-            ->required();
+            ->required()
+            ->type_name("FILE");
     }
 
     void Run(const StateDir& where) {
@@ -109,7 +113,9 @@ struct Cli {
         CLI::Option* const bench =
             exec->add_flag("--bench", "In the bench's network, the host's files (default)");
         exec->add_flag("--board", onBoard, "On the board")->excludes(bench);
-        exec->add_option("command", command, "The command, after --")->required();
+        exec->add_option("command", command, "The command, after --")
+            ->required()
+            ->type_name("FILE");
     }
 
     void AddObservers() {
@@ -146,7 +152,7 @@ struct Cli {
                 });
         for (CLI::App* const sub : {read, write}) {
             sub->add_option("mtd", mtd, "mtd0 … mtd7")->required();
-            sub->add_option("file", file, "The file")->required();
+            sub->add_option("file", file, "The file")->required()->type_name("FILE");
         }
         AddLayout(write);
     }
@@ -207,12 +213,7 @@ struct Cli {
 
 int RunCli(int argc, char** argv) {
     Cli cli;
-    try {
-        cli.app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return cli.app.exit(error);
-    }
-    return cli.exitStatus;
+    return kvtool::ParseCommandLine(&cli.app, argc, argv).value_or(cli.exitStatus);
 }
 
 }  // namespace

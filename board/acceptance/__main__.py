@@ -1,7 +1,7 @@
-"""Boots emulated boards and tries the program on them: see docs/board.md.
+"""Boots emulated boards and tests the program on them: see docs/board.md.
 
-acceptance run IMAGE KVTOOL APPLICATION [A|B|C...]   the acceptance, on all boards or some
-acceptance shell IMAGE                               a person on the console of one board
+acceptance run IMAGE KVTOOL APPLICATION [A|B|C...]   runs the acceptance test on all boards or some
+acceptance shell IMAGE                               opens the console of one board
 """
 
 import argparse
@@ -18,14 +18,14 @@ from machine import Machine
 from report import Report
 from stories import accident_story, button_story, life_story
 
-# The program of each board, and what happens to the board.
+# The program and the story of each board.
 BOARDS = {"A": ("static", life_story), "B": ("static", accident_story), "C": ("dynamic", button_story)}
 
 
 def tell(story, board, report, firmware, others):
     try:
         story(board, report, firmware)
-    except Exception:  # pylint: disable=broad-except # printed by the step; here it only ends the other stories
+    except Exception:  # pylint: disable=broad-except # the step has printed it; here it only ends the other stories
         report.failed = True
         for other in others:
             other.abandon()
@@ -53,11 +53,11 @@ def run(options, folder):
 
 
 def shell(options, folder):
-    print("board: a camera's console; the program runs. Ctrl-A X switches the board off, Enter gives a shell.")
+    print("board: a camera's console; the program runs. Ctrl-A X switches the board off, Enter opens a shell.")
     flash = folder / "shell.nor"
     nor.create(flash)
     machine = Machine(options.image, flash, "static", terminal=True)
-    print(f"board: on this PC, commands: 127.0.0.1 TCP {machine.tcp_port}, search: 127.0.0.1 UDP {machine.udp_port}")
+    print(f"board: ports on 127.0.0.1: commands TCP {machine.tcp_port}, search UDP {machine.udp_port}")
     return machine.process.wait()
 
 
@@ -70,11 +70,11 @@ def main():
         if name == "run":
             command.add_argument("kvtool", type=pathlib.Path)
             command.add_argument("application", type=pathlib.Path)
-            command.add_argument("boards", nargs="*", metavar="BOARD", help=f"of {', '.join(BOARDS)}; all unless named")
+            command.add_argument("boards", nargs="*", metavar="BOARD", help=f"one of {', '.join(BOARDS)}; default: all")
     options = parser.parse_args()
     if options.command == "run" and not set(options.boards) <= set(BOARDS):
         parser.error("no such board")
-    # A termination must end in the same clean-up as an interruption from the keyboard.
+    # SIGTERM must run the same clean-up as Ctrl-C.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     sys.stdout.reconfigure(line_buffering=True)
     with tempfile.TemporaryDirectory(prefix="kv-board-") as folder:

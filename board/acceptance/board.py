@@ -1,4 +1,4 @@
-"""A board with its flash, the PC's tool against it, and the steps that several stories share."""
+"""A board with its flash, kvtool runs against it, and the steps that several stories share."""
 
 import subprocess
 
@@ -11,14 +11,14 @@ RESET_TIMEOUT = 60
 
 
 class Board:
-    """The program that it runs is one of those in the image: static or dynamic."""
+    """program names one of the programs in the image: static or dynamic."""
 
     def __init__(self, name, program, image, kvtool, folder):
         self.name = name
         self.program = program
         self.flash = folder / f"{name}.nor"
         self.machine = None
-        self.since = 0  # position in the console where the present step began
+        self.since = 0  # position in the console where the current step began
         self._abandoned = False
         self._image = image
         self._kvtool = kvtool
@@ -35,12 +35,12 @@ class Board:
             self.machine.kill()
 
     def abandon(self):
-        """Switches off for good; from any thread."""
+        """Switches the board off for good. Any thread may call it."""
         self._abandoned = True
         self.power_off()
 
     def see(self, pattern, timeout=30):
-        """Waits for a line of the present step; further waits look behind it."""
+        """Waits for a line of the current step. Later waits search after it."""
         found = self.machine.console.wait(pattern, timeout, self.since)
         self.since = found.end()
         return found
@@ -50,7 +50,7 @@ class Board:
             raise Failure(f"console: {text}")
 
     def tool(self, *arguments, timeout=120):
-        """kvtool's output; Failure if its status is not 0."""
+        """Returns kvtool's output; raises Failure if its status is not 0."""
         result = subprocess.run([self._kvtool, *arguments], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                                 timeout=timeout, check=False)
         if result.returncode != 0:
@@ -71,7 +71,7 @@ class Board:
         self.see("app file not exist!", 10)
 
     def join_network(self):
-        """Gives the address that the device got."""
+        """Returns the address that the device got."""
         self.see("^# /root/wifi_connect.sh sta /tmp/wpa_supplicant.conf$", JOIN_TIMEOUT)
         self.see("state:COMPLETED", JOIN_TIMEOUT)
         address = self.see(r"lease of (\S+) obtained", JOIN_TIMEOUT)[1]
@@ -84,7 +84,7 @@ class Board:
         self.see("Process cameraMain online", 20)
 
     def upgrade_to(self, firmware):
-        """Sends the package, waits for the reset, and compares the flash. Gives lines of report."""
+        """Sends the package, waits for the reset, and compares the flash. Returns lines for the report."""
         resets = self.machine.reset_count()
         self.send_package(firmware.package)
         self.see("name: uboot, end", 120)

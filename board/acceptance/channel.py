@@ -1,4 +1,4 @@
-"""Text from a running board that can be waited for."""
+"""Text from a running board, with waits for patterns in it."""
 
 import re
 import threading
@@ -14,10 +14,10 @@ CUT_ESCAPE = re.compile(r"\x1b(\[[0-9;]*)?$")
 
 
 class Channel:
-    """Collects what a file object gives, on a thread of its own; others wait for patterns in it.
+    """Collects the text of a file object on its own thread. Other threads wait for patterns in the text.
 
-    A position is a count of characters from the beginning. What was before the position that a waiter names does not
-    count for it, so an old line is not taken for a new one.
+    A position is a number of characters from the beginning. A wait ignores the text before its position, so it does not
+    mistake an old line for a new one.
     """
 
     def __init__(self, stream, name):
@@ -39,7 +39,7 @@ class Channel:
                     self._text += ESCAPES.sub("", text)
                     self._changed.notify_all()
         except OSError:
-            pass  # A killed emulator's connection may end in a reset instead of an end of file.
+            pass  # The connection to a killed emulator may end with a reset instead of end of file.
         with self._changed:
             self._ended = True
             self._changed.notify_all()
@@ -53,7 +53,7 @@ class Channel:
             return self._text[position:]
 
     def wait(self, pattern, timeout, since):
-        """The first match of the pattern behind the position; Failure after the time-out, in seconds."""
+        """Returns the first match after the position since; raises Failure after timeout seconds."""
         expression = re.compile(pattern, re.MULTILINE)
         deadline = time.monotonic() + timeout
         with self._changed:

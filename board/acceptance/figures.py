@@ -1,4 +1,4 @@
-"""What the program costs on the board: memory and wake-ups."""
+"""The program's cost on the board: memory and wake-ups."""
 
 import re
 
@@ -6,13 +6,13 @@ from channel import Failure
 
 MOST_RESIDENT = 2048  # KiB
 MOST_ANONYMOUS = 512
-# As the kernel cuts their names. They have nothing to do while nobody asks.
+# Thread names as the kernel truncates them. These threads sleep unless a client or a signal comes.
 SLEEPERS = ("__KV_HV_LoopPro", "__KV_SIGNAL_Pro")
 SUPERVISOR = "$(pidof upgradeMain)"
 
 
 def memory(machine):
-    """Resident and anonymous KiB. From smaps: the quick counters in status are off by up to 63 pages a thread."""
+    """Returns resident and anonymous KiB, from smaps: the counters in status are off by up to 63 pages per thread."""
     text = machine.run(f"cat /proc/{SUPERVISOR}/smaps_rollup")
     return tuple(int(re.search(rf"^{name}:\s+(\d+) kB", text, re.MULTILINE)[1]) for name in ("Rss", "Anonymous"))
 
@@ -22,7 +22,7 @@ def _switches(text):
 
 
 def wakeups(machine, seconds=10):
-    """Voluntary context switches of each thread in about SECONDS: the seconds it took, a list of name and count."""
+    """Counts each thread's voluntary context switches. Returns the seconds measured and a list of (name, count)."""
     look = (f"cut -d ' ' -f 1 /proc/uptime; for task in /proc/{SUPERVISOR}/task/*; do "
             "echo ${task##*/} $(cat $task/comm) "
             "$(sed -n 's/^voluntary_ctxt_switches:[[:space:]]*//p' $task/status); done")
@@ -33,16 +33,16 @@ def wakeups(machine, seconds=10):
 
 
 def report(machine):
-    """Lines for the report; Failure when a goal is missed."""
+    """Returns lines for the report; raises Failure if a goal is missed."""
     resident, anonymous = memory(machine)
     seconds, threads = wakeups(machine)
     if resident > MOST_RESIDENT or anonymous > MOST_ANONYMOUS:
-        raise Failure(f"{resident} KiB resident, {anonymous} KiB anonymous: "
-                      f"more than {MOST_RESIDENT} and {MOST_ANONYMOUS}")
+        raise Failure(f"{resident} KiB resident, {anonymous} KiB anonymous; "
+                      f"the limits are {MOST_RESIDENT} and {MOST_ANONYMOUS}")
     restless = [name for name, count in threads if count and name in SLEEPERS]
     if restless:
-        raise Failure(f"woke without work: {', '.join(restless)}")
+        raise Failure(f"woke up without work: {', '.join(restless)}")
     return [f"memory: {resident} KiB resident, {anonymous} KiB of it anonymous",
             f"voluntary context switches in {seconds:.1f} s: {sum(count for _, count in threads)}",
             "  " + ", ".join(f"{name} {count}" for name, count in threads if count),
-            "  none in the other threads: " + str(sum(not count for _, count in threads))]
+            "  threads without any: " + str(sum(not count for _, count in threads))]

@@ -11,12 +11,12 @@ from channel import Channel, Failure
 
 BOOT_TIMEOUT = 90
 BUTTON = {"path": "/machine/soc/gpio", "property": "gpioD2"}  # line 26; low is pressed
-# Testing the ciphers would take a fifth of each boot.
+# The kernel's cipher self-tests would take a fifth of each boot.
 KERNEL_ARGUMENTS = "console=ttyS4,115200n8 earlycon=uart8250,mmio32,0x1e784000 panic=3 quiet cryptomgr.notests"
 
 
 class Qmp:
-    """QEMU's control connection: commands with their answers, and a callback for each event."""
+    """QEMU's control connection: commands, their answers, and a callback for each event."""
 
     def __init__(self, connection, on_event):
         self._connection = connection
@@ -38,13 +38,13 @@ class Qmp:
                         self._answers[message["id"]] = message
                         self._changed.notify_all()
         except OSError:
-            pass  # A killed emulator's connection may end in a reset instead of an end of file.
+            pass  # The connection to a killed emulator may end with a reset instead of end of file.
         with self._changed:
             self._ended = True
             self._changed.notify_all()
 
     def send(self, execute, arguments):
-        """Does not wait for the answer, so the event callback may call it. Gives the command's number."""
+        """Sends without waiting for the answer, so the event callback may call it. Returns the command's number."""
         with self._changed:
             self._last_id += 1
             number = self._last_id
@@ -63,7 +63,7 @@ class Qmp:
 
 
 class Machine:
-    """Boots at construction. kill() cuts the power; the flash file stays and another Machine may boot from it."""
+    """Boots when constructed. kill() cuts the power; the flash file stays, and another Machine may boot from it."""
 
     def __init__(self, image, flash, program, terminal=False):
         self._resets = 0
@@ -72,7 +72,7 @@ class Machine:
         bench, bench_there = socket.socketpair()
         qmp, qmp_there = socket.socketpair()
         command = self._command(image, flash, program, bench_there.fileno(), qmp_there.fileno(), terminal)
-        # The emulator goes with the thread that starts it, so also when this program is killed.
+        # The emulator dies with the thread that starts it, even if this program is killed.
         self.process = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", *command],
             pass_fds=(bench_there.fileno(), qmp_there.fileno()),
@@ -109,7 +109,7 @@ class Machine:
             "-nic", "user,hostfwd=tcp:127.0.0.1:0-:80,hostfwd=udp:127.0.0.1:0-:6789"]
 
     def _ports(self):
-        """The kernel of the host chose free ports for the two forwardings."""
+        """Returns the two forwarded ports. The host's kernel chose free ones."""
         text = self._qmp.command("human-monitor-command", **{"command-line": "info usernet"})
         ports = {kind: int(port) for kind, port in re.findall(r"(TCP|UDP)\[HOST_FORWARD\]\s+\d+\s+127\.0\.0\.1\s+(\d+)",
                                                               text)}
@@ -122,7 +122,7 @@ class Machine:
             if name == "WATCHDOG":
                 self._watchdog_struck = time.monotonic()
             elif name == "RESET":
-                # The emulated chip forgets its inputs in a reset; a real line has a pull-up.
+                # The emulated chip loses its inputs in a reset; a real line has a pull-up.
                 self._qmp.send("qom-set", BUTTON | {"value": True})
                 self._boot_begin = self._bench.position()
                 self._resets += 1
@@ -136,18 +136,18 @@ class Machine:
             return self._resets
 
     def wait_reset(self, count, timeout):
-        """Waits for this machine's reset number COUNT; when the watchdog struck last, on the monotonic clock."""
+        """Waits for the count-th reset of this machine. Returns the monotonic time of the watchdog's last reset."""
         with self._changed:
             if not self._changed.wait_for(lambda: self._resets >= count, timeout):
                 raise Failure(f"no reset within {timeout:g} s")
             return self._watchdog_struck
 
     def wait_boot(self):
-        """Waits until the platform's start-up of the present boot is through and the bench line answers."""
+        """Waits until the platform has started in the current boot and the bench line answers."""
         self._bench.wait("^bench shell\n", BOOT_TIMEOUT, self._boot_begin)
 
     def run(self, command, timeout=20):
-        """Runs one line of shell on the board; its output. Failure if its status is not 0."""
+        """Runs one line of shell on the board. Returns its output; raises Failure if its status is not 0."""
         sent = self._bench.position()
         self._bench_socket.sendall(command.encode() + b"\n")
         answer = self._bench.wait("\x1e([0-9]+)\n", timeout, sent)

@@ -7,7 +7,7 @@ ERASED = b"\xff"
 
 
 def _layout():
-    """Name of each partition with its offset and size, in the order of mtd0, mtd1, …"""
+    """Maps each partition's name to its offset and size, in the order mtd0, mtd1, …"""
     layout, start = {}, 0
     table = pathlib.Path(__file__).parents[2] / "common/partitions.txt"
     for line in table.read_text(encoding="utf-8").splitlines():
@@ -23,18 +23,18 @@ LAYOUT = _layout()
 
 
 def create(path):
-    """An erased chip."""
+    """Creates an erased chip."""
     path.write_bytes(ERASED * CHIP_BYTES)
 
 
 def read(path, *names):
-    """The contents of partitions, one behind the other."""
+    """Returns the concatenated contents of partitions."""
     data = path.read_bytes()
     return b"".join(data[start:start + size] for start, size in (LAYOUT[name] for name in names))
 
 
 def write(path, name, data):
-    """Programs an erased partition, as a programmer in a factory does."""
+    """Programs an erased partition, as a factory programmer does."""
     with open(path, "r+b") as chip:
         chip.seek(LAYOUT[name][0])
         chip.write(data)

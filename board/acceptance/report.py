@@ -1,4 +1,4 @@
-"""Prints each step when it is through, and the console of the one that fails."""
+"""Prints each finished step, and the console of the board whose step fails."""
 
 import contextlib
 import threading
@@ -16,7 +16,7 @@ class Report:
 
     @contextlib.contextmanager
     def step(self, board, title):
-        """Yields a list for lines of detail."""
+        """Yields a list that collects lines of detail."""
         began = time.monotonic()
         details = []
         try:
@@ -32,7 +32,7 @@ class Report:
     def _print_failure(self, board, title, failure):
         with self._lock:
             if self.failed or self._closed:
-                return  # Another board's step, cut short because everything is being stopped.
+                return  # A step of another board, cut short because everything stops.
             self.failed = True
             print(f"{board.name}  FAILED     {title}\n{failure}")
             if board.machine:
@@ -40,7 +40,7 @@ class Report:
                 print("\n".join(board.machine.console.since(0).splitlines()[-CONSOLE_LINES:]))
 
     def close(self):
-        """What fails from now on fails because the boards are switched off."""
+        """Silences later failures: they come from switching the boards off."""
         with self._lock:
             self._closed = True
 

@@ -1,4 +1,4 @@
-"""What is tried on the boards. The stories run side by side, each on a board of its own."""
+"""The tests on the boards. The stories run side by side, each on its own board."""
 
 import re
 import time
@@ -10,12 +10,12 @@ from channel import Failure
 REBOOT_MARKER = "/param/var/miniserver_reboot"
 DEBUG_MARKER = "/param/miniserver.debug"
 WATCHDOG_SECONDS = 30
-# For the time that the emulator needs to notice on a busy PC.
+# A busy PC delays the emulator.
 WATCHDOG_SLACK = 5
 
 
 def life_story(board, report, firmware):
-    """Empty flash, recovery, upgrade, normal life, and the program hangs."""
+    """Empty flash, recovery, upgrade, normal operation, and a hanging program."""
     _recover(board, report)
     with report.step(board, "kvtool discover and kvtool info, from the host over the radio") as details:
         mac = board.machine.run("cat /sys/class/net/wlan0/address").strip()
@@ -23,7 +23,7 @@ def life_story(board, report, firmware):
             raise Failure(f"kvtool discover does not show {mac}")
         details.append(f"found {mac}")
         details.append(re.search(r"firmware +(\S+)", board.info())[0])
-        board.see("__KV_KorvanProtocolClose", 10)  # the figures are those of a program that rests
+        board.see("__KV_KorvanProtocolClose", 10)  # the figures are for an idle program
     _show_figures(board, report, "recovery")
     _upgrade(board, report, firmware)
     _show_figures(board, report, "normal")
@@ -46,8 +46,7 @@ def _upgrade(board, report, firmware):
     with report.step(board, "kvtool upgrade: boot loader, kernel, rootfs, app; reset; read back") as details:
         board.machine.run(f"touch {REBOOT_MARKER}")
         details += board.upgrade_to(firmware)
-    with report.step(board,
-                     "the new application runs from flash, its heartbeats arrive; the reboot marker goes") as details:
+    with report.step(board, "new application runs from flash, heartbeats arrive, reboot marker removed") as details:
         board.machine.wait_boot()
         board.see("app file exist!", 10)
         board.see(f"^# rm {REBOOT_MARKER}$", 20)
@@ -65,10 +64,10 @@ def _starve(board, report):
         stopped = time.monotonic()
         took = machine.wait_reset(resets + 1, 2 * WATCHDOG_SECONDS) - stopped
         if not WATCHDOG_SECONDS - WATCHDOG_SLACK < took < WATCHDOG_SECONDS + WATCHDOG_SLACK:
-            raise Failure(f"the watchdog struck {took:.1f} s after the program was stopped")
+            raise Failure(f"the watchdog reset the board {took:.1f} s after the program was stopped")
         board.never_saw("feeding the dog", begin)
         board.never_saw("reboot", begin)
-        details.append(f"the watchdog struck {took:.1f} s after the program was stopped")
+        details.append(f"the watchdog reset the board {took:.1f} s after the program was stopped")
     with report.step(board, "the debug marker survived the reset: recovery once, marker gone, application installed"):
         _recover_by_marker(board)
 
@@ -81,7 +80,7 @@ def _recover_by_marker(board):
 
 
 def accident_story(board, report, firmware):
-    """The access point goes away; the power goes away in the middle of an upgrade."""
+    """The access point disappears; the power fails in the middle of an upgrade."""
     _recover(board, report)
     _lose_access_point(board, report)
     _cut_power(board, report, firmware)
@@ -126,7 +125,7 @@ def button_story(board, report, firmware):
     _show_figures(board, report, "normal")
     with report.step(board, "the debug marker and a reboot: recovery, joined"):
         resets = board.machine.reset_count()
-        # A second later, so that the bench line can still answer.
+        # Delayed by a second, which lets the bench line answer.
         board.machine.run(f"touch {DEBUG_MARKER}; (sleep 1; reboot) &")
         board.machine.wait_reset(resets + 1, 30)
         _recover_by_marker(board)
@@ -135,11 +134,11 @@ def button_story(board, report, firmware):
 
 
 def _disarm(board, report):
-    """Gives the time from which the watchdog is not armed any more."""
+    """Returns the time at which the watchdog was disarmed."""
     with report.step(board, "SIGUSR1 disarms the watchdog"):
         board.machine.run(f"kill -USR1 {figures.SUPERVISOR}")
         board.see("Watchdog Stop successful", 5)
-        board.machine.run(f"! grep -q WDT /proc/{figures.SUPERVISOR}/task/*/comm")  # nobody feeds it any more
+        board.machine.run(f"! grep -q WDT /proc/{figures.SUPERVISOR}/task/*/comm")  # the feeder is gone
     return time.monotonic()
 
 
@@ -153,20 +152,20 @@ def _hold_button(board, report, disarmed):
         machine.press_button(True)
         board.see("hard reset count = 9$", 20)
         machine.press_button(False)
-        time.sleep(2.5)  # two samples that must find it released
+        time.sleep(2.5)  # long enough for two samples of the released button
         board.never_saw("hard reset count = 10", board.since)
     with report.step(board, "held for ten: factory reset; until then no reset for longer than the watchdog's time-out"):
         begin = board.since
-        # The tenth sample shall not come before the disarmed watchdog would have struck.
+        # The tenth sample must not come before an armed watchdog would have reset the board.
         time.sleep(max(0.0, disarmed + WATCHDOG_SECONDS + WATCHDOG_SLACK - 9 - time.monotonic()))
         machine.press_button(True)
         board.see("hard reset count = 1$", 5)
         board.see("hard reset count = 10$", 20)
         if machine.reset_count() != resets or time.monotonic() - disarmed < WATCHDOG_SECONDS:
-            raise Failure("the board was reset, or not watched for long enough, after the watchdog had been disarmed")
+            raise Failure("after the watchdog was disarmed, the board was reset or not observed for long enough")
         machine.wait_reset(resets + 1, 30)
         board.never_saw("feeding the dog", begin)
-    with report.step(board, "after it: settings gone, the rest of /param there, application alive"):
+    with report.step(board, "afterwards: settings gone, the rest of /param kept, application alive"):
         board.boot_into_application()
         machine.run("test -e /param/kept")
         machine.run("test -z \"$(ls /param/var)\" && test ! -e /param/wpa_supplicant.conf && test ! -e /param/x.debug")

@@ -1,5 +1,5 @@
-# CPack runs this before it packs: adds to the files of each component what Debian wants in a package, a changelog with
-# the date of the release, the terms, and what lintian shall not say; and compresses the man pages.
+# CPack runs this before it makes the packages. It adds the files that Debian requires to each component: a changelog
+# with the release date, the copyright file, and the lintian overrides. It also compresses the man pages.
 cmake_policy(VERSION 3.21)
 file(STRINGS "${CMAKE_CURRENT_LIST_DIR}/../../CHANGELOG.md" heading REGEX "^## [0-9]" LIMIT_COUNT 1)
 if(NOT heading MATCHES "^## ([0-9.]+) \\(([0-9-]+)\\)$" OR NOT CMAKE_MATCH_1 STREQUAL CPACK_PACKAGE_VERSION)
@@ -13,6 +13,10 @@ foreach(component tools doc)
     file(COPY "${CMAKE_CURRENT_LIST_DIR}/copyright" DESTINATION "${share}/doc/${package}")
     configure_file("${CMAKE_CURRENT_LIST_DIR}/changelog.in" "${share}/doc/${package}/changelog.Debian" @ONLY)
     configure_file("${CMAKE_CURRENT_LIST_DIR}/${package}.overrides" "${share}/lintian/overrides/${package}" COPYONLY)
+    # Debian's zsh looks for packages' completion scripts in another folder.
+    if(EXISTS "${share}/zsh/site-functions")
+        file(RENAME "${share}/zsh/site-functions" "${share}/zsh/vendor-completions")
+    endif()
     file(GLOB pages "${share}/man/man*/*")
     execute_process(COMMAND gzip -9n ${pages} "${share}/doc/${package}/changelog.Debian" COMMAND_ERROR_IS_FATAL ANY)
 endforeach()

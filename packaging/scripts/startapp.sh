@@ -1,14 +1,15 @@
 #!/bin/sh
 # startapp.sh: starts the camera application in the background. Found through PATH.
 #
-# Called by     the board once a boot, beside the supervisor; and by the supervisor, once in its life, when the application
-#               has been silent for 120 s, after `killall -9 wpa_supplicant`, `sync`, the caches dropped and 3 s of pause
+# Called by     the board once per boot, beside the supervisor. Also by the supervisor, once in its life, after the
+#               application has been silent for 120 s, and after `killall -9 wpa_supplicant`, `sync`, dropping the
+#               caches and a pause of 3 s.
 # Arguments     none
-# Afterwards    one cameraMain runs, in the background. The old one may hang: ending it is this script's business.
-# Time          some seconds. It MUST return: the supervisor's main loop waits for it and counts no silence meanwhile, while
-#               the watchdog is fed by another thread. An application started in the foreground is watched by nobody.
-# Status        ignored; the supervisor waits for heartbeats, 60 s from here
-# Must not      be called cameraMain, nor leave a script of that name running: an upgrade does `killall -9 cameraMain`
+# Afterwards    one cameraMain runs in the background. The old one may hang: this script must end it.
+# Time          a few seconds. It MUST return: the supervisor's main loop waits for it and does not count the silence,
+#               while another thread feeds the watchdog. Nobody watches an application started in the foreground.
+# Status        ignored; the supervisor waits 60 s from here for heartbeats
+# Must not      be called cameraMain or leave a script of that name running: an upgrade runs `killall -9 cameraMain`
 app=/opt/app/bin/cameraMain
 patience=5
 

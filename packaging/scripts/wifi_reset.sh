@@ -1,14 +1,14 @@
 #!/bin/sh
 # wifi_reset.sh soft: reloads the radio's driver. Found through PATH.
 #
-# Called by     the station thread in recovery mode, when connecting keeps failing, when an address or the MAC is missing, or
-#               when the link is gone; three times at most before a connection holds again
-# Arguments     "soft", always
-# Afterwards    wlan0 exists and the driver has lost its state. The caller then stops supplicant and DHCP client itself, and
-#               takes the interface down and up.
-# Time          some seconds; nothing else is tried meanwhile, and a stop of the supervisor waits for it
+# Called by     the station thread in recovery mode, if connecting keeps failing, if the address or the MAC is missing,
+#               or if the link is gone; at most three times before a connection holds again
+# Arguments     always "soft"
+# Afterwards    wlan0 exists and the driver has lost its state. The caller then stops the supplicant and the DHCP client
+#               itself and takes the interface down and up.
+# Time          a few seconds; the station tries nothing else meanwhile, and a stop of the supervisor waits for it
 # Status        ignored
-module=wlan # the radio's kernel module; a driver that is built into the kernel is only taken down
+module=wlan # the radio's kernel module; if the driver is built into the kernel, only the interface is taken down
 interface=wlan0
 patience=10
 

@@ -51,6 +51,10 @@ Device::Device(Script script, uint16_t port, std::string address)
       address_(std::move(address)),
       stop_(eventfd(0, EFD_CLOEXEC)) {
     Listen();
+    if (script_.aliveAfter) {
+        const UniqueFd reserve(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        alivePort_ = Bind(reserve.Get(), address_, 0);
+    }
     thread_ = std::thread([this] { Serve(); });
 }
 
@@ -69,6 +73,7 @@ void Device::Listen() {
         throw std::runtime_error("fake device cannot listen");
     }
     session_ = 0;
+    ++starts_;
 }
 
 bool Device::Pause(milliseconds time) {
@@ -86,11 +91,24 @@ void Device::Serve() {
         if (next == Next::kRestart) {
             listener_.Reset();
             clients.clear();
+            if (script_.aliveAfter) {
+                RunApplication();
+                return;
+            }
             if (!script_.backAfter || !Pause(*script_.backAfter)) {
                 return;
             }
             Listen();
         }
+    }
+}
+
+void Device::RunApplication() {
+    if (Pause(*script_.aliveAfter)) {
+        const UniqueFd application(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        (void)Bind(application.Get(), address_, alivePort_);
+        (void)listen(application.Get(), 8);
+        (void)Pause(std::chrono::hours(1));
     }
 }
 
@@ -137,7 +155,7 @@ Device::Next Device::Command(int fd) {
     switch (command) {
         case 0x0000:
             Reply(fd, command, 0);
-            session_ = session_ == 0 ? 0x5A000001 : session_;
+            session_ = session_ == 0 ? 0x5A000000 + starts_ : session_;
             return Next::kGoOn;
         case 0x0006:
             Reply(fd, command, 0);
@@ -207,10 +225,30 @@ Device::Next Device::GiveVerdict(int fd) {
     if (script_.verdict == Verdict::kAnswer) {
         Reply(fd, 0x2002, script_.verdictStatus);
     }
+    if (script_.talks) {
+        Talk(fd);
+    }
     if (script_.verdict == Verdict::kClose) {
         return Next::kEnd;
     }
     return script_.leaves ? Next::kRestart : Next::kGoOn;
+}
+
+void Device::Talk(int fd) {
+    std::string busy;
+    while (busy.size() < 65536) {
+        busy += ReplyHeader(0x2002, 0xFFFF, session_, 0);
+    }
+    size_t at = 0;
+    while (Pause(milliseconds(0))) {
+        pollfd entries[2] = {{fd, POLLOUT, 0}, {stop_.Get(), POLLIN, 0}};
+        (void)poll(entries, 2, -1);
+        const ssize_t n = send(fd, busy.data() + at, busy.size() - at, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0 && errno != EAGAIN) {
+            return;
+        }
+        at = (at + static_cast<size_t>(std::max<ssize_t>(n, 0))) % busy.size();
+    }
 }
 
 void Device::Reply(int fd, uint16_t command, uint16_t status, const std::string& payload) {
@@ -227,6 +265,32 @@ void Device::Reply(int fd, uint16_t command, uint16_t status, const std::string&
         }
         (void)send(fd, reply.data() + at, std::min(piece, reply.size() - at), MSG_NOSIGNAL);
     }
+}
+
+Responder::Responder(const std::string& address, uint16_t port, Bytes reply)
+    : reply_(std::move(reply)),
+      in_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
+      out_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
+      stop_(eventfd(0, EFD_CLOEXEC)),
+      port_(Bind(in_.Get(), "0.0.0.0", port)) {
+    (void)Bind(out_.Get(), address, 0);
+    thread_ = std::thread([this] {
+        while (AwaitInput(in_.Get(), stop_.Get())) {
+            char search[64];
+            sockaddr_in from{};
+            socklen_t size = sizeof from;
+            if (recvfrom(in_.Get(), search, sizeof search, 0, reinterpret_cast<sockaddr*>(&from),
+                         &size) > 0) {
+                (void)sendto(out_.Get(), reply_.data(), reply_.size(), 0,
+                             reinterpret_cast<sockaddr*>(&from), size);
+            }
+        }
+    });
+}
+
+Responder::~Responder() {
+    Wake(stop_.Get());
+    thread_.join();
 }
 
 }  // namespace fake

@@ -32,6 +32,10 @@ struct Script {
     // as after a restart.
     bool leaves = false;
     std::optional<milliseconds> backAfter;
+    // So long after that its application opens AlivePort().
+    std::optional<milliseconds> aliveAfter;
+    // Behind the verdict it sends replies that say busy, for ever.
+    bool talks = false;
 };
 
 class Device {
@@ -43,6 +47,7 @@ class Device {
     Device& operator=(const Device&) = delete;
 
     uint16_t Port() const { return port_; }
+    uint16_t AlivePort() const { return alivePort_; }
     // What came on the connection behind the upgrade request, and the request itself.
     Bytes Stream() { return Copy(stream_); }
     std::string UpgradeRequest() { return Copy(request_); }
@@ -64,18 +69,40 @@ class Device {
     }
     void Listen();
     bool Pause(milliseconds time);
+    void RunApplication();
+    void Talk(int fd);
 
     Script script_;
     uint16_t port_;
+    uint16_t alivePort_ = 0;
     std::string address_;
     UniqueFd listener_;
     UniqueFd stop_;
     uint32_t session_ = 0;
+    uint32_t starts_ = 0;
     uint64_t total_ = 0;
     std::mutex mutex_;
     Bytes stream_;
     std::string request_;
     std::vector<size_t> chunks_;
+    std::thread thread_;
+};
+
+// Answers every search with the same bytes, from one address of this host.
+class Responder {
+  public:
+    Responder(const std::string& address, uint16_t port, Bytes reply);
+    ~Responder();
+    Responder(const Responder&) = delete;
+    Responder& operator=(const Responder&) = delete;
+    uint16_t Port() const { return port_; }
+
+  private:
+    Bytes reply_;
+    UniqueFd in_;
+    UniqueFd out_;
+    UniqueFd stop_;
+    uint16_t port_;
     std::thread thread_;
 };
 

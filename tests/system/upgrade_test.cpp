@@ -86,9 +86,11 @@ TEST(Upgrade, JourneyFromImagesToTheRunningApplication) {
     const auto packed = RunCommand(pack);
     ASSERT_EQ(packed.status, 0) << packed.output;
 
-    const auto upgraded = board.OnBench(BinDir() + "/kvtool upgrade --back-timeout 5 " +
-                                        kBoardAddress + " " + package);
+    const auto upgraded =
+        board.OnBench(BinDir() + "/kvtool upgrade " + kBoardAddress + " " + package);
     EXPECT_EQ(upgraded.status, 0) << upgraded.output;
+    EXPECT_NE(upgraded.output.find("observed: alive: port 554"), std::string::npos)
+        << upgraded.output;
     ASSERT_TRUE(board.WaitTrace("app file exist!", 2));
     EXPECT_EQ(board.Reason(2).substr(0, 9), "reboot -f");
     for (const auto& image : images) {
@@ -113,7 +115,8 @@ TEST(Upgrade, ToolTellsARefusalAndARecoveryThatComesBack) {
     WriteFile(board.Path("other.FLS"), BuildPackage({{"none", "x"}}, {"OTHER", "38QX", 1}));
     EXPECT_EQ(board.OnBench(upgrade + board.Path("other.FLS")).status, 3);
     // The device gives no answer to what it refuses, and restarts: orderly, not at once.
-    const auto refused = board.OnBench(upgrade + "--force " + board.Path("other.FLS"));
+    const auto refused =
+        board.OnBench(upgrade + "--force --force-identity " + board.Path("other.FLS"));
     EXPECT_EQ(refused.status, 8) << refused.output;
     ASSERT_TRUE(board.WaitBoot(3));
     EXPECT_EQ(board.Reason(3), "reboot\n");

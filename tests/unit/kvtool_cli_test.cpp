@@ -30,7 +30,7 @@ int RunTool(const Arguments& arguments, std::string* output = nullptr) {
 // Runs the tool, does `then` once it has printed `text`, and gives its exit code.
 int RunTool(const Arguments& arguments, const std::string& text, const std::string& then) {
     return kv_test::Run("rm -f /tmp/tool.out; " + Line(arguments) +
-                        " >/tmp/tool.out 2>/dev/null & tool=$!;"
+                        " >/tmp/tool.out 2>/tmp/tool.err & tool=$!;"
                         "until grep -q '" +
                         text + "' /tmp/tool.out; do sleep 0.01; done;" + then + "; wait $tool")
         .status;
@@ -70,7 +70,9 @@ TEST_F(KvtoolCli, UsageErrorsHaveTheirOwnCode) {
              {"upgrade", "127.0.0.1", Path("good"), "--stall-timeout", "0"},
              {"info", "--port", "65536", "127.0.0.1"},
              {"upgrade", "--wait=0", "127.0.0.1", Path("good")},
+             {"upgrade", "--wait", "0", "127.0.0.1", Path("good")},
              {"upgrade", "--wait=soon", "127.0.0.1", Path("good")},
+             {"upgrade", "--wait", "5", Path("good")},
          }) {
         EXPECT_EQ(RunTool(arguments), 2) << testing::PrintToString(arguments);
     }
@@ -86,13 +88,84 @@ TEST_F(KvtoolCli, PackIsDeterministicAndRefusesWhole) {
     EXPECT_NE(Read("again"), Read("good"));
 }
 
+TEST_F(KvtoolCli, PackKeepsItsInputsAndWritesToAPipe) {
+    const std::string app = Read("app");
+    EXPECT_EQ(RunTool({"pack", "-o", Path("app"), "app=" + Path("app")}), 2);
+    EXPECT_EQ(Read("app"), app);
+    std::string output;
+    EXPECT_EQ(RunTool({"pack", "-o", "-", "app=" + Path("app")}, &output), 0);
+    EXPECT_EQ(output, Read("good"));
+}
+
+TEST_F(KvtoolCli, ToolboxEndsAsDiffDoes) {
+    EXPECT_EQ(RunTool({"diff", Path("good"), Path("good")}), 0);
+    EXPECT_EQ(RunTool({"diff", Path("good"), Path("other")}), 1);
+    EXPECT_EQ(RunTool({"diff", Path("good"), Path("none")}), 2);
+    WriteFile(Path("layout"), Read("app") + std::string(131072, '\xFF'));
+    EXPECT_EQ(RunTool({"verify", Path("good"), "app=" + Path("layout")}), 0);
+    EXPECT_EQ(RunTool({"verify", Path("good"), "app=" + Path("good")}), 1);
+    EXPECT_EQ(RunTool({"verify", Path("good"), "kernel=" + Path("layout")}), 2);
+
+    std::string output;
+    EXPECT_EQ(RunTool({"extract", "--json", Path("good"), "-d", Path("out/deep")}, &output), 0);
+    EXPECT_EQ(nlohmann::json::parse(output)["images"][0]["size"], 200000);
+    EXPECT_EQ(Read("out/deep/app"), Read("app"));
+    EXPECT_EQ(RunTool({"extract", Path("good"), "-d", Path("out/deep")}), 3) << "replaces a file";
+    std::filesystem::remove_all(Path("out"));
+}
+
+TEST_F(KvtoolCli, UnknownCommandsAreNamed) {
+    for (const auto& [arguments, text] : std::vector<std::pair<std::string, std::string>>{
+             {"upgrad", "unknown command 'upgrad' (did you mean 'upgrade'?)"},
+             {"xyzzy", "unknown command 'xyzzy'\n"},
+             {"'\033[2J'", "unknown command '\\x1B[2J'"},
+         }) {
+        const auto result = kv_test::Run(std::string(KVTOOL_PATH) + " " + arguments + " 2>&1");
+        EXPECT_NE(result.output.find(text), std::string::npos) << result.output;
+    }
+}
+
+// One object whatever happens, with what is known by then.
+TEST_F(KvtoolCli, FailuresAreJsonToo) {
+    struct Case {
+        Arguments arguments;
+        int code;
+        const char* key;
+        std::string value;
+    };
+    WriteFile(Path("again"), "x");
+    const Case cases[] = {
+        {{"inspect", Path("none")}, 3, "file", Path("none")},
+        {{"inspect", Path("\xFF\x1B")}, 3, "file", Path("\\xFF\\x1B")},
+        {{"pack", "-o", Path("x"), "ap=" + Path("app")}, 3, "file", Path("x")},
+        {{"info", "127.0.0.1", "--port", "1"}, 4, "host", "127.0.0.1"},
+        {{"discover", "not.a.host.invalid"}, 4, "host", "not.a.host.invalid"},
+        {{"upgrade", "127.0.0.1", "--port", "1", Path("good")}, 4, "file", Path("good")},
+    };
+    for (Case c : cases) {
+        c.arguments.push_back("--json");
+        std::string output;
+        EXPECT_EQ(RunTool(c.arguments, &output), c.code);
+        const nlohmann::json json = nlohmann::json::parse(output);
+        EXPECT_EQ(json["schema"], 1);
+        EXPECT_EQ(json["command"], c.arguments[0]);
+        EXPECT_EQ(json["exit_code"], c.code);
+        EXPECT_FALSE(json["error"].get<std::string>().empty());
+        EXPECT_EQ(json[c.key], c.value);
+    }
+    std::string output;
+    EXPECT_EQ(RunTool({"upgrade", "127.0.0.1", "--json", Path("again")}, &output), 3);
+    EXPECT_EQ(nlohmann::json::parse(output)["package"]["findings"][0]["kind"], "short_file");
+}
+
 TEST_F(KvtoolCli, InspectTellsFitFromUnfit) {
     std::string output;
     EXPECT_EQ(RunTool({"inspect", "--json", Path("good")}, &output), 0);
     nlohmann::json json = nlohmann::json::parse(output);
     EXPECT_EQ(json["acceptable"], true);
     EXPECT_EQ(json["entries"][0]["written_behind"], 62144);
-    EXPECT_EQ(RunTool({"inspect", "--json", Path("other")}, &output), 3);
+    EXPECT_EQ(RunTool({"inspect", Path("other")}), 0) << "fit for a device of its own identity";
+    EXPECT_EQ(RunTool({"inspect", "--json", "--ic", "PRT7K", Path("other")}, &output), 3);
     json = nlohmann::json::parse(output);
     EXPECT_EQ(json["findings"][0]["severity"], "error");
     EXPECT_EQ(RunTool({"inspect", Path("app")}), 3);
@@ -126,28 +199,52 @@ TEST_F(KvtoolCli, InfoAndUpgrade) {
     EXPECT_EQ(std::string(stream.begin(), stream.end() - 37), Read("good"));
 }
 
-// The device's own identity decides, not the one that this tool is built for.
+// The device's own identity decides, and --force does not touch it.
 TEST_F(KvtoolCli, UpgradeComparesWithWhatTheDeviceSays) {
     fake::Script script;
-    script.sensor = "39QX";
+    script.ic = "OTHER";
     fake::Device device(script);
-    const std::string port = std::to_string(device.Port());
-    EXPECT_EQ(RunTool({"upgrade", "--port", port, "--no-follow", "127.0.0.1", Path("good")}), 3);
+    Arguments upgrade = {"upgrade",     "--port",  std::to_string(device.Port()),
+                         "--no-follow", "--force", "127.0.0.1"};
+    upgrade.push_back(Path("good"));
+    EXPECT_EQ(RunTool(upgrade), 3);
     EXPECT_TRUE(device.UpgradeRequest().empty());
-    EXPECT_EQ(
-        RunTool({"upgrade", "--port", port, "--no-follow", "--force", "127.0.0.1", Path("good")}),
-        0);
+    upgrade.back() = Path("other");
+    upgrade[4] = "--no-follow";
+    EXPECT_EQ(RunTool(upgrade), 0) << "a package for this very device needs no force";
+    upgrade.back() = Path("good");
+    upgrade[4] = "--force-identity";
+    EXPECT_EQ(RunTool(upgrade), 0);
 }
 
-TEST_F(KvtoolCli, InterruptEndsAnUploadAtOnce) {
-    for (const char* const signal : {"INT", "TERM"}) {
+TEST_F(KvtoolCli, InterruptEndsAtOnceAndSaysHowTheDeviceIsLeft) {
+    struct Case {
+        const char* signal;
+        bool inUpload;
+        const char* left;
+    };
+    const Case cases[] = {{"INT", false, "stays as it is"},
+                          {"INT", true, "flashes nothing"},
+                          {"TERM", true, "flashes nothing"}};
+    for (const Case& c : cases) {
+        (void)unlink("/tmp/go");
         fake::Script script;
         script.stopAfter = 1000;
         fake::Device device(script);
+        std::thread goes([&] {
+            EXPECT_TRUE(kv_test::WaitUntil(
+                [&] { return !c.inUpload || !device.UpgradeRequest().empty(); }));
+            WriteFile("/tmp/go", "");
+        });
         EXPECT_EQ(
             RunTool({"upgrade", "--port", std::to_string(device.Port()), "127.0.0.1", Path("good")},
-                    "identify:", std::string("kill -") + signal + " $tool"),
+                    "identify:",
+                    std::string("until [ -e /tmp/go ]; do sleep 0.01; done; kill -") + c.signal +
+                        " $tool"),
             130);
+        goes.join();
+        EXPECT_TRUE(kv_test::Contains(ReadFile("/tmp/tool.err"), c.left))
+            << ReadFile("/tmp/tool.err");
     }
 }
 
@@ -163,7 +260,12 @@ TEST_F(KvtoolCli, WaitsForTheDeviceToAppear) {
     });
     EXPECT_EQ(RunTool(upgrade, "not yet:", ":"), 0);
     appears.join();
-    EXPECT_EQ(RunTool({"upgrade", "--wait=1", "--port", "1", "127.0.0.1", Path("good")}), 4);
+    for (const Arguments& wait : {Arguments{"--wait=1"}, {"--wait", "0.5"}}) {
+        Arguments nobody = {"upgrade", "--port", "1"};
+        nobody.insert(nobody.end(), wait.begin(), wait.end());
+        nobody.insert(nobody.end(), {"127.0.0.1", Path("good")});
+        EXPECT_EQ(RunTool(nobody), 4);
+    }
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
-// kvtool: what it makes of a discovery reply. The search itself is shown on a board.
-#include "tests/support/discovery_client.h"
-#include "tools/device/discovery_reply.h"
+// kvtool: what it makes of a discovery reply, and when it ends a search. Searches of a real device
+// are shown on a board.
+#include "tests/support/fake_device.h"
+#include "tools/device/discovery_client.h"
+#include "tools/device/follow.h"
 
 using namespace kv_test;
 
@@ -76,6 +78,38 @@ TEST(KvtoolDiscover, MalformedRepliesAreNamedAndNotTrusted) {
                   c.fault);
         EXPECT_EQ(reply.ip, "") << "a reply that is not trusted leaves its values nowhere";
     }
+}
+
+TEST(KvtoolDiscover, AHostsOwnAnswerEndsTheSearch) {
+    kvtool::DiscoveryRequest request;
+    request.host = "127.0.0.2";
+    request.timeout = kvtool::Millis(2000);
+    for (const char* const sender : {"127.0.0.2", "127.0.0.3"}) {
+        const fake::Responder responder(sender, 0, SearchReply());
+        request.port = responder.Port();
+        const auto start = kvtool::Clock::now();
+        EXPECT_EQ(kvtool::Discover(request, nullptr).devices.size(), 1U) << sender;
+        EXPECT_EQ(kvtool::SecondsSince(start) < 1.5, sender == request.host) << sender;
+    }
+}
+
+TEST(KvtoolDiscover, TakesMacAddressesAsPeopleWriteThem) {
+    for (const char* const text : {"02:AA:bb:00:11:22", "02-aa-bb-00-11-22", "02aaBB001122"}) {
+        EXPECT_EQ(kvtool::ParseMacAddress(text), "02:AA:BB:00:11:22") << text;
+    }
+    for (const char* const text : {"", "02aabb00112", "02aabb00112g", "02:aa-bb:00-11:22", "camera",
+                                   "02.aa.bb.00.11.22", "192.168.10.2"}) {
+        EXPECT_FALSE(kvtool::ParseMacAddress(text)) << text;
+    }
+}
+
+TEST(KvtoolDiscover, AVersionIsTheWholeFirmwareOrItsEnd) {
+    const std::string firmware = "PRT7K_38QX_QJT_V1.0.0.241127_R1";
+    EXPECT_TRUE(kvtool::IsVersion(firmware, firmware));
+    EXPECT_TRUE(kvtool::IsVersion(firmware, "1.0.0.241127_R1"));
+    EXPECT_FALSE(kvtool::IsVersion(firmware, "1.0.0.241127"));
+    EXPECT_FALSE(kvtool::IsVersion(firmware, ""));
+    EXPECT_FALSE(kvtool::IsVersion("", "1"));
 }
 
 }  // namespace

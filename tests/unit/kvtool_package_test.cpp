@@ -1,8 +1,14 @@
 // kvtool: packages, built and inspected.
+#include "common/kv_le.h"
 #include "tests/support/discovery_client.h"
 #include "tools/base/errors.h"
+#include "tools/cli/progress.h"
+#include "tools/cli/report.h"
 #include "tools/package/builder.h"
 #include "tools/package/check.h"
+#include "tools/package/compare.h"
+#include "tools/package/extract.h"
+#include "tools/package/flash_image.h"
 
 namespace {
 
@@ -42,7 +48,7 @@ Bytes HandMade() {
 }
 
 PackageReport Check(const Bytes& bytes) {
-    return kvtool::CheckPackage(bytes, Layout::Default(), kvtool::StandardIdentity());
+    return kvtool::CheckPackage(bytes, Layout::Default(), {"PRT7K", "38QX"});
 }
 
 bool Reports(const PackageReport& report, kvtool::Severity severity, const std::string& text) {
@@ -176,6 +182,53 @@ TEST(KvtoolInspect, NamesWhatTheDeviceWouldMakeOfIt) {
     }
 }
 
+TEST(KvtoolInspect, ComparesOnlyWithWhatIsKnownOfTheDevice) {
+    const auto fits = [](const kvtool::Identity& device) {
+        return kvtool::CheckPackage(HandMade(), Layout::Default(), device).Acceptable();
+    };
+    EXPECT_TRUE(fits({}));
+    EXPECT_TRUE(fits({"PRT7K", {}}));
+    EXPECT_TRUE(fits({{}, "38QX"}));
+    EXPECT_FALSE(fits({"PRT9K", {}}));
+    EXPECT_FALSE(fits({{}, ""}));
+}
+
+// As many long images as a table can hold, each over nearly the whole file.
+TEST(KvtoolInspect, ManyOverlappingEntriesTakeOnePass) {
+    constexpr uint32_t kEntries = 4000;
+    Bytes bytes(24 + kEntries * 256 + 65536, 0xFF);
+    Put(&bytes, 0,
+        std::string("PRT7K\0\0\0"
+                    "38QX\0\0\0\0"
+                    "\x01\0\0\0"
+                    "\xA0\x0F\0\0",
+                    24));
+    for (uint32_t i = 0; i < kEntries; ++i) {
+        uint8_t* const entry = bytes.data() + 24 + size_t{i} * 256;
+        memcpy(entry, "app", 4);
+        kv::PutLe32(entry + 128, static_cast<uint32_t>(bytes.size()) - i);
+        kv::PutLe32(entry + 132, i);
+        kv::PutLe32(entry + 140, 0x12345);
+    }
+    const PackageReport report = Check(bytes);
+    ASSERT_EQ(report.entries.size(), kEntries);
+    EXPECT_EQ(report.entries[0].md5, report.md5);
+    EXPECT_TRUE(report.entries[kEntries - 1].md5.empty()) << "every image was hashed";
+    std::ostringstream text;
+    kvtool::PrintPackage(text, report);
+    EXPECT_LT(text.str().size(), 100000U);
+    EXPECT_NE(text.str().find("… and 3989 more like it (written_twice)"), std::string::npos);
+}
+
+TEST(KvtoolInspect, WarnsOfBytesThatBelongToNoImage) {
+    // Without its second entry nothing claims that entry's place in the table; the padding is fine.
+    Bytes bytes = HandMade();
+    bytes.resize(0x10218);
+    Put(&bytes, 20, std::string("\x01\x00\x00\x00", 4));
+    EXPECT_TRUE(
+        Reports(Check(bytes), kvtool::Severity::kWarning, "256 bytes at offset 280 belong"));
+}
+
 TEST(KvtoolInspect, EveryTruncationIsFoundAndHarmless) {
     const Bytes whole = HandMade();
     for (const size_t size : {0U, 23U, 24U, 25U, 163U, 164U, 279U, 281U, 535U, 540U, 66074U}) {
@@ -184,11 +237,124 @@ TEST(KvtoolInspect, EveryTruncationIsFoundAndHarmless) {
     }
 }
 
+TEST(KvtoolExtract, TakesOnlyNamesThatAreFiles) {
+    Bytes bytes = HandMade();
+    const PackageReport report = Check(bytes);
+    ASSERT_EQ(kvtool::SelectImages(report, {}, false).size(), 2U);
+    const auto boot = kvtool::SelectImages(report, {"uboot"}, false);
+    ASSERT_EQ(boot.size(), 1U);
+    EXPECT_EQ(boot[0].name, "uboot.bin");
+    EXPECT_EQ(kvtool::ImageBytes(bytes, *boot[0].entry), Of("UBT"));
+    EXPECT_THROW((void)kvtool::SelectImages(report, {"kernel"}, false), ToolError);
+
+    for (const char* name : {"../app", "/app", ".app", "", "a\x1Bp"}) {
+        Bytes evil = HandMade();
+        Put(&evil, 24, std::string(name) + '\0');
+        EXPECT_THROW((void)kvtool::SelectImages(Check(evil), {}, true), ToolError) << name;
+    }
+    Put(&bytes, 280, std::string("app\0", 4));
+    EXPECT_EQ(kvtool::SelectImages(Check(bytes), {}, false)[1].name, "app.1") << "same name";
+    bytes.pop_back();
+    EXPECT_THROW((void)kvtool::SelectImages(Check(bytes), {}, false), ToolError) << "cut";
+    EXPECT_NO_THROW((void)kvtool::SelectImages(Check(bytes), {}, true));
+}
+
+TEST(KvtoolDiff, TellsImagesApart) {
+    using Images = std::vector<kvtool::ImageSpec>;
+    const auto compare = [](const Images& a, const Images& b) {
+        const auto comparison =
+            kvtool::ComparePackages(kvtool::BuildPackage(Request(a)).bytes,
+                                    kvtool::BuildPackage(Request(b)).bytes, Layout::Default());
+        std::string text = comparison.identical ? "identical" : "";
+        for (const auto& image : comparison.images) {
+            text += image.name + " " + kvtool::ImageChangeName(image.change) + " " +
+                    std::to_string(image.difference.first) + " " +
+                    std::to_string(image.difference.count) + "; ";
+        }
+        return text;
+    };
+    const Images both = {{"kernel", Of("KERNEL")}, {"app", Of("APPLE")}};
+    EXPECT_EQ(compare(both, both), "identicalkernel same 6 0; app same 5 0; ");
+    EXPECT_EQ(compare(both, {both[1], both[0]}), "kernel moved 6 0; app moved 5 0; ");
+    EXPECT_EQ(compare(both, {both[0], {"app", Of("APXLEYY")}}),
+              "kernel same 6 0; app changed 2 3; ");
+    EXPECT_EQ(compare({both[0]}, {both[1]}), "kernel removed 0 0; app added 0 0; ");
+    // Padding alone.
+    Bytes bytes = HandMade();
+    bytes[0x300] = 0;
+    const auto padding = kvtool::ComparePackages(HandMade(), bytes, Layout::Default());
+    EXPECT_FALSE(padding.identical);
+    EXPECT_EQ(padding.images[0].change, kvtool::ImageChange::kSame);
+    EXPECT_THROW((void)kvtool::ComparePackages(Of("x"), bytes, Layout::Default()), ToolError);
+}
+
+kvtool::DumpVerdict Verify(const Bytes& package, const std::string& name,
+                           std::vector<Bytes> devices) {
+    return kvtool::VerifyDump(package, Layout::Default(), {name, std::move(devices)});
+}
+
+TEST(KvtoolVerify, ExpectsWhatTheWriterLeaves) {
+    Bytes package = HandMade();
+    package[0x300] = 'p';  // 232 bytes behind the start of "APPLE": written behind it
+    Bytes app(131072, 0xFF);
+    Put(&app, 0, "APPLE");
+    app[0x300 - 0x218] = 'p';
+    kvtool::DumpVerdict verdict = Verify(package, "app", {app});
+    EXPECT_EQ(verdict.difference.count, 0U);
+    EXPECT_EQ(verdict.image, 5U);
+    EXPECT_EQ(verdict.behind, 65531U);
+    for (const size_t at : {0U, 232U, 65536U, 131071U}) {
+        Bytes other = app;
+        other[at] ^= 1;
+        verdict = Verify(package, "app", {other});
+        EXPECT_EQ(verdict.difference.first, at);
+        EXPECT_EQ(verdict.difference.count, 1U);
+    }
+
+    // The boot loader over three devices; 100,000 bytes that are not all alike.
+    Bytes image(100000);
+    for (size_t i = 0; i < image.size(); ++i) {
+        image[i] = static_cast<uint8_t>(i * 7 + i / 251);
+    }
+    const Bytes boot = kvtool::BuildPackage(Request({{"app", Of("x")}, {"uboot", image}})).bytes;
+    Bytes flash(196608, 0xFF);
+    std::copy(image.begin(), image.end(), flash.begin());
+    const Bytes first(flash.begin(), flash.begin() + 65536);
+    const Bytes second(flash.begin() + 65536, flash.begin() + 131072);
+    const Bytes third(65536, 0xFF);
+    EXPECT_EQ(Verify(boot, "uboot", {first, second, third}).difference.count, 0U);
+    EXPECT_EQ(Verify(boot, "uboot", {flash}).difference.count, 0U);
+    EXPECT_NE(Verify(boot, "uboot", {first, third, second}).difference.count, 0U);
+
+    // Bytes behind the boot loader make its writer go on into the devices that follow.
+    Bytes longer = boot;
+    longer.insert(longer.end(), 65536, 'z');
+    EXPECT_THROW((void)Verify(longer, "uboot", {flash}), ToolError);
+    Bytes filled = second;
+    std::fill(filled.begin() + (100000 - 65536), filled.end(), 'z');
+    Bytes rest(65536, 0xFF);
+    std::fill_n(rest.begin(), 65536 - (131072 - 100000), 'z');
+    EXPECT_EQ(Verify(longer, "uboot", {first, filled, rest}).difference.count, 0U);
+}
+
+TEST(KvtoolVerify, RefusesWhatTheDeviceDoesNotWrite) {
+    const Bytes dump(131072, 0xFF);
+    Bytes bad = HandMade();
+    bad[24 + 140] = 0;
+    EXPECT_THROW((void)Verify(bad, "app", {dump}), ToolError) << "bad check code";
+    EXPECT_THROW((void)Verify(HandMade(), "app", {Bytes(4, 0xFF)}), ToolError) << "too large";
+    EXPECT_THROW((void)Verify(HandMade(), "kernel", {dump}), ToolError) << "no entry";
+    EXPECT_THROW((void)Verify(HandMade(), "flash", {dump}), ToolError) << "no partition";
+    EXPECT_THROW((void)Verify(HandMade(), "app", {dump, dump}), ToolError) << "two devices";
+}
+
 TEST(KvtoolLayout, SizesAreParsedStrictly) {
     EXPECT_EQ(kvtool::ParseSize("576K"), 589824U);
     EXPECT_EQ(kvtool::ParseSize("2M"), 2097152U);
     EXPECT_EQ(kvtool::ParseSize("7"), 7U);
-    for (const char* bad : {"", "K", "-1", "1k", "1KB", "0x10", "99999999999", " 1"}) {
+    EXPECT_EQ(kvtool::ParseSize("0x1F"), 31U);
+    EXPECT_EQ(kvtool::ParseSize("1g"), 1073741824U);
+    for (const char* bad : {"", "K", "-1", "1T", "1KB", "0x", "99999999999", "0x1g7", " 1"}) {
         EXPECT_THROW((void)kvtool::ParseSize(bad), ToolError) << bad;
     }
     Layout layout = Layout::Default();
@@ -196,8 +362,52 @@ TEST(KvtoolLayout, SizesAreParsedStrictly) {
     EXPECT_THROW(layout.SetSize("app"), ToolError);
 }
 
+TEST(KvtoolLayout, FilesAreReadAsPeopleWriteThem) {
+    const kv_test::Folder folder;
+    const std::string path = folder.Path("sizes");
+    kv_test::WriteFile(path, "# camera\r\n\n  app = 6m   # larger\n\tvar=0x80000\n");
+    Layout layout = Layout::Default();
+    layout.ReadFile(path);
+    EXPECT_EQ(layout.Select("app")[0].size, 6291456U);
+    EXPECT_EQ(layout.Select("var")[0].size, 524288U);
+    kv_test::WriteFile(path, "app=1M\n# fine\napp=much\n");
+    try {
+        layout.ReadFile(path);
+        FAIL() << "a wrong size was taken";
+    } catch (const ToolError& error) {
+        EXPECT_EQ(std::string(error.what()).rfind(path + ":3: ", 0), 0U) << error.what();
+    }
+}
+
 TEST(KvtoolText, ForeignBytesCannotReachATerminal) {
     EXPECT_EQ(kvtool::Printable("a\x1B[2J\\\xFF"), "a\\x1B[2J\\x5C\\xFF");
+    EXPECT_EQ(kvtool::Printable("gr\u00fcn \U0001F4F7"), "gr\u00fcn \U0001F4F7");
+    EXPECT_EQ(kvtool::Printable("\u202E"), "\\xE2\\x80\\xAE") << "direction";
+    EXPECT_EQ(kvtool::Printable("\u009B"), "\\xC2\\x9B") << "control character of 8 bits";
+    for (const char* wrong : {"\xC0\xAF", "\xED\xA0\x80", "\xE2\x82", "\xF4\x90\x80\x80"}) {
+        EXPECT_EQ(kvtool::Printable(wrong).substr(0, 2), "\\x") << wrong;
+    }
+}
+
+TEST(KvtoolProgress, FitsTheTerminalAndFollowsTheLink) {
+    kvtool::RateMeter meter;
+    for (int tick = 0; tick <= 200; ++tick) {
+        // 100,000 bytes a second for ten seconds, then a tenth of that.
+        const int slow = std::max(0, tick - 100);
+        meter.Add(tick * 0.1, static_cast<uint64_t>((tick - slow) * 10000 + slow * 1000));
+    }
+    EXPECT_NEAR(meter.Rate(), 10000, 500);
+
+    const uint64_t total = 12345678;
+    kvtool::UploadProgress progress{total / 2, total, 30, 0, 25};
+    EXPECT_EQ(kvtool::ProgressText(progress, 1048576, 80),
+              "upload 50%, 6 s left, 1.0 MiB/s, of 11.8 MiB");
+    progress.silent = 15;
+    EXPECT_EQ(kvtool::ProgressText(progress, 0, 80),
+              "upload 50%, stalled for 15 s, gives up at 25 s, of 11.8 MiB");
+    for (size_t columns = 0; columns < 80; ++columns) {
+        EXPECT_LE(kvtool::ProgressText(progress, 0, columns).size(), columns);
+    }
 }
 
 }  // namespace

@@ -16,14 +16,55 @@ using kvtool::ToolError;
 
 class Listener : public kvtool::UpgradeListener {
   public:
-    void Line(const std::string& text) override { lines.push_back(text); }
-    void Progress(uint64_t acknowledged, uint64_t, double) override {
-        EXPECT_GE(acknowledged, last);
-        last = acknowledged;
+    void Line(const std::string& text) override {
+        if (onAcceptance && text.find("has accepted") != std::string::npos) {
+            onAcceptance();
+        }
     }
-    std::vector<std::string> lines;
+    void Progress(const kvtool::UploadProgress& progress) override {
+        EXPECT_GE(progress.acknowledged, last);
+        last = progress.acknowledged;
+        longestSilence = std::max(longestSilence, progress.silent);
+    }
+    std::function<void()> onAcceptance;
     uint64_t last = 0;
+    double longestSilence = 0;
 };
+
+void Command(const std::string& line) {
+    EXPECT_EQ(kv_test::Run(line + " 2>&1").status, 0) << line;
+}
+
+// A PC and its neighbours on one link: they are all addresses of the PC's interface.
+class Link {
+  public:
+    Link() {
+        Command("ip link add pc0 type veth peer name wire && ip link set wire up");
+        Up();
+    }
+    ~Link() { Command("ip link delete pc0"); }
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+    static void Up() {
+        Command("ip link set pc0 up");
+        for (const char* const address : {"10.7.0.2", "10.7.0.3"}) {
+            Command(std::string("ip address replace ") + address + "/24 brd + dev pc0");
+        }
+    }
+};
+
+constexpr char kMac[] = "02:00:5E:10:20:30";
+Bytes SearchReply(const char* address, const char* mac = kMac) {
+    return kv_test::ExpectedReply({address, "255.255.255.0", "", "", mac});
+}
+
+std::string Observed(const kvtool::UpgradeRecord& record) {
+    std::string all;
+    for (const std::string& line : record.observed) {
+        all += line + "\n";
+    }
+    return all;
+}
 
 kvtool::UpgradeTimes ShortTimes() {
     kvtool::UpgradeTimes times;
@@ -33,10 +74,13 @@ kvtool::UpgradeTimes ShortTimes() {
     times.firstLook = Millis(300);
     times.stall = Millis(3000);
     times.verify = Millis(2000);
-    times.leave = Millis(2000);
-    times.back = Millis(2000);
+    times.leave = Millis(1000);
+    times.back = Millis(1000);
     times.probeEvery = Millis(50);
     times.probeReply = Millis(500);
+    times.ask = Millis(200);
+    times.search = Millis(300);
+    times.searchEvery = Millis(100);
     return times;
 }
 
@@ -58,20 +102,39 @@ ExitCode CodeOf(const std::function<ExitCode()>& work) {
     }
 }
 
-// The exit code of everything from connecting to the end of following.
-ExitCode Upgrade(const Device& device, const Bytes& package, kvtool::UpgradeRecord* record,
-                 bool follow = false) {
-    return CodeOf([&] {
-        Listener listener;
-        const kvtool::UpgradeTimes times = ShortTimes();
-        kvtool::UpgradeSession session(times, &listener, record);
-        session.Connect("127.0.0.1", device.Port());
-        session.Login();
-        session.Identify();
-        session.Upload(package);
-        return follow ? kvtool::Follow(session.Peer(), session.Fd(), times, &listener, record)
-                      : ExitCode::kDone;
-    });
+// Everything from connecting to the end of following.
+struct Journey {
+    std::string host = "127.0.0.1";
+    bool follow = true;
+    kvtool::FollowTarget target;  // endpoint and local end come from the session
+    std::function<void()> onAcceptance;
+    kvtool::UpgradeTimes times = ShortTimes();
+    kvtool::UpgradeRecord record;
+
+    ExitCode Of(const Device& device, const Bytes& package) {
+        return CodeOf([&] {
+            Listener listener;
+            listener.onAcceptance = onAcceptance;
+            kvtool::UpgradeSession session(times, &listener, &record);
+            session.Connect(host, device.Port());
+            session.Login();
+            session.Identify();
+            session.Upload(package);
+            target.endpoint = session.Peer();
+            target.local = kvtool::LocalEnd(session.Fd());
+            return follow ? kvtool::Follow(target, session.Fd(), times, &listener, &record)
+                          : ExitCode::kDone;
+        });
+    }
+};
+
+// The exit code of everything from connecting to the verdict.
+ExitCode Upgrade(const Device& device, const Bytes& package, kvtool::UpgradeRecord* record) {
+    Journey run;
+    run.follow = false;
+    const ExitCode code = run.Of(device, package);
+    *record = run.record;
+    return code;
 }
 
 // Sizes around the device's reads and the first piece, and a prime.
@@ -138,6 +201,12 @@ TEST(KvtoolUpgrade, TellsFailuresOfTheTransferApart) {
              };
          },
          ExitCode::kNoVerdict},
+        {"busy for ever",
+         [](Script* s) {
+             s->talks = true;
+             s->verdictStatus = 0xFFFF;
+         },
+         ExitCode::kBusy},
     };
     for (const Case& c : cases) {
         Script script;
@@ -240,32 +309,122 @@ TEST(KvtoolProtocol, SilenceAndUnterminatedTexts) {
 TEST(KvtoolFollow, TellsLeavingStayingAndComingBackApart) {
     struct Case {
         const char* what;
-        std::optional<Millis> backAfter;
+        std::function<void(Script*)> arrange;
         const char* observed;
         ExitCode code;
-        bool leaves;
+        const char* version = "";
     };
     const Case cases[] = {
-        {"stays", std::nullopt, "not seen to leave", ExitCode::kNeverLeft, false},
-        {"leaves", std::nullopt, "refuses connections", ExitCode::kDone, true},
-        {"comes back", Millis(200), "session is a new one", ExitCode::kBackInRecovery, true},
+        {"stays", [](Script* s) { s->leaves = false; }, "not seen to leave", ExitCode::kNeverLeft},
+        {"leaves", [](Script*) {}, "not seen alive", ExitCode::kNotSeenAlive},
+        {"alive", [](Script* s) { s->aliveAfter = Millis(200); }, "alive: port", ExitCode::kDone},
+        {"alive, but tells no version", [](Script* s) { s->aliveAfter = Millis(200); },
+         "alive: port", ExitCode::kNotSeenAlive, "2"},
+        {"comes back", [](Script* s) { s->backAfter = Millis(200); }, "session is a new one",
+         ExitCode::kBackInRecovery},
         // Away for less than the time between two looks: the new session gives it away.
-        {"blinks", Millis(0), "session is a new one", ExitCode::kBackInRecovery, true},
+        {"blinks", [](Script* s) { s->backAfter = Millis(0); }, "session is a new one",
+         ExitCode::kBackInRecovery},
     };
     for (const Case& c : cases) {
         Script script;
-        script.leaves = c.leaves;
-        script.backAfter = c.backAfter;
+        script.leaves = true;
+        c.arrange(&script);
         Device device(script);
-        kvtool::UpgradeRecord record;
-        EXPECT_EQ(Upgrade(device, Pattern(9000), &record, true), c.code) << c.what;
-        std::string all;
-        for (const std::string& line : record.observed) {
-            all += line + "\n";
-        }
-        EXPECT_NE(all.find(c.observed), std::string::npos) << c.what << ":\n" << all;
+        Journey run;
+        run.target.alivePort = device.AlivePort();
+        run.target.version = c.version;
+        EXPECT_EQ(run.Of(device, Pattern(9000)), c.code) << c.what;
+        EXPECT_NE(Observed(run.record).find(c.observed), std::string::npos) << c.what << ":\n"
+                                                                            << Observed(run.record);
         EXPECT_EQ(device.Stream().size(), 9037U) << "nothing is sent behind the trailer";
     }
+}
+
+// A port that was open all the time is no sign of a new life.
+TEST(KvtoolFollow, AnOpenPortCountsOnlyAfterItWasClosed) {
+    const Device other(Script{});
+    Script script;
+    script.leaves = true;
+    Device device(script);
+    Journey run;
+    run.target.alivePort = other.Port();
+    EXPECT_EQ(run.Of(device, Pattern(100)), ExitCode::kNotSeenAlive) << Observed(run.record);
+}
+
+TEST(KvtoolFollow, ConcludesNothingFromThisPcsOwnTrouble) {
+    struct Case {
+        const char* arrange;
+        const char* observed;
+    };
+    const Case cases[] = {
+        {"ip address flush dev pc0", "this PC cannot look: it has no way"},
+        {"ip link set pc0 down", "pc0 is down"},
+        {"ip link set wire down", "pc0 has no link"},
+        // A neighbour that refuses in the device's name; the address that led there is gone.
+        {"ip address delete 10.7.0.2/24 dev pc0; ip route add local 10.7.0.2 dev lo",
+         "no longer has the address"},
+    };
+    for (const Case& c : cases) {
+        const Link link;
+        Script script;
+        script.leaves = true;
+        Device device(script, 0, "10.7.0.2");
+        Journey run;
+        run.host = "10.7.0.2";
+        run.times.leave = run.times.back = Millis(500);
+        run.onAcceptance = [&c] { Command(c.arrange); };
+        EXPECT_EQ(run.Of(device, Pattern(100)), ExitCode::kNeverLeft) << c.arrange;
+        EXPECT_NE(Observed(run.record).find(c.observed), std::string::npos) << c.arrange << ":\n"
+                                                                            << Observed(run.record);
+    }
+}
+
+TEST(KvtoolFollow, FindsItUnderAnotherAddress) {
+    const Link link;
+    const fake::Responder responder("10.7.0.3", 0, SearchReply("10.7.0.3"));
+    Script script;
+    script.leaves = true;
+    Device before(script, 0, "10.7.0.2");
+    Journey run;
+    run.host = "10.7.0.2";
+    run.times.ask = Millis(2000);
+    run.target.discoveryPort = responder.Port();
+    run.target.mac = kMac;
+    // The port is the one that its reply tells.
+    Device after(Script{}, 80, "10.7.0.3");
+    EXPECT_EQ(run.Of(before, Pattern(100)), ExitCode::kBackInRecovery) << Observed(run.record);
+    EXPECT_EQ(run.record.address, "10.7.0.3:80");
+    EXPECT_NE(Observed(run.record).find("firmware is PRT7K"), std::string::npos);
+}
+
+// Somebody else has got the address meanwhile.
+TEST(KvtoolFollow, AnotherDeviceAtTheAddressIsNotTheDevice) {
+    const Link link;
+    const fake::Responder responder("10.7.0.2", 0, SearchReply("10.7.0.2", "02:00:5E:10:20:31"));
+    Script script;
+    script.leaves = true;
+    script.backAfter = Millis(100);
+    Device device(script, 0, "10.7.0.2");
+    Journey run;
+    run.host = "10.7.0.2";
+    run.times.ask = Millis(2000);
+    run.target.discoveryPort = responder.Port();
+    run.target.mac = kMac;
+    EXPECT_EQ(run.Of(device, Pattern(100)), ExitCode::kNotSeenAlive) << Observed(run.record);
+    EXPECT_NE(Observed(run.record).find("another device answers"), std::string::npos);
+}
+
+TEST(KvtoolFollow, ATalkingDeviceNeitherHoldsItUpNorFillsTheRecord) {
+    Script script;
+    script.talks = true;
+    Device device(script);
+    Journey run;
+    run.times.leave = run.times.back = Millis(500);
+    const auto start = kvtool::Clock::now();
+    EXPECT_EQ(run.Of(device, Pattern(100)), ExitCode::kNeverLeft) << Observed(run.record);
+    EXPECT_LT(kvtool::SecondsSince(start), 20);
+    EXPECT_LT(run.record.observed.size(), 8U) << Observed(run.record);
 }
 
 TEST(KvtoolConnect, NobodyThere) {

@@ -10,6 +10,7 @@ namespace kvtool {
 enum class ExitCode : int {
     kDone = 0,
     kInternal = 1,
+    kDifferent = 1,  // of the commands that compare, which end with 2 for any trouble
     kUsage = 2,
     kRefused = 3,         // file unusable, or refused here because the device would refuse it
     kUnreachable = 4,     // nothing found, or no connection
@@ -20,6 +21,7 @@ enum class ExitCode : int {
     kBackInRecovery = 9,  // accepted; the device restarted into recovery mode
     kNeverLeft = 10,      // accepted; the device was never seen to leave recovery mode
     kNoReply = 11,        // connected, but a request got no answer in time
+    kNotSeenAlive = 12,   // accepted; left recovery mode and was not seen alive as expected
     kInterrupted = 130,
 };
 

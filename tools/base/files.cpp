@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 
 #include "common/kv_raii.h"
 #include "mini/kv_mini_frame.h"
@@ -23,7 +24,7 @@ namespace {
 constexpr size_t kStep = size_t{1} << 20;
 
 std::string Because(const std::string& what, const std::string& path) {
-    return "cannot " + what + " " + path + ": " + strerror(errno);
+    return "cannot " + what + " " + Printable(path) + ": " + strerror(errno);
 }
 
 void WriteAll(int fd, const Bytes& bytes, const std::string& path) {
@@ -35,9 +36,6 @@ void WriteAll(int fd, const Bytes& bytes, const std::string& path) {
             throw ToolError(ExitCode::kInternal, Because("write", path));
         }
         done += n > 0 ? static_cast<size_t>(n) : 0;
-    }
-    if (fsync(fd) != 0) {
-        throw ToolError(ExitCode::kInternal, Because("write", path));
     }
 }
 
@@ -64,11 +62,12 @@ Bytes ReadWholeFile(const std::string& path) {
         throw ToolError(ExitCode::kRefused, Because("open", path));
     }
     if (!S_ISREG(info.st_mode)) {
-        throw ToolError(ExitCode::kRefused, path + " is not a regular file");
+        throw ToolError(ExitCode::kRefused, Printable(path) + " is not a regular file");
     }
     if (static_cast<uint64_t>(info.st_size) > kMaxPackageSize) {
         throw ToolError(ExitCode::kRefused,
-                        path + " is too large: " + SizeText(static_cast<uint64_t>(info.st_size)) +
+                        Printable(path) +
+                            " is too large: " + SizeText(static_cast<uint64_t>(info.st_size)) +
                             ", a transfer holds at most " + SizeText(kMaxPackageSize));
     }
     Bytes bytes(static_cast<size_t>(info.st_size));
@@ -77,7 +76,8 @@ Bytes ReadWholeFile(const std::string& path) {
         ThrowIfInterrupted();
         const ssize_t n = read(fd.Get(), bytes.data() + done, std::min(kStep, bytes.size() - done));
         if (n == 0) {
-            throw ToolError(ExitCode::kRefused, path + " became shorter while it was read");
+            throw ToolError(ExitCode::kRefused,
+                            Printable(path) + " became shorter while it was read");
         }
         if (n < 0 && errno != EINTR) {
             throw ToolError(ExitCode::kRefused, Because("read", path));
@@ -94,10 +94,52 @@ void WriteWholeFile(const std::string& path, const Bytes& bytes) {
         throw ToolError(ExitCode::kInternal, Because("create", temporary.Get()));
     }
     WriteAll(fd.Get(), bytes, temporary.Get());
+    if (fsync(fd.Get()) != 0) {
+        throw ToolError(ExitCode::kInternal, Because("write", temporary.Get()));
+    }
     ThrowIfInterrupted();
     if (rename(temporary.Get().c_str(), path.c_str()) != 0) {
         throw ToolError(ExitCode::kInternal, Because("rename to", path));
     }
+}
+
+void WriteToStandardOutput(const Bytes& bytes) {
+    if (isatty(STDOUT_FILENO) == 1) {
+        throw ToolError(ExitCode::kUsage, "standard output is a terminal; redirect it");
+    }
+    WriteAll(STDOUT_FILENO, bytes, "standard output");
+}
+
+bool SameFile(const std::string& a, const std::string& b) {
+    struct stat first {};
+    struct stat second {};
+    return stat(a.c_str(), &first) == 0 && stat(b.c_str(), &second) == 0 &&
+           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+std::vector<SourceLine> ReadLines(const std::string& path) {
+    std::ifstream file(path);
+    if (!file) {
+        throw ToolError(ExitCode::kUsage, Because("read", path));
+    }
+    std::vector<SourceLine> lines;
+    std::string raw;
+    for (int number = 1; std::getline(file, raw); ++number) {
+        // A "#" inside a word belongs to the word.
+        size_t hash = raw.find('#');
+        while (hash != std::string::npos && hash > 0 && raw[hash - 1] != ' ' &&
+               raw[hash - 1] != '\t') {
+            hash = raw.find('#', hash + 1);
+        }
+        const std::string text = Trimmed(raw.substr(0, hash));
+        if (!text.empty()) {
+            lines.push_back({Printable(path) + ":" + std::to_string(number) + ": ", text});
+        }
+    }
+    if (file.bad()) {
+        throw ToolError(ExitCode::kUsage, Because("read", path));
+    }
+    return lines;
 }
 
 }  // namespace kvtool

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "tools/base/text.h"
 
@@ -18,5 +19,20 @@ Bytes ReadWholeFile(const std::string& path);
 // Writes the file under a temporary name beside it and renames it, so that `path` holds all the
 // bytes or is left as it was. Throws ToolError(kInternal).
 void WriteWholeFile(const std::string& path, const Bytes& bytes);
+
+// Throws ToolError: kUsage where standard output is a terminal, kInternal where writing fails.
+void WriteToStandardOutput(const Bytes& bytes);
+
+// Whether both paths lead to one existing file.
+bool SameFile(const std::string& a, const std::string& b);
+
+// A line of a text file without its comment and outer spaces.
+struct SourceLine {
+    std::string where;  // "FILE:LINE: ", fit for a terminal
+    std::string text;   // never empty
+};
+// The lines of a text file that say something; a "#" at the start of a word begins a comment.
+// Throws ToolError(kUsage).
+std::vector<SourceLine> ReadLines(const std::string& path);
 
 }  // namespace kvtool

@@ -2,8 +2,10 @@
 
 #include <md5.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
+#include <iterator>
 
 #include "tools/base/errors.h"
 
@@ -17,6 +19,45 @@ std::string Decimal(double value, const char* unit) {
     return buffer.data();
 }
 
+// Length of the character that the text begins with and its code point; 0: not UTF-8.
+size_t Utf8Length(std::string_view text, uint32_t* point) {
+    const auto lead = static_cast<uint8_t>(text[0]);
+    const size_t length = lead < 0x80 ? 1 : lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+    if (length == 0 || lead > 0xF4 || text.size() < length) {
+        return 0;
+    }
+    *point = length == 1 ? lead : lead & (0x7FU >> length);
+    for (size_t i = 1; i < length; ++i) {
+        const auto byte = static_cast<uint8_t>(text[i]);
+        if ((byte & 0xC0) != 0x80) {
+            return 0;
+        }
+        *point = *point << 6 | (byte & 0x3FU);
+    }
+    // Longer than needed, a surrogate, or beyond the last code point.
+    const bool wrong = (length == 3 && *point < 0x800) || (length == 4 && *point < 0x10000) ||
+                       (*point >= 0xD800 && *point <= 0xDFFF) || *point > 0x10FFFF;
+    return wrong ? 0 : length;
+}
+
+struct CodeRange {
+    uint32_t first;
+    uint32_t last;
+};
+
+// Control, invisible and bidirectional formatting characters, and the backslash that escapes them.
+constexpr CodeRange kUnsafe[] = {
+    {0x00, 0x1F},     {0x5C, 0x5C},     {0x7F, 0x9F},     {0xAD, 0xAD},
+    {0x61C, 0x61C},   {0x180E, 0x180E}, {0x200B, 0x200F}, {0x2028, 0x202E},
+    {0x2060, 0x206F}, {0xFEFF, 0xFEFF}, {0xFFF0, 0xFFFB}, {0xE0000, 0xE0FFF},
+};
+
+bool IsUnsafe(uint32_t point) {
+    return std::any_of(std::begin(kUnsafe), std::end(kUnsafe), [point](const CodeRange& range) {
+        return point >= range.first && point <= range.last;
+    });
+}
+
 }  // namespace
 
 FieldText ReadField(const void* field, size_t size) {
@@ -27,14 +68,28 @@ FieldText ReadField(const void* field, size_t size) {
 
 std::string Printable(std::string_view text) {
     std::string out;
-    for (const char c : text) {
-        if (c >= ' ' && c <= '~' && c != '\\') {
-            out += c;
+    while (!text.empty()) {
+        uint32_t point = 0;
+        const size_t valid = Utf8Length(text, &point);
+        const size_t length = std::max<size_t>(valid, 1);
+        if (valid > 0 && !IsUnsafe(point)) {
+            out += text.substr(0, length);
         } else {
-            out += "\\x" + Hex(&c, 1);
+            for (const char c : text.substr(0, length)) {
+                out += "\\x" + Hex(&c, 1);
+            }
         }
+        text.remove_prefix(length);
     }
     return out;
+}
+
+std::string Trimmed(std::string_view text) {
+    const size_t first = text.find_first_not_of(" \t\r");
+    if (first == std::string_view::npos) {
+        return "";
+    }
+    return std::string(text.substr(first, text.find_last_not_of(" \t\r") - first + 1));
 }
 
 std::string Hex(const void* data, size_t size, std::string_view separator) {
@@ -52,14 +107,16 @@ std::string Hex(const void* data, size_t size, std::string_view separator) {
 }
 
 std::string SizeText(uint64_t bytes) {
-    std::string out = std::to_string(bytes) + " bytes";
+    const std::string text = std::to_string(bytes) + " bytes";
+    return bytes < 1024 ? text : text + " (" + ShortSizeText(bytes) + ")";
+}
+
+std::string ShortSizeText(uint64_t bytes) {
     const auto value = static_cast<double>(bytes);
     if (bytes >= 1048576) {
-        out += " (" + Decimal(value / (1024.0 * 1024.0), "MiB") + ")";
-    } else if (bytes >= 1024) {
-        out += " (" + Decimal(value / 1024.0, "KiB") + ")";
+        return Decimal(value / (1024.0 * 1024.0), "MiB");
     }
-    return out;
+    return bytes >= 1024 ? Decimal(value / 1024.0, "KiB") : std::to_string(bytes) + " bytes";
 }
 
 std::string SecondsText(double seconds) {
@@ -80,25 +137,24 @@ std::string Md5Hex(const uint8_t* data, size_t size) {
 }
 
 uint64_t ParseSize(const std::string& text) {
-    const size_t digits = text.find_first_not_of("0123456789");
-    const std::string suffix = digits == std::string::npos ? "" : text.substr(digits);
-    const std::string number = text.substr(0, digits);
-    int shift = 0;
-    if (suffix == "K") {
-        shift = 10;
-    } else if (suffix == "M") {
-        shift = 20;
-    } else if (suffix == "G") {
-        shift = 30;
-    } else if (!suffix.empty()) {
-        shift = -1;
-    }
+    const bool hexadecimal = text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0;
+    const size_t start = hexadecimal ? 2 : 0;
+    const size_t end = std::min(
+        text.find_first_not_of(hexadecimal ? "0123456789abcdefABCDEF" : "0123456789", start),
+        text.size());
+    const std::string number = text.substr(start, end - start);
+    const std::string suffix = text.substr(end);
+    static constexpr std::string_view kSuffixes = "KkMmGg";
+    const size_t unit = suffix.size() == 1 ? kSuffixes.find(suffix[0]) : std::string_view::npos;
     // Ten digits and a suffix stay far inside 64 bits.
-    if (number.empty() || number.size() > 10 || shift < 0) {
-        throw ToolError(ExitCode::kUsage, "not a size: '" + Printable(text) +
-                                              "' (bytes, or a number with K, M or G)");
+    if (number.empty() || number.size() > 10 ||
+        (!suffix.empty() && unit == std::string_view::npos)) {
+        throw ToolError(ExitCode::kUsage,
+                        "not a size: '" + Printable(text) +
+                            "' (bytes or 0x and hex digits, with K, M or G behind it if wanted)");
     }
-    return std::stoull(number) << shift;
+    const uint64_t value = std::stoull(number, nullptr, hexadecimal ? 16 : 10);
+    return suffix.empty() ? value : value << (10 * (unit / 2 + 1));
 }
 
 }  // namespace kvtool

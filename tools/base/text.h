@@ -18,9 +18,13 @@ struct FieldText {
 };
 FieldText ReadField(const void* field, size_t size);
 
-// Every byte outside printable ASCII, and the backslash, as \xNN: foreign bytes never reach a
-// terminal as control sequences.
+// Text from a device, a file or the command line, safe to show: control characters, characters that
+// are invisible or change the direction of text, bytes that are not UTF-8, and the backslash become
+// \xNN, byte by byte. The result is valid UTF-8.
 std::string Printable(std::string_view text);
+
+// Without spaces and tabs at its ends.
+std::string Trimmed(std::string_view text);
 
 // Upper-case hex digits, `separator` between bytes.
 std::string Hex(const void* data, size_t size, std::string_view separator = "");
@@ -28,13 +32,17 @@ std::string Hex(const void* data, size_t size, std::string_view separator = "");
 // "1234 bytes (1.2 KiB)".
 std::string SizeText(uint64_t bytes);
 
+// "1.2 KiB".
+std::string ShortSizeText(uint64_t bytes);
+
 // Seconds with one decimal: "12.3 s".
 std::string SecondsText(double seconds);
 
 // Lower-case MD5 of the bytes, 32 digits.
 std::string Md5Hex(const uint8_t* data, size_t size);
 
-// Bytes with an optional suffix K, M or G (powers of 1024). Throws ToolError(kUsage).
+// Bytes, decimal or hexadecimal (0x10000), with an optional suffix K, M or G of either case (powers
+// of 1024). Throws ToolError(kUsage).
 uint64_t ParseSize(const std::string& text);
 
 }  // namespace kvtool

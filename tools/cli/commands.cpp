@@ -7,46 +7,57 @@
 #include "tools/cli/console_listener.h"
 #include "tools/cli/report.h"
 #include "tools/device/follow.h"
-#include "tools/package/builder.h"
 #include "tools/package/check.h"
+#include "tools/package/package_json.h"
 
 namespace kvtool {
 
 namespace {
 
-constexpr Millis kSearchTime{3000};
 constexpr Millis kRetryPause{1000};
 constexpr Millis kWaitingTry{3000};
 
 struct Target {
     std::string host;
     uint16_t port;
+    std::optional<DiscoveryReply> reply;  // when it was searched for
 };
 
 // Where to connect to; searches for the device when it is given by its MAC address. The sender's
 // address is taken rather than the one in the reply: it is the one that was seen to work.
-Target Locate(const DeviceCommand& command) {
-    if (!IsMacAddress(command.host)) {
-        return {command.host, command.port.value_or(kv::kProtocolPort)};
+Target Locate(const DeviceCommand& command, Json* json) {
+    const std::optional<std::string> mac = ParseMacAddress(command.host);
+    if (!mac) {
+        return {command.host, command.port.value_or(kv::kProtocolPort), std::nullopt};
     }
     DiscoveryRequest request;
     request.port = command.discoveryPort;
-    request.timeout = kSearchTime;
-    const std::string mac = UpperCase(command.host);
     const DiscoveryResult result =
-        Discover(request, [&mac](const FoundDevice& device) { return device.reply.mac == mac; });
-    const FoundDevice* device = FindMac(result, mac);
+        Discover(request, [&mac](const FoundDevice& device) { return device.reply.mac == *mac; });
+    const FoundDevice* device = FindMac(result, *mac);
     if (device == nullptr) {
         throw ToolError(ExitCode::kUnreachable,
-                        "no device with the MAC address " + mac + " answers a search");
+                        "no device with the MAC address " + *mac + " answers a search");
     }
-    return {device->senders.front(), command.port.value_or(device->reply.commandPort)};
+    (*json)["mac"] = *mac;
+    (*json)["address"] = device->senders.front();
+    return {device->senders.front(), command.port.value_or(device->reply.commandPort),
+            device->reply};
 }
 
-void ConnectAndLogin(UpgradeSession* session, const DeviceCommand& command) {
-    const Target target = Locate(command);
-    session->Connect(target.host, target.port);
-    session->Login();
+// An upgrade's connection, and what a search has told of the device, if there was one.
+struct OpenDevice {
+    UpgradeSession session;
+    std::optional<DiscoveryReply> reply;
+};
+
+OpenDevice ConnectAndLogin(const DeviceCommand& command, const UpgradeTimes& times,
+                           UpgradeListener* listener, UpgradeRecord* record, Json* json) {
+    Target target = Locate(command, json);
+    UpgradeSession session(times, listener, record);
+    session.Connect(target.host, target.port);
+    session.Login();
+    return {std::move(session), std::move(target.reply)};
 }
 
 bool MayAppearLater(ExitCode code) {
@@ -56,21 +67,20 @@ bool MayAppearLater(ExitCode code) {
 
 // Tries until the device lets itself be logged in to or the time is over. Says each new reason
 // once.
-UpgradeSession WaitForDevice(const UpgradeCommand& command, UpgradeListener* listener,
-                             UpgradeRecord* record) {
+OpenDevice WaitForDevice(const UpgradeCommand& command, UpgradeListener* listener,
+                         UpgradeRecord* record, Json* json) {
     const Clock::time_point start = Clock::now();
-    const Clock::time_point deadline = start + std::chrono::seconds(*command.waitSeconds);
+    const Clock::time_point deadline = start + *command.wait;
     UpgradeTimes quick = command.times;
     quick.connect = std::min(quick.connect, kWaitingTry);
     quick.reply = std::min(quick.reply, kWaitingTry);
     std::string last;
-    listener->Line("waiting for " + command.device.host);
+    listener->Line("waiting for " + Printable(command.device.host));
     for (;;) {
         try {
-            UpgradeSession session(quick, listener, record);
-            ConnectAndLogin(&session, command.device);
+            OpenDevice device = ConnectAndLogin(command.device, quick, listener, record, json);
             record->phases.insert(record->phases.begin(), {"wait", SecondsSince(start)});
-            return session;
+            return device;
         } catch (const ToolError& error) {
             if (!MayAppearLater(error.Code()) || Clock::now() + kRetryPause >= deadline) {
                 throw;
@@ -86,34 +96,50 @@ UpgradeSession WaitForDevice(const UpgradeCommand& command, UpgradeListener* lis
     }
 }
 
-UpgradeSession OpenSession(const UpgradeCommand& command, UpgradeListener* listener,
-                           UpgradeRecord* record) {
-    if (command.waitSeconds) {
-        return WaitForDevice(command, listener, record);
+// What to follow the device by. A device that was not searched for is asked now: once it has
+// accepted it may be too late.
+FollowTarget TargetToFollow(const UpgradeCommand& command, const OpenDevice& device,
+                            UpgradeListener* listener, UpgradeRecord* record) {
+    FollowTarget target;
+    target.endpoint = device.session.Peer();
+    target.local = LocalEnd(device.session.Fd());
+    target.discoveryPort = command.device.discoveryPort;
+    target.version = command.expectVersion;
+    const std::optional<DiscoveryReply> reply =
+        device.reply ? device.reply
+                     : AskAt(target.endpoint.host, target.discoveryPort, command.times.ask);
+    if (reply) {
+        target.mac = record->mac = reply->mac;
+        target.alivePort = reply->rtspPort;
+    } else {
+        listener->Line(
+            "the device answers no search: it cannot be found under another address later");
     }
-    UpgradeSession session(command.times, listener, record);
-    ConnectAndLogin(&session, command.device);
-    return session;
+    target.alivePort = command.alivePort.value_or(target.alivePort);
+    if (target.alivePort == 0) {
+        listener->Line(
+            "which port its application opens is not known: without --expect-port it cannot be "
+            "seen alive");
+    }
+    return target;
 }
 
-Bytes ReadPackage(const UpgradeCommand& command, const Layout& layout, std::ostream& out) {
-    Bytes package = ReadWholeFile(command.file);
-    const PackageReport report = CheckPackage(package, layout, StandardIdentity());
-    PrintFindings(out, report);
+PackageReport JudgePackage(const Bytes& package, const UpgradeCommand& command,
+                           const Layout& layout, Json* json) {
+    PackageReport report = CheckPackage(package, layout, {});
+    (*json)["package"] = PackageSummaryJson(report);
+    PrintFindings(command.device.json ? std::cerr : std::cout, report);
     if (package.empty() || (!report.Acceptable() && !command.force)) {
-        throw ToolError(ExitCode::kRefused, command.file +
+        throw ToolError(ExitCode::kRefused, Printable(command.file) +
                                                 " is not fit for the device; nothing was "
                                                 "sent");
     }
-    return package;
+    return report;
 }
 
-// The device compares with its own identity, which need not be the one this tool is built for.
-void CheckIdentity(const UpgradeCommand& command, const Layout& layout, const Bytes& package,
-                   const UpgradeRecord& record) {
-    const Identity device{record.device.ic, record.device.sensor};
-    const PackageReport report = CheckPackage(package, layout, device);
-    if ((report.ic != device.ic || report.sensor != device.sensor) && !command.force) {
+// A device takes any package that names its own chip and sensor, and only such a one.
+void CheckIdentity(const PackageReport& report, const DeviceInfo& device) {
+    if (report.ic != device.ic || report.sensor != device.sensor) {
         throw ToolError(ExitCode::kRefused, "the package is for chip '" + Printable(report.ic) +
                                                 "' and sensor '" + Printable(report.sensor) +
                                                 "', the device has '" + Printable(device.ic) +
@@ -128,111 +154,105 @@ std::string ResultText(ExitCode code, bool follow) {
     }
     switch (code) {
         case ExitCode::kDone:
-            return "accepted by the device; it no longer serves recovery mode";
+            return "accepted by the device; its application is alive";
         case ExitCode::kBackInRecovery:
             return "accepted by the device; it has restarted and is back in recovery mode";
+        case ExitCode::kNotSeenAlive:
+            return "accepted by the device; it left recovery mode and was not seen alive again";
         default:
             return "accepted by the device, but it was never seen to leave recovery mode";
     }
 }
 
 ExitCode DoUpgrade(const UpgradeCommand& command, const Layout& layout, ConsoleListener* listener,
-                   UpgradeRecord* record) {
-    const Bytes package = ReadPackage(command, layout, command.device.json ? std::cerr : std::cout);
-    UpgradeSession session = OpenSession(command, listener, record);
+                   UpgradeRecord* record, Json* json) {
+    (*json)["host"] = Printable(command.device.host);
+    (*json)["file"] = Printable(command.file);
+    const Bytes package = ReadWholeFile(command.file);
+    const PackageReport report = JudgePackage(package, command, layout, json);
+    OpenDevice device =
+        command.wait ? WaitForDevice(command, listener, record, json)
+                     : ConnectAndLogin(command.device, command.times, listener, record, json);
+    UpgradeSession& session = device.session;
     session.Identify();
-    CheckIdentity(command, layout, package, *record);
-    session.Upload(package);
+    if (!command.forceIdentity) {
+        CheckIdentity(report, record->device);
+    }
     if (!command.follow) {
+        session.Upload(package);
         return ExitCode::kDone;
     }
-    return Follow(session.Peer(), session.Fd(), command.times, listener, record);
+    const FollowTarget target = TargetToFollow(command, device, listener, record);
+    session.Upload(package);
+    return Follow(target, session.Fd(), command.times, listener, record);
+}
+
+// In what state an upgrade leaves the device that ends where the record ends.
+std::string StateLeft(const UpgradeRecord& record) {
+    if (record.accepted) {
+        return "the device had accepted the package and goes on by itself";
+    }
+    switch (record.sent) {
+        case Sent::kNothing:
+            return "nothing of the package was sent; the device stays as it is";
+        case Sent::kPart:
+            return "the device holds a part of the package, flashes nothing, and waits in "
+                   "recovery mode for a new upgrade";
+        case Sent::kAll:
+            break;
+    }
+    return "the whole package was sent; if the device finds it right it flashes and restarts by "
+           "itself, so do not switch it off";
 }
 
 }  // namespace
 
-ExitCode RunPack(const PackCommand& command, const Layout& layout) {
-    BuildRequest request{command.ic, command.sensor, {}, layout, command.force};
-    for (const std::string& image : command.images) {
-        const size_t equals = image.find('=');
-        if (equals == std::string::npos) {
-            throw ToolError(ExitCode::kUsage, "not NAME=IMAGE: '" + Printable(image) + "'");
-        }
-        request.images.push_back(
-            {image.substr(0, equals), ReadWholeFile(image.substr(equals + 1))});
-    }
-    const BuildResult result = BuildPackage(request);
-    for (const std::string& warning : result.warnings) {
-        std::cerr << "warning: " << warning << '\n';
-    }
-    if (command.ic != kv::kIcType || command.sensor != kv::kSensorType) {
-        std::cerr << "warning: a device of chip " << kv::kIcType << " and sensor "
-                  << kv::kSensorType << " will refuse this package\n";
-    }
-    WriteWholeFile(command.output, result.bytes);
-    std::cout << command.output << ": " << SizeText(result.bytes.size()) << ", MD5 "
-              << Md5Hex(result.bytes.data(), result.bytes.size()) << '\n';
-    return ExitCode::kDone;
-}
-
-ExitCode RunInspect(const std::string& file, const Layout& layout, bool json) {
-    const PackageReport report = CheckPackage(ReadWholeFile(file), layout, StandardIdentity());
-    if (json) {
-        PrintJson(std::cout, PackageJson(report));
-    } else {
-        PrintPackage(std::cout, report);
-    }
-    return report.Acceptable() ? ExitCode::kDone : ExitCode::kRefused;
-}
-
-ExitCode RunInfo(const DeviceCommand& command, const UpgradeTimes& times) {
-    const Target target = Locate(command);
+ExitCode RunInfo(const DeviceCommand& command, const UpgradeTimes& times, Json* json) {
+    (*json)["host"] = Printable(command.host);
+    const Target target = Locate(command, json);
     Connected connected = ConnectAny(target.host, target.port, times.connect);
     ProtocolClient client(std::move(connected.fd), times.reply);
     InfoReport report;
     report.address = connected.endpoint.text;
+    (*json)["address"] = report.address;
     report.sessionBefore = client.Login();
     report.session = client.Heartbeat();
     report.serial = client.SerialNumber();
     report.device = client.Info();
-    if (command.json) {
-        PrintJson(std::cout, InfoJson(report));
-    } else {
+    json->update(InfoJson(report));
+    if (!command.json) {
         PrintInfo(std::cout, report);
     }
     return ExitCode::kDone;
 }
 
-ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout) {
+ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout, Json* json) {
     ConsoleListener listener(command.device.json ? stderr : stdout);
     UpgradeRecord record;
-    const auto finish = [&](ExitCode code, const std::string& result) {
-        listener.Clear();
-        if (command.device.json) {
-            PrintJson(std::cout, UpgradeJson(record, code, result));
-        }
-    };
     try {
-        const ExitCode code = DoUpgrade(command, layout, &listener, &record);
+        const ExitCode code = DoUpgrade(command, layout, &listener, &record, json);
         const std::string result = ResultText(code, command.follow);
         listener.Line("result: " + result);
-        finish(code, result);
+        json->update(UpgradeJson(record, result));
         return code;
     } catch (const ToolError& error) {
         std::string result = error.what();
-        if (record.accepted) {
-            result += "; the device had accepted the package and goes on by itself";
+        if (record.accepted || error.Code() == ExitCode::kInterrupted) {
+            result += "; " + StateLeft(record);
         }
-        finish(error.Code(), result);
+        listener.Clear();
+        json->update(UpgradeJson(record, result));
         throw ToolError(error.Code(), result);
     }
 }
 
-ExitCode RunDiscover(const DiscoveryRequest& request, bool json) {
-    const DiscoveryResult result = Discover(request, nullptr);
-    if (json) {
-        PrintJson(std::cout, DiscoveryJson(result));
-    } else {
+ExitCode RunDiscover(const DiscoverCommand& command, Json* json) {
+    if (!command.request.host.empty()) {
+        (*json)["host"] = Printable(command.request.host);
+    }
+    const DiscoveryResult result = Discover(command.request, nullptr);
+    json->update(DiscoveryJson(result));
+    if (!command.json) {
         PrintDiscovery(std::cout, result);
     }
     return result.devices.empty() ? ExitCode::kUnreachable : ExitCode::kDone;

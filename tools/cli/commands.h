@@ -1,4 +1,4 @@
-// The commands of kvtool, as the command line hands them over.
+// The commands that talk to devices, as the command line hands them over.
 #pragma once
 
 #include <optional>
@@ -6,19 +6,12 @@
 #include <vector>
 
 #include "tools/base/errors.h"
+#include "tools/base/json.h"
 #include "tools/device/discovery_client.h"
 #include "tools/device/upgrade_session.h"
 #include "tools/package/layout.h"
 
 namespace kvtool {
-
-struct PackCommand {
-    std::string output;
-    std::string ic;
-    std::string sensor;
-    std::vector<std::string> images;  // NAME=FILE
-    bool force = false;
-};
 
 struct DeviceCommand {
     std::string host;  // an address, a name, or a MAC address that is searched for first
@@ -30,18 +23,25 @@ struct DeviceCommand {
 struct UpgradeCommand {
     DeviceCommand device;
     std::string file;
-    bool force = false;
+    bool force = false;          // send in spite of what the check of the package says
+    bool forceIdentity = false;  // send to a device of another chip or sensor
     bool follow = true;
-    std::optional<int> waitSeconds;  // how long to wait for the device to appear
+    std::optional<Millis> wait;         // how long to wait for the device to appear
+    std::optional<uint16_t> alivePort;  // what the running application opens
+    std::string expectVersion;          // empty: any
     UpgradeTimes times;
 };
 
-// Each prints its result to standard output, returns the exit code of the command, and throws
-// ToolError where the command cannot go on.
-ExitCode RunPack(const PackCommand& command, const Layout& layout);
-ExitCode RunInspect(const std::string& file, const Layout& layout, bool json);
-ExitCode RunInfo(const DeviceCommand& command, const UpgradeTimes& times);
-ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout);
-ExitCode RunDiscover(const DiscoveryRequest& request, bool json);
+struct DiscoverCommand {
+    DiscoveryRequest request;
+    bool json = false;
+};
+
+// Each prints its result to standard output unless the command asks for JSON, returns the exit code
+// of the command, and throws ToolError where the command cannot go on. *json takes what is known,
+// as soon as it is known, so that it is true after a failure too.
+ExitCode RunInfo(const DeviceCommand& command, const UpgradeTimes& times, Json* json);
+ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout, Json* json);
+ExitCode RunDiscover(const DiscoverCommand& command, Json* json);
 
 }  // namespace kvtool

@@ -1,8 +1,10 @@
 #include "tools/cli/console_listener.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <cstdlib>
+#include <string_view>
 
 namespace kvtool {
 
@@ -10,28 +12,40 @@ namespace {
 
 constexpr double kTerminalEvery = 0.2;
 constexpr double kPlainEvery = 5.0;
+constexpr size_t kPlainColumns = 79;
+constexpr size_t kDefaultColumns = 80;
 
-std::string ProgressText(uint64_t acknowledged, uint64_t total, double seconds) {
-    const uint64_t percent = total > 0 ? acknowledged * 100 / total : 0;
-    const double rate = static_cast<double>(acknowledged) / std::max(seconds, 0.001);
-    std::string text = "upload: " + std::to_string(percent) + "% of " + SizeText(total) + ", " +
-                       SizeText(static_cast<uint64_t>(rate)) + " a second";
-    if (rate > 0) {
-        text += ", " + SecondsText(static_cast<double>(total - acknowledged) / rate) + " left";
-    }
-    return text;
+bool IsTerminal(FILE* file) {
+    const char* const kind = getenv("TERM");
+    return isatty(fileno(file)) == 1 && (kind == nullptr || std::string_view(kind) != "dumb");
 }
 
 }  // namespace
 
-ConsoleListener::ConsoleListener(FILE* out) : out_(out), terminal_(isatty(fileno(out)) == 1) {}
+ConsoleListener::ConsoleListener(FILE* out) : out_(out), terminal_(IsTerminal(out)) {}
+
+size_t ConsoleListener::Columns() const {
+    winsize size{};
+    if (ioctl(fileno(out_), TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
+        return size.ws_col;
+    }
+    const char* const text = getenv("COLUMNS");
+    const unsigned long given = text != nullptr ? strtoul(text, nullptr, 10) : 0;
+    return given > 0 && given < 10000 ? given : kDefaultColumns;
+}
 
 void ConsoleListener::Clear() {
-    if (progressStands_) {
-        (void)fputs("\r\033[K", out_);
-        (void)fflush(out_);
-        progressStands_ = false;
+    if (standing_ == 0) {
+        return;
     }
+    // A window that became narrower has wrapped the line into several.
+    const size_t above = (standing_ - 1) / Columns();
+    if (above > 0) {
+        (void)fprintf(out_, "\033[%zuA", above);
+    }
+    (void)fputs("\r\033[J", out_);
+    (void)fflush(out_);
+    standing_ = 0;
 }
 
 void ConsoleListener::Line(const std::string& text) {
@@ -40,20 +54,23 @@ void ConsoleListener::Line(const std::string& text) {
     (void)fflush(out_);
 }
 
-void ConsoleListener::Progress(uint64_t acknowledged, uint64_t total, double seconds) {
-    if (acknowledged == total ||
-        seconds - lastShown_ < (terminal_ ? kTerminalEvery : kPlainEvery)) {
+void ConsoleListener::Progress(const UploadProgress& progress) {
+    rate_.Add(progress.seconds, progress.acknowledged);
+    if (progress.acknowledged == progress.total ||
+        progress.seconds - lastShown_ < (terminal_ ? kTerminalEvery : kPlainEvery)) {
         return;
     }
-    lastShown_ = seconds;
-    const std::string text = ProgressText(acknowledged, total, seconds);
+    lastShown_ = progress.seconds;
     if (!terminal_) {
-        Line(text);
+        Line(ProgressText(progress, rate_.Rate(), kPlainColumns));
         return;
     }
-    (void)fprintf(out_, "\r%s\033[K", text.c_str());
+    Clear();
+    // The last column stays free: some terminals wrap once it is written.
+    const std::string text = ProgressText(progress, rate_.Rate(), Columns() - 1);
+    (void)fputs(text.c_str(), out_);
     (void)fflush(out_);
-    progressStands_ = true;
+    standing_ = text.size();
 }
 
 }  // namespace kvtool

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 
+#include "tools/cli/progress.h"
 #include "tools/device/upgrade_session.h"
 
 namespace kvtool {
@@ -12,15 +13,19 @@ class ConsoleListener : public UpgradeListener {
   public:
     explicit ConsoleListener(FILE* out);
     void Line(const std::string& text) override;
-    void Progress(uint64_t acknowledged, uint64_t total, double seconds) override;
+    void Progress(const UploadProgress& progress) override;
     // Removes a progress line that still stands.
     void Clear();
 
   private:
+    // The terminal's width, asked for each time because the window may change.
+    size_t Columns() const;
+
     FILE* out_;
     bool terminal_;
-    bool progressStands_ = false;
+    size_t standing_ = 0;  // width of the progress line that stands
     double lastShown_ = 0;
+    RateMeter rate_;
 };
 
 }  // namespace kvtool

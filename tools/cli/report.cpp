@@ -1,12 +1,17 @@
 #include "tools/cli/report.h"
 
+#include <algorithm>
 #include <iomanip>
+#include <map>
 
 #include "flash/kv_upgrade_package.h"
 
 namespace kvtool {
 
 namespace {
+
+constexpr size_t kMostOfAKind = 10;
+constexpr size_t kMostEntries = 64;
 
 std::string OrDash(const std::string& text) {
     return text.empty() ? "-" : Printable(text);
@@ -40,35 +45,11 @@ void PrintEntry(std::ostream& out, const EntryReport& entry) {
     Row(out, "check code",
         HexWord(entry.checkCode) + (entry.checkCode == kv::kEntryCheckCode ? "" : " (bad)"));
     Row(out, "MD5",
-        entry.md5 + (entry.inFile < entry.dataLen
-                         ? " of the " + SizeText(entry.inFile) + " in the file"
-                         : ""));
+        OrDash(entry.md5) + (entry.inFile < entry.dataLen
+                                 ? " of the " + SizeText(entry.inFile) + " in the file"
+                                 : ""));
     Row(out, "written behind",
         SizeText(entry.behind) + (entry.behind > 0 && entry.behindBlank ? ", all 0xFF" : ""));
-}
-
-Json EntryJson(const EntryReport& entry) {
-    Json partitions = Json::array();
-    for (const LayoutRow& row : entry.targets) {
-        partitions.push_back({{"name", row.name}, {"device", row.device}, {"size", row.size}});
-    }
-    return {{"index", entry.index},
-            {"name", Printable(entry.name)},
-            {"partitions", partitions},
-            {"offset", entry.dataOffset},
-            {"length", entry.dataLen},
-            {"in_file", entry.inFile},
-            {"check_code", entry.checkCode},
-            {"reached", entry.reached},
-            {"md5", entry.md5},
-            {"written_behind", entry.behind},
-            {"written_behind_blank", entry.behindBlank}};
-}
-
-Json DeviceJson(const DeviceInfo& device) {
-    return {{"name", Printable(device.name)},   {"id", Hex(device.id.data(), device.id.size())},
-            {"model", Printable(device.model)}, {"firmware", Printable(device.firmware)},
-            {"ic", Printable(device.ic)},       {"sensor", Printable(device.sensor)}};
 }
 
 // Senders other than the address that the device tells of itself.
@@ -84,17 +65,22 @@ std::vector<std::string> OtherSenders(const FoundDevice& device) {
 
 }  // namespace
 
-void PrintJson(std::ostream& out, const Json& json) {
-    out << json.dump() << '\n';
-}
-
 void PrintFindings(std::ostream& out, const PackageReport& report) {
+    std::map<std::string, size_t> found;
     for (const Finding& finding : report.findings) {
+        if (++found[finding.kind] > kMostOfAKind) {
+            continue;
+        }
         out << SeverityName(finding.severity) << ": ";
         if (finding.entry >= 0) {
             out << "entry " << finding.entry << ": ";
         }
         out << finding.text << '\n';
+    }
+    for (const auto& [kind, count] : found) {
+        if (count > kMostOfAKind) {
+            out << "… and " << count - kMostOfAKind << " more like it (" << kind << ")\n";
+        }
     }
 }
 
@@ -108,35 +94,16 @@ void PrintPackage(std::ostream& out, const PackageReport& report) {
         Row(out, "total data length", SizeText(report.totalLen));
         Row(out, "entries", std::to_string(report.fileNum));
     }
-    for (const EntryReport& entry : report.entries) {
-        PrintEntry(out, entry);
+    const size_t shown = std::min(report.entries.size(), kMostEntries);
+    for (size_t i = 0; i < shown; ++i) {
+        PrintEntry(out, report.entries[i]);
+    }
+    if (shown < report.entries.size()) {
+        out << "… and " << report.entries.size() - shown << " more entries\n";
     }
     PrintFindings(out, report);
     out << (report.Acceptable() ? "the device would take this package as it is\n"
                                 : "NOT fit for the device, see the errors above\n");
-}
-
-Json PackageJson(const PackageReport& report) {
-    Json json = {{"size", report.size}, {"md5", report.md5}, {"acceptable", report.Acceptable()}};
-    if (report.headerComplete) {
-        json["ic"] = Printable(report.ic);
-        json["sensor"] = Printable(report.sensor);
-        json["total_length"] = report.totalLen;
-        json["file_num"] = report.fileNum;
-    }
-    json["entries"] = Json::array();
-    for (const EntryReport& entry : report.entries) {
-        json["entries"].push_back(EntryJson(entry));
-    }
-    json["findings"] = Json::array();
-    for (const Finding& finding : report.findings) {
-        Json item = {{"severity", SeverityName(finding.severity)}, {"text", finding.text}};
-        if (finding.entry >= 0) {
-            item["entry"] = finding.entry;
-        }
-        json["findings"].push_back(std::move(item));
-    }
-    return json;
 }
 
 void PrintInfo(std::ostream& out, const InfoReport& report) {
@@ -153,14 +120,6 @@ void PrintInfo(std::ostream& out, const InfoReport& report) {
     Row(out, "session",
         std::to_string(report.session) +
             (report.sessionBefore == report.session ? "" : " (made by this login)"));
-}
-
-Json InfoJson(const InfoReport& report) {
-    return {{"address", report.address},
-            {"session", report.session},
-            {"session_before_login", report.sessionBefore},
-            {"serial", Hex(report.serial.data(), report.serial.size())},
-            {"device", DeviceJson(report.device)}};
 }
 
 void PrintDiscovery(std::ostream& out, const DiscoveryResult& result) {
@@ -188,56 +147,6 @@ void PrintDiscovery(std::ostream& out, const DiscoveryResult& result) {
         out << "search not sent on " << problem << '\n';
     }
     out << result.devices.size() << " found\n";
-}
-
-Json DiscoveryJson(const DiscoveryResult& result) {
-    Json devices = Json::array();
-    for (const FoundDevice& device : result.devices) {
-        const DiscoveryReply& reply = device.reply;
-        devices.push_back({{"mac", reply.mac},
-                           {"kind", Printable(reply.kind)},
-                           {"type", Printable(reply.deviceType)},
-                           {"firmware", Printable(reply.firmware)},
-                           {"address", reply.ip},
-                           {"senders", device.senders},
-                           {"netmask", reply.netmask},
-                           {"gateway", reply.gateway},
-                           {"dns", reply.dns},
-                           {"p2p_serial", Printable(reply.p2pSerial)},
-                           {"account", Printable(reply.account)},
-                           {"command_port", reply.commandPort},
-                           {"rtsp_port", reply.rtspPort},
-                           {"http_port", reply.httpPort}});
-    }
-    Json malformed = Json::array();
-    for (const auto& [what, count] : result.malformed) {
-        malformed.push_back({{"what", what}, {"count", count}});
-    }
-    return {{"devices", devices},
-            {"malformed", malformed},
-            {"problems", result.problems},
-            {"searches_sent", result.sent}};
-}
-
-Json UpgradeJson(const UpgradeRecord& record, ExitCode code, const std::string& result) {
-    Json phases = Json::array();
-    for (const Phase& phase : record.phases) {
-        phases.push_back({{"name", phase.name}, {"seconds", phase.seconds}});
-    }
-    Json json = {{"exit_code", static_cast<int>(code)},
-                 {"result", result},
-                 {"accepted", record.accepted},
-                 {"address", record.address},
-                 {"session", record.session},
-                 {"bytes_total", record.total},
-                 {"bytes_acknowledged", record.acknowledged},
-                 {"phases", phases},
-                 {"observed", record.observed},
-                 {"assumed", record.assumed}};
-    if (record.identified) {
-        json["device"] = DeviceJson(record.device);
-    }
-    return json;
 }
 
 }  // namespace kvtool

@@ -159,6 +159,10 @@ class Searcher {
         }
     }
 
+    // Whether the address is the only one that is searched.
+    bool IsHost(in_addr address) const {
+        return !request_.host.empty() && targets_.front().destination.s_addr == address.s_addr;
+    }
     bool SendTo(const Target& target);
     bool Listen(Clock::time_point until, const std::function<bool(const FoundDevice&)>& enough);
     FoundDevice* Take(const uint8_t* data, size_t size, const std::string& sender);
@@ -214,7 +218,10 @@ bool Searcher::Listen(Clock::time_point until,
         }
         const FoundDevice* device =
             Take(buffer.data(), static_cast<size_t>(n), AddressText(from.sin_addr));
-        if (device != nullptr && enough && enough(*device)) {
+        if (device == nullptr) {
+            continue;
+        }
+        if (IsHost(from.sin_addr) || (enough && enough(*device))) {
             return true;
         }
     }
@@ -257,6 +264,24 @@ DiscoveryResult Discover(const DiscoveryRequest& request,
         targets = HostTargets(request.host, request.port);
     }
     return Searcher(request, std::move(targets)).Run(enough);
+}
+
+std::optional<DiscoveryReply> AskAt(const std::string& host, uint16_t port, Millis timeout) {
+    DiscoveryRequest request;
+    request.host = host;
+    request.port = port;
+    request.timeout = timeout;
+    try {
+        const DiscoveryResult result = Discover(request, nullptr);
+        if (!result.devices.empty()) {
+            return result.devices.front().reply;
+        }
+    } catch (const ToolError& error) {
+        if (error.Code() != ExitCode::kUnreachable) {
+            throw;
+        }
+    }
+    return std::nullopt;
 }
 
 const FoundDevice* FindMac(const DiscoveryResult& result, const std::string& mac) {

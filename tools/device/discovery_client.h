@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,7 +33,8 @@ struct DiscoveryResult {
     int sent = 0;                          // search datagrams that left
 };
 
-// Blocks for the whole time, or until `enough` (may be empty) says so of a device found.
+// Blocks for the whole time, or until `enough` (may be empty) says so of a device found, or until
+// the host asked for has answered itself.
 // A device is listed once whatever the number of its replies. Throws ToolError(kUnreachable) when
 // no interface can carry a broadcast or the host has no IPv4 address.
 DiscoveryResult Discover(const DiscoveryRequest& request,
@@ -40,5 +42,8 @@ DiscoveryResult Discover(const DiscoveryRequest& request,
 
 // The device with this MAC address among those that answer a broadcast, or null.
 const FoundDevice* FindMac(const DiscoveryResult& result, const std::string& mac);
+
+// Asks one address; nothing when no trustworthy reply comes in time or it has no IPv4 address.
+std::optional<DiscoveryReply> AskAt(const std::string& host, uint16_t port, Millis timeout);
 
 }  // namespace kvtool

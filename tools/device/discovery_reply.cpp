@@ -149,6 +149,21 @@ bool IsMacAddress(const std::string& text) {
     return true;
 }
 
+std::optional<std::string> ParseMacAddress(const std::string& text) {
+    std::string form = text;
+    if (text.size() == 12) {
+        for (size_t at = 2; at < 17; at += 3) {
+            form.insert(at, ":");
+        }
+    } else if (text.find(':') == std::string::npos) {
+        std::replace(form.begin(), form.end(), '-', ':');
+    }
+    if (!IsMacAddress(form)) {
+        return std::nullopt;
+    }
+    return UpperCase(form);
+}
+
 std::string UpperCase(std::string text) {
     for (char& c : text) {
         c = static_cast<char>(toupper(static_cast<unsigned char>(c)));

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "mini/kv_mini_discovery_frame.h"
@@ -42,5 +43,9 @@ std::string ParseDiscoveryReply(const uint8_t* data, size_t size, DiscoveryReply
 // Whether the text is a MAC address of the form "AA:BB:CC:DD:EE:FF", of either case.
 bool IsMacAddress(const std::string& text);
 std::string UpperCase(std::string text);
+
+// The form above, in upper case, of a MAC address as people write it: with colons, with hyphens or
+// as twelve digits. Nothing: the text is no MAC address.
+std::optional<std::string> ParseMacAddress(const std::string& text);
 
 }  // namespace kvtool

@@ -2,6 +2,13 @@
 
 #include <poll.h>
 
+#include <algorithm>
+#include <array>
+#include <optional>
+
+#include "tools/device/discovery_client.h"
+#include "tools/device/probe.h"
+
 namespace kvtool {
 
 namespace {
@@ -10,11 +17,15 @@ namespace {
 // refused connection is certain at once.
 constexpr int kMissesThatCount = 2;
 
+std::string Text(Millis time) {
+    return SecondsText(std::chrono::duration<double>(time).count());
+}
+
 class Follower {
   public:
-    Follower(const Endpoint& endpoint, int upgradeFd, const UpgradeTimes& times,
+    Follower(FollowTarget target, int upgradeFd, const UpgradeTimes& times,
              UpgradeListener* listener, UpgradeRecord* record)
-        : endpoint_(endpoint),
+        : target_(std::move(target)),
           upgradeFd_(upgradeFd),
           times_(times),
           listener_(listener),
@@ -24,29 +35,31 @@ class Follower {
         Assume(
             "the device stops its application, flashes and restarts; it does not report on this");
         for (;;) {
-            const ProbeResult probe = Probe(endpoint_, times_.probeReply, times_.probeReply);
+            const Clock::time_point lookedAt = Clock::now();
+            ProbeResult probe =
+                Probe(target_.endpoint, target_.local, times_.probeReply, times_.probeReply);
             if (probe.text != lastText_) {
                 lastText_ = probe.text;
                 Observe(probe.text);
             }
-            if (Judge(probe)) {
-                Assume(
-                    "the upgrade is over; a device whose application is installed would not "
-                    "normally serve recovery mode");
+            const bool stranger = IsStranger(probe);
+            if (stranger) {
+                probe.state = ProbeState::kOther;
+            }
+            if (IsBack(probe)) {
                 return ExitCode::kBackInRecovery;
             }
-            if (left_ && Clock::now() - leftAt_ >= times_.back) {
-                Assume(
-                    "no longer in recovery mode: assumed in normal mode (a device that does not "
-                    "start at all looks the same from here)");
+            if (!stranger && IsAlive(probe)) {
                 return ExitCode::kDone;
             }
-            if (!left_ && Clock::now() - start_ >= times_.leave) {
-                Observe("not seen to leave recovery mode within " +
-                        SecondsText(std::chrono::duration<double>(times_.leave).count()));
-                return ExitCode::kNeverLeft;
-            }
+            SearchIfAway(probe, false);
             WatchConnection(Clock::now() + times_.probeEvery);
+            if (probe.state == ProbeState::kBlind) {
+                blind_ += std::chrono::duration_cast<Millis>(Clock::now() - lookedAt);
+            }
+            if (const auto end = EndOfTime(probe)) {
+                return *end;
+            }
         }
     }
 
@@ -63,13 +76,14 @@ class Follower {
     }
 
     // Whether the device is back in recovery mode after a restart.
-    bool Judge(const ProbeResult& probe) {
+    bool IsBack(const ProbeResult& probe) {
+        if (probe.state == ProbeState::kBlind) {
+            return false;
+        }
         if (probe.state == ProbeState::kRecovery) {
             misses_ = 0;
             if (probe.session != record_->session) {
-                Observe(
-                    "back in recovery mode: its session is a new one, so its services have "
-                    "restarted");
+                SayBack();
                 return true;
             }
             if (left_) {
@@ -82,70 +96,196 @@ class Follower {
         if (!left_ && (probe.state == ProbeState::kRefused || misses_ >= kMissesThatCount)) {
             left_ = true;
             leftAt_ = Clock::now();
+            blind_ = Millis(0);
             Observe("it no longer serves recovery mode");
         }
         return false;
     }
 
+    // Whether somebody else has the address now. `reply_` is what was told there.
+    bool IsStranger(const ProbeResult& probe) {
+        if (probe.state != ProbeState::kRecovery || probe.session == record_->session) {
+            return false;
+        }
+        reply_ = AskAt(target_.endpoint.host, target_.discoveryPort, times_.ask);
+        if (!reply_ || reply_->mac.empty() || target_.mac.empty() || reply_->mac == target_.mac) {
+            return false;
+        }
+        ObserveOnce("another device answers there now: its MAC address is " + reply_->mac +
+                    " instead of " + target_.mac);
+        return true;
+    }
+
+    void SayBack() {
+        Observe("back in recovery mode: its session is a new one, so its services have restarted");
+        if (reply_) {
+            (void)SayVersion(*reply_);
+        }
+        Assume(
+            "the upgrade is over; a device whose application is installed would not normally "
+            "serve recovery mode");
+    }
+
+    // Whether the reply tells the version that is expected.
+    bool SayVersion(const DiscoveryReply& reply) {
+        const bool expected = IsVersion(reply.firmware, target_.version);
+        std::string text = "its firmware is " + Printable(reply.firmware);
+        if (!expected && !target_.version.empty()) {
+            text += " instead of " + Printable(target_.version);
+        }
+        ObserveOnce(text);
+        return expected;
+    }
+
+    // Whether the application is seen to run: the port that it opens was closed since the
+    // acceptance and is open now, while recovery mode is not served.
+    bool IsAlive(const ProbeResult& probe) {
+        if (target_.alivePort == 0 || (!left_ && portWasClosed_)) {
+            return false;
+        }
+        const PortState port =
+            LookAtPort(target_.endpoint, target_.alivePort, target_.local, times_.probeReply);
+        portWasClosed_ = portWasClosed_ || port == PortState::kClosed;
+        if (!left_ || !portWasClosed_ || port != PortState::kOpen ||
+            probe.state == ProbeState::kRecovery) {
+            return false;
+        }
+        ObserveOnce("alive: port " + std::to_string(target_.alivePort) + " accepts connections");
+        if (target_.version.empty()) {
+            return true;
+        }
+        const auto reply = AskAt(target_.endpoint.host, target_.discoveryPort, times_.ask);
+        return reply && SayVersion(*reply);
+    }
+
+    // A device may come back under another address.
+    void SearchIfAway(const ProbeResult& probe, bool now) {
+        if (!left_ || target_.mac.empty() || probe.state == ProbeState::kRecovery ||
+            (!now && Clock::now() - searchedAt_ < times_.searchEvery)) {
+            return;
+        }
+        searchedAt_ = Clock::now();
+        DiscoveryRequest request;
+        request.port = target_.discoveryPort;
+        request.timeout = times_.search;
+        const FoundDevice* found = nullptr;
+        DiscoveryResult result;
+        try {
+            result = Discover(request, [this](const FoundDevice& device) {
+                return device.reply.mac == target_.mac;
+            });
+            found = FindMac(result, target_.mac);
+        } catch (const ToolError& error) {
+            if (error.Code() != ExitCode::kUnreachable) {
+                throw;
+            }
+            ObserveOnce(std::string("this PC cannot search: ") + error.what());
+        }
+        if (found != nullptr && found->senders.front() != target_.endpoint.host) {
+            const std::string& address = found->senders.front();
+            Observe(target_.mac + " answers a search from another address, " + address);
+            target_.endpoint = Resolve(address, found->reply.commandPort).front();
+            target_.local = Endpoint();
+            record_->address = target_.endpoint.text;
+        }
+    }
+
+    // How it ends when nothing was decisive in time. Time in which this PC could not look does not
+    // count, up to the sum of both times.
+    std::optional<ExitCode> EndOfTime(const ProbeResult& probe) {
+        const Clock::time_point now = Clock::now();
+        const bool last = now - start_ >= times_.leave + times_.back;
+        if (!left_ && (last || now - start_ - blind_ >= times_.leave)) {
+            const std::string blind =
+                blind_ == Millis(0) ? "" : "; for " + Text(blind_) + " this PC could not look";
+            Observe("not seen to leave recovery mode within " + Text(times_.leave) + blind);
+            return ExitCode::kNeverLeft;
+        }
+        if (!left_ || !(last || now - leftAt_ - blind_ >= times_.back)) {
+            return std::nullopt;
+        }
+        const std::string before = target_.endpoint.text;
+        SearchIfAway(probe, true);
+        if (target_.endpoint.text != before && !last) {
+            return std::nullopt;
+        }
+        SayNotSeenAlive();
+        return ExitCode::kNotSeenAlive;
+    }
+
+    void SayNotSeenAlive() {
+        std::string text = "not seen alive within " + Text(times_.back);
+        if (target_.alivePort == 0) {
+            text += ": which port its application opens is not known, name it with --expect-port";
+        } else if (!target_.version.empty()) {
+            text += " with port " + std::to_string(target_.alivePort) + " open and firmware " +
+                    Printable(target_.version);
+        } else {
+            text += ": port " + std::to_string(target_.alivePort) + " was not seen open";
+        }
+        Observe(text);
+        Assume("in normal mode, or it does not start at all: from here both look the same");
+    }
+
+    void ObserveOnce(const std::string& text) {
+        if (std::find(told_.begin(), told_.end(), text) == told_.end()) {
+            told_.push_back(text);
+            Observe(text);
+        }
+    }
+
+    // A device that goes on sending is told of once; the rest is thrown away, a bounded amount each
+    // time.
     void WatchConnection(Clock::time_point until) {
-        while (upgradeFd_ >= 0 && WaitFor(upgradeFd_, POLLIN, until) != 0) {
-            uint8_t data[64];
-            const Received received = ReceiveNow(upgradeFd_, data, sizeof data);
+        size_t budget = kMostThrownAway;
+        while (upgradeFd_ >= 0 && budget > 0 && Clock::now() < until &&
+               WaitFor(upgradeFd_, POLLIN, until) != 0) {
+            std::array<uint8_t, 16384> data;
+            const Received received = ReceiveNow(upgradeFd_, data.data(), data.size());
             if (received.state == ReceiveState::kClosed) {
                 upgradeFd_ = -1;
                 Observe("the connection of the upgrade has ended: " + received.error);
-            } else if (received.state == ReceiveState::kData) {
-                Observe("the device sent " + std::to_string(received.size) +
-                        " further bytes: " + Hex(data, received.size, " "));
+            } else if (received.state == ReceiveState::kData && !talked_) {
+                talked_ = true;
+                Observe("the device sends further bytes, the first are " +
+                        Hex(data.data(), std::min<size_t>(received.size, 32), " "));
             }
+            budget -= std::min(budget, received.size);
         }
         WaitUntil(until);
     }
 
-    const Endpoint& endpoint_;
+    static constexpr size_t kMostThrownAway = size_t{1} << 20;
+
+    FollowTarget target_;
     int upgradeFd_;
     const UpgradeTimes& times_;
     UpgradeListener* listener_;
     UpgradeRecord* record_;
     Clock::time_point start_ = Clock::now();
     Clock::time_point leftAt_;
+    Clock::time_point searchedAt_ = start_;
+    Millis blind_{0};  // since the start, or since it left
     bool left_ = false;
+    bool portWasClosed_ = false;
+    bool talked_ = false;
     int misses_ = 0;
+    std::optional<DiscoveryReply> reply_;
     std::string lastText_;
+    std::vector<std::string> told_;
 };
 
 }  // namespace
 
-ProbeResult Probe(const Endpoint& endpoint, Millis connect, Millis reply) {
-    Connection connection = Connect(endpoint, Clock::now() + connect);
-    switch (connection.state) {
-        case ConnectState::kRefused:
-            return {ProbeState::kRefused, 0, endpoint.text + " refuses connections"};
-        case ConnectState::kUnreachable:
-        case ConnectState::kTimedOut:
-            return {ProbeState::kUnreachable, 0,
-                    endpoint.text + " cannot be reached: " + connection.error};
-        case ConnectState::kConnected:
-            break;
-    }
-    try {
-        const uint32_t session = ProtocolClient(std::move(connection.fd), reply).Login();
-        return {ProbeState::kRecovery, session, endpoint.text + " answers in recovery mode"};
-    } catch (const ToolError& error) {
-        if (error.Code() == ExitCode::kNoReply) {
-            return {ProbeState::kSilent, 0, endpoint.text + " accepts connections but is silent"};
-        }
-        if (error.Code() == ExitCode::kBadReply || error.Code() == ExitCode::kLost) {
-            return {ProbeState::kOther, 0,
-                    endpoint.text + " accepts connections but does not answer as in recovery mode"};
-        }
-        throw;
-    }
+bool IsVersion(const std::string& firmware, const std::string& version) {
+    const size_t mark = firmware.rfind("_V");
+    return firmware == version ||
+           (mark != std::string::npos && firmware.substr(mark + 2) == version);
 }
 
-ExitCode Follow(const Endpoint& endpoint, int upgradeFd, const UpgradeTimes& times,
+ExitCode Follow(const FollowTarget& target, int upgradeFd, const UpgradeTimes& times,
                 UpgradeListener* listener, UpgradeRecord* record) {
-    return Follower(endpoint, upgradeFd, times, listener, record).Run();
+    return Follower(target, upgradeFd, times, listener, record).Run();
 }
 
 }  // namespace kvtool

@@ -1,5 +1,4 @@
-// Watches a device from outside: whether it serves recovery mode, and what it does after an
-// accepted upgrade, of which it tells nothing itself.
+// What becomes of a device after an accepted upgrade, of which it tells nothing itself.
 #pragma once
 
 #include <cstdint>
@@ -9,26 +8,27 @@
 
 namespace kvtool {
 
-enum class ProbeState {
-    kRecovery,     // a login was answered
-    kOther,        // something is there that does not speak the protocol, or closed at once
-    kSilent,       // connected, but no answer in time
-    kRefused,      // the host is there, the port is closed
-    kUnreachable,  // no connection at all
+struct FollowTarget {
+    Endpoint endpoint;           // the command port
+    Endpoint local;              // this PC's end of the upgrade's connection
+    std::string mac;             // "AA:BB:CC:DD:EE:FF"; empty: not known, no search for it
+    uint16_t discoveryPort = 0;  // where searches go
+    uint16_t alivePort = 0;      // TCP port that the running application opens; 0: not known
+    std::string version;         // firmware that a reply must tell as well; empty: any
 };
-struct ProbeResult {
-    ProbeState state;
-    uint32_t session = 0;  // when kRecovery: the session held before this login
-    std::string text;      // what was seen, in words
-};
-// One look at the device: connects and logs in on a connection of its own.
-ProbeResult Probe(const Endpoint& endpoint, Millis connect, Millis reply);
 
-// Follows the device after acceptance until it is back in recovery mode or the times are over.
+// Follows the device until it is seen alive, is back in recovery mode, or the times are over.
 // `upgradeFd` is the connection of the upgrade; nothing is sent on it. Adds what was seen to
-// record->observed and what is concluded to record->assumed.
-// Returns kDone (seen to leave, not back), kBackInRecovery or kNeverLeft.
-ExitCode Follow(const Endpoint& endpoint, int upgradeFd, const UpgradeTimes& times,
+// record->observed and what is concluded to record->assumed. A fault of this PC's own network is
+// told and waited for, and nothing is concluded from it.
+// Blocks for at most times.leave + times.back and one look.
+// Returns kDone (seen to leave, then alive as `target` says), kBackInRecovery, kNotSeenAlive or
+// kNeverLeft.
+ExitCode Follow(const FollowTarget& target, int upgradeFd, const UpgradeTimes& times,
                 UpgradeListener* listener, UpgradeRecord* record);
+
+// Whether the firmware text of a device is the version asked for: the whole text, or what stands
+// behind its last "_V".
+bool IsVersion(const std::string& firmware, const std::string& version);
 
 }  // namespace kvtool

@@ -1,14 +1,18 @@
 #include "tools/device/tcp.h"
 
 #include <fcntl.h>
+#include <ifaddrs.h>
 #include <linux/sockios.h>
+#include <net/if.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
+#include <memory>
 
 #include "tools/base/errors.h"
 
@@ -16,21 +20,91 @@ namespace kvtool {
 
 namespace {
 
-std::string EndpointText(const addrinfo& info) {
-    char host[NI_MAXHOST];
-    char service[NI_MAXSERV];
-    if (getnameinfo(info.ai_addr, info.ai_addrlen, host, sizeof host, service, sizeof service,
+const sockaddr* Generic(const sockaddr_storage* address) {
+    return reinterpret_cast<const sockaddr*>(address);
+}
+
+bool NumericText(const sockaddr* address, socklen_t length, std::string* host,
+                 std::string* service) {
+    char hostText[NI_MAXHOST];
+    char serviceText[NI_MAXSERV];
+    if (getnameinfo(address, length, hostText, sizeof hostText, serviceText, sizeof serviceText,
                     NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
-        return "?";
+        return false;
     }
-    const std::string text = host;
-    return (text.find(':') == std::string::npos ? text : "[" + text + "]") + ":" + service;
+    *host = hostText;
+    *service = serviceText;
+    return true;
+}
+
+void FillText(Endpoint* endpoint) {
+    std::string service;
+    if (!NumericText(Generic(&endpoint->address), endpoint->length, &endpoint->host, &service)) {
+        endpoint->host = endpoint->text = "?";
+        return;
+    }
+    const bool plain = endpoint->host.find(':') == std::string::npos;
+    endpoint->text = (plain ? endpoint->host : "[" + endpoint->host + "]") + ":" + service;
+}
+
+// Errors that this PC gives without asking anybody.
+bool IsOwnTrouble(int error) {
+    switch (error) {
+        case ENETUNREACH:
+        case ENETDOWN:
+        case EADDRNOTAVAIL:
+        case ENODEV:
+        case EACCES:
+        case EPERM:
+        case ENOBUFS:
+        case ENOMEM:
+        case EMFILE:
+        case ENFILE:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// Whether the kernel finds a way to the peer; a connected datagram socket sends nothing.
+int RouteError(const Endpoint& peer) {
+    const UniqueFd fd(socket(peer.address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!fd || connect(fd.Get(), Generic(&peer.address), peer.length) != 0) {
+        return errno;
+    }
+    return 0;
+}
+
+// What is wrong with the interface that has the address; empty: nothing.
+std::string InterfaceTrouble(const Endpoint& local) {
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0) {
+        return "";
+    }
+    const std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> owner(list, freeifaddrs);
+    for (const ifaddrs* item = list; item != nullptr; item = item->ifa_next) {
+        std::string host;
+        std::string service;
+        if (item->ifa_addr == nullptr || item->ifa_addr->sa_family != local.address.ss_family ||
+            !NumericText(item->ifa_addr, local.length, &host, &service) || host != local.host) {
+            continue;
+        }
+        if ((item->ifa_flags & IFF_UP) == 0) {
+            return std::string("its interface ") + item->ifa_name + " is down";
+        }
+        if ((item->ifa_flags & IFF_RUNNING) == 0) {
+            return std::string("its interface ") + item->ifa_name + " has no link";
+        }
+        return "";
+    }
+    return "it no longer has the address " + local.host;
 }
 
 Connection Failed(int error) {
     Connection connection;
     connection.state = error == ECONNREFUSED ? ConnectState::kRefused
                        : error == ETIMEDOUT  ? ConnectState::kTimedOut
+                       : IsOwnTrouble(error) ? ConnectState::kOwnTrouble
                                              : ConnectState::kUnreachable;
     connection.error = strerror(error);
     return connection;
@@ -53,7 +127,7 @@ std::vector<Endpoint> Resolve(const std::string& host, uint16_t port) {
         Endpoint endpoint;
         memcpy(&endpoint.address, info->ai_addr, info->ai_addrlen);
         endpoint.length = info->ai_addrlen;
-        endpoint.text = EndpointText(*info);
+        FillText(&endpoint);
         endpoints.push_back(std::move(endpoint));
     }
     freeaddrinfo(list);
@@ -71,7 +145,7 @@ Connection Connect(const Endpoint& endpoint, Clock::time_point deadline) {
     // Each request must leave as one segment at once: the device does not put pieces together.
     const int on = 1;
     (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&endpoint.address), endpoint.length) != 0) {
+    if (connect(fd, Generic(&endpoint.address), endpoint.length) != 0) {
         if (errno != EINPROGRESS && errno != EINTR) {
             return Failed(errno);
         }
@@ -87,6 +161,36 @@ Connection Connect(const Endpoint& endpoint, Clock::time_point deadline) {
     }
     connection.state = ConnectState::kConnected;
     return connection;
+}
+
+Endpoint WithPort(const Endpoint& endpoint, uint16_t port) {
+    Endpoint other = endpoint;
+    const uint16_t value = htons(port);
+    // The port stands at the same place for both families.
+    static_assert(offsetof(sockaddr_in, sin_port) == offsetof(sockaddr_in6, sin6_port), "");
+    memcpy(reinterpret_cast<char*>(&other.address) + offsetof(sockaddr_in, sin_port), &value,
+           sizeof value);
+    FillText(&other);
+    return other;
+}
+
+Endpoint LocalEnd(int fd) {
+    Endpoint local;
+    local.length = sizeof local.address;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&local.address), &local.length) != 0) {
+        local.length = 0;
+        return local;
+    }
+    FillText(&local);
+    return local;
+}
+
+std::string OwnTrouble(const Endpoint& peer, const Endpoint& local) {
+    const int error = RouteError(peer);
+    if (error != 0) {
+        return std::string("it has no way to the device: ") + strerror(error);
+    }
+    return local.length == 0 ? "" : InterfaceTrouble(local);
 }
 
 Received ReceiveNow(int fd, uint8_t* data, size_t size) {

@@ -17,6 +17,7 @@ namespace kvtool {
 struct Endpoint {
     sockaddr_storage address{};
     socklen_t length = 0;
+    std::string host;  // "192.168.1.10"
     std::string text;  // "192.168.1.10:80"
 };
 
@@ -24,7 +25,13 @@ struct Endpoint {
 // own time-outs apply. Throws ToolError(kUnreachable).
 std::vector<Endpoint> Resolve(const std::string& host, uint16_t port);
 
-enum class ConnectState { kConnected, kRefused, kUnreachable, kTimedOut };
+enum class ConnectState {
+    kConnected,
+    kRefused,
+    kUnreachable,
+    kTimedOut,
+    kOwnTrouble,  // this PC could not even try: no route, no address, interface down
+};
 
 struct Connection {
     UniqueFd fd;  // non-blocking, no delay, close-on-exec; open only when kConnected
@@ -32,6 +39,17 @@ struct Connection {
     std::string error;  // why not connected
 };
 Connection Connect(const Endpoint& endpoint, Clock::time_point deadline);
+
+// The same host, another port.
+Endpoint WithPort(const Endpoint& endpoint, uint16_t port);
+
+// The address that the connection leaves this PC by; length 0 when it cannot be told.
+Endpoint LocalEnd(int fd);
+
+// Why a look at `peer` would tell nothing of the peer now: this PC has no route to it, has lost the
+// address `local` (length 0: not known), or that address's interface has no link. Empty: the way
+// out is there.
+std::string OwnTrouble(const Endpoint& peer, const Endpoint& local);
 
 enum class ReceiveState { kData, kNothing, kClosed };
 struct Received {

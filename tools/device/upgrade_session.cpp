@@ -77,6 +77,7 @@ void UpgradeSession::Upload(const Bytes& package) {
         std::array<uint8_t, kv::kFrameHeaderSize> request{};
         kv::FillFrameHeader(request.data(), kv::kCmdUpgrade, 0, record_->session,
                             static_cast<uint32_t>(record_->total), 1);
+        record_->sent = Sent::kPart;
         if (SendNow(Fd(), request.data(), request.size()) != request.size()) {
             Lost("the upgrade request could not be sent");
         }
@@ -94,6 +95,7 @@ void UpgradeSession::Upload(const Bytes& package) {
     {
         PhaseTimer phase(this, "trailer");
         Send(trailer.data(), trailer.size());
+        record_->sent = Sent::kAll;
         WaitAcknowledged();
         phase.Done("MD5 " +
                    std::string(reinterpret_cast<const char*>(trailer.data()) + kv::kMd5TagSize,
@@ -123,7 +125,9 @@ void UpgradeSession::Advance(bool force) {
     }
     if (force || now - lastReport_ >= kTick) {
         lastReport_ = now;
-        listener_->Progress(record_->acknowledged, record_->total, SecondsSince(uploadStart_));
+        listener_->Progress({record_->acknowledged, record_->total, SecondsSince(uploadStart_),
+                             SecondsSince(lastAdvance_),
+                             std::chrono::duration<double>(times_.stall).count()});
     }
     if (now - lastAdvance_ >= times_.stall) {
         Lost("nothing was acknowledged for " + std::to_string(times_.stall.count()) + " ms");
@@ -196,7 +200,7 @@ void UpgradeSession::Send(const uint8_t* data, size_t size) {
 }
 
 void UpgradeSession::WaitQuiet(Clock::time_point until) {
-    while (WaitFor(Fd(), POLLIN, until) != 0) {
+    while (Clock::now() < until && WaitFor(Fd(), POLLIN, until) != 0) {
         (void)TakeAnswer(false);
         if (answerSize_ == answer_.size()) {
             Interpret(false);
@@ -233,7 +237,8 @@ void UpgradeSession::AwaitVerdict() {
             }
             Interpret(true);
         }
-        if (WaitFor(Fd(), POLLIN, deadline) == 0) {
+        // The clock ends it: a device may go on sending for ever.
+        if (Clock::now() >= deadline || WaitFor(Fd(), POLLIN, deadline) == 0) {
             break;
         }
         (void)TakeAnswer(true);

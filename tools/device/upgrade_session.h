@@ -24,9 +24,12 @@ struct UpgradeTimes {
     Millis stall{25000};   // longest time without any byte acknowledged by the device
     Millis verify{60000};  // from the last byte to the verdict
     Millis leave{600000};  // from the verdict until the device is seen to leave recovery mode
-    Millis back{120000};   // from there until it is no longer expected back
+    Millis back{120000};   // from there until it must have been seen alive
     Millis probeEvery{2000};
     Millis probeReply{3000};
+    Millis ask{1500};           // for a reply to a search at the device's own address
+    Millis search{1000};        // for a broadcast search for a device that is away
+    Millis searchEvery{15000};  // between two such searches
 };
 
 struct Phase {
@@ -34,18 +37,31 @@ struct Phase {
     double seconds;
 };
 
+// How much of the upgrade request and the stream behind it has been handed to the network.
+enum class Sent { kNothing, kPart, kAll };
+
 // Everything that is known of an upgrade; filled as it goes on, so that it is true at any failure.
 struct UpgradeRecord {
     std::string address;
+    std::string mac;  // empty: not known
     uint32_t session = 0;
     bool identified = false;
     DeviceInfo device;
     uint64_t total = 0;         // package and trailer
     uint64_t acknowledged = 0;  // of these, what the device's TCP has acknowledged
-    bool accepted = false;      // the device answered with status 0
+    Sent sent = Sent::kNothing;
+    bool accepted = false;  // the device answered with status 0
     std::vector<Phase> phases;
     std::vector<std::string> observed;
     std::vector<std::string> assumed;
+};
+
+struct UploadProgress {
+    uint64_t acknowledged = 0;
+    uint64_t total = 0;
+    double seconds = 0;     // since the upload began
+    double silent = 0;      // seconds since the last byte was acknowledged
+    double stallLimit = 0;  // the upload ends when `silent` reaches this
 };
 
 // Told of what happens as it happens. Called on the calling thread only.
@@ -53,8 +69,8 @@ class UpgradeListener {
   public:
     virtual ~UpgradeListener() = default;
     virtual void Line(const std::string& text) = 0;
-    // `seconds` since the upload began.
-    virtual void Progress(uint64_t acknowledged, uint64_t total, double seconds) = 0;
+    // About every 100 ms during the upload, also while the device acknowledges nothing.
+    virtual void Progress(const UploadProgress& progress) = 0;
 };
 
 class UpgradeSession {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,12 +12,11 @@
 
 namespace kvtool {
 
+// What is known of the device; what is not known is not compared.
 struct Identity {
-    std::string ic;
-    std::string sensor;
+    std::optional<std::string> ic;
+    std::optional<std::string> sensor;
 };
-// The identity of the device that this tool is built for.
-Identity StandardIdentity();
 
 enum class Severity {
     kNote,     // worth knowing
@@ -27,7 +27,8 @@ const char* SeverityName(Severity severity);
 
 struct Finding {
     Severity severity;
-    int entry;  // index in the table, -1: the package as a whole
+    const char* kind;  // stable word, for programs and for counting findings of a kind
+    int entry;         // index in the table, -1: the package as a whole
     std::string text;
 };
 
@@ -40,7 +41,7 @@ struct EntryReport {
     std::vector<LayoutRow> targets;  // partitions that the name selects
     bool reached = true;             // false: a bad check code ends the device's loop before it
     uint64_t inFile = 0;             // bytes of the image that the file really holds
-    std::string md5;                 // of those bytes
+    std::string md5;                 // of those bytes; empty where too many images overlap
     uint64_t behind = 0;      // bytes that are written behind the image (boot loader: at most)
     bool behindBlank = true;  // all of them are 0xFF, as erased flash is
 };
@@ -60,6 +61,7 @@ struct PackageReport {
     bool Acceptable() const;
 };
 
+// Without an identity the package's own chip and sensor types are facts, not findings.
 PackageReport CheckPackage(const Bytes& package, const Layout& layout, const Identity& device);
 
 // Bytes that the device's writer takes from the package for an image: whole transfer units, at

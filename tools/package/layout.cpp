@@ -4,10 +4,11 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
+#include <iterator>
 
 #include "common/kv_platform.h"
 #include "tools/base/errors.h"
+#include "tools/base/files.h"
 #include "tools/base/text.h"
 
 namespace kvtool {
@@ -41,7 +42,7 @@ Layout Layout::Default() {
 
 void Layout::SetSize(const std::string& assignment) {
     const size_t equals = assignment.find('=');
-    const std::string name = assignment.substr(0, equals);
+    const std::string name = Trimmed(assignment.substr(0, equals));
     if (equals == std::string::npos) {
         throw ToolError(ExitCode::kUsage, "not NAME=BYTES: '" + Printable(assignment) + "'");
     }
@@ -50,18 +51,15 @@ void Layout::SetSize(const std::string& assignment) {
     if (row == rows_.end()) {
         throw ToolError(ExitCode::kUsage, "no partition is called '" + Printable(name) + "'");
     }
-    row->size = ParseSize(assignment.substr(equals + 1));
+    row->size = ParseSize(Trimmed(assignment.substr(equals + 1)));
 }
 
 void Layout::ReadFile(const std::string& path) {
-    std::ifstream file(path);
-    if (!file) {
-        throw ToolError(ExitCode::kUsage, "cannot read the layout file " + path);
-    }
-    std::string line;
-    while (std::getline(file, line)) {
-        if (!line.empty() && line.front() != '#') {
-            SetSize(line);
+    for (const SourceLine& line : ReadLines(path)) {
+        try {
+            SetSize(line.text);
+        } catch (const ToolError& error) {
+            throw ToolError(error.Code(), line.where + error.what());
         }
     }
 }

@@ -28,8 +28,8 @@ class Layout {
 
     // Sets the size of a row from "NAME=BYTES". Throws ToolError(kUsage).
     void SetSize(const std::string& assignment);
-    // Reads one "NAME=BYTES" a line; blank lines and lines that begin with # are passed over.
-    // Throws ToolError(kUsage).
+    // Reads one "NAME=BYTES" a line; spaces, blank lines and comments ("#" at the start of a word)
+    // are passed over. Throws ToolError(kUsage), which names file and line.
     void ReadFile(const std::string& path);
 
     // Every row that an entry of this name selects, in table order: those whose name is a prefix.

@@ -2,8 +2,10 @@
 // that a real one has.
 //
 // Once a second it sends one heartbeat datagram: the process name as NUL-terminated text in 32
-// bytes, and the ready flag behind it. What else it does is read, before every beat, from a file
-// that `vboard app` writes:
+// bytes, and the ready flag behind it. Meanwhile it takes connections on the video port, so that it
+// can be seen from outside; nothing is served there. An image that holds bin/network has that
+// script run once at the start, because an application sees to its own network. What else it does
+// is read, before every beat, from a file that `vboard app` writes:
 //
 //     beat         heartbeats with the ready flag set (also when there is no file)
 //     not-ready    heartbeats with the ready flag clear
@@ -27,6 +29,8 @@
 namespace {
 
 constexpr char kModeFile[] = "/run/board/app";
+constexpr char kStartNetwork[] = "test ! -x /opt/app/bin/network || /opt/app/bin/network &";
+constexpr uint16_t kVideoPort = 554;
 constexpr size_t kReadyOffset = 32;
 constexpr size_t kBeatSize = 33;
 
@@ -61,10 +65,27 @@ void SendBeat(int socket, bool ready) {
                  sizeof(supervisor));
 }
 
+// A listening socket. Without it the application runs all the same.
+UniqueFd OpenVideoPort() {
+    UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const int on = 1;
+    (void)setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    struct sockaddr_in any = {};
+    any.sin_family = AF_INET;
+    any.sin_port = htons(kVideoPort);
+    if (bind(fd.Get(), reinterpret_cast<struct sockaddr*>(&any), sizeof(any)) != 0 ||
+        listen(fd.Get(), 8) != 0) {
+        perror("cameraMain: video port");
+    }
+    return fd;
+}
+
 }  // namespace
 
 int main() {
     const UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    (void)system(kStartNetwork);
+    UniqueFd video;
     const int64_t started = kv::MonotonicSeconds();
     for (;;) {
         const Mode mode = ReadMode();
@@ -73,6 +94,11 @@ int main() {
         }
         if (Is(mode, "crash")) {
             abort();
+        }
+        if (!video) {
+            video = OpenVideoPort();
+        }
+        while (UniqueFd(accept4(video.Get(), nullptr, nullptr, SOCK_CLOEXEC))) {
         }
         const bool late = Is(mode, "late") && kv::MonotonicSeconds() - started < mode.seconds;
         if (!Is(mode, "silent") && !late) {

@@ -1,6 +1,6 @@
 #!/bin/sh
-# access_point.sh create | start | stop: the service network's access point: the second radio, bridged with the Ethernet
-# in a network namespace of its own, so that the supervisor has nothing but the air between itself and it.
+# access_point.sh create | start | stop: controls the service network's access point. It is the second radio, bridged
+# with the Ethernet in its own network namespace, so the supervisor can reach it only over the air.
 pid_file=/run/access_point.namespace
 inside() { nsenter -t "$(cat $pid_file)" -n "$@"; }
 

@@ -1,6 +1,6 @@
 #!/bin/sh
-# name_button.sh: gives the reset button's line the name under which the board's kernel exports it, GPIO26. The line's
-# number in sysfs is counted from the chip's base, which another kernel places elsewhere.
+# name_button.sh: gives the reset button's line the name that a camera's kernel uses, GPIO26. The line's number in sysfs
+# counts from the chip's base, which differs between kernels.
 line=26
 class=/sys/class/gpio
 for chip in "$class"/gpiochip*; do

@@ -1,5 +1,5 @@
 #!/bin/sh
-# wifi_reset.sh soft: wlan0 loses its state and comes up again. The driver stays: it carries the access point too.
+# wifi_reset.sh soft: clears wlan0's state and brings it up again. The driver stays: the access point uses it too.
 echo "wifi_reset.sh $*: re-initialising wlan0"
 ip link set wlan0 down
 ip address flush dev wlan0

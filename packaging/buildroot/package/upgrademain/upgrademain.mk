@@ -10,7 +10,7 @@ UPGRADEMAIN_SITE_METHOD = local
 UPGRADEMAIN_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = --exclude /build --exclude /.cache
 UPGRADEMAIN_DEPENDENCIES = libevent libmd liboping
 UPGRADEMAIN_SUPPORTS_IN_SOURCE_BUILD = NO
-# Warnings of a compiler that nobody has tried are no reason to have no image.
+# A new warning of an untested compiler must not break the image.
 UPGRADEMAIN_CONF_OPTS = \
 	-DCMAKE_BUILD_TYPE=MinSizeRel \
 	-DKV_TESTS=OFF \
@@ -25,7 +25,7 @@ define UPGRADEMAIN_INSTALL_TARGET_CMDS
 	$(UPGRADEMAIN_INSTALL_EXAMPLES)
 endef
 
-# From the copy that is built, which may lie elsewhere than this external tree.
+# Taken from the source copy, which need not be the tree of this recipe.
 UPGRADEMAIN_FILES = $(@D)/packaging
 
 ifeq ($(BR2_PACKAGE_UPGRADEMAIN_EXAMPLES),y)

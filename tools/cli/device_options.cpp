@@ -1,0 +1,153 @@
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "common/kv_platform.h"
+#include "tools/cli/command_line.h"
+#include "tools/cli/commands.h"
+
+namespace kvtool {
+
+namespace {
+
+constexpr double kLongestSeconds = 86400;
+
+// What --port and the time-outs say, in the units of the command line.
+struct DeviceOptions {
+    uint16_t port = 0;
+    UpgradeTimes times;
+
+    void Fill(DeviceCommand* device) const {
+        if (port != 0) {
+            device->port = port;
+        }
+        device->discoveryPort = kv::kDiscoveryPort;
+    }
+};
+
+Millis FromSeconds(double seconds) {
+    return std::chrono::duration_cast<Millis>(std::chrono::duration<double>(seconds));
+}
+
+void AddSeconds(CLI::App* app, const char* name, Millis* value, const char* help) {
+    const double seconds = std::chrono::duration<double>(*value).count();
+    app->add_option_function<double>(
+           name, [value](const double& given) { *value = FromSeconds(given); }, help)
+        ->default_str(CLI::detail::to_string(seconds))
+        ->check(CLI::Range(0.1, kLongestSeconds));
+}
+
+void AddConnection(CLI::App* app, DeviceCommand* device, DeviceOptions* options) {
+    app->add_option("host", device->host, "Address, name or MAC address")
+        ->required()
+        ->type_name("HOST");
+    app->add_option("--port", options->port, "TCP port (default: 80, or as discovered)")
+        ->check(CLI::Range(1, 65535));
+    AddSeconds(app, "--connect-timeout", &options->times.connect, "Seconds to connect");
+    AddSeconds(app, "--reply-timeout", &options->times.reply, "Seconds for each answer");
+}
+
+void AddInfo(CLI::App* root, Chosen* chosen) {
+    struct Info {
+        DeviceCommand command;
+        DeviceOptions options;
+    };
+    const auto info = std::make_shared<Info>();
+    CLI::App* app = root->add_subcommand("info", "Ask a device in recovery mode who it is");
+    AddConnection(app, &info->command, &info->options);
+    app->add_flag("--json", chosen->json, "Print JSON");
+    app->callback([info, chosen] {
+        chosen->run = [info, chosen](Json* json) {
+            info->options.Fill(&info->command);
+            info->command.json = chosen->json;
+            return RunInfo(info->command, info->options.times, json);
+        };
+    });
+}
+
+void AddUpgrade(CLI::App* root, Chosen* chosen) {
+    struct Upgrade {
+        UpgradeCommand command;
+        DeviceOptions options;
+        LayoutOptions layout;
+        bool noFollow = false;
+        uint16_t alivePort = 0;
+        double waitSeconds = 0;
+    };
+    const auto upgrade = std::make_shared<Upgrade>();
+    UpgradeCommand& command = upgrade->command;
+    CLI::App* app = root->add_subcommand("upgrade", "Send a package to a device in recovery mode");
+    AddConnection(app, &command.device, &upgrade->options);
+    app->add_option("file", command.file, "Package")->required()->type_name("FILE");
+    app->add_flag("--force", command.force, "Send in spite of objections to the package");
+    app->add_flag("--force-identity", command.forceIdentity,
+                  "Send to a device of another chip or sensor type");
+    app->add_flag("--no-follow", upgrade->noFollow, "End when the device has accepted");
+    app->add_flag("--json", chosen->json, "Print JSON at the end, progress to standard error");
+    AddLayout(app, &upgrade->layout);
+    // A flag with a value; a number in the word behind it has been joined to it.
+    app->add_flag("--wait{300}", upgrade->waitSeconds,
+                  "Wait for the device to appear, --wait SECONDS for a time of your own")
+        ->check(CLI::Range(0.1, kLongestSeconds));
+    app->add_option("--expect-port", upgrade->alivePort,
+                    "TCP port that the running application opens (default: RTSP, as discovered)")
+        ->check(CLI::Range(1, 65535));
+    app->add_option("--expect-version", command.expectVersion,
+                    "Firmware version that the running application tells a search");
+    UpgradeTimes& times = upgrade->options.times;
+    AddSeconds(app, "--stall-timeout", &times.stall, "Seconds without anything acknowledged");
+    AddSeconds(app, "--verify-timeout", &times.verify, "Seconds for the verdict");
+    AddSeconds(app, "--leave-timeout", &times.leave,
+               "Seconds to see the device leave recovery mode");
+    AddSeconds(app, "--back-timeout", &times.back, "Seconds from there to see it alive");
+    app->callback([upgrade, chosen] {
+        chosen->run = [upgrade, chosen](Json* json) {
+            UpgradeCommand& chosenCommand = upgrade->command;
+            upgrade->options.Fill(&chosenCommand.device);
+            chosenCommand.device.json = chosen->json;
+            chosenCommand.follow = !upgrade->noFollow;
+            chosenCommand.times = upgrade->options.times;
+            if (upgrade->waitSeconds > 0) {
+                chosenCommand.wait = FromSeconds(upgrade->waitSeconds);
+            }
+            if (upgrade->alivePort != 0) {
+                chosenCommand.alivePort = upgrade->alivePort;
+            }
+            return RunUpgrade(chosenCommand, upgrade->layout.Make(), json);
+        };
+    });
+}
+
+void AddDiscover(CLI::App* root, Chosen* chosen) {
+    const auto discover = std::make_shared<DiscoverCommand>();
+    DiscoveryRequest& request = discover->request;
+    CLI::App* app = root->add_subcommand("discover", "Find devices in recovery mode");
+    request.port = kv::kDiscoveryPort;
+    app->add_option("host", request.host, "Search one address instead of broadcasting")
+        ->type_name("HOST");
+    app->add_option("--interface", request.interfaces, "Broadcast here only")
+        ->allow_extra_args(false);
+    app->add_option("--port", request.port, "UDP port")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 65535));
+    AddSeconds(app, "--timeout", &request.timeout, "Seconds to listen");
+    app->add_option("--repeat", request.repeat, "Searches to send")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1000));
+    app->add_flag("--json", chosen->json, "Print JSON");
+    app->callback([discover, chosen] {
+        chosen->run = [discover, chosen](Json* json) {
+            discover->json = chosen->json;
+            return RunDiscover(*discover, json);
+        };
+    });
+}
+
+}  // namespace
+
+void AddDeviceCommands(CLI::App* root, Chosen* chosen) {
+    AddInfo(root, chosen);
+    AddUpgrade(root, chosen);
+    AddDiscover(root, chosen);
+}
+
+}  // namespace kvtool

@@ -1,0 +1,25 @@
+// Arguments of the form NAME=FILE.
+#pragma once
+
+#include <string>
+
+#include "tools/base/errors.h"
+#include "tools/base/text.h"
+
+namespace kvtool {
+
+struct NamedFile {
+    std::string name;
+    std::string file;
+};
+
+// Throws ToolError(kUsage).
+inline NamedFile ParseNamedFile(const std::string& text) {
+    const size_t equals = text.find('=');
+    if (equals == std::string::npos) {
+        throw ToolError(ExitCode::kUsage, "not NAME=FILE: '" + Printable(text) + "'");
+    }
+    return {text.substr(0, equals), text.substr(equals + 1)};
+}
+
+}  // namespace kvtool

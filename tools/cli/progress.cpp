@@ -1,0 +1,61 @@
+#include "tools/cli/progress.h"
+
+#include <cmath>
+
+#include "tools/base/text.h"
+
+namespace kvtool {
+
+namespace {
+
+constexpr double kWindow = 5.0;    // seconds that the rate is taken over
+constexpr double kShortest = 0.5;  // seconds below which there is no rate yet
+constexpr double kStalls = 3.0;    // seconds without progress that are worth a word
+
+std::string WholeSeconds(double seconds) {
+    return std::to_string(std::lround(seconds)) + " s";
+}
+
+}  // namespace
+
+void RateMeter::Add(double seconds, uint64_t bytes) {
+    samples_.push_back({seconds, bytes});
+    while (samples_.size() > 2 && samples_[1].seconds <= seconds - kWindow) {
+        samples_.pop_front();
+    }
+}
+
+double RateMeter::Rate() const {
+    if (samples_.empty()) {
+        return 0;
+    }
+    const Sample& first = samples_.front();
+    const Sample& last = samples_.back();
+    const double span = last.seconds - first.seconds;
+    return span < kShortest ? 0 : static_cast<double>(last.bytes - first.bytes) / span;
+}
+
+std::string ProgressText(const UploadProgress& progress, double rate, size_t columns) {
+    const uint64_t percent = progress.total > 0 ? progress.acknowledged * 100 / progress.total : 0;
+    std::vector<std::string> parts = {"upload " + std::to_string(percent) + "%"};
+    if (progress.silent >= kStalls) {
+        parts.push_back("stalled for " + WholeSeconds(progress.silent));
+        parts.push_back("gives up at " + WholeSeconds(progress.stallLimit));
+    } else if (rate > 0) {
+        const auto left = static_cast<double>(progress.total - progress.acknowledged);
+        parts.push_back(WholeSeconds(std::ceil(left / rate)) + " left");
+        parts.push_back(ShortSizeText(static_cast<uint64_t>(rate)) + "/s");
+    }
+    parts.push_back("of " + ShortSizeText(progress.total));
+    std::string text;
+    for (const std::string& part : parts) {
+        const std::string longer = text + (text.empty() ? "" : ", ") + part;
+        if (longer.size() > columns) {
+            break;
+        }
+        text = longer;
+    }
+    return text;
+}
+
+}  // namespace kvtool

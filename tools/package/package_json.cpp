@@ -1,0 +1,107 @@
+#include "tools/package/package_json.h"
+
+namespace kvtool {
+
+namespace {
+
+Json EntryJson(const EntryReport& entry) {
+    Json partitions = Json::array();
+    for (const LayoutRow& row : entry.targets) {
+        partitions.push_back({{"name", row.name}, {"device", row.device}, {"size", row.size}});
+    }
+    return {{"index", entry.index},
+            {"name", Printable(entry.name)},
+            {"partitions", partitions},
+            {"offset", entry.dataOffset},
+            {"length", entry.dataLen},
+            {"in_file", entry.inFile},
+            {"check_code", entry.checkCode},
+            {"reached", entry.reached},
+            {"md5", entry.md5.empty() ? Json() : Json(entry.md5)},
+            {"written_behind", entry.behind},
+            {"written_behind_blank", entry.behindBlank}};
+}
+
+Json FindingsJson(const PackageReport& report) {
+    Json findings = Json::array();
+    for (const Finding& finding : report.findings) {
+        Json item = {{"severity", SeverityName(finding.severity)},
+                     {"kind", finding.kind},
+                     {"text", finding.text}};
+        if (finding.entry >= 0) {
+            item["entry"] = finding.entry;
+        }
+        findings.push_back(std::move(item));
+    }
+    return findings;
+}
+
+Json PlaceJson(const std::optional<ImagePlace>& place) {
+    if (!place) {
+        return {};
+    }
+    return {{"index", place->index}, {"offset", place->offset}, {"size", place->size}};
+}
+
+}  // namespace
+
+Json PackageSummaryJson(const PackageReport& report) {
+    Json json = {{"size", report.size}, {"md5", report.md5}, {"acceptable", report.Acceptable()}};
+    if (report.headerComplete) {
+        json["ic"] = Printable(report.ic);
+        json["sensor"] = Printable(report.sensor);
+    }
+    json["findings"] = FindingsJson(report);
+    return json;
+}
+
+Json PackageJson(const PackageReport& report) {
+    Json json = {{"size", report.size}, {"md5", report.md5}, {"acceptable", report.Acceptable()}};
+    if (report.headerComplete) {
+        json["ic"] = Printable(report.ic);
+        json["sensor"] = Printable(report.sensor);
+        json["total_length"] = report.totalLen;
+        json["file_num"] = report.fileNum;
+    }
+    json["entries"] = Json::array();
+    for (const EntryReport& entry : report.entries) {
+        json["entries"].push_back(EntryJson(entry));
+    }
+    json["findings"] = FindingsJson(report);
+    return json;
+}
+
+Json ComparisonJson(const PackageComparison& comparison) {
+    Json header = Json::array();
+    for (const HeaderDifference& field : comparison.header) {
+        header.push_back({{"field", field.field}, {"a", field.a}, {"b", field.b}});
+    }
+    Json images = Json::array();
+    for (const ImageComparison& image : comparison.images) {
+        Json item = {{"name", Printable(image.name)},
+                     {"change", ImageChangeName(image.change)},
+                     {"a", PlaceJson(image.a)},
+                     {"b", PlaceJson(image.b)}};
+        if (image.change == ImageChange::kChanged) {
+            item["first_difference"] = image.difference.first;
+            item["bytes_differ"] = image.difference.count;
+        }
+        images.push_back(std::move(item));
+    }
+    return {{"identical", comparison.identical}, {"header", header}, {"images", images}};
+}
+
+Json VerdictJson(const DumpVerdict& verdict) {
+    Json json = {{"name", verdict.name},
+                 {"same", verdict.difference.count == 0},
+                 {"size", verdict.size},
+                 {"image", verdict.image},
+                 {"written_behind", verdict.behind}};
+    if (verdict.difference.count > 0) {
+        json["first_difference"] = verdict.difference.first;
+        json["bytes_differ"] = verdict.difference.count;
+    }
+    return json;
+}
+
+}  // namespace kvtool

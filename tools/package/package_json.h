@@ -1,0 +1,18 @@
+// Packages as JSON; docs/kvtool-json.md describes the keys.
+#pragma once
+
+#include "tools/base/json.h"
+#include "tools/package/check.h"
+#include "tools/package/compare.h"
+#include "tools/package/flash_image.h"
+
+namespace kvtool {
+
+Json PackageJson(const PackageReport& report);
+// Without the entries.
+Json PackageSummaryJson(const PackageReport& report);
+
+Json ComparisonJson(const PackageComparison& comparison);
+Json VerdictJson(const DumpVerdict& verdict);
+
+}  // namespace kvtool
