@@ -49,7 +49,7 @@ TEST(WpaQuery, KeysAreFoundAnywhere) {
         {"wpa_state\n", 0, "", ""},            // no "=" behind the key
         {"wpa_state\nother=5\n", 0, "", "5"},  // the first "=" behind it counts
         {"wpa_state=SCAN", 0, "", "SCAN"},     // no line end
-        {"address=0123456789abcdef01\n", 0, "0123456789abcdef0", ""},              // cut
+        {"address=0123456789abcdef0123\n", 0, "0123456789abcdef0", ""},            // cut
         {std::string(kWpaReplySize - 14, 'x') + "wpa_state=DONE", 0, "", "DONE"},  // 1024 bytes
     };
     ScriptedSupplicant supplicant(ScriptedSupplicant::Always(""));
