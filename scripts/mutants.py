@@ -60,20 +60,20 @@ def read_rules(module, name):
     mutants = [mutant for mutant in mutants if (name or "") in mutant.name]
     if not mutants:
         raise RuleError("no rule of that name")
-    seen = set()
-    for mutant in mutants:
+    faults = []
+    for number, mutant in enumerate(mutants):
         where = f"{mutant.module}: {mutant.name}"
-        if (mutant.module, mutant.name) in seen:
-            raise RuleError(f"{where}: two rules of this name")
-        seen.add((mutant.module, mutant.name))
-        count = (ROOT / mutant.file).read_text().count(mutant.find)
+        if any((m.module, m.name) == (mutant.module, mutant.name) for m in mutants[:number]):
+            faults.append(f"{where}: two rules of this name")
+        count = (ROOT / mutant.file).read_text().count(mutant.find) if (ROOT / mutant.file).is_file() else 0
         if count != 1:
-            raise RuleError(f"{where}: its text stands {count} times in {mutant.file}, not once")
-        for test in mutant.tests:
-            if not list((ROOT / "tests").glob(f"*/{test.split()[0]}.cpp")):
-                raise RuleError(f"{where}: there is no test program {test.split()[0]}")
+            faults.append(f"{where}: its text stands {count} times in {mutant.file}, not once")
         if not mutant.tests and not mutant.equivalent:
-            raise RuleError(f"{where}: names no test")
+            faults.append(f"{where}: names no test")
+        faults += [f"{where}: there is no test program {test.split()[0]}" for test in mutant.tests
+                   if not list((ROOT / "tests").glob(f"*/{test.split()[0]}.cpp"))]
+    if faults:
+        raise RuleError("\n".join(faults))
     return mutants
 
 
