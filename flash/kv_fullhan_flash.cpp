@@ -10,6 +10,7 @@
 #include "common/kv_platform.h"
 #include "common/kv_raii.h"
 #include "common/kv_shell.h"
+#include "common/kv_text.h"
 #include "common/kv_time.h"
 #include "flash/kv_fullhan_watdog.h"
 #include "flash/kv_upgrade_package.h"
@@ -65,7 +66,7 @@ void WriteEntries(FILE* package, uint32_t fileNum) {
         UpgradeFileEntry entry;
         KV_PACKAGE_ReadEntry(package, i, &entry);
         KV_INFO_IN(kProc, "fileNum: %d, fileName: %s, dataLen: %d", static_cast<int>(i),
-                   entry.fileName, static_cast<int>(entry.dataLen));
+                   kv::LogText(entry.fileName).Get(), static_cast<int>(entry.dataLen));
         if (entry.checkCode != kv::kEntryCheckCode) {
             KV_ERROR_IN(kProc, "check code verify failed!!!, %d",
                         static_cast<int>(entry.checkCode));
@@ -87,8 +88,8 @@ void WritePackage() {
         KV_ERROR_IN(kProc, "read upgrate header error return is %d", static_cast<int>(got));
         return;
     }
-    KV_INFO_IN(kProc, "ic is %s", header.icType);
-    KV_INFO_IN(kProc, "sensorType is %s", header.sensorType);
+    KV_INFO_IN(kProc, "ic is %s", kv::LogText(header.icType).Get());
+    KV_INFO_IN(kProc, "sensorType is %s", kv::LogText(header.sensorType).Get());
     KV_INFO_IN(kProc, "file total len is %d", static_cast<int>(header.upgrateDataLen));
     KV_INFO_IN(kProc, "update file number : %d", static_cast<int>(header.fileNum));
     WriteEntries(package.Get(), header.fileNum);

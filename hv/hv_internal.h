@@ -19,7 +19,7 @@
 #include "hv/hsocket.h"
 
 constexpr size_t kHvReadMax = 8192;
-constexpr size_t kHvOutputMax = size_t{1} << 20;
+constexpr size_t kHvOutputMax = size_t{512} << 10;  // of all ios together
 constexpr uint32_t kHvLingerMs = 60000;
 constexpr uint32_t kHvAcceptRetryMs = 200;
 
@@ -52,9 +52,11 @@ struct hio_s {
     int64_t lastArrivalMs = 0;
     haccept_cb onAccept = nullptr;
     hread_cb onRead = nullptr;
+    hwrite_cb onWrite = nullptr;
     hclose_cb onClose = nullptr;
     void* context = nullptr;
     evbuffer* output = nullptr;
+    size_t outputMax = kHvOutputMax;
     sockaddr_u local{};
     sockaddr_u peer{};
     event readEvent{};
@@ -84,6 +86,7 @@ struct hloop_s {
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;  // guards the queue and the list of ios
     HvNode* head = nullptr;
     HvNode* tail = nullptr;
+    HvNode spare;  // for an event that is posted while there is no memory
     hio_s* ios = nullptr;
 
     htimer_s* timers = nullptr;
@@ -116,7 +119,8 @@ void HvCloseNow(hio_t* io);
 // Frees the ios that were closed by the callback that has just returned.
 void HvReap(hloop_t* loop);
 
-// stream.cpp: what libevent calls for an io.
+// stream.cpp: what is still to be sent, and what libevent calls for an io.
+void HvDropOutput(hio_t* io);
 void HvOnReadable(evutil_socket_t fd, short what, void* io);
 void HvOnWritable(evutil_socket_t fd, short what, void* io);
 void HvOnIoTimer(evutil_socket_t fd, short what, void* io);

@@ -48,10 +48,7 @@ void Finish(hio_t* io) {
     }
     (void)close(io->fd);
     io->fd = -1;
-    if (io->output != nullptr) {
-        evbuffer_free(io->output);
-        io->output = nullptr;
-    }
+    HvDropOutput(io);
 }
 
 void OnReadRequest(hevent_t* ev) {
@@ -143,6 +140,13 @@ int hio_read(hio_t* io) {
     return 0;
 }
 
+int hio_read_stop(hio_t* io) {
+    if (io->assigned) {
+        (void)event_del(&io->readEvent);
+    }
+    return 0;
+}
+
 int hio_close(hio_t* io) {
     hloop_t* loop = io->base.loop;
     if (loop == nullptr) {
@@ -200,6 +204,10 @@ void hio_set_read_timeout(hio_t* io, int timeoutMs) {
 
 void hio_setcb_read(hio_t* io, hread_cb cb) {
     io->onRead = cb;
+}
+
+void hio_setcb_write(hio_t* io, hwrite_cb cb) {
+    io->onWrite = cb;
 }
 
 void hio_setcb_close(hio_t* io, hclose_cb cb) {

@@ -11,26 +11,30 @@
 
 namespace {
 
-HvNode* TakeFirst(hloop_t* loop) {
-    const MutexGuard guard(&loop->lock);
-    HvNode* node = loop->head;
-    if (node != nullptr) {
+// Takes the first node off the queue and copies its event. False when there is none.
+bool TakeFirst(hloop_t* loop, hevent_t* ev) {
+    HvNode* node = nullptr;
+    {
+        const MutexGuard guard(&loop->lock);
+        node = loop->head;
+        if (node == nullptr) {
+            return false;
+        }
         loop->head = node->next;
         if (loop->head == nullptr) {
             loop->tail = nullptr;
         }
+        *ev = node->event;
         node->queued = false;
     }
-    return node;
+    if (node->owned) {
+        delete node;
+    }
+    return true;
 }
 
-}  // namespace
-
-void HvPost(hloop_t* loop, HvNode* node) {
-    const MutexGuard guard(&loop->lock);
-    if (node->queued) {
-        return;
-    }
+// With the loop's lock held.
+void Append(hloop_t* loop, HvNode* node) {
     node->queued = true;
     node->next = nullptr;
     (loop->tail != nullptr ? loop->tail->next : loop->head) = node;
@@ -38,6 +42,15 @@ void HvPost(hloop_t* loop, HvNode* node) {
     // Under the lock: once it is let go, the event may have run and the loop may be gone.
     const uint64_t one = 1;
     (void)write(loop->wakeFd, &one, sizeof(one));
+}
+
+}  // namespace
+
+void HvPost(hloop_t* loop, HvNode* node) {
+    const MutexGuard guard(&loop->lock);
+    if (!node->queued) {
+        Append(loop, node);
+    }
 }
 
 void HvCancel(hloop_t* loop, HvNode* node) {
@@ -62,15 +75,11 @@ void HvOnWake(evutil_socket_t fd, short /*what*/, void* arg) {
     auto* loop = static_cast<hloop_t*>(arg);
     uint64_t one = 0;
     (void)read(fd, &one, sizeof(one));
-    HvNode* node = TakeFirst(loop);
-    if (node == nullptr) {
+    hevent_t ev;
+    if (!TakeFirst(loop, &ev)) {
         return;
     }
-    hevent_t ev = node->event;
     ev.loop = loop;
-    if (node->owned) {
-        delete node;
-    }
     if (ev.cb != nullptr) {
         ev.cb(&ev);
     }
@@ -78,20 +87,22 @@ void HvOnWake(evutil_socket_t fd, short /*what*/, void* arg) {
 }
 
 void HvDropQueue(hloop_t* loop) {
-    for (HvNode* node = TakeFirst(loop); node != nullptr; node = TakeFirst(loop)) {
-        if (node->owned) {
-            delete node;
-        }
+    hevent_t dropped;
+    while (TakeFirst(loop, &dropped)) {
     }
 }
 
 void hloop_post_event(hloop_t* loop, hevent_t* ev) {
     auto* node = new (std::nothrow) HvNode;
-    if (node == nullptr) {
+    const MutexGuard guard(&loop->lock);
+    if (node != nullptr) {
+        node->owned = true;
+    } else if (!loop->spare.queued) {
+        node = &loop->spare;
+    } else {
         KV_ERROR("no memory for a posted event, it is lost");
         return;
     }
     node->event = *ev;
-    node->owned = true;
-    HvPost(loop, node);
+    Append(loop, node);
 }

@@ -1,6 +1,7 @@
 // Bytes and connections: what happens when an io's descriptor or timer is ready, and sending.
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -12,6 +13,9 @@
 #include "common/kv_mini_trace.h"
 
 namespace {
+
+// Bytes that all ios of the process have queued.
+std::atomic<size_t> g_queued{0};
 
 bool IsTransient(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
@@ -91,9 +95,9 @@ bool Flush(hio_t* io) {
             return IsTransient(errno);
         }
         (void)evbuffer_drain(io->output, static_cast<size_t>(sent));
+        g_queued.fetch_sub(static_cast<size_t>(sent));
     }
-    evbuffer_free(io->output);
-    io->output = nullptr;
+    HvDropOutput(io);
     (void)event_del(&io->writeEvent);
     return true;
 }
@@ -111,8 +115,11 @@ bool Queue(hio_t* io, const char* bytes, size_t len) {
     if (io->output == nullptr) {
         io->output = evbuffer_new();
     }
-    if (io->output == nullptr || evbuffer_get_length(io->output) + len > kHvOutputMax ||
+    const size_t all = g_queued.fetch_add(len) + len;
+    if (io->output == nullptr || all > kHvOutputMax ||
+        evbuffer_get_length(io->output) + len > io->outputMax ||
         evbuffer_add(io->output, bytes, len) != 0) {
+        g_queued.fetch_sub(len);
         errno = ENOBUFS;
         return false;
     }
@@ -131,6 +138,22 @@ int FailWrite(hio_t* io) {
 }
 
 }  // namespace
+
+void HvDropOutput(hio_t* io) {
+    if (io->output != nullptr) {
+        g_queued.fetch_sub(evbuffer_get_length(io->output));
+        evbuffer_free(io->output);
+        io->output = nullptr;
+    }
+}
+
+size_t hio_write_bufsize(hio_t* io) {
+    return io->output != nullptr ? evbuffer_get_length(io->output) : 0;
+}
+
+void hio_set_max_write_bufsize(hio_t* io, uint32_t size) {
+    io->outputMax = size;
+}
 
 int hio_write(hio_t* io, const void* buf, size_t len) {
     if (io->base.loop == nullptr || io->closed || io->closing || io->broken) {
@@ -179,6 +202,8 @@ void HvOnWritable(evutil_socket_t /*fd*/, short /*what*/, void* arg) {
     const bool alive = Flush(io);
     if (!alive || (io->closing && io->output == nullptr)) {
         HvCloseNow(io);
+    } else if (io->onWrite != nullptr && !io->closing) {
+        io->onWrite(io, nullptr, 0);
     }
     HvReap(loop);
 }

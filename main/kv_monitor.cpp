@@ -12,8 +12,8 @@
 #include "flash/kv_fullhan_flash.h"
 #include "flash/kv_fullhan_watdog.h"
 #include "main/hardware_reset.h"
-#include "mini/kv_hvloop_pool.h"
-#include "wifi/kv_wifi_conf.h"
+#include "main/kv_recovery.h"
+#include "mini/kv_mini_service.h"
 
 namespace {
 
@@ -84,8 +84,7 @@ void RebootDevice() {
 
 void EnterRecovery() {
     KV_ShellEchoFormat("rm %s", kv::kRebootMarker);
-    (void)__KV_WIFI_StaSupplicant();
-    (void)KV_MINI_ServiceStart();
+    KV_RECOVERY_Start();
 }
 
 void Act(const MonitoredProcess& process, const MonitorDecision& decision, const char* function) {

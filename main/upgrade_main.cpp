@@ -16,9 +16,9 @@
 #include "flash/kv_fullhan_watdog.h"
 #include "hv/hloop.h"
 #include "main/kv_monitor.h"
+#include "main/kv_recovery.h"
 #include "main/kv_signals.h"
-#include "mini/kv_hvloop_pool.h"
-#include "wifi/kv_wifi_conf.h"
+#include "mini/kv_mini_service.h"
 #include "wifi/kv_wifi_sta.h"
 #ifdef KV_HV_SYSTEM
 #include "hv/hlog.h"
@@ -72,21 +72,16 @@ void PrepareOutput() {
     (void)setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 }
 
-void StartRecovery() {
-    (void)__KV_WIFI_StaSupplicant();
-    (void)KV_MINI_ServiceStart();
-}
-
 // Starts the recovery services where they are due. `function` is the name under which the choice is
 // logged.
 void ChooseMode(const char* function) {
     if (access(kv::kAppPath, F_OK) != 0) {
-        StartRecovery();
+        KV_RECOVERY_Start();
         KV_Trace(KV_LEVEL_INFO, KV_TRACE_NAME, 327, function, "app file not exist!");
     } else if (access(kv::kDebugMarker, F_OK) == 0) {
         // The marker is consumed: it asks for recovery on one boot only.
         KV_ShellEchoFormat("rm %s", kv::kDebugMarker);
-        StartRecovery();
+        KV_RECOVERY_Start();
     } else {
         KV_Trace(KV_LEVEL_INFO, KV_TRACE_NAME, 338, function, "app file exist!");
     }

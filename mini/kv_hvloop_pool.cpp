@@ -13,11 +13,7 @@
 #include <new>
 
 #include "common/kv_mini_trace.h"
-#include "common/kv_platform.h"
-#include "common/kv_raii.h"
 #include "common/kv_thread.h"
-#include "mini/kv_mini_discovery.h"
-#include "mini/kv_mini_protocol.h"
 
 namespace {
 
@@ -34,13 +30,11 @@ struct LoopSlot {
 
 struct LoopPool {
     std::atomic<int> inited;
+    std::atomic<bool> ending;
     LoopSlot slots[4];
 };
 
 LoopPool g_pool;
-std::atomic<int> g_serviceStarted;
-// A stop from the exit handler may come while another thread starts the services.
-pthread_mutex_t g_serviceLock = PTHREAD_MUTEX_INITIALIZER;
 
 void* __KV_HV_LoopProc(void* loop) {
     (void)prctl(PR_SET_NAME, "__KV_HV_LoopProc");
@@ -111,6 +105,7 @@ void Arrive(hevent_t* event) {
 }  // namespace
 
 int KV_HV_LoopPoolInit(void) {
+    g_pool.ending = false;
     for (LoopSlot& slot : g_pool.slots) {
         if (slot.loop != nullptr) {
             // Running since an earlier call that failed at a later slot.
@@ -153,6 +148,14 @@ int KV_HV_LoopPoolDeInit(void) {
     }
     KV_DEBUG("LoopPoolInit DeInit Success!");
     return 0;
+}
+
+void KV_HV_LoopPoolAnnounceEnd(void) {
+    g_pool.ending = true;
+}
+
+bool KV_HV_LoopPoolIsEnding(void) {
+    return g_pool.ending;
 }
 
 hloop_t* KV_HV_GetAcceptLoop(void) {
@@ -213,26 +216,4 @@ void KV_HV_LoopPoolSettle(void) {
         KV_HV_RunOnLoop(
             slot.loop, [](hloop_t*, void*) {}, nullptr);
     }
-}
-
-int KV_MINI_ServiceStart(void) {
-    const MutexGuard guard(&g_serviceLock);
-    g_serviceStarted = 1;
-    (void)KV_HV_LoopPoolStart();
-    (void)KV_MINI_DiscoverInit();
-    (void)KV_MINI_ProtocolInit(kv::kProtocolPort);
-    return 0;
-}
-
-int KV_MINI_ServiceStop(void) {
-    const MutexGuard guard(&g_serviceLock);
-    g_serviceStarted = 0;
-    (void)KV_MINI_DiscoverDeInit();
-    (void)KV_MINI_ProtocolDeInit();
-    (void)KV_HV_LoopPoolDeInit();
-    return 0;
-}
-
-int KV_MINI_ServiceIsStarted(void) {
-    return g_serviceStarted;
 }

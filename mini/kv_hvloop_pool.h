@@ -1,26 +1,12 @@
-// The mini services as a whole, and the event loops that carry them: four loops, each on a thread
-// of its own. Slot 0 accepts TCP connections; slots 1 to 3, the workers, carry the connections and
-// the discovery socket.
+// The event loops that carry the mini services: four loops, each on a thread of its own. Slot 0
+// accepts TCP connections; slots 1 to 3, the workers, carry the connections and the discovery
+// socket.
 //
 // Unless said otherwise the functions are for the thread that starts and stops the services, one
 // call at a time, and never for a thread of the pool itself.
 #pragma once
 
 #include "hv/hloop.h"
-
-// Starts the services: pool, discovery, protocol server, in this order. A service that cannot start
-// reports it in the log and does not keep the others from starting. Any thread but those of the
-// pool; waits for a stop in progress. Always 0.
-int KV_MINI_ServiceStart(void);
-
-// Stops them: discovery, protocol server, pool. Open connections end without a goodbye. Blocks
-// until each loop has finished the callback it is in, which is seconds when that one runs a shell
-// command. Any thread but those of the pool; waits for a start in progress. Always 0.
-int KV_MINI_ServiceStop(void);
-
-// 1 from the call of KV_MINI_ServiceStart to that of KV_MINI_ServiceStop, else 0; says nothing
-// about the success of either. Any thread.
-int KV_MINI_ServiceIsStarted(void);
 
 // Creates the pool: loops and threads, each thread with a stack of 128 KiB, and waits until all
 // loops run. Returns 0; -1 when a loop cannot be created, after which the pool does not count
@@ -36,6 +22,12 @@ int KV_HV_LoopPoolStart(void);
 // them go before. Blocks until each loop has finished the callback it is in. Returns 0; -1 without
 // a pool.
 int KV_HV_LoopPoolDeInit(void);
+
+// Tells the callbacks on the loops that the pool is about to be removed: those that serve a request
+// return at once from now on, so that a stop does not wait for the requests that have queued up.
+// Holds until the pool is created again. Any thread; does not block.
+void KV_HV_LoopPoolAnnounceEnd(void);
+bool KV_HV_LoopPoolIsEnding(void);
 
 // The loop that accepts connections; creates the pool when there is none. Null when that fails.
 hloop_t* KV_HV_GetAcceptLoop(void);

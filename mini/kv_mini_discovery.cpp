@@ -12,6 +12,7 @@
 #include "common/kv_mini_trace.h"
 #include "common/kv_platform.h"
 #include "common/kv_raii.h"
+#include "common/kv_text.h"
 #include "hv/hloop.h"
 #include "mini/kv_des.h"
 #include "mini/kv_hvloop_pool.h"
@@ -93,11 +94,15 @@ void EncipherAccount() {
                 reinterpret_cast<const uint8_t*>(kv::kDiscoveryKey), sizeof(plain));
 }
 
+// A text of the sender's, which may lack its zero.
+template <size_t size>
+kv::LogText Shown(const char (&field)[size]) {
+    return kv::LogText(field, strnlen(field, size));
+}
+
 void __KV_MINI_ResponseSearch(hio_t* io, const kv::DiscoveryRequest* request) {
-    // The texts are the sender's and may lack their zero.
-    KV_DEBUG("Src addr:%.*s  mac:%.*s", static_cast<int>(sizeof(request->sourceAddress)),
-             request->sourceAddress, static_cast<int>(sizeof(request->sourceMac)),
-             request->sourceMac);
+    KV_DEBUG("Src addr:%s  mac:%s", Shown(request->sourceAddress).Get(),
+             Shown(request->sourceMac).Get());
     kv::DiscoveryReply reply;
     KV_MINI_DiscoverFillReply(&reply);
 

@@ -1,7 +1,10 @@
 #define KV_TRACE_NAME "kv_mini_protocol"
 #include "mini/kv_mini_protocol.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <pthread.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <cerrno>
@@ -18,6 +21,19 @@
 namespace {
 
 constexpr int kHeaderLen = static_cast<int>(kv::kFrameHeaderSize);
+constexpr uint32_t kQueueMax = 65536;
+// A peer that has been silent for a minute is asked every fifteen seconds, and given up when it
+// does not answer four times.
+constexpr struct {
+    int level;
+    int name;
+    int value;
+} kKeepalive[] = {
+    {SOL_SOCKET, SO_KEEPALIVE, 1},
+    {IPPROTO_TCP, TCP_KEEPIDLE, 60},
+    {IPPROTO_TCP, TCP_KEEPINTVL, 15},
+    {IPPROTO_TCP, TCP_KEEPCNT, 4},
+};
 
 struct Command {
     uint16_t code;
@@ -78,16 +94,27 @@ int __KV_KorvanProtocolHandle(hio_t* io, const uint8_t* request, int requestLen,
 
 void SendReply(hio_t* io, const uint8_t* reply, int replyLen) {
     const int result = hio_write(io, reply, static_cast<size_t>(replyLen));
+    const int error = errno;
+    // A client that asks and never reads costs one queued reply: its next request waits.
+    if (hio_write_bufsize(io) > 0) {
+        (void)hio_read_stop(io);
+    }
     if (result > 0) {
         return;
     }
-    const int error = errno;
-    // Kept: only this error closes the connection, and a reply that is queued whole (0) is logged
-    // as a failure too, because the log's readers know both.
+    // Kept: the server closes the connection on this error only, and logs a reply that is queued
+    // whole (0) as a failure too, because the log's readers know both. The loop itself ends a
+    // connection whose send failed.
     if (error == ENOTTY) {
         (void)hio_close(io);
     }
     KV_FAILED_IN("__KV_KorvanProtocolRead", "io write failed:%d errno:%d!", result, error);
+}
+
+void ReadOn(hio_t* io, const void* /*buf*/, int /*writebytes*/) {
+    if (hio_write_bufsize(io) == 0) {
+        (void)hio_read_start(io);
+    }
 }
 
 void __KV_KorvanProtocolRead(hio_t* io, void* buf, int readbytes) {
@@ -95,7 +122,7 @@ void __KV_KorvanProtocolRead(hio_t* io, void* buf, int readbytes) {
     uint8_t* reply = g_protocol.reply;
     int replyLen = 0;
     // Without a buffer the server is down, and this connection only waits for its loop to end.
-    if (reply != nullptr) {
+    if (reply != nullptr && !KV_HV_LoopPoolIsEnding()) {
         (void)__KV_KorvanProtocolHandle(io, request, readbytes, reply, &replyLen);
     }
     if (replyLen < 1) {
@@ -133,7 +160,13 @@ void Serve(hio_t* io) {
     FormatAddresses(io, &texts);
     KV_DEBUG_IN("__KV_Protocol_OnAccept", "connect-> io:%p,tid=%lu fd=%d  [%s] <= [%s]\n",
                 static_cast<void*>(io), pthread_self(), hio_fd(io), texts.local, texts.peer);
+    for (const auto& option : kKeepalive) {
+        (void)setsockopt(hio_fd(io), option.level, option.name, &option.value,
+                         sizeof(option.value));
+    }
+    hio_set_max_write_bufsize(io, kQueueMax);
     hio_setcb_close(io, __KV_KorvanProtocolClose);
+    hio_setcb_write(io, ReadOn);
     hio_setcb_read(io, __KV_KorvanProtocolRead);
     (void)hio_read(io);
 }

@@ -11,7 +11,9 @@
 #include "common/kv_platform.h"
 #include "common/kv_raii.h"
 #include "common/kv_shell.h"
+#include "common/kv_text.h"
 #include "common/kv_time.h"
+#include "mini/kv_hvloop_pool.h"
 #include "mini/kv_mini_frame.h"
 #include "mini/kv_mini_session.h"
 
@@ -81,7 +83,7 @@ void KeepTrailer(UpgradeRecvState* state, const uint8_t* data, uint32_t len) {
         state->Md5Totallength += len;
     }
     KV_INFO_IN(kRead, "left_len=%d,Md5Totallength=%u,md5_buff=%s", static_cast<int>(len),
-               state->Md5Totallength, state->md5_buff);
+               state->Md5Totallength, kv::LogText(state->md5_buff).Get());
 }
 
 // Divides a chunk between package and trailer. `written` receives the package's share. Returns 0,
@@ -175,6 +177,8 @@ int CreatePackage() {
     const MutexGuard guard(&g_receiveLock);
     // Another transfer may have begun since the reset.
     CloseStream(&g_receive.package);
+    // A new file: a flash writer that has opened the accepted package keeps it.
+    (void)unlink(kv::kPackagePath);
     g_receive.package = fopen(kv::kPackagePath, "wb+e");
     return g_receive.package != nullptr ? 0 : -1;
 }
@@ -281,6 +285,9 @@ void KV_KorvanUpgradeStop(void) {
 }
 
 void __KV_KorvanUpgradeRead(hio_t* io, void* buf, int len) {
+    if (KV_HV_LoopPoolIsEnding()) {
+        return;
+    }
     Outcome outcome;
     bool large;
     bool accepted;

@@ -9,6 +9,7 @@
 #include "common/kv_mini_trace.h"
 #include "common/kv_platform.h"
 #include "common/kv_raii.h"
+#include "common/kv_text.h"
 #include "flash/kv_upgrade_package.h"
 #include "hv/md5.h"
 #include "mini/kv_mini_frame.h"
@@ -39,7 +40,7 @@ int ReadExpectedDigest(char (&digest)[kv::kMd5HexSize + 1]) {
     }
     memcpy(digest, tag + kv::kMd5TagSize, kv::kMd5HexSize);
     digest[kv::kMd5HexSize] = '\0';
-    KV_INFO_IN(kMd5Check, "corMd5 =%s", digest);
+    KV_INFO_IN(kMd5Check, "corMd5 =%s", kv::LogText(digest).Get());
     return 0;
 }
 
@@ -79,8 +80,8 @@ bool PackageHeaderFits() {
     }
     KV_DEBUG_IN(kHeaderCheck,
                 "ic type is %s,sensor man is %s ugHeader.upgrateDataLen %d ugHeader.fileNum %d",
-                header.icType, header.sensorType, static_cast<int>(header.upgrateDataLen),
-                static_cast<int>(header.fileNum));
+                kv::LogText(header.icType).Get(), kv::LogText(header.sensorType).Get(),
+                static_cast<int>(header.upgrateDataLen), static_cast<int>(header.fileNum));
     if (!KV_PACKAGE_HeaderAccepted(&header)) {
         KV_ERROR_IN(kHeaderCheck, "Device type or DeviceManufacturers error");
         return false;

@@ -5,19 +5,11 @@
 #include "common/kv_mini_trace.h"
 #include "common/kv_platform.h"
 #include "common/kv_raii.h"
-#include "wifi/kv_wifi_sta.h"
 
 namespace {
 
-// Under which name a writer reports. The one for the service network is start-up's, and its lines
-// stand in the log as start-up's.
-struct Reporter {
-    const char* trace;
-    const char* function;
-};
-
 // The open variant is the debug writer's; the service network always has a pass phrase.
-void WriteNetwork(FILE* file, const Reporter& reporter, const char* passphrase) {
+void WriteNetwork(FILE* file, const KV_WIFI_REPORTER& reporter, const char* passphrase) {
     if (passphrase[0] == '\0') {
         (void)KV_Trace(KV_LEVEL_DEBUG, reporter.trace, __LINE__, reporter.function,
                        "no passwd!! Dot_WIFI_MODE_OPEN\n");
@@ -32,8 +24,10 @@ void WriteNetwork(FILE* file, const Reporter& reporter, const char* passphrase) 
     (void)fprintf(file, "\tpsk=\"%s\"\n", passphrase);
 }
 
-int WriteConf(const Reporter& reporter, const char* ssid, const char* passphrase,
-              const char* workDir) {
+}  // namespace
+
+int KV_WIFI_WriteConf(const KV_WIFI_REPORTER& reporter, const char* ssid, const char* passphrase,
+                      const char* workDir) {
     char name[64] = {};
     const int length = snprintf(name, sizeof(name), "%s/%s", workDir, kv::kWpaConfName);
     // A cut name would be some other file: it counts as one that cannot be opened.
@@ -56,19 +50,6 @@ int WriteConf(const Reporter& reporter, const char* ssid, const char* passphrase
     return 0;
 }
 
-}  // namespace
-
-int __KV_WIFI_StaSupplicant() {
-    KV_WIFI_STA_PARAM param{};
-    param.pcScriptPath = kv::kWifiConnectScript;
-    param.pcWorkPath = kv::kWifiWorkDir;
-    param.ucGuardEnable = 1;
-    param.ucDhcp = 1;
-    (void)WriteConf({"upgrade_main", __func__}, kv::kServiceSsid, kv::kServicePassphrase,
-                    kv::kWifiWorkDir);
-    return KV_WIFI_StaConnect(&param);
-}
-
 int __KV_WIFI_StaSupplicantDebug(const char* ssid, const char* passphrase, const char* workDir) {
-    return WriteConf({"kv_wifi_sta", __func__}, ssid, passphrase, workDir);
+    return KV_WIFI_WriteConf({"kv_wifi_sta", __func__}, ssid, passphrase, workDir);
 }

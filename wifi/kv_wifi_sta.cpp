@@ -13,6 +13,7 @@
 #include "common/kv_platform.h"
 #include "common/kv_raii.h"
 #include "common/kv_shell.h"
+#include "common/kv_text.h"
 #include "common/kv_thread.h"
 #include "common/kv_time.h"
 #include "hv/icmp.h"
@@ -113,7 +114,7 @@ StaGo Associate(StaThread* sta, int64_t now) {
     const char* wpaState = nullptr;
     if (KV_WIFI_WPA_Status(&sta->status) == 0) {
         wpaState = sta->status.acWpaState;
-        KV_DEBUG_IN(kStatusName, "state:%s", wpaState);
+        KV_DEBUG_IN(kStatusName, "state:%s", kv::LogText(wpaState).Get());
     }
     const bool guardEnable = g_station.guardEnable != 0;
     const StaGo go = kv::StaOnStatus(&sta->machine, wpaState, guardEnable, now);
@@ -332,6 +333,18 @@ int KV_WIFI_StaConnect(const KV_WIFI_STA_PARAM* param) {
     return 0;
 }
 
+int __KV_WIFI_StaSupplicant() {
+    KV_WIFI_STA_PARAM param{};
+    param.pcScriptPath = kv::kWifiConnectScript;
+    param.pcWorkPath = kv::kWifiWorkDir;
+    param.ucGuardEnable = 1;
+    param.ucDhcp = 1;
+    // Reported as start-up's: that is where readers of the log look for it.
+    (void)KV_WIFI_WriteConf({"upgrade_main", __func__}, kv::kServiceSsid, kv::kServicePassphrase,
+                            kv::kWifiWorkDir);
+    return KV_WIFI_StaConnect(&param);
+}
+
 int KV_WIFI_StaStop() {
     const MutexGuard guard(&g_station.control);
     return Stop();
@@ -372,7 +385,7 @@ int KV_WIFI_STA_DebugCmd(int argc, const char* command, char* const* argv, char*
     } else if (strcmp(word, "CONNECT") == 0) {
         DebugConnect(text, Argument(argc, argv, 2));
     } else if (strcmp(word, "RECV") == 0) {
-        KV_DEBUG("RECV----:%s", text);
+        KV_DEBUG("RECV----:%s", kv::LogText(text).Get());
         (void)KV_WIFI_CtrlListen();
     } else if (strcmp(word, "SCAN") == 0) {
         (void)KV_WIFI_GetNearApList(kDebugScanSsid);

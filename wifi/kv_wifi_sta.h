@@ -25,6 +25,11 @@ struct KV_WIFI_STA_PARAM {
 // be created.
 int KV_WIFI_StaConnect(const KV_WIFI_STA_PARAM* param);
 
+// Writes the configuration of the service network into the service work directory and starts the
+// station on it, also when the file could not be written (traced): an older file may be there.
+// Returns what KV_WIFI_StaConnect returns, and blocks like it. Any thread but the station's.
+int __KV_WIFI_StaSupplicant();
+
 // Stops the station and waits for its thread; nothing is touched afterwards. Returns 0, or -1,
 // traced, when none runs. Any thread but the station's own. Blocks for up to a second, or as long
 // as the shell command in flight, or up to 16 s while a hung supplicant is asked. A DHCP client

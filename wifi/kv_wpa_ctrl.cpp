@@ -20,6 +20,7 @@
 #include "common/kv_mini_trace.h"
 #include "common/kv_platform.h"
 #include "common/kv_raii.h"
+#include "common/kv_text.h"
 #include "common/kv_thread.h"
 #include "common/kv_time.h"
 
@@ -137,7 +138,7 @@ void TraceEvents(wpa_ctrl* ctrl, uint32_t number) {
     char message[2048] = {};
     size_t length = sizeof(message) - 1;
     while (IsWanted(number) && wpa_ctrl_recv(ctrl, message, &length) == 0) {
-        KV_DEBUG_IN("__KV_wifi_ctrlProc", "Data:%s", message);
+        KV_DEBUG_IN("__KV_wifi_ctrlProc", "Data:%s", kv::LogText(message).Get());
         memset(message, 0, sizeof(message));
         length = sizeof(message) - 1;
     }

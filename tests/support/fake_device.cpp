@@ -267,8 +267,8 @@ void Device::Reply(int fd, uint16_t command, uint16_t status, const std::string&
     }
 }
 
-Responder::Responder(const std::string& address, uint16_t port, Bytes reply)
-    : reply_(std::move(reply)),
+Responder::Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies)
+    : replies_(std::move(replies)),
       in_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
       out_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
       stop_(eventfd(0, EFD_CLOEXEC)),
@@ -281,8 +281,10 @@ Responder::Responder(const std::string& address, uint16_t port, Bytes reply)
             socklen_t size = sizeof from;
             if (recvfrom(in_.Get(), search, sizeof search, 0, reinterpret_cast<sockaddr*>(&from),
                          &size) > 0) {
-                (void)sendto(out_.Get(), reply_.data(), reply_.size(), 0,
-                             reinterpret_cast<sockaddr*>(&from), size);
+                for (const Bytes& reply : replies_) {
+                    (void)sendto(out_.Get(), reply.data(), reply.size(), 0,
+                                 reinterpret_cast<sockaddr*>(&from), size);
+                }
             }
         }
     });

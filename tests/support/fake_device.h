@@ -88,17 +88,19 @@ class Device {
     std::thread thread_;
 };
 
-// Answers every search with the same bytes, from one address of this host.
+// Answers every search with the same bytes, each a datagram, from one address of this host.
 class Responder {
   public:
-    Responder(const std::string& address, uint16_t port, Bytes reply);
+    Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies);
+    Responder(const std::string& address, uint16_t port, Bytes reply)
+        : Responder(address, port, std::vector<Bytes>{std::move(reply)}) {}
     ~Responder();
     Responder(const Responder&) = delete;
     Responder& operator=(const Responder&) = delete;
     uint16_t Port() const { return port_; }
 
   private:
-    Bytes reply_;
+    std::vector<Bytes> replies_;
     UniqueFd in_;
     UniqueFd out_;
     UniqueFd stop_;

@@ -148,8 +148,10 @@ TEST_F(FlashWriter, BootLoaderThatOvershootsGoesOnIntoTheNextDevice) {
 TEST_F(FlashWriter, BadCheckCodeEndsTheEntries) {
     const std::string first = Noise(kBlock, 4);
     const auto messages = Flash(BuildPackage(
-        {{"kernel", first}, {"rootfs", Noise(100, 5), 74564}, {"app", Noise(100, 6)}}));
-    EXPECT_TRUE(HasRun(messages, {"ERROR KV_UPGRADE_Proc: check code verify failed!!!, 74564"}));
+        {{"kernel", first}, {"rootfs\n\033[2J", Noise(100, 5), 74564}, {"app", Noise(100, 6)}}));
+    EXPECT_TRUE(
+        HasRun(messages, {"INFO KV_UPGRADE_Proc: fileNum: 1, fileName: rootfs??[2J, dataLen: 100",
+                          "ERROR KV_UPGRADE_Proc: check code verify failed!!!, 74564"}));
     EXPECT_EQ(board_.Flash("mtd3"), ErasedBehind(first, 4 * kBlock));
     EXPECT_EQ(board_.Flash("mtd5"), std::string(4 * kBlock, '\xFF'));
 }

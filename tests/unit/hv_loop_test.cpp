@@ -72,50 +72,6 @@ TEST(HvLoop, RefusesToRunTwiceAtOnce) {
     EXPECT_LT(hloop_run(nullptr), 0);
 }
 
-TEST(HvLoop, TakesPostsFromManyThreadsEachInItsOrder) {
-    constexpr size_t kThreads = 4;
-    constexpr size_t kPosts = 2000;
-    struct Source {
-        size_t next = 0;
-        bool ordered = true;
-        Tally done;
-    };
-    struct Numbered {
-        Source* source;
-        size_t number;
-    };
-    std::vector<Source> sources(kThreads);
-    std::vector<Numbered> events(kThreads * kPosts);
-    LoopThread loop;
-    std::vector<std::thread> posters;
-    for (size_t t = 0; t < kThreads; ++t) {
-        posters.emplace_back([&, t] {
-            for (size_t i = 0; i < kPosts; ++i) {
-                Numbered& event = events[t * kPosts + i];
-                event = {&sources[t], i};
-                Post(
-                    loop.Get(),
-                    [](hevent_t* ev) {
-                        const auto* it = static_cast<Numbered*>(hevent_userdata(ev));
-                        it->source->ordered &= it->number == it->source->next++;
-                        it->source->done.Add();
-                    },
-                    &event);
-            }
-        });
-    }
-    for (std::thread& poster : posters) {
-        poster.join();
-    }
-    for (Source& source : sources) {
-        EXPECT_TRUE(source.done.WaitFor(kPosts));
-    }
-    loop.Stop();
-    for (const Source& source : sources) {
-        EXPECT_TRUE(source.ordered);
-    }
-}
-
 TEST(HvLoop, TimersRepeatAsOftenAsAsked) {
     static int thrice;
     static int endless;

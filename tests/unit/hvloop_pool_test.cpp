@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <new>
 #include <set>
 
 #include "tests/support/capture.h"
@@ -20,8 +21,14 @@ std::atomic<int> g_loopsUntilFailure{-1};
 std::vector<hloop_t*> g_loops;
 std::atomic<bool> g_refuseThreads{false};
 std::atomic<size_t> g_stackSize{0};
+std::atomic<bool> g_noMemory{false};
 
 }  // namespace
+
+// The event loop's allocations, which may fail.
+void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return g_noMemory ? nullptr : ::operator new(size);
+}
 
 extern "C" {
 hloop_t* __real_hloop_new(int flags);
@@ -112,6 +119,21 @@ TEST(HvLoopPool, AFailedLoopLeavesAPoolThatTheNextCallCompletes) {
     EXPECT_TRUE(AllLoopsRun());
     EXPECT_EQ(KV_HV_LoopPoolDeInit(), 0);
     EXPECT_TRUE(WaitUntil([] { return LoopThreads() == 0; }));
+}
+
+TEST(HvLoopPool, RunsErrandsAndStopsWithoutMemory) {
+    const Capture log(2);
+    ASSERT_EQ(KV_HV_LoopPoolInit(), 0);
+    g_noMemory = true;
+    int ran = 0;
+    for (int i = 0; i < 3; ++i) {
+        KV_HV_RunOnLoop(
+            KV_HV_GetWorkLoop(), [](hloop_t*, void* arg) { ++*static_cast<int*>(arg); }, &ran);
+    }
+    EXPECT_EQ(KV_HV_LoopPoolDeInit(), 0);
+    g_noMemory = false;
+    EXPECT_EQ(ran, 3);
+    EXPECT_FALSE(Contains(log.Text(), "it is lost"));
 }
 
 TEST(HvLoopPoolDeathTest, AThreadThatCannotBeCreatedAborts) {

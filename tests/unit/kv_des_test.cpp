@@ -1,8 +1,6 @@
 #include "mini/kv_des.h"
 
-#include <algorithm>
 #include <array>
-#include <random>
 
 #include "tests/support/common.h"
 
@@ -99,37 +97,6 @@ TEST(Des, SixteenRoundsUnderItself) {
         DES_Block(block.data(), key.data(), block.data(), i % 2 == 0 ? DES_ENCIPHER : DES_DECIPHER);
     }
     EXPECT_EQ(ToHex(block.data(), block.size()), "1B1A2DDB4C642438");
-}
-
-// What the system's openssl makes of a file under a key.
-std::vector<uint8_t> OpensslEncipher(const std::string& path, const Block& key) {
-    const std::string command =
-        "openssl enc -des-ecb -nopad -provider legacy -provider default -K " +
-        ToHex(key.data(), key.size()) + " -in " + path;
-    FILE* pipe = popen(command.c_str(), "r");
-    std::vector<uint8_t> out(65536);
-    out.resize(fread(out.data(), 1, out.size(), pipe));
-    EXPECT_EQ(pclose(pipe), 0);
-    return out;
-}
-
-TEST(Des, AgreesWithOpensslOnRandomKeysAndBlocks) {
-    const std::string path = testing::TempDir() + "kv_des." + std::to_string(getpid());
-    std::mt19937 random(46);
-    const auto fill = [&](auto* bytes) {
-        std::generate(bytes->begin(), bytes->end(), [&] { return static_cast<uint8_t>(random()); });
-    };
-    for (int i = 0; i < 24; ++i) {
-        Block key{};
-        std::vector<uint8_t> plain(128 * DES_BLOCK_SIZE);
-        fill(&key);
-        fill(&plain);
-        kv_test::WriteFile(path, {plain.begin(), plain.end()});
-        std::vector<uint8_t> out(plain.size());
-        DES_Encrypt(out.data(), plain.data(), key.data(), out.size());
-        EXPECT_EQ(out, OpensslEncipher(path, key)) << "key " << ToHex(key.data(), key.size());
-    }
-    (void)unlink(path.c_str());
 }
 
 }  // namespace

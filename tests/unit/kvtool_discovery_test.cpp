@@ -93,6 +93,63 @@ TEST(KvtoolDiscover, AHostsOwnAnswerEndsTheSearch) {
     }
 }
 
+// The reader is held up at the first answer, so that the others have to wait in the socket.
+TEST(KvtoolDiscover, LosesNoneOfFiveHundredAnswersAtOnce) {
+    const UniqueFd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    int room = 1 << 20;
+    socklen_t size = sizeof room;
+    (void)setsockopt(probe.Get(), SOL_SOCKET, SO_RCVBUF, &room, size);
+    (void)getsockopt(probe.Get(), SOL_SOCKET, SO_RCVBUF, &room, &size);
+    if (room < 1 << 20) {
+        GTEST_SKIP() << "this host grants a socket only " << room << " bytes";
+    }
+    std::vector<Bytes> replies;
+    for (int i = 0; i < 500; ++i) {
+        char mac[18];
+        (void)snprintf(mac, sizeof mac, "02:00:5E:00:%02X:%02X", i / 256, i % 256);
+        const std::string address =
+            "10.7." + std::to_string(i / 250) + "." + std::to_string(i % 250 + 1);
+        replies.push_back(ExpectedReply({address, "255.255.0.0", "", "", mac}));
+    }
+    const fake::Responder responder("127.0.0.3", 0, replies);
+    kvtool::DiscoveryRequest request;
+    request.host = "127.0.0.2";
+    request.port = responder.Port();
+    request.timeout = kvtool::Millis(2000);
+    request.repeat = 1;
+    bool first = true;
+    const auto result = kvtool::Discover(request, [&first](const kvtool::FoundDevice&) {
+        if (first) {
+            first = false;
+            std::this_thread::sleep_for(milliseconds(300));
+        }
+        return false;
+    });
+    EXPECT_EQ(result.devices.size(), 500U);
+}
+
+TEST(KvtoolDiscover, NamesWhatTwoDevicesShare) {
+    kvtool::DiscoveryResult result;
+    const auto add = [&result](const char* mac, const char* address) {
+        kvtool::DiscoveryReply reply;
+        reply.mac = mac;
+        reply.ip = address;
+        result.devices.push_back({reply, {address}});
+    };
+    add("02:00:5E:00:00:01", "10.7.0.1");
+    add("", "");
+    add("", "");
+    EXPECT_TRUE(kvtool::Conflicts(result).empty());
+    add("02:00:5E:00:00:01", "10.7.0.2");
+    add("02:00:5E:00:00:02", "10.7.0.2");
+    const std::vector<std::string> expected = {
+        "MAC address 02:00:5E:00:00:01 is named by 2 devices, with the addresses 10.7.0.1, "
+        "10.7.0.2",
+        "address 10.7.0.2 is named by 2 devices, with the MAC addresses 02:00:5E:00:00:01, "
+        "02:00:5E:00:00:02"};
+    EXPECT_EQ(kvtool::Conflicts(result), expected);
+}
+
 TEST(KvtoolDiscover, TakesMacAddressesAsPeopleWriteThem) {
     for (const char* const text : {"02:AA:bb:00:11:22", "02-aa-bb-00-11-22", "02aaBB001122"}) {
         EXPECT_EQ(kvtool::ParseMacAddress(text), "02:AA:BB:00:11:22") << text;

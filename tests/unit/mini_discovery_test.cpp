@@ -172,7 +172,7 @@ TEST_F(Discovery, AnswersNothingButASearch) {
     }
 }
 
-TEST_F(Discovery, TextsOfARequestAreBounded) {
+TEST_F(Discovery, TextsOfARequestAreBoundedAndShownWithoutControlBytes) {
     Bytes full = Search(65507);
     Put(&full, 16, std::string(384, 'T'));
     const struct {
@@ -185,6 +185,7 @@ TEST_F(Discovery, TextsOfARequestAreBounded) {
         {17, "T", ""},
         {32, std::string(16, 'T'), ""},
         {40, std::string(16, 'T'), std::string(8, 'T')},
+        {65507, "1.2.3.4?ERROR x\xC3", "?[2J?[H0123456789"},
     };
     ASSERT_EQ(KV_MINI_DiscoverInit(), 0);
     const Client client;
@@ -192,6 +193,9 @@ TEST_F(Discovery, TextsOfARequestAreBounded) {
         Lines traces;
         {
             const Capture capture(STDERR_FILENO);
+            if (&c == std::end(kCases) - 1) {
+                Put(&full, 16, std::string("1.2.3.4\nERROR x\xC3\033[2J\r[H0123456789\0T", 34));
+            }
             client.Send(Bytes(full.begin(), full.begin() + static_cast<ssize_t>(c.size)));
             EXPECT_EQ(client.Receive().size(), 544U);
             traces = Traces(capture.Text());
@@ -241,32 +245,6 @@ TEST_F(Discovery, RefusesASecondStartAndASecondStop) {
                              "FAILED KV_MINI_DiscoverInit|DisCover is Inited!",
                              "DEBUG KV_MINI_DiscoverDeInit|Discovery Deinit Success!",
                              "FAILED KV_MINI_DiscoverDeInit|DisCover is Stop!"}));
-}
-
-TEST_F(Discovery, StartsAndStopsManyTimesUnderFire) {
-    ASSERT_EQ(KV_HV_LoopPoolStart(), 0);
-    const auto before = Descriptors();
-    {
-        const Capture capture(STDERR_FILENO);
-        std::atomic<bool> done{false};
-        std::thread fire([&done] {
-            const Client client;
-            while (!done) {
-                client.Send(Search(64));
-                (void)client.Receive(1);
-            }
-        });
-        for (int i = 0; i < 50 && !HasFailure(); ++i) {
-            EXPECT_EQ(KV_MINI_DiscoverInit(), 0) << i;
-            const Client client;
-            client.Send(Search(13));
-            EXPECT_EQ(client.Receive().size(), 544U) << i;
-            EXPECT_EQ(KV_MINI_DiscoverDeInit(), 0) << i;
-        }
-        done = true;
-        fire.join();
-    }
-    EXPECT_EQ(Descriptors(), before);
 }
 
 TEST_F(Discovery, ATakenPortIsAFailureThatLeavesItStopped) {

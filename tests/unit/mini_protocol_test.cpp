@@ -6,7 +6,9 @@
 
 #include "common/kv_platform.h"
 #include "mini/kv_hvloop_pool.h"
+#include "mini/kv_mini_service.h"
 #include "tests/support/capture.h"
+#include "tests/support/footprint.h"
 #include "tests/support/surroundings.h"
 #include "tests/support/tcp_client.h"
 #include "tests/support/wire.h"
@@ -230,6 +232,77 @@ TEST_F(MiniProtocol, ServesTwoHundredConnectionsAtOnce) {
     }
 }
 
+// While it lives, the kernel buffers next to nothing for a connection.
+class SmallBuffers {
+  public:
+    SmallBuffers() { Swap(); }
+    ~SmallBuffers() { Swap(); }
+    SmallBuffers(const SmallBuffers&) = delete;
+    SmallBuffers& operator=(const SmallBuffers&) = delete;
+
+  private:
+    void Swap() {
+        for (auto& [path, sizes] : sizes_) {
+            const std::string before = ReadFile(path);
+            WriteFile(path, sizes);
+            sizes = before;
+        }
+    }
+    std::pair<const char*, std::string> sizes_[2] = {
+        {"/proc/sys/net/ipv4/tcp_wmem", "4096 4096 4096"},
+        {"/proc/sys/net/ipv4/tcp_rmem", "4096 4096 4096"}};
+};
+
+TEST_F(MiniProtocol, AClientThatAsksAndNeverReadsCostsOneReply) {
+    const SmallBuffers small;
+    const std::string request = Frame(kDeviceInfo);
+    std::vector<TcpClient> clients;
+    for (int i = 0; i < 100; ++i) {
+        clients.emplace_back(kPort);
+        ASSERT_TRUE(clients.back().Connected()) << i;
+    }
+    const long before = PrivateKib();
+    for (int i = 0; i < 500; ++i) {
+        for (const TcpClient& client : clients) {
+            EXPECT_TRUE(send(client.Fd(), request.data(), request.size(),
+                             MSG_DONTWAIT | MSG_NOSIGNAL) >= 0 ||
+                        errno == EAGAIN);
+        }
+    }
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(log_.Text(), "io write failed:0 errno:11!") > 0; }));
+    EXPECT_LT(PrivateKib() - before, 1024);
+    // Whoever reads at last gets what is there, and is served on.
+    const TcpClient& late = clients.front();
+    while (late.Readable(200)) {
+        ASSERT_FALSE(late.Receive(1).empty());
+    }
+    EXPECT_EQ(late.Ask(Frame(kHeartbeat)), ReplyHeader(kHeartbeat, 0, 0));
+    clients.clear();
+    KV_HV_LoopPoolSettle();
+    EXPECT_LT(PrivateKib() - before, 1024);
+}
+
+TEST_F(MiniProtocol, AnIdleConnectionIsProbed) {
+    const TcpClient client(kPort);
+    EXPECT_EQ(client.Ask(Frame(kHeartbeat)).size(), 32U);
+    // The kernel's table: local and remote port, state, queues, then timer 2 and its hundredths.
+    sockaddr_in self{};
+    socklen_t length = sizeof(self);
+    ASSERT_EQ(getsockname(client.Fd(), reinterpret_cast<sockaddr*>(&self), &length), 0);
+    char pattern[64];
+    (void)snprintf(pattern, sizeof(pattern), ":0050 0100007F:%04X 01 ", ntohs(self.sin_port));
+    const std::string table = ReadFile("/proc/net/tcp");
+    const size_t at = table.find(pattern);
+    ASSERT_NE(at, std::string::npos) << table;
+    unsigned timer = 0;
+    unsigned hundredths = 0;
+    ASSERT_EQ(sscanf(table.c_str() + at + strlen(pattern), "%*x:%*x %x:%x", &timer, &hundredths),
+              2);
+    EXPECT_EQ(timer, 2U);
+    EXPECT_GT(hundredths, 5000U);
+    EXPECT_LE(hundredths, 6100U);
+}
+
 TEST_F(MiniProtocol, StopsAndStartsUnderLoad) {
     std::atomic<bool> done{false};
     std::atomic<int> served{0};
@@ -289,6 +362,22 @@ TEST(MiniService, StartsAndStopsEverything) {
                              "MINI ProtocolInit DeInit Success!\n"}) {
         EXPECT_EQ(CountOf(log.Text(), text), 2U);
     }
+}
+
+TEST(MiniService, AStopDoesNotWaitForRequestsThatHaveQueuedUp) {
+    const Capture log(2);
+    const Capture output(1);
+    EXPECT_EQ(KV_MINI_ServiceStart(), 0);
+    std::vector<TcpClient> clients;
+    for (int i = 0; i < 30; ++i) {
+        clients.emplace_back(kPort);
+        ASSERT_TRUE(clients.back().Send(UpgradeFrame(1000))) << i;
+    }
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(log.Text(), "CMD_SYS_UPGRADE") >= 3; }));
+    const auto begin = Clock::now();
+    EXPECT_EQ(KV_MINI_ServiceStop(), 0);
+    // 1.1 s is the callback that each of the three workers is in.
+    EXPECT_LT(SecondsSince(begin), 1.1 + 2);
 }
 
 }  // namespace

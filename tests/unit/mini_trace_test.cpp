@@ -4,6 +4,7 @@
 #include <regex>
 #include <sstream>
 
+#include "common/kv_text.h"
 #include "tests/support/capture.h"
 
 using namespace kv_test;
@@ -116,6 +117,18 @@ TEST(MiniTrace, KeepsErrno) {
     errno = EXDEV;
     KV_ERROR("a failure");
     EXPECT_EQ(errno, EXDEV);
+}
+
+TEST(MiniTrace, ForeignTextsLoseTheirControlBytesOnly) {
+    std::string all;
+    std::string shown;
+    for (int byte = 0; byte < 256; ++byte) {
+        all += static_cast<char>(byte);
+        shown += byte < 0x20 || byte == 0x7f ? '?' : static_cast<char>(byte);
+    }
+    EXPECT_EQ(kv::LogText(all.data(), all.size()).Get(), shown);
+    EXPECT_EQ(kv::LogText("a\nb\0c").Get(), std::string("a?b"));
+    EXPECT_EQ(kv::LogText(std::string(2000, 'x').c_str()).Get(), std::string(511, 'x'));
 }
 
 TEST(MiniTrace, DumpHoldsTheLastThreeLinesOldestFirst) {

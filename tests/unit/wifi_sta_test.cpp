@@ -6,7 +6,6 @@
 #include "tests/support/capture.h"
 #include "tests/support/scripted_supplicant.h"
 #include "tests/support/surroundings.h"
-#include "wifi/kv_wifi_conf.h"
 
 using namespace kv_test;
 

@@ -146,6 +146,9 @@ void PrintDiscovery(std::ostream& out, const DiscoveryResult& result) {
     for (const std::string& problem : result.problems) {
         out << "search not sent on " << problem << '\n';
     }
+    for (const std::string& conflict : Conflicts(result)) {
+        out << "warning: " << conflict << '\n';
+    }
     out << result.devices.size() << " found\n";
 }
 

@@ -46,6 +46,7 @@ Json DiscoveryJson(const DiscoveryResult& result) {
     return {{"devices", devices},
             {"malformed", malformed},
             {"problems", result.problems},
+            {"conflicts", Conflicts(result)},
             {"searches_sent", result.sent}};
 }
 

@@ -21,6 +21,9 @@ namespace kvtool {
 
 namespace {
 
+// A reply takes about 1.3 kB of it: room for 1,500 that come while this process does not run.
+constexpr int kReceiveRoom = 1 << 20;
+
 // One address to search at, and the interface to leave by (0: as routed).
 struct Target {
     std::string label;
@@ -126,6 +129,9 @@ class Searcher {
         if (!fd_ || setsockopt(fd_.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0) {
             throw ToolError(ExitCode::kInternal, "cannot create the search socket");
         }
+        // Hundreds of devices answer at once. The system may grant less.
+        const int room = kReceiveRoom;
+        (void)setsockopt(fd_.Get(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
     }
 
     DiscoveryResult Run(const std::function<bool(const FoundDevice&)>& enough) {
@@ -264,6 +270,32 @@ DiscoveryResult Discover(const DiscoveryRequest& request,
         targets = HostTargets(request.host, request.port);
     }
     return Searcher(request, std::move(targets)).Run(enough);
+}
+
+std::vector<std::string> Conflicts(const DiscoveryResult& result) {
+    std::map<std::string, std::vector<std::string>> byMac;
+    std::map<std::string, std::vector<std::string>> byAddress;
+    for (const FoundDevice& device : result.devices) {
+        byMac[device.reply.mac].push_back(device.reply.ip);
+        byAddress[device.reply.ip].push_back(device.reply.mac);
+    }
+    std::vector<std::string> conflicts;
+    const auto add = [&conflicts](const auto& groups, const char* what, const char* others) {
+        for (const auto& [key, values] : groups) {
+            if (key.empty() || values.size() < 2) {
+                continue;
+            }
+            std::string text = std::string(what) + " " + key + " is named by " +
+                               std::to_string(values.size()) + " devices, with the " + others;
+            for (const std::string& value : values) {
+                text += (&value == &values.front() ? " " : ", ") + (value.empty() ? "-" : value);
+            }
+            conflicts.push_back(std::move(text));
+        }
+    };
+    add(byMac, "MAC address", "addresses");
+    add(byAddress, "address", "MAC addresses");
+    return conflicts;
 }
 
 std::optional<DiscoveryReply> AskAt(const std::string& host, uint16_t port, Millis timeout) {

@@ -40,6 +40,9 @@ struct DiscoveryResult {
 DiscoveryResult Discover(const DiscoveryRequest& request,
                          const std::function<bool(const FoundDevice&)>& enough);
 
+// One sentence for each MAC address and each address that more than one of the devices names.
+std::vector<std::string> Conflicts(const DiscoveryResult& result);
+
 // The device with this MAC address among those that answer a broadcast, or null.
 const FoundDevice* FindMac(const DiscoveryResult& result, const std::string& mac);
 

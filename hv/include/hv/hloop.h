@@ -35,6 +35,7 @@ struct hevent_s {
 typedef void (*htimer_cb)(htimer_t* timer);
 typedef void (*haccept_cb)(hio_t* io);
 typedef void (*hread_cb)(hio_t* io, void* buf, int readbytes);
+typedef void (*hwrite_cb)(hio_t* io, const void* buf, int writebytes);
 typedef void (*hclose_cb)(hio_t* io);
 
 #define HLOOP_FLAG_AUTO_FREE 0x00000002
@@ -61,7 +62,9 @@ int hloop_stop(hloop_t* loop);
 // Number of ios on the loop; an io counts from the moment hio_attach or hio_read took it in, at the
 // latest, until it is detached or closed. Any thread; a snapshot.
 uint32_t hloop_nios(hloop_t* loop);
-// Runs ev->cb on the loop's thread, in the order of posting. The event is copied. Any thread.
+// Runs ev->cb on the loop's thread, in the order of posting. The event is copied. Each loop keeps
+// room for one event, so that without memory one at a time still arrives; a further one is lost,
+// with an ERROR in the log. Any thread.
 void hloop_post_event(hloop_t* loop, hevent_t* ev);
 
 // Calls `cb` every `timeoutMs` milliseconds, `repeat` times or for ever (INFINITE); the timer is
@@ -80,6 +83,9 @@ hio_t* hloop_create_udp_server(hloop_t* loop, const char* host, int port);
 // Null takes a callback off.
 void hio_setcb_read(hio_t* io, hread_cb cb);
 void hio_setcb_close(hio_t* io, hclose_cb cb);
+// Called after the loop has sent from the queue (libhv also calls it for what hio_write sent at
+// once); hio_write_bufsize tells what is left. `buf` and `writebytes` have no meaning here.
+void hio_setcb_write(hio_t* io, hwrite_cb cb);
 // One pointer of the caller's for each io.
 void hio_set_context(hio_t* io, void* ctx);
 void* hio_context(hio_t* io);
@@ -91,12 +97,20 @@ void* hio_context(hio_t* io);
 // the io is attached to a loop; the io then belongs to that loop's thread. 0, or -1 with errno and
 // the io closed.
 int hio_read(hio_t* io);
-// Sends now what the socket takes and queues the rest, up to 1 MiB. Returns the bytes that went out
-// now (0 with errno EAGAIN: all is queued), or -1 with errno, after which a connection is closed as
-// soon as the callback in progress is over. On a UDP io the bytes go, as one datagram, to the
-// sender of the datagram last read; they are never queued, and a failure leaves the io as it is.
-// Raises no SIGPIPE.
+// Stops reading: what arrives stays in the socket until hio_read_start. A read time-out runs on.
+int hio_read_stop(hio_t* io);
+#define hio_read_start(io) hio_read(io)
+// Sends now what the socket takes and queues the rest. Returns the bytes that went out now (0 with
+// errno EAGAIN: all is queued), or -1 with errno, after which a connection is closed as soon as the
+// callback in progress is over. ENOBUFS: the queue would exceed hio_set_max_write_bufsize, or those
+// of all ios together 512 KiB (libhv has no limit for all). On a UDP io the bytes go, as one
+// datagram, to the sender of the datagram last read; they are never queued, and a failure leaves
+// the io as it is. Raises no SIGPIPE.
 int hio_write(hio_t* io, const void* buf, size_t len);
+// Bytes that are queued and not sent yet.
+size_t hio_write_bufsize(hio_t* io);
+// Bytes that may be queued at most; as long as it is not called, 512 KiB (libhv: 16 MiB).
+void hio_set_max_write_bufsize(hio_t* io, uint32_t size);
 // Closes after what is queued is sent (given up after 60 s), runs the close callback, frees the io.
 // From the loop's own thread, where the io may still be named until the callback in progress is
 // over; from any other thread it is posted to the loop and done there. Closing what is closed, or
