@@ -39,18 +39,6 @@ std::string UsableProgram(const std::string& name) {
     return path;
 }
 
-// The runner's signals are read from a descriptor; threads made later inherit the mask.
-UniqueFd BlockSignals() {
-    sigset_t set;
-    (void)sigemptyset(&set);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) {
-        (void)sigaddset(&set, number);
-    }
-    (void)pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    (void)signal(SIGPIPE, SIG_IGN);
-    return UniqueFd(signalfd(-1, &set, SFD_CLOEXEC));
-}
-
 // The child's side of the clone, up to its exec: async-signal-safe calls only.
 [[noreturn]] void BecomeInit(const Console& console, int socket) {
     ResetSignals();
@@ -69,15 +57,15 @@ UniqueFd BlockSignals() {
 
 }  // namespace
 
-Board::Board(const BoardOptions& options, const StateDir& state)
-    : options_(options), state_(state), network_(options.network, state) {
+Board::Board(const BoardOptions& options, const StateDir& state,
+             std::unique_ptr<BoardNetwork> network)
+    : options_(options), state_(state), network_(std::move(network)) {
     options_.program.at(0) = UsableProgram(options.program.at(0));
     self_ = std::filesystem::read_symlink("/proc/self/exe");
     partitions_ = ParseLayout(options.layout, options.eraseBlock, state);
-    CheckHost(options.network.wifi, options.speed);
+    CheckHost(options.wifi, options.speed);
     lock_ = state.Lock();
-    BecomeRoot();
-    network_.Create();
+    network_->Create();
     state.Prepare();
     signals_ = BlockSignals();
     watchdogEvent_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -96,6 +84,12 @@ Board::~Board() {
 int Board::Run() {
     loop_.Add(signals_.Get(), [this] { OnSignal(); });
     loop_.Add(watchdogEvent_.Get(), [this] { OnWatchdog(); });
+    if (network_->EndFd() >= 0) {
+        loop_.Add(network_->EndFd(), [this] {
+            loop_.Remove(network_->EndFd());
+            Stop(0);
+        });
+    }
     StartBoot(kPowerOn);
     control_ = std::make_unique<ControlServer>(
         &loop_, state_,
@@ -150,7 +144,7 @@ void Board::StartBoot(const std::string& reason) {
     config.speed = options_.speed;
     config.arguments.assign(options_.program.begin() + 1, options_.program.end());
     config.environment = options_.environment;
-    config.ethAddress = options_.network.ethAddress;
+    config.ethAddress = network_->EthAddress();
     for (const PartitionConfig& partition : partitions_) {
         config.devices.push_back(partition.name);
         if (partition.name == kAppPartition) {
@@ -159,7 +153,7 @@ void Board::StartBoot(const std::string& reason) {
     }
     config.devices.emplace_back("watchdog");
 
-    network_.Attach(init_);
+    network_->Attach(init_);
     DevicesMount mount = MountDevices();
     devices_->Attach(mount.fuse.Release(), number);
     SendMessage(initSocket_.Get(), config, mount.tree.Get());
@@ -251,7 +245,7 @@ void Board::FinishBoot(int waitStatus) {
     // A watchdog that fired while the board was going down must not meet the next boot.
     eventfd_t count = 0;
     (void)eventfd_read(watchdogEvent_.Get(), &count);
-    network_.Detach();
+    network_->Detach();
 
     const std::string reason = ResetReason(waitStatus);
     console_->Say("down: " + (reason.empty() ? "init has died" : reason));
@@ -300,6 +294,17 @@ void Board::AddFault(const json& request) {
     WriteText(state_.RebootFault(), operation);
 }
 
+json Board::Brief() const {
+    return {{"number", network_->Number()},
+            {"boot", reasons_.size()},
+            {"state", init_ < 0 ? "off" : (program_ > 0 ? "up" : "booting")},
+            {"reason", reasons_.empty() ? "" : reasons_.back()},
+            {"running", program_ > 0 && programCode_ < 0},
+            {"ethAddress", init_ < 0 ? "" : AddressOf(init_, "eth0")},
+            {"wlanAddress", init_ < 0 ? "" : AddressOf(init_, "wlan0")},
+            {"stateDir", state_.Path()}};
+}
+
 json Board::Status() {
     json boots = json::array();
     for (size_t i = 0; i < reasons_.size(); ++i) {
@@ -330,7 +335,7 @@ json Board::Status() {
               {"sinceFeed", watchdog.secondsSinceFeed},
               {"feeds", watchdog.feeds},
               {"largestGap", watchdog.largestGapSeconds}}},
-            {"network", network_.Describe()},
+            {"network", network_->Describe()},
             {"button", buttonHolder_ >= 0 ? "pressed" : "released"},
             {"runnerPid", getpid()},
             {"initPid", init_},
@@ -342,6 +347,9 @@ json Board::Handle(int connection, const json& request) {
     if (command == "status") {
         return Status();
     }
+    if (command == "brief") {
+        return Brief();
+    }
     if (command == "reset") {
         CutPower("reset");
     } else if (command == "stop") {
@@ -351,9 +359,9 @@ json Board::Handle(int connection, const json& request) {
     } else if (command == "button") {
         PressButton(connection, request.at("pressed"));
     } else if (command == "ap") {
-        network_.AccessPoint(request.at("action"));
+        network_->AccessPoint(request.at("action"));
     } else if (command == "link") {
-        network_.WlanLink(init_, request.at("action") == "up");
+        network_->WlanLink(init_, request.at("action") == "up");
     } else {
         throw std::runtime_error("the runner knows no command \"" + command + "\"");
     }

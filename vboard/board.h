@@ -23,7 +23,7 @@ struct BoardOptions {
     uint32_t eraseBlock = 65536;
     bool norTiming = false;
     int speed = 1;  // of the board's clock
-    NetworkConfig network;
+    bool wifi = true;
     int maxBoots = 0;  // 0: no limit
     bool quiet = false;
     std::vector<std::string> program;  // file and arguments
@@ -33,7 +33,8 @@ struct BoardOptions {
 class Board {
   public:
     // Throws one clear sentence when the host, the state folder or the program is unusable.
-    Board(const BoardOptions& options, const StateDir& state);
+    Board(const BoardOptions& options, const StateDir& state,
+          std::unique_ptr<BoardNetwork> network);
     ~Board();
     Board(const Board&) = delete;
     Board& operator=(const Board&) = delete;
@@ -55,6 +56,8 @@ class Board {
     void OnWatchdog();
     nlohmann::json Handle(int connection, const nlohmann::json& request);
     nlohmann::json Status();
+    // What tells boards of a site apart; cheap enough to be asked often.
+    nlohmann::json Brief() const;
     void AddFault(const nlohmann::json& request);
     void PressButton(int connection, bool pressed);
 
@@ -63,7 +66,7 @@ class Board {
     const StateDir& state_;
     UniqueFd lock_;
     Loop loop_;
-    BenchNetwork network_;
+    std::unique_ptr<BoardNetwork> network_;
     std::vector<PartitionConfig> partitions_;
     UniqueFd signals_;
     UniqueFd watchdogEvent_;

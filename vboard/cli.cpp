@@ -16,6 +16,10 @@
 #include "vboard/client.h"
 #include "vboard/command_link.h"
 #include "vboard/exec.h"
+#include "vboard/site/commands.h"
+#include "vboard/site/plan.h"
+#include "vboard/site/site.h"
+#include "vboard/site/site_link.h"
 #include "vboard/watch.h"
 
 namespace {
@@ -31,6 +35,9 @@ struct Cli {
     int exitStatus = 0;
 
     vboard::BoardOptions board;
+    vboard::NetworkConfig network;
+    std::string site;
+    int number = 0;
     bool noEth = false;
     bool noWifi = false;
     bool onBoard = false;
@@ -45,6 +52,8 @@ struct Cli {
     double hold = 0;
     std::string action;
     unsigned lateSeconds = 0;
+    vboard::site::SiteOptions siteOptions;
+    vboard::site::StartOptions boards;
 
     Cli() {
         app.name("vboard");
@@ -58,6 +67,7 @@ struct Cli {
         AddObservers();
         AddFlash();
         AddHands();
+        AddSite();
         kvtool::AddCompletion(&app);
     }
 
@@ -78,13 +88,24 @@ struct Cli {
     void AddRun() {
         CLI::App* const run = Add(&app, "run", "Switch a board on; stays in the foreground",
                                   [this](const StateDir& where) { Run(where); });
+        CLI::Option* const join =
+            run->add_option("--site", site, "Join the site on this state folder");
+        run->add_option("--number", number, "The board's number on the site; default: a free one")
+            ->needs(join)
+            ->check(CLI::Range(1, vboard::site::kMaxBoards));
+        AddRunOptions(run);
+        run->get_option("--no-wifi")->excludes(join);
+    }
+
+    void AddRunOptions(CLI::App* run) {
         AddLayout(run);
         run->add_flag("--nor-timing", board.norTiming, "Flash takes the times of a real NOR");
         run->add_option("--speed", board.speed, "How many times as fast the board's clock runs")
             ->check(CLI::Range(1, 100))
             ->capture_default_str();
         CLI::Option* const eth =
-            run->add_option("--eth", board.network.ethAddress, "The board's address on eth0")
+            run->add_option("--eth", network.ethAddress,
+                            "The board's address on eth0; on a site it follows from the number")
                 ->capture_default_str();
         run->add_flag("--no-eth", noEth, "No eth0")->excludes(eth);
         run->add_flag("--no-wifi", noWifi, "No wlan0 and no access point");
@@ -99,11 +120,20 @@ struct Cli {
     }
 
     void Run(const StateDir& where) {
-        if (noEth) {
-            board.network.ethAddress.clear();
+        board.wifi = !noWifi;
+        if (site.empty()) {
+            network.wifi = board.wifi;
+            network.ethAddress = noEth ? "" : network.ethAddress;
+            auto bench = std::make_unique<vboard::BenchNetwork>(network, where);
+            exitStatus = vboard::Board(board, where, std::move(bench)).Run();
+            return;
         }
-        board.network.wifi = !noWifi;
-        exitStatus = vboard::Board(board, where).Run();
+        const std::string eth = noEth ? vboard::site::SiteLink::kNoEth
+                                : app.get_subcommand("run")->count("--eth") > 0 ? network.ethAddress
+                                                                                : "";
+        auto link = std::make_unique<vboard::site::SiteLink>(StateDir(site), number, eth);
+        const StateDir place(link->Folder());
+        exitStatus = vboard::Board(board, place, std::move(link)).Run();
     }
 
     void AddExec() {
@@ -199,6 +229,67 @@ struct Cli {
             ->add_option("action", action, "up, down")
             ->required()
             ->check(CLI::IsMember({"up", "down"}));
+    }
+
+    void AddSite() {
+        CLI::App* const group =
+            app.add_subcommand("site", "Many boards on one service network, with one laptop");
+        group->require_subcommand(1);
+        Add(group, "run", "Set up the network; stays in the foreground",
+            [this](const StateDir& where) {
+                exitStatus = vboard::site::Site(siteOptions, where).Run();
+            })
+            ->add_option("--shape", siteOptions.rate,
+                         "Rate of the air that all boards share, each way: 40mbit");
+        CLI::App* const start = Add(group, "start", "Start boards; returns when all have joined",
+                                    [this](const StateDir& where) { StartBoards(where); });
+        start->add_option("count", boards.count, "How many boards")
+            ->required()
+            ->check(CLI::Range(1, vboard::site::kMaxBoards));
+        start->add_flag("--no-wait{false}", boards.wait, "Return once the programs are started");
+        start->add_option("--timeout", boards.timeout, "Seconds")->capture_default_str();
+        AddRunOptions(start);
+        Add(group, "status", "The site and its boards", [this](const StateDir& where) {
+            vboard::site::ShowSite(where, asJson);
+        })->add_flag("--json", asJson, "For programs");
+        Add(group, "exec", "Run a command on the laptop",
+            [this](const StateDir& where) {
+                exitStatus = vboard::site::RunOnLaptop(where, command);
+            })
+            ->add_option("command", command, "The command, after --")
+            ->required();
+        CLI::App* const lease =
+            Add(group, "lease", "Give a board this address with its next DHCP request",
+                [this](const StateDir& where) { vboard::site::SetLease(where, number, action); });
+        lease->add_option("number", number, "The board's number")->required();
+        lease->add_option("address", action, "Address of its wlan0")->required();
+        for (const char* const word : {"dhcp", "no-dhcp"}) {
+            Add(group, word,
+                word[0] == 'd' ? "Start the DHCP server again" : "Stop the DHCP server",
+                [word](const StateDir& where) { vboard::site::SetDhcp(where, word); });
+        }
+        Add(group, "stop", "End the site and its boards",
+            [](const StateDir& where) { vboard::site::StopSite(where); });
+    }
+
+    void StartBoards(const StateDir& where) {
+        const CLI::App* const start = app.get_subcommand("site")->get_subcommand("start");
+        for (const CLI::Option* const option : start->get_options()) {
+            const std::string name = option->get_name();
+            if (option->count() == 0 || name == "--timeout" || name == "--no-wait" ||
+                option->get_positional()) {
+                continue;
+            }
+            for (const std::string& value : option->results()) {
+                boards.run.push_back(name);
+                if (option->get_expected_min() > 0) {
+                    boards.run.push_back(value);
+                }
+            }
+        }
+        boards.run.emplace_back("--");
+        boards.run.insert(boards.run.end(), board.program.begin(), board.program.end());
+        vboard::site::StartBoards(where, boards);
     }
 
     void Press(const StateDir& where) {

@@ -96,6 +96,10 @@ void ControlServer::Answer(int fd, const std::string& line) {
     (void)send(fd, text.data(), text.size(), MSG_NOSIGNAL);
 }
 
+void ControlServer::HangUp(int connection) {
+    (void)shutdown(connection, SHUT_WR);
+}
+
 ControlClient::ControlClient(const StateDir& state) : socket_(UnixSocket()) {
     const sockaddr_un address = Address(state);
     if (connect(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {

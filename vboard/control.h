@@ -25,6 +25,9 @@ class ControlServer {
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
 
+    // Ends the stream towards a requester. It is still heard, until it closes its end.
+    void HangUp(int connection);
+
   private:
     struct Connection {
         UniqueFd socket;

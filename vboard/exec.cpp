@@ -20,21 +20,6 @@ namespace vboard {
 
 namespace {
 
-UniqueFd Namespace(pid_t pid, const char* name) {
-    UniqueFd fd(
-        open(("/proc/" + std::to_string(pid) + "/ns/" + name).c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) {
-        throw SysError("cannot reach the board's namespaces");
-    }
-    return fd;
-}
-
-void Enter(const UniqueFd& space, int type) {
-    if (setns(space.Get(), type) != 0) {
-        throw SysError("cannot enter the board's namespaces");
-    }
-}
-
 [[noreturn]] void Execute(const std::vector<std::string>& command) {
     std::vector<char*> argv;
     argv.reserve(command.size() + 1);
@@ -57,19 +42,19 @@ int Exec(const StateDir& state, bool board, const std::vector<std::string>& comm
         throw std::runtime_error("the board is off");
     }
     if (geteuid() != 0) {
-        Enter(Namespace(runner, "user"), CLONE_NEWUSER);
+        EnterNamespace(OpenNamespace(runner, "user"), CLONE_NEWUSER);
     }
     if (!board) {
-        Enter(Namespace(runner, "net"), CLONE_NEWNET);
+        EnterNamespace(OpenNamespace(runner, "net"), CLONE_NEWNET);
         Execute(command);
     }
     // All but the first are entered by the child alone, so that this process holds nothing of a
     // board that is reset in the meantime.
-    Enter(Namespace(init, "pid"), CLONE_NEWPID);
-    const UniqueFd net = Namespace(init, "net");
-    const UniqueFd uts = Namespace(init, "uts");
-    const UniqueFd ipc = Namespace(init, "ipc");
-    const UniqueFd mnt = Namespace(init, "mnt");
+    EnterNamespace(OpenNamespace(init, "pid"), CLONE_NEWPID);
+    const UniqueFd net = OpenNamespace(init, "net");
+    const UniqueFd uts = OpenNamespace(init, "uts");
+    const UniqueFd ipc = OpenNamespace(init, "ipc");
+    const UniqueFd mnt = OpenNamespace(init, "mnt");
     const pid_t child = fork();
     if (child < 0) {
         throw SysError("cannot create a process");
@@ -81,10 +66,10 @@ int Exec(const StateDir& state, bool board, const std::vector<std::string>& comm
         return ExitCode(WaitStatus(child));
     }
     (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-    Enter(net, CLONE_NEWNET);
-    Enter(uts, CLONE_NEWUTS);
-    Enter(ipc, CLONE_NEWIPC);
-    Enter(mnt, CLONE_NEWNS);
+    EnterNamespace(net, CLONE_NEWNET);
+    EnterNamespace(uts, CLONE_NEWUTS);
+    EnterNamespace(ipc, CLONE_NEWIPC);
+    EnterNamespace(mnt, CLONE_NEWNS);
     for (const std::string& variable : BoardEnvironment(status.at("speed"))) {
         (void)putenv(const_cast<char*>(strdup(variable.c_str())));
     }

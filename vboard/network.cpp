@@ -2,9 +2,13 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <ifaddrs.h>
 #include <sched.h>
 #include <signal.h>
 
+#include <thread>
+
+#include "vboard/preflight.h"
 #include "vboard/process.h"
 
 namespace vboard {
@@ -12,26 +16,93 @@ namespace vboard {
 namespace {
 
 constexpr char kApAddress[] = "172.20.18.1/24";
+constexpr char kDhcpConfig[] =
+    "interface ap0\n"
+    "start 172.20.18.100\n"
+    "end 172.20.18.200\n"
+    "option subnet 255.255.255.0\n"
+    "option router 172.20.18.1\n"
+    "option dns 172.20.18.1\n"
+    "option lease 3600\n";
 
-std::string DhcpConfig() {
-    return "interface ap0\n"
-           "start 172.20.18.100\n"
-           "end 172.20.18.200\n"
-           "lease_file udhcpd.leases\n"
-           "pidfile udhcpd.pid\n"
-           "option subnet 255.255.255.0\n"
-           "option router 172.20.18.1\n"
-           "option dns 172.20.18.1\n"
-           "option lease 3600\n";
+std::string AddressHere(const std::string& interface) {
+    ifaddrs* list = nullptr;
+    std::string found;
+    if (getifaddrs(&list) != 0) {
+        return found;
+    }
+    for (const ifaddrs* entry = list; entry != nullptr && found.empty(); entry = entry->ifa_next) {
+        if (entry->ifa_name == interface && entry->ifa_addr != nullptr &&
+            entry->ifa_addr->sa_family == AF_INET) {
+            char text[INET_ADDRSTRLEN] = "";
+            (void)inet_ntop(AF_INET,
+                            &reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr, text,
+                            sizeof(text));
+            found = text;
+        }
+    }
+    freeifaddrs(list);
+    return found;
 }
 
-void Ip(const std::string& batch) {
-    if (Run({{"ip", "-batch", "-"}}, batch) != 0) {
+}  // namespace
+
+void EnterNewNetwork() {
+    if (unshare(CLONE_NEWNET) != 0) {
+        throw SysError("cannot make a network namespace");
+    }
+}
+
+void Ip(const std::string& batch, int network) {
+    Command command{{"ip", "-batch", "-"}};
+    command.network = network;
+    if (Run(command, batch) != 0) {
         throw std::runtime_error("the bench network cannot be set up (see ip's message)");
     }
 }
 
-}  // namespace
+void IpQuietly(const std::string& batch, int network) {
+    const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    Command command{{"ip", "-force", "-batch", "-"}};
+    command.network = network;
+    command.error = nowhere.Get();
+    (void)Run(command, batch);
+}
+
+std::string AddBridge(const std::string& name, const std::string& mac, const std::string& address) {
+    // A bridge takes a port's address for its own unless it was given one.
+    return "link add " + name + " address " + mac + " type bridge forward_delay 0\n" +
+           "address add " + address + " brd + dev " + name + "\n" + "link set " + name + " up\n";
+}
+
+std::string AddCable(const std::string& bridge, const std::string& port, pid_t init,
+                     const std::string& name, const std::string& mac, bool up) {
+    return "link add " + port + " type veth peer name " + name + " address " + mac + " netns " +
+           std::to_string(init) + "\n" + "link set " + port + " master " + bridge +
+           (up ? " up\n" : " down\n");
+}
+
+void SetWlan(pid_t init, bool up) {
+    const UniqueFd network = OpenNamespace(init, "net");
+    Command command{{"ip", "link", "set", "wlan0", up ? "up" : "down"}};
+    command.network = network.Get();
+    if (Run(command) != 0) {
+        throw std::runtime_error("wlan0 cannot be set (see ip's message on the runner)");
+    }
+}
+
+std::string AddressOf(pid_t init, const std::string& interface) {
+    const UniqueFd network(
+        open(("/proc/" + std::to_string(init) + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC));
+    std::string found;
+    // A thread of its own: the caller's stays in its network.
+    std::thread([&] {
+        if (network && setns(network.Get(), CLONE_NEWNET) == 0) {
+            found = AddressHere(interface);
+        }
+    }).join();
+    return found;
+}
 
 std::string BenchAddress(const std::string& boardAddress) {
     const size_t slash = boardAddress.find('/');
@@ -53,32 +124,49 @@ std::string BenchAddress(const std::string& boardAddress) {
     return text + boardAddress.substr(slash);
 }
 
-BenchNetwork::BenchNetwork(const NetworkConfig& config, const StateDir& state)
-    : config_(config), state_(state) {}
+DhcpServer::DhcpServer(std::filesystem::path folder, std::string config, int network)
+    : folder_(std::move(folder)), config_(std::move(config)), network_(network) {}
 
-BenchNetwork::~BenchNetwork() {
-    if (dhcp_ > 0) {
-        (void)kill(dhcp_, SIGKILL);
-        (void)WaitStatus(dhcp_);
+void DhcpServer::Start() {
+    if (Running()) {
+        return;
+    }
+    WriteText(folder_ / "udhcpd.conf",
+              config_ + "lease_file udhcpd.leases\n" + "pidfile udhcpd.pid\n");
+    WriteText(folder_ / "udhcpd.leases", "");
+    const UniqueFd log(
+        open((folder_ / "udhcpd.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    // -a: how long it looks, in milliseconds, whether an address is taken before it offers it.
+    Command command{{"udhcpd", "-f", "-a", "20", "udhcpd.conf"}};
+    command.directory = folder_;
+    command.network = network_;
+    command.output = log.Get();
+    command.error = log.Get();
+    command.dieWithParent = true;
+    command.newSession = true;
+    pid_ = vboard::Start(command);
+}
+
+void DhcpServer::Stop() {
+    if (Running()) {
+        (void)kill(pid_, SIGKILL);
+        (void)WaitStatus(pid_);
+        pid_ = -1;
     }
 }
 
+BenchNetwork::BenchNetwork(const NetworkConfig& config, const StateDir& state)
+    : config_(config), dhcp_(state.Path(), kDhcpConfig) {}
+
 void BenchNetwork::Create() {
-    if (unshare(CLONE_NEWNET) != 0) {
-        throw SysError("cannot make a network namespace");
-    }
-    // A bridge takes a port's address for its own unless it was given one.
+    BecomeRoot();
+    EnterNewNetwork();
     std::string batch = "link set lo up\n";
-    const auto add = [&batch](const std::string& name, const char* mac, const std::string& where) {
-        batch += "link add " + name + " address " + mac + " type bridge forward_delay 0\n";
-        batch += "address add " + where + " brd + dev " + name + "\n";
-        batch += "link set " + name + " up\n";
-    };
     if (!config_.ethAddress.empty()) {
-        add("lan0", "02:76:62:00:00:01", BenchAddress(config_.ethAddress));
+        batch += AddBridge("lan0", "02:76:62:00:00:01", BenchAddress(config_.ethAddress));
     }
     if (config_.wifi) {
-        add("ap0", "02:76:62:00:01:01", kApAddress);
+        batch += AddBridge("ap0", "02:76:62:00:01:01", kApAddress);
     }
     // Tools that search by limited broadcast find the board without naming an interface.
     if (!config_.ethAddress.empty() || config_.wifi) {
@@ -87,24 +175,17 @@ void BenchNetwork::Create() {
     }
     Ip(batch);
     if (config_.wifi) {
-        StartDhcp();
+        dhcp_.Start();
     }
 }
 
 void BenchNetwork::Attach(pid_t init) {
     std::string batch;
-    const auto plug = [&](const std::string& bench, const std::string& board, const char* mac,
-                          bool up) {
-        const std::string port = bench + "p";
-        batch += "link add " + port + " type veth peer name " + board + " address " + mac +
-                 " netns " + std::to_string(init) + "\n";
-        batch += "link set " + port + " master " + bench + (up ? " up\n" : " down\n");
-    };
     if (!config_.ethAddress.empty()) {
-        plug("lan0", "eth0", "02:76:62:00:00:02", true);
+        batch += AddCable("lan0", "lan0p", init, "eth0", "02:76:62:00:00:02", true);
     }
     if (config_.wifi) {
-        plug("ap0", "wlan0", "02:76:62:00:01:02", carrier_);
+        batch += AddCable("ap0", "ap0p", init, "wlan0", "02:76:62:00:01:02", carrier_);
     }
     if (!batch.empty()) {
         Ip(batch);
@@ -114,10 +195,7 @@ void BenchNetwork::Attach(pid_t init) {
 void BenchNetwork::Detach() {
     // The kernel removes them by itself some time after the board's end, so both outcomes are
     // right; waiting for it is not needed this way.
-    const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    Command command{{"ip", "-force", "-batch", "-"}};
-    command.error = nowhere.Get();
-    (void)Run(command, "link del lan0p\nlink del ap0p\n");
+    IpQuietly("link del lan0p\nlink del ap0p\n");
 }
 
 void BenchNetwork::RequireWifi() const {
@@ -136,9 +214,9 @@ void BenchNetwork::AccessPoint(const std::string& action) {
         muted_ = action == "mute";
         Ip(std::string("link set ap0 ") + (muted_ ? "down\n" : "up\n"));
     } else if (action == "dhcp") {
-        StartDhcp();
+        dhcp_.Start();
     } else if (action == "no-dhcp") {
-        StopDhcp();
+        dhcp_.Stop();
     } else {
         throw std::runtime_error("the access point knows no \"" + action + "\"");
     }
@@ -146,42 +224,7 @@ void BenchNetwork::AccessPoint(const std::string& action) {
 
 void BenchNetwork::WlanLink(pid_t init, bool up) {
     RequireWifi();
-    const UniqueFd network(
-        open(("/proc/" + std::to_string(init) + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC));
-    if (!network) {
-        throw SysError("cannot reach the board's network");
-    }
-    Command command{{"ip", "link", "set", "wlan0", up ? "up" : "down"}};
-    command.network = network.Get();
-    if (Run(command) != 0) {
-        throw std::runtime_error("wlan0 cannot be set (see ip's message on the runner)");
-    }
-}
-
-void BenchNetwork::StartDhcp() {
-    if (dhcp_ > 0) {
-        return;
-    }
-    WriteText(state_.Path() / "udhcpd.conf", DhcpConfig());
-    WriteText(state_.Path() / "udhcpd.leases", "");
-    const UniqueFd log(open((state_.Path() / "udhcpd.log").c_str(),
-                            O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
-    // -a: how long it looks, in milliseconds, whether an address is taken before it offers it.
-    Command command{{"udhcpd", "-f", "-a", "20", "udhcpd.conf"}};
-    command.directory = state_.Path();
-    command.output = log.Get();
-    command.error = log.Get();
-    command.dieWithParent = true;
-    command.newSession = true;
-    dhcp_ = Start(command);
-}
-
-void BenchNetwork::StopDhcp() {
-    if (dhcp_ > 0) {
-        (void)kill(dhcp_, SIGKILL);
-        (void)WaitStatus(dhcp_);
-        dhcp_ = -1;
-    }
+    SetWlan(init, up);
 }
 
 std::string BenchNetwork::Describe() const {
@@ -189,7 +232,7 @@ std::string BenchNetwork::Describe() const {
         return "no Wi-Fi";
     }
     return std::string("access point ") + (carrier_ ? "up" : "down") + (muted_ ? ", mute" : "") +
-           (dhcp_ > 0 ? ", dhcp" : ", no dhcp");
+           (dhcp_.Running() ? ", dhcp" : ", no dhcp");
 }
 
 }  // namespace vboard

@@ -1,8 +1,12 @@
-// The bench network: what a technician's laptop and a service access point are to the board. It
-// lives in the runner's own network namespace and outlasts the board's boots.
+// The network around a board: what a technician's laptop and a service access point are to it. Its
+// interfaces outlast the board's boots.
+//
+// A board on a bench of its own has this in the runner's network namespace:
 //
 //     lan0   192.168.10.1/24   a bridge; the board's eth0 is plugged in at each boot
 //     ap0    172.20.18.1/24    a bridge that plays the access point, with a DHCP server; wlan0
+//
+// A board on a site shares both bridges with others (site/site_link.h).
 #pragma once
 
 #include <sys/types.h>
@@ -18,37 +22,92 @@ struct NetworkConfig {
     bool wifi = true;
 };
 
-class BenchNetwork {
+class BoardNetwork {
   public:
-    BenchNetwork(const NetworkConfig& config, const StateDir& state);
-    ~BenchNetwork();
-    BenchNetwork(const BenchNetwork&) = delete;
-    BenchNetwork& operator=(const BenchNetwork&) = delete;
+    virtual ~BoardNetwork() = default;
 
-    // Makes the bench's interfaces in a new network namespace that the caller enters by it.
-    void Create();
+    // Makes or joins the namespaces and their interfaces. The caller becomes root in its user
+    // namespace and enters the network of the board's neighbours; call it while the process has
+    // one thread.
+    virtual void Create() = 0;
     // Gives the board whose process 1 is `init` its interfaces; all are down.
-    void Attach(pid_t init);
+    virtual void Attach(pid_t init) = 0;
     // Takes the plugs out; the board must be gone.
-    void Detach();
+    virtual void Detach() = 0;
 
     // "up", "down", "mute", "unmute", "dhcp", "no-dhcp".
-    void AccessPoint(const std::string& action);
+    virtual void AccessPoint(const std::string& action) = 0;
     // Administrative state of the board's wlan0.
-    void WlanLink(pid_t init, bool up);
-    std::string Describe() const;
+    virtual void WlanLink(pid_t init, bool up) = 0;
+    virtual std::string Describe() const = 0;
+
+    // "ADDRESS/LEN" of the board's eth0, empty without one.
+    virtual const std::string& EthAddress() const = 0;
+    // The board's number on its site, 0 on a bench of its own.
+    virtual int Number() const { return 0; }
+    // Readable once the network's owner has ended and the board must, too. -1: the runner owns it.
+    virtual int EndFd() const { return -1; }
+};
+
+// A DHCP server in a network namespace. It ends with the object, and with the calling thread.
+class DhcpServer {
+  public:
+    // `config` is the text for udhcpd; it, the leases and the log are files of `folder`.
+    // `network`: the namespace's descriptor, which outlives the object; -1: the caller's own.
+    DhcpServer(std::filesystem::path folder, std::string config, int network = -1);
+    ~DhcpServer() { Stop(); }
+    DhcpServer(const DhcpServer&) = delete;
+    DhcpServer& operator=(const DhcpServer&) = delete;
+
+    // Without effect when it runs.
+    void Start();
+    void Stop();
+    bool Running() const { return pid_ > 0; }
 
   private:
-    void StartDhcp();
-    void StopDhcp();
+    std::filesystem::path folder_;
+    std::string config_;
+    int network_;
+    pid_t pid_ = -1;
+};
+
+class BenchNetwork : public BoardNetwork {
+  public:
+    BenchNetwork(const NetworkConfig& config, const StateDir& state);
+
+    void Create() override;
+    void Attach(pid_t init) override;
+    void Detach() override;
+    void AccessPoint(const std::string& action) override;
+    void WlanLink(pid_t init, bool up) override;
+    std::string Describe() const override;
+    const std::string& EthAddress() const override { return config_.ethAddress; }
+
+  private:
     void RequireWifi() const;
 
     NetworkConfig config_;
-    const StateDir& state_;
+    DhcpServer dhcp_;
     bool carrier_ = true;
     bool muted_ = false;
-    pid_t dhcp_ = -1;
 };
+
+// Makes a network namespace and enters it.
+void EnterNewNetwork();
+// Runs ip(8) commands, a line each, in the namespace `network` (-1: the caller's own). Throws when
+// one fails.
+void Ip(const std::string& batch, int network = -1);
+// The same for what may be gone already: failures do not matter.
+void IpQuietly(const std::string& batch, int network = -1);
+// ip(8) commands for a bridge with an address, up.
+std::string AddBridge(const std::string& name, const std::string& mac, const std::string& address);
+// ip(8) commands for a cable from the bridge's `port` to `name`, which belongs to process `init`.
+std::string AddCable(const std::string& bridge, const std::string& port, pid_t init,
+                     const std::string& name, const std::string& mac, bool up);
+// Sets wlan0 of the board whose process 1 is `init`.
+void SetWlan(pid_t init, bool up);
+// IPv4 address of an interface of the board, empty when it has none.
+std::string AddressOf(pid_t init, const std::string& interface);
 
 // Throws one clear sentence for what is not "ADDRESS/LEN". The bench's side of that network:
 // its first address that is not the board's.

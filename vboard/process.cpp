@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -42,6 +43,32 @@ std::string FindTool(const std::string& name) {
         }
     }
     return "";
+}
+
+UniqueFd BlockSignals() {
+    sigset_t set;
+    (void)sigemptyset(&set);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) {
+        (void)sigaddset(&set, number);
+    }
+    (void)pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    (void)signal(SIGPIPE, SIG_IGN);
+    return UniqueFd(signalfd(-1, &set, SFD_CLOEXEC));
+}
+
+UniqueFd OpenNamespace(pid_t pid, const char* name) {
+    UniqueFd fd(
+        open(("/proc/" + std::to_string(pid) + "/ns/" + name).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) {
+        throw SysError("cannot reach the board's namespaces");
+    }
+    return fd;
+}
+
+void EnterNamespace(const UniqueFd& space, int type) {
+    if (setns(space.Get(), type) != 0) {
+        throw SysError("cannot enter the board's namespaces");
+    }
 }
 
 void ResetSignals() {

@@ -40,6 +40,15 @@ int Run(Command command, const std::string& input = "");
 int WaitStatus(pid_t pid);
 int ExitCode(int waitStatus);
 
+// Blocks SIGINT, SIGTERM, SIGHUP and SIGCHLD and ignores SIGPIPE, also for threads started later.
+// Returns a descriptor to read the blocked ones from.
+UniqueFd BlockSignals();
+
+// A namespace of process `pid`, named as in /proc/PID/ns, and the caller's way into it. `type`: its
+// CLONE_NEW… flag. Both throw.
+UniqueFd OpenNamespace(pid_t pid, const char* name);
+void EnterNamespace(const UniqueFd& space, int type);
+
 // Default dispositions and an empty mask. Async-signal-safe: for a child before its exec.
 void ResetSignals();
 
