@@ -53,6 +53,19 @@ constexpr SignalRoute kRoutes[] = {
 
 }  // namespace
 
+TEST(SignalsDeathTest, AFullPipeHoldsNobodyUp) {
+    EXPECT_EXIT(
+        {
+            (void)KV_SIGNAL_Install(kRoutes, 2);
+            errno = EXDEV;
+            for (int i = 0; i < 70000; ++i) {
+                (void)raise(SIGUSR2);
+            }
+            _exit(errno == EXDEV ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 TEST(Signals, ProceduresRunOutsideSignalContextAndSideBySide) {
     (void)sem_init(&g_entered, 0, 0);
     (void)sem_init(&g_release, 0, 0);

@@ -255,18 +255,8 @@ TEST(WpaListener, TracesEventsUntilStopped) {
     EXPECT_TRUE(WaitUntil([&] { return supplicant.Count("ATTACH") == 2; }));
     EXPECT_TRUE(WaitUntil([&] { return traced("__KV_wifi_ctrlProc Exit\n") == 2U; }));
     EXPECT_EQ(ClientSockets(), 1);
-    // A flood of events does not keep it.
-    std::atomic<bool> ended{false};
-    std::thread flood([&] {
-        while (!ended) {
-            supplicant.Push("<3>flood");
-        }
-    });
-    EXPECT_TRUE(WaitUntil([&] { return traced("Data:<3>flood\n") > 0; }));
     EXPECT_EQ(KV_WIFI_CtrlListen(), 0);
-    EXPECT_TRUE(WaitUntil([&] { return traced("__KV_wifi_ctrlProc Exit\n") == 3U; }, 5));
-    ended = true;
-    flood.join();
+    EXPECT_TRUE(WaitUntil([&] { return traced("__KV_wifi_ctrlProc Exit\n") == 3U; }));
     EXPECT_EQ(ClientSockets(), 0);
     EXPECT_EQ(supplicant.Count("DETACH"), 0);
 }
