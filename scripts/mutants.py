@@ -8,6 +8,7 @@ there, and tried with the tests that its rule names, until one fails. Exit statu
 """
 
 import argparse
+import fnmatch
 import json
 import os
 import re
@@ -46,6 +47,14 @@ class RuleError(Exception):
     pass
 
 
+def fits_a_test(test):
+    program, *filters = test.split()
+    cases = []
+    for source in (ROOT / "tests").glob(f"*/{program}.cpp"):
+        cases += re.findall(r"^TEST(?:_F|_P)?\((\w+), (\w+)\)", source.read_text(), re.MULTILINE)
+    return any(fnmatch.fnmatchcase(f"{suite}.{case}", filters[0] if filters else "*") for suite, case in cases)
+
+
 def read_rules(module, name):
     """The rules of that module and name, or all, each seen to fit the sources."""
     mutants = []
@@ -70,8 +79,7 @@ def read_rules(module, name):
             faults.append(f"{where}: its text stands {count} times in {mutant.file}, not once")
         if not mutant.tests and not mutant.equivalent:
             faults.append(f"{where}: names no test")
-        faults += [f"{where}: there is no test program {test.split()[0]}" for test in mutant.tests
-                   if not list((ROOT / "tests").glob(f"*/{test.split()[0]}.cpp"))]
+        faults += [f"{where}: no test fits '{test}'" for test in mutant.tests if not fits_a_test(test)]
     if faults:
         raise RuleError("\n".join(faults))
     return mutants
