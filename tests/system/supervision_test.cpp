@@ -261,9 +261,12 @@ TEST(Monitor, FlashingStopsTheRebootAndTheRecoveryThatWereUnderWay) {
         ASSERT_TRUE(board.WaitBoot(2));
         EXPECT_EQ(board.Reason(2), "reboot -f\n");
         EXPECT_EQ(board.Echoes(), kRestart + row.done);
-        EXPECT_TRUE(Contains(board.Trace(), "open /tmp/upGradeFile.FLS error")) << board.Trace();
-        EXPECT_FALSE(Contains(board.Trace(), "LoopPoolInit"));
-        EXPECT_EQ(CountOf(board.Trace(), "Start to stop feeding the dog!"), 0U);
+        const std::string trace = board.Trace();
+        EXPECT_FALSE(Contains(trace, "LoopPoolInit"));
+        // The writer itself may come to starve the watchdog before its reboot takes effect.
+        const size_t writing = trace.find("open /tmp/upGradeFile.FLS error");
+        ASSERT_NE(writing, std::string::npos) << trace;
+        EXPECT_GT(trace.find("Start to stop feeding the dog!"), writing) << trace;
     }
 }
 
