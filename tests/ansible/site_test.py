@@ -2,7 +2,8 @@
 """site_test.py: the Ansible collection against a site of six virtual boards.
 
 Builds the collection, installs it into a folder of its own, and runs ansible-playbook on the site's laptop: a canary
-that fails, a run in which one of six fails, and a run that upgrades only that one.
+that fails, a run in which one of six fails, and a run that upgrades only that one. A stand-in for kvtool plays the
+searches that a site cannot.
 """
 import contextlib
 import json
@@ -60,6 +61,28 @@ def install_collection(work):
     release = re.search(r"\d+\.\d+\.\d+", run(BIN / "kvtool", "--version").stdout)[0]
     expect(archive.name == f"upgrademain-kvtool-{release}.tar.gz", f"galaxy.yml names the release {release}", archive)
     run("ansible-galaxy", "collection", "install", "--offline", "-p", work / "collections", archive)
+
+
+def device(number, mac):
+    return {"mac": mac, "firmware": FIRMWARE, "address": "", "senders": [f"10.0.0.{number}"], "command_port": 80}
+
+
+def test_doubtful_inventory(work):
+    """Two devices with one MAC address, one without any, and one that each of two searches finds."""
+    report = {"schema": 1, "exit_code": 0, "devices": [
+        device(1, "02:00:00:00:00:01"), device(2, "02:00:00:00:00:01"), device(3, ""), device(4, "02:00:00:00:00:04")]}
+    stand_in = work / "kvtool"
+    stand_in.write_text(f"#!/bin/sh\necho '{json.dumps(report)}'\n", encoding="utf-8")
+    stand_in.chmod(0o755)
+    source = work / "doubtful.kvtool.yml"
+    source.write_text("plugin: upgrademain.kvtool.discover\nhosts: [10.0.0.1, 10.0.0.4]\n", encoding="utf-8")
+    done = run("ansible-inventory", "-i", source, "--list", "--output", work / "doubtful.json",
+               env={**os.environ, "ANSIBLE_COLLECTIONS_PATH": str(work / "collections"), "KVTOOL": str(stand_in)})
+    found = json.loads((work / "doubtful.json").read_text("utf-8"))
+    expect(found["cameras"]["hosts"] == ["02-00-00-00-00-04"], "only the device that is certain is a host", found)
+    variables = found["_meta"]["hostvars"]["02-00-00-00-00-04"]
+    expect(variables["ansible_host"] == "10.0.0.4" and variables["kvtool_version"] == VERSION, "variables", variables)
+    expect("2 devices name the MAC" in done.stdout and "10.0.0.3 names no MAC" in done.stdout, "warnings", done.stdout)
 
 
 class Site:
@@ -184,6 +207,7 @@ def main():
     with tempfile.TemporaryDirectory(prefix="kv-ansible-") as folder:
         work = pathlib.Path(folder)
         install_collection(work)
+        test_doubtful_inventory(work)
         make_package(work)
         with running_site(work) as site:
             for test in (test_check_mode, test_absent_camera, test_failing_canary, test_one_of_six_fails,

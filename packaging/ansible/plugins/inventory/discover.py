@@ -58,7 +58,7 @@ plugin: upgrademain.kvtool.discover
 keyed_groups:
   - key: kvtool_version
     prefix: version
-
+---
 # only one interface; a group of one model
 plugin: upgrademain.kvtool.discover
 interfaces: [wlan0]

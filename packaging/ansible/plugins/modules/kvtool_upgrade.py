@@ -24,7 +24,7 @@ attributes:
     description: Looks for the camera, and checks the package against its chip and sensor type. Sends nothing.
   diff_mode:
     support: full
-    description: Shows the firmware before and after.
+    description: Shows the firmware before and after; in check mode, the version that it would be.
 options:
   host:
     description: Address, name or MAC address of the camera. A MAC address still fits if the camera's address changes.
@@ -224,9 +224,10 @@ class Upgrade:
         self.result.update(reason=reason, msg=message)
         if outcome:
             self.result.update(exit_code=outcome.code, kvtool=outcome.report)
-        before, after = (((self.result[key] or {}).get("firmware") or "not found") + "\n"
-                         for key in ("before", "after"))
-        self.result["diff"] = {"before": before, "after": after}
+        before, after = ((self.result[key] or {}).get("firmware") or "not found" for key in ("before", "after"))
+        if reason == "would_upgrade":
+            after = self.params["version"]
+        self.result["diff"] = {"before": before + "\n", "after": after + "\n"}
         if failed:
             self.module.fail_json(**self.result)
         self.module.exit_json(**self.result)
