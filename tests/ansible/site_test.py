@@ -19,6 +19,7 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 BIN = TOP / "build/bin"
 VERSION = "9.8.7"
 FIRMWARE = f"PRT7K_38QX_QJT_V{VERSION}"
+RECOVERY_VERSION = "1.0.0.241127_R1"
 BOARDS = 6
 SECONDS = 240
 
@@ -126,6 +127,13 @@ class Site:
         results = {file.name: json.loads(file.read_text("utf-8")) for file in (self.work / "tree").glob("*")}
         return done.returncode, done.stdout, results
 
+    def module(self, parameters, *words):
+        """Runs the module alone; its result."""
+        text = self.on_laptop("ansible", "localhost", "-o", "-m", "upgrademain.kvtool.kvtool_upgrade", "-a",
+                              f"package={self.work / 'firmware.FLS'} executable={BIN / 'kvtool'} {parameters}", *words,
+                              check=False).stdout
+        return json.loads(text[text.index("=> {") + 3:])
+
     def fail_next_write(self, number):
         self.board(number, "fault", "mtd5", "write", "--errno", "EIO", "--count", "1")
 
@@ -159,12 +167,14 @@ def test_check_mode(site):
 
 def test_absent_camera(site):
     for check in ([], ["--check"]):
-        text = site.on_laptop(
-            "ansible", "localhost", "-m", "upgrademain.kvtool.kvtool_upgrade", "-a",
-            f"host={name(BOARDS + 1)} package={site.work / 'firmware.FLS'} version={VERSION} search_timeout=0.5 "
-            f"executable={BIN / 'kvtool'}", *check, check=False).stdout
-        expect(all(words in text for words in ('"reason": "not_found"', '"after": null')),
-               f"an absent camera is named so {check}", text)
+        result = site.module(f"host={name(BOARDS + 1)} version={VERSION} search_timeout=0.5", *check)
+        expect(result["reason"] == "not_found" and result["after"] is None, f"it is named so {check}", result)
+
+
+def test_recovery_with_the_wanted_version(site):
+    for parameters, reason in (("", "would_upgrade"), ("repair=false", "already_there")):
+        result = site.module(f"host={name(1)} version={RECOVERY_VERSION} {parameters}", "--check")
+        expect(result["reason"] == reason and result["before"]["recovery"], f"{reason} {parameters}", result)
 
 
 def test_failing_canary(site):
@@ -210,8 +220,8 @@ def main():
         test_doubtful_inventory(work)
         make_package(work)
         with running_site(work) as site:
-            for test in (test_check_mode, test_absent_camera, test_failing_canary, test_one_of_six_fails,
-                         test_only_the_failed_one_is_left):
+            for test in (test_check_mode, test_absent_camera, test_recovery_with_the_wanted_version,
+                         test_failing_canary, test_one_of_six_fails, test_only_the_failed_one_is_left):
                 test(site)
                 print(f"{test.__name__}: passed", flush=True)
 
