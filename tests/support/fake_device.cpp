@@ -12,19 +12,6 @@ namespace fake {
 
 namespace {
 
-// Binds the socket and returns its port.
-uint16_t Bind(int fd, const std::string& host, uint16_t port) {
-    const int on = 1;
-    (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address = Ipv4(host.c_str(), port);
-    socklen_t size = sizeof address;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-        throw std::runtime_error("fake device cannot bind");
-    }
-    return ntohs(address.sin_port);
-}
-
 void Wake(int fd) {
     const uint64_t one = 1;
     if (write(fd, &one, sizeof one) != sizeof one) {
@@ -44,6 +31,18 @@ std::string Record(const Script& script) {
 }
 
 }  // namespace
+
+uint16_t Bind(int fd, const std::string& host, uint16_t port) {
+    const int on = 1;
+    (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address = Ipv4(host.c_str(), port);
+    socklen_t size = sizeof address;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        throw std::runtime_error("fake device cannot bind");
+    }
+    return ntohs(address.sin_port);
+}
 
 Device::Device(Script script, uint16_t port, std::string address)
     : script_(std::move(script)),

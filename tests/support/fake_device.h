@@ -13,6 +13,9 @@ namespace fake {
 using kv_test::Bytes;
 using kv_test::milliseconds;
 
+// Binds the socket and returns its port.
+uint16_t Bind(int fd, const std::string& host, uint16_t port);
+
 enum class Verdict { kAnswer, kSilent, kClose };
 
 struct Script {
