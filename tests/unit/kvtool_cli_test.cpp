@@ -27,6 +27,13 @@ int RunTool(const Arguments& arguments, std::string* output = nullptr) {
     return result.status;
 }
 
+// The JSON object that the tool prints; it must end with `code`.
+nlohmann::json JsonOf(const Arguments& arguments, int code) {
+    std::string output;
+    EXPECT_EQ(RunTool(arguments, &output), code) << testing::PrintToString(arguments);
+    return nlohmann::json::parse(output);
+}
+
 // Runs the tool, runs `then` once it has printed `text`, and returns its exit code.
 int RunTool(const Arguments& arguments, const std::string& text, const std::string& then) {
     return kv_test::Run("rm -f /tmp/tool.out; " + Line(arguments) +
@@ -99,11 +106,10 @@ TEST_F(KvtoolCli, PackKeepsItsInputsAndWritesToAPipe) {
 
 TEST_F(KvtoolCli, PacksByRecipeAndWritesAManifest) {
     WriteFile(Path("layout"), "# camera\nimage = app = app\nsize = app = 200000\nsensor = 39QX\n");
-    std::string output;
     // Paths of a recipe are relative to its folder, not to the current one.
-    EXPECT_EQ(RunTool({"pack", "-o", Path("again"), "--recipe", Path("layout"), "--sensor", "38QX",
-                       "--manifest", Path("manifest")}),
-              0);
+    const Arguments pack = {"pack",     "-o",   Path("again"), "--recipe",      Path("layout"),
+                            "--sensor", "38QX", "--manifest",  Path("manifest")};
+    EXPECT_EQ(RunTool(pack), 0);
     EXPECT_EQ(Read("again"), Read("good")) << "the command line wins";
     const nlohmann::json manifest = nlohmann::json::parse(Read("manifest"));
     const auto sum = [this](const std::string& name) {
@@ -114,9 +120,7 @@ TEST_F(KvtoolCli, PacksByRecipeAndWritesAManifest) {
     EXPECT_EQ(manifest["inputs"][1]["sha256"], sum("app"));
     EXPECT_EQ(manifest["inputs"][1]["file"], "app");
     const std::string first = Read("manifest");
-    EXPECT_EQ(RunTool({"pack", "-o", Path("again"), "--recipe", Path("layout"), "--sensor", "38QX",
-                       "--manifest", Path("manifest")}),
-              0);
+    EXPECT_EQ(RunTool(pack), 0);
     EXPECT_EQ(Read("manifest"), first);
 
     for (const char* wrong : {"image = app", "images = app=app", "ic = A\nic = A", "app=app",
@@ -137,9 +141,9 @@ TEST_F(KvtoolCli, ToolboxExitsLikeDiff) {
     EXPECT_EQ(RunTool({"verify", Path("good"), "app=" + Path("good")}), 1);
     EXPECT_EQ(RunTool({"verify", Path("good"), "kernel=" + Path("layout")}), 2);
 
-    std::string output;
-    EXPECT_EQ(RunTool({"extract", "--json", Path("good"), "-d", Path("out/deep")}, &output), 0);
-    EXPECT_EQ(nlohmann::json::parse(output)["images"][0]["size"], 200000);
+    EXPECT_EQ(
+        JsonOf({"extract", "--json", Path("good"), "-d", Path("out/deep")}, 0)["images"][0]["size"],
+        200000);
     EXPECT_EQ(Read("out/deep/app"), Read("app"));
     EXPECT_EQ(RunTool({"extract", Path("good"), "-d", Path("out/deep")}), 3) << "replaces a file";
     std::filesystem::remove_all(Path("out"));
@@ -182,12 +186,10 @@ TEST_F(KvtoolCli, TrustsWhatMinisignSigned) {
               3)
         << "unsigned, so kvtool does not connect";
     ASSERT_EQ(minisign("-S -s key -m ../good -x ../good.minisig -t 'camera 1.2'"), 0);
-    std::string output;
-    EXPECT_EQ(RunTool({"upgrade", "127.0.0.1", "--json", "--port", "1", "--trusted-key",
-                       Path("out/key.pub"), Path("good")},
-                      &output),
-              4);
-    EXPECT_EQ(nlohmann::json::parse(output)["signature"]["trusted_comment"], "camera 1.2");
+    const auto json = JsonOf({"upgrade", "127.0.0.1", "--json", "--port", "1", "--trusted-key",
+                              Path("out/key.pub"), Path("good")},
+                             4);
+    EXPECT_EQ(json["signature"]["trusted_comment"], "camera 1.2");
     (void)unlink(Path("good.minisig").c_str());
     std::filesystem::remove_all(Path("out"));
 }
@@ -222,29 +224,23 @@ TEST_F(KvtoolCli, FailuresAreJsonToo) {
     };
     for (Case c : cases) {
         c.arguments.push_back("--json");
-        std::string output;
-        EXPECT_EQ(RunTool(c.arguments, &output), c.code);
-        const nlohmann::json json = nlohmann::json::parse(output);
+        const nlohmann::json json = JsonOf(c.arguments, c.code);
         EXPECT_EQ(json["schema"], 1);
         EXPECT_EQ(json["command"], c.arguments[0]);
         EXPECT_EQ(json["exit_code"], c.code);
         EXPECT_FALSE(json["error"].get<std::string>().empty());
         EXPECT_EQ(json[c.key], c.value);
     }
-    std::string output;
-    EXPECT_EQ(RunTool({"upgrade", "127.0.0.1", "--json", Path("again")}, &output), 3);
-    EXPECT_EQ(nlohmann::json::parse(output)["package"]["findings"][0]["kind"], "short_file");
+    const auto json = JsonOf({"upgrade", "127.0.0.1", "--json", Path("again")}, 3);
+    EXPECT_EQ(json["package"]["findings"][0]["kind"], "short_file");
 }
 
 TEST_F(KvtoolCli, InspectTellsFitFromUnfit) {
-    std::string output;
-    EXPECT_EQ(RunTool({"inspect", "--json", Path("good")}, &output), 0);
-    nlohmann::json json = nlohmann::json::parse(output);
+    nlohmann::json json = JsonOf({"inspect", "--json", Path("good")}, 0);
     EXPECT_EQ(json["acceptable"], true);
     EXPECT_EQ(json["entries"][0]["written_behind"], 62144);
     EXPECT_EQ(RunTool({"inspect", Path("other")}), 0) << "fit for a device with the same identity";
-    EXPECT_EQ(RunTool({"inspect", "--json", "--ic", "PRT7K", Path("other")}, &output), 3);
-    json = nlohmann::json::parse(output);
+    json = JsonOf({"inspect", "--json", "--ic", "PRT7K", Path("other")}, 3);
     EXPECT_EQ(json["findings"][0]["severity"], "error");
     EXPECT_EQ(RunTool({"inspect", Path("app")}), 3);
     WriteFile(Path("layout"), "# smaller\n\napp=128K\n");
@@ -254,23 +250,17 @@ TEST_F(KvtoolCli, InspectTellsFitFromUnfit) {
 TEST_F(KvtoolCli, InfoAndUpgrade) {
     fake::Device device(fake::Script{});
     const std::string port = std::to_string(device.Port());
-    std::string output;
-    EXPECT_EQ(RunTool({"info", "--json", "--port", port, "127.0.0.1"}, &output), 0);
-    nlohmann::json json = nlohmann::json::parse(output);
+    nlohmann::json json = JsonOf({"info", "--json", "--port", port, "127.0.0.1"}, 0);
     EXPECT_EQ(json["serial"], "1122334455667788");
     EXPECT_EQ(json["session_before_login"], 0);
     EXPECT_EQ(json["session"], 0x5A000001);
 
-    const Arguments upgrade = {"upgrade", "--port", port, "--no-follow", "--json", "127.0.0.1"};
-    Arguments refused = upgrade;
-    refused.push_back(Path("other"));
-    EXPECT_EQ(RunTool(refused, &output), 3);
-    EXPECT_EQ(nlohmann::json::parse(output)["accepted"], false);
+    Arguments upgrade = {"upgrade", "--port",    port,         "--no-follow",
+                         "--json",  "127.0.0.1", Path("other")};
+    EXPECT_EQ(JsonOf(upgrade, 3)["accepted"], false);
     EXPECT_TRUE(device.UpgradeRequest().empty());
-    Arguments accepted = upgrade;
-    accepted.push_back(Path("good"));
-    EXPECT_EQ(RunTool(accepted, &output), 0);
-    json = nlohmann::json::parse(output);
+    upgrade.back() = Path("good");
+    json = JsonOf(upgrade, 0);
     EXPECT_EQ(json["accepted"], true);
     EXPECT_EQ(json["bytes_acknowledged"], Read("good").size() + 37);
     const fake::Bytes stream = device.Stream();
@@ -283,8 +273,8 @@ TEST_F(KvtoolCli, UpgradeComparesWithWhatTheDeviceSays) {
     script.ic = "OTHER";
     fake::Device device(script);
     Arguments upgrade = {"upgrade",     "--port",  std::to_string(device.Port()),
-                         "--no-follow", "--force", "127.0.0.1"};
-    upgrade.push_back(Path("good"));
+                         "--no-follow", "--force", "127.0.0.1",
+                         Path("good")};
     EXPECT_EQ(RunTool(upgrade), 3);
     EXPECT_TRUE(device.UpgradeRequest().empty());
     upgrade.back() = Path("other");
