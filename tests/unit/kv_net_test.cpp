@@ -20,6 +20,13 @@ std::string Printed(const std::function<void()>& body, int fd = 1) {
     return capture.Text();
 }
 
+// What a function writes for an interface.
+std::string Got(int (*function)(const char*, char*), const char* ifname) {
+    char text[kv::kNetAddressSize] = {};
+    EXPECT_EQ(function(ifname, text), 0);
+    return text;
+}
+
 class Net : public testing::Test {
   protected:
     void SetUp() override {
@@ -41,20 +48,14 @@ TEST_F(Net, ReadsAddressesOfAnInterface) {
     EXPECT_EQ(KV_NET_GetMacAddr(kWlan, nullptr, mac), 0);
     EXPECT_STREQ(mac, "02:AB:CD:EF:00:0F");
 
-    char text[kv::kNetAddressSize] = {};
-    EXPECT_EQ(KV_NET_GetIpAddr(kWlan, text), 0);
-    EXPECT_STREQ(text, "10.1.2.3");
-    EXPECT_EQ(KV_NET_GetNetmask(kWlan, text), 0);
-    EXPECT_STREQ(text, "255.255.240.0");
-    EXPECT_EQ(KV_NET_GetBrocastAddr(kWlan, text), 0);
-    EXPECT_STREQ(text, "10.1.15.255");
+    EXPECT_EQ(Got(KV_NET_GetIpAddr, kWlan), "10.1.2.3");
+    EXPECT_EQ(Got(KV_NET_GetNetmask, kWlan), "255.255.240.0");
+    EXPECT_EQ(Got(KV_NET_GetBrocastAddr, kWlan), "10.1.15.255");
     Ip("addr add 10.9.0.1 peer 10.9.0.2 dev far0");
-    EXPECT_EQ(KV_NET_GetPptpAddr("far0", text), 0);
-    EXPECT_STREQ(text, "10.9.0.2");
+    EXPECT_EQ(Got(KV_NET_GetPptpAddr, "far0"), "10.9.0.2");
 }
 
 TEST_F(Net, SetsAddressAndNetmaskAndRefusesInvalidOnes) {
-    char text[kv::kNetAddressSize] = {};
     EXPECT_EQ(KV_NET_SetIpAddr(kWlan, "192.168.7.201"), 0);
     EXPECT_EQ(KV_NET_SetNetmask(kWlan, "255.255.255.128"), 0);
     for (const char* bad : {"", "wlan0", "256.1.1.1", "1.2.3.4.5"}) {
@@ -65,10 +66,8 @@ TEST_F(Net, SetsAddressAndNetmaskAndRefusesInvalidOnes) {
                   "")
             << "the kernel is not even asked for " << bad;
     }
-    EXPECT_EQ(KV_NET_GetIpAddr(kWlan, text), 0);
-    EXPECT_STREQ(text, "192.168.7.201");
-    EXPECT_EQ(KV_NET_GetNetmask(kWlan, text), 0);
-    EXPECT_STREQ(text, "255.255.255.128");
+    EXPECT_EQ(Got(KV_NET_GetIpAddr, kWlan), "192.168.7.201");
+    EXPECT_EQ(Got(KV_NET_GetNetmask, kWlan), "255.255.255.128");
 }
 
 TEST_F(Net, FailuresPrintTheirMessageAndLeaveTheOutput) {
@@ -164,15 +163,10 @@ TEST_F(Net, GatewayIsTheFirstGatewayRouteOfTheNamePrefix) {
     EXPECT_EQ(KV_NET_GetGateway(kWlan, text), -1);
     EXPECT_STREQ(text, "untouched");
     Ip("route add 10.77.0.0/16 via 10.1.2.9 dev wlan0");
-    EXPECT_EQ(KV_NET_GetGateway(kWlan, text), 0);
-    EXPECT_STREQ(text, "10.1.2.9");
+    EXPECT_EQ(Got(KV_NET_GetGateway, kWlan), "10.1.2.9");
     Ip("route add default via 10.1.2.1 dev wlan0 metric 7");
-    EXPECT_EQ(KV_NET_GetGateway(kWlan, text), 0);
-    EXPECT_STREQ(text, "10.1.2.1");
-    for (const char* name : {"w", "WLAN0", "wLan"}) {
-        memset(text, 0, sizeof(text));
-        EXPECT_EQ(KV_NET_GetGateway(name, text), 0) << name;
-        EXPECT_STREQ(text, "10.1.2.1") << name;
+    for (const char* name : {kWlan, "w", "WLAN0", "wLan"}) {
+        EXPECT_EQ(Got(KV_NET_GetGateway, name), "10.1.2.1") << name;
     }
     EXPECT_EQ(KV_NET_GetGateway("wlan01", text), -1);
 }
