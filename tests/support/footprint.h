@@ -2,6 +2,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/socket.h>
 
 #include <set>
 
@@ -29,6 +30,16 @@ inline std::set<int> OpenDescriptors() {
 
 inline long Descriptors() {
     return static_cast<long>(OpenDescriptors().size());
+}
+
+// Number of sockets on which this option has this value.
+inline long CountOption(int level, int name, int value) {
+    const std::set<int> open = OpenDescriptors();
+    return std::count_if(open.begin(), open.end(), [=](int fd) {
+        int found = -1;
+        socklen_t length = sizeof(found);
+        return getsockopt(fd, level, name, &found, &length) == 0 && found == value;
+    });
 }
 
 inline long Threads() {

@@ -1,4 +1,4 @@
-// Discovery, asked by the board's neighbours and by the board itself.
+// Discovery, asked by the board's neighbours. The unit test has the other networks and datagrams.
 #include "tests/support/board.h"
 #include "tests/support/discovery_client.h"
 
@@ -13,31 +13,6 @@ nlohmann::json Kvtool(Board* board, const std::string& arguments) {
 }
 
 }  // namespace
-
-TEST(Discovery, ReportsTheSettingsOfWlan0WithoutEth0) {
-    Board board;
-    board.Start({"--no-eth"});
-    ASSERT_TRUE(board.WaitTrace("into wifi guard"));
-    std::string address =
-        board.OnBoard("ip -o -4 address show wlan0 | sed 's,.*inet \\(.*\\)/24 .*,\\1,'").output;
-    ASSERT_FALSE(address.empty());
-    address.pop_back();
-    const Bytes expected = ExpectedReply(
-        {address, "255.255.255.0", "172.20.18.1", "172.20.18.1", "02:76:62:00:01:02"});
-    const DiscoveryClient client(board.Connect("broadcast", 6789));
-    EXPECT_EQ(client.Ask(Search(64), address.c_str()), expected);
-    EXPECT_EQ(client.Ask(Search(64), "255.255.255.255"), expected);
-    EXPECT_TRUE(client.Receive(200).empty()) << "more than one answer";
-}
-
-TEST(Discovery, ReportsItsIdentityWithoutAnyNetwork) {
-    Board board;
-    board.StartRecovery({"--no-eth", "--no-wifi"});
-    const auto result = board.OnBoard(
-        "bash -c 'exec 3<>/dev/udp/127.0.0.1/6789; printf \"searching..\\0\\n\" >&3;"
-        "timeout 5 dd bs=2048 count=1 <&3 2>/dev/null'");
-    EXPECT_EQ(Bytes(result.output.begin(), result.output.end()), ExpectedReply({}));
-}
 
 TEST(Discovery, KvtoolFindsItOnceAndReachesItByItsMac) {
     Board board;

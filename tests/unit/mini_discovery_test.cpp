@@ -37,6 +37,13 @@ Lines Traces(const std::string& log) {
     return lines;
 }
 
+// The log lines of what `body` does.
+Lines Traced(const std::function<void()>& body) {
+    const Capture capture(STDERR_FILENO);
+    body();
+    return Traces(capture.Text());
+}
+
 class Discovery : public testing::Test {
   protected:
     void SetUp() override { RequireSandbox(); }
@@ -96,31 +103,21 @@ TEST_F(Discovery, WhatCannotBeReadStaysZero) {
 TEST_F(Discovery, AnswersASearchAndTracesItInOrder) {
     AddInterface("wlan0", "02:ab:cd:ef:00:0f", "10.200.2.3/24");
     ASSERT_EQ(KV_MINI_DiscoverInit(), 0);
-    const auto open = OpenDescriptors();
-    EXPECT_EQ(std::count_if(open.begin(), open.end(),
-                            [](int fd) {
-                                int on = 0;
-                                socklen_t length = sizeof(on);
-                                (void)getsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, &length);
-                                return on == 1;
-                            }),
-              1);
+    EXPECT_EQ(CountOption(SOL_SOCKET, SO_BROADCAST, 1), 1);
     const Client client("10.200.2.3");
     Bytes request = Search(64);
     Put(&request, 16, "10.200.2.99");
     Put(&request, 32, "AA:BB:CC:DD:EE:FF");
     Bytes reply;
-    std::string log;
-    {
-        const Capture capture(STDERR_FILENO);
-        client.Send(request, "10.200.2.255");
-        reply = client.Receive();
+    const Lines traces = Traced([&] {
+        reply = client.Ask(request, "10.200.2.255");
         KV_HV_LoopPoolSettle();
-        log = capture.Text();
-    }
+    });
+    EXPECT_TRUE(client.Receive(200).empty()) << "more than one answer";
+    EXPECT_EQ(client.Ask(request, "255.255.255.255"), reply);
     EXPECT_EQ(reply, ExpectedReply({"10.200.2.3", "255.255.255.0", "", "", "02:AB:CD:EF:00:0F"}));
     const std::string platform = "DEBUG __KV_MINI_GetPlatformInof|pInfo->";
-    EXPECT_EQ(Traces(log),
+    EXPECT_EQ(traces,
               (Lines{"DEBUG __KV_MINI_OnRecvfrom|Recv DSC_MT_SEARCH",
                      "DEBUG __KV_MINI_ResponseSearch|Src addr:10.200.2.99  mac:AA:BB:CC:DD:EE:FF",
                      "DEBUG __KV_MINI_GetNetworkInfo|ucIpAddr:", platform + "ucDevType = IPCAMERA",
@@ -152,19 +149,12 @@ TEST_F(Discovery, AnswersNothingButASearch) {
     const Client client;
     for (const auto& c : kCases) {
         Lines expected = c.traces;
-        std::string log;
-        Bytes reply;
-        {
-            const Capture capture(STDERR_FILENO);
+        Lines traces = Traced([&] {
             client.Send(c.request);
             // Datagrams are handled in order: the answer to this one shows that the other is done.
-            client.Send(Search(13));
-            reply = client.Receive();
-            log = capture.Text();
-        }
-        EXPECT_EQ(reply.size(), 544U);
+            EXPECT_EQ(client.Ask(Search(13), "127.0.0.1"), ExpectedReply({}));
+        });
         EXPECT_TRUE(client.Receive(0).empty());
-        Lines traces = Traces(log);
         ASSERT_GE(traces.size(), expected.size());
         expected.push_back("DEBUG __KV_MINI_OnRecvfrom|Recv DSC_MT_SEARCH");
         traces.resize(expected.size());
@@ -190,16 +180,13 @@ TEST_F(Discovery, TextsOfARequestAreBoundedAndShownWithoutControlBytes) {
     ASSERT_EQ(KV_MINI_DiscoverInit(), 0);
     const Client client;
     for (const auto& c : kCases) {
-        Lines traces;
-        {
-            const Capture capture(STDERR_FILENO);
-            if (&c == std::end(kCases) - 1) {
-                Put(&full, 16, std::string("1.2.3.4\nERROR x\xC3\033[2J\r[H0123456789\0T", 34));
-            }
+        if (&c == std::end(kCases) - 1) {
+            Put(&full, 16, std::string("1.2.3.4\nERROR x\xC3\033[2J\r[H0123456789\0T", 34));
+        }
+        const Lines traces = Traced([&] {
             client.Send(Bytes(full.begin(), full.begin() + static_cast<ssize_t>(c.size)));
             EXPECT_EQ(client.Receive().size(), 544U);
-            traces = Traces(capture.Text());
-        }
+        });
         ASSERT_GE(traces.size(), 2U);
         EXPECT_EQ(traces[1],
                   "DEBUG __KV_MINI_ResponseSearch|Src addr:" + c.address + "  mac:" + c.mac);
@@ -207,16 +194,13 @@ TEST_F(Discovery, TextsOfARequestAreBoundedAndShownWithoutControlBytes) {
 }
 
 TEST_F(Discovery, RefusesASecondStartAndASecondStop) {
-    Lines traces;
-    {
-        const Capture capture(STDERR_FILENO);
+    const Lines traces = Traced([] {
         EXPECT_EQ(KV_MINI_DiscoverDeInit(), -1);
         EXPECT_EQ(KV_MINI_DiscoverInit(), 0);
         EXPECT_EQ(KV_MINI_DiscoverInit(), -1);
         EXPECT_EQ(KV_MINI_DiscoverDeInit(), 0);
         EXPECT_EQ(KV_MINI_DiscoverDeInit(), -1);
-        traces = Traces(capture.Text());
-    }
+    });
     EXPECT_EQ(traces, (Lines{"FAILED KV_MINI_DiscoverDeInit|DisCover is Stop!",
                              "DEBUG KV_MINI_DiscoverInit|Discovery Deinit Success!",
                              "FAILED KV_MINI_DiscoverInit|DisCover is Inited!",
