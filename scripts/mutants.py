@@ -29,7 +29,7 @@ BUILD = WORK / "build"
 RULES = ROOT / "tests" / "mutants"
 GOAL = 0.95
 # What a system test runs besides its own program.
-BOARD_PROGRAMS = ["upgradeMain", "vboard", "kvtool", "cameraMain", "bench_socket"]
+BOARD_PROGRAMS = ["upgradeMain", "vboard", "kvtool", "cameraMain"]
 
 
 @dataclass

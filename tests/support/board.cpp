@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 
 #include <csignal>
+#include <iterator>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -47,6 +48,22 @@ int ReceiveDescriptor(int channel) {
     }
     return descriptor;
 }
+
+// Opens a socket where it runs and passes it over the Unix socket CHANNEL, so that a test can use
+// it as if it ran there. "tcp" and "udp" are connected to HOST. "broadcast" is not, because answers
+// come from elsewhere. "icmp" receives all packets of that protocol.
+constexpr char kOpenSocket[] = R"(
+import socket, sys
+channel, kind, host, port = sys.argv[1:]
+opened = (socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP) if kind == "icmp" else
+          socket.socket(socket.AF_INET, socket.SOCK_STREAM if kind == "tcp" else socket.SOCK_DGRAM))
+opened.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+if kind == "tcp":  # each send of a test becomes one segment
+    opened.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+if kind in ("tcp", "udp"):
+    opened.connect((host, int(port)))
+socket.send_fds(socket.socket(fileno=int(channel)), [b"s"], [opened.fileno()])
+)";
 
 }  // namespace
 
@@ -142,6 +159,14 @@ CommandResult Board::OnBoard(const std::string& command) {
 void Board::Fault(Lines words) {
     words.insert(words.begin(), "fault");
     (void)Do(words);
+}
+
+void Board::ReplaceCommand(const std::string& name, const std::string& script) {
+    WriteFile(Path("param/" + name), "#!/bin/sh\n" + script + "\n");
+    const std::string file = "/param/" + name;
+    const CommandResult replaced =
+        OnBoard("chmod +x " + file + " && mount --bind " + file + " $(command -v " + name + ")");
+    EXPECT_EQ(replaced.status, 0) << replaced.output;
 }
 
 bool Board::Wait(Lines words, int boot, int timeoutSeconds) {
@@ -289,13 +314,30 @@ UniqueFd Board::Connect(const std::string& kind, int port, const std::string& ho
     const UniqueFd own(channel[0]);
     const UniqueFd other(channel[1]);
     (void)fcntl(own.Get(), F_SETFD, FD_CLOEXEC);
-    const CommandResult result = Try({"exec", "--", KV_BENCH_SOCKET, std::to_string(other.Get()),
-                                      kind, host, std::to_string(port)});
+    const CommandResult result =
+        Try({"exec", "--", "python3", "-c", kOpenSocket, std::to_string(other.Get()), kind, host,
+             std::to_string(port)});
     return UniqueFd(result.status == 0 ? ReceiveDescriptor(own.Get()) : -1);
 }
 
 std::string Board::Flash(const std::string& mtd) const {
     return ReadFile(Path("flash/" + mtd + ".bin"));
+}
+
+Lines ChildrenOf(pid_t process) {
+    const std::string number = std::to_string(process);
+    std::istringstream all(ReadFile("/proc/" + number + "/task/" + number + "/children"));
+    return {std::istream_iterator<std::string>(all), {}};
+}
+
+void ExpectGone(const Lines& processes) {
+    for (const std::string& process : processes) {
+        // Killed processes need a moment to go away.
+        EXPECT_TRUE(WaitUntil([&] {
+            const std::string stat = ReadFile("/proc/" + process + "/stat");
+            return stat.empty() || Contains(stat, ") Z ");
+        })) << process;
+    }
 }
 
 std::string MakeApplicationImage(const Board& board) {

@@ -67,6 +67,8 @@ class Board {
     CommandResult OnBench(const std::string& command);
     CommandResult OnBoard(const std::string& command);
     void Fault(Lines words);
+    // Makes a command of the board run this shell script from now on.
+    void ReplaceCommand(const std::string& name, const std::string& script);
 
     // Wait until the trace or the console of boot `boot` contains `text`. Return false after the
     // time-out.
@@ -121,6 +123,11 @@ class Board {
     kv_test::Folder folder_;
     pid_t runner_ = -1;
 };
+
+// The process IDs of a process's children, as texts.
+Lines ChildrenOf(pid_t process);
+// Waits until these processes have ended, and fails the test if they do not.
+void ExpectGone(const Lines& processes);
 
 // Makes a file system for mtd5 with the stand-in application in it. Returns its path, in the
 // board's folder. Throws if it cannot be made.

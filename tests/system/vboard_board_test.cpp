@@ -206,24 +206,13 @@ TEST_F(Vboard, RefusesInOneSentence) {
 TEST_F(Vboard, AKilledRunnerLeavesNothing) {
     Run({});
     const pid_t runner = board_.Runner();
-    const std::string children =
-        "/proc/" + std::to_string(runner) + "/task/" + std::to_string(runner) + "/children";
-    Lines processes = {std::to_string(board_.Status().at("initPid").get<pid_t>()),
-                       std::to_string(board_.ProgramPid())};
-    std::istringstream all(ReadFile(children));
-    for (std::string child; all >> child;) {
-        processes.push_back(child);
-    }
+    Lines processes = ChildrenOf(runner);
+    processes.push_back(std::to_string(board_.Status().at("initPid").get<pid_t>()));
+    processes.push_back(std::to_string(board_.ProgramPid()));
     EXPECT_GE(processes.size(), 4U);  // among them the DHCP server
     (void)kill(runner, SIGKILL);
     (void)board_.Await();
-    for (const std::string& process : processes) {
-        // Killed processes need a moment to go away.
-        EXPECT_TRUE(WaitUntil([&] {
-            const std::string stat = ReadFile("/proc/" + process + "/stat");
-            return stat.empty() || Contains(stat, ") Z ");
-        })) << process;
-    }
+    ExpectGone(processes);
     EXPECT_FALSE(Contains(ReadFile("/proc/mounts"), board_.Folder()));
     Run({"--no-wifi"});  // the folder is free again
     (void)board_.Do({"stop"});

@@ -28,21 +28,18 @@ class VboardSite : public testing::Test {
         }
     }
 
-    CommandResult Try(const Lines& arguments) {
-        Lines command = {BinDir() + "/vboard", "--state", folder_.Path()};
+    CommandResult Try(const Lines& arguments) { return TryAt(folder_.Path(), arguments); }
+    std::string Do(const Lines& arguments) { return Succeeded(Try(arguments)); }
+    // Sends a command to one board. Returns its output.
+    std::string OnBoard(int number, const Lines& arguments) {
+        return Succeeded(TryAt(Place(number), arguments));
+    }
+    static CommandResult TryAt(const std::string& state, const Lines& arguments) {
+        Lines command = {BinDir() + "/vboard", "--state", state};
         command.insert(command.end(), arguments.begin(), arguments.end());
         return RunCommand(command);
     }
-    std::string Do(const Lines& arguments) {
-        const CommandResult result = Try(arguments);
-        EXPECT_EQ(result.status, 0) << result.output;
-        return result.output;
-    }
-    // Sends a command to one board. Returns its output.
-    std::string OnBoard(int number, const Lines& arguments) {
-        Lines command = {BinDir() + "/vboard", "--state", Place(number)};
-        command.insert(command.end(), arguments.begin(), arguments.end());
-        const CommandResult result = RunCommand(command);
+    static std::string Succeeded(const CommandResult& result) {
         EXPECT_EQ(result.status, 0) << result.output;
         return result.output;
     }
@@ -105,11 +102,9 @@ TEST_F(VboardSite, BoardsJoinAndFailIndependently) {
     EXPECT_EQ(Search(), (std::set<std::string>{"02:76:62:01:00:01", "02:76:62:01:00:03"}));
 
     (void)OnBoard(1, {"fault", "mtd5", "open", "--errno", "EIO"});
-    EXPECT_NE(RunCommand({BinDir() + "/vboard", "--state", Place(1), "exec", "--board", "--",
-                          "head", "-c", "1", "/dev/mtd5"})
-                  .status,
-              0);
-    (void)OnBoard(3, {"exec", "--board", "--", "head", "-c", "1", "/dev/mtd5"});
+    const Lines read = {"exec", "--board", "--", "head", "-c", "1", "/dev/mtd5"};
+    EXPECT_NE(TryAt(Place(1), read).status, 0);
+    (void)OnBoard(3, read);
 
     // After a reset the board has the address that the site assigned.
     (void)Do({"site", "lease", "3", "172.20.19.7"});
@@ -125,13 +120,7 @@ TEST_F(VboardSite, BoardsJoinAndFailIndependently) {
 
 TEST_F(VboardSite, LeavesNothingWhenItIsKilled) {
     StartBoards(2);
-    Lines processes;
-    const std::string children =
-        "/proc/" + std::to_string(runner_) + "/task/" + std::to_string(runner_) + "/children";
-    std::istringstream all(ReadFile(children));
-    for (std::string child; all >> child;) {
-        processes.push_back(child);
-    }
+    Lines processes = ChildrenOf(runner_);
     EXPECT_EQ(processes.size(), 3U) << "the DHCP server and two boards";
     for (int number = 1; number <= 2; ++number) {
         const json status = json::parse(OnBoard(number, {"status", "--json"}));
@@ -143,12 +132,7 @@ TEST_F(VboardSite, LeavesNothingWhenItIsKilled) {
     (void)kill(runner_, SIGKILL);
     (void)waitpid(runner_, nullptr, 0);
     runner_ = -1;
-    for (const std::string& process : processes) {
-        EXPECT_TRUE(WaitUntil([&] {
-            const std::string stat = ReadFile("/proc/" + process + "/stat");
-            return stat.empty() || Contains(stat, ") Z ");
-        })) << process;
-    }
+    ExpectGone(processes);
     EXPECT_FALSE(Contains(ReadFile("/proc/mounts"), folder_.Path()));
     SetUp();  // the folder is free again, and so are the numbers
     (void)Do({"site", "start", "1", "--no-wait", "--", BinDir() + "/upgradeMain"});

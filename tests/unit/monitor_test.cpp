@@ -72,11 +72,9 @@ std::vector<Step> StepsOfSilence(Boot* boot, uint32_t start, uint32_t seconds) {
 
 }  // namespace
 
-// The start time also crosses the 32-bit wrap: all differences are unsigned.
-class Ladder : public testing::TestWithParam<uint32_t> {};
-
-TEST_P(Ladder, PermanentSilenceRestartsRebootsThenRecovers) {
-    const uint32_t start = GetParam();
+TEST(Monitor, PermanentSilenceRestartsRebootsThenRecovers) {
+    // Crosses the 32-bit wrap: all differences are unsigned.
+    const uint32_t start = 0xFFFFFFFFU - 150U;
     bool marker = false;
     Boot first(start, &marker);
     auto steps = StepsOfSilence(&first, start, 600);
@@ -96,7 +94,20 @@ TEST_P(Ladder, PermanentSilenceRestartsRebootsThenRecovers) {
     EXPECT_FALSE(marker);
 }
 
-INSTANTIATE_TEST_SUITE_P(Starts, Ladder, testing::Values(0U, 1000U, 0xFFFFFFFFU - 150U));
+// A beat on the ladder's second rung takes the marker away, so the next rung is a reboot again. The
+// silence counts from the beat. The restart is not given back.
+TEST(Monitor, ABeatStopsTheLadder) {
+    bool marker = true;
+    Boot boot(100, &marker);
+    ASSERT_EQ(StepsOfSilence(&boot, 100, 150).size(), 1U);
+    EXPECT_TRUE(boot.Beat(251).removeMarker);
+    EXPECT_FALSE(boot.Tick(256).logOffline);
+    EXPECT_TRUE(boot.Tick(257).startButton);
+    const auto steps = StepsOfSilence(&boot, 251, 600);
+    ASSERT_EQ(steps.size(), 1U);
+    EXPECT_EQ(steps[0].at, 123U);
+    EXPECT_EQ(steps[0].step, MonitorStep::kReboot);
+}
 
 TEST(Monitor, FiveSecondsAreNotSilenceAndSixAre) {
     bool marker = false;
@@ -112,9 +123,10 @@ TEST(Monitor, FiveSecondsAreNotSilenceAndSixAre) {
     EXPECT_EQ(boot.Tick(220).step, MonitorStep::kNone);
     EXPECT_EQ(boot.Tick(221).step, MonitorStep::kRestart);
     EXPECT_EQ(boot.Record().last_seen, 221U - 60U);
-    // Quiet time is no silence.
+    // Quiet time is no silence, and nothing is logged or done in it.
     boot.quiet = true;
-    (void)boot.Tick(300);
+    const MonitorDecision quiet = boot.Tick(300);
+    EXPECT_FALSE(quiet.logOffline || quiet.startButton || quiet.step != MonitorStep::kNone);
     EXPECT_EQ(boot.Record().last_seen, 300U);
 }
 
