@@ -59,4 +59,11 @@ inline long PrivateKib() {
     return 0;
 }
 
+// All of it at one moment.
+struct Footprint {
+    long descriptors = Descriptors();
+    long threads = Threads();
+    long kib = PrivateKib();
+};
+
 }  // namespace kv_test

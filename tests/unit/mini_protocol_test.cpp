@@ -326,17 +326,14 @@ TEST_F(MiniProtocol, AnUpgradeInOneBurstIsStoredAndAcceptedBeforeTheReply) {
 // As a device that enters recovery again and again, with a search and a connection open at each
 // stop.
 TEST(MiniService, StartsAndStopsAThousandTimesAndLeavesNothing) {
-    long descriptors = 0;
-    long threads = 0;
-    long kib = 0;
+    Footprint before;
+    Footprint after;
     {
         const Capture log(2);
         // The first rounds fill the caches of the allocator and the thread library.
         for (int round = -50; round < 1000; ++round) {
             if (round == 0) {
-                descriptors = Descriptors();
-                threads = Threads();
-                kib = PrivateKib();
+                before = Footprint();
             }
             EXPECT_EQ(KV_MINI_ServiceIsStarted(), 0);
             EXPECT_EQ(KV_MINI_ServiceStart(), 0);
@@ -350,19 +347,18 @@ TEST(MiniService, StartsAndStopsAThousandTimesAndLeavesNothing) {
             EXPECT_EQ(KV_MINI_ServiceIsStarted(), 0);
             EXPECT_FALSE(TcpClient(kPort).Connected());
         }
-        descriptors -= Descriptors();
-        kib = PrivateKib() - kib;
+        after = Footprint();
         for (const char* text :
              {"MINI ProtocolInit Init Success!\n", "LoopPoolInit DeInit Success!\n",
               "MINI ProtocolInit DeInit Success!\n"}) {
             EXPECT_EQ(CountOf(log.Text(), text), 1050U);
         }
     }
-    EXPECT_EQ(descriptors, 0);
+    EXPECT_EQ(after.descriptors, before.descriptors);
     // A joined thread may be listed a moment longer.
-    EXPECT_TRUE(WaitUntil([&] { return Threads() <= threads; }));
+    EXPECT_TRUE(WaitUntil([&] { return Threads() <= before.threads; }));
     // Less than 128 bytes a round.
-    EXPECT_LT(kib, 128);
+    EXPECT_LT(after.kib - before.kib, 128);
 }
 
 TEST(MiniService, AStopDoesNotWaitForQueuedRequests) {

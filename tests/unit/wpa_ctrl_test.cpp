@@ -275,24 +275,22 @@ TEST(WpaLeaks, AThousandRequestsOfEachKindLeaveNothing) {
     for (const auto& [name, messages] : behaviours) {
         supplicant.SetScript([answer = messages](const std::string&) { return answer; });
         const int asked = supplicant.Count("STATUS");
-        long descriptors = 0;
-        long kib = 0;
+        Footprint before;
+        Footprint after;
         {
             const Capture trace(2);
             for (int i = -100; i < 1000; ++i) {
                 if (i == 0) {
-                    descriptors = Descriptors();
-                    kib = PrivateKib();
+                    before = Footprint();
                 }
                 KV_WIFI_STATUS_INFO status;
                 (void)KV_WIFI_WPA_Status(&status);
                 wpa_ctrl_close(wpa_ctrl_open("/tmp/refuses"));
             }
-            descriptors -= Descriptors();
-            kib = PrivateKib() - kib;
+            after = Footprint();
         }
-        EXPECT_EQ(descriptors, 0) << name;
-        EXPECT_LT(kib, 64) << name;
+        EXPECT_EQ(after.descriptors, before.descriptors) << name;
+        EXPECT_LT(after.kib - before.kib, 64) << name;
         EXPECT_EQ(ClientSockets(), 0) << name;
         EXPECT_EQ(supplicant.Count("STATUS"), asked + 1100) << name;
     }
