@@ -51,17 +51,15 @@ class Boot {
     bool* marker_;
 };
 
-struct Step {
-    uint32_t at;
-    MonitorStep step;
-};
+// Seconds of silence and the step taken then.
+using Steps = std::vector<std::pair<uint32_t, MonitorStep>>;
 
-std::vector<Step> StepsOfSilence(Boot* boot, uint32_t start, uint32_t seconds) {
-    std::vector<Step> steps;
+Steps StepsOfSilence(Boot* boot, uint32_t start, uint32_t seconds) {
+    Steps steps;
     for (uint32_t t = 3; t <= seconds; t += 3) {
         const MonitorDecision decision = boot->Tick(start + t);
         if (decision.step != MonitorStep::kNone) {
-            steps.push_back({t, decision.step});
+            steps.emplace_back(t, decision.step);
         }
         if (decision.step == MonitorStep::kReboot) {
             break;
@@ -77,20 +75,13 @@ TEST(Monitor, PermanentSilenceRestartsRebootsThenRecovers) {
     const uint32_t start = 0xFFFFFFFFU - 150U;
     bool marker = false;
     Boot first(start, &marker);
-    auto steps = StepsOfSilence(&first, start, 600);
-    ASSERT_EQ(steps.size(), 2U);
-    EXPECT_EQ(steps[0].at, 123U);
-    EXPECT_EQ(steps[0].step, MonitorStep::kRestart);
-    EXPECT_EQ(steps[1].at, 186U);
-    EXPECT_EQ(steps[1].step, MonitorStep::kReboot);
+    EXPECT_EQ(StepsOfSilence(&first, start, 600),
+              (Steps{{123, MonitorStep::kRestart}, {186, MonitorStep::kReboot}}));
     EXPECT_TRUE(marker);
 
     Boot second(start, &marker);
-    steps = StepsOfSilence(&second, start, 600);
-    ASSERT_EQ(steps.size(), 2U);
-    EXPECT_EQ(steps[0].step, MonitorStep::kRestart);
-    EXPECT_EQ(steps[1].step, MonitorStep::kRecover);
-    EXPECT_EQ(steps[1].at, 186U);
+    EXPECT_EQ(StepsOfSilence(&second, start, 600),
+              (Steps{{123, MonitorStep::kRestart}, {186, MonitorStep::kRecover}}));
     EXPECT_FALSE(marker);
 }
 
@@ -103,10 +94,7 @@ TEST(Monitor, ABeatStopsTheLadder) {
     EXPECT_TRUE(boot.Beat(251).removeMarker);
     EXPECT_FALSE(boot.Tick(256).logOffline);
     EXPECT_TRUE(boot.Tick(257).startButton);
-    const auto steps = StepsOfSilence(&boot, 251, 600);
-    ASSERT_EQ(steps.size(), 1U);
-    EXPECT_EQ(steps[0].at, 123U);
-    EXPECT_EQ(steps[0].step, MonitorStep::kReboot);
+    EXPECT_EQ(StepsOfSilence(&boot, 251, 600), (Steps{{123, MonitorStep::kReboot}}));
 }
 
 TEST(Monitor, FiveSecondsAreNotSilenceAndSixAre) {
