@@ -6,6 +6,7 @@
 
 #include <future>
 
+#include "common/kv_raii.h"
 #include "flash/kv_fullhan_watdog.h"
 #include "tests/support/capture.h"
 
@@ -19,14 +20,6 @@ constexpr char kReplyPipe[] = "/tmp/bin/cmd_link_ack";
 // Does what "/sbin/command_link" does when it runs under a command's name.
 class Client {
   public:
-    Client() : command_(open(kCommandPipe, O_WRONLY)), reply_(open(kReplyPipe, O_RDWR)) {}
-    ~Client() {
-        (void)close(command_);
-        (void)close(reply_);
-    }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
-
     std::string Say(const std::string& name, const std::vector<std::string>& arguments) {
         std::string tail;
         for (const auto& argument : arguments) {
@@ -37,20 +30,20 @@ class Client {
     std::string Raw(int32_t argc, const std::string& name, const std::string& tail) {
         std::string message(reinterpret_cast<const char*>(&argc), sizeof(argc));
         message += name + std::string(64 - name.size(), '\0') + tail;
-        EXPECT_EQ(write(command_, message.data(), message.size()),
+        EXPECT_EQ(write(command_.Get(), message.data(), message.size()),
                   static_cast<ssize_t>(message.size()));
-        struct pollfd ready = {reply_, POLLIN, 0};
+        struct pollfd ready = {reply_.Get(), POLLIN, 0};
         if (poll(&ready, 1, 5000) != 1) {
             return "no reply";
         }
         char text[8200];
-        const ssize_t got = read(reply_, text, sizeof(text));
+        const ssize_t got = read(reply_.Get(), text, sizeof(text));
         return std::string(text, got > 0 ? static_cast<size_t>(got) : 0);
     }
 
   private:
-    int command_;
-    int reply_;
+    UniqueFd command_ = UniqueFd(open(kCommandPipe, O_WRONLY));
+    UniqueFd reply_ = UniqueFd(open(kReplyPipe, O_RDWR));
 };
 
 }  // namespace
