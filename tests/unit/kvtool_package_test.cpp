@@ -196,13 +196,9 @@ TEST(KvtoolInspect, ComparesOnlyWithWhatIsKnownOfTheDevice) {
 // Thousands of long images, each covering nearly the whole file.
 TEST(KvtoolInspect, ManyOverlappingEntriesTakeOnePass) {
     constexpr uint32_t kEntries = 4000;
-    Bytes bytes(24 + kEntries * 256 + 65536, 0xFF);
-    Put(&bytes, 0,
-        std::string("PRT7K\0\0\0"
-                    "38QX\0\0\0\0"
-                    "\x01\0\0\0"
-                    "\xA0\x0F\0\0",
-                    24));
+    Bytes bytes = HandMade();
+    bytes.resize(24 + kEntries * 256 + 65536, 0xFF);
+    kv::PutLe32(bytes.data() + 20, kEntries);
     for (uint32_t i = 0; i < kEntries; ++i) {
         uint8_t* const entry = bytes.data() + 24 + size_t{i} * 256;
         memcpy(entry, "app", 4);
