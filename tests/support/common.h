@@ -107,7 +107,7 @@ inline std::string Shell(const std::string& command) {
     return result.output;
 }
 
-// A new folder that exists as long as its object.
+// A new folder, below TMPDIR or "/tmp", that exists as long as its object.
 class Folder {
   public:
     Folder() { EXPECT_NE(mkdtemp(path_.data()), nullptr) << strerror(errno); }
@@ -118,7 +118,11 @@ class Folder {
     std::string Path(const std::string& name) const { return path_ + "/" + name; }
 
   private:
-    std::string path_ = "/tmp/kv-test-XXXXXX";
+    static std::string Base() {
+        const char* const chosen = getenv("TMPDIR");
+        return chosen != nullptr ? chosen : "/tmp";
+    }
+    std::string path_ = Base() + "/kv-test-XXXXXX";
 };
 
 }  // namespace kv_test

@@ -10,6 +10,8 @@ set -eu
 exec 9<"$1"
 KV_SANDBOX_BIN=$(dirname "$1")
 export KV_SANDBOX_BIN
+# A folder of the caller's would not be there.
+unset TMPDIR
 shift
 # shellcheck disable=SC2016 # expanded by the inner shell
 exec unshare --user --map-root-user --mount --net --pid --fork --kill-child --mount-proc -- sh -eu -c '

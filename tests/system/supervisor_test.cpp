@@ -56,6 +56,9 @@ TEST(Supervisor, Sigusr1OnlyDisarms) {
     board.Signal(SIGUSR1);
     ASSERT_TRUE(board.WaitTrace("KV_FH_WDT_Stop:176 "));
     EXPECT_FALSE(board.Armed());
+    const std::string threads = board.OnBoard("cat /proc/$(pidof upgradeMain)/task/*/comm").output;
+    EXPECT_TRUE(Contains(threads, "__KV_SIGNAL_Pro") && !Contains(threads, "__KV_FH_WDT"))
+        << threads;
     EXPECT_FALSE(board.Status().at("watchdog").at("open"));
     // A connection gets the lowest free number. A second stop is accepted and leaves the connection
     // alone.
@@ -134,6 +137,7 @@ TEST(Supervisor, WatchdogFailuresAtStart) {
     }
     // A failed feed did not stop the feeder.
     EXPECT_TRUE(board.WaitFeeds(2));
+    EXPECT_EQ(board.Status().at("boot"), boot);
     std::map<int, int> feeds;
     for (const auto& operation : board.Operations()) {
         feeds[operation.at("boot")] += operation.at("op") == "ioctl:KEEPALIVE" ? 1 : 0;

@@ -70,6 +70,7 @@ TEST(KvtoolDiscover, MalformedRepliesAreNamedAndNotTrusted) {
         {Patched(SearchReply(), 72, "\x1B[2J"), "bad DNS server"},
         {Patched(SearchReply(), 104, "02-00-5E-10-20-30"), "bad MAC address"},
         {Patched(SearchReply(), 240, std::string("\x50\0\0\0", 4)), "bad command port"},
+        {Patched(SearchReply(), 244, std::string("\0\1\0\x50", 4)), "bad RTSP port"},
     };
     for (const Case& c : cases) {
         kvtool::DiscoveryReply reply;

@@ -331,6 +331,16 @@ TEST(KvtoolProtocol, SilenceAndUnterminatedTexts) {
     };
     const Case cases[] = {
         {[](uint16_t, const Bytes&) { return Bytes(); }, ExitCode::kNoReply},
+        // A heartbeat's reply ahead of its request.
+        {[](uint16_t command, Bytes reply) {
+             if (command == 0) {
+                 Bytes ahead = reply;
+                 ahead[4] = 6;
+                 reply.insert(reply.end(), ahead.begin(), ahead.end());
+             }
+             return command == 6 ? Bytes() : reply;
+         },
+         ExitCode::kBadReply},
         {[](uint16_t, Bytes reply) { return Bytes(reply.begin(), reply.begin() + 31); },
          ExitCode::kNoReply},
         {[](uint16_t command, Bytes reply) {

@@ -222,17 +222,6 @@ TEST_F(MiniProtocol, RefusesToStartOrStopTwice) {
     EXPECT_EQ(KV_MINI_ProtocolInit(kPort), 0);
 }
 
-TEST_F(MiniProtocol, ServesTwoHundredConnectionsAtOnce) {
-    std::vector<TcpClient> clients;
-    for (int i = 0; i < 200; ++i) {
-        clients.emplace_back(kPort);
-        ASSERT_TRUE(clients.back().Connected()) << i;
-    }
-    for (uint16_t i = 0; i < 200; ++i) {
-        EXPECT_EQ(clients[i].Ask(Frame(0x4000 + i)), ReplyHeader(0x4000 + i, 2, 0));
-    }
-}
-
 // While it exists, the kernel buffers next to nothing for a connection.
 class SmallBuffers {
   public:

@@ -112,6 +112,10 @@ TEST(Monitor, FiveSecondsAreNotSilenceAndSixAre) {
     EXPECT_EQ(boot.Tick(220).step, MonitorStep::kNone);
     EXPECT_EQ(boot.Tick(221).step, MonitorStep::kRestart);
     EXPECT_EQ(boot.Record().last_seen, 221U - 60U);
+    // Quiet time is no silence.
+    boot.quiet = true;
+    (void)boot.Tick(300);
+    EXPECT_EQ(boot.Record().last_seen, 300U);
 }
 
 TEST(Monitor, ButtonIsHandedBackWithTheSecondHeartbeatInARow) {

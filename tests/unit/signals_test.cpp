@@ -5,6 +5,7 @@
 #include <atomic>
 #include <csignal>
 
+#include "common/kv_time.h"
 #include "tests/support/common.h"
 
 namespace {
@@ -52,6 +53,19 @@ constexpr SignalRoute kRoutes[] = {
 
 }  // namespace
 
+TEST(SignalsDeathTest, AFullPipeHoldsNobodyUp) {
+    EXPECT_EXIT(
+        {
+            (void)KV_SIGNAL_Install(kRoutes, 2);
+            errno = EXDEV;
+            for (int i = 0; i < 70000; ++i) {
+                (void)raise(SIGUSR2);
+            }
+            _exit(errno == EXDEV ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 TEST(Signals, ProceduresRunOutsideSignalContextAndSideBySide) {
     (void)sem_init(&g_entered, 0, 0);
     (void)sem_init(&g_release, 0, 0);
@@ -90,4 +104,20 @@ TEST(Signals, ProceduresRunOutsideSignalContextAndSideBySide) {
     ASSERT_TRUE(Entered());
     EXPECT_EQ(g_serialRuns, 3);
     (void)sem_post(&g_release);
+}
+
+TEST(Sleep, IsNotCutShortBySignals) {
+    (void)signal(SIGUSR1, [](int) {});
+    std::atomic<bool> awake{false};
+    const auto begin = kv_test::Clock::now();
+    std::thread sleeper([&] {
+        kv::SleepMilliseconds(200);
+        awake = true;
+    });
+    while (!awake) {
+        (void)pthread_kill(sleeper.native_handle(), SIGUSR1);
+        std::this_thread::sleep_for(kv_test::milliseconds(5));
+    }
+    sleeper.join();
+    EXPECT_GE(kv_test::SecondsSince(begin), 0.2);
 }

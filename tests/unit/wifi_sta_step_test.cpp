@@ -52,34 +52,6 @@ TEST(StaStep, AFailureInARoundsLastAttemptPassesTheSoftResetPointTwice) {
     EXPECT_EQ(machine.attemptCount, 1);
 }
 
-// Every sequence of eight failures and successes. Between two verified links there are at most
-// three soft resets, and never four attempts in a row without one while they last.
-TEST(StaStep, SoftResetsAreBoundedWhateverHappens) {
-    for (int sequence = 0; sequence < 4 * 4 * 4 * 4 * 4 * 4 * 4 * 4; ++sequence) {
-        StaMachine machine;
-        int softResets = 0;
-        int withoutReset = 1;
-        (void)StaPlanConnect(&machine, StaGo::kSoftReset);
-        for (int step = 0, left = sequence; step < 8; ++step, left /= 4) {
-            StaGo go = StaGo::kConnect;
-            if (left % 4 == 1) {
-                (void)StaOnVerify(&machine, "", nullptr, kMac);
-                go = StaGo::kSoftReset;
-            } else if (left % 4 > 1) {
-                (void)StaOnVerify(&machine, "1.2.3.4", nullptr, kMac);
-                softResets = 0;
-                withoutReset = 0;
-                go = StaOnLink(&machine, left % 4 == 2 ? StaLink::kDead : StaLink::kNotRunning);
-            }
-            const int now = StaPlanConnect(&machine, go);
-            softResets += now;
-            withoutReset = now > 0 ? 1 : withoutReset + 1;
-            ASSERT_LE(softResets, 3) << sequence;
-            ASSERT_TRUE(withoutReset <= 3 || softResets == 3) << sequence;
-        }
-    }
-}
-
 TEST(StaStep, AssociatingTimesOutSixtySecondsAfterTheLastChange) {
     const struct {
         const char* wpaState;  // the last one was "SCANNING", at 100

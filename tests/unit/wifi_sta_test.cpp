@@ -228,7 +228,13 @@ TEST_F(Station, DebugCommand) {
         EXPECT_STREQ(reply, "");
     };
     const Capture trace(2);
+    KV_WIFI_STA_PARAM param = Param(nullptr);
+    param.pcWorkPath = "/tmp";
+    EXPECT_EQ(KV_WIFI_StaConnect(&param), 0);
     command({});
+    // Any use moves the connect sequence that follows.
+    EXPECT_TRUE(WaitUntil(
+        [] { return Contains(Commands(), "wifi_connect.sh sta /param/wpa_supplicant.conf\n"); }));
     command({"CMD"});
     command({"Unknown", "PING"});
     command({"CMD", "SAVE_CONFIG"});
@@ -238,13 +244,12 @@ TEST_F(Station, DebugCommand) {
     command({"RECV", "again"});
     command({"CONNECT", "net", "passphrase"});
     EXPECT_EQ(KV_WIFI_StaGetState(), 0);
-    EXPECT_TRUE(WaitUntil([] { return Contains(Commands(), "wifi_connect.sh"); }));
+    EXPECT_TRUE(WaitUntil([] { return CountOf(Commands(), "wifi_connect.sh sta /param/") == 2; }));
     EXPECT_EQ(KV_WIFI_StaStop(), 0);
     EXPECT_EQ(supplicant.Count("PING"), 0);
     EXPECT_EQ(supplicant.Count("SAVE_CONFIG"), 1);
     EXPECT_EQ(supplicant.Count("SCAN"), 1);
     EXPECT_EQ(supplicant.Count("SCAN_RESULTS"), 1);
-    EXPECT_TRUE(Contains(Commands(), "wifi_connect.sh sta /param/wpa_supplicant.conf\n"));
     EXPECT_TRUE(InOrder(trace.Text(),
                         {"RECV----:text\n", "RECV----:again\n", "__KV_WIFI_StaSupplicantDebug:"}));
 }

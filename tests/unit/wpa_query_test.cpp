@@ -68,7 +68,7 @@ TEST(WpaQuery, KeysAreFoundAnywhere) {
 
 TEST(WpaQuery, RefusedAndEmpty) {
     ScriptedSupplicant supplicant(
-        ScriptedSupplicant::Always("FAIL-BUSY\nwpa_state=COMPLETED\nRSSI=-7\n"));
+        ScriptedSupplicant::Always("FAIL\nwpa_state=COMPLETED\nRSSI=-7\n"));
     KV_WIFI_STATUS_INFO status;
     KV_WIFI_SIGNAL_INFO signal;
     const Capture trace(2);
@@ -76,7 +76,7 @@ TEST(WpaQuery, RefusedAndEmpty) {
     EXPECT_EQ(KV_WIFI_SignalPoll(&signal), 0);
     EXPECT_STREQ(status.acWpaState, "");
     EXPECT_EQ(signal.iRssi, 0);
-    EXPECT_EQ(std::string(status.acReply).rfind("FAIL-BUSY", 0), 0U);
+    EXPECT_EQ(std::string(status.acReply).rfind("FAIL\n", 0), 0U);
     supplicant.SetScript(ScriptedSupplicant::Always(""));
     EXPECT_EQ(KV_WIFI_WPA_Status(&status), -1);
     EXPECT_EQ(KV_WIFI_SignalPoll(&signal), -1);
