@@ -35,6 +35,7 @@ struct DiscoveryReply {
     uint16_t rtspPort = 0;
     uint16_t httpPort = 0;
 };
+bool operator==(const DiscoveryReply& a, const DiscoveryReply& b);
 
 // Decodes a datagram. Returns why it is not a trustworthy reply, or an empty text; only then is
 // *reply filled.
