@@ -218,6 +218,16 @@ TEST(KvtoolDiscover, AWatchTellsWhatHasChanged) {
     // Without a MAC address a device is known by where it answers from.
     EXPECT_EQ(Changes(&presence, {Found("", "5"), Found("", "6")}), "+/5 +/6");
     EXPECT_EQ(Changes(&presence, {Found("", "6"), Found("", "5")}, 1000), "");
+    // One that answers over two interfaces keeps its address until that one is silent.
+    kvtool::FoundDevice twice = Found("C", "7");
+    for (const auto& [senders, changes] :
+         {std::pair<std::vector<std::string>, const char*>{{"8", "9"}, "+C/7"},
+          {{"9", "8"}, ""},
+          {{"9"}, "~C/7"},
+          {{"8", "9"}, ""}}) {
+        twice.senders = senders;
+        EXPECT_EQ(Changes(&presence, {twice}, 0), changes) << testing::PrintToString(senders);
+    }
 }
 
 TEST(KvtoolDiscover, AWatchGoesOnWhenNobodyAnswers) {

@@ -179,13 +179,6 @@ void PrintDiscovery(std::ostream& out, const DiscoveryResult& result, const Disc
         for (const std::string& line : DeviceTable(rows, style.width)) {
             out << line << '\n';
         }
-        for (const DeviceRow& row : rows) {
-            const DiscoveryReply& reply = row.device.reply;
-            if (row.device.Address() != reply.ip) {
-                out << "warning: " << OrDash(reply.mac) << " answers from " << row.device.Address()
-                    << " but names the address " << OrDash(reply.ip) << '\n';
-            }
-        }
     }
     for (const auto& [what, count] : result.malformed) {
         out << "malformed reply from " << what << " (" << count << " times)\n";

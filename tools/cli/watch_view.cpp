@@ -1,5 +1,7 @@
 #include "tools/cli/watch_view.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <ctime>
 
@@ -29,13 +31,16 @@ const char* KindName(Kind kind) {
     return kind == Kind::kAppeared ? "appeared" : kind == Kind::kChanged ? "changed" : "gone";
 }
 
-// The keys that differ, with what they were. Whether an answer comes by one interface or by two is
-// no change.
+// The keys that differ, with what they were.
 Json Before(const DeviceChange& change) {
     Json now = FoundJson(change.device);
     Json before = FoundJson(change.before);
+    // Through which of its interfaces it answers besides is no change.
+    if (change.device.Address() == change.before.Address()) {
+        before.erase("senders");
+    }
     for (const auto& [key, value] : now.items()) {
-        if (before[key] == value || key == "senders") {
+        if (before.value(key, value) == value) {
             before.erase(key);
         }
     }
@@ -53,17 +58,30 @@ std::string OrDash(const std::string& text) {
 
 std::string ChangeText(const DeviceChange& change) {
     const FoundDevice& device = change.device;
-    std::string text = KindName(change.kind) + (" " + OrDash(device.reply.mac));
+    std::string text =
+        TimeText("%H:%M:%S ", false) + KindName(change.kind) + " " + OrDash(device.reply.mac);
     if (change.kind != Kind::kChanged) {
-        return text + " " + OrDash(device.Address()) + " " + OrDash(device.reply.firmware);
+        return text + " " + OrDash(device.Address());
     }
-    const Json now = FoundJson(device);
+    Json now = FoundJson(device);
+    Json before = Before(change);
+    // People need one address, the one to reach it at.
+    if (before.erase("senders") > 0) {
+        before["address"] = change.before.Address();
+        now["address"] = device.Address();
+    }
     const char* separator = " ";
-    for (const auto& [key, value] : Before(change).items()) {
+    for (const auto& [key, value] : before.items()) {
         text += separator + key + " " + Value(value) + " -> " + Value(now.at(key));
         separator = ", ";
     }
     return text;
+}
+
+// A pipe without a reader would be noticed only at the next change.
+bool HasReader(FILE* out) {
+    pollfd entry{fileno(out), 0, 0};
+    return poll(&entry, 1, 0) <= 0 || (entry.revents & (POLLERR | POLLHUP)) == 0;
 }
 
 Json Event(const char* event) {
@@ -95,7 +113,7 @@ bool WatchView::Show(const WatchRound& round) {
     if (style_ == Style::kTable) {
         ShowTable(round);
     }
-    return fflush(out_) == 0 && ferror(out_) == 0;
+    return fflush(out_) == 0 && ferror(out_) == 0 && HasReader(out_);
 }
 
 void WatchView::End() {
@@ -114,12 +132,13 @@ void WatchView::Tell(const DeviceChange& change) {
         Line(JsonLine(json));
         return;
     }
-    const std::string text = TimeText("%H:%M:%S ", false) + ChangeText(change);
     if (style_ == Style::kLines) {
-        Line(text);
+        const bool firmware = change.kind == Kind::kAppeared;
+        Line(ChangeText(change) +
+             (firmware ? " " + OrDash(change.device.reply.firmware) : std::string()));
         return;
     }
-    last_.push_back(text);
+    last_.push_back(ChangeText(change));
     if (last_.size() > kChangesShown) {
         last_.pop_front();
     }

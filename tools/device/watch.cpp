@@ -19,7 +19,17 @@ bool IsSame(const FoundDevice& a, const FoundDevice& b) {
 }
 
 bool HasChanged(const FoundDevice& before, const FoundDevice& now) {
-    return !(before.reply == now.reply) || before.conflict != now.conflict;
+    return !(before.reply == now.reply) || before.conflict != now.conflict ||
+           before.Address() != now.Address();
+}
+
+// An address that still answers stays the first one, whichever was quicker this time.
+FoundDevice WithSteadyAddress(FoundDevice now, const FoundDevice& before) {
+    const auto still = std::find(now.senders.begin(), now.senders.end(), before.Address());
+    if (still != now.senders.end()) {
+        std::iter_swap(now.senders.begin(), still);
+    }
+    return now;
 }
 
 }  // namespace
@@ -35,10 +45,11 @@ std::vector<DeviceChange> Presence::Take(const std::vector<FoundDevice>& answers
                 continue;
             }
             answered[i] = true;
-            if (HasChanged(known, answer)) {
-                changes.push_back({Kind::kChanged, answer, known});
+            FoundDevice now = WithSteadyAddress(answer, known);
+            if (HasChanged(known, now)) {
+                changes.push_back({Kind::kChanged, now, known});
             }
-            devices_[i] = {answer, Millis(0)};
+            devices_[i] = {std::move(now), Millis(0)};
             return true;
         }
         return false;
