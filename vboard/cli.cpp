@@ -26,11 +26,11 @@ namespace {
 
 using vboard::StateDir;
 
-// Options of all commands; each command's action runs when its options have been read.
+// The options of all commands. A command runs when its options have been read.
 struct Cli {
     CLI::App app{
-        "vboard: a camera without the camera. Runs the supervisor, unchanged, on virtual "
-        "flash, watchdog, button, Ethernet and Wi-Fi."};
+        "vboard: a camera without the camera. Runs the unchanged supervisor on virtual flash, "
+        "watchdog, button, Ethernet and Wi-Fi."};
     std::string state = StateDir::Default();
     int exitStatus = 0;
 
@@ -61,7 +61,8 @@ struct Cli {
             "--version", std::string("vboard ") + kv::kVersion + ", built for " + kv::kDeviceName);
         app.require_subcommand(1);
         app.fallthrough();
-        app.add_option("--state", state, "The board's state folder")->capture_default_str();
+        app.add_option("--state", state, "State folder of the board or site")
+            ->capture_default_str();
         AddRun();
         AddExec();
         AddObservers();
@@ -80,8 +81,8 @@ struct Cli {
 
     void AddLayout(CLI::App* sub) {
         sub->add_option("--layout", board.layout,
-                        "Sizes of partitions, mtd0=256K,mtd1=64K,…; 0 leaves one out");
-        sub->add_option("--erase-block", board.eraseBlock, "Bytes of an erase block")
+                        "Partition sizes, mtd0=256K,mtd1=64K,…; 0 leaves one out");
+        sub->add_option("--erase-block", board.eraseBlock, "Size of an erase block in bytes")
             ->capture_default_str();
     }
 
@@ -94,13 +95,15 @@ struct Cli {
             ->needs(join)
             ->check(CLI::Range(1, vboard::site::kMaxBoards));
         AddRunOptions(run);
-        run->get_option("--no-wifi")->excludes(join);
+        run->add_flag("--no-wifi", noWifi, "No wlan0 and no access point")->excludes(join);
+        run->add_flag("--quiet", board.quiet, "Keep the board's output off the terminal");
     }
 
+    // What boards of `run` and of `site start` have in common.
     void AddRunOptions(CLI::App* run) {
         AddLayout(run);
-        run->add_flag("--nor-timing", board.norTiming, "Flash takes the times of a real NOR");
-        run->add_option("--speed", board.speed, "How many times as fast the board's clock runs")
+        run->add_flag("--nor-timing", board.norTiming, "Flash takes as long as a real chip");
+        run->add_option("--speed", board.speed, "How many times faster the board's clock runs")
             ->check(CLI::Range(1, 100))
             ->capture_default_str();
         CLI::Option* const eth =
@@ -108,12 +111,10 @@ struct Cli {
                             "The board's address on eth0; on a site it follows from the number")
                 ->capture_default_str();
         run->add_flag("--no-eth", noEth, "No eth0")->excludes(eth);
-        run->add_flag("--no-wifi", noWifi, "No wlan0 and no access point");
-        run->add_option("--max-boots", board.maxBoots, "Stop after so many boots; 0: no limit");
-        run->add_option("--env", board.environment, "NAME=VALUE for the program, repeatable")
+        run->add_option("--max-boots", board.maxBoots, "Stop after this many boots; 0: no limit");
+        run->add_option("--env", board.environment, "NAME=VALUE for the program; may be repeated")
             ->expected(1)
             ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-        run->add_flag("--quiet", board.quiet, "Keep the board's output off the terminal");
         run->add_option("program", board.program, "The program and its arguments, after --")
             ->required()
             ->type_name("FILE");
@@ -141,7 +142,7 @@ struct Cli {
             &app, "exec", "Run a command in the bench's network or on the board",
             [this](const StateDir& where) { exitStatus = vboard::Exec(where, onBoard, command); });
         CLI::Option* const bench =
-            exec->add_flag("--bench", "In the bench's network, the host's files (default)");
+            exec->add_flag("--bench", "In the bench's network, with the host's files (default)");
         exec->add_flag("--board", onBoard, "On the board")->excludes(bench);
         exec->add_option("command", command, "The command, after --")
             ->required()
@@ -149,17 +150,18 @@ struct Cli {
     }
 
     void AddObservers() {
-        Add(&app, "status", "Boots, watchdog, processes", [this](const StateDir& where) {
-            vboard::ShowStatus(where, asJson);
-        })->add_flag("--json", asJson, "For programs");
-        Add(&app, "ops", "The devices' operation log", [this](const StateDir& where) {
-            vboard::ShowOperations(where, asJson);
-        })->add_flag("--json", asJson, "One JSON object a line");
-        CLI::App* const show = Add(&app, "log", "The program's trace (standard error)",
+        Add(&app, "status", "Show boots, watchdog, network, processes",
+            [this](const StateDir& where) { vboard::ShowStatus(where, asJson); })
+            ->add_flag("--json", asJson, "For programs");
+        Add(&app, "ops", "Show the operations on flash and watchdog",
+            [this](const StateDir& where) { vboard::ShowOperations(where, asJson); })
+            ->add_flag("--json", asJson, "One JSON object a line");
+        CLI::App* const show = Add(&app, "log", "Show the program's trace (standard error)",
                                    [this](const StateDir& where) { vboard::ShowLog(where, log); });
         show->add_option("--boot", log.boot, "Of this boot; default: the newest");
-        show->add_flag("--console", log.console, "Instead: standard output, platform messages");
-        show->add_flag("--follow", log.follow, "Go on until the board is stopped");
+        show->add_flag("--console", log.console,
+                       "Show standard output and platform messages instead");
+        show->add_flag("--follow", log.follow, "Continue until the board is stopped");
         CLI::App* const await =
             Add(&app, "wait", "Wait for a boot or for texts in its logs",
                 [this](const StateDir& where) { vboard::WaitForLog(where, wait); });
@@ -176,7 +178,7 @@ struct Cli {
             Add(flash, "read", "Copy a partition into a file",
                 [this](const StateDir& where) { vboard::ReadFlash(where, mtd, file); });
         CLI::App* const write =
-            Add(flash, "write", "Put a file into a partition, 0xFF behind it",
+            Add(flash, "write", "Copy a file into a partition; 0xFF fills the rest",
                 [this](const StateDir& where) {
                     vboard::WriteFlash(where, mtd, file, board.layout, board.eraseBlock);
                 });
@@ -189,7 +191,7 @@ struct Cli {
 
     void AddHands() {
         CLI::App* const add =
-            Add(&app, "fault", "Make a device's next operations, or reboot, fail",
+            Add(&app, "fault", "Make the next operations of a device, or reboot, fail",
                 [this](const StateDir& where) { vboard::AddFault(where, fault); });
         add->add_option("device", fault.device, "mtd0 … mtd7, watchdog, reboot, trace")->required();
         add->add_option("operation", fault.operation,
@@ -197,9 +199,9 @@ struct Cli {
                         "trace: block, off")
             ->required();
         CLI::Option* const error = add->add_option("--errno", fault.errorName, "EIO, ENOSPC, …");
-        add->add_option("--short", fault.shortBytes, "Write so many bytes only")->excludes(error);
-        add->add_option("--skip", fault.skip, "Let so many pass first");
-        add->add_option("--count", fault.count, "Then fail so many")->capture_default_str();
+        add->add_option("--short", fault.shortBytes, "Write only this many bytes")->excludes(error);
+        add->add_option("--skip", fault.skip, "Let this many succeed first");
+        add->add_option("--count", fault.count, "Then fail this many")->capture_default_str();
 
         CLI::App* const press = Add(&app, "press", "Press the reset button",
                                     [this](const StateDir& where) { Press(where); });
@@ -208,23 +210,23 @@ struct Cli {
             ->excludes(once);
 
         CLI::App* const behave = Add(
-            &app, "app", "How the stand-in application behaves from now on",
+            &app, "app", "Set how the stand-in application behaves",
             [this](const StateDir& where) { vboard::SetApplication(where, action, lateSeconds); });
         behave->add_option("mode", action, "beat, not-ready, silent, late, crash, never")
             ->required()
             ->check(CLI::IsMember({"beat", "not-ready", "silent", "late", "crash", "never"}));
-        behave->add_option("seconds", lateSeconds, "late: silent for so long after its start");
+        behave->add_option("seconds", lateSeconds, "late: how long it is silent after its start");
 
-        Add(&app, "reset", "Cut the power, boot again",
+        Add(&app, "reset", "Cut the power; the board boots again",
             [](const StateDir& where) { vboard::Reset(where); });
-        Add(&app, "stop", "Switch the board off, end its runner",
+        Add(&app, "stop", "Switch the board off and end its runner",
             [](const StateDir& where) { vboard::Stop(where); });
-        Add(&app, "ap", "The access point",
+        Add(&app, "ap", "Control the access point",
             [this](const StateDir& where) { vboard::Send(where, "ap", action); })
             ->add_option("action", action, "up, down, mute, unmute, dhcp, no-dhcp")
             ->required()
             ->check(CLI::IsMember({"up", "down", "mute", "unmute", "dhcp", "no-dhcp"}));
-        Add(&app, "link", "Administrative state of the board's wlan0",
+        Add(&app, "link", "Set the board's wlan0",
             [this](const StateDir& where) { vboard::Send(where, "link", action); })
             ->add_option("action", action, "up, down")
             ->required()
@@ -240,16 +242,16 @@ struct Cli {
                 exitStatus = vboard::site::Site(siteOptions, where).Run();
             })
             ->add_option("--shape", siteOptions.rate,
-                         "Rate of the air that all boards share, each way: 40mbit");
+                         "Rate that all boards share in each direction, as 40mbit");
         CLI::App* const start = Add(group, "start", "Start boards; returns when all have joined",
                                     [this](const StateDir& where) { StartBoards(where); });
         start->add_option("count", boards.count, "How many boards")
             ->required()
             ->check(CLI::Range(1, vboard::site::kMaxBoards));
-        start->add_flag("--no-wait{false}", boards.wait, "Return once the programs are started");
+        start->add_flag("--no-wait", boards.noWait, "Return when the programs run");
         start->add_option("--timeout", boards.timeout, "Seconds")->capture_default_str();
         AddRunOptions(start);
-        Add(group, "status", "The site and its boards", [this](const StateDir& where) {
+        Add(group, "status", "Show the site and its boards", [this](const StateDir& where) {
             vboard::site::ShowSite(where, asJson);
         })->add_flag("--json", asJson, "For programs");
         Add(group, "exec", "Run a command on the laptop",
@@ -272,6 +274,7 @@ struct Cli {
             [](const StateDir& where) { vboard::site::StopSite(where); });
     }
 
+    // The boards' runners get the options as they were given here.
     void StartBoards(const StateDir& where) {
         const CLI::App* const start = app.get_subcommand("site")->get_subcommand("start");
         for (const CLI::Option* const option : start->get_options()) {
@@ -296,7 +299,7 @@ struct Cli {
         std::istringstream words(sequence.empty() ? std::to_string(hold) : sequence);
         const std::vector<double> seconds{std::istream_iterator<double>(words), {}};
         if (!words.eof() || seconds.empty() || seconds[0] <= 0) {
-            throw std::runtime_error("say how long: --hold SECONDS or --sequence '3 0.5 9.5'");
+            throw std::runtime_error("specify how long: --hold SECONDS or --sequence '3 0.5 9.5'");
         }
         vboard::Press(where, seconds);
     }
@@ -316,7 +319,7 @@ int main(int argc, char** argv) {
     if (argc == 2 && std::strcmp(argv[1], "__init") == 0) {
         return vboard::InitMain();
     }
-    // Descriptors below 3 must not be taken by what is opened later.
+    // Occupies descriptors 0 to 2, so that no file opened later gets one of them.
     int fd = open("/dev/null", O_RDWR);
     while (fd >= 0 && fd <= STDERR_FILENO) {
         fd = open("/dev/null", O_RDWR);

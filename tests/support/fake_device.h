@@ -1,5 +1,5 @@
-// A scripted stand-in for a camera in recovery mode, on loopback: speaks the command protocol over
-// TCP well or badly as told.
+// A scripted stand-in for a camera in recovery mode, on loopback. It speaks the command protocol
+// over TCP, correctly or not, as told.
 #pragma once
 
 #include <atomic>
@@ -18,29 +18,29 @@ enum class Verdict { kAnswer, kSilent, kClose };
 struct Script {
     std::string ic = "PRT7K";
     std::string sensor = "38QX";
-    size_t replyPiece = 0;   // send replies in pieces of this size, 0: whole
-    size_t readStep = 8192;  // bytes taken from the stream at once
+    size_t replyPiece = 0;   // send replies in pieces of this size; 0: whole
+    size_t readStep = 8192;  // bytes read from the stream at once
     milliseconds readPause{0};
-    std::optional<size_t> closeAfter;  // reset the connection after so many stream bytes
-    std::optional<size_t> stopAfter;   // read nothing more after so many stream bytes
-    std::optional<size_t> busyAfter;   // answer 0xFFFF to every read from so many stream bytes on
+    std::optional<size_t> closeAfter;  // reset the connection after this many stream bytes
+    std::optional<size_t> stopAfter;   // stop reading after this many stream bytes
+    std::optional<size_t> busyAfter;   // answer 0xFFFF to every read after this many bytes
     Verdict verdict = Verdict::kAnswer;
     uint16_t verdictStatus = 0;
-    // Changes the reply to a command before it is sent; an empty one is not sent at all.
+    // Changes the reply to a command before it is sent. An empty reply is not sent.
     std::function<Bytes(uint16_t command, Bytes reply)> edit;
-    // After acceptance the listener and all connections close; with a time, they come back then,
-    // as after a restart.
+    // Closes the listener and all connections after acceptance. With backAfter they come back after
+    // that time, as after a restart.
     bool leaves = false;
     std::optional<milliseconds> backAfter;
-    // So long after that its application opens AlivePort().
+    // The application opens AlivePort() this long after leaving.
     std::optional<milliseconds> aliveAfter;
-    // Behind the verdict it sends replies that say busy, for ever.
+    // After the verdict, sends replies that say busy, for ever.
     bool talks = false;
 };
 
 class Device {
   public:
-    // `port` 0: any free one.
+    // `port` 0: any free port.
     explicit Device(Script script, uint16_t port = 0, std::string address = "127.0.0.1");
     ~Device();
     Device(const Device&) = delete;
@@ -48,10 +48,10 @@ class Device {
 
     uint16_t Port() const { return port_; }
     uint16_t AlivePort() const { return alivePort_; }
-    // What came on the connection behind the upgrade request, and the request itself.
+    // The bytes on the connection after the upgrade request, and the request itself.
     Bytes Stream() { return Copy(stream_); }
     std::string UpgradeRequest() { return Copy(request_); }
-    // The sizes of the chunks in which the command protocol was read, the upgrade request's last.
+    // Sizes of the chunks read as commands; the upgrade request's is the last.
     std::vector<size_t> Chunks() { return Copy(chunks_); }
 
   private:

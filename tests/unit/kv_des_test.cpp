@@ -88,8 +88,8 @@ TEST(Des, NullPointersDoNothing) {
     EXPECT_EQ(block, before);
 }
 
-// Rivest's test: sixteen times alternately enciphered and deciphered under itself, after which any
-// wrong entry of a table has shown.
+// Rivest's test: encrypt and decrypt sixteen times in turn, each result being the next key. Any
+// wrong table entry shows.
 TEST(Des, SixteenRoundsUnderItself) {
     Block block = FromHex("9474B8E8C73BCA7D");
     for (int i = 0; i < 16; ++i) {

@@ -1,4 +1,4 @@
-// kvtool: the program itself, its exit codes and what stands on its standard output.
+// kvtool: the program itself, its exit codes and its standard output.
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -18,7 +18,7 @@ std::string Line(const Arguments& arguments) {
     return line;
 }
 
-// Runs the tool to its end; `output` takes what stands on its standard output.
+// Runs the tool to its end. `output` gets its standard output.
 int RunTool(const Arguments& arguments, std::string* output = nullptr) {
     const auto result = kv_test::Run(Line(arguments) + " 2>/dev/null");
     if (output != nullptr) {
@@ -27,7 +27,7 @@ int RunTool(const Arguments& arguments, std::string* output = nullptr) {
     return result.status;
 }
 
-// Runs the tool, does `then` once it has printed `text`, and gives its exit code.
+// Runs the tool, runs `then` once it has printed `text`, and returns its exit code.
 int RunTool(const Arguments& arguments, const std::string& text, const std::string& then) {
     return kv_test::Run("rm -f /tmp/tool.out; " + Line(arguments) +
                         " >/tmp/tool.out 2>/tmp/tool.err & tool=$!;"
@@ -97,10 +97,10 @@ TEST_F(KvtoolCli, PackKeepsItsInputsAndWritesToAPipe) {
     EXPECT_EQ(output, Read("good"));
 }
 
-TEST_F(KvtoolCli, PacksByRecipeAndTellsOfIt) {
+TEST_F(KvtoolCli, PacksByRecipeAndWritesAManifest) {
     WriteFile(Path("layout"), "# camera\nimage = app = app\nsize = app = 200000\nsensor = 39QX\n");
     std::string output;
-    // Paths of a recipe begin at its folder, whatever the present one is.
+    // Paths in a recipe are relative to its folder, not to the current one.
     EXPECT_EQ(RunTool({"pack", "-o", Path("again"), "--recipe", Path("layout"), "--sensor", "38QX",
                        "--manifest", Path("manifest")}),
               0);
@@ -128,7 +128,7 @@ TEST_F(KvtoolCli, PacksByRecipeAndTellsOfIt) {
         RunTool({"pack", "-o", Path("again"), "--manifest", Path("app"), "app=" + Path("app")}), 2);
 }
 
-TEST_F(KvtoolCli, ToolboxEndsAsDiffDoes) {
+TEST_F(KvtoolCli, ToolboxExitsLikeDiff) {
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("good")}), 0);
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("other")}), 1);
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("none")}), 2);
@@ -203,7 +203,7 @@ TEST_F(KvtoolCli, UnknownCommandsAreNamed) {
     }
 }
 
-// One object whatever happens, with what is known by then.
+// Always one object with all that is known so far.
 TEST_F(KvtoolCli, FailuresAreJsonToo) {
     struct Case {
         Arguments arguments;
@@ -277,7 +277,7 @@ TEST_F(KvtoolCli, InfoAndUpgrade) {
     EXPECT_EQ(std::string(stream.begin(), stream.end() - 37), Read("good"));
 }
 
-// The device's own identity decides, and --force does not touch it.
+// The device's own identity decides. --force does not override it.
 TEST_F(KvtoolCli, UpgradeComparesWithWhatTheDeviceSays) {
     fake::Script script;
     script.ic = "OTHER";

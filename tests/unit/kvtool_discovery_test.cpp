@@ -1,5 +1,5 @@
-// kvtool: what it makes of a discovery reply, and when it ends a search. Searches of a real device
-// are shown on a board.
+// kvtool: how it reads a discovery reply and when it ends a search. The system tests search for a
+// real device on a board.
 #include "tests/support/fake_device.h"
 #include "tools/device/discovery_client.h"
 #include "tools/device/follow.h"
@@ -35,7 +35,7 @@ TEST(KvtoolDiscover, ReadsEveryField) {
     EXPECT_EQ(reply.commandPort, 80);
     EXPECT_EQ(reply.rtspPort, 554);
     EXPECT_EQ(reply.httpPort, 80);
-    // What the device could not tell is no fault.
+    // Settings that the device could not read are no fault.
     const Bytes empty = ExpectedReply({});
     EXPECT_EQ(kvtool::ParseDiscoveryReply(empty.data(), empty.size(), &reply), "");
     EXPECT_EQ(reply.mac, "");
@@ -93,8 +93,8 @@ TEST(KvtoolDiscover, AHostsOwnAnswerEndsTheSearch) {
     }
 }
 
-// The reader is held up at the first answer, so that the others have to wait in the sockets: 500,
-// or on a host that grants sockets much, more than one of them takes.
+// The reader stops at the first answer, so the others wait in the sockets: 500, or, where a socket
+// is granted much, more than one takes.
 TEST(KvtoolDiscover, LosesNoneOfFiveHundredAnswersAtOnce) {
     const UniqueFd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     int room = 1 << 20;

@@ -35,7 +35,7 @@ void Command(const std::string& line) {
     EXPECT_EQ(kv_test::Run(line + " 2>&1").status, 0) << line;
 }
 
-// A PC and its neighbours on one link: they are all addresses of the PC's interface.
+// A PC and its neighbours on one link. All their addresses are on the PC's interface.
 class Link {
   public:
     Link() {
@@ -84,7 +84,7 @@ kvtool::UpgradeTimes ShortTimes() {
     return times;
 }
 
-// A byte pattern that repeats nowhere near a read or send size.
+// A byte pattern whose period matches no read or send size.
 Bytes Pattern(size_t size) {
     Bytes bytes(size);
     for (size_t i = 0; i < size; ++i) {
@@ -93,7 +93,7 @@ Bytes Pattern(size_t size) {
     return bytes;
 }
 
-// The exit code of `work`, kDone when it ends without a fault.
+// Returns the exit code of `work`; kDone if it does not throw.
 ExitCode CodeOf(const std::function<ExitCode()>& work) {
     try {
         return work();
@@ -102,11 +102,11 @@ ExitCode CodeOf(const std::function<ExitCode()>& work) {
     }
 }
 
-// Everything from connecting to the end of following.
+// Everything from connecting to the last observation.
 struct Journey {
     std::string host = "127.0.0.1";
     bool follow = true;
-    kvtool::FollowTarget target;  // endpoint and local end come from the session
+    kvtool::FollowTarget target;  // the session sets the endpoint and the local end
     std::function<void()> onAcceptance;
     kvtool::UpgradeTimes times = ShortTimes();
     kvtool::UpgradeRecord record;
@@ -128,7 +128,7 @@ struct Journey {
     }
 };
 
-// The exit code of everything from connecting to the verdict.
+// Returns the exit code of everything from connecting to the verdict.
 ExitCode Upgrade(const Device& device, const Bytes& package, kvtool::UpgradeRecord* record) {
     Journey run;
     run.follow = false;
@@ -137,7 +137,7 @@ ExitCode Upgrade(const Device& device, const Bytes& package, kvtool::UpgradeReco
     return code;
 }
 
-// Sizes around the device's reads and the first piece, and a prime.
+// Sizes near the device's reads and the first piece, and a prime.
 TEST(KvtoolUpgrade, SendsThePackageAndItsTrailerWhole) {
     for (const size_t size : {1U, 4095U, 4097U, 8123U, 1048573U}) {
         const Bytes package = Pattern(size);
@@ -145,12 +145,12 @@ TEST(KvtoolUpgrade, SendsThePackageAndItsTrailerWhole) {
         kvtool::UpgradeRecord record;
         ASSERT_EQ(Upgrade(device, package, &record), ExitCode::kDone) << size;
 
-        // In the session that the heartbeat told.
+        // The request names the session from the heartbeat's reply.
         std::string request =
             kv_test::Frame(0x2002, static_cast<uint32_t>(size) + 37, 1, 0, 0x5A000001);
         request[2] = request[3] = 1;
         EXPECT_EQ(device.UpgradeRequest(), request);
-        EXPECT_EQ(device.Chunks(), std::vector<size_t>(4, 32)) << "each request is a chunk alone";
+        EXPECT_EQ(device.Chunks(), std::vector<size_t>(4, 32)) << "each request is its own chunk";
 
         const Bytes stream = device.Stream();
         const std::string text(package.begin(), package.end());
@@ -180,7 +180,7 @@ TEST(KvtoolUpgrade, TellsFailuresOfTheTransferApart) {
         ExitCode code;
         size_t size = 2 << 20;
     };
-    // More than a sending socket ever holds (4 MiB), so that a refusal comes before the end.
+    // More than a sending socket can hold (4 MiB), so the refusal comes before the end.
     constexpr size_t kLarge = 8 << 20;
     const Case cases[] = {
         {"reset in front of everything", [](Script* s) { s->closeAfter = 0; }, ExitCode::kLost},
@@ -224,7 +224,8 @@ TEST(KvtoolUpgrade, TellsFailuresOfTheTransferApart) {
     }
 }
 
-// A small package is sent whole before a busy device reads any of it; a later acceptance counts.
+// The client sends a whole small package before a busy device reads any of it. A later acceptance
+// counts.
 TEST(KvtoolUpgrade, BusyThenAcceptedIsAccepted) {
     Script script;
     script.edit = [](uint16_t command, Bytes reply) {
@@ -252,8 +253,8 @@ TEST(KvtoolProtocol, DistrustsReplies) {
         {4, 0x0000, 6},      // another command's reply
         {6, 0x0006, 2},      // not supported
         {7, 0x0006, 0x10},   // another status
-        {12, 0x0006, 1},     // a payload that does not belong
-        {13, 0x2003, 0x02},  // more payload than there is
+        {12, 0x0006, 1},     // an unexpected payload
+        {13, 0x2003, 0x02},  // more payload than arrives
         {16, 0x2003, 2},     // count
         {35, 0x0101, 0},     // a zero in the serial number
     };
@@ -322,7 +323,7 @@ TEST(KvtoolFollow, TellsLeavingStayingAndComingBackApart) {
          "alive: port", ExitCode::kNotSeenAlive, "2"},
         {"comes back", [](Script* s) { s->backAfter = Millis(200); }, "session is a new one",
          ExitCode::kBackInRecovery},
-        // Away for less than the time between two looks: the new session gives it away.
+        // Away for less than the time between two checks: only the new session shows it.
         {"blinks", [](Script* s) { s->backAfter = Millis(0); }, "session is a new one",
          ExitCode::kBackInRecovery},
     };
@@ -337,11 +338,11 @@ TEST(KvtoolFollow, TellsLeavingStayingAndComingBackApart) {
         EXPECT_EQ(run.Of(device, Pattern(9000)), c.code) << c.what;
         EXPECT_NE(Observed(run.record).find(c.observed), std::string::npos) << c.what << ":\n"
                                                                             << Observed(run.record);
-        EXPECT_EQ(device.Stream().size(), 9037U) << "nothing is sent behind the trailer";
+        EXPECT_EQ(device.Stream().size(), 9037U) << "nothing is sent after the trailer";
     }
 }
 
-// A port that was open all the time is no sign of a new life.
+// A port that was always open does not show that the device is alive.
 TEST(KvtoolFollow, AnOpenPortCountsOnlyAfterItWasClosed) {
     const Device other(Script{});
     Script script;
@@ -361,7 +362,8 @@ TEST(KvtoolFollow, ConcludesNothingFromThisPcsOwnTrouble) {
         {"ip address flush dev pc0", "this PC cannot look: it has no way"},
         {"ip link set pc0 down", "pc0 is down"},
         {"ip link set wire down", "pc0 has no link"},
-        // A neighbour that refuses in the device's name; the address that led there is gone.
+        // A neighbour refuses connections to the device's address. This PC has lost the address it
+        // used.
         {"ip address delete 10.7.0.2/24 dev pc0; ip route add local 10.7.0.2 dev lo",
          "no longer has the address"},
     };
@@ -391,14 +393,14 @@ TEST(KvtoolFollow, FindsItUnderAnotherAddress) {
     run.times.ask = Millis(2000);
     run.target.discoveryPort = responder.Port();
     run.target.mac = kMac;
-    // The port is the one that its reply tells.
+    // The port comes from the reply.
     Device after(Script{}, 80, "10.7.0.3");
     EXPECT_EQ(run.Of(before, Pattern(100)), ExitCode::kBackInRecovery) << Observed(run.record);
     EXPECT_EQ(run.record.address, "10.7.0.3:80");
     EXPECT_NE(Observed(run.record).find("firmware is PRT7K"), std::string::npos);
 }
 
-// Somebody else has got the address meanwhile.
+// Another device has taken the address.
 TEST(KvtoolFollow, AnotherDeviceAtTheAddressIsNotTheDevice) {
     const Link link;
     const fake::Responder responder("10.7.0.2", 0, SearchReply("10.7.0.2", "02:00:5E:10:20:31"));

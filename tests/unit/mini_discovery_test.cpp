@@ -1,4 +1,4 @@
-// Runs in namespaces of its own: eth0 and wlan0 are veth interfaces, searches are real datagrams.
+// Runs in its own namespaces: eth0 and wlan0 are veth interfaces, searches are real datagrams.
 #include "mini/kv_mini_discovery.h"
 
 #include <atomic>
@@ -26,7 +26,7 @@ void AddInterface(const std::string& name, const std::string& mac, const std::st
     }
 }
 
-// The responder's lines of a log as "LEVEL function|message".
+// The responder's log lines as "LEVEL function|message".
 Lines Traces(const std::string& log) {
     static const std::regex kLine(
         "\\] *\\d+ +(\\w+) kv_mini_discovery:(\\w+):\\d+ \x1b\\[m([^\n]*)\n");
@@ -77,7 +77,7 @@ TEST_F(Discovery, ReplyCarriesTheSettingsOfWlan0WhenEth0HasNoUsableAddress) {
         EXPECT_EQ(Filled(), ExpectedReply(wlan)) << address;
         Ip("link del wlan0");
         if (exists) {
-            // The address that is of no use does not stay when wlan0 has none either.
+            // The unusable address is cleared even if wlan0 has none either.
             EXPECT_EQ(Filled(), ExpectedReply({})) << address;
             Ip("link del eth0");
         }
@@ -157,7 +157,7 @@ TEST_F(Discovery, AnswersNothingButASearch) {
         {
             const Capture capture(STDERR_FILENO);
             client.Send(c.request);
-            // Datagrams are taken in order: the answer to this one shows that the other is done.
+            // Datagrams are handled in order: the answer to this one shows that the other is done.
             client.Send(Search(13));
             reply = client.Receive();
             log = capture.Text();
@@ -181,7 +181,7 @@ TEST_F(Discovery, TextsOfARequestAreBoundedAndShownWithoutControlBytes) {
         std::string mac;
     } kCases[] = {
         {65507, std::string(16, 'T'), std::string(18, 'T')},
-        {13, "", ""},  // nothing of the datagram before it
+        {13, "", ""},  // nothing from the previous datagram
         {17, "T", ""},
         {32, std::string(16, 'T'), ""},
         {40, std::string(16, 'T'), std::string(8, 'T')},
@@ -207,7 +207,7 @@ TEST_F(Discovery, TextsOfARequestAreBoundedAndShownWithoutControlBytes) {
 }
 
 TEST_F(Discovery, AFloodIsAnsweredToEachSender) {
-    constexpr size_t kEach = 16;  // of 8 senders: together below what the socket's buffer holds
+    constexpr size_t kEach = 16;  // times 8 senders: fits the socket's buffer
     ASSERT_EQ(KV_MINI_DiscoverInit(), 0);
     std::vector<Client> clients;
     for (int i = 1; i <= 8; ++i) {

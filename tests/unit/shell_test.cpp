@@ -16,7 +16,7 @@ uint64_t StatusMask(const std::string& status, const std::string& name) {
     return std::stoull(status.substr(status.find(name) + name.size()), nullptr, 16);
 }
 
-// Spawns that fail before one goes through, and how.
+// Number of spawns that fail before one succeeds, and their error.
 std::atomic<int> g_failures{0};
 int g_error;
 
@@ -36,7 +36,7 @@ int __wrap_posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_acti
 }
 
 // A kernel that cannot close a child's descriptors still runs the command.
-TEST(Shell, RunsWithoutClosingAndTellsWhatNoChildMeans) {
+TEST(Shell, RunsWithoutClosingAndTellsSpawnErrorsApart) {
     const struct {
         int failures;
         int error;
@@ -92,7 +92,7 @@ TEST(Shell, ChildStartsWithDefaultSignalsAndAnEmptyMask) {
         text = out.Text();
     }
     (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    // Signals 32 and 33 belong to the C library, which hands them on ignored.
+    // Signals 32 and 33 belong to the C library, which leaves them ignored in a child.
     EXPECT_EQ(StatusMask(text, "SigBlk:"), 0U);
     EXPECT_EQ(StatusMask(text, "SigIgn:") & ~0x180000000ULL, 0U);
     EXPECT_EQ(StatusMask(text, "SigCgt:"), 0U);
@@ -107,7 +107,7 @@ TEST(Shell, ChildInheritsNoOtherDescriptor) {
     (void)close(open);
 }
 
-TEST(Shell, EchoStandsInFrontOfTheOutputAndIsCutAt255Characters) {
+TEST(Shell, EchoPrecedesTheOutputAndIsCutAt255Characters) {
     std::string text;
     {
         const Capture out(1);
