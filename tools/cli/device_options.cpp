@@ -128,9 +128,9 @@ void AddDiscover(CLI::App* root, Chosen* chosen) {
         ->type_name("HOST");
     app->add_option("--interface", request.interfaces, "Broadcast here only")
         ->allow_extra_args(false);
-    app->add_option("--match", discover->match,
-                    "List only devices whose field fits the pattern: " + MatchFields())
-        ->type_name("FIELD=GLOB")
+    app->add_option(
+           "--match", discover->match,
+           "List only devices that fit FIELD=GLOB, a shell pattern for one of " + MatchFields())
         ->allow_extra_args(false);
     app->add_option("--port", request.port, "UDP port")
         ->capture_default_str()
