@@ -84,7 +84,8 @@ class Device {
     std::thread thread_;
 };
 
-// Answers every search with the same datagrams, from one address of this host.
+// Answers every search with the same datagrams: the first from an address of this host, the next
+// from the address after it, and so on.
 class Responder {
   public:
     Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies);
@@ -96,7 +97,10 @@ class Responder {
     uint16_t Port() const { return port_; }
 
   private:
+    void Send(const Bytes& reply, sockaddr_in to, uint32_t number);
+
     std::vector<Bytes> replies_;
+    in_addr first_{};
     UniqueFd in_;
     UniqueFd out_;
     UniqueFd stop_;
