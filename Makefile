@@ -62,7 +62,7 @@ board-shell: build ## Open the console of such a board
 test: tests-build ## Run all unit and system tests
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS)
 
-test-ansible: build ## Run the Ansible collection against a site of six virtual boards (about two minutes)
+test-ansible: build ## Run the Ansible collection against a site of six virtual boards (under three minutes)
 	@scripts/setup.sh vboard scripts ansible
 	@tests/ansible/site_test.py
 

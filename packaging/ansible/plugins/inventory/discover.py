@@ -42,6 +42,11 @@ options:
     type: list
     elements: str
     default: []
+  match:
+    description: Take only the devices that fit these patterns, each as C(kvtool discover --match) takes it.
+    type: list
+    elements: str
+    default: []
   timeout:
     description: Seconds to listen for answers.
     type: float
@@ -59,9 +64,10 @@ keyed_groups:
   - key: kvtool_version
     prefix: version
 ---
-# only one interface; a group of one model
+# only one interface, only one series of MAC addresses; a group of one model
 plugin: upgrademain.kvtool.discover
 interfaces: [wlan0]
+match: ["mac=02:76:62:*"]
 groups:
   model_38qx: "'_38QX_' in kvtool_firmware"
 """
@@ -107,6 +113,8 @@ class InventoryModule(BaseInventoryPlugin, Constructable):
                      str(self.get_option("repeat"))]
         for interface in self.get_option("interfaces"):
             arguments += ["--interface", interface]
+        for pattern in self.get_option("match"):
+            arguments += ["--match", pattern]
         try:
             outcome = run_kvtool(self.get_option("executable"), arguments + ([host] if host else []))
         except KvtoolError as error:
