@@ -18,8 +18,9 @@ enum class Verdict { kAnswer, kSilent, kClose };
 struct Script {
     std::string ic = "PRT7K";
     std::string sensor = "38QX";
-    size_t replyPiece = 0;   // send replies in pieces of this size, 0: whole
-    size_t readStep = 8192;  // bytes of the stream to read at once
+    milliseconds commandPause{0};  // wait before reading a command
+    size_t replyPiece = 0;         // send replies in pieces of this size, 0: whole
+    size_t readStep = 8192;        // bytes of the stream to read at once
     milliseconds readPause{0};
     std::optional<size_t> closeAfter;  // reset the connection after so many stream bytes
     std::optional<size_t> stopAfter;   // read nothing more after so many stream bytes
@@ -83,7 +84,8 @@ class Device {
     std::thread thread_;
 };
 
-// Answers every search with the same datagrams, from one address of this host.
+// Answers every search with the same datagrams: the first from an address of this host, the next
+// from the address after it, and so on.
 class Responder {
   public:
     Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies);
@@ -95,7 +97,10 @@ class Responder {
     uint16_t Port() const { return port_; }
 
   private:
+    void Send(const Bytes& reply, sockaddr_in to, uint32_t number);
+
     std::vector<Bytes> replies_;
+    in_addr first_{};
     UniqueFd in_;
     UniqueFd out_;
     UniqueFd stop_;

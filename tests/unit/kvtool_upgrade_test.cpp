@@ -167,13 +167,16 @@ ExitCode Upgrade(const Device& device, const Bytes& package, kvtool::UpgradeReco
 TEST(KvtoolUpgrade, SendsThePackageAndItsTrailerWhole) {
     for (const size_t size : {1U, 4095U, 4097U, 8123U, 1048573U}) {
         const Bytes package = Pattern(size);
-        Device device(Script{});
         kvtool::UpgradeRecord record;
         kvtool::UpgradeTimes times = TestTimes();
+        Script script;
         const bool watchesChunks = size == 8123;
         if (watchesChunks) {
-            times.headerGap = times.firstLook = Millis(2000);  // longer than the device may stall
+            // A slow device, but not as slow as the gap is long.
+            script.commandPause = Millis(50);
+            times.headerGap = times.firstLook = Millis(2000);
         }
+        Device device(script);
         ASSERT_EQ(Upgrade(device, package, &record, times), ExitCode::kDone) << size;
 
         // It carries the session from the heartbeat.
