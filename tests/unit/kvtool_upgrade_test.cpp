@@ -88,8 +88,8 @@ std::string Observed(const kvtool::UpgradeRecord& record) {
     return all;
 }
 
-// A limit that a case must not reach is long, so that a stall of the machine does not break it. A
-// case that must reach one shortens that one.
+// Limits are long, because a slow machine must not make a case reach one by accident. A case that
+// must reach a limit shortens that limit.
 constexpr Millis kLong{20000};
 constexpr Millis kShort{200};
 
