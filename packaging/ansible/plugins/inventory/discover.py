@@ -7,14 +7,14 @@ short_description: Cameras that answer a search of kvtool
 version_added: 0.1.0
 author: upgradeMain maintainers
 description:
-  - Searches the controller's networks for cameras, with C(kvtool discover). Cameras in recovery mode answer. So do
-    those whose application answers searches.
-  - A host is called by its MAC address, with hyphens, because a colon has a meaning in patterns of hosts.
+  - Searches the controller's networks for cameras, with C(kvtool discover). Cameras in recovery mode answer. Other
+    cameras answer if their application does.
+  - A host's name is its MAC address with hyphens, because a colon has a meaning in patterns of hosts.
   - Everything runs on the controller. The plugin sets C(ansible_connection=local) for each host, since cameras have no
     SSH.
   - Each host gets the keys of a device in kvtool's JSON as variables, with the prefix C(kvtool_), and C(ansible_host).
     C(kvtool_version) is what follows the last C(_V) of C(kvtool_firmware).
-  - A MAC address that two devices name makes no host. The plugin warns of it.
+  - If two devices name the same MAC address, the plugin leaves both out and prints a warning.
 requirements:
   - kvtool on the controller
 extends_documentation_fragment:
@@ -25,7 +25,7 @@ options:
     required: true
     choices: [upgrademain.kvtool.discover]
   executable:
-    description: The program. A name is looked for in C(PATH).
+    description: The kvtool program. A name without a folder is looked for in C(PATH).
     default: kvtool
     env:
       - name: KVTOOL
@@ -33,7 +33,7 @@ options:
     description: The group of all cameras found.
     default: cameras
   hosts:
-    description: Addresses to search one by one, for networks that broadcasts do not reach. Without any, broadcast.
+    description: Addresses to search one by one, for networks that broadcasts do not reach. By default, broadcast.
     type: list
     elements: str
     default: []
