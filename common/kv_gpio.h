@@ -8,5 +8,5 @@ int KV_GPIO_GetValue(int gpio, int* value);
 
 // Opens the line's value file with `flags` and O_NONBLOCK, for callers that poll it. The
 // descriptor, close-on-exec and the caller's to close, or the negative result of open, reported
-// with perror.
+// with perror. Nothing in this program calls it.
 int KV_GPIO_FdOpen(int gpio, int flags);

@@ -1,7 +1,10 @@
 // Debugging console: serves commands that a developer types on the device's shell, over the
-// platform's command link
-// ("/tmp/bin/cmd_link_snd" in, "/tmp/bin/cmd_link_ack" out). Start-up does not start it: whoever
-// wants it calls KV_Console_Init, on a device with a debugger. It reports on standard output.
+// platform's command link ("/tmp/bin/cmd_link_snd" in, "/tmp/bin/cmd_link_ack" out). Nothing in
+// this program calls KV_Console_Init or KV_Console_DeInit: who wants the console calls them with a
+// debugger. It reports on standard output.
+//
+// A message whose argument count is negative or above 8, or whose arguments do not end inside it,
+// runs no command and is answered with "reply:\n" alone.
 #pragma once
 
 // Opens the pipes, makes a link to the platform's client for each command and starts the console

@@ -57,7 +57,7 @@ int KV_Trace(uint32_t level, const char* colour, const char* word, const char* f
 // Writes the last three lines, oldest first, to "etc/configs/assert.txt" and
 // "etc/configs/assert.ftp" below the working directory; nothing when either cannot be created. The
 // arguments mirror KV_Trace and are not used. Takes no lock: for the way into an abort, on the
-// thread that aborts.
+// thread that aborts. Nothing in this program calls it: KV_AssertFail dumps by itself.
 void KV_TraceDump(const char* file, int line, const char* function, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 

@@ -11,8 +11,29 @@ namespace kv {
 constexpr char kIcType[] = "PRT7K";
 constexpr char kSensorType[] = "38QX";
 constexpr char kModelCode[] = "ZH8C4";
-// "%s_%s_%s_V%s": the two types above, the customer's code, the firmware's version.
-constexpr char kDeviceName[] = "PRT7K_38QX_QJT_V1.0.0.241127_R1";
+constexpr char kCustomerCode[] = "QJT";
+constexpr char kFirmwareVersion[] = "1.0.0.241127_R1";
+
+// "%s_%s_%s_V%s": the two types, the customer's code, the firmware's version.
+struct DeviceName {
+    // In place of its zero each of the first three has the "_" that follows it.
+    char text[sizeof(kIcType) + sizeof(kSensorType) + sizeof(kCustomerCode) + 1 +
+              sizeof(kFirmwareVersion)];
+};
+constexpr DeviceName JoinDeviceName() {
+    const char* const parts[] = {kIcType,       "_",  kSensorType,     "_",
+                                 kCustomerCode, "_V", kFirmwareVersion};
+    DeviceName name{};
+    size_t length = 0;
+    for (const char* part : parts) {
+        for (; *part != '\0'; ++part) {
+            name.text[length++] = *part;
+        }
+    }
+    return name;
+}
+inline constexpr DeviceName kJoinedDeviceName = JoinDeviceName();
+inline constexpr const auto& kDeviceName = kJoinedDeviceName.text;
 
 // The camera application and the supervisor's own process name.
 constexpr char kAppName[] = "cameraMain";

@@ -7,13 +7,17 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
+
+#include "common/kv_time.h"
 
 extern char** environ;
 
 namespace {
 
 constexpr int kShellNotFound = 127 << 8;
+constexpr int kPollMs = 20;
 
 // posix_spawn keeps the cost of a vfork and takes its traps away: no handler of ours can run in the
 // child, and a failed exec cannot return into our code.
@@ -52,9 +56,34 @@ bool IsShortage(int error) {
     return error == EAGAIN || error == ENOMEM;
 }
 
+// False, with errno, when the child cannot be waited for or has not ended in time.
+bool AwaitChild(pid_t pid, int timeoutMs, int* status) {
+    const int64_t start = kv::MonotonicMilliseconds();
+    for (;;) {
+        const pid_t result = waitpid(pid, status, timeoutMs < 0 ? 0 : WNOHANG);
+        if (result > 0) {
+            return true;
+        }
+        if (result < 0 && errno != EINTR) {
+            return false;
+        }
+        if (timeoutMs >= 0) {
+            if (kv::MonotonicMilliseconds() - start >= timeoutMs) {
+                errno = ETIMEDOUT;
+                return false;
+            }
+            kv::SleepMilliseconds(kPollMs);
+        }
+    }
+}
+
 }  // namespace
 
 int KV_ShellRun(const char* command, int* status) {
+    return KV_ShellRunFor(command, -1, status);
+}
+
+int KV_ShellRunFor(const char* command, int timeoutMs, int* status) {
     pid_t pid = -1;
     // What the program opens is close-on-exec; a library's raw socket need not be. An older kernel
     // cannot close it without /proc: better a command with one descriptor more than none.
@@ -67,14 +96,8 @@ int KV_ShellRun(const char* command, int* status) {
         return 1;
     }
     int waited = kShellNotFound;
-    if (error == 0) {
-        pid_t result = -1;
-        do {
-            result = waitpid(pid, &waited, 0);
-        } while (result < 0 && errno == EINTR);
-        if (result < 0) {
-            return -1;
-        }
+    if (error == 0 && !AwaitChild(pid, timeoutMs, &waited)) {
+        return -1;
     }
     if (status != nullptr) {
         *status = waited;

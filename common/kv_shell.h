@@ -11,7 +11,11 @@
 // when waiting failed.
 int KV_ShellRun(const char* command, int* status);
 
-// The same with the supervisor's echo in front: "# <command>\r\n" on standard output. For commands
+// The same, but waits `timeoutMs` milliseconds at most (negative: without limit). A command that
+// takes longer gives -1 with errno ETIMEDOUT; it goes on, and nobody waits for it any more.
+int KV_ShellRunFor(const char* command, int timeoutMs, int* status);
+
+// The first with the supervisor's echo in front: "# <command>\r\n" on standard output. For commands
 // whose outcome nobody acts upon.
 void KV_ShellEcho(const char* command);
 

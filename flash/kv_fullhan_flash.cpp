@@ -20,7 +20,20 @@ namespace {
 // The name under which the procedure and its helpers report.
 constexpr char kProc[] = "KV_UPGRADE_Proc";
 
+// How long the reboot command may take before the watchdog is starved all the same.
+constexpr int kRebootMs = 10000;
+
 std::atomic<uint8_t> g_upgrading = {0};
+
+// KV_UPGRADE_SystemCmd with a limit to the wait; negative is none.
+int Execute(const char* cmd, int timeoutMs) {
+    int status = 0;
+    const int result = KV_ShellRunFor(cmd, timeoutMs, &status);
+    if (result == 1) {
+        KV_ERROR_IN(kProc, "vfork process failed!!!");
+    }
+    return result == 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : -1;
+}
 
 bool IsBootRow(const kv::PartitionRow& row) {
     return strcmp(row.device, kv::kBootDevices[0]) == 0;
@@ -99,6 +112,10 @@ void WritePackage() {
 
 void KV_UPGRADE_Proc(int signal) {
     (void)signal;
+    // A reset is due within seconds: nothing may be erased before it.
+    if (KV_FH_WDT_IsStarving() != 0) {
+        return;
+    }
     g_upgrading.store(1);
     KV_UPGRADE_PartitionInfo();
     kv::SleepMilliseconds(1000);
@@ -106,7 +123,10 @@ void KV_UPGRADE_Proc(int signal) {
     (void)KV_UPGRADE_SystemCmd("sync");
     (void)KV_UPGRADE_SystemCmd("echo 1 > /proc/sys/vm/drop_caches");
     kv::SleepMilliseconds(1000);
-    WritePackage();
+    // The monitor may have begun its reboot at the very moment this procedure began.
+    if (KV_FH_WDT_IsStarving() == 0) {
+        WritePackage();
+    }
     KV_UPGRADE_Reboot();
 }
 
@@ -119,12 +139,7 @@ int KV_UPGRADE_SystemCmd(const char* cmd) {
         KV_ERROR_IN(kProc, "the cmd is NULL!!!");
         return -1;
     }
-    int status = 0;
-    const int result = KV_ShellRun(cmd, &status);
-    if (result == 1) {
-        KV_ERROR_IN(kProc, "vfork process failed!!!");
-    }
-    return result == 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : -1;
+    return Execute(cmd, -1);
 }
 
 void KV_UPGRADE_PartitionInfo(void) {
@@ -144,7 +159,8 @@ void KV_UPGRADE_KillallApp(void) {
 }
 
 void KV_UPGRADE_Reboot(void) {
-    if (KV_UPGRADE_SystemCmd("reboot -f") != 0) {
+    // A reboot that hangs is left running: it may still get there before the watchdog does.
+    if (Execute("reboot -f", kRebootMs) != 0) {
         KV_ERROR("do reboot failed!!!");
     }
     (void)KV_FH_WDT_Reboot();

@@ -14,8 +14,8 @@
 constexpr uint32_t kUnknownPartitionSize = 0xFFFFFFFF;
 
 // The whole procedure, started by SIGUSR2 on a thread of its own; the argument is not used. Blocks
-// for 2 s of pauses and the erase and program times of all images; returns after the reboot was
-// requested.
+// for 2 s of pauses, the erase and program times of all images and KV_UPGRADE_Reboot. Does nothing
+// when the watchdog is already starved for a reboot: a reset would meet the flash half erased.
 void KV_UPGRADE_Proc(int signal);
 
 // 1 from the first step of KV_UPGRADE_Proc on, else 0. Does not block.
@@ -46,5 +46,6 @@ int KV_UPGRADE_EraseUbootPartition(void);
 int KV_UPGRADE_WritePartition(FILE* pkg, uint32_t dataLen, const char* mtd);
 int KV_UPGRADE_WriteUbootPartition(FILE* pkg, uint32_t dataLen);
 
-// Runs "reboot -f" and stops feeding the watchdog, so that a hung reboot still resets the device.
+// Runs "reboot -f" and waits up to 10 s for it, then stops feeding the watchdog, so that a reboot
+// that failed or hangs still ends in a reset. Returns when nothing feeds it any more.
 void KV_UPGRADE_Reboot(void);

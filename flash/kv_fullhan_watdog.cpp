@@ -30,12 +30,16 @@ struct KeeperState {
     std::atomic<uint8_t> inited;
     pthread_t thread;
     std::atomic<int> fd;
+    // Takes the place of `fd` when the device is closed. Opened beforehand: a stop must find one
+    // when there are no descriptors left, too.
+    int placeholder;
     // Written to end the feeder's wait before its second is over.
     int wakeFd;
 };
 
-KeeperState g_keeper = {{0}, static_cast<pthread_t>(-1), {-1}, -1};
+KeeperState g_keeper = {{0}, static_cast<pthread_t>(-1), {-1}, -1, -1};
 std::atomic<int> g_running = {0};
+std::atomic<int> g_starving = {0};
 // Guards writes of g_running.
 pthread_mutex_t g_keeperLock = PTHREAD_MUTEX_INITIALIZER;
 
@@ -86,6 +90,7 @@ int KV_FH_WDT_Start(void) {
     (void)ioctl(fd, WDIOC_GETTIMEOUT, &timeout);
     KV_DEBUG_AT(127, "Watchdog Timeout:%d", timeout);
     g_keeper.fd.store(fd);
+    g_keeper.placeholder = open("/", O_PATH | O_CLOEXEC);
     g_keeper.wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     (void)SetRunning(1);
     const int error = KV_ThreadStart(&g_keeper.thread, kSmallStack, __KV_FH_WDT_Proc, &g_keeper);
@@ -103,11 +108,13 @@ int KV_FH_WDT_Stop(void) {
         return 0;
     }
     // Kept: the number stays in the record and a second stop disarms and closes it again, because
-    // the keeper is armed once a process and its log must not tell the two stops apart.
+    // the keeper is armed once a process and its log must not tell the two stops apart. It stays
+    // taken, so that this never meets another file: a placeholder refuses requests with EBADF, as a
+    // closed number does, and dup3 closes what was there in the same step.
     const int fd = g_keeper.fd.load();
     int option = WDIOS_DISABLECARD;
     (void)ioctl(fd, WDIOC_SETOPTIONS, &option);
-    (void)close(fd);
+    (void)dup3(g_keeper.placeholder, fd, O_CLOEXEC);
     if (SetRunning(0) != 0) {
         // The feeder ends when its second is over: a stop is not in a hurry, and those who send a
         // second signal to a process that ends find it there.
@@ -124,6 +131,7 @@ int KV_FH_WDT_Reboot(void) {
         // Kept: the lock stays held, because after a reboot request nothing of the keeper may run.
         return 0;
     }
+    g_starving.store(1);
     g_running.store(0);
     (void)pthread_mutex_unlock(&g_keeperLock);
     const uint64_t one = 1;
@@ -131,6 +139,10 @@ int KV_FH_WDT_Reboot(void) {
     (void)pthread_join(g_keeper.thread, nullptr);
     KV_DEBUG_AT(105, "Wait for the watchdog to restart!");
     return 0;
+}
+
+int KV_FH_WDT_IsStarving(void) {
+    return g_starving.load();
 }
 
 int KV_FH_WDT_ConsoleCmd(int argc, const char* command, char* const* argv, char* reply) {

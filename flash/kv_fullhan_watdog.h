@@ -9,7 +9,8 @@
 int KV_FH_WDT_Start(void);
 
 // Disarms the device, closes it and ends the feeder. Any thread; blocks until the feeder has ended,
-// at the latest one feed and one second later. Always 0. A later KV_FH_WDT_Start is refused.
+// at the latest one feed and one second later. Always 0. A later KV_FH_WDT_Start is refused, a
+// second stop does nothing but trace.
 int KV_FH_WDT_Stop(void);
 
 // Ends the feeder at once and leaves the device armed, so the hardware resets the board within the
@@ -17,6 +18,10 @@ int KV_FH_WDT_Stop(void);
 // 0. When the feeder does not run, the keeper's lock stays held and a later stop blocks: call it
 // only on the way into a reboot.
 int KV_FH_WDT_Reboot(void);
+
+// 1 once KV_FH_WDT_Reboot has stopped the feeder: the hardware is about to reset the device. Any
+// thread; does not block.
+int KV_FH_WDT_IsStarving(void);
 
 // Console handler of "kv-watdog": the first argument is "Stop", "Start" or "Reboot"; any other
 // word, or none, does nothing. Writes its answer at `reply` (room for 32 bytes). Console thread;

@@ -3,9 +3,9 @@
 // thread; neither call blocks.
 #pragma once
 
-// Starts watching the button; does nothing while it is watched. Each success makes the whole
-// process ignore SIGPIPE. 0, or -1 printed when no thread can be created (later calls then return 0
-// without trying again).
+// Starts watching the button; does nothing while it is watched. Each success sets the process to
+// ignore SIGPIPE, as start-up has done already. 0, or -1 printed when no thread can be created
+// (later calls then return 0 without trying again).
 int HardwareResetStart(void);
 
 // Asks the thread to end; it does so within one second, by itself. A start within that second

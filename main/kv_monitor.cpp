@@ -63,28 +63,48 @@ MonitorDecision DecideOnSilence(MonitoredProcess* process, const MonitorInput& i
     return decision;
 }
 
+// Whether the flash writer leaves the device to the monitor. Asked in front of each step that it
+// must not meet, as it may start while the step before runs: a reset in the middle of an erase
+// leaves the device without firmware, and whatever runs beside the writer takes its memory.
+bool MayAct() {
+    return KV_UPGRADE_IsUpgrading() == 0;
+}
+
 void RestartApplication() {
     KV_ShellEcho("killall -9 wpa_supplicant");
     KV_ShellEcho("sync");
     // Kept: 3 here, where the factory reset writes 1; a restart wants the most memory back.
     KV_ShellEcho("echo 3 > /proc/sys/vm/drop_caches");
     KV_ShellEcho("sleep 3");
-    // The writer may have begun during these seconds, and has killed what it must not run beside.
-    if (KV_UPGRADE_IsUpgrading() == 0) {
+    // The writer killed the application on purpose.
+    if (MayAct()) {
         KV_ShellEcho("startapp.sh");
     }
 }
 
 void RebootDevice() {
-    KV_ShellEchoFormat("touch %s", kv::kRebootMarker);
-    (void)KV_FH_WDT_Reboot();
-    KV_ShellEcho("reboot -f");
-    (void)sleep(10);
+    if (MayAct()) {
+        KV_ShellEchoFormat("touch %s", kv::kRebootMarker);
+    }
+    // A writer that started meanwhile keeps the marker. Its partition may be the one being erased,
+    // and all that the marker costs is a forced reboot: the next boot enters recovery without one
+    // when the new firmware stays silent, and a heartbeat removes it.
+    if (MayAct()) {
+        (void)KV_FH_WDT_Reboot();
+    }
+    if (MayAct()) {
+        KV_ShellEcho("reboot -f");
+        (void)sleep(10);
+    }
 }
 
 void EnterRecovery() {
-    KV_ShellEchoFormat("rm %s", kv::kRebootMarker);
-    KV_RECOVERY_Start();
+    if (MayAct()) {
+        KV_ShellEchoFormat("rm %s", kv::kRebootMarker);
+    }
+    if (MayAct()) {
+        KV_RECOVERY_Start();
+    }
 }
 
 void Act(const MonitoredProcess& process, const MonitorDecision& decision, const char* function) {

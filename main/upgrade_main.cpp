@@ -4,10 +4,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "common/kv_mini_trace.h"
 #include "common/kv_platform.h"
@@ -92,6 +94,10 @@ void PrepareLoop(hloop_t* loop) {
     if (heartbeat != nullptr) {
         hio_setcb_read(heartbeat, __KV_cameraMainHeartbeatRead);
         (void)hio_read(heartbeat);
+    } else {
+        // What follows looks like an application that is silent for good.
+        KV_ERROR("no heartbeats can be received, udp %s:%d: %s", kv::kHeartbeatHost,
+                 kv::kHeartbeatPort, strerror(errno));
     }
     (void)htimer_add(loop, __KV_cameraMainCheckTimer, kCheckPeriodMs, INFINITE);
 }

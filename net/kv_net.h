@@ -7,6 +7,10 @@
 // as it was. None blocks longer than the system call takes, but KV_NET_CheckInternet. Nothing is
 // tried twice.
 //
+// Nothing in this program calls KV_NET_GetBrocastAddr, KV_NET_GetPptpAddr,
+// KV_NET_DetectRoutingAddr, KV_NET_GetDNS_ex, KV_NET_SetDNS, KV_NET_SetDNS_ex or
+// KV_NET_CheckInternet.
+//
 // They are a developer's helpers and report on standard output, not through the trace log: "socket
 // error" when no socket can be had, "<function>: ioctl <request> failed" when the kernel refuses.
 //

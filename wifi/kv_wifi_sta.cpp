@@ -43,15 +43,19 @@ constexpr char kEndDhcp[] = "killall -9 udhcpc";
 
 // The station, of which there is one.
 struct KV_WIFI_STA_CTX {
-    pthread_mutex_t control;  // held through a whole start or stop, joining included
-    std::atomic<uint8_t>
-        running;          // cleared by a stop only: 1 means that the thread is to be joined
-    pthread_t thread;     // under control
-    uint8_t guardEnable;  // written while no thread runs
+    // Held through a whole start or stop, joining included.
+    pthread_mutex_t control;
+    // Cleared by a stop only: 1 means that the thread is to be joined.
+    std::atomic<uint8_t> running;
+    // Under control.
+    pthread_t thread;
+    // Written while no thread runs.
+    uint8_t guardEnable;
     std::atomic<int32_t> publicState;
-    std::atomic<bool> leasing;  // the DHCP client runs, or is about to
-    pthread_mutex_t
-        paramLock;  // for single copies in and out of param, never while anything blocks
+    // The DHCP client runs, or is about to.
+    std::atomic<bool> leasing;
+    // For single copies in and out of param, never while anything blocks.
+    pthread_mutex_t paramLock;
     KV_WIFI_STA_PARAM param;
 };
 KV_WIFI_STA_CTX g_station = {PTHREAD_MUTEX_INITIALIZER, {0}, {}, 0, {kPublicConnecting}, {false},
@@ -75,7 +79,7 @@ KV_WIFI_STA_PARAM Param() {
     return g_station.param;
 }
 
-// Commands are not begun once the station is to stop, so that a stop waits for one of them at most.
+// No new command starts after a stop request, so that a stop waits for one of them at most.
 void RunCommand(const StaThread& sta) {
     if (IsRunning()) {
         KV_ShellEcho(sta.command);

@@ -30,20 +30,22 @@ int KV_WIFI_StaConnect(const KV_WIFI_STA_PARAM* param);
 // Returns what KV_WIFI_StaConnect returns, and blocks like it. Any thread but the station's.
 int __KV_WIFI_StaSupplicant();
 
-// Stops the station and waits for its thread; nothing is touched afterwards. Returns 0, or -1,
+// Stops the station and waits for its thread; nothing is touched afterwards, and nothing is undone:
+// the supplicant goes on, and a stop between the connect sequence's "ifconfig wlan0 down" and "up"
+// leaves the interface down. Returns 0, or -1,
 // traced, when none runs. Any thread but the station's own. Blocks for up to a second, or as long
 // as the shell command in flight, or up to 16 s while a hung supplicant is asked. A DHCP client
 // that gets no lease is ended after 15 s.
 int KV_WIFI_StaStop();
 
 // Returns 3 once the link is verified, 0 while connecting, -1, traced, when no station runs. Any
-// thread; does not block.
+// thread; does not block. Nothing in this program calls it.
 int KV_WIFI_StaGetState();
 
 // Switches the running station to static mode with address `ip` (dotted quad, cut at 15
 // characters); it is applied when the station next gives the interface its address. Netmask and
 // gateway stay as they are. Returns 0, or -1, traced, when no station runs. Any thread; does not
-// block.
+// block. Nothing in this program calls it.
 int KV_WIFI_StaSetStaticIP(const char* ip);
 
 // Debug handler in the form of the console's command handlers; acts on argv[0]:
@@ -52,5 +54,5 @@ int KV_WIFI_StaSetStaticIP(const char* ip);
 //   RECV text           starts or stops the tracing of the supplicant's events
 //   SCAN                scans
 // Adds nothing to `reply` and returns 0. Any thread but the station's own; blocks like what it
-// calls.
+// calls. Nothing in this program calls it, and so nothing starts the tracing of events.
 int KV_WIFI_STA_DebugCmd(int argc, const char* command, char* const* argv, char* reply);

@@ -20,6 +20,9 @@ wpa_ctrl* wpa_ctrl_open(const char* path);
 // Removes the client socket's name, closes it, frees the connection. Null is accepted.
 void wpa_ctrl_close(wpa_ctrl* ctrl);
 
+// wpa_ctrl_cleanup, wpa_ctrl_attach, wpa_ctrl_detach and wpa_ctrl_get_fd have no caller in this
+// program.
+
 // Removes every client socket name below "/tmp", also those of other processes: for the clean-up
 // after crashes, while nobody holds a connection.
 void wpa_ctrl_cleanup();
@@ -63,5 +66,6 @@ void KV_WIFI_SetRunPath(const char* path);
 
 // Starts the thread that traces the supplicant's events, or stops it when it runs; a stopped one
 // ends by itself within a second (up to 10 s while it still waits to be let in). Any thread; does
-// not block. Returns 0; aborts the process when no thread can be created.
+// not block. Returns 0; aborts the process when no thread can be created. Only the
+// debug handler calls it.
 int KV_WIFI_CtrlListen();

@@ -1,5 +1,6 @@
 // Questions to the supplicant: its status, the signal, networks nearby. Each call opens and closes
-// a control connection of its own; any thread may call; blocks like wifi_run_cmd.
+// a control connection of its own; any thread may call; blocks like wifi_run_cmd. Of these this
+// program calls KV_WIFI_WPA_Status only; the debug handler scans, too.
 #pragma once
 
 #include <cstdint>

@@ -28,8 +28,8 @@ using Lines = std::vector<std::string>;
 
 constexpr double kPatienceSeconds = 30;
 
-// The file's bytes; none when there is no such file.
-// Empty when unreadable; the buffer's iterators would throw.
+// The file's bytes; none when it cannot be read. Not through the buffer's iterators, which throw
+// then.
 inline std::string ReadFile(const std::string& path) {
     const std::ifstream file(path, std::ios::binary);
     std::ostringstream text;

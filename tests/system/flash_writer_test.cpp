@@ -127,7 +127,18 @@ TEST_F(FlashWriter, WritesEveryImageAndSaysSo) {
 }
 
 TEST_F(FlashWriter, PackagesThatCannotBeReadEndInAReboot) {
+    // What it does in front of the package: two pauses of a second, "sync", the caches.
+    WriteFile(board_.Path("param/sync"), "#!/bin/sh\necho synced\n");
+    (void)board_.OnBoard(
+        "touch /param/caches && mount --bind /param/caches "
+        "/proc/sys/vm/drop_caches && chmod +x /param/sync && "
+        "mount --bind /param/sync $(command -v sync)");
+    ASSERT_TRUE(board_.WaitRecovery());
+    const auto start = Clock::now();
     EXPECT_TRUE(HasRun(Flash(""), {"ERROR KV_UPGRADE_Proc: open /tmp/upGradeFile.FLS error"}));
+    EXPECT_GT(SecondsSince(start), 2);
+    EXPECT_EQ(ReadFile(board_.Path("param/caches")), "1\n");
+    EXPECT_TRUE(Contains(board_.Console(1), "synced\n"));
     EXPECT_TRUE(
         HasRun(Flash("PRT7K"), {"ERROR KV_UPGRADE_Proc: read upgrate header error return is 5"}));
     EXPECT_TRUE(HasRun(Flash(BuildPackage({}, {"ANY", "ONE", 0, 0})),
@@ -143,6 +154,10 @@ TEST_F(FlashWriter, BootLoaderThatOvershootsGoesOnIntoTheNextDevice) {
               boot.substr(4 * kBlock) + app.substr(0, 5 * kBlock - boot.size()));
     EXPECT_EQ(board_.Flash("mtd2"), ErasedBehind(rest, 4 * kBlock));
     EXPECT_EQ(board_.Flash("mtd5"), ErasedBehind(app, 4 * kBlock));
+    // One that ends where its device ends leaves the next one erased.
+    (void)Flash(BuildPackage({{"uboot", boot.substr(0, 4 * kBlock)}, {"app", app}}));
+    EXPECT_EQ(board_.Flash("mtd0"), boot.substr(0, 4 * kBlock));
+    EXPECT_EQ(board_.Flash("mtd1"), std::string(kBlock, '\xFF'));
 }
 
 TEST_F(FlashWriter, BadCheckCodeEndsTheEntries) {
@@ -233,6 +248,15 @@ TEST_F(FlashWriter, ShortAndFailedWritesCountAsReturned) {
     EXPECT_NE(board_.Trace(2).find("Write 64 Kibyte @ ffffffff -- 100 % complete"),
               std::string::npos);
     EXPECT_EQ(board_.Flash("mtd5"), std::string(4 * kBlock, '\xFF'));
+    // The second of three chunks fails: the third goes to the offset that the -1 left.
+    const std::string three = image + Noise(kBlock, 16);
+    (void)Flash(BuildPackage({{"app", three}}),
+                {{"mtd5", "write", "--errno", "EIO", "--skip", "1", "--count", "1"}});
+    EXPECT_EQ(board_.Flash("mtd5"),
+              ErasedBehind(three.substr(0, kBlock - 1) +
+                               static_cast<char>(three[kBlock - 1] & three[2 * kBlock]) +
+                               three.substr(2 * kBlock + 1),
+                           4 * kBlock));
 }
 
 TEST(RealNor, HoldsUpNeitherTheFeederNorAReset) {
@@ -260,14 +284,33 @@ TEST(RealNor, HoldsUpNeitherTheFeederNorAReset) {
     ASSERT_TRUE(board.WaitRecovery(3));
 }
 
-TEST_F(FlashWriter, FailedRebootCommandLeavesTheResetToTheWatchdog) {
-    ASSERT_TRUE(board_.WaitRecovery());
-    board_.Fault({"reboot", "fail"});
-    board_.Signal(SIGUSR2);
-    ASSERT_TRUE(board_.WaitBoot(2, 60));
-    EXPECT_EQ(board_.Reason(2).substr(0, 8), "watchdog");
-    EXPECT_TRUE(
-        HasRun(RunMessages(1), {"ERROR KV_UPGRADE_Reboot: do reboot failed!!!",
+class RebootCommand : public FlashWriter {
+  protected:
+    void SetUp() override {
+        Lines options = kLayout;
+        options.insert(options.end(), {"--speed", "10"});
+        board_.Start(options);
+    }
+};
+
+TEST_F(RebootCommand, LeavesTheResetToTheWatchdogWhenItFailsOrHangs) {
+    for (const char* const fault : {"fail", "hang"}) {
+        SCOPED_TRACE(fault);
+        ASSERT_TRUE(board_.WaitRecovery(boot_));
+        board_.Fault({"reboot", fault});
+        board_.Signal(SIGUSR2);
+        // A second request, which waits for the end of the first: it finds a device that is about
+        // to be reset.
+        ASSERT_TRUE(board_.WaitTrace("Scalable partition:", boot_));
+        board_.Signal(SIGUSR2);
+        ASSERT_TRUE(board_.WaitBoot(boot_ + 1, 60));
+        EXPECT_EQ(board_.Reason(boot_ + 1).substr(0, 8), "watchdog");
+        const Lines messages = RunMessages(boot_++);
+        const Lines expected = {"ERROR KV_UPGRADE_Proc: open /tmp/upGradeFile.FLS error",
+                                "ERROR KV_UPGRADE_Reboot: do reboot failed!!!",
                                 "INFO KV_FH_WDT_Reboot: Start to stop feeding the dog!",
-                                "DEBUG KV_FH_WDT_Reboot: Wait for the watchdog to restart!"}));
+                                "DEBUG KV_FH_WDT_Reboot: Wait for the watchdog to restart!"};
+        EXPECT_TRUE(HasRun(messages, expected));
+        EXPECT_EQ(messages.back(), expected.back());
+    }
 }

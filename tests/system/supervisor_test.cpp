@@ -31,7 +31,9 @@ TEST(Supervisor, RecoveryStartsInOrderAndChildrenInheritNothing) {
     board.StartRecovery();
     const Lines expected = {"DEBUG KV_FH_WDT_Start: Watchdog Timeout:30",
                             "DEBUG KV_FH_WDT_Start: Watchdog Init successful",
+                            "__KV_WIFI_StaSupplicant: need passwd!! default WPA-PSK",
                             "DEBUG KV_HV_LoopPoolInit: LoopPoolInit Init Success!",
+                            "Discovery Deinit Success!",
                             "DEBUG KV_MINI_ProtocolInit: MINI ProtocolInit Init Success!",
                             "INFO main: app file not exist!"};
     std::string all;
@@ -54,10 +56,20 @@ TEST(Supervisor, Sigusr1DisarmsAndNothingElse) {
     board.Signal(SIGUSR1);
     ASSERT_TRUE(board.WaitTrace("KV_FH_WDT_Stop:176 "));
     EXPECT_FALSE(board.Armed());
-    // A second stop disarms the old number again and is not refused.
+    EXPECT_FALSE(board.Status().at("watchdog").at("open"));
+    // A connection takes the lowest free number. A second stop is not refused, and leaves it alone.
+    const TcpClient client = board.Client();
+    EXPECT_EQ(client.Ask(Frame(6)), ReplyHeader(6, 0, 0));
     board.Signal(SIGUSR1);
     EXPECT_TRUE(WaitUntil([&] { return CountOf(board.Trace(), "KV_FH_WDT_Stop:176 ") == 2; }));
-    EXPECT_EQ(board.Client().Ask(Frame(6)), ReplyHeader(6, 0, 0));
+    EXPECT_EQ(client.Ask(Frame(6)), ReplyHeader(6, 0, 0));
+    EXPECT_EQ(CountOf(board.Trace(), "KV_FH_WDT_Stop"), 2U);
+    std::map<std::string, int> operations;
+    for (const auto& operation : board.Operations()) {
+        ++operations[operation.at("op")];
+    }
+    EXPECT_EQ(operations["ioctl:SETOPTIONS"], 1);
+    EXPECT_EQ(operations["release"], 1);
 }
 
 TEST(Supervisor, SecondSigtermIsAnsweredWhileTheFirstOnesJoinBlocks) {
@@ -75,6 +87,8 @@ TEST(Supervisor, SecondSigtermIsAnsweredWhileTheFirstOnesJoinBlocks) {
     ASSERT_TRUE(board.WaitTrace("LoopPoolInit DeInit Success!"));
     const std::string trace = board.Trace();
     EXPECT_LT(trace.find("wait exit!"), trace.find("LoopPoolInit DeInit Success!"));
+    EXPECT_TRUE(InOrder(trace, {"Start Exit!", "KV_FH_WDT_Stop:176 ", "KV_WIFI_StaStop success!",
+                                "LoopPoolInit DeInit Success!"}));
     EXPECT_EQ(CountOf(trace, "Start Exit!"), 1U);
     EXPECT_FALSE(board.Armed());
     ASSERT_TRUE(board.WaitConsole("upgradeMain ended with status 0"));
@@ -130,6 +144,19 @@ TEST(Supervisor, WatchdogFailuresAtStart) {
     }
 }
 
+TEST(Supervisor, SaysThatTheHeartbeatPortIsTaken) {
+    Board board;
+    board.StartRecovery();
+    (void)board.OnBoard("cd /tmp && /opt/upgrade/upgradeMain </dev/null >/dev/null 2>second &");
+    EXPECT_TRUE(WaitUntil([&] {
+        return Contains(board.OnBoard("cat /tmp/second").output,
+                        " ERROR upgrade_main:PrepareLoop:");
+    })) << board.OnBoard("cat /tmp/second").output;
+    EXPECT_TRUE(
+        Contains(board.OnBoard("cat /tmp/second").output,
+                 "no heartbeats can be received, udp 127.0.0.1:5555: Address already in use"));
+}
+
 TEST(Supervisor, StoppedProgramIsResetByTheWatchdog) {
     Board board;
     board.StartRecovery();
@@ -156,7 +183,14 @@ TEST(Supervisor, LivesOnWithNobodyToHearIt) {
         }
         EXPECT_TRUE(board.WaitFeeds(3));
         EXPECT_FALSE(std::filesystem::exists(board.Path("boot-2"))) << "starved";
-        EXPECT_EQ(board.OnBoard("readlink /proc/$(pidof upgradeMain)/fd/0").output, "/dev/null\n");
+        const std::string standard = descriptors == cases[0] ? "012" : "0";
+        for (const char number : standard) {
+            EXPECT_EQ(
+                board.OnBoard("readlink /proc/$(pidof upgradeMain)/fd/" + std::string(1, number))
+                    .output,
+                "/dev/null\n")
+                << number;
+        }
     }
 }
 

@@ -55,7 +55,7 @@ if command -v zsh >/dev/null; then
     timeout 30 zsh -f >zsh.out 2>&1 <<'END'
 zmodload zsh/zpty
 zpty shell zsh -f -i
-zpty -w shell "PROMPT=; fpath=($PWD \$fpath); autoload -Uz compinit; compinit -u -d dump; zstyle ':completion:*' list-prompt ''"
+zpty -w shell "PROMPT=; fpath=($PWD \$fpath); autoload -Uz compinit; compinit -u -d dump"
 zpty -w shell 'print READY-$((40 + 2))'
 zpty -m -r shell ready '*READY-42*'
 zpty -w -n shell $'kvtool upgrade --force-i\t'

@@ -45,7 +45,7 @@ class KvtoolCli : public testing::Test {
         ASSERT_EQ(RunTool({"pack", "-o", Path("other"), "--ic", "OTHER", "app=" + Path("app")}), 0);
     }
     void TearDown() override {
-        for (const char* name : {"app", "good", "other", "again", "layout"}) {
+        for (const char* name : {"app", "good", "other", "again", "layout", "manifest"}) {
             (void)unlink(Path(name).c_str());
         }
         EXPECT_TRUE(std::filesystem::is_empty(folder_.Path())) << "a temporary file is left";
@@ -97,6 +97,37 @@ TEST_F(KvtoolCli, PackKeepsItsInputsAndWritesToAPipe) {
     EXPECT_EQ(output, Read("good"));
 }
 
+TEST_F(KvtoolCli, PacksByRecipeAndTellsOfIt) {
+    WriteFile(Path("layout"), "# camera\nimage = app = app\nsize = app = 200000\nsensor = 39QX\n");
+    std::string output;
+    // Paths of a recipe begin at its folder, whatever the present one is.
+    EXPECT_EQ(RunTool({"pack", "-o", Path("again"), "--recipe", Path("layout"), "--sensor", "38QX",
+                       "--manifest", Path("manifest")}),
+              0);
+    EXPECT_EQ(Read("again"), Read("good")) << "the command line wins";
+    const nlohmann::json manifest = nlohmann::json::parse(Read("manifest"));
+    const auto sum = [this](const std::string& name) {
+        return kv_test::Run("sha256sum <" + Path(name)).output.substr(0, 64);
+    };
+    EXPECT_EQ(manifest["package"]["sha256"], sum("good"));
+    EXPECT_EQ(manifest["inputs"][0]["sha256"], sum("layout"));
+    EXPECT_EQ(manifest["inputs"][1]["sha256"], sum("app"));
+    EXPECT_EQ(manifest["inputs"][1]["file"], "app");
+    const std::string first = Read("manifest");
+    EXPECT_EQ(RunTool({"pack", "-o", Path("again"), "--recipe", Path("layout"), "--sensor", "38QX",
+                       "--manifest", Path("manifest")}),
+              0);
+    EXPECT_EQ(Read("manifest"), first);
+
+    for (const char* wrong : {"image = app", "images = app=app", "ic = A\nic = A", "app=app",
+                              "size = app=199999\nimage = app=app"}) {
+        WriteFile(Path("layout"), wrong);
+        EXPECT_NE(RunTool({"pack", "-o", Path("again"), "--recipe", Path("layout")}), 0) << wrong;
+    }
+    EXPECT_EQ(
+        RunTool({"pack", "-o", Path("again"), "--manifest", Path("app"), "app=" + Path("app")}), 2);
+}
+
 TEST_F(KvtoolCli, ToolboxEndsAsDiffDoes) {
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("good")}), 0);
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("other")}), 1);
@@ -111,6 +142,53 @@ TEST_F(KvtoolCli, ToolboxEndsAsDiffDoes) {
     EXPECT_EQ(nlohmann::json::parse(output)["images"][0]["size"], 200000);
     EXPECT_EQ(Read("out/deep/app"), Read("app"));
     EXPECT_EQ(RunTool({"extract", Path("good"), "-d", Path("out/deep")}), 3) << "replaces a file";
+    std::filesystem::remove_all(Path("out"));
+}
+
+// Signatures of both kinds that minisign makes; what minisign refuses is refused here too.
+TEST_F(KvtoolCli, TrustsWhatMinisignSigned) {
+    std::filesystem::create_directory(Path("out"));
+    const auto minisign = [this](const std::string& arguments) {
+        return kv_test::Run("cd " + folder_.Path() + "/out && minisign " + arguments + " 2>&1")
+            .status;
+    };
+    ASSERT_EQ(minisign("-G -W -p key.pub -s key"), 0);
+    ASSERT_EQ(minisign("-G -W -p other.pub -s other"), 0);
+    for (const char* kind : {"", "-l "}) {
+        ASSERT_EQ(minisign(std::string("-S ") + kind + "-s key -m ../good -t 'camera 1.2' -x good"),
+                  0);
+        const auto agree = [&](const std::string& key, const std::string& package, int code) {
+            EXPECT_EQ(RunTool({"inspect", "--trusted-key", Path("out/" + key), "--signature",
+                               Path("out/good"), Path(package)}),
+                      code)
+                << kind << key;
+            EXPECT_EQ(minisign("-V -p " + key + " -m ../" + package + " -x good") == 0, code == 0)
+                << kind << key;
+        };
+        agree("key.pub", "good", 0);
+        agree("other.pub", "good", 3);
+        agree("key.pub", "other", 3);
+        const std::string signature = Read("out/good");
+        std::string changed = signature;
+        changed.replace(changed.find("camera 1.2"), 10, "camera 1.3");
+        WriteFile(Path("out/good"), changed);
+        agree("key.pub", "good", 3);
+        changed = signature.substr(0, signature.find("trusted comment"));
+        WriteFile(Path("out/good"), changed);
+        agree("key.pub", "good", 3);
+    }
+    EXPECT_EQ(RunTool({"upgrade", "127.0.0.1", "--port", "1", "--trusted-key", Path("out/key.pub"),
+                       Path("good")}),
+              3)
+        << "unsigned, and nothing was connected to";
+    ASSERT_EQ(minisign("-S -s key -m ../good -x ../good.minisig -t 'camera 1.2'"), 0);
+    std::string output;
+    EXPECT_EQ(RunTool({"upgrade", "127.0.0.1", "--json", "--port", "1", "--trusted-key",
+                       Path("out/key.pub"), Path("good")},
+                      &output),
+              4);
+    EXPECT_EQ(nlohmann::json::parse(output)["signature"]["trusted_comment"], "camera 1.2");
+    (void)unlink(Path("good.minisig").c_str());
     std::filesystem::remove_all(Path("out"));
 }
 

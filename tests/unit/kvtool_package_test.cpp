@@ -391,10 +391,11 @@ TEST(KvtoolText, ForeignBytesCannotReachATerminal) {
 
 TEST(KvtoolProgress, FitsTheTerminalAndFollowsTheLink) {
     kvtool::RateMeter meter;
+    uint64_t bytes = 0;
     for (int tick = 0; tick <= 200; ++tick) {
         // 100,000 bytes a second for ten seconds, then a tenth of that.
-        const int slow = std::max(0, tick - 100);
-        meter.Add(tick * 0.1, static_cast<uint64_t>((tick - slow) * 10000 + slow * 1000));
+        bytes += tick <= 100 ? 10000 : 1000;
+        meter.Add(tick * 0.1, bytes);
     }
     EXPECT_NEAR(meter.Rate(), 10000, 500);
 

@@ -131,6 +131,8 @@ TEST(MiniConsole, Dialogue) {
     EXPECT_EQ(client.Raw(9, "kv-watdog", std::string("Stop\0", 5)), "reply:\n");
     EXPECT_EQ(client.Raw(-1, "kv-watdog", std::string("Stop\0", 5)), "reply:\n");
     EXPECT_EQ(client.Raw(1, "kv-watdog", std::string(1024, 'x')), "reply:\n");
+    const std::vector<std::string> eight = {"Stop", "", "", "", "", "", "", ""};
+    EXPECT_EQ(client.Say("kv-watdog", eight), "reply:\nWatdog Stop Success\n");
     // What was not sent counts as zero.
     EXPECT_EQ(client.Raw(1, "kv-watdog", "Stop"), "reply:\nWatdog Stop Success\n");
     EXPECT_EQ(client.Raw(1, std::string(64, 'n'), std::string("Stop\0", 5)),

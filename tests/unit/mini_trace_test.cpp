@@ -1,9 +1,12 @@
 #define KV_TRACE_NAME "some/where/module"
 #include "common/kv_mini_trace.h"
 
+#include <fcntl.h>
+
 #include <regex>
 #include <sstream>
 
+#include "common/kv_raii.h"
 #include "common/kv_text.h"
 #include "tests/support/capture.h"
 
@@ -113,10 +116,16 @@ TEST(MiniTrace, SequenceRunsTo99AndWrapsWithoutGapAcrossThreads) {
 }
 
 TEST(MiniTrace, KeepsErrno) {
-    const Capture err(2);
+    // Every write to it fails, with an errno of its own.
+    const UniqueFd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    const UniqueFd saved(dup(2));
+    ASSERT_TRUE(full && saved);
+    (void)dup2(full.Get(), 2);
     errno = EXDEV;
     KV_ERROR("a failure");
-    EXPECT_EQ(errno, EXDEV);
+    const int after = errno;
+    (void)dup2(saved.Get(), 2);
+    EXPECT_EQ(after, EXDEV);
 }
 
 TEST(MiniTrace, ForeignTextsLoseTheirControlBytesOnly) {

@@ -2,8 +2,8 @@
 
 #include <sys/mman.h>
 
-#include <random>
-
+#include "main/hardware_reset.h"
+#include "tests/support/capture.h"
 #include "tests/support/surroundings.h"
 
 namespace {
@@ -146,55 +146,22 @@ TEST(Monitor, ReadyFlagClearsTheHoldAndOnlyItDoes) {
     EXPECT_EQ(boot.Tick(1000).step, MonitorStep::kRestart);
 }
 
-// Generated histories of beats, silences, quiet times and boots, against what must hold in every
-// one of them.
-TEST(Monitor, InvariantsHoldOverGeneratedHistories) {
-    std::mt19937 random(20241127);
-    for (int history = 0; history < 3000; ++history) {
-        bool marker = random() % 2 == 0;
-        uint32_t now = static_cast<uint32_t>(random());
-        int rebootsSinceBeat = marker ? 1 : 0;
-        for (int bootCount = 0; bootCount < 4; ++bootCount) {
-            Boot boot(now, &marker);
-            int restarts = 0;
-            bool rebooted = false;
-            for (int event = 0; event < 150 && !rebooted; ++event) {
-                const bool beat = random() % 40 == 0;
-                if (!boot.quiet && random() % 300 == 0) {
-                    boot.quiet = true;
-                }
-                now += beat ? 1 : 3;
-                const bool markerBefore = marker;
-                const MonitorDecision d = beat ? boot.Beat(now, random() % 2 == 0) : boot.Tick(now);
-                if (boot.quiet && d.step != MonitorStep::kRecover) {
-                    ASSERT_FALSE(d.logOffline || d.logOnline || d.startButton || d.stopButton ||
-                                 d.removeMarker || d.step != MonitorStep::kNone);
-                    continue;
-                }
-                if (beat) {
-                    ASSERT_FALSE(d.logOffline);
-                    ASSERT_EQ(boot.Record().last_seen, now);
-                    ASSERT_EQ(boot.Record().online, 1);
-                    ASSERT_FALSE(marker);
-                    rebootsSinceBeat = 0;
-                }
-                restarts += d.step == MonitorStep::kRestart ? 1 : 0;
-                ASSERT_LE(restarts, 1);
-                if (d.step == MonitorStep::kReboot) {
-                    // Never a second forced reboot while the marker of the first one stands.
-                    ASSERT_FALSE(markerBefore);
-                    ASSERT_EQ(rebootsSinceBeat, 0);
-                    ASSERT_EQ(restarts, 1);
-                    ++rebootsSinceBeat;
-                    rebooted = true;
-                }
-                if (d.step == MonitorStep::kRecover) {
-                    ASSERT_TRUE(markerBefore);
-                    rebootsSinceBeat = 0;
-                }
-            }
-        }
-    }
+// The program's own record and clock: silence begins beyond five seconds, and two starts of the
+// button leave one thread.
+TEST(Monitor, TheTimerFindsSilenceInTheSixthSecond) {
+    kv_test::RequireSandbox();
+    const kv_test::Capture out(1);
+    const kv_test::Capture trace(2);
+    KV_MONITOR_Begin();
+    EXPECT_TRUE(kv_test::WaitUntil([&] {
+        __KV_cameraMainCheckTimer(nullptr);
+        return kv_test::Contains(trace.Text(), "off time = ");
+    }));
+    EXPECT_TRUE(kv_test::Contains(trace.Text(), "off time = 6\n"));
+    EXPECT_EQ(HardwareResetStart(), 0);
+    HardwareResetStop();
+    EXPECT_TRUE(kv_test::WaitUntil([&] { return kv_test::Contains(out.Text(), "End is OK"); }));
+    EXPECT_EQ(kv_test::CountOf(out.Text(), "thread Start is OK"), 1U);
 }
 
 // Nothing behind what was received is looked at, however little that was: it ends with its page,

@@ -53,6 +53,22 @@ TEST(Shell, RunsWithoutClosingAndTellsWhatNoChildMeans) {
     }
 }
 
+TEST(Shell, WaitsNoLongerThanToldAndLeavesTheCommandRunning) {
+    int status = -1;
+    EXPECT_EQ(KV_ShellRunFor("exit 7", 30000, &status), 0);
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+    const Folder folder;
+    const std::string go = folder.Path("go");
+    const std::string done = folder.Path("done");
+    const std::string command = "while [ ! -e " + go + " ]; do sleep 0.01; done; echo >" + done;
+    errno = 0;
+    EXPECT_EQ(KV_ShellRunFor(command.c_str(), 100, &status), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    WriteFile(go, "");
+    EXPECT_TRUE(WaitUntil([&] { return std::filesystem::exists(done); }));
+    EXPECT_GT(wait(nullptr), 0);
+}
+
 TEST(Shell, ReportsTheChildsStatus) {
     int status = -1;
     ASSERT_EQ(KV_ShellRun("exit 7", &status), 0);
@@ -80,6 +96,15 @@ TEST(Shell, ChildStartsWithDefaultSignalsAndAnEmptyMask) {
     EXPECT_EQ(StatusMask(text, "SigBlk:"), 0U);
     EXPECT_EQ(StatusMask(text, "SigIgn:") & ~0x180000000ULL, 0U);
     EXPECT_EQ(StatusMask(text, "SigCgt:"), 0U);
+}
+
+TEST(Shell, ChildInheritsNoOtherDescriptor) {
+    const int open = dup(STDERR_FILENO);
+    int status = -1;
+    const std::string command = "test -e /proc/self/fd/" + std::to_string(open);
+    EXPECT_EQ(KV_ShellRun(command.c_str(), &status), 0);
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    (void)close(open);
 }
 
 TEST(Shell, EchoStandsInFrontOfTheOutputAndIsCutAt255Characters) {

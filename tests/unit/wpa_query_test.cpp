@@ -14,7 +14,8 @@ using Messages = std::vector<ScriptedSupplicant::Message>;
 TEST(WpaQuery, StatusFields) {
     ScriptedSupplicant supplicant(ScriptedSupplicant::Always(
         "bssid=ignored without a line end in front\nbssid=17:22:33:44:55:66\nfreq=2437\nssid=test\n"
-        "id=4\nmode=station\npairwise_cipher=CCMP\ngroup_cipher=TKIP and more than fits\n"
+        "id=4\nmode=station\npairwise_cipher=sixteen letters!\ngroup_cipher=TKIP and more than "
+        "fits\n"
         "key_mgmt=WPA2-PSK\nwpa_state=COMPLETED\nip_address=172.20.18.7\n"
         "address=02:00:00:00:00:01\nuuid=5c1b\n"));
     KV_WIFI_STATUS_INFO status;
@@ -23,7 +24,7 @@ TEST(WpaQuery, StatusFields) {
     EXPECT_EQ(status.iFreq, 2437);
     EXPECT_STREQ(status.acSsid, "test");
     EXPECT_STREQ(status.acMode, "station");
-    EXPECT_STREQ(status.acPairwiseCipher, "CCMP");
+    EXPECT_STREQ(status.acPairwiseCipher, "sixteen letters");
     EXPECT_STREQ(status.acGroupCipher, "TKIP and more t");
     EXPECT_STREQ(status.acKeyMgmt, "WPA2-PSK");
     EXPECT_STREQ(status.acWpaState, "COMPLETED");

@@ -123,35 +123,44 @@ void BashPositionals(const Command& command, std::ostream& out) {
     }
 }
 
-void BashScript(const std::vector<Command>& commands, std::ostream& out) {
-    const std::string program = commands.front().path.front();
+// The cases of the script, of all commands.
+struct BashCases {
     std::ostringstream walk;
     std::ostringstream values;
     std::ostringstream options;
     std::ostringstream positionals;
-    for (const Command& command : commands) {
-        const std::string path = Joined(command.path, " ");
-        std::vector<std::string> names;
-        for (const Argument& option : command.options) {
-            for (const std::string& name : option.names) {
-                names.push_back(name);
-                if (option.takesValue) {
-                    walk << "            " << Quoted(path + " " + name) << ") skip=1 ;;\n";
-                    values << "        " << Quoted(path + " " + name)
-                           << ") action=" << Quoted(BashAction(option)) << " ;;\n";
-                }
+};
+
+void BashCommand(const Command& command, BashCases* cases) {
+    const std::string path = Joined(command.path, " ");
+    std::vector<std::string> names;
+    for (const Argument& option : command.options) {
+        for (const std::string& name : option.names) {
+            names.push_back(name);
+            if (option.takesValue) {
+                const std::string word = Quoted(Joined({path, name}, " "));
+                cases->walk << "            " << word << ") skip=1 ;;\n";
+                cases->values << "        " << word << ") action=" << Quoted(BashAction(option))
+                              << " ;;\n";
             }
         }
-        std::vector<std::string> children;
-        for (const CLI::App* child : command.children) {
-            const std::string childPath = path + " " + child->get_name();
-            children.push_back(child->get_name());
-            walk << "            " << Quoted(childPath) << ") path=" << Quoted(childPath)
-                 << " count=0 ;;\n";
-        }
-        options << "        " << Quoted(path) << ") options=" << Quoted(Joined(names, " "))
-                << " commands=" << Quoted(Joined(children, " ")) << " ;;\n";
-        BashPositionals(command, positionals);
+    }
+    std::vector<std::string> children;
+    for (const CLI::App* child : command.children) {
+        const std::string word = Quoted(Joined({path, child->get_name()}, " "));
+        children.push_back(child->get_name());
+        cases->walk << "            " << word << ") path=" << word << " count=0 ;;\n";
+    }
+    cases->options << "        " << Quoted(path) << ") options=" << Quoted(Joined(names, " "))
+                   << " commands=" << Quoted(Joined(children, " ")) << " ;;\n";
+    BashPositionals(command, cases->positionals);
+}
+
+void BashScript(const std::vector<Command>& commands, std::ostream& out) {
+    const std::string program = commands.front().path.front();
+    BashCases cases;
+    for (const Command& command : commands) {
+        BashCommand(command, &cases);
     }
     // bash makes "--name=value" three words; a value that is being typed may have no word yet.
     out << "# bash completion for " << program << ", made by \"" << program
@@ -162,7 +171,7 @@ void BashScript(const std::vector<Command>& commands, std::ostream& out) {
         << R"(    while ((i < COMP_CWORD)); do
         word=${COMP_WORDS[i]} skip=0
         case $path\ $word in
-)" << walk.str()
+)" << cases.walk.str()
         << R"(            *)
                 if [[ $word == -- ]]; then
                     plain=1
@@ -187,10 +196,10 @@ void BashScript(const std::vector<Command>& commands, std::ostream& out) {
         prev=${COMP_WORDS[COMP_CWORD - 2]}
     fi
     case $path in
-)" << options.str()
+)" << cases.options.str()
         << R"(    esac
     case $path\ $prev in
-)" << values.str()
+)" << cases.values.str()
         << R"(    esac
     if [[ -z $action && $cur == -* && -z $plain ]]; then
         action="words $options"
@@ -198,7 +207,7 @@ void BashScript(const std::vector<Command>& commands, std::ostream& out) {
         action="words $commands"
     elif [[ -z $action ]]; then
         case $path:$count in
-)" << positionals.str()
+)" << cases.positionals.str()
         << R"(        esac
     fi
     case $action in

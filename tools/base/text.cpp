@@ -1,6 +1,7 @@
 #include "tools/base/text.h"
 
 #include <md5.h>
+#include <sha2.h>
 
 #include <algorithm>
 #include <array>
@@ -17,6 +18,14 @@ std::string Decimal(double value, const char* unit) {
     std::array<char, 48> buffer{};
     (void)snprintf(buffer.data(), buffer.size(), "%.1f %s", value, unit);
     return buffer.data();
+}
+
+std::string LowerHex(const void* data, size_t size) {
+    std::string out = Hex(data, size);
+    for (char& c : out) {
+        c = static_cast<char>(tolower(c));
+    }
+    return out;
 }
 
 // Length of the character that the text begins with and its code point; 0: not UTF-8.
@@ -129,11 +138,16 @@ std::string Md5Hex(const uint8_t* data, size_t size) {
     MD5Update(&context, data, size);
     std::array<uint8_t, MD5_DIGEST_LENGTH> digest{};
     MD5Final(digest.data(), &context);
-    std::string out = Hex(digest.data(), digest.size());
-    for (char& c : out) {
-        c = static_cast<char>(tolower(c));
-    }
-    return out;
+    return LowerHex(digest.data(), digest.size());
+}
+
+std::string Sha256Hex(const uint8_t* data, size_t size) {
+    SHA2_CTX context;
+    SHA256Init(&context);
+    SHA256Update(&context, data, size);
+    std::array<uint8_t, SHA256_DIGEST_LENGTH> digest{};
+    SHA256Final(digest.data(), &context);
+    return LowerHex(digest.data(), digest.size());
 }
 
 uint64_t ParseSize(const std::string& text) {

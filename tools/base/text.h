@@ -41,6 +41,9 @@ std::string SecondsText(double seconds);
 // Lower-case MD5 of the bytes, 32 digits.
 std::string Md5Hex(const uint8_t* data, size_t size);
 
+// Lower-case SHA-256 of the bytes, 64 digits.
+std::string Sha256Hex(const uint8_t* data, size_t size);
+
 // Bytes, decimal or hexadecimal (0x10000), with an optional suffix K, M or G of either case (powers
 // of 1024). Throws ToolError(kUsage).
 uint64_t ParseSize(const std::string& text);

@@ -7,7 +7,8 @@
 
 #include "tools/base/errors.h"
 #include "tools/base/json.h"
-#include "tools/package/layout.h"
+#include "tools/cli/layout_options.h"
+#include "tools/package/signature.h"
 
 namespace kvtool {
 
@@ -23,14 +24,9 @@ void AddPackageCommands(CLI::App* root, Chosen* chosen);
 void AddToolboxCommands(CLI::App* root, Chosen* chosen);
 void AddDeviceCommands(CLI::App* root, Chosen* chosen);
 
-// The options --layout and --size.
-struct LayoutOptions {
-    std::string file;
-    std::vector<std::string> sizes;
-
-    // Throws ToolError(kUsage).
-    Layout Make() const;
-};
+// Adds --layout and --size.
 void AddLayout(CLI::App* command, LayoutOptions* options);
+// Adds --trusted-key and --signature.
+void AddTrust(CLI::App* command, Trust* trust);
 
 }  // namespace kvtool

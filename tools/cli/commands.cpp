@@ -169,6 +169,11 @@ ExitCode DoUpgrade(const UpgradeCommand& command, const Layout& layout, ConsoleL
     (*json)["host"] = Printable(command.device.host);
     (*json)["file"] = Printable(command.file);
     const Bytes package = ReadWholeFile(command.file);
+    if (!command.trust.key.empty()) {
+        const Signature signature = VerifySignature(package, command.file, command.trust);
+        (*json)["signature"] = SignatureJson(signature);
+        listener->Line(SignatureText(signature));
+    }
     const PackageReport report = JudgePackage(package, command, layout, json);
     OpenDevice device =
         command.wait ? WaitForDevice(command, listener, record, json)

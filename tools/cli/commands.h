@@ -10,6 +10,7 @@
 #include "tools/device/discovery_client.h"
 #include "tools/device/upgrade_session.h"
 #include "tools/package/layout.h"
+#include "tools/package/signature.h"
 
 namespace kvtool {
 
@@ -29,6 +30,7 @@ struct UpgradeCommand {
     std::optional<Millis> wait;         // how long to wait for the device to appear
     std::optional<uint16_t> alivePort;  // what the running application opens
     std::string expectVersion;          // empty: any
+    Trust trust;
     UpgradeTimes times;
 };
 

@@ -84,6 +84,7 @@ void AddUpgrade(CLI::App* root, Chosen* chosen) {
     app->add_flag("--no-follow", upgrade->noFollow, "End when the device has accepted");
     app->add_flag("--json", chosen->json, "Print JSON at the end, progress to standard error");
     AddLayout(app, &upgrade->layout);
+    AddTrust(app, &command.trust);
     // A flag with a value; a number in the word behind it has been joined to it.
     app->add_flag("--wait{300}", upgrade->waitSeconds,
                   "Wait for the device to appear, --wait SECONDS for a time of your own")

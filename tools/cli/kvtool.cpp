@@ -66,6 +66,7 @@ int Run(int argc, char** argv) {
     kvtool::AddCompletion(&app);
     std::vector<std::string> words = JoinWaitTime(argc, argv);
     std::vector<char*> arguments;
+    arguments.reserve(words.size());
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }

@@ -1,21 +1,26 @@
 #include "tools/cli/package_commands.h"
 
+#include <kv_version.h>
+
 #include <iostream>
 
 #include "common/kv_platform.h"
 #include "tools/base/files.h"
-#include "tools/cli/named_file.h"
+#include "tools/base/named_file.h"
 #include "tools/cli/report.h"
 #include "tools/package/builder.h"
 #include "tools/package/package_json.h"
+#include "tools/package/recipe.h"
 
 namespace kvtool {
 
 namespace {
 
-void RefuseInputAsOutput(const std::string& input, const std::string& output) {
-    if (output != "-" && SameFile(input, output)) {
-        throw ToolError(ExitCode::kUsage, Printable(output) + " is one of the inputs as well");
+void RefuseInputAsOutput(const std::string& input, const PackCommand& command) {
+    for (const std::string& output : {command.output, command.manifest}) {
+        if (output != "-" && SameFile(input, output)) {
+            throw ToolError(ExitCode::kUsage, Printable(output) + " is one of the inputs as well");
+        }
     }
 }
 
@@ -24,44 +29,132 @@ std::ostream& TextStream(const PackCommand& command) {
     return command.json || command.output == "-" ? std::cerr : std::cout;
 }
 
+// Gathers what a package is built from, and remembers it for the manifest.
+class PackInputs {
+  public:
+    explicit PackInputs(const PackCommand& command) : command_(command) {}
+
+    BuildRequest Read(const LayoutOptions& layoutOptions) {
+        BuildRequest request{kv::kIcType, kv::kSensorType, {}, Layout::Default(), command_.force};
+        if (!command_.recipe.empty()) {
+            ReadFrom(ReadRecipe(command_.recipe), &request);
+        }
+        if (!layoutOptions.file.empty()) {
+            (void)Load("layout", layoutOptions.file, layoutOptions.file);
+        }
+        layoutOptions.Apply(&request.layout);
+        request.ic = command_.ic.value_or(request.ic);
+        request.sensor = command_.sensor.value_or(request.sensor);
+        for (const std::string& text : command_.images) {
+            const NamedFile image = ParseNamedFile(text);
+            AddImage(image.name, image.file, image.file, &request);
+        }
+        return request;
+    }
+
+    // For each input its role or entry name, its path as given, its size and digest.
+    const Json& Manifest() const { return manifest_; }
+
+  private:
+    void ReadFrom(const Recipe& recipe, BuildRequest* request) {
+        (void)Load("recipe", recipe.path, recipe.path);
+        LayoutOptions layout{{}, recipe.sizes};
+        if (!recipe.layout.empty()) {
+            layout.file = recipe.Resolve(recipe.layout);
+            (void)Load("layout", recipe.layout, layout.file);
+        }
+        layout.Apply(&request->layout);
+        request->ic = recipe.ic.value_or(request->ic);
+        request->sensor = recipe.sensor.value_or(request->sensor);
+        for (const NamedFile& image : recipe.images) {
+            AddImage(image.name, image.file, recipe.Resolve(image.file), request);
+        }
+    }
+
+    void AddImage(const std::string& name, const std::string& shown, const std::string& path,
+                  BuildRequest* request) {
+        request->images.push_back({name, Load("image", shown, path)});
+        manifest_.back()["name"] = Printable(name);
+    }
+
+    Bytes Load(const char* role, const std::string& shown, const std::string& path) {
+        RefuseInputAsOutput(path, command_);
+        Bytes bytes = ReadWholeFile(path);
+        manifest_.push_back({{"role", role},
+                             {"file", Printable(shown)},
+                             {"size", bytes.size()},
+                             {"sha256", Sha256Hex(bytes.data(), bytes.size())}});
+        return bytes;
+    }
+
+    const PackCommand& command_;
+    Json manifest_ = Json::array();
+};
+
+void WriteManifest(const PackCommand& command, const BuildRequest& request, const Json& inputs,
+                   const Json& package) {
+    const Json manifest = {{"schema", kJsonSchema},
+                           {"tool", std::string("kvtool ") + kv::kVersion},
+                           {"ic", Printable(request.ic)},
+                           {"sensor", Printable(request.sensor)},
+                           {"inputs", inputs},
+                           {"package", package}};
+    const std::string text = manifest.dump(2, ' ', true) + "\n";
+    WriteWholeFile(command.manifest, Bytes(text.begin(), text.end()));
+}
+
 }  // namespace
 
-ExitCode RunPack(const PackCommand& command, const Layout& layout, Json* json) {
+ExitCode RunPack(const PackCommand& command, const LayoutOptions& layout, Json* json) {
     (*json)["file"] = Printable(command.output);
     if (command.json && command.output == "-") {
         throw ToolError(ExitCode::kUsage, "--json and -o - both want standard output");
     }
-    BuildRequest request{command.ic, command.sensor, {}, layout, command.force};
-    for (const std::string& image : command.images) {
-        const NamedFile input = ParseNamedFile(image);
-        RefuseInputAsOutput(input.file, command.output);
-        request.images.push_back({input.name, ReadWholeFile(input.file)});
+    if (command.images.empty() && command.recipe.empty()) {
+        throw ToolError(ExitCode::kUsage, "no image given, and no recipe");
     }
+    PackInputs inputs(command);
+    const BuildRequest request = inputs.Read(layout);
     BuildResult result = BuildPackage(request);
-    if (command.ic != kv::kIcType || command.sensor != kv::kSensorType) {
+    if (request.ic != kv::kIcType || request.sensor != kv::kSensorType) {
         result.warnings.push_back(std::string("a device of chip ") + kv::kIcType + " and sensor " +
                                   kv::kSensorType + " will refuse this package");
     }
     for (const std::string& warning : result.warnings) {
         std::cerr << "warning: " << warning << '\n';
     }
-    const std::string md5 = Md5Hex(result.bytes.data(), result.bytes.size());
-    json->update({{"size", result.bytes.size()}, {"md5", md5}, {"warnings", result.warnings}});
+    const Json package = {{"size", result.bytes.size()},
+                          {"md5", Md5Hex(result.bytes.data(), result.bytes.size())},
+                          {"sha256", Sha256Hex(result.bytes.data(), result.bytes.size())}};
+    json->update(package);
+    (*json)["warnings"] = result.warnings;
     if (command.output == "-") {
         WriteToStandardOutput(result.bytes);
     } else {
         WriteWholeFile(command.output, result.bytes);
     }
+    if (!command.manifest.empty()) {
+        WriteManifest(command, request, inputs.Manifest(), package);
+    }
     TextStream(command) << Printable(command.output) << ": " << SizeText(result.bytes.size())
-                        << ", MD5 " << md5 << '\n';
+                        << ", MD5 " << package["md5"].get<std::string>() << '\n';
     return ExitCode::kDone;
 }
 
 ExitCode RunInspect(const InspectCommand& command, const Layout& layout, Json* json) {
     (*json)["file"] = Printable(command.file);
-    const PackageReport report = CheckPackage(ReadWholeFile(command.file), layout, command.device);
+    const Bytes package = ReadWholeFile(command.file);
+    std::optional<Signature> signature;
+    if (!command.trust.key.empty()) {
+        signature = VerifySignature(package, command.file, command.trust);
+        (*json)["signature"] = SignatureJson(*signature);
+    }
+    const PackageReport report = CheckPackage(package, layout, command.device);
     json->update(PackageJson(report));
     if (!command.json) {
+        if (signature) {
+            std::cout << SignatureText(*signature) << '\n';
+        }
         PrintPackage(std::cout, report);
     }
     return report.Acceptable() ? ExitCode::kDone : ExitCode::kRefused;

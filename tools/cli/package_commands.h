@@ -1,19 +1,24 @@
 // The commands that work on packages alone, as the command line hands them over.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/base/errors.h"
 #include "tools/base/json.h"
+#include "tools/cli/layout_options.h"
 #include "tools/package/check.h"
+#include "tools/package/signature.h"
 
 namespace kvtool {
 
 struct PackCommand {
     std::string output;  // "-": standard output
-    std::string ic;
-    std::string sensor;
+    std::optional<std::string> ic;
+    std::optional<std::string> sensor;
+    std::string recipe;               // empty: none
+    std::string manifest;             // empty: none
     std::vector<std::string> images;  // NAME=FILE
     bool force = false;
     bool json = false;
@@ -22,11 +27,12 @@ struct PackCommand {
 struct InspectCommand {
     std::string file;
     Identity device;  // what to check against
+    Trust trust;
     bool json = false;
 };
 
 // As those of commands.h.
-ExitCode RunPack(const PackCommand& command, const Layout& layout, Json* json);
+ExitCode RunPack(const PackCommand& command, const LayoutOptions& layout, Json* json);
 ExitCode RunInspect(const InspectCommand& command, const Layout& layout, Json* json);
 
 }  // namespace kvtool

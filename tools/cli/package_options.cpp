@@ -18,24 +18,27 @@ struct WithLayout {
 void AddPack(CLI::App* root, Chosen* chosen) {
     const auto pack = std::make_shared<WithLayout<PackCommand>>();
     PackCommand& command = pack->command;
-    command.ic = kv::kIcType;
-    command.sensor = kv::kSensorType;
     CLI::App* app = root->add_subcommand("pack", "Build an upgrade package");
     app->add_option("-o,--output", command.output, "Package to write; -: standard output")
         ->required()
         ->type_name("FILE");
-    app->add_option("--ic", command.ic, "Chip type")->capture_default_str();
-    app->add_option("--sensor", command.sensor, "Sensor type")->capture_default_str();
+    app->add_option("--ic", command.ic, "Chip type")->default_str(kv::kIcType);
+    app->add_option("--sensor", command.sensor, "Sensor type")->default_str(kv::kSensorType);
     app->add_flag("--force", command.force, "Build in spite of objections");
     app->add_flag("--json", chosen->json, "Print JSON");
     AddLayout(app, &pack->layout);
-    app->add_option("images", command.images, "NAME=IMAGE: entry name and image file")
-        ->required()
+    app->add_option("--recipe", command.recipe, "File that names identity, layout and images")
+        ->type_name("FILE");
+    app->add_option("--manifest", command.manifest,
+                    "Write sizes and SHA-256 of all inputs and of the package as JSON")
+        ->type_name("FILE");
+    app->add_option("images", command.images,
+                    "NAME=IMAGE: entry name and image file, behind those of a recipe")
         ->type_name("NAME=FILE");
     app->callback([pack, chosen] {
         chosen->run = [pack, chosen](Json* json) {
             pack->command.json = chosen->json;
-            return RunPack(pack->command, pack->layout.Make(), json);
+            return RunPack(pack->command, pack->layout, json);
         };
     });
 }
@@ -49,6 +52,7 @@ void AddInspect(CLI::App* root, Chosen* chosen) {
     app->add_option("--sensor", command.device.sensor, "Sensor type of the device to check for");
     app->add_flag("--json", chosen->json, "Print JSON");
     AddLayout(app, &inspect->layout);
+    AddTrust(app, &command.trust);
     app->callback([inspect, chosen] {
         chosen->run = [inspect, chosen](Json* json) {
             inspect->command.json = chosen->json;
@@ -59,25 +63,24 @@ void AddInspect(CLI::App* root, Chosen* chosen) {
 
 }  // namespace
 
-Layout LayoutOptions::Make() const {
-    Layout layout = Layout::Default();
-    if (!file.empty()) {
-        layout.ReadFile(file);
-    }
-    for (const std::string& size : sizes) {
-        layout.SetSize(size);
-    }
-    return layout;
-}
-
 void AddLayout(CLI::App* command, LayoutOptions* options) {
     command->add_option("--layout", options->file, "File of partition sizes, NAME=BYTES a line")
         ->type_name("FILE");
     command
         ->add_option("--size", options->sizes,
                      "Size of one partition, NAME=BYTES (K, M, G allowed)")
-        ->allow_extra_args(false)
-        ->type_name("NAME=BYTES");
+        ->allow_extra_args(false);
+}
+
+void AddTrust(CLI::App* command, Trust* trust) {
+    CLI::Option* const key =
+        command
+            ->add_option("--trusted-key", trust->key,
+                         "Public key of minisign; refuse a package that it has not signed")
+            ->type_name("FILE");
+    command->add_option("--signature", trust->signature, "The signature (default: FILE.minisig)")
+        ->type_name("FILE")
+        ->needs(key);
 }
 
 void AddPackageCommands(CLI::App* root, Chosen* chosen) {

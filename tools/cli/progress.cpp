@@ -1,6 +1,7 @@
 #include "tools/cli/progress.h"
 
 #include <cmath>
+#include <string_view>
 
 #include "tools/base/text.h"
 
@@ -49,11 +50,11 @@ std::string ProgressText(const UploadProgress& progress, double rate, size_t col
     parts.push_back("of " + ShortSizeText(progress.total));
     std::string text;
     for (const std::string& part : parts) {
-        const std::string longer = text + (text.empty() ? "" : ", ") + part;
-        if (longer.size() > columns) {
+        const std::string_view between = text.empty() ? "" : ", ";
+        if (text.size() + between.size() + part.size() > columns) {
             break;
         }
-        text = longer;
+        text.append(between).append(part);
     }
     return text;
 }

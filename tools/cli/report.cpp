@@ -106,6 +106,10 @@ void PrintPackage(std::ostream& out, const PackageReport& report) {
                                 : "NOT fit for the device, see the errors above\n");
 }
 
+std::string SignatureText(const Signature& signature) {
+    return "signed by the key " + signature.keyId + ": " + Printable(signature.comment);
+}
+
 void PrintInfo(std::ostream& out, const InfoReport& report) {
     const DeviceInfo& device = report.device;
     out << "device at " << report.address << '\n';

@@ -2,15 +2,18 @@
 #pragma once
 
 #include <ostream>
+#include <string>
 
 #include "tools/device/device_json.h"
 #include "tools/package/check.h"
+#include "tools/package/signature.h"
 
 namespace kvtool {
 
 void PrintPackage(std::ostream& out, const PackageReport& report);
 // Of many findings of one kind only the first few, then how many more there are.
 void PrintFindings(std::ostream& out, const PackageReport& report);
+std::string SignatureText(const Signature& signature);
 void PrintInfo(std::ostream& out, const InfoReport& report);
 void PrintDiscovery(std::ostream& out, const DiscoveryResult& result);
 

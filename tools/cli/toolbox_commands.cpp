@@ -5,7 +5,7 @@
 #include <iostream>
 
 #include "tools/base/files.h"
-#include "tools/cli/named_file.h"
+#include "tools/base/named_file.h"
 #include "tools/package/extract.h"
 #include "tools/package/package_json.h"
 

@@ -71,6 +71,10 @@ Json PackageJson(const PackageReport& report) {
     return json;
 }
 
+Json SignatureJson(const Signature& signature) {
+    return {{"key_id", signature.keyId}, {"trusted_comment", Printable(signature.comment)}};
+}
+
 Json ComparisonJson(const PackageComparison& comparison) {
     Json header = Json::array();
     for (const HeaderDifference& field : comparison.header) {

@@ -5,6 +5,7 @@
 #include "tools/package/check.h"
 #include "tools/package/compare.h"
 #include "tools/package/flash_image.h"
+#include "tools/package/signature.h"
 
 namespace kvtool {
 
@@ -12,6 +13,7 @@ Json PackageJson(const PackageReport& report);
 // Without the entries.
 Json PackageSummaryJson(const PackageReport& report);
 
+Json SignatureJson(const Signature& signature);
 Json ComparisonJson(const PackageComparison& comparison);
 Json VerdictJson(const DumpVerdict& verdict);
 

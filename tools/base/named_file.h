@@ -13,13 +13,13 @@ struct NamedFile {
     std::string file;
 };
 
-// Throws ToolError(kUsage).
+// Spaces around both are dropped. Throws ToolError(kUsage).
 inline NamedFile ParseNamedFile(const std::string& text) {
     const size_t equals = text.find('=');
     if (equals == std::string::npos) {
         throw ToolError(ExitCode::kUsage, "not NAME=FILE: '" + Printable(text) + "'");
     }
-    return {text.substr(0, equals), text.substr(equals + 1)};
+    return {Trimmed(text.substr(0, equals)), Trimmed(text.substr(equals + 1))};
 }
 
 }  // namespace kvtool
