@@ -3,6 +3,7 @@
 #include "tests/support/fake_device.h"
 #include "tools/device/discovery_client.h"
 #include "tools/device/follow.h"
+#include "tools/device/match.h"
 
 using namespace kv_test;
 
@@ -147,6 +148,36 @@ TEST(KvtoolDiscover, NamesWhatTwoDevicesShare) {
         "address 10.7.0.2 is named by 2 devices, with the MAC addresses 02:00:5E:00:00:01, "
         "02:00:5E:00:00:02"};
     EXPECT_EQ(kvtool::Conflicts(result), expected);
+}
+
+TEST(KvtoolDiscover, MatchesByPatternsOfFields) {
+    kvtool::DiscoveryReply reply;
+    reply.mac = "02:00:5E:00:00:01";
+    reply.ip = "10.7.0.1";
+    reply.firmware = "PRT7K_38QX_QJT_V1.0.0.241127_R1";
+    const kvtool::FoundDevice device = {reply, {"10.7.0.1", "10.8.0.1"}};
+    struct Case {
+        std::vector<std::string> conditions;
+        bool matches;
+    };
+    const Case cases[] = {
+        {{}, true},
+        {{"mac=02:00:5e:*"}, true},
+        {{"firmware=*_V1.0.*"}, true},
+        {{"firmware=V1.0.*"}, false},
+        {{"address=10.8.*"}, true},
+        {{"address=10.9.*"}, false},
+        {{"mac=*:0[01]", "mac=*:0[23]"}, true},
+        {{"mac=*:01", "firmware=*_V2.*"}, false},
+        {{"dns="}, true},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(kvtool::Matcher(c.conditions).Matches(device), c.matches)
+            << testing::PrintToString(c.conditions);
+    }
+    for (const char* const text : {"mac", "color=red", "=x"}) {
+        EXPECT_THROW(kvtool::Matcher({text}), kvtool::ToolError) << text;
+    }
 }
 
 TEST(KvtoolDiscover, TakesMacAddressesAsPeopleWriteThem) {
