@@ -16,12 +16,13 @@ enum class ExitCode : int {
     kUnreachable = 4,     // nothing found, or no connection
     kBadReply = 5,        // the device answered, but not as the protocol says
     kLost = 6,            // the connection broke or stalled
-    kBusy = 7,            // the device says that an accepted upgrade is under way
+    kBusy = 7,            // an upgrade of the device is under way, as it says or another kvtool
     kNoVerdict = 8,       // everything was sent, the device gave no answer
     kBackInRecovery = 9,  // accepted; the device restarted into recovery mode
     kNeverLeft = 10,      // accepted; the device was never seen to leave recovery mode
     kNoReply = 11,        // connected, but a request got no answer in time
     kNotSeenAlive = 12,   // accepted; left recovery mode and was not seen alive as expected
+    kSomeFailed = 13,     // of a fleet: not every device was seen alive; each has its own code
     kInterrupted = 130,
 };
 

@@ -18,9 +18,6 @@ class ConsoleListener : public UpgradeListener {
     void Clear();
 
   private:
-    // The terminal's width, asked for each time because the window may change.
-    size_t Columns() const;
-
     FILE* out_;
     bool terminal_;
     size_t standing_ = 0;  // width of the progress line that stands

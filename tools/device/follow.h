@@ -14,6 +14,8 @@ struct FollowTarget {
     std::string mac;             // "AA:BB:CC:DD:EE:FF"; empty: not known, no search for it
     uint16_t discoveryPort = 0;  // where searches go
     uint16_t alivePort = 0;      // TCP port that the running application opens; 0: not known
+    // It was seen closed while the device was in recovery mode, before the upload.
+    bool alivePortClosed = false;
     std::string version;         // firmware that a reply must tell as well; empty: any
 };
 
@@ -26,6 +28,9 @@ struct FollowTarget {
 // kNeverLeft.
 ExitCode Follow(const FollowTarget& target, int upgradeFd, const UpgradeTimes& times,
                 UpgradeListener* listener, UpgradeRecord* record);
+
+// What a result of Follow means, in words.
+const char* OutcomeText(ExitCode code);
 
 // Whether the firmware text of a device is the version asked for: the whole text, or what stands
 // behind its last "_V".
