@@ -4,7 +4,7 @@ JOBS ?= $(shell expr 2 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-ladder bench bench-discovery board \
+.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder bench bench-discovery board \
         board-shell test unit lint format sanitize packaging-check install deb clean
 
 help: ## List the targets
@@ -49,6 +49,14 @@ bench: build ## Measure an upload against socat on the same virtual link
 	@scripts/setup.sh vboard scripts bench
 	@scripts/bench_upload.sh
 
+demo-fleet: build ## Watch eight cameras being upgraded at once: two fail, the tool is killed and goes on (90 seconds)
+	@scripts/setup.sh vboard scripts
+	@scripts/demo_fleet.sh
+
+bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one air (5 minutes)
+	@scripts/setup.sh vboard scripts
+	@scripts/bench_fleet.sh
+
 bench-discovery: build ## Compare the rate of discovery answers with that of a bare UDP echo
 	@scripts/setup.sh vboard scripts
 	@scripts/bench_discovery.sh
@@ -60,7 +68,10 @@ board-shell: build ## Open the console of such a board
 	@scripts/board.sh shell
 
 test: tests-build ## Run all unit and system tests
-	@ctest --test-dir build/dev --output-on-failure -j $(JOBS)
+	@ctest --test-dir build/dev --output-on-failure -j $(JOBS) -LE fleet
+
+test-fleet: tests-build ## Upgrade a site of 20 boards with a tool that is killed again and again (2 minutes)
+	@ctest --test-dir build/dev --output-on-failure -L fleet
 
 unit: tests-build ## Run the unit tests only
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS) -L unit

@@ -4,6 +4,8 @@
 # shellcheck source=scripts/on_board.bash
 . scripts/on_board.bash
 site=$work/site
+# Another site's boards have the same MAC addresses; kvtool keeps its locks here.
+export XDG_RUNTIME_DIR=$work
 
 site() { "$bin/vboard" site "$1" --state "$site" "${@:2}"; }
 

@@ -53,7 +53,7 @@ Device::Device(Script script, uint16_t port, std::string address)
     Listen();
     if (script_.aliveAfter) {
         const UniqueFd reserve(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        alivePort_ = Bind(reserve.Get(), address_, 0);
+        alivePort_ = Bind(reserve.Get(), address_, script_.alivePort);
     }
     thread_ = std::thread([this] { Serve(); });
 }
@@ -223,6 +223,7 @@ Device::Next Device::ReceiveStream(int fd) {
 
 Device::Next Device::GiveVerdict(int fd) {
     if (script_.verdict == Verdict::kAnswer) {
+        accepted_ += script_.verdictStatus == 0 ? 1 : 0;
         Reply(fd, 0x2002, script_.verdictStatus);
     }
     if (script_.talks) {
@@ -267,12 +268,13 @@ void Device::Reply(int fd, uint16_t command, uint16_t status, const std::string&
     }
 }
 
-Responder::Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies)
+Responder::Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies,
+                     const std::string& at)
     : replies_(std::move(replies)),
       in_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
       out_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
       stop_(eventfd(0, EFD_CLOEXEC)),
-      port_(Bind(in_.Get(), "0.0.0.0", port)) {
+      port_(Bind(in_.Get(), at, port)) {
     (void)Bind(out_.Get(), address, 0);
     thread_ = std::thread([this] {
         while (AwaitInput(in_.Get(), stop_.Get())) {

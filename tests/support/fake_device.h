@@ -34,6 +34,7 @@ struct Script {
     std::optional<milliseconds> backAfter;
     // So long after that its application opens AlivePort().
     std::optional<milliseconds> aliveAfter;
+    uint16_t alivePort = 0;  // 0: any free one
     // Behind the verdict it sends replies that say busy, for ever.
     bool talks = false;
 };
@@ -51,6 +52,8 @@ class Device {
     // What came on the connection behind the upgrade request, and the request itself.
     Bytes Stream() { return Copy(stream_); }
     std::string UpgradeRequest() { return Copy(request_); }
+    // How often it has accepted a package.
+    int Accepted() const { return accepted_; }
     // The sizes of the chunks in which the command protocol was read, the upgrade request's last.
     std::vector<size_t> Chunks() { return Copy(chunks_); }
 
@@ -81,6 +84,7 @@ class Device {
     uint32_t session_ = 0;
     uint32_t starts_ = 0;
     uint64_t total_ = 0;
+    std::atomic<int> accepted_{0};
     std::mutex mutex_;
     Bytes stream_;
     std::string request_;
@@ -88,10 +92,12 @@ class Device {
     std::thread thread_;
 };
 
-// Answers every search with the same bytes, each a datagram, from one address of this host.
+// Answers every search with the same bytes, each a datagram, from one address of this host. It
+// takes searches at all addresses unless told otherwise.
 class Responder {
   public:
-    Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies);
+    Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies,
+              const std::string& at = "0.0.0.0");
     Responder(const std::string& address, uint16_t port, Bytes reply)
         : Responder(address, port, std::vector<Bytes>{std::move(reply)}) {}
     ~Responder();

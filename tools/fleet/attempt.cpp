@@ -123,7 +123,12 @@ ExitCode Attempt::FollowOn(const Endpoint& endpoint, const Endpoint& local, int 
     target.alivePort = member_.alivePort;
     target.alivePortClosed = member_.alivePortClosed;
     target.version = request_.expectVersion;
-    return Follow(target, fd, request_.times, this, &record_);
+    record_.address.clear();
+    const ExitCode code = Follow(target, fd, request_.times, this, &record_);
+    // "ADDRESS:PORT" of where it came back, when that is another address.
+    const size_t port = record_.address.rfind(':');
+    member_.address = port == std::string::npos ? member_.address : record_.address.substr(0, port);
+    return code;
 }
 
 // It still holds the session of the upload: it is where the upload left it, after all the time

@@ -65,6 +65,7 @@ Json StateDetails(const Member& member) {
             details["text"] = member.text;
             break;
         case State::kFailed:
+            details["address"] = member.address;
             details["code"] = static_cast<int>(member.code);
             details["text"] = member.text;
             details["left"] = LeftText(progress.reached);
