@@ -4,8 +4,8 @@ JOBS ?= $(shell expr 2 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder bench bench-discovery board \
-        board-shell test unit lint format sanitize packaging-check install deb clean
+.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder bench bench-fleet bench-discovery board \
+        board-shell test test-ansible test-fleet unit mutants lint format sanitize packaging-check install deb clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
@@ -73,8 +73,16 @@ test: tests-build ## Run all unit and system tests
 test-fleet: tests-build ## Upgrade a site of 20 boards with a tool that is killed again and again (2 minutes)
 	@ctest --test-dir build/dev --output-on-failure -L fleet
 
+test-ansible: build ## Run the Ansible collection against a site of six virtual boards (about two minutes)
+	@scripts/setup.sh vboard scripts ansible
+	@tests/ansible/site_test.py
+
 unit: tests-build ## Run the unit tests only
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS) -L unit
+
+mutants: ## Break the programs on purpose and see which tests notice (MODULE=, NAME=; docs/testing.md)
+	@scripts/setup.sh build vboard scripts test
+	@scripts/mutants.py --module "$(MODULE)" --name "$(NAME)"
 
 lint: tests-build ## Check format, code, scripts, texts, man pages, packaging; print the tests' share of the code
 	@scripts/setup.sh lint

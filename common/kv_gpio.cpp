@@ -24,7 +24,7 @@ int KV_GPIO_GetValue(int gpio, int* value) {
         perror("gpio/get-value");
         return fd.Get();
     }
-    // An empty file leaves the byte as released.
+    // An empty file reads as released.
     char byte = '1';
     (void)read(fd.Get(), &byte, 1);
     *value = byte == '0' ? 0 : 1;

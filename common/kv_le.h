@@ -1,5 +1,5 @@
-// Little-endian integers in byte buffers. The accessors read and write bytes, so neither alignment
-// nor the host's byte order matters.
+// Little-endian integers in byte buffers. They are read and written byte by byte, so neither
+// alignment nor the host's byte order matters.
 #pragma once
 
 #include <cstdint>

@@ -26,7 +26,7 @@ constexpr int kMaxArguments = 8;
 constexpr size_t kReplySize = 8200;
 constexpr size_t kListSize = 1024;
 
-// As read from the command pipe; argc is in the host's byte order.
+// A message as read from the command pipe. argc is in host byte order.
 struct Message {
     int32_t argc;
     char name[kNameSize];
@@ -80,8 +80,8 @@ const Command* FindCommand(const char* name) {
     return nullptr;
 }
 
-// Points `argv` into the message. False for a count that the vector cannot hold or an argument that
-// does not end inside the message. Behind what was received the message is zero.
+// Points `argv` into the message. Returns false if the count does not fit the vector or an argument
+// does not end inside the message. Bytes that were not received are zero.
 bool SplitArguments(Message* message, char** argv) {
     if (message->argc < 0 || message->argc > kMaxArguments) {
         return false;
@@ -101,7 +101,7 @@ bool SplitArguments(Message* message, char** argv) {
     return true;
 }
 
-// Answers one message. `remembered` is the last command that was named.
+// Answers one message. `remembered` is the last known command.
 void ServeMessage(Message* message, const Command** remembered) {
     char name[kNameSize + 1] = {};
     memcpy(name, message->name, kNameSize);
@@ -115,7 +115,7 @@ void ServeMessage(Message* message, const Command** remembered) {
     if (*remembered == nullptr) {
         (void)snprintf(end, sizeof(reply) - strlen(reply), "No Such Command! try ''\n");
     } else if (SplitArguments(message, argv)) {
-        // Kept: an unknown name repeats the last command, because developers use it as a shortcut.
+        // Kept: an unknown name repeats the last command.
         (void)(*remembered)->handler(message->argc, name, argv, end);
     }
     const size_t length = strlen(reply);
@@ -124,7 +124,7 @@ void ServeMessage(Message* message, const Command** remembered) {
     }
 }
 
-// Waits up to one second for a message. True when there is one to read.
+// Waits up to one second for a message. Returns true if there is one to read.
 bool WaitForMessage() {
     fd_set readable;
     FD_ZERO(&readable);
@@ -155,7 +155,7 @@ void* __KV_Console_Proc(void* argument) {
     return nullptr;
 }
 
-// `what` is the word under which a missing pipe is reported.
+// `what` names the pipe in the failure message.
 int OpenPipe(const char* path, const char* what, int* pipe) {
     *pipe = open(path, O_RDWR | O_CLOEXEC);
     if (*pipe < 0) {
@@ -167,7 +167,7 @@ int OpenPipe(const char* path, const char* what, int* pipe) {
 }  // namespace
 
 int KV_Console_Init(void) {
-    // Kept: the flag stays set when a pipe is missing, so a second call does not try again.
+    // Kept: the flag stays set if a pipe is missing, so a second call does not try again.
     if (g_console.inited.exchange(1) != 0) {
         return 0;
     }

@@ -1,4 +1,4 @@
-// The assertion's report is wanted in every build.
+// Assertions must abort in every build.
 #undef NDEBUG
 #include <cassert>
 
@@ -25,19 +25,18 @@ constexpr uint8_t kSequenceMax = 99;
 
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
 char g_ring[kSlotCount][kSlotSize];
-// The slot that the next line goes into, which is also the oldest line.
+// The slot of the next line, which now holds the oldest line.
 uint32_t g_u32OutputStart = 0;
 uint8_t g_sequence = 0;
 
-// Kept: the last "/" is printed too, because those who search logs know the names by it.
+// Kept: the name in the log begins with the path's last "/".
 const char* PrintedName(const char* file) {
     const char* slash = strrchr(file, '/');
     return slash != nullptr ? slash : file;
 }
 
-// Builds one line in `slot`. Kept: byte 510 is "\n" whatever the length, though an empty line then
-// follows one of 509 characters, because a reader of the log must never see two records on one
-// line.
+// Builds one line in `slot`. Kept: byte 510 is always "\n". It ends a line that was cut; after a
+// line of exactly 509 characters it adds an empty line.
 void FormatLine(char* slot, const char* colour, const char* word, const char* file, int line,
                 const char* function, const char* format, va_list values) {
     memset(slot, 0, kSlotSize);
@@ -61,7 +60,7 @@ int VTrace(const char* colour, const char* word, const char* file, int line, con
     (void)pthread_mutex_lock(&g_lock);
     const int savedErrno = errno;
     if (g_u32OutputStart >= kSlotCount) {
-        // The index is put right and the lock let go first, so that the assertion can trace.
+        // Resets the index and unlocks first, so the assertion can log.
         const uint32_t invalid = g_u32OutputStart;
         g_u32OutputStart = 0;
         (void)pthread_mutex_unlock(&g_lock);

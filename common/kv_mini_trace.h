@@ -1,15 +1,15 @@
-// Trace log: one coloured, time-stamped line a call on standard error, and the last three lines
-// kept for an assertion dump. Every module reports through it.
+// Trace log: each call writes one coloured, time-stamped line to standard error. The last three
+// lines are kept for an assertion dump. Every module logs through it.
 //
-// A file that traces defines KV_TRACE_NAME, its name in the log, before it includes this header:
+// A file that logs defines KV_TRACE_NAME, its name in the log, before it includes this header:
 //
 //     #define KV_TRACE_NAME "kv_fullhan_flash"
 //     #include "common/kv_mini_trace.h"
 //
 // and then calls KV_ERROR(...), KV_FAILED(...), KV_INFO(...) or KV_DEBUG(...) with a printf format.
-// The text ends without "\n"; one that ends in "\n" is followed by an empty line in the log.
+// Write the text without "\n" at its end; with one, an empty line follows in the log.
 //     KV_x_AT(line, ...)        for messages whose line number is part of the log's interface
-//     KV_x_IN(function, ...)    for a helper that reports under its caller's name
+//     KV_x_IN(function, ...)    for a helper that logs under its caller's name
 #pragma once
 
 #include <cstdint>
@@ -40,27 +40,29 @@
 #define KV_DEBUG_IN(function, ...) \
     KV_Trace(KV_LEVEL_DEBUG, KV_TRACE_NAME, __LINE__, function, __VA_ARGS__)
 
-// What must not happen, in practice a thread that cannot be created. Does not return.
+// For conditions that must not happen; in practice, a thread that cannot be created. Does not
+// return.
 #define KV_ASSERT_FAIL(...) KV_AssertFail(KV_TRACE_NAME, __LINE__, __func__, __VA_ARGS__)
 #define KV_ASSERT_FAIL_AT(line, ...) KV_AssertFail(KV_TRACE_NAME, line, __func__, __VA_ARGS__)
 
-// Writes one line to standard error: header, message, "\n"; at most 511 bytes, longer text is cut.
+// Writes one line to standard error: header, message, "\n". Longer lines are cut to 511 bytes.
 //   level, colour, word  one of the KV_LEVEL_ triples; no level is filtered out
-//   file                 the caller's trace name; only its last component is printed, with the "/"
-//                        in front of it when there is one
-// Any thread, at any time, also before anything is initialised and while the process exits; not
-// from an asynchronous signal handler (it takes a lock). Blocks as long as standard error blocks.
-// Allocates nothing, keeps errno. Returns 0.
+//   file                 the caller's trace name; only its last component is printed, including the
+//                        "/" before it if there is one
+// Any thread, at any time, even before initialisation and during exit, but not from a signal
+// handler, because it takes a lock. Blocks as long as standard error blocks. Allocates nothing and
+// keeps errno. Returns 0.
 int KV_Trace(uint32_t level, const char* colour, const char* word, const char* file, int line,
              const char* function, const char* format, ...) __attribute__((format(printf, 7, 8)));
 
 // Writes the last three lines, oldest first, to "etc/configs/assert.txt" and
-// "etc/configs/assert.ftp" below the working directory; nothing when either cannot be created. The
-// arguments mirror KV_Trace and are not used. Takes no lock: for the way into an abort, on the
-// thread that aborts. Nothing in this program calls it: KV_AssertFail dumps by itself.
+// "etc/configs/assert.ftp" below the working directory, or nothing if either cannot be created. The
+// arguments are those of KV_Trace and are not used. Takes no lock: call it only on the thread that
+// is about to abort. Nothing in this program calls it; KV_AssertFail dumps by itself.
 void KV_TraceDump(const char* file, int line, const char* function, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
-// Traces at ASSERT level, dumps the ring and aborts through the C library's assertion of "0".
+// Logs at ASSERT level, dumps the last lines and aborts through the C library's assertion of "0".
+// Any thread.
 [[noreturn]] void KV_AssertFail(const char* file, int line, const char* function,
                                 const char* format, ...) __attribute__((format(printf, 4, 5)));

@@ -1,5 +1,5 @@
-// Names and figures of things outside the process: paths, ports, interfaces, the partition table
-// and the device's identity. Each fact of the board stands here once.
+// The board and its surroundings: paths, ports, interfaces, the partition table and the device's
+// identity. Each fact stands here once.
 #pragma once
 
 #include <cstddef>
@@ -7,16 +7,17 @@
 
 namespace kv {
 
-// Identity, compiled in: shared by package acceptance, device information and discovery.
+// Compiled-in identity, shared by package acceptance, device information and discovery.
 constexpr char kIcType[] = "PRT7K";
 constexpr char kSensorType[] = "38QX";
 constexpr char kModelCode[] = "ZH8C4";
 constexpr char kCustomerCode[] = "QJT";
 constexpr char kFirmwareVersion[] = "1.0.0.241127_R1";
 
-// "%s_%s_%s_V%s": the two types, the customer's code, the firmware's version.
+// "%s_%s_%s_V%s" of chip type, sensor type, customer code and firmware version.
 struct DeviceName {
-    // In place of its zero each of the first three has the "_" that follows it.
+    // The NUL of each of the first three parts makes room for the "_" after it, and 1 more is for
+    // the "V".
     char text[sizeof(kIcType) + sizeof(kSensorType) + sizeof(kCustomerCode) + 1 +
               sizeof(kFirmwareVersion)];
 };
@@ -44,14 +45,14 @@ constexpr char kSelfName[] = "upgradeMain";
 constexpr char kDebugMarker[] = "/param/miniserver.debug";
 constexpr char kRebootMarker[] = "/param/var/miniserver_reboot";
 
-// Upgrade package as laid out for the flash writer, and the digest that travelled with it.
+// The upgrade package for the flash writer, and the digest that came with it.
 constexpr char kPackagePath[] = "/tmp/upGradeFile.FLS";
 constexpr char kMd5Path[] = "/tmp/md5.txt";
 
 // Version file of the installed application.
 constexpr char kVersionFile[] = "/opt/app/config/Ver.ini";
 
-// Assertion dumps: relative to the working directory, on purpose.
+// Assertion dumps. Relative to the working directory on purpose.
 constexpr char kAssertText[] = "etc/configs/assert.txt";
 constexpr char kAssertFtp[] = "etc/configs/assert.ftp";
 
@@ -71,7 +72,7 @@ constexpr char kWifiInterface[] = "wlan0";
 constexpr char kWatchdogDevice[] = "/dev/watchdog";
 constexpr int kWatchdogTimeoutSeconds = 30;
 
-// Reset button: line number and where the platform exports lines ("GPIO" in upper case).
+// Reset button: its line number, and the value files of the lines ("GPIO" in upper case).
 constexpr int kResetButtonGpio = 26;
 constexpr char kGpioValuePath[] = "/sys/class/gpio/GPIO%d/value";
 
@@ -96,7 +97,7 @@ constexpr char kConsoleCommandPipe[] = "/tmp/bin/cmd_link_snd";
 constexpr char kConsoleReplyPipe[] = "/tmp/bin/cmd_link_ack";
 constexpr char kConsoleClient[] = "/sbin/command_link";
 
-// Flash: partition rows in the order in which the writer walks them.
+// Flash: the partition rows, in the order in which the writer tries them.
 struct PartitionRow {
     char name[32];
     char device[32];
@@ -105,11 +106,12 @@ constexpr PartitionRow kPartitions[] = {
     {"kernel", "/dev/mtd3"}, {"rootfs", "/dev/mtd4"}, {"app", "/dev/mtd5"},
     {"var", "/dev/mtd6"},    {"param", "/dev/mtd7"},  {"uboot", "/dev/mtd0"},
 };
-// The boot-loader region: the row for the first of these devices stands for all three, in order.
+// The boot-loader region: the row of the first of these devices stands for all three, in this
+// order.
 constexpr char kBootDevices[][32] = {"/dev/mtd0", "/dev/mtd1", "/dev/mtd2"};
 constexpr size_t kFlashTransferUnit = 65536;
 
-// Applications that are stopped before flashing, in order.
+// Applications killed before flashing, in this order.
 constexpr char kKillList[][16] = {"cameraMain", "udhcpc"};
 
 }  // namespace kv

@@ -1,4 +1,4 @@
-// Owners for what a function opens. Nothing else belongs here.
+// Owners of descriptors, streams and locks for the length of a scope.
 #pragma once
 
 #include <pthread.h>

@@ -19,9 +19,9 @@ namespace {
 constexpr int kShellNotFound = 127 << 8;
 constexpr int kPollMs = 20;
 
-// posix_spawn keeps the cost of a vfork and takes its traps away: no handler of ours can run in the
-// child, and a failed exec cannot return into our code.
-//   closeOthers  closes what is open above the standard descriptors in the child
+// posix_spawn is as cheap as vfork but without its traps: no handler of ours can run in the child,
+// and a failed exec cannot return into our code.
+//   closeOthers  closes all descriptors but the standard ones in the child
 int SpawnShell(const char* command, bool closeOthers, pid_t* pid) {
     posix_spawnattr_t attributes;
     sigset_t none;
@@ -35,7 +35,7 @@ int SpawnShell(const char* command, bool closeOthers, pid_t* pid) {
     posix_spawn_file_actions_t actions;
     (void)posix_spawn_file_actions_init(&actions);
     (void)closeOthers;
-// Two steps, as other C libraries lack the macro that the second one calls.
+// Two steps, because other C libraries lack the macro in the second one.
 #ifdef __GLIBC__
 #if __GLIBC_PREREQ(2, 34)
     if (closeOthers) {
@@ -51,12 +51,12 @@ int SpawnShell(const char* command, bool closeOthers, pid_t* pid) {
     return error;
 }
 
-// No child could be created, as opposed to one that could not become a shell.
+// No child could be created. Other errors mean that the child could not become a shell.
 bool IsShortage(int error) {
     return error == EAGAIN || error == ENOMEM;
 }
 
-// False, with errno, when the child cannot be waited for or has not ended in time.
+// Returns false with errno if the wait fails or the child has not ended in time.
 bool AwaitChild(pid_t pid, int timeoutMs, int* status) {
     const int64_t start = kv::MonotonicMilliseconds();
     for (;;) {
@@ -85,8 +85,9 @@ int KV_ShellRun(const char* command, int* status) {
 
 int KV_ShellRunFor(const char* command, int timeoutMs, int* status) {
     pid_t pid = -1;
-    // What the program opens is close-on-exec; a library's raw socket need not be. An older kernel
-    // cannot close it without /proc: better a command with one descriptor more than none.
+    // The program opens everything close-on-exec, but a library's raw socket may not be. An older
+    // kernel without /proc cannot close descriptors in the child. The command then runs with one
+    // descriptor too many, which is better than not at all.
     int error = SpawnShell(command, true, &pid);
     if (error != 0 && !IsShortage(error)) {
         error = SpawnShell(command, false, &pid);

@@ -1,17 +1,17 @@
-// Starting a thread, in one place.
+// The one place that starts threads.
 #pragma once
 
 #include <pthread.h>
 
 #include <cstddef>
 
-// Stack for threads whose depth is known to be small.
+// Stack size of threads that are known to need little.
 constexpr size_t kSmallStack = 65536;
 
-// Creates a thread on `procedure(argument)` with `stackSize` bytes of stack (0: the system's
-// default). `thread` receives its handle and the caller joins it; null creates it detached. 0 or an
-// errno value, which callers hand to KV_ASSERT_FAIL("pthread create failed:%s", ...). Any thread;
-// does not block.
+// Runs `procedure(argument)` on a new thread with `stackSize` bytes of stack (0: the system's
+// default). `thread` receives the handle, and the caller joins it; null creates a detached thread.
+// Returns 0 or an errno value. Most callers pass that to KV_ASSERT_FAIL("pthread create failed:%s",
+// ...). Any thread; does not block.
 inline int KV_ThreadStart(pthread_t* thread, size_t stackSize, void* (*procedure)(void*),
                           void* argument) {
     pthread_attr_t attributes;

@@ -1,5 +1,5 @@
-// The device side of the flash writer: size, erase and write, for a plain partition and for the
-// boot-loader region. The two differ in their log texts and in how many devices they span.
+// Device access of the flash writer: size, erase and write, for a plain partition and for the
+// boot-loader region. The two differ in their log texts and in the number of devices.
 #define KV_TRACE_NAME "kv_fullhan_flash"
 #include <fcntl.h>
 #include <mtd/mtd-user.h>
@@ -69,7 +69,7 @@ int EraseDevice(Region region, const char* function, const char* mtd) {
     }
     struct erase_info_user block = {0, info.erasesize};
     while (block.start < info.size) {
-        // A driver accepts an erase of no bytes, so a block size of 0 would erase nothing for ever.
+        // A driver accepts an erase of zero bytes, so a block size of 0 would loop for ever.
         if (block.length == 0 || ioctl(fd.Get(), MEMERASE, &block) != 0) {
             KV_ERROR_IN(function, "ioctl MEMERASE fail!!!");
             return -1;
@@ -84,8 +84,8 @@ int EraseDevice(Region region, const char* function, const char* mtd) {
 
 // Writes chunks from the package's position until `wanted` bytes are written, the device's `size`
 // is full or the package ends. Returns the end offset. Kept: every read asks for a whole chunk, so
-// what follows the image in the package is written behind it, and a failed write counts as the -1
-// that it returned, because packages and the log of progress are made for this writer.
+// the bytes after an image in the package are written after it; packages are laid out for that. A
+// failed write adds its result, -1, to the offset.
 uint32_t WriteChunks(FILE* pkg, int fd, uint32_t wanted, uint32_t size, const char* function) {
     uint8_t buffer[kv::kFlashTransferUnit];
     uint32_t offset = 0;
@@ -97,7 +97,7 @@ uint32_t WriteChunks(FILE* pkg, int fd, uint32_t wanted, uint32_t size, const ch
         }
         (void)lseek(fd, static_cast<off_t>(offset), SEEK_SET);
         offset += static_cast<uint32_t>(write(fd, buffer, got));
-        // In this order what is no number becomes 100, too.
+        // In this order, NaN also gives 100.
         const float done = Percent(offset, wanted);
         KV_INFO_IN(function, "Write 64 Kibyte @ %x -- %.0f %% complete", offset,
                    static_cast<double>(done < 100.0F ? done : 100.0F));
@@ -160,9 +160,9 @@ int KV_UPGRADE_WriteUbootPartition(FILE* pkg, uint32_t dataLen) {
         if (remaining == 0 || info.size == 0) {
             continue;
         }
-        // Kept: a last chunk that overshoots leaves a huge remainder, and the next device receives
-        // what the package holds next; packages place the boot loader last, so that the end of the
-        // file bounds it.
+        // Kept: a last chunk that overshoots leaves a huge remainder, and the next device gets the
+        // bytes that follow in the package. Packages place the boot loader last, so the end of the
+        // file limits this.
         remaining -= WriteChunks(pkg, fd.Get(), remaining, info.size, __func__);
     }
     return 0;

@@ -17,15 +17,15 @@
 
 namespace {
 
-// The name under which the procedure and its helpers report.
+// Function name in the log for the procedure and its helpers.
 constexpr char kProc[] = "KV_UPGRADE_Proc";
 
-// How long the reboot command may take before the watchdog is starved all the same.
+// Longest wait for the reboot command before the watchdog is starved.
 constexpr int kRebootMs = 10000;
 
 std::atomic<uint8_t> g_upgrading = {0};
 
-// KV_UPGRADE_SystemCmd with a limit to the wait; negative is none.
+// KV_UPGRADE_SystemCmd with a limited wait; negative means no limit.
 int Execute(const char* cmd, int timeoutMs) {
     int status = 0;
     const int result = KV_ShellRunFor(cmd, timeoutMs, &status);
@@ -39,7 +39,7 @@ bool IsBootRow(const kv::PartitionRow& row) {
     return strcmp(row.device, kv::kBootDevices[0]) == 0;
 }
 
-// Sizes, erases and writes one image. False ends the walk over the rows for this entry.
+// Checks the size, erases and writes one image. False: do not try further rows for this entry.
 bool WriteImage(FILE* package, const UpgradeFileEntry& entry, const kv::PartitionRow& row) {
     const bool boot = IsBootRow(row);
     KV_INFO_IN(kProc, "upgrate mtd: %s, name: %s, start...", row.device, row.name);
@@ -112,7 +112,7 @@ void WritePackage() {
 
 void KV_UPGRADE_Proc(int signal) {
     (void)signal;
-    // A reset is due within seconds: nothing may be erased before it.
+    // The reset is due within seconds. Nothing may be erased before it.
     if (KV_FH_WDT_IsStarving() != 0) {
         return;
     }
@@ -123,7 +123,7 @@ void KV_UPGRADE_Proc(int signal) {
     (void)KV_UPGRADE_SystemCmd("sync");
     (void)KV_UPGRADE_SystemCmd("echo 1 > /proc/sys/vm/drop_caches");
     kv::SleepMilliseconds(1000);
-    // The monitor may have begun its reboot at the very moment this procedure began.
+    // The monitor may have started its reboot at the same moment as this procedure.
     if (KV_FH_WDT_IsStarving() == 0) {
         WritePackage();
     }
@@ -159,7 +159,7 @@ void KV_UPGRADE_KillallApp(void) {
 }
 
 void KV_UPGRADE_Reboot(void) {
-    // A reboot that hangs is left running: it may still get there before the watchdog does.
+    // A reboot that hangs is left running: it may still finish before the watchdog resets.
     if (Execute("reboot -f", kRebootMs) != 0) {
         KV_ERROR("do reboot failed!!!");
     }

@@ -30,10 +30,10 @@ struct KeeperState {
     std::atomic<uint8_t> inited;
     pthread_t thread;
     std::atomic<int> fd;
-    // Takes the place of `fd` when the device is closed. Opened beforehand: a stop must find one
-    // when there are no descriptors left, too.
+    // Takes the place of `fd` when the device is closed. Opened at the start, because a stop must
+    // not need a free descriptor.
     int placeholder;
-    // Written to end the feeder's wait before its second is over.
+    // A write here ends the feeder's wait early.
     int wakeFd;
 };
 
@@ -81,8 +81,8 @@ int KV_FH_WDT_Start(void) {
     }
     int timeout = kv::kWatchdogTimeoutSeconds;
     if (ioctl(fd, WDIOC_SETTIMEOUT, &timeout) < 0) {
-        // Kept: the descriptor stays open, because opening armed the device and closing would not
-        // disarm it on every driver.
+        // Kept: the descriptor stays open. Opening has armed the device, and on some drivers
+        // closing does not disarm it.
         KV_FAILED_AT(123, "Set Watchdog TimeOut Fail: %s", strerror(errno));
         return -1;
     }
@@ -107,17 +107,17 @@ int KV_FH_WDT_Stop(void) {
         KV_FAILED_AT(167, "Watchdog not Inited!");
         return 0;
     }
-    // Kept: the number stays in the record and a second stop disarms and closes it again, because
-    // the keeper is armed once a process and its log must not tell the two stops apart. It stays
-    // taken, so that this never meets another file: a placeholder refuses requests with EBADF, as a
-    // closed number does, and dup3 closes what was there in the same step.
+    // Kept: the record keeps the number, and a second stop disarms and closes it again, because the
+    // keeper is armed only once in a process. The number must not go to another file meanwhile, so
+    // a placeholder occupies it. The placeholder refuses requests with EBADF, as a closed number
+    // does. dup3 closes the device and takes its number in one step.
     const int fd = g_keeper.fd.load();
     int option = WDIOS_DISABLECARD;
     (void)ioctl(fd, WDIOC_SETOPTIONS, &option);
     (void)dup3(g_keeper.placeholder, fd, O_CLOEXEC);
     if (SetRunning(0) != 0) {
-        // The feeder ends when its second is over: a stop is not in a hurry, and those who send a
-        // second signal to a process that ends find it there.
+        // The feeder ends after its current second. A stop is not urgent, and a second signal to
+        // the ending process still finds it alive.
         (void)pthread_join(g_keeper.thread, nullptr);
     }
     KV_DEBUG_AT(176, "Watchdog Stop successful");
@@ -128,7 +128,7 @@ int KV_FH_WDT_Reboot(void) {
     KV_INFO_AT(98, "Start to stop feeding the dog!");
     (void)pthread_mutex_lock(&g_keeperLock);
     if (g_running.load() == 0) {
-        // Kept: the lock stays held, because after a reboot request nothing of the keeper may run.
+        // Kept: the lock stays held, because nothing of the keeper may run after a reboot request.
         return 0;
     }
     g_starving.store(1);

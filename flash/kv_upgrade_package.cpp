@@ -9,8 +9,7 @@
 
 namespace {
 
-// Copies a text field and terminates it behind the field, so a field without a NUL stays inside
-// memory.
+// Copies a text field and adds a NUL after it, so a field without a NUL is terminated too.
 template <size_t Size>
 void CopyText(char (&text)[Size + 1], const char (&field)[Size]) {
     memcpy(text, field, Size);

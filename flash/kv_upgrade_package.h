@@ -1,6 +1,7 @@
 // Upgrade package: layout, reading and acceptance. A package is a 24-byte header, `fileNum` entries
-// of 256 bytes behind it, and image data anywhere in the file. Integers are 32-bit little-endian,
-// texts NUL-terminated ASCII.
+// of 256 bytes, and image data anywhere in the file. Integers are 32-bit little-endian, texts
+// NUL-terminated ASCII. The functions may run on any thread, one at a time for a file; they block
+// only for reading it.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +12,7 @@ namespace kv {
 
 constexpr uint32_t kEntryCheckCode = 0x00012345;
 
-// As on disk; integers are bytes here (common/kv_le.h reads them).
+// Layout in the file. Integers are byte arrays (common/kv_le.h reads them).
 struct UpgradeFileHeaderBytes {
     char icType[8];
     char sensorType[8];
@@ -36,7 +37,8 @@ constexpr size_t kPackageEntrySize = sizeof(UpgradeFileEntryBytes);
 
 }  // namespace kv
 
-// In memory: texts always terminated (one byte more than on disk), integers in host order.
+// Layout in memory: texts always terminated (one byte longer than in the file), integers in host
+// order.
 struct UpgradeFileHeader {
     char icType[9];
     char sensorType[9];
@@ -51,16 +53,16 @@ struct UpgradeFileEntry {
     uint32_t checkCode;
 };
 
-// Reads the header at the start of the file. Returns the number of bytes read; anything but
-// kv::kPackageHeaderSize leaves *header untouched.
+// Reads the header from the file's current position, which must be its start. Returns the number of
+// bytes read. *header changes only if that is kv::kPackageHeaderSize.
 size_t KV_PACKAGE_ReadHeader(FILE* package, UpgradeFileHeader* header);
 
-// Reads entry `index` (from 0). Bytes that the file does not hold read as zero.
+// Reads entry `index` (from 0). Bytes missing in the file read as zero.
 void KV_PACKAGE_ReadEntry(FILE* package, uint32_t index, UpgradeFileEntry* entry);
 
-// Whether this device may flash the package: both type texts equal the device's as whole strings,
-// length and entry count are not zero.
+// Whether this device may flash the package: both type texts equal the device's exactly, and length
+// and number of entries are not zero.
 bool KV_PACKAGE_HeaderAccepted(const UpgradeFileHeader* header);
 
-// Whether `fileName` selects a partition: the partition's name is a prefix of it.
+// Whether `fileName` selects a partition: it begins with the partition's name.
 bool KV_PACKAGE_NameSelects(const char* fileName, const char* partitionName);

@@ -1,9 +1,9 @@
-// What the files of the bundled event loop share.
+// Shared by the files of the bundled event loop.
 //
-// One rule keeps it free of races: the event base of a loop, and every io that is registered with
-// it, are touched by the loop's own thread only. What another thread asks for travels as a node on
-// the loop's queue, whose lock also publishes what that thread wrote into the io before. So
-// libevent runs without locks, and its thread support is not linked.
+// One rule keeps it free of races: only a loop's own thread touches its event base and the ios
+// registered with it. Other threads put a node on the loop's queue. The queue's lock also publishes
+// what they wrote into the io before. So libevent runs without locks, and its thread support
+// is not linked.
 #pragma once
 
 #include <event2/buffer.h>
@@ -19,11 +19,11 @@
 #include "hv/hsocket.h"
 
 constexpr size_t kHvReadMax = 8192;
-constexpr size_t kHvOutputMax = size_t{512} << 10;  // of all ios together
+constexpr size_t kHvOutputMax = size_t{512} << 10;  // for all ios together
 constexpr uint32_t kHvLingerMs = 60000;
 constexpr uint32_t kHvAcceptRetryMs = 200;
 
-// A piece of work for a loop's thread: a posted event, or a request that is part of an io.
+// Work for a loop's thread: a posted event, or a request embedded in an io.
 struct HvNode {
     HvNode* next = nullptr;
     hevent_t event{};
@@ -33,8 +33,7 @@ struct HvNode {
 
 enum class HvKind : uint8_t { kListener, kStream, kDatagram };
 
-// The hevent_t comes first, so that hevent_loop() and hevent_userdata() take an io as they take an
-// event.
+// The hevent_t comes first, because hevent_loop() and hevent_userdata() must also accept an io.
 struct hio_s {
     hevent_t base{};
     hio_s* prev = nullptr;
@@ -43,11 +42,11 @@ struct hio_s {
     HvNode closeRequest;
     int fd = -1;
     HvKind kind = HvKind::kStream;
-    bool assigned = false;  // the three events below belong to the loop's event base
-    bool closing = false;   // closed by its user, output still to be sent
+    bool assigned = false;  // the three events below are set up on the loop's base
+    bool closing = false;   // closed by its user, still sending its queue
     bool closed = false;
     bool broken = false;   // a send failed: nothing more can go out
-    bool starved = false;  // a listener whose last accept found no descriptor
+    bool starved = false;  // a listener whose last accept failed
     int readTimeoutMs = 0;
     int64_t lastArrivalMs = 0;
     haccept_cb onAccept = nullptr;
@@ -79,26 +78,26 @@ struct hloop_s {
     std::atomic<pthread_t> runner{};  // 0 while no thread runs the loop
     std::atomic<uint32_t> nios{0};
 
-    // A semaphore that counts the nodes on the queue; cancelled ones leave a harmless surplus.
+    // A semaphore that counts the queued nodes. Cancelled nodes leave a harmless surplus.
     int wakeFd = -1;
     event wakeEvent{};
 
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;  // guards the queue and the list of ios
     HvNode* head = nullptr;
     HvNode* tail = nullptr;
-    HvNode spare;  // for an event that is posted while there is no memory
+    HvNode spare;  // for an event posted without memory
     hio_s* ios = nullptr;
 
     htimer_s* timers = nullptr;
-    hio_s* dead = nullptr;  // closed ios, kept until the callback in progress is over
-    // Left uninitialised, so that a loop that never reads costs no memory for it. The last byte is
-    // for the NUL behind a full read.
+    hio_s* dead = nullptr;  // closed ios, kept until the current callback returns
+    // Uninitialised: a loop that never reads then touches no memory for it. The last byte is for
+    // the NUL after a full read.
     char readBuffer[kHvReadMax + 1];
 };
 
 // loop.cpp
 bool HvOnLoopThread(const hloop_t* loop);
-// (Re)starts a timer event. Counts from this moment, not from when the callback in progress began.
+// (Re)starts a timer event. Counts from now, not from when the current callback began.
 int HvStartTimer(hloop_t* loop, event* timer, uint32_t ms);
 
 // post.cpp: the queue. Any thread.
@@ -110,16 +109,16 @@ void HvDropQueue(hloop_t* loop);
 // timer.cpp
 void HvFreeTimers(hloop_t* loop);
 
-// io.cpp: life of an io. All but HvNewIo on the loop's thread.
-// Takes over fd, also on failure (null).
+// io.cpp: life of an io. On the loop's thread only, except HvNewIo. HvNewIo owns fd from the call
+// on and closes it when it fails (null).
 hio_t* HvNewIo(hloop_t* loop, int fd, HvKind kind);
 int HvAssign(hio_t* io);
 int HvStartRead(hio_t* io);
 void HvCloseNow(hio_t* io);
-// Frees the ios that were closed by the callback that has just returned.
+// Frees the ios that the last callback closed.
 void HvReap(hloop_t* loop);
 
-// stream.cpp: what is still to be sent, and what libevent calls for an io.
+// stream.cpp: the output queue, and libevent's callbacks for an io.
 void HvDropOutput(hio_t* io);
 void HvOnReadable(evutil_socket_t fd, short what, void* io);
 void HvOnWritable(evutil_socket_t fd, short what, void* io);

@@ -23,7 +23,7 @@ int PingAddress(pingobj_t* pinger, const char* host, int cnt) {
             return answers > 0 ? answers : -1;
         }
         answers += answered;
-        // A missing answer has taken its second already.
+        // A missing answer has already taken its second.
         if (answered > 0 && i + 1 < cnt) {
             (void)sleep(1);
         }
@@ -34,8 +34,8 @@ int PingAddress(pingobj_t* pinger, const char* host, int cnt) {
 }  // namespace
 
 int ping(const char* host, int cnt) {
-    // Only a numeric address: the library would ask the resolver for anything else, which blocks
-    // for much longer than an echo.
+    // Numeric addresses only: the library would resolve a name, which blocks much longer than an
+    // echo.
     in_addr address{};
     if (host == nullptr || inet_pton(AF_INET, host, &address) != 1) {
         return -1;

@@ -21,7 +21,7 @@ void Link(hloop_t* loop, hio_t* io) {
     loop->nios.fetch_add(1, std::memory_order_acq_rel);
 }
 
-// Takes the io off its loop: no event of it fires and no request of it runs afterwards.
+// Removes the io from its loop. None of its events or requests runs afterwards.
 void Unlink(hio_t* io) {
     hloop_t* loop = io->base.loop;
     if (io->assigned) {
@@ -40,7 +40,7 @@ void Unlink(hio_t* io) {
     loop->nios.fetch_sub(1, std::memory_order_acq_rel);
 }
 
-// The descriptor stays open during the callback, which may want to name it.
+// The descriptor stays open during the callback, which may log its number.
 void Finish(hio_t* io) {
     io->closed = true;
     if (io->onClose != nullptr) {
@@ -190,7 +190,7 @@ void hio_attach(hloop_t* loop, hio_t* io) {
 
 void hio_set_read_timeout(hio_t* io, int timeoutMs) {
     io->readTimeoutMs = timeoutMs;
-    // Not yet reading: it starts with the reading.
+    // Not reading yet: hio_read starts the time-out.
     if (!io->assigned || io->closing || io->kind == HvKind::kListener) {
         return;
     }

@@ -8,10 +8,10 @@
 
 namespace {
 
-// Without a lock because only the loop's thread uses the base, and without a look at the
-// environment, which must not choose another polling method for a resident program. The precise
-// clock, because the coarse one lags behind when a timer is due, and the loop would wake for it
-// twice. Not epoll, which makes another descriptor of that clock; the loops have few to poll.
+// No locks, because only the loop's thread uses the base. The environment must not choose the
+// polling method of a resident program. The coarse clock lags, so a loop would wake up twice for a
+// timer: use the precise one. With the precise clock epoll needs a timer descriptor as well, and
+// the loops poll few descriptors: do without epoll.
 event_base* NewBase() {
     event_config* config = event_config_new();
     if (config == nullptr) {
@@ -80,14 +80,14 @@ void hloop_free(hloop_t** pp) {
     }
     hloop_t* loop = *pp;
     *pp = nullptr;
-    // The caller stands in for the loop's thread, so close callbacks may use the io as ever.
+    // The caller stands in for the loop's thread, so close callbacks may use their io as usual.
     loop->runner.store(pthread_self(), std::memory_order_release);
     while (loop->ios != nullptr) {
         HvCloseNow(loop->ios);
     }
     HvReap(loop);
     HvFreeTimers(loop);
-    // Takes the lock: a thread that has just posted the event that ended the loop may hold it yet.
+    // Takes the lock: the thread that posted the final stop may still hold it.
     HvDropQueue(loop);
     (void)event_del(&loop->wakeEvent);
     Destroy(loop);

@@ -11,7 +11,7 @@
 
 namespace {
 
-// Takes the first node off the queue and copies its event. False when there is none.
+// Removes the first node and copies its event. False if the queue is empty.
 bool TakeFirst(hloop_t* loop, hevent_t* ev) {
     HvNode* node = nullptr;
     {
@@ -33,13 +33,13 @@ bool TakeFirst(hloop_t* loop, hevent_t* ev) {
     return true;
 }
 
-// With the loop's lock held.
+// The caller holds the loop's lock.
 void Append(hloop_t* loop, HvNode* node) {
     node->queued = true;
     node->next = nullptr;
     (loop->tail != nullptr ? loop->tail->next : loop->head) = node;
     loop->tail = node;
-    // Under the lock: once it is let go, the event may have run and the loop may be gone.
+    // Inside the lock: after unlocking, the event may have run and freed the loop.
     const uint64_t one = 1;
     (void)write(loop->wakeFd, &one, sizeof(one));
 }
@@ -69,8 +69,8 @@ void HvCancel(hloop_t* loop, HvNode* node) {
     node->queued = false;
 }
 
-// One node a wake-up: a callback that stops the loop ends it here, and what is still queued keeps
-// its wake-up.
+// One node for each wake-up. If its callback stops the loop, the remaining nodes keep their
+// wake-ups.
 void HvOnWake(evutil_socket_t fd, short /*what*/, void* arg) {
     auto* loop = static_cast<hloop_t*>(arg);
     uint64_t one = 0;

@@ -19,8 +19,8 @@ bool MakeAddress(const char* host, int port, sockaddr_in* address) {
     return host == nullptr || host[0] == '\0' || inet_pton(AF_INET, host, &address->sin_addr) == 1;
 }
 
-// A TCP port whose last connections are in TIME_WAIT must be free at once for the next start. A UDP
-// port is taken without that option, which there would let two processes share it unnoticed.
+// SO_REUSEADDR makes a TCP port available although its last connections are in TIME_WAIT. On a UDP
+// port it would let two processes share the port unnoticed.
 hio_t* CreateServer(hloop_t* loop, const char* host, int port, int type) {
     sockaddr_in address;
     if (loop == nullptr || !MakeAddress(host, port, &address)) {

@@ -1,4 +1,4 @@
-// Bytes and connections: what happens when an io's descriptor or timer is ready, and sending.
+// Sending, accepting and receiving: what libevent calls when an io's descriptor or timer is ready.
 #include <sys/socket.h>
 
 #include <atomic>
@@ -14,15 +14,15 @@
 
 namespace {
 
-// Bytes that all ios of the process have queued.
+// Bytes queued on all ios of the process.
 std::atomic<size_t> g_queued{0};
 
 bool IsTransient(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
-// Any failure that is not about one connection leaves that connection in the backlog, where it
-// would make the descriptor readable at once again: the listener rests for a moment instead.
+// An error that concerns no single connection leaves the connection in the backlog. The descriptor
+// would be readable again at once, so the listener pauses.
 void PauseAccept(hio_t* io, int error) {
     if (!io->starved) {
         KV_ERROR("accept failed: %s, trying again every %u ms", strerror(error), kHvAcceptRetryMs);
@@ -58,8 +58,8 @@ void Accept(hio_t* listener) {
     listener->onAccept(io);
 }
 
-// The byte behind the data is NUL, so text functions stay within what arrived. One read a wake-up:
-// the callback may close, move or re-equip the io, so nothing of it is touched afterwards.
+// A NUL follows the data, so text functions stay within it. Reads once for each wake-up: the
+// callback may close or move the io, so the code must not touch it afterwards.
 void Receive(hio_t* io) {
     char* const buffer = io->base.loop->readBuffer;
     const bool datagram = io->kind == HvKind::kDatagram;
@@ -85,7 +85,7 @@ void Receive(hio_t* io) {
     }
 }
 
-// False when the connection is lost.
+// False if the connection is lost.
 bool Flush(hio_t* io) {
     while (evbuffer_get_length(io->output) > 0) {
         const auto size = static_cast<ev_ssize_t>(evbuffer_get_contiguous_space(io->output));
@@ -123,12 +123,12 @@ bool Queue(hio_t* io, const char* bytes, size_t len) {
         errno = ENOBUFS;
         return false;
     }
-    // An io that is still being handed over starts to send when it starts to read.
+    // An io in a hand-over starts to send when it starts to read.
     return !HvOnLoopThread(io->base.loop) ||
            (HvAssign(io) == 0 && event_add(&io->writeEvent, nullptr) == 0);
 }
 
-// The io is closed once the callback in progress is over, so that the caller may still use it.
+// The io is closed after the current callback, so the caller may still use it.
 int FailWrite(hio_t* io) {
     const int error = errno;
     io->broken = true;
@@ -218,7 +218,7 @@ void HvOnIoTimer(evutil_socket_t /*fd*/, short /*what*/, void* arg) {
     } else if (io->closing) {
         HvCloseNow(io);
     } else {
-        // Arrivals only leave their time, so the timer may run out early; it then waits the rest.
+        // An arrival only stores its time, so the timer may fire early. It then waits for the rest.
         const int64_t left = io->lastArrivalMs + io->readTimeoutMs - kv::MonotonicMilliseconds();
         if (left > 0) {
             (void)HvStartTimer(loop, &io->timerEvent, static_cast<uint32_t>(left));

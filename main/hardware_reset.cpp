@@ -19,8 +19,7 @@ constexpr int kTriggerCount = 10;
 
 constexpr const char* kFactoryReset[] = {
     "sync",
-    // Kept: 1 here, where a restart of the application writes 3; nothing has to be started
-    // afterwards.
+    // Kept: 1 here, although a restart of the application writes 3.
     "echo 1 > /proc/sys/vm/drop_caches",
     "rm -rf /param/var/*",
     "rm /param/*debug*",
@@ -31,7 +30,7 @@ constexpr const char* kFactoryReset[] = {
 
 std::atomic<int> g_run = {0};
 
-// 0 once the child was waited for, whatever its status, and 1 when no child could be created.
+// Returns 0 if the command ran, whatever its status, and 1 if no child could be created.
 int __KV_ExecuteCmd(const char* cmd) {
     return KV_ShellRun(cmd, nullptr) == 1 ? 1 : 0;
 }
@@ -45,13 +44,13 @@ void FactoryReset() {
     }
 }
 
-// Samples the button once a second. True after the tenth pressed sample in a row, false when asked
-// to end.
+// Samples the button once a second. Returns true after ten pressed samples in a row, false when
+// asked to end.
 bool WatchButton(const char* function) {
     int value = 1;
     int count = 0;
     while (g_run.load() != 0) {
-        // A line that became unreadable keeps its last value.
+        // A failed read keeps the last value.
         (void)KV_GPIO_GetValue(kv::kResetButtonGpio, &value);
         if (value == 0) {
             ++count;

@@ -1,13 +1,13 @@
-// Reset button: while cameraMain is silent, ten pressed samples one second apart clear the
-// persistent settings and reboot. Started and stopped by the monitor, on the supervisor loop's
-// thread; neither call blocks.
+// Reset button: while cameraMain is silent, ten pressed samples one second apart delete the
+// persistent settings and reboot. Only the monitor calls these functions, on the supervisor loop's
+// thread. They do not block.
 #pragma once
 
-// Starts watching the button; does nothing while it is watched. Each success sets the process to
-// ignore SIGPIPE, as start-up has done already. 0, or -1 printed when no thread can be created
-// (later calls then return 0 without trying again).
+// Starts watching the button. Does nothing if it is already watched. A started thread also makes
+// the process ignore SIGPIPE, as start-up has already done. Returns 0. Returns -1 and prints the
+// reason if no thread can be created; later calls then return 0 without trying again, until a stop.
 int HardwareResetStart(void);
 
-// Asks the thread to end; it does so within one second, by itself. A start within that second
-// leaves two threads watching until the next stop. A reset that has begun goes on.
+// Asks the thread to end, which it does within a second. A start within that second leaves two
+// threads watching until the next stop. Does not stop a reset that has begun.
 void HardwareResetStop(void);

@@ -17,7 +17,7 @@
 
 namespace {
 
-// Where a heartbeat carries its ready flag.
+// Offset of the ready flag in a heartbeat.
 constexpr int kReadyOffset = 32;
 
 MonitoredProcess g_cameraMain = {kv::kAppName, 0, 5, 120, 1, 1, 0, 0};
@@ -28,8 +28,8 @@ uint32_t Now() {
 
 MonitorDecision DecideOnHeartbeat(MonitoredProcess* process, const MonitorInput& input) {
     MonitorDecision decision = {};
-    // The first heartbeat after a silence leaves the button thread alone: only the second one in a
-    // row shows that the application owns the button again.
+    // The first heartbeat after a silence does not stop the button thread. Only the second in a row
+    // shows that the application owns the button again.
     decision.stopButton = process->online == 1;
     if (input.ready) {
         process->restart_hold = 0;
@@ -38,8 +38,7 @@ MonitorDecision DecideOnHeartbeat(MonitoredProcess* process, const MonitorInput&
     process->last_seen = input.now;
     process->online = 1;
     decision.removeMarker = input.marker;
-    // Kept: one second in four, however often heartbeats arrive, because readers of the log count
-    // on that rate.
+    // Kept: logged in one second out of four, however often heartbeats arrive.
     decision.logOnline = (process->last_seen & 3U) == 0;
     return decision;
 }
@@ -53,7 +52,7 @@ MonitorDecision DecideOnSilence(MonitoredProcess* process, const MonitorInput& i
         if (process->restart_budget != 0) {
             --process->restart_budget;
             decision.step = MonitorStep::kRestart;
-            // The next escalation comes half a start time-out later, not a whole one.
+            // The next step follows after half a start time-out, not a whole one.
             process->last_seen = input.now - process->start_timeout / 2U;
         } else {
             decision.step = input.marker ? MonitorStep::kRecover : MonitorStep::kReboot;
@@ -63,9 +62,9 @@ MonitorDecision DecideOnSilence(MonitoredProcess* process, const MonitorInput& i
     return decision;
 }
 
-// Whether the flash writer leaves the device to the monitor. Asked in front of each step that it
-// must not meet, as it may start while the step before runs: a reset in the middle of an erase
-// leaves the device without firmware, and whatever runs beside the writer takes its memory.
+// Whether the monitor may act, that is, no flash writer runs. Asked before each step, because the
+// writer may start during the previous step. A reset in the middle of an erase leaves the device
+// without firmware, and services beside the writer take its memory.
 bool MayAct() {
     return KV_UPGRADE_IsUpgrading() == 0;
 }
@@ -73,10 +72,10 @@ bool MayAct() {
 void RestartApplication() {
     KV_ShellEcho("killall -9 wpa_supplicant");
     KV_ShellEcho("sync");
-    // Kept: 3 here, where the factory reset writes 1; a restart wants the most memory back.
+    // Kept: 3 here, although the factory reset writes 1.
     KV_ShellEcho("echo 3 > /proc/sys/vm/drop_caches");
     KV_ShellEcho("sleep 3");
-    // The writer killed the application on purpose.
+    // The flash writer may have started; it killed the application on purpose.
     if (MayAct()) {
         KV_ShellEcho("startapp.sh");
     }
@@ -86,9 +85,9 @@ void RebootDevice() {
     if (MayAct()) {
         KV_ShellEchoFormat("touch %s", kv::kRebootMarker);
     }
-    // A writer that started meanwhile keeps the marker. Its partition may be the one being erased,
-    // and all that the marker costs is a forced reboot: the next boot enters recovery without one
-    // when the new firmware stays silent, and a heartbeat removes it.
+    // If a writer has started meanwhile, the marker stays: its partition may be the one being
+    // erased. The marker costs at most one forced reboot. If the new firmware stays silent, the
+    // next boot goes to recovery without that reboot; a heartbeat removes the marker.
     if (MayAct()) {
         (void)KV_FH_WDT_Reboot();
     }
@@ -170,8 +169,8 @@ void KV_MONITOR_Begin(void) {
 
 void __KV_cameraMainHeartbeatRead(hio_t* io, void* buf, int readbytes) {
     (void)io;
-    // The text ends at the first NUL or with the datagram, and a short datagram carries no ready
-    // flag: nothing outside what was received counts.
+    // Only received bytes count: the text ends at its first NUL or with the datagram, and a short
+    // datagram has no ready flag.
     const char* const text = static_cast<const char*>(buf);
     const size_t size = readbytes > 0 ? static_cast<size_t>(readbytes) : 0;
     const char* const name = g_cameraMain.name;

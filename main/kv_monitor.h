@@ -1,7 +1,7 @@
-// cameraMain monitor: turns heartbeats and their absence into restart, reboot and recovery.
+// cameraMain monitor: answers missing heartbeats with a restart, a reboot, then recovery.
 //
-// The decision (KV_MONITOR_Decide) knows no clock, shell or socket; the acting stands beside it.
-// Everything here runs on the supervisor loop's thread, so the record needs no lock.
+// The decision (KV_MONITOR_Decide) uses no clock, shell or socket; kv_monitor.cpp acts on it.
+// Everything runs on the supervisor loop's thread, so the record needs no lock.
 #pragma once
 
 #include <cstdint>
@@ -13,23 +13,23 @@ struct MonitoredProcess {
     // Monotonic seconds of the last heartbeat; moved back after a restart. Differences wrap at 32
     // bits.
     uint32_t last_seen;
-    // Seconds of silence beyond which the process counts as offline.
+    // The process counts as offline after more seconds of silence than this.
     uint16_t heartbeat_timeout;
-    // Seconds of silence beyond which it is restarted, or the device rebooted.
+    // The process is restarted, or the device rebooted, after more seconds of silence than this.
     uint16_t start_timeout;
-    // Restarts left for the life of this process; never refilled.
+    // Restarts left in the life of this program; never refilled.
     uint8_t restart_budget;
     uint8_t online;
-    // While set, silence is only logged. Nothing in this program sets it: it is there for a
-    // protocol of the sender's.
+    // While set, silence is only logged. Nothing in this program sets it; it is reserved for the
+    // application's side of the protocol.
     uint8_t restart_hold;
-    // Monotonic seconds of the last heartbeat with a ready flag; kept, not read.
+    // Monotonic seconds of the last heartbeat with a ready flag. Nothing reads it.
     uint32_t ready_time;
 };
 
 struct MonitorInput {
     uint32_t now;
-    // A heartbeat arrived; otherwise the check timer found silence.
+    // A heartbeat has arrived; otherwise the check timer has found silence.
     bool heartbeat;
     // The heartbeat's ready flag.
     bool ready;
@@ -46,19 +46,19 @@ struct MonitorDecision {
     bool startButton;
     bool removeMarker;
     bool logOnline;
-    // Silence: offline is logged, with offTime seconds.
+    // Log that the process is offline, with offTime seconds of silence.
     bool logOffline;
     uint32_t offTime;
     MonitorStep step;
 };
 
-// What to do at `input.now`; brings the record up to date.
+// Decides what to do at `input.now` and updates the record.
 MonitorDecision KV_MONITOR_Decide(MonitoredProcess* process, const MonitorInput& input);
 
-// Gives cameraMain its full time-out from now on. Before the loop runs.
+// Gives cameraMain its full time-out from now on. Call it before the loop runs.
 void KV_MONITOR_Begin(void);
 
-// Heartbeat read callback and 3000 ms check timer of the supervisor loop. The timer blocks the loop
-// for as long as the commands of a restart or a reboot take.
+// Heartbeat callback and 3000 ms check timer of the supervisor loop. They block the loop while
+// their commands run; a restart or a reboot takes seconds.
 void __KV_cameraMainHeartbeatRead(hio_t* io, void* buf, int readbytes);
 void __KV_cameraMainCheckTimer(htimer_t* timer);

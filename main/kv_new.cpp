@@ -1,6 +1,6 @@
-// The program's own operators of allocation. Its only form of `new` is the one that gives null when
-// there is no memory; the standard library's brings along exceptions and what prints them, which is
-// more code than the program itself.
+// The program's own allocation operators. It uses only the `new` that returns null without memory.
+// The standard library's operators pull in exceptions and the code that prints them, which is
+// larger than the program itself.
 #include <cstdlib>
 #include <new>
 

@@ -1,8 +1,8 @@
-// Address look-up of the static program: numeric IPv4 addresses, the only ones that it gives to the
-// ping library.
+// Address look-up of the static program. It handles only numeric IPv4 addresses; the ping library
+// gets no others.
 //
-// libevent and liboping refer to the C library's look-up. That one loads modules at run time from a
-// system that has another version of the C library, and it would be an eighth of the program.
+// libevent and liboping call the C library's look-up. That one would load modules at run time from
+// a system with another version of the C library, and it would take an eighth of the program.
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <net/if.h>
@@ -46,7 +46,7 @@ const char* gai_strerror(int /*error*/) {
     return "not a numeric address";
 }
 
-// What nothing in the program reaches.
+// Needed only for linking: nothing in the program calls these.
 
 int getnameinfo(const sockaddr* /*address*/, socklen_t /*length*/, char* /*host*/,
                 socklen_t /*hostSize*/, char* /*service*/, socklen_t /*serviceSize*/,

@@ -17,7 +17,7 @@
 namespace {
 
 constexpr size_t kMaxRoutes = 8;
-// The flash writer's transfer buffer stands on the stack of its run.
+// The flash writer has its transfer buffer on this stack.
 constexpr size_t kRunStack = 262144;
 
 struct SignalState {
@@ -28,7 +28,7 @@ struct SignalState {
 };
 
 SignalState g_signals = {nullptr, 0, -1, -1};
-// Runs due for each serial route: 0 idle, 1 running, 2 running with one more pending.
+// Runs due for each serial route: 0 idle, 1 running, 2 running and one pending.
 std::atomic<int> g_due[kMaxRoutes] = {};
 
 void StartThread(size_t stackSize, void* (*procedure)(void*), void* argument) {
@@ -91,7 +91,7 @@ int KV_SIGNAL_Install(const SignalRoute* routes, size_t count) {
         KV_ERROR("signals are not handled:%s", strerror(errno));
         return -1;
     }
-    // Only the handler's end: a full pipe must not hold up whatever thread the signal interrupted.
+    // Only the write end: a full pipe must not block the thread that a signal interrupted.
     (void)fcntl(ends[1], F_SETFL, O_NONBLOCK);
     g_signals = {routes, count, ends[0], ends[1]};
     for (size_t i = 0; i < count; ++i) {

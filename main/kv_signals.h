@@ -1,13 +1,13 @@
-// Signals, taken out of signal context: a handler only writes one byte to a pipe, a thread reads
-// the pipe and runs each procedure on a thread of its own, where tracing, locks and joins are safe.
+// Signals, handled outside signal context. A handler only writes a byte to a pipe. A thread reads
+// the pipe and runs each procedure on a thread of its own, where logging, locks and joins are safe.
 #pragma once
 
 #include <cstddef>
 
 enum class SignalMode {
-    // Every arrival runs the procedure, also while an earlier run is not over.
+    // Every arrival runs the procedure, even while an earlier run continues.
     kConcurrent,
-    // One run at a time; arrivals during a run are kept pending, as one, as the kernel would.
+    // One run at a time. Arrivals during a run leave one run pending, as in the kernel.
     kSerial,
 };
 
@@ -17,12 +17,13 @@ struct SignalRoute {
     void (*procedure)(int signal);
 };
 
-// Installs a handler for each route, in order. `routes` must stay valid for the life of the
-// process, at most 8. Main thread, once, before other threads start. Handlers rather than a blocked
-// mask, since shell children must not inherit blocked signals. 0, or -1 when no pipe can be had.
+// Installs a handler for each route, in order. `routes` has at most 8 entries and must stay valid
+// for the life of the process. Main thread, once, before other threads start; does not block.
+// Returns 0. Returns -1 with a log line if there is no pipe; the signals then keep their default
+// actions.
 int KV_SIGNAL_Install(const SignalRoute* routes, size_t count);
 
-// Starts to run the procedures, first for the signals that have arrived since the installation:
-// what a procedure undoes can be set up in between. Main thread, once; nothing when the
-// installation failed. Aborts when the thread cannot be created.
+// Starts running the procedures, first for signals that have arrived since the installation. So the
+// caller can set up in between what a procedure undoes. Main thread, once; does not block. Does
+// nothing if the installation failed. Aborts if the thread cannot be created.
 void KV_SIGNAL_Serve();

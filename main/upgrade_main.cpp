@@ -1,4 +1,4 @@
-// Entry: signals, watchdog, choice of the mode, supervisor loop.
+// Program entry: signals, watchdog, choice of the mode, supervisor loop.
 #define KV_TRACE_NAME "upgrade_main"
 #include <fcntl.h>
 #include <unistd.h>
@@ -39,7 +39,7 @@ void upgreade_fun_sig(int signal) {
         return;
     }
     KV_DEBUG_AT(300, "Start Exit!");
-    // Disarmed first, so that a slow shutdown is not cut short by a reset.
+    // First, so a slow shutdown is not cut short by a reset.
     (void)KV_FH_WDT_Stop();
     (void)KV_WIFI_StaStop();
     (void)KV_MINI_ServiceStop();
@@ -58,9 +58,8 @@ constexpr SignalRoute kSignals[] = {
     {SIGUSR2, SignalMode::kSerial, KV_UPGRADE_Proc},
 };
 
-// Neither a log that nobody reads any more nor one that never was may end or mislead the program: a
-// broken pipe is an error like others, and a standard descriptor that is closed must not become the
-// watchdog's.
+// Nobody may be reading the log, or its descriptor may be closed. A broken pipe must be an ordinary
+// error, and the watchdog must not be opened on a standard descriptor's number.
 void PrepareOutput() {
     (void)signal(SIGPIPE, SIG_IGN);
     int fd = -1;
@@ -70,18 +69,17 @@ void PrepareOutput() {
     if (fd >= 0) {
         (void)close(fd);
     }
-    // An echoed command must stand in front of what the command prints, also on a pipe.
+    // An echoed command must appear before the command's own output, even on a pipe.
     (void)setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 }
 
-// Starts the recovery services where they are due. `function` is the name under which the choice is
-// logged.
+// Starts recovery if it is due. `function` is the name in the log.
 void ChooseMode(const char* function) {
     if (access(kv::kAppPath, F_OK) != 0) {
         KV_RECOVERY_Start();
         KV_Trace(KV_LEVEL_INFO, KV_TRACE_NAME, 327, function, "app file not exist!");
     } else if (access(kv::kDebugMarker, F_OK) == 0) {
-        // The marker is consumed: it asks for recovery on one boot only.
+        // Removed first: the marker asks for recovery on one boot only.
         KV_ShellEchoFormat("rm %s", kv::kDebugMarker);
         KV_RECOVERY_Start();
     } else {
@@ -95,7 +93,7 @@ void PrepareLoop(hloop_t* loop) {
         hio_setcb_read(heartbeat, __KV_cameraMainHeartbeatRead);
         (void)hio_read(heartbeat);
     } else {
-        // What follows looks like an application that is silent for good.
+        // From here on this looks like an application that stays silent.
         KV_ERROR("no heartbeats can be received, udp %s:%d: %s", kv::kHeartbeatHost,
                  kv::kHeartbeatPort, strerror(errno));
     }
@@ -111,7 +109,7 @@ int main() {
 #endif
     (void)KV_SIGNAL_Install(kSignals, sizeof(kSignals) / sizeof(kSignals[0]));
     (void)KV_FH_WDT_Start();
-    // Only now, so that an exit asked for this early disarms the watchdog and does not miss it.
+    // After the watchdog's start: an early exit request must find it armed, to disarm it.
     KV_SIGNAL_Serve();
     ChooseMode(__func__);
     KV_MONITOR_Begin();
@@ -121,8 +119,8 @@ int main() {
         PrepareLoop(loop);
         (void)hloop_run(loop);
     }
-    // Nothing stops the loop, and once it has returned it no longer exists; the other threads go
-    // on.
+    // Reached only if the loop cannot be created or fails. The loop is freed by then; the other
+    // threads continue.
     for (;;) {
         (void)sleep(10000);
     }

@@ -2,8 +2,8 @@
 
 namespace {
 
-// The standard's tables. An entry of a permutation is the number of the input bit that goes to its
-// place; bit 1 is the most significant.
+// The standard's tables. Each entry of a permutation is the number of the input bit for that place;
+// bit 1 is the most significant.
 constexpr uint8_t kPermutedChoice1[56] = {57, 49, 41, 33, 25, 17, 9,  1,  58, 50, 42, 34, 26, 18,
                                           10, 2,  59, 51, 43, 35, 27, 19, 11, 3,  60, 52, 44, 36,
                                           63, 55, 47, 39, 31, 23, 15, 7,  62, 54, 46, 38, 30, 22,
@@ -14,8 +14,8 @@ constexpr uint8_t kInitialPermutation[64] = {
     14, 6,  64, 56, 48, 40, 32, 24, 16, 8,  57, 49, 41, 33, 25, 17, 9,  1,  59, 51, 43, 35,
     27, 19, 11, 3,  61, 53, 45, 37, 29, 21, 13, 5,  63, 55, 47, 39, 31, 23, 15, 7};
 
-// Rotations of the key halves before each round: to the left when enciphering, by the negative
-// number to the right when deciphering.
+// Rotations of the key halves before each round: positive to the left (encrypt), negative to the
+// right (decrypt).
 constexpr int8_t kEncipherShifts[16] = {1, 1, 2, 2, 2, 2, 2, 2, 1, 2, 2, 2, 2, 2, 2, 1};
 constexpr int8_t kDecipherShifts[16] = {0,  -1, -2, -2, -2, -2, -2, -2,
                                         -1, -2, -2, -2, -2, -2, -2, -1};
@@ -90,7 +90,7 @@ void Store(uint64_t value, uint8_t* bytes) {
     }
 }
 
-// Rotates a half of the key to the left; a negative shift turns it to the right.
+// Rotates a key half to the left, or to the right if `shift` is negative.
 uint32_t Rotate(uint32_t half, int shift) {
     const int left = (shift + kHalfKeyBits) % kHalfKeyBits;
     return ((half << left) | (half >> (kHalfKeyBits - left))) & kHalfKeyMask;

@@ -21,10 +21,9 @@ constexpr size_t kThreadStackSize = 0x20000;
 
 struct LoopSlot {
     hloop_t* loop;
-    // The thread is kept here because libhv's hloop_tid names a kernel thread, which cannot be
-    // joined.
+    // Stored for the join, because libhv's hloop_tid returns a kernel thread ID.
     pthread_t thread;
-    // Connections on their way to this loop that hloop_nios does not count yet.
+    // Connections on their way to this loop, not yet counted by hloop_nios.
     std::atomic<uint32_t> pending;
 };
 
@@ -47,8 +46,8 @@ void StopOwnLoop(hevent_t* event) {
 }
 
 void EmptySlot(LoopSlot* slot) {
-    // A posted stop takes effect at once and also reaches a loop whose thread has not entered
-    // hloop_run yet; and it comes behind every hand-over that was posted before.
+    // A posted stop also reaches a loop whose thread has not entered hloop_run. It runs after every
+    // hand-over posted before.
     hevent_t stop{};
     stop.cb = StopOwnLoop;
     hloop_post_event(slot->loop, &stop);
@@ -96,7 +95,7 @@ void Arrive(hevent_t* event) {
     Passage* passage = static_cast<Passage*>(hevent_userdata(event));
     hio_attach(hevent_loop(event), passage->io);
     passage->serve(passage->io);
-    // Last, so that the acceptor never finds the connection in neither count.
+    // Last, so the acceptor always finds the connection in one of the counts.
     passage->slot->pending.fetch_sub(1);
     delete passage;
 }
@@ -108,11 +107,10 @@ int KV_HV_LoopPoolInit(void) {
     g_pool.ending = false;
     for (LoopSlot& slot : g_pool.slots) {
         if (slot.loop != nullptr) {
-            // Running since an earlier call that failed at a later slot.
+            // Left running by a call that failed at a later slot.
             continue;
         }
-        // Without HLOOP_FLAG_AUTO_FREE: a loop that frees itself when it ends is gone before it can
-        // be joined and freed in the order that removal needs.
+        // No HLOOP_FLAG_AUTO_FREE: EmptySlot frees the loop after joining its thread.
         slot.loop = hloop_new(0);
         if (slot.loop == nullptr) {
             KV_FAILED("loop new failed!");
@@ -126,8 +124,8 @@ int KV_HV_LoopPoolInit(void) {
     }
     KV_DEBUG("LoopPoolInit Init Success!");
     g_pool.inited = 1;
-    // libhv counts a loop's own wake-up descriptor from when it runs: without the wait the first
-    // choices between workers would depend on which thread was quicker.
+    // A running libhv loop counts its own wake-up descriptor. Without the wait, thread start-up
+    // times would decide the first choices between workers.
     KV_HV_LoopPoolSettle();
     return 0;
 }
@@ -142,7 +140,7 @@ int KV_HV_LoopPoolDeInit(void) {
         return -1;
     }
     g_pool.inited = 0;
-    // The acceptor ends first, so that no connection is handed to a worker that is gone.
+    // The acceptor ends first: it must not hand a connection to a worker that is gone.
     for (LoopSlot& slot : g_pool.slots) {
         EmptySlot(&slot);
     }
@@ -172,11 +170,11 @@ hloop_t* KV_HV_GetWorkLoop(void) {
     return LeastLoadedWorker()->loop;
 }
 
-// Does not go through KV_HV_GetWorkLoop: an accept that runs while the pool is being removed must
-// not create another one. The workers outlive the acceptor's thread, so the choice is valid.
+// Does not use KV_HV_GetWorkLoop: an accept during removal must not create a new pool. The workers
+// outlive the acceptor's thread, so the choice stays valid.
 void KV_HV_HandOver(hio_t* io, void (*serve)(hio_t* io)) {
 #ifdef KV_HV_SYSTEM
-    // libhv's hio_attach is for the worker's own thread.
+    // libhv's hio_attach must run on the worker's thread.
     Passage* passage = new (std::nothrow) Passage{io, nullptr, serve};
     if (passage == nullptr) {
         (void)hio_close(io);

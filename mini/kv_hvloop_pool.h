@@ -1,52 +1,50 @@
-// The event loops that carry the mini services: four loops, each on a thread of its own. Slot 0
-// accepts TCP connections; slots 1 to 3, the workers, carry the connections and the discovery
-// socket.
+// The event loops of the mini services: four loops, each on its own thread. Slot 0 accepts TCP
+// connections. Slots 1 to 3, the workers, carry the connections and the discovery socket.
 //
-// Unless said otherwise the functions are for the thread that starts and stops the services, one
-// call at a time, and never for a thread of the pool itself.
+// Unless its comment says otherwise, call a function from the thread that starts and stops the
+// services, one call at a time, and never from a thread of the pool.
 #pragma once
 
 #include "hv/hloop.h"
 
-// Creates the pool: loops and threads, each thread with a stack of 128 KiB, and waits until all
-// loops run. Returns 0; -1 when a loop cannot be created, after which the pool does not count
-// as created: loops made so far keep running, and the next call adds the missing ones. A thread
-// that cannot be created aborts the process.
+// Creates the loops and their threads (stacks of 128 KiB) and waits until all loops run. Returns 0.
+// Returns -1 when a loop cannot be created: the pool then does not count as created, its existing
+// loops keep running, and the next call adds the missing ones. Aborts the process when a thread
+// cannot be created.
 int KV_HV_LoopPoolInit(void);
 
-// The same for a pool that must not exist yet: -1, and nothing happens, when it does.
+// The same, but returns -1 and does nothing if the pool exists.
 int KV_HV_LoopPoolStart(void);
 
-// Stops, joins and frees the loops, slot by slot, and closes every connection that they still hold.
-// Sockets that a module opened on a loop of the pool are closed too, so the module must have let
-// them go before. Blocks until each loop has finished the callback it is in. Returns 0; -1 without
-// a pool.
+// Stops, joins and frees the loops, slot by slot, and closes their connections. Every socket left
+// on a loop is closed and freed, so modules must close theirs first. Blocks until each loop has
+// finished its current callback. Returns 0, or -1 without a pool.
 int KV_HV_LoopPoolDeInit(void);
 
-// Tells the callbacks on the loops that the pool is about to be removed: those that serve a request
-// return at once from now on, so that a stop does not wait for the requests that have queued up.
-// Holds until the pool is created again. Any thread; does not block.
+// Marks the pool as ending. Callbacks that serve requests then return at once, so a stop does not
+// wait for queued requests. The mark stays until the pool is created again. Any thread; does not
+// block.
 void KV_HV_LoopPoolAnnounceEnd(void);
 bool KV_HV_LoopPoolIsEnding(void);
 
-// The loop that accepts connections; creates the pool when there is none. Null when that fails.
+// Returns the loop that accepts connections. Creates the pool if there is none; null if that fails.
 hloop_t* KV_HV_GetAcceptLoop(void);
 
-// The worker loop with the fewest ios, the lower slot among equals; creates the pool when there is
-// none. Null when that fails.
+// Returns the worker loop with the fewest ios, the lowest slot among equals. Creates the pool if
+// there is none; null if that fails.
 hloop_t* KV_HV_GetWorkLoop(void);
 
-// Moves a connection that was just accepted to the least loaded worker and calls `serve`, which
-// sets the callbacks and starts to read. For accept callbacks on the acceptor loop only. Does not
-// block. `serve` has run on return with the bundled event loop, and runs on the worker's thread
-// with libhv: it must suit both. A connection that cannot be moved is closed.
+// Moves a just accepted connection to the least loaded worker and calls `serve`, which sets the
+// callbacks and starts reading. Closes a connection that it cannot move. Call it only from accept
+// callbacks on the acceptor loop. Does not block. `serve` must suit both event loops: the bundled
+// one has run it before this function returns, libhv runs it on the worker's thread.
 void KV_HV_HandOver(hio_t* io, void (*serve)(hio_t* io));
 
-// Runs `procedure(loop, arg)` on the thread of one of the pool's loops and waits for its end:
-// behind the callback that the loop is in, and behind what was posted to it before. Whatever
-// touches a loop's sockets from outside goes this way. Any thread but those of the pool.
+// Runs `procedure(loop, arg)` on the thread of a loop of the pool and waits until it is done. It
+// runs after the loop's current callback and after everything posted before. All access to a loop's
+// sockets from other threads goes this way. Any thread but those of the pool.
 void KV_HV_RunOnLoop(hloop_t* loop, void (*procedure)(hloop_t* loop, void* arg), void* arg);
 
-// Waits until every loop of the pool has finished the callback it is in now and has done what was
-// posted to it before. Returns at once without a pool. Any thread but those of the pool.
+// Waits until every loop has finished its current callback and everything posted to it before.
+// Returns at once without a pool. Any thread but those of the pool.
 void KV_HV_LoopPoolSettle(void);

@@ -20,16 +20,16 @@
 
 namespace {
 
-// The lock lets a stop from the exit handler come while another thread starts the services.
+// The exit handler may stop the services while another thread starts them.
 struct {
     pthread_mutex_t lock;
     bool started;
     hloop_t* loop;
-    // Touched on the loop's thread only.
+    // Used on the loop's thread only.
     hio_t* io;
 } g_discovery = {PTHREAD_MUTEX_INITIALIZER, false, nullptr, nullptr};
 
-// The same in every reply, and enciphering it costs a tenth of answering one.
+// The same in every reply. Computing it takes a tenth of the time of a reply, so it is done once.
 struct {
     pthread_once_t once;
     uint8_t bytes[sizeof(kv::DiscoveryReply::enciphered)];
@@ -42,7 +42,7 @@ static_assert(sizeof(kv::DiscoveryReply::ipAddress) >= kv::kNetAddressSize &&
                   sizeof(kv::DiscoveryReply::macAddress) >= kv::kNetMacTextSize,
               "the readers of net/ write straight into the reply");
 
-// Copies a constant text, without its zero, into a zeroed field that may be just as long.
+// Copies a constant text without its NUL into a zeroed field, which it may fill completely.
 template <size_t fieldSize, size_t textSize>
 void PutText(char (&field)[fieldSize], const char (&text)[textSize]) {
     static_assert(textSize - 1 <= fieldSize, "the field holds the text");
@@ -58,7 +58,7 @@ bool IsUsableAddress(const char* text) {
     return text[0] != '\0' && text[0] != '0' && strcmp(text, "1.0.0.0") != 0;
 }
 
-// Results are not looked at: what cannot be read stays zero, and the client sees the rest.
+// Ignores failures: a setting that cannot be read stays zero, and the client still gets the others.
 void __KV_MINI_GetNetworkInfo(kv::DiscoveryReply* reply) {
     const char* ifname = kv::kEthInterface;
     (void)KV_NET_GetIpAddr(ifname, reply->ipAddress);
@@ -94,7 +94,7 @@ void EncipherAccount() {
                 reinterpret_cast<const uint8_t*>(kv::kDiscoveryKey), sizeof(plain));
 }
 
-// A text of the sender's, which may lack its zero.
+// A text from the sender, which may lack its NUL.
 template <size_t size>
 kv::LogText Shown(const char (&field)[size]) {
     return kv::LogText(field, strnlen(field, size));
@@ -142,7 +142,7 @@ void __KV_MINI_OnRecvfrom(hio_t* io, void* buf, int readbytes) {
     }
 }
 
-// On the loop's thread. *arg says how it went: 0 or an error number.
+// On the loop's thread. *arg becomes 0 or an error number.
 void OpenSocket(hloop_t* loop, void* arg) {
     hio_t* io = hloop_create_udp_server(loop, "", kv::kDiscoveryPort);
     if (io == nullptr) {
@@ -162,7 +162,7 @@ void CloseSocket(hloop_t* /*loop*/, void* /*arg*/) {
     g_discovery.io = nullptr;
 }
 
-// Cuts what ends a line, whichever system wrote the file.
+// Cuts the line end, "\n" or "\r\n".
 void CutLineEnd(char* line) {
     char* feed = strrchr(line, '\n');
     if (feed == nullptr) {
@@ -212,8 +212,7 @@ int KV_MINI_DiscoverInit(void) {
     }
     g_discovery.loop = loop;
     g_discovery.started = true;
-    // Kept: the start reports in the words of the stop, because those who follow a device's log
-    // look for this line.
+    // Kept: the start logs the stop's message. Log readers look for this line.
     KV_DEBUG("Discovery Deinit Success!");
     return 0;
 }

@@ -1,6 +1,6 @@
-// Bytes of the discovery protocol: a search datagram to UDP port kv::kDiscoveryPort and the reply
-// to it. Shared by the responder and by the PC tool. Numbers are little-endian (common/kv_le.h)
-// unless said otherwise, texts end in a zero within their field, and bytes without a name are zero.
+// Wire layout of the discovery protocol: a search datagram to UDP port kv::kDiscoveryPort and its
+// reply. Shared by the responder and the PC tool. Numbers are little-endian (common/kv_le.h) unless
+// marked otherwise. Texts end with a NUL within their field. Unnamed bytes are zero.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@ namespace kv {
 
 constexpr char kDiscoveryMagic[12] = "searching..";
 
-// Message types. A device answers the search only.
+// Message types. A device answers only the search.
 constexpr uint8_t kDiscoverySearch = 10;     // DSC_MT_SEARCH
 constexpr uint8_t kDiscoveryFound = 11;      // the reply
 constexpr uint8_t kDiscoveryModify = 12;     // DSC_MT_MODIFY
@@ -28,7 +28,7 @@ static_assert(offsetof(DiscoveryRequest, type) == 12 &&
                   offsetof(DiscoveryRequest, sourceAddress) == 16 &&
                   offsetof(DiscoveryRequest, sourceMac) == 32,
               "wire offsets of a request");
-// A request needs magic and type; what is missing behind them counts as zero.
+// A request needs its magic and type. Missing bytes after them count as zero.
 constexpr size_t kDiscoveryRequestMin = 13;
 
 struct DiscoveryPlatform {
@@ -45,7 +45,7 @@ static_assert(offsetof(DiscoveryPlatform, ucDevType) == 12 &&
                   offsetof(DiscoveryPlatform, ucP2pSerialNum) == 156,
               "wire offsets of the platform record");
 
-// Fields whose meaning is not known are named after their offset; clients expect the values below.
+// Fields of unknown meaning are named after their offset. Clients expect the values below.
 struct DiscoveryReply {
     char magic[12];
     uint8_t type;
@@ -93,8 +93,8 @@ constexpr uint32_t kDiscoveryPlatformWord8 = 500;
 constexpr char kDiscoveryDevType[] = "IPCAMERA";
 constexpr char kDiscoveryAccount[] = "admin";
 
-// DES key of the enciphered field, 8 characters, and what the field holds in plain: a client that
-// deciphers it reads the account as a text.
+// DES key and plain text of the encrypted field. A client that decrypts the field reads the account
+// as a text.
 constexpr char kDiscoveryKey[] = "86028602";
 struct DiscoveryPlain {
     char account[8];

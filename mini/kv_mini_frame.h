@@ -1,5 +1,5 @@
-// Bytes of the mini protocol: the 32-byte header of every request and reply and the records behind
-// it. Shared by the server and by the PC tool.
+// Wire layout of the mini protocol: the 32-byte header of every request and reply, and the records
+// that follow it. Shared by the server and the PC tool.
 #pragma once
 
 #include <cstddef>
@@ -25,7 +25,7 @@ constexpr uint16_t kStatusDone = 0;
 constexpr uint16_t kStatusUnsupported = 2;
 constexpr uint16_t kStatusUpgradeBusy = 0xFFFF;
 
-// Header, 32 bytes; every field is little-endian on the wire.
+// Header, 32 bytes. Every field is little-endian.
 struct FrameHeader {
     uint8_t usKind[2];
     uint8_t usVersion[2];

@@ -22,8 +22,8 @@ namespace {
 
 constexpr int kHeaderLen = static_cast<int>(kv::kFrameHeaderSize);
 constexpr uint32_t kQueueMax = 65536;
-// A peer that has been silent for a minute is asked every fifteen seconds, and given up when it
-// does not answer four times.
+// Probe a peer after a minute of silence, then every fifteen seconds. Drop it after four missing
+// answers.
 constexpr struct {
     int level;
     int name;
@@ -53,9 +53,9 @@ constexpr Command kCommands[] = {
 struct ProtocolState {
     int inited;
     hio_t* listener;
-    // Kept: one session record and one reply buffer for all connections, without a lock, because
-    // that is the protocol's session model. Requests that workers handle at the same moment may mix
-    // their replies; tests/support/tsan.supp names this place.
+    // Kept: all connections share one session record and one reply buffer, without a lock. The
+    // protocol has one session. Requests that workers handle at the same moment may mix their
+    // replies; tests/support/tsan.supp names this place.
     SessionRecord session;
     std::atomic<uint8_t*> reply;
 };
@@ -73,7 +73,7 @@ const Command* FindCommand(uint16_t code) {
 
 int __KV_KorvanProtocolHandle(hio_t* io, const uint8_t* request, int requestLen, uint8_t* reply,
                               int* replyLen) {
-    // A chunk without a whole header is no more a request than one of another kind.
+    // A chunk without a complete header is refused like one of another kind.
     if (requestLen < kHeaderLen || kv::GetLe16(request) != kv::kFrameKind) {
         KV_ERROR("UNSUPPORT!!");
         return 0;
@@ -95,16 +95,16 @@ int __KV_KorvanProtocolHandle(hio_t* io, const uint8_t* request, int requestLen,
 void SendReply(hio_t* io, const uint8_t* reply, int replyLen) {
     const int result = hio_write(io, reply, static_cast<size_t>(replyLen));
     const int error = errno;
-    // A client that asks and never reads costs one queued reply: its next request waits.
+    // A client that asks and never reads costs one queued reply; its next request waits.
     if (hio_write_bufsize(io) > 0) {
         (void)hio_read_stop(io);
     }
     if (result > 0) {
         return;
     }
-    // Kept: the server closes the connection on this error only, and logs a reply that is queued
-    // whole (0) as a failure too, because the log's readers know both. The loop itself ends a
-    // connection whose send failed.
+    // Kept: the server itself closes the connection only for ENOTTY. It also logs a failure for a
+    // reply that was queued entirely (result 0). After any failed send the event loop closes the
+    // connection.
     if (error == ENOTTY) {
         (void)hio_close(io);
     }
@@ -121,7 +121,7 @@ void __KV_KorvanProtocolRead(hio_t* io, void* buf, int readbytes) {
     const uint8_t* request = static_cast<const uint8_t*>(buf);
     uint8_t* reply = g_protocol.reply;
     int replyLen = 0;
-    // Without a buffer the server is down, and this connection only waits for its loop to end.
+    // No buffer: the server is down, and this connection waits for its loop to end.
     if (reply != nullptr && !KV_HV_LoopPoolIsEnding()) {
         (void)__KV_KorvanProtocolHandle(io, request, readbytes, reply, &replyLen);
     }
@@ -129,7 +129,7 @@ void __KV_KorvanProtocolRead(hio_t* io, void* buf, int readbytes) {
         KV_FAILED("Korvan Protocol Handle failed!");
         return;
     }
-    // From here on the connection is the upgrade receiver's, which sends its own answers.
+    // The connection now belongs to the upgrade receiver, which sends its own replies.
     if (kv::GetLe16(request + offsetof(kv::FrameHeader, usCmd)) == kv::kCmdUpgrade) {
         return;
     }
@@ -196,7 +196,7 @@ int KV_MINI_ProtocolInit(int port) {
     }
     hloop_t* loop = KV_HV_GetAcceptLoop();
     KV_DEBUG("loop == %p", static_cast<void*>(loop));
-    // Before the socket, whose first client may be served before this function goes on.
+    // Before opening the socket: a client may be served before this function continues.
     memset(&g_protocol.session, 0, sizeof(g_protocol.session));
     g_protocol.reply = static_cast<uint8_t*>(malloc(kReplyBufferSize));
     if (loop != nullptr && g_protocol.reply != nullptr) {
@@ -219,8 +219,8 @@ int KV_MINI_ProtocolDeInit(void) {
     }
     g_protocol.inited = 0;
     KV_HV_RunOnLoop(KV_HV_GetAcceptLoop(), CloseListener, nullptr);
-    // Workers still serve. A callback that runs now may hold the buffer, one that starts later
-    // finds none: once every loop has been seen between two callbacks, the buffer is nobody's.
+    // Workers are still running. A callback in progress may hold the buffer; later ones find none.
+    // Once every loop is between callbacks, nobody uses it.
     uint8_t* reply = g_protocol.reply.exchange(nullptr);
     KV_HV_LoopPoolSettle();
     free(reply);

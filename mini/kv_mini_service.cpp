@@ -13,7 +13,7 @@
 namespace {
 
 std::atomic<int> g_serviceStarted;
-// A stop from the exit handler may come while another thread starts the services.
+// The exit handler may stop the services while another thread starts them.
 pthread_mutex_t g_serviceLock = PTHREAD_MUTEX_INITIALIZER;
 
 }  // namespace

@@ -1,17 +1,16 @@
-// The mini services as a whole: the loop pool, discovery and the protocol server.
+// Starts and stops the mini services together: the loop pool, discovery and the protocol server.
 #pragma once
 
-// Starts the services: pool, discovery, protocol server, in this order. A service that cannot start
-// reports it in the log and does not keep the others from starting. Any thread but those of the
-// pool; waits for a stop in progress. Always 0.
+// Starts the pool, discovery and the protocol server, in this order. A service that cannot start
+// logs it; the others start all the same. Any thread but those of the pool. Blocks until the
+// sockets are open, and while a stop runs. Returns 0.
 int KV_MINI_ServiceStart(void);
 
-// Stops them: discovery, protocol server, pool. Open connections end without a goodbye. Requests
-// that wait to be served are dropped. Blocks until each loop has finished the callback it is in,
-// which is seconds when that one runs a shell command. Any thread but those of the pool; waits for
-// a start in progress. Always 0.
+// Stops discovery, the protocol server and the pool, in this order. Open connections are closed and
+// waiting requests dropped. Blocks until each loop has finished its current callback (seconds if
+// that runs a shell command), and while a start runs. Any thread but those of the pool. Returns 0.
 int KV_MINI_ServiceStop(void);
 
-// 1 from the call of KV_MINI_ServiceStart to that of KV_MINI_ServiceStop, else 0; says nothing
-// about the success of either. Any thread.
+// Returns 1 from the call of KV_MINI_ServiceStart until the call of KV_MINI_ServiceStop, else 0,
+// even if either failed. Any thread; does not block.
 int KV_MINI_ServiceIsStarted(void);

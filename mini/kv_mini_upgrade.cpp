@@ -22,7 +22,7 @@ namespace {
 constexpr int kReadTimeoutMs = 20000;
 constexpr uint32_t kTrailerKept = 39;
 constexpr uint32_t kLargeTransfer = 0x600000;
-// The name under which the parts of the read callback report.
+// Function name in the log for all parts of the read callback.
 constexpr char kRead[] = "__KV_KorvanUpgradeRead";
 
 struct UpgradeRecvState {
@@ -34,11 +34,11 @@ struct UpgradeRecvState {
     char md5_buff[kTrailerKept + 1];
     FILE* trailer;
     uint8_t upGradeState;
-    // Nothing in the program sets it; KV_KorvanUpgradeStop clears it.
+    // Nothing in the program sets it. KV_KorvanUpgradeStop clears it.
     uint8_t startLock;
 };
 
-// What an arrival asks for once the state is settled.
+// What to do after an arrival, once the state is updated.
 enum class Outcome {
     kWait,      // More has to come.
     kStray,     // Bytes without a transfer.
@@ -47,9 +47,9 @@ enum class Outcome {
 };
 
 UpgradeRecvState g_receive;
-// Two connections may be in a transfer on two loops. Their bytes may mix, as every byte counts for
-// the one state there is, but neither may see a stream that the other has just closed. Never held
-// across a sleep or a shell command.
+// Two connections may transfer on two loops. Their bytes may mix, because all count for the one
+// state. The lock keeps one from using a stream that the other has closed. Never held across a
+// sleep or a shell command.
 pthread_mutex_t g_receiveLock = PTHREAD_MUTEX_INITIALIZER;
 
 void CloseStream(FILE** stream) {
@@ -59,7 +59,8 @@ void CloseStream(FILE** stream) {
     }
 }
 
-// Everything but upGradeState, which each caller treats in its own way, and the start lock.
+// Clears all but upGradeState, which callers handle differently, writeTotal, the kept trailer and
+// the start lock.
 void ClearTransfer(UpgradeRecvState* state) {
     CloseStream(&state->package);
     CloseStream(&state->trailer);
@@ -75,8 +76,8 @@ uint32_t WritePackage(UpgradeRecvState* state, const void* data, uint32_t len) {
     return written;
 }
 
-// Kept: a piece that does not fit is dropped whole, because half a digest would only be refused
-// later.
+// Kept: a piece that does not fit is dropped entirely. The transfer then waits until the read
+// time-out.
 void KeepTrailer(UpgradeRecvState* state, const uint8_t* data, uint32_t len) {
     if (state->Md5Totallength + len <= kTrailerKept) {
         memcpy(state->md5_buff + state->Md5Totallength, data, len);
@@ -86,16 +87,16 @@ void KeepTrailer(UpgradeRecvState* state, const uint8_t* data, uint32_t len) {
                state->Md5Totallength, kv::LogText(state->md5_buff).Get());
 }
 
-// Divides a chunk between package and trailer. `written` receives the package's share. Returns 0,
-// or -1 when the package took less than its share.
+// Splits a chunk between package and trailer. `written` receives the number of package bytes.
+// Returns 0, or -1 after a short write.
 int StoreChunk(UpgradeRecvState* state, const uint8_t* data, uint32_t len, uint32_t* written) {
     uint32_t share = 0;
-    // Kept: the sum wraps at 32 bits, because the counters on the wire do.
+    // Kept: the sum wraps at 32 bits.
     const bool crosses = state->recvedFileLen + len > state->fileTotallength;
     if (!crosses) {
         share = len;
     } else if (state->writeTotal < state->fileTotallength) {
-        // Two transfers at once can drive the two counts apart: never more than there is.
+        // Two transfers at once can make the two counts differ, so limit the share to the chunk.
         const uint32_t room = state->fileTotallength - state->recvedFileLen;
         share = room < len ? room : len;
     }
@@ -161,7 +162,7 @@ Outcome TakeChunk(UpgradeRecvState* state, const uint8_t* data, int len) {
     return Outcome::kWait;
 }
 
-// Forgets the transfer before. False while transfers are locked out.
+// Clears the previous transfer. Returns false while the start lock is set.
 bool ResetTransfer() {
     const MutexGuard guard(&g_receiveLock);
     if (g_receive.startLock != 0) {
@@ -175,16 +176,16 @@ bool ResetTransfer() {
 
 int CreatePackage() {
     const MutexGuard guard(&g_receiveLock);
-    // Another transfer may have begun since the reset.
+    // Another transfer may have started since the reset.
     CloseStream(&g_receive.package);
-    // A new file: a flash writer that has opened the accepted package keeps it.
+    // Creates a new file, so a flash writer that has opened the accepted package keeps it.
     (void)unlink(kv::kPackagePath);
     g_receive.package = fopen(kv::kPackagePath, "wb+e");
     return g_receive.package != nullptr ? 0 : -1;
 }
 
-// Kept: the bytes that came with the command are the package's whatever its announced length,
-// because a client whose count was wrong finds out by the digest.
+// Kept: bytes in the command's own chunk go into the package whatever length was announced. The
+// digest catches a wrong length.
 void StoreFirst(const uint8_t* data, int dataLen, uint32_t fileLength) {
     const MutexGuard guard(&g_receiveLock);
     if (dataLen > 0 && g_receive.package != nullptr) {
@@ -231,13 +232,13 @@ void CheckAndAccept(hio_t* io) {
     }
     KV_INFO_IN(kRead, "upgrade success,start flash erasing,upGradeState=%d", 1);
     hio_set_read_timeout(io, 0);
-    // Kept: the writer is started before the client hears of it, because a client takes the reply
-    // for the start of flashing.
+    // Kept: the flash writer is signalled before the reply, because status 0 tells the client that
+    // flashing starts.
     KV_ShellEchoFormat("killall -SIGUSR2 %s", kv::kSelfName);
     SendReply(io, kv::kStatusDone);
 }
 
-// A chunk of a further transfer, sent after a package was accepted.
+// Answers a chunk of another transfer after a package was accepted.
 void RefuseChunk(hio_t* io, bool large) {
     KV_INFO_IN(kRead, "upgrade success,start flash erasing,upGradeState=%d", 0);
     hio_set_read_timeout(io, 0);
@@ -253,7 +254,7 @@ int KV_KorvanUpgradeStart(hio_t* io, uint32_t fileLength, const uint8_t* data, i
     if (!ResetTransfer()) {
         return 0;
     }
-    // The package lies in RAM-backed storage: give it the most room first.
+    // The package lies in RAM-backed storage: first make room for it.
     (void)KV_ShellRun("sync", nullptr);
     (void)KV_ShellRun("echo 1 > /proc/sys/vm/drop_caches", nullptr);
     kv::SleepMilliseconds(1000);
@@ -266,9 +267,8 @@ int KV_KorvanUpgradeStart(hio_t* io, uint32_t fileLength, const uint8_t* data, i
     StoreFirst(data, dataLen, fileLength);
     hio_setcb_read(io, __KV_KorvanUpgradeRead);
     hio_set_read_timeout(io, kReadTimeoutMs);
-    // The loop reads into 8192 bytes of its own, which is the size that a transfer is given;
-    // nothing stays there between two callbacks, so a buffer of the connection's own would add
-    // nothing.
+    // The loop's read buffer has the 8192 bytes that a transfer needs. Nothing stays there between
+    // callbacks, so a buffer for each connection would gain nothing.
     (void)hio_read(io);
     KV_DEBUG("KorvanUpgradeStart");
     return 0;

@@ -1,4 +1,4 @@
-// What a received package must pass before it is handed to the flash writer.
+// The checks that a received package must pass before it goes to the flash writer.
 #define KV_TRACE_NAME "kv_mini_upgrade"
 #include <unistd.h>
 
@@ -18,11 +18,11 @@
 namespace {
 
 constexpr size_t kDigestSize = 16;
-// The names under which the parts of the two checks report.
+// Function names in the log for the parts of the two checks.
 constexpr char kMd5Check[] = "__KV_CheckUpgradeFileMd5";
 constexpr char kHeaderCheck[] = "__KV_CheckUpgradeFileHeader";
 
-// Reads the digest that the sender announced. 0, or -1 when there is none.
+// Reads the digest that the sender announced. Returns 0, or -1 if there is none.
 int ReadExpectedDigest(char (&digest)[kv::kMd5HexSize + 1]) {
     constexpr size_t kSearched = 128;
     const UniqueFile file(fopen(kv::kMd5Path, "rbe"));
@@ -30,7 +30,7 @@ int ReadExpectedDigest(char (&digest)[kv::kMd5HexSize + 1]) {
         KV_INFO_IN(kMd5Check, "fopen %s fail!", kv::kMd5Path);
         return -1;
     }
-    // The zeros behind what is searched make a digest that is cut short compare unequal.
+    // Zero padding: a truncated digest compares unequal.
     char text[kSearched + kv::kMd5HexSize] = {};
     const size_t got = fread(text, 1, kSearched, file.Get());
     const char* tag = static_cast<const char*>(memmem(text, got, kv::kMd5Tag, kv::kMd5TagSize));

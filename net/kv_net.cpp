@@ -9,7 +9,7 @@
 
 namespace {
 
-// A request and its name in the failure message; no name: the failure is not reported.
+// A request and its name in the failure message. Without a name a failure is not reported.
 struct IoctlRequest {
     unsigned long code;
     const char* name;
@@ -22,7 +22,7 @@ struct IoctlRequest {
 constexpr char kInternetHost[] = "8.8.8.8";
 constexpr uint16_t kInternetPort = 53;
 
-// Names the interface in *ifr and makes the request on a socket of its own.
+// Puts the interface name into *ifr and issues the request on a new socket.
 int InterfaceIoctl(const char* function, const char* ifname, IoctlRequest request,
                    struct ifreq* ifr) {
     const UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -48,7 +48,7 @@ int ReadAddress(const char* function, const char* ifname, IoctlRequest request, 
     if (InterfaceIoctl(function, ifname, request, &ifr) != 0) {
         return -1;
     }
-    // Every kind of address comes back in the same place of the request.
+    // All kinds of address come back in the same place of the request.
     struct sockaddr_in inet {};
     memcpy(&inet, &ifr.ifr_addr, sizeof(inet));
     uint8_t bytes[4];

@@ -20,7 +20,7 @@ int WriteResolvConf(const char* function, const char* text) {
         (void)printf("%s: file \"%s\" opened for writing error!\n", function, kv::kResolvConf);
         return -1;
     }
-    // A full file system shows at the flush at the earliest: the text fits the stream's buffer.
+    // The text fits the stream's buffer, so a full file system shows only at the flush.
     if (fwrite(text, 1, strlen(text), file.Get()) == 0 || fflush(file.Get()) != 0) {
         perror("fwrite");
         return -1;
@@ -28,7 +28,7 @@ int WriteResolvConf(const char* function, const char* text) {
     return 0;
 }
 
-// Copies the text behind "nameserver " up to the line's end.
+// Copies the text after "nameserver " up to the end of the line.
 void CopyServer(const char* line, char* out) {
     const char* tag = strstr(line, kNameServer);
     const char* end = strchr(line, '\n');
@@ -37,8 +37,7 @@ void CopyServer(const char* line, char* out) {
     }
     const char* server = tag + sizeof(kNameServer);
     if (server < end) {
-        // Kept: no zero is added, because callers pass zeroed buffers and rely on every byte
-        // behind the text staying theirs.
+        // Kept: no terminating NUL. Callers pass zeroed buffers.
         memcpy(out, server, static_cast<size_t>(end - server));
     }
 }
@@ -51,8 +50,7 @@ int KV_NET_GetDNS(char* out) {
     }
     const kv::TextFile file(kv::kResolvConf);
     if (file) {
-        // Kept: a file that begins with anything else gives no server, because what a device
-        // reports is the file's first line as its DHCP client or KV_NET_SetDNS wrote it.
+        // Kept: a file that begins with anything else gives no server.
         static_assert(kv::kNetDnsSize == 32, "the width below is one less");
         (void)fscanf(file.Get(), "nameserver %31s\n", out);
     }

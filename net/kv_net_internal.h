@@ -1,4 +1,4 @@
-// What the files of this module share.
+// Shared by the files of this module.
 #pragma once
 
 #include <arpa/inet.h>
@@ -15,13 +15,13 @@
 
 namespace kv {
 
-// Writes a dotted quad from four bytes in network order. inet_ntoa keeps its text in one buffer
-// for all threads of some C libraries, and two threads read addresses here.
+// Writes four bytes in network order as a dotted quad. inet_ntoa of some C libraries has one buffer
+// for all threads, and two threads read addresses here.
 inline void FormatQuad(const uint8_t* bytes, char* out) {
     (void)snprintf(out, kNetAddressSize, "%u.%u.%u.%u", bytes[0], bytes[1], bytes[2], bytes[3]);
 }
 
-// Fills an AF_INET socket address; false, with nothing written, when `text` is not an address.
+// Fills an AF_INET socket address. Returns false and writes nothing if `text` is not an address.
 inline bool ParseAddress(const char* text, struct sockaddr* address) {
     struct sockaddr_in inet {};
     inet.sin_family = AF_INET;
@@ -32,13 +32,13 @@ inline bool ParseAddress(const char* text, struct sockaddr* address) {
     return true;
 }
 
-// Copies a name into a zeroed field of the size that the kernel reads, whatever the name's length.
+// Copies a name, cut if too long, into a zeroed field of the size that the kernel reads.
 inline void CopyInterfaceName(char (&field)[IFNAMSIZ], const char* ifname) {
     (void)memccpy(field, ifname, 0, IFNAMSIZ - 1);
 }
 
-// A small file open for reading. With a buffer of its own the stream neither allocates one nor asks
-// the kernel how large to make it, and the device's tables arrive in one read.
+// A small file open for reading. Its own stream buffer saves the allocation and the query for a
+// buffer size, and is large enough to get the device's tables in one read.
 class TextFile {
   public:
     explicit TextFile(const char* path) : file_(fopen(path, "re")) {
@@ -50,12 +50,12 @@ class TextFile {
     explicit operator bool() const { return static_cast<bool>(file_); }
 
   private:
-    char buffer_[2048];  // Outlives the stream, which is closed first.
+    char buffer_[2048];  // Outlives the stream, because members are destroyed in reverse order.
     UniqueFile file_;
 };
 
-// Reads the next line into `line`, zero-filled behind it. Of a line that does not fit the rest is
-// dropped, so that it is not taken for a line of its own. False at the end of the file.
+// Reads the next line into `line` and fills the rest with zeros. The excess of a long line is
+// dropped, not returned as another line. Returns false at the end of the file.
 template <size_t size>
 bool ReadLine(FILE* file, char (&line)[size]) {
     memset(line, 0, size);

@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t kRouteLineSize = 130;
 constexpr unsigned kGatewayFlags = RTF_UP | RTF_GATEWAY;
-// The number that tools expect in the line about a found route.
+// Line number that tools expect in the message about a found route.
 constexpr int kDetectLine = 645;
 
 struct Route {
@@ -22,7 +22,7 @@ struct Route {
     unsigned flags;
 };
 
-// The kernel's table, opened behind its header line.
+// The kernel's route table, opened and past its header line.
 class RouteTable : public kv::TextFile {
   public:
     RouteTable() : TextFile(kv::kRouteTable) {
@@ -33,7 +33,7 @@ class RouteTable : public kv::TextFile {
     }
 };
 
-// Reads the next route; lines that are none are passed over. False at the end of the table.
+// Reads the next route and skips lines that are none. Returns false at the end of the table.
 bool NextRoute(FILE* file, Route* route) {
     char line[kRouteLineSize];
     while (kv::ReadLine(file, line)) {
@@ -50,20 +50,20 @@ bool NextRoute(FILE* file, Route* route) {
 }
 
 bool IsRouteOf(const Route& route, const char* ifname) {
-    // Kept: "wlan0" also stands for "wlan01" and "WLAN0", because callers may name interfaces by
-    // how their names begin.
+    // Kept: the name is a prefix and its case is ignored, so "wlan0" also matches "wlan01" and
+    // "WLAN0".
     return strncasecmp(route.iface, ifname, strlen(ifname)) == 0;
 }
 
-// The kernel prints the word as its memory has it, so the lowest byte is the address's first.
+// The kernel prints the word as it lies in memory, so the lowest byte comes first in the address.
 void FormatRouteAddress(uint32_t word, char* out) {
     uint8_t bytes[4];
     kv::PutLe32(bytes, word);
     kv::FormatQuad(bytes, out);
 }
 
-// Finds the interface's gateway route number `index` (from 0). 1 when found, 0 when there are not
-// that many, -1 when the table cannot be opened.
+// Finds gateway route number `index` (from 0) of the interface. Returns 1 if found, 0 if there are
+// fewer, -1 if the table cannot be opened.
 int FindGateway(const char* ifname, int index, char* out) {
     const RouteTable file;
     if (!file) {
@@ -80,7 +80,7 @@ int FindGateway(const char* ifname, int index, char* out) {
     return 0;
 }
 
-// Adds or deletes a default route; `name` is the request's in the failure message.
+// Adds or deletes a default route. `name` is the request's name in the failure message.
 int ChangeGateway(const char* function, const char* ifname, const char* gateway, unsigned long code,
                   const char* name) {
     struct rtentry entry {};
@@ -89,7 +89,7 @@ int ChangeGateway(const char* function, const char* ifname, const char* gateway,
         !kv::ParseAddress("0.0.0.0", &entry.rt_genmask)) {
         return -1;
     }
-    // The kernel reads IFNAMSIZ bytes from this pointer, more than the caller's text may have.
+    // The kernel reads IFNAMSIZ bytes from this pointer; the caller's text may be shorter.
     char device[IFNAMSIZ] = {};
     kv::CopyInterfaceName(device, ifname);
     entry.rt_dev = device;
@@ -128,8 +128,8 @@ int KV_NET_SetGateway(const char* ifname, const char* gateway) {
     if (ifname == nullptr || gateway == nullptr) {
         return -1;
     }
-    // A table that changes while it is read may skip routes, so each deletion starts a new reading
-    // behind the routes that could not be deleted.
+    // Reading a changing table may skip routes. So read it again after each deletion, and step over
+    // routes that could not be deleted.
     char old[kv::kNetAddressSize];
     int kept = 0;
     int found = 0;

@@ -17,6 +17,8 @@ echo "lint: man pages"
 scripts/check_man.sh
 echo "lint: packaging"
 scripts/check_packaging.sh
+echo "lint: mutants"
+scripts/mutants.py --check
 echo "lint: share of the tests"
 scripts/code_share.py "$tests_ceiling"
 # clang's -Wconversion includes sign conversions; GCC's does not.

@@ -27,7 +27,7 @@ namespace {
 
 constexpr char kPowerOn[] = "power-on";
 constexpr char kStopped[] = "stopped";
-// The application's partition, which the platform unpacks at boot.
+// The application's partition. The platform unpacks it at boot.
 constexpr char kAppPartition[] = "mtd5";
 
 std::string UsableProgram(const std::string& name) {
@@ -39,7 +39,7 @@ std::string UsableProgram(const std::string& name) {
     return path;
 }
 
-// The child's side of the clone, up to its exec: async-signal-safe calls only.
+// Runs in the cloned child until its exec: async-signal-safe calls only.
 [[noreturn]] void BecomeInit(const Console& console, int socket) {
     ResetSignals();
     const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -202,7 +202,8 @@ void Board::CutPower(const std::string& reason) {
     }
     cutReason_ = reason;
     (void)kill(init_, SIGKILL);
-    // A process amid a device operation dies only when that is over, so the devices lose power too.
+    // A process inside a device operation dies only when the operation ends, so the devices lose
+    // power, too.
     devices_->Detach();
 }
 
@@ -232,7 +233,7 @@ std::string Board::ResetReason(int waitStatus) const {
 
 void Board::FinishBoot(int waitStatus) {
     init_ = -1;
-    // Init's last words may still lie in the socket.
+    // Init's report of a failure may still be in the socket.
     while (failure_.empty() && cutReason_.empty()) {
         const auto message = ReceiveMessage(initSocket_.Get());
         if (!message) {
@@ -242,7 +243,7 @@ void Board::FinishBoot(int waitStatus) {
     }
     loop_.Remove(initSocket_.Get());
     devices_->Detach();
-    // A watchdog that fired while the board was going down must not meet the next boot.
+    // A watchdog that fired while the board went down must not reset the next boot.
     eventfd_t count = 0;
     (void)eventfd_read(watchdogEvent_.Get(), &count);
     network_->Detach();
@@ -265,7 +266,7 @@ void Board::FinishBoot(int waitStatus) {
 
 void Board::PressButton(int connection, bool pressed) {
     buttonHolder_ = pressed ? connection : -1;
-    // In place, as a line's level changes: a reader never meets an empty file.
+    // Written in place, so that a reader never finds an empty file.
     const UniqueFd value(open(state_.ButtonValue().c_str(), O_WRONLY | O_CLOEXEC));
     if (!value || pwrite(value.Get(), pressed ? "0" : "1", 1, 0) != 1) {
         throw SysError("cannot set the button's line");

@@ -1,5 +1,5 @@
-// The runner: keeps one board on the bench. Flash, /param, the bench network and the button last
-// as long as it does; each boot gets new namespaces, a new init, new logs.
+// The runner of one board. Flash, /param, the network and the button last as long as the runner.
+// Each boot gets new namespaces, a new init and new logs.
 #pragma once
 
 #include <sys/types.h>
@@ -32,21 +32,21 @@ struct BoardOptions {
 
 class Board {
   public:
-    // Throws one clear sentence when the host, the state folder or the program is unusable.
+    // Throws one clear sentence when the host, the state folder or the program cannot be used.
     Board(const BoardOptions& options, const StateDir& state,
           std::unique_ptr<BoardNetwork> network);
     ~Board();
     Board(const Board&) = delete;
     Board& operator=(const Board&) = delete;
 
-    // Switches the board on and serves it until it is stopped. Returns the exit status. To be
-    // called by the process's first thread, which must live as long as the board.
+    // Switches the board on and serves it until it is stopped. Returns the exit status. Call it on
+    // the process's first thread, which must live as long as the board.
     int Run();
 
   private:
     void StartBoot(const std::string& reason);
     void FinishBoot(int waitStatus);
-    // Takes the power away; the boot ends with `reason`. The first reason counts.
+    // Cuts the power; the boot ends with `reason`. Only the first reason counts.
     void CutPower(const std::string& reason);
     void Stop(int exitStatus);
     std::string ResetReason(int waitStatus) const;
@@ -56,7 +56,7 @@ class Board {
     void OnWatchdog();
     nlohmann::json Handle(int connection, const nlohmann::json& request);
     nlohmann::json Status();
-    // What tells boards of a site apart; cheap enough to be asked often.
+    // A short status, cheap enough to be asked often.
     nlohmann::json Brief() const;
     void AddFault(const nlohmann::json& request);
     void PressButton(int connection, bool pressed);
@@ -73,13 +73,13 @@ class Board {
     std::unique_ptr<Devices> devices_;
     std::unique_ptr<ControlServer> control_;
 
-    // Of the present boot.
+    // State of the current boot.
     std::unique_ptr<Console> console_;
     UniqueFd initSocket_;
     pid_t init_ = -1;
-    std::string cutReason_;  // why power was taken away, empty while it was not
-    std::string failure_;    // init's last words
-    pid_t program_ = 0;      // the board's pid of it, 0 before it is started
+    std::string cutReason_;  // why the power was cut; empty while it is on
+    std::string failure_;    // what init reported before it failed
+    pid_t program_ = 0;      // its pid on the board, 0 before it is started
     int programCode_ = -1;   // its exit code, -1 while it runs
 
     std::vector<std::string> reasons_;  // of all boots, in order

@@ -33,8 +33,8 @@ void Say(const std::string& text) {
     (void)!write(STDOUT_FILENO, line.data(), line.size());
 }
 
-// Reaching the clock, modules or ports of the host is nothing a simulated board may do, also when
-// root runs it. CAP_SYS_BOOT stays: reboot(2) ends this namespace only.
+// Even under root, a simulated board must not reach the host's clock, modules or ports.
+// CAP_SYS_BOOT stays: reboot(2) ends this namespace only.
 void DropHostPowers() {
     for (const int capability : {CAP_SYS_TIME, CAP_SYS_MODULE, CAP_SYS_RAWIO, CAP_MKNOD, CAP_SYSLOG,
                                  CAP_MAC_ADMIN, CAP_WAKE_ALARM}) {
@@ -78,8 +78,8 @@ std::vector<std::string> BoardEnvironment(int speed) {
     std::vector<std::string> environment = {"PATH=/opt/board/bin:/usr/sbin:/usr/bin:/sbin:/bin",
                                             "HOME=/root", "USER=root", "TERM=linux"};
     if (speed != 1) {
-        // A year back, because the kernel stamps what it receives with the host's time, and nothing
-        // may have been received before it was sent.
+        // The kernel stamps received packets with the host's time. The board's clock starts a year
+        // earlier, so that no packet seems to arrive before it was sent.
         environment.insert(environment.end(),
                            {"LD_PRELOAD=" + ClockLibrary(),
                             "FAKETIME=-1y x" + std::to_string(speed), "NO_FAKE_STAT=1"});
@@ -150,15 +150,15 @@ void Init::Reap() {
 }
 
 void Init::OrderlyReboot() {
-    Say("restarting: all processes are asked to end");
+    Say("restarting: asking all processes to end");
     (void)kill(-1, SIGTERM);
     (void)kill(-1, SIGCONT);
     sigset_t childEnds;
     (void)sigemptyset(&childEnds);
     (void)sigaddset(&childEnds, SIGCHLD);
     const auto deadline = std::chrono::steady_clock::now() + kShutdownTime / config_.speed;
-    // Ends early when nobody is left. Who entered the board from outside is no child of this
-    // process and ends without a signal to it, hence the second look every now and then.
+    // Ends early when no process is left. A process that entered the board from outside is not a
+    // child of init and its end gives no signal, so look again every 20 ms.
     const timespec pause{0, 20'000'000};
     while (std::chrono::steady_clock::now() < deadline) {
         while (waitpid(-1, nullptr, WNOHANG) > 0) {
@@ -199,7 +199,7 @@ int Init::Run() {
     (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
     (void)prctl(PR_SET_NAME, "init");
     (void)fcntl(socket_.Get(), F_SETFD, FD_CLOEXEC);
-    // What the runner itself inherited is not the board's.
+    // The board must not get descriptors that the runner inherited.
     (void)close_range(kInitSocket + 1, ~0U, 0);
     (void)setsid();
     try {
@@ -209,7 +209,7 @@ int Init::Run() {
         try {
             Report({{"event", "failed"}, {"text", error.what()}});
         } catch (const std::exception&) {
-            // Nobody is left to tell.
+            // The runner has gone.
             return kExitFailed;
         }
         return kExitFailed;

@@ -1,13 +1,13 @@
-// One boot of the board: init, process 1 of the board's namespaces. The runner starts this very
-// program again as init, over a socket on which they talk in messages:
+// One boot of the board: init, process 1 of the board's namespaces. The runner starts this program
+// again as init. The two exchange messages over a socket:
 //
 //     runner → init   the BootConfig with the devices' file system beside it. By then the runner
 //                     serves the devices and the network interfaces exist.
 //     init → runner   {"event":"started","pid":…} (the pid as the board sees it),
 //                     {"event":"ended","code":…}, {"event":"failed","text":…}
 //
-// How the runner learns of a reset: init's end. Killed by SIGHUP: "reboot -f" (the kernel's way to
-// report reboot(2) in a PID namespace); exit code kExitReboot: orderly "reboot".
+// The runner learns of a reset from how init ends. SIGHUP means "reboot -f": the kernel reports
+// reboot(2) in a PID namespace this way. Exit code kExitReboot means an orderly "reboot".
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -22,13 +22,13 @@ constexpr int kExitPowerOff = 11;
 constexpr int kExitFailed = 1;
 
 struct BootConfig {
-    std::string root;      // an empty folder of the host: the board's tree is built over it
-    std::string state;     // the state folder
-    std::string program;   // absolute path of the program
-    std::string self;      // absolute path of vboard, which is the command-link client too
-    std::string appFlash;  // backing file of the application's partition, empty when there is none
-    std::string ethAddress;            // "ADDRESS/LEN", empty without eth0
-    int speed = 1;                     // of the board's clock
+    std::string root;        // an empty folder of the host, over which the board's tree is built
+    std::string state;       // the state folder
+    std::string program;     // absolute path of the program
+    std::string self;        // absolute path of vboard, which is also the command-link client
+    std::string appFlash;    // backing file of the application's partition, empty if there is none
+    std::string ethAddress;  // "ADDRESS/LEN", empty without eth0
+    int speed = 1;           // of the board's clock
     std::vector<std::string> devices;  // names at the root of the devices' file system
     std::vector<std::string> arguments;
     std::vector<std::string> environment;  // "NAME=VALUE", beside the board's own
@@ -36,12 +36,12 @@ struct BootConfig {
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(BootConfig, root, state, program, self, appFlash, ethAddress,
                                    speed, devices, arguments, environment)
 
-// The environment of the board's programs, whose clocks run `speed` times as fast as the host's.
-// Throws when the host cannot accelerate a clock.
+// The environment of programs on the board, with a clock that runs `speed` times as fast as the
+// host's. Throws when the host cannot accelerate a clock.
 std::vector<std::string> BoardEnvironment(int speed);
 
-// Runs as init; the socket is descriptor kInitSocket, standard output the console, standard error
-// the trace.
+// Runs as init. Expects the socket as descriptor kInitSocket, the console as standard output and
+// the trace as standard error.
 int InitMain();
 
 }  // namespace vboard

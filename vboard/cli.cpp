@@ -299,7 +299,7 @@ struct Cli {
         std::istringstream words(sequence.empty() ? std::to_string(hold) : sequence);
         const std::vector<double> seconds{std::istream_iterator<double>(words), {}};
         if (!words.eof() || seconds.empty() || seconds[0] <= 0) {
-            throw std::runtime_error("say how long: --hold SECONDS or --sequence '3 0.5 9.5'");
+            throw std::runtime_error("specify how long: --hold SECONDS or --sequence '3 0.5 9.5'");
         }
         vboard::Press(where, seconds);
     }

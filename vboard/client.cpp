@@ -58,7 +58,7 @@ int ErrorNumber(const std::string& name) {
             return number;
         }
     }
-    throw std::runtime_error("not the name of an error: " + name + " (use EIO, ENOSPC, …)");
+    throw std::runtime_error("not an error name: " + name + " (use EIO, ENOSPC, …)");
 }
 
 std::filesystem::path RequireFlash(const StateDir& state, const std::string& mtd) {
@@ -127,7 +127,7 @@ void AddFault(const StateDir& state, const FaultOptions& options) {
     if (!options.errorName.empty()) {
         request["errno"] = ErrorNumber(options.errorName);
     } else if (options.shortBytes == 0 && options.device != "reboot" && options.device != "trace") {
-        throw std::runtime_error("say how it fails: --errno NAME or --short BYTES");
+        throw std::runtime_error("specify how it fails: --errno NAME or --short BYTES");
     }
     (void)ControlClient(state).Request(request);
 }
@@ -162,7 +162,7 @@ void WriteFlash(const StateDir& state, const std::string& mtd, const std::string
                                  " takes " + std::to_string(size));
     }
     image.resize(size, '\xFF');
-    // Over the old contents: a running board has the file open.
+    // Overwrite in place: a running board has the file open.
     std::fstream stream(flash, std::ios::binary | std::ios::in | std::ios::out);
     if (!stream) {
         WriteText(flash, image);
@@ -176,7 +176,7 @@ void WriteFlash(const StateDir& state, const std::string& mtd, const std::string
 }
 
 void Press(const StateDir& state, const std::vector<double>& seconds) {
-    // The runner releases the button when this connection ends.
+    // The runner releases the button when this connection closes.
     ControlClient board(state);
     bool pressed = true;
     for (const double duration : seconds) {

@@ -1,4 +1,4 @@
-// The short commands: requests to the runner, and the flash files.
+// The short commands: they send requests to the runner or access the flash files.
 #pragma once
 
 #include <string>
@@ -31,15 +31,15 @@ void ReadFlash(const StateDir& state, const std::string& mtd, const std::string&
 void WriteFlash(const StateDir& state, const std::string& mtd, const std::string& file,
                 const std::string& layout, uint32_t eraseBlock);
 
-// Presses and releases the button in turn for so many seconds each; released at the end, also when
-// this process is killed.
+// Presses and releases the button in turn, for the given seconds each. The button is released at
+// the end, and also when this process is killed.
 void Press(const StateDir& state, const std::vector<double>& seconds);
 
-// Cuts the power and returns when the next boot has begun.
+// Cuts the power. Returns when the next boot has started its program.
 void Reset(const StateDir& state);
 // Returns when the runner has ended.
 void Stop(const StateDir& state);
-// A request with no reply of interest: "ap", "link".
+// Sends a request whose reply does not matter: "ap", "link".
 void Send(const StateDir& state, const std::string& command, const std::string& action);
 
 }  // namespace vboard

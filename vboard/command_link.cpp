@@ -25,10 +25,10 @@ namespace {
 constexpr size_t kNameSize = 64;
 constexpr size_t kArgumentsSize = 1024;
 constexpr int kReplyMilliseconds = 10'000;
-// A long reply comes in pieces; there is no mark at its end.
+// A long reply comes in pieces, and nothing marks its end.
 constexpr int kNextPieceMilliseconds = 50;
 
-// argc (32 bits, this machine's byte order), the name in 64 bytes, the arguments back to back.
+// A message: argc (32 bits, native byte order), the name in 64 bytes, the arguments back to back.
 std::optional<std::string> Message(int argc, char** argv, const std::string& name) {
     const int32_t count = argc - 1;
     std::string message(reinterpret_cast<const char*>(&count), sizeof(count));
@@ -44,7 +44,7 @@ std::optional<std::string> Message(int argc, char** argv, const std::string& nam
     return message + arguments;
 }
 
-// What can be read until nothing came for as long as a piece may take.
+// Reads until no piece has come for kNextPieceMilliseconds; waits `milliseconds` for the first.
 std::string Read(int pipe, int milliseconds) {
     std::string text;
     pollfd ready{pipe, POLLIN, 0};
@@ -68,7 +68,7 @@ int Fail(const std::string& why) {
 }  // namespace
 
 bool IsCommandLink() {
-    // The links' names say nothing about the program; the kernel does.
+    // argv[0] is the link's name; only the kernel knows the program.
     std::error_code error;
     return fs::read_symlink("/proc/self/exe", error) == kv::kConsoleClient;
 }
@@ -81,7 +81,7 @@ int CommandLinkMain(int argc, char** argv) {
                       kNameSize - 1, kArgumentsSize);
         return 101;
     }
-    // Without a console nobody has the command pipe open for reading, and this fails.
+    // Fails unless a console has the command pipe open for reading.
     const UniqueFd commands(open(kv::kConsoleCommandPipe, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
     if (!commands) {
         return Fail(errno == ENXIO ? "no console is running" : "no command pipe");
@@ -90,12 +90,12 @@ int CommandLinkMain(int argc, char** argv) {
     if (!replies) {
         return Fail("no reply pipe");
     }
-    // One dialogue at a time: the console reads one message with each read.
+    // One exchange at a time: the console takes each read for one message.
     (void)flock(commands.Get(), LOCK_EX);
-    (void)Read(replies.Get(), 0);  // what an interrupted client left
+    (void)Read(replies.Get(), 0);  // drops what an interrupted client left
     if (write(commands.Get(), message->data(), message->size()) !=
         static_cast<ssize_t>(message->size())) {
-        return Fail("the message cannot be sent");
+        return Fail("cannot send the message");
     }
     const std::string reply = Read(replies.Get(), kReplyMilliseconds);
     if (reply.empty()) {

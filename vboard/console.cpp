@@ -30,7 +30,7 @@ void Console::Open(Stream* stream, const std::string& file, int terminal) {
     stream->readEnd.Reset(ends[0]);
     stream->writeEnd.Reset(ends[1]);
     (void)fcntl(ends[0], F_SETFL, O_NONBLOCK);
-    // Room for what comes while the loop rests; without it the board only waits a little.
+    // Room for what comes while the loop rests. If this fails, the board only waits a little.
     (void)fcntl(ends[0], F_SETPIPE_SZ, 1 << 20);
     stream->log.Reset(open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     if (!stream->log) {
@@ -66,7 +66,7 @@ void Console::CloseBoardEnds() {
 bool Console::Drain(const Stream& stream) {
     char buffer[4096];
     ssize_t length = 0;
-    // A bounded number: a board that writes without end must not keep the runner here.
+    // Bounded, so that a board that writes without end does not keep the runner here.
     for (int i = 0; i < 512; ++i) {
         length = read(stream.readEnd.Get(), buffer, sizeof(buffer));
         if (length <= 0) {
@@ -79,7 +79,7 @@ bool Console::Drain(const Stream& stream) {
 
 void Console::Write(const Stream& stream, const char* data, size_t length) {
     (void)!write(stream.log.Get(), data, length);
-    // A terminal that does not take it now misses it: a stopped reader must not stop the board.
+    // Skip a terminal that cannot take it now: a stopped reader must not stop the board.
     pollfd terminal{stream.terminal, POLLOUT, 0};
     if (stream.terminal >= 0 && poll(&terminal, 1, 0) == 1 && (terminal.revents & POLLOUT) != 0) {
         (void)!write(stream.terminal, data, length);

@@ -1,4 +1,4 @@
-// What one boot writes: two streams, each into its log file and onto the runner's terminal.
+// The output of one boot: two streams, each copied to its log file and the runner's terminal.
 #pragma once
 
 #include <string>
@@ -11,22 +11,22 @@ namespace vboard {
 
 class Console {
   public:
-    // Opens the logs of boot `boot`. With `quiet` nothing goes to the terminal.
+    // Opens the logs of boot `boot`. With `quiet`, nothing goes to the terminal.
     Console(Loop* loop, const StateDir& state, int boot, bool quiet);
     ~Console();
     Console(const Console&) = delete;
     Console& operator=(const Console&) = delete;
 
-    // Ends for the board's processes, until closed.
+    // The write ends for the board's processes, valid until CloseBoardEnds.
     int ConsoleEnd() const { return console_.writeEnd.Get(); }
     int TraceEnd() const { return trace_.writeEnd.Get(); }
-    // To be called once the board's init has them.
+    // Call it once the board's init has them.
     void CloseBoardEnds();
 
-    // While held, nobody reads the trace: once the pipe is full, who traces blocks.
+    // While held, the trace is not read: once the pipe is full, a thread that traces blocks.
     void HoldTrace(bool held);
 
-    // A platform message of the runner.
+    // Writes a platform message from the runner.
     void Say(const std::string& text);
 
   private:
@@ -38,7 +38,7 @@ class Console {
     };
     void Open(Stream* stream, const std::string& file, int terminal);
     void Watch(const Stream* stream);
-    // Moves what is there; false at the end of the stream.
+    // Copies what is available. False at the end of the stream.
     static bool Drain(const Stream& stream);
     static void Write(const Stream& stream, const char* data, size_t length);
 

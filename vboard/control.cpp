@@ -38,7 +38,7 @@ ControlServer::ControlServer(Loop* loop, const StateDir& state, Handler handle, 
       closed_(std::move(closed)),
       socketFile_(state.Path() / "control"),
       listener_(UnixSocket()) {
-    // Its name appears once it can be connected to: others wait for that.
+    // The name appears only when connections are possible: others wait for it.
     const std::string unfinished = socketFile_ + ".new";
     (void)unlink(unfinished.c_str());
     const sockaddr_un address = Address(state, ".new");
@@ -92,7 +92,7 @@ void ControlServer::Answer(int fd, const std::string& line) {
         reply = {{"ok", false}, {"error", error.what()}};
     }
     const std::string text = reply.dump() + "\n";
-    // A requester that has gone, or does not read, loses its answer.
+    // A requester that has gone or does not read loses its reply.
     (void)send(fd, text.data(), text.size(), MSG_NOSIGNAL);
 }
 

@@ -1,5 +1,5 @@
-// The control socket: one JSON object a line in, one out. A request names its "command"; a reply
-// has "ok" and, when that is false, "error" with one sentence.
+// The control socket. Each request is a line with a JSON object that has a "command". Each reply is
+// a line with a JSON object that has "ok" and, if that is false, "error" with one sentence.
 #pragma once
 
 #include <functional>
@@ -15,8 +15,8 @@ namespace vboard {
 
 class ControlServer {
   public:
-    // `handle` gives the reply's fields or throws; `connection` tells requesters apart. `closed` is
-    // told of each connection's end.
+    // `handle` returns the reply's fields or throws; `connection` identifies the requester.
+    // `closed` is called when a connection ends.
     using Handler = std::function<nlohmann::json(int connection, const nlohmann::json& request)>;
     using Closed = std::function<void(int connection)>;
 
@@ -25,7 +25,7 @@ class ControlServer {
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
 
-    // Ends the stream towards a requester. It is still heard, until it closes its end.
+    // Closes the stream towards a requester, which can still send until it closes its end.
     void HangUp(int connection);
 
   private:
@@ -50,7 +50,7 @@ class ControlClient {
     // Throws when no board runs on the state folder.
     explicit ControlClient(const StateDir& state);
 
-    // The reply; throws its error.
+    // Returns the reply or throws its error. Blocks until the runner answers.
     nlohmann::json Request(const nlohmann::json& request);
     // Becomes readable when the runner ends.
     int Fd() const { return socket_.Get(); }

@@ -1,4 +1,4 @@
-# Writes OUTPUT, a C++ file with the text of every file in FILES. Run as a script.
+# A CMake script: writes OUTPUT, a C++ file with the texts of FILES.
 set(entries "")
 foreach(file IN LISTS FILES)
     get_filename_component(name "${file}" NAME)

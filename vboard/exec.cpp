@@ -48,8 +48,8 @@ int Exec(const StateDir& state, bool board, const std::vector<std::string>& comm
         EnterNamespace(OpenNamespace(runner, "net"), CLONE_NEWNET);
         Execute(command);
     }
-    // All but the first are entered by the child alone, so that this process holds nothing of a
-    // board that is reset in the meantime.
+    // Only the child enters the others, so that this process holds nothing of the board when it
+    // is reset.
     EnterNamespace(OpenNamespace(init, "pid"), CLONE_NEWPID);
     const UniqueFd net = OpenNamespace(init, "net");
     const UniqueFd uts = OpenNamespace(init, "uts");
@@ -60,7 +60,7 @@ int Exec(const StateDir& state, bool board, const std::vector<std::string>& comm
         throw SysError("cannot create a process");
     }
     if (child > 0) {
-        // Ctrl-C is for the command; its end is this one's.
+        // Ctrl-C is for the command. This process ends with it.
         (void)signal(SIGINT, SIG_IGN);
         (void)signal(SIGQUIT, SIG_IGN);
         return ExitCode(WaitStatus(child));

@@ -39,7 +39,8 @@ void Loop::Run() {
             if (source->second.lazy) {
                 source->second.rests = std::chrono::steady_clock::now() + kRest;
             }
-            const std::function<void()> ready = source->second.ready;  // it may remove itself
+            const std::function<void()> ready =
+                source->second.ready;  // a copy: the callback may remove itself
             ready();
         }
     }

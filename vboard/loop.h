@@ -10,13 +10,13 @@ namespace vboard {
 
 class Loop {
   public:
-    // Calls `ready` when `fd` is readable or closed, until removed. Either may be called from a
-    // callback, also for the callback's own descriptor.
+    // Calls `ready` whenever `fd` is readable or closed, until it is removed. Callbacks may call
+    // Add and Remove, even for their own descriptor.
     void Add(int fd, std::function<void()> ready) {
         sources_[fd] = {++lastId_, std::move(ready), false, {}};
     }
-    // The same for what may wait a few milliseconds: after a call nobody listens for that long, so
-    // a writer of many small pieces does not pay for waking this process with each.
+    // The same, but after each call the loop ignores `fd` for a few milliseconds, so that a writer
+    // of many small pieces does not wake this process for each one.
     void AddLazily(int fd, std::function<void()> ready) {
         sources_[fd] = {++lastId_, std::move(ready), true, {}};
     }
@@ -26,12 +26,12 @@ class Loop {
 
   private:
     struct Source {
-        // A descriptor's number is soon used again; what poll said of the old one is then not
-        // meant for the new one.
+        // Descriptor numbers are reused soon. The id keeps an event for an old descriptor from
+        // reaching a new one with the same number.
         uint64_t id = 0;
         std::function<void()> ready;
         bool lazy = false;
-        std::chrono::steady_clock::time_point rests;  // lazy: nobody listens until then
+        std::chrono::steady_clock::time_point rests;  // lazy: ignored until then
     };
     std::map<int, Source> sources_;
     uint64_t lastId_ = 0;

@@ -70,7 +70,7 @@ void IpQuietly(const std::string& batch, int network) {
 }
 
 std::string AddBridge(const std::string& name, const std::string& mac, const std::string& address) {
-    // A bridge takes a port's address for its own unless it was given one.
+    // Without a MAC address of its own, a bridge takes that of a port.
     return "link add " + name + " address " + mac + " type bridge forward_delay 0\n" +
            "address add " + address + " brd + dev " + name + "\n" + "link set " + name + " up\n";
 }
@@ -95,7 +95,7 @@ std::string AddressOf(pid_t init, const std::string& interface) {
     const UniqueFd network(
         open(("/proc/" + std::to_string(init) + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC));
     std::string found;
-    // A thread of its own: the caller's stays in its network.
+    // In a thread of its own, so that the caller's thread stays in its network.
     std::thread([&] {
         if (network && setns(network.Get(), CLONE_NEWNET) == 0) {
             found = AddressHere(interface);
@@ -136,7 +136,7 @@ void DhcpServer::Start() {
     WriteText(folder_ / "udhcpd.leases", "");
     const UniqueFd log(
         open((folder_ / "udhcpd.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
-    // -a: how long it looks, in milliseconds, whether an address is taken before it offers it.
+    // -a: milliseconds to check whether an address is taken before offering it.
     Command command{{"udhcpd", "-f", "-a", "20", "udhcpd.conf"}};
     command.directory = folder_;
     command.network = network_;
@@ -168,7 +168,7 @@ void BenchNetwork::Create() {
     if (config_.wifi) {
         batch += AddBridge("ap0", "02:76:62:00:01:01", kApAddress);
     }
-    // Tools that search by limited broadcast find the board without naming an interface.
+    // Lets tools that search by limited broadcast find the board without naming an interface.
     if (!config_.ethAddress.empty() || config_.wifi) {
         batch += std::string("route add broadcast 255.255.255.255 dev ") +
                  (config_.ethAddress.empty() ? "ap0" : "lan0") + "\n";
@@ -193,8 +193,8 @@ void BenchNetwork::Attach(pid_t init) {
 }
 
 void BenchNetwork::Detach() {
-    // The kernel removes them by itself some time after the board's end, so both outcomes are
-    // right; waiting for it is not needed this way.
+    // The kernel also removes them some time after the board's end. Either may come first; this way
+    // there is no need to wait.
     IpQuietly("link del lan0p\nlink del ap0p\n");
 }
 
@@ -210,7 +210,7 @@ void BenchNetwork::AccessPoint(const std::string& action) {
         carrier_ = action == "up";
         Ip("link set ap0p " + action + "\n");
     } else if (action == "mute" || action == "unmute") {
-        // With the bridge itself down the carrier stays and nothing answers.
+        // With only the bridge down, the carrier stays up and nothing answers.
         muted_ = action == "mute";
         Ip(std::string("link set ap0 ") + (muted_ ? "down\n" : "up\n"));
     } else if (action == "dhcp") {

@@ -1,5 +1,5 @@
-// The network around a board: what a technician's laptop and a service access point are to it. Its
-// interfaces outlast the board's boots.
+// The network around a board, with the access point and the technician's laptop. It survives the
+// board's resets.
 //
 // A board on a bench of its own has this in the runner's network namespace:
 //
@@ -30,14 +30,14 @@ class BoardNetwork {
     // namespace and enters the network of the board's neighbours; call it while the process has
     // one thread.
     virtual void Create() = 0;
-    // Gives the board whose process 1 is `init` its interfaces; all are down.
+    // Creates the interfaces of the board whose process 1 is `init`. All are down.
     virtual void Attach(pid_t init) = 0;
-    // Takes the plugs out; the board must be gone.
+    // Removes the interfaces. The board must be gone.
     virtual void Detach() = 0;
 
     // "up", "down", "mute", "unmute", "dhcp", "no-dhcp".
     virtual void AccessPoint(const std::string& action) = 0;
-    // Administrative state of the board's wlan0.
+    // Sets the board's wlan0 up or down.
     virtual void WlanLink(pid_t init, bool up) = 0;
     virtual std::string Describe() const = 0;
 
@@ -45,21 +45,22 @@ class BoardNetwork {
     virtual const std::string& EthAddress() const = 0;
     // The board's number on its site, 0 on a bench of its own.
     virtual int Number() const { return 0; }
-    // Readable once the network's owner has ended and the board must, too. -1: the runner owns it.
+    // Becomes readable when the network's owner has ended, and the board must end. -1: the runner
+    // owns the network.
     virtual int EndFd() const { return -1; }
 };
 
-// A DHCP server in a network namespace. It ends with the object, and with the calling thread.
+// A DHCP server in a network namespace. It ends with the object and with the thread that starts it.
 class DhcpServer {
   public:
-    // `config` is the text for udhcpd; it, the leases and the log are files of `folder`.
+    // `config` is the text for udhcpd. It, the leases and the log become files in `folder`.
     // `network`: the namespace's descriptor, which outlives the object; -1: the caller's own.
     DhcpServer(std::filesystem::path folder, std::string config, int network = -1);
     ~DhcpServer() { Stop(); }
     DhcpServer(const DhcpServer&) = delete;
     DhcpServer& operator=(const DhcpServer&) = delete;
 
-    // Without effect when it runs.
+    // Does nothing when it runs already.
     void Start();
     void Stop();
     bool Running() const { return pid_ > 0; }
@@ -97,7 +98,7 @@ void EnterNewNetwork();
 // Runs ip(8) commands, a line each, in the namespace `network` (-1: the caller's own). Throws when
 // one fails.
 void Ip(const std::string& batch, int network = -1);
-// The same for what may be gone already: failures do not matter.
+// The same for interfaces that may be gone already: ignores failures.
 void IpQuietly(const std::string& batch, int network = -1);
 // ip(8) commands for a bridge with an address, up.
 std::string AddBridge(const std::string& name, const std::string& mac, const std::string& address);
@@ -109,8 +110,8 @@ void SetWlan(pid_t init, bool up);
 // IPv4 address of an interface of the board, empty when it has none.
 std::string AddressOf(pid_t init, const std::string& interface);
 
-// Throws one clear sentence for what is not "ADDRESS/LEN". The bench's side of that network:
-// its first address that is not the board's.
+// The bench's address in the board's network: the first one that is not the board's. Throws one
+// clear sentence if `boardAddress` is not "ADDRESS/LEN".
 std::string BenchAddress(const std::string& boardAddress);
 
 }  // namespace vboard

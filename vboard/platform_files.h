@@ -1,4 +1,4 @@
-// The board's own scripts (vboard/platform/), carried inside the program.
+// The board's own scripts (vboard/platform/), embedded in the program.
 #pragma once
 
 #include <string>

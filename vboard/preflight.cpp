@@ -80,16 +80,16 @@ void BecomeRoot() {
     }
     if (unshare(CLONE_NEWUSER) != 0) {
         throw SysError(
-            "the kernel gives ordinary users no user namespaces (allow them by sysctl, or run "
-            "vboard as root)");
+            "the kernel does not allow user namespaces for ordinary users (allow them by sysctl, "
+            "or run vboard as root)");
     }
     WriteProc("setgroups", "deny");
     WriteProc("uid_map", "0 " + std::to_string(user) + " 1");
     WriteProc("gid_map", "0 " + std::to_string(group) + " 1");
-    // Some hosts allow the namespace and then withhold its powers.
+    // Some hosts allow the namespace but not its capabilities.
     if (unshare(CLONE_NEWNS) != 0) {
         throw SysError(
-            "the kernel withholds the powers of user namespaces from this program (a security "
+            "the kernel denies this program the capabilities of its user namespace (a security "
             "module's policy?); run vboard as root");
     }
 }

@@ -1,18 +1,18 @@
-// What the host must offer. Each lack is reported as one sentence, thrown as std::runtime_error.
+// Checks what the host must have. Throws std::runtime_error with one sentence for what is missing.
 #pragma once
 
 #include <string>
 
 namespace vboard {
 
-// Programs of the host's packages, what an accelerated clock needs, and /dev/fuse.
+// Checks for the programs, for what an accelerated clock needs, and for /dev/fuse.
 void CheckHost(bool wifi, int speed);
 
-// The library that accelerates the clock of a program that preloads it.
+// Path of the library that accelerates the clock of a program that preloads it.
 std::string ClockLibrary();
 
-// For an ordinary user: makes the caller root in a user namespace of its own. To be called while
-// the process has one thread. Nothing for root.
+// Makes an ordinary user root in a new user namespace. Does nothing for root. Call it while the
+// process has one thread.
 void BecomeRoot();
 
 }  // namespace vboard

@@ -92,7 +92,7 @@ pid_t Start(const Command& command) {
     if (pid > 0) {
         return pid;
     }
-    // Only async-signal-safe calls from here: other threads may have held any lock.
+    // Only async-signal-safe calls from here: another thread may hold any lock.
     if (command.dieWithParent) {
         (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
     }
@@ -143,7 +143,7 @@ int Run(Command command, const std::string& input) {
     command.input = readEnd.Get();
     const pid_t pid = Start(command);
     readEnd.Reset();
-    // A short text: it fits into the pipe, and a child that does not read it shows in its status.
+    // A short text fits into the pipe. If the child does not read it, its status shows that.
     (void)!write(writeEnd.Get(), input.data(), input.size());
     writeEnd.Reset();
     return ExitCode(WaitStatus(pid));
@@ -166,7 +166,7 @@ void SendMessage(int socket, const nlohmann::json& message, int fd) {
         std::memcpy(CMSG_DATA(item), &fd, sizeof(fd));
     }
     if (sendmsg(socket, &header, MSG_NOSIGNAL) < 0) {
-        throw SysError("cannot send a message between the runner and the board");
+        throw SysError("cannot send a message between runner and board");
     }
 }
 

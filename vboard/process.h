@@ -1,4 +1,4 @@
-// Processes and descriptors: what both the runner and the board's init need from the kernel.
+// Processes, namespaces and messages, for the runners and for the board's init.
 #pragma once
 
 #include <sys/types.h>
@@ -16,7 +16,7 @@ namespace vboard {
 // An error of a system call: "`what`: strerror(errno)".
 std::runtime_error SysError(const std::string& what);
 
-// Absolute path of a program of the host, looked for where a device's programs are; empty when
+// Absolute path of a program of the host, searched for in the folders that a device has; empty if
 // there is none.
 std::string FindTool(const std::string& name);
 
@@ -32,10 +32,11 @@ struct Command {
     bool newSession = false;
 };
 
-// Starts a program with default signal dispositions and an empty signal mask. Safe in a
-// multi-threaded caller. A program that cannot be executed ends with status 127.
+// Starts a program with default signal dispositions and an empty signal mask. May be called with
+// several threads running. If the program cannot be executed, the child ends with status 127.
 pid_t Start(const Command& command);
-// Starts it, gives it `input` to read, waits. Returns its exit status, 128 + N for signal N.
+// Starts a program with `input` on its standard input and waits for it. Returns its exit status,
+// 128 + N for signal N.
 int Run(Command command, const std::string& input = "");
 int WaitStatus(pid_t pid);
 int ExitCode(int waitStatus);
@@ -49,12 +50,12 @@ UniqueFd BlockSignals();
 UniqueFd OpenNamespace(pid_t pid, const char* name);
 void EnterNamespace(const UniqueFd& space, int type);
 
-// Default dispositions and an empty mask. Async-signal-safe: for a child before its exec.
+// Restores default dispositions and an empty mask. Async-signal-safe, for a child before its exec.
 void ResetSignals();
 
-// Messages over a SOCK_SEQPACKET pair, a descriptor beside them when `fd` >= 0.
+// Sends a message over a SOCK_SEQPACKET pair, with a descriptor if `fd` >= 0.
 void SendMessage(int socket, const nlohmann::json& message, int fd = -1);
-// Blocks. No value at the end of the stream.
+// Blocks until a message comes. No value at the end of the stream.
 std::optional<nlohmann::json> ReceiveMessage(int socket, UniqueFd* fd = nullptr);
 
 }  // namespace vboard

@@ -12,7 +12,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The innermost of the ids in a status file's line "NSpid: 4711 12".
+// The innermost id in a status file's line "NSpid: 4711 12".
 pid_t InnerId(const fs::path& process) {
     std::istringstream status(ReadText(process / "status"));
     for (std::string line; std::getline(status, line);) {

@@ -1,4 +1,4 @@
-// The processes of the board, seen from the host.
+// The board's processes, seen from the host.
 #pragma once
 
 #include <sys/types.h>
@@ -23,7 +23,7 @@ struct BoardProcess {
 };
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(BoardProcess, pid, hostPid, name, threads)
 
-// All processes in the PID namespace of `init`, itself included, by board pid.
+// All processes in the PID namespace of `init`, including `init`, sorted by the board's pids.
 std::vector<BoardProcess> ListBoard(pid_t init);
 
 }  // namespace vboard

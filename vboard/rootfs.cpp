@@ -29,7 +29,7 @@ void Mount(const char* source, const fs::path& target, const char* type, unsigne
     }
 }
 
-// Makes `target`, of the same kind as `source`, and binds `source` there.
+// Creates `target` as a file or folder like `source`, and binds `source` there.
 void Bind(const fs::path& source, const fs::path& target, bool readOnly) {
     if (fs::is_directory(source)) {
         fs::create_directories(target);
@@ -43,8 +43,8 @@ void Bind(const fs::path& source, const fs::path& target, bool readOnly) {
     if (!readOnly) {
         return;
     }
-    // Unlike a remount this adds one attribute and leaves those alone that an ordinary user may
-    // not change.
+    // Unlike a remount, this adds one attribute and keeps those that an ordinary user may not
+    // change.
     mount_attr attributes{};
     attributes.attr_set = MOUNT_ATTR_RDONLY;
     if (mount_setattr(AT_FDCWD, target.c_str(), AT_RECURSIVE, &attributes, sizeof(attributes)) !=
@@ -53,7 +53,7 @@ void Bind(const fs::path& source, const fs::path& target, bool readOnly) {
     }
 }
 
-// /usr and the top-level names that lead into it, as the host has them.
+// Binds /usr and the host's top-level folders and links that lead into it.
 void BindPrograms(const fs::path& root) {
     Bind("/usr", root / "usr", true);
     for (const fs::directory_entry& entry : fs::directory_iterator("/")) {
@@ -69,8 +69,8 @@ void BindPrograms(const fs::path& root) {
     }
 }
 
-// /sbin is a folder of links to the host's programs, so that the platform can have one more there:
-// this very program, which under that name is the command link's client.
+// Makes /sbin a folder of links to the host's programs, so that this program can stand there, too,
+// as the command link's client.
 void FillSbin(const fs::path& root, const std::string& self) {
     Bind("/sbin", root / "run/sbin", true);
     fs::create_directory(root / "sbin");
@@ -122,8 +122,8 @@ void FillDev(const fs::path& dev) {
     fs::create_symlink("/proc/self/fd/2", dev / "stderr");
 }
 
-// The kernel's switches stay out of reach (they would be the host's), but for the one that a
-// device's programs write.
+// Mounts /proc. The kernel's switches are read-only because they are the host's, except the one
+// that a device's programs write: it is a private file.
 void MountProc(const fs::path& root) {
     Mount("proc", root / "proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC);
     WriteText(root / "run/drop_caches", "");
@@ -139,7 +139,7 @@ void MountProc(const fs::path& root) {
 void BuildRoot(const BootConfig& config) {
     const fs::path root = config.root;
     const fs::path state = config.state;
-    // What is mounted from here on is seen in this namespace alone.
+    // Keep all mounts from here on inside this namespace.
     Mount("none", "/", nullptr, MS_REC | MS_PRIVATE);
     Mount("board", root, "tmpfs", MS_NOSUID, "mode=755");
     for (const char* folder : {"dev", "etc", "mnt", "opt/app", "param", "proc", "root", "run",

@@ -1,5 +1,5 @@
-// The file system tree that the board's programs see. Used by init, inside the board's own mount
-// namespace, in the order of the declarations; except for MountDevices.
+// The file system that the board's programs see. Init calls these functions in this order, inside
+// the board's mount namespace; only MountDevices is for the runner.
 #pragma once
 
 #include <string>
@@ -10,18 +10,19 @@
 
 namespace vboard {
 
-// Builds the tree at `config.root` from a tmpfs, the host's programs, the state folder.
+// Builds the tree at `config.root` from a tmpfs, the host's programs and the state folder.
 void BuildRoot(const BootConfig& config);
 
-// Puts the devices' file system `tree` into it, and the devices where programs look for them. The
-// runner must be serving them already.
+// Mounts the devices' file system `tree` and binds the devices into /dev. The runner must be
+// serving them already.
 void PlaceDevices(const BootConfig& config, int tree);
 
-// Makes the tree the root of this process and of all that it starts.
+// Makes the tree the root of this process and of its children.
 void EnterRoot(const BootConfig& config);
 
-// The devices' file system, mounted nowhere yet, and the /dev/fuse on which it is served. For the
-// runner: the kernel counts the callers' process ids in the PID namespace of whoever mounts.
+// Creates the devices' file system, not mounted anywhere yet, and the /dev/fuse that serves it. The
+// runner must call this: the kernel gives the callers' process ids in the PID namespace of the
+// mounting process.
 struct DevicesMount {
     UniqueFd fuse;
     UniqueFd tree;

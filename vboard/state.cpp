@@ -149,8 +149,7 @@ void WriteText(const fs::path& file, const std::string& text) {
 
 std::string ReadText(const fs::path& file) {
     std::ifstream stream(file, std::ios::binary);
-    // Not by the buffer's iterators: they throw where reading fails, as of a process that has
-    // ended.
+    // The buffer's iterators would throw when reading fails, as for a process that has ended.
     std::ostringstream text;
     text << stream.rdbuf();
     return text.str();

@@ -1,5 +1,5 @@
-// The state folder: everything of a board that outlives a boot, or the runner, or that a test
-// may read as a plain file.
+// The state folder: everything of a board that outlives a boot or the runner, and everything that a
+// test may read as a plain file.
 //
 //     flash/mtdN.bin       contents of the flash partitions
 //     param/               the board's /param
@@ -41,17 +41,18 @@ class StateDir {
     std::filesystem::path ApplicationMode() const { return path_ / "platform" / "app"; }
     std::filesystem::path RebootFault() const { return path_ / "platform" / "reboot-fault"; }
 
-    // Number of the newest boot, 0 when there is none.
+    // Number of the newest boot, 0 if there is none.
     int LastBoot() const;
 
-    // For the runner, which holds the result as long as it lives. Throws when another one does.
+    // For the runner, which keeps the result for its lifetime. Throws when another runner holds it.
     UniqueFd Lock() const;
     // Waits until no runner holds the lock.
     void AwaitUnlocked() const;
-    // Makes the folders, removes logs of an earlier run. For the runner, under the lock.
+    // Creates the folders and removes logs of earlier runs. For the runner, under the lock.
     void Prepare() const;
 
-    // The control socket's address, short whatever the folder's path. Valid while this object is.
+    // The control socket's address, short however long the folder's path is. Valid as long as this
+    // object.
     std::string ControlAddress() const;
 
   private:
@@ -61,8 +62,8 @@ class StateDir {
 
 // "256K", "4M", "65536".
 uint64_t ParseSize(const std::string& text);
-// "mtd0=256K,mtd1=64K": the default layout with these sizes instead; a size of 0 removes a
-// partition. Backing files are those of `state`.
+// Changes sizes of the default layout: "mtd0=256K,mtd1=64K". A size of 0 removes a partition.
+// Backing files are those of `state`.
 std::vector<PartitionConfig> ParseLayout(const std::string& text, uint32_t eraseBlock,
                                          const StateDir& state);
 

@@ -36,7 +36,7 @@ std::string Describe(const WaitOptions& options) {
     return text;
 }
 
-// Prints what the file holds beyond `offset`; the new end.
+// Prints the file from `offset` on. Returns the new offset.
 std::streamoff Print(const std::string& file, std::streamoff offset) {
     std::ifstream stream(file, std::ios::binary);
     stream.seekg(offset);
@@ -45,7 +45,7 @@ std::streamoff Print(const std::string& file, std::streamoff offset) {
     return offset + static_cast<std::streamoff>(fresh.size());
 }
 
-// Wakes up when something in the state folder or in a boot's folder changes.
+// Waits for changes in the state folder and in the folders of boots.
 class FolderWatch {
   public:
     explicit FolderWatch(const StateDir& state)
@@ -56,8 +56,8 @@ class FolderWatch {
         Add(state.Path());
     }
 
-    // Number of the newest boot. To be called before files are looked at: its folder is watched
-    // from then on, so that no change between the look and Wait is missed.
+    // Number of the newest boot. Call it before looking at files: it starts to watch that boot's
+    // folder, so that Wait misses no change after the look.
     int Refresh() {
         const int last = state_.LastBoot();
         if (last > 0) {
@@ -66,7 +66,8 @@ class FolderWatch {
         return last;
     }
 
-    // Waits for a change, for `fd` to be readable (-1: none) or the deadline. False when `fd` is.
+    // Waits for a change, for `fd` to become readable (-1: none) or for the deadline. False when
+    // `fd` is readable.
     bool Wait(int fd, std::optional<Clock::time_point> deadline) {
         int timeout = -1;
         if (deadline) {
@@ -92,7 +93,7 @@ class FolderWatch {
     UniqueFd inotify_;
 };
 
-// Looks for a text in a growing file, reading each byte once.
+// Searches a growing file for a text and reads each byte once.
 class TextSearch {
   public:
     TextSearch(std::string file, std::string text)
@@ -134,7 +135,7 @@ void WaitForLog(const StateDir& state, const WaitOptions& options) {
     FolderWatch watch(state);
     const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                              std::chrono::duration<double>(options.timeout));
-    // Logs of an earlier run are still there until the runner listens, so that comes first.
+    // Until the runner listens, the folder may still hold logs of an earlier run.
     std::optional<ControlClient> board;
     while (!(board = Connect(state))) {
         (void)watch.Wait(-1, deadline);
@@ -172,7 +173,7 @@ void ShowLog(const StateDir& state, const LogOptions& options) {
     int boot = options.boot > 0 ? options.boot : watch.Refresh();
     const char* const name = options.console ? "console.log" : "trace.log";
     if (boot == 0 || !std::filesystem::exists(state.Boot(boot))) {
-        throw std::runtime_error("there is no log of such a boot in " + state.Path().string());
+        throw std::runtime_error("there is no log of that boot in " + state.Path().string());
     }
     std::optional<ControlClient> board = Connect(state);
     std::streamoff offset = 0;

@@ -1,4 +1,4 @@
-// Reading a board's logs from outside, live.
+// Reads a board's logs while it runs.
 #pragma once
 
 #include <string>
@@ -12,17 +12,17 @@ struct LogOptions {
     bool console = false;
     bool follow = false;
 };
-// Prints a log; following, goes on with the next boots' and ends with the board.
+// Prints a log. With `follow`, continues with the logs of later boots and ends with the board.
 void ShowLog(const StateDir& state, const LogOptions& options);
 
 struct WaitOptions {
-    int boot = 0;         // 0: the present boot or any later one
-    std::string trace;    // text to be found in trace.log
-    std::string console;  // text to be found in console.log
+    int boot = 0;         // 0: the current boot or any later one
+    std::string trace;    // text to find in trace.log
+    std::string console;  // text to find in console.log
     double timeout = 60;  // seconds
 };
-// Waits until one boot's logs hold the texts; without texts, until that boot's program is started.
-// Waits for a board to be switched on, too. Throws when time is up or the board is stopped.
+// Waits until a board is switched on, then until the logs of one boot contain the texts; without
+// texts, until that boot has started its program. Throws when time is up or the board is stopped.
 void WaitForLog(const StateDir& state, const WaitOptions& options);
 
 }  // namespace vboard

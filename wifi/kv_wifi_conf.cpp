@@ -8,7 +8,7 @@
 
 namespace {
 
-// The open variant is the debug writer's; the service network always has a pass phrase.
+// Only the debug writer makes open networks; the service network has a pass phrase.
 void WriteNetwork(FILE* file, const KV_WIFI_REPORTER& reporter, const char* passphrase) {
     if (passphrase[0] == '\0') {
         (void)KV_Trace(KV_LEVEL_DEBUG, reporter.trace, __LINE__, reporter.function,
@@ -30,7 +30,7 @@ int KV_WIFI_WriteConf(const KV_WIFI_REPORTER& reporter, const char* ssid, const 
                       const char* workDir) {
     char name[64] = {};
     const int length = snprintf(name, sizeof(name), "%s/%s", workDir, kv::kWpaConfName);
-    // A cut name would be some other file: it counts as one that cannot be opened.
+    // A truncated name would be another file, so it counts as one that cannot be opened.
     const bool fits = length > 0 && static_cast<size_t>(length) < sizeof(name);
     const UniqueFile file(fits ? fopen(name, "wte") : nullptr);
     if (!file) {
@@ -45,7 +45,7 @@ int KV_WIFI_WriteConf(const KV_WIFI_REPORTER& reporter, const char* ssid, const 
     (void)fprintf(file.Get(), "\tssid=\"%s\"\n", ssid);
     (void)fputs("\tscan_ssid=1\n", file.Get());
     WriteNetwork(file.Get(), reporter, passphrase);
-    // Kept: no line end behind the brace, because the file is compared byte by byte.
+    // Kept: no newline after the brace.
     (void)fputs("}", file.Get());
     return 0;
 }

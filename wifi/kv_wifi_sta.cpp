@@ -36,32 +36,32 @@ constexpr useconds_t kLeasePollUs = 100000;
 constexpr int32_t kPublicConnecting = 0;
 constexpr int32_t kPublicGuarding = 3;
 constexpr char kDebugScanSsid[] = "1111";
-// The helpers below report under the names of the thread and of its status handling.
+// Function names in the log: the thread's and its status handling's.
 constexpr char kThreadName[] = "__KV_WIFI_STA_HandleProc";
 constexpr char kStatusName[] = "handle_result";
 constexpr char kEndDhcp[] = "killall -9 udhcpc";
 
-// The station, of which there is one.
+// The one station.
 struct KV_WIFI_STA_CTX {
-    // Held through a whole start or stop, joining included.
+    // Held during a whole start or stop, including the join.
     pthread_mutex_t control;
-    // Cleared by a stop only: 1 means that the thread is to be joined.
+    // Only a stop clears it. 1 means that the thread must be joined.
     std::atomic<uint8_t> running;
-    // Under control.
+    // Guarded by `control`.
     pthread_t thread;
-    // Written while no thread runs.
+    // Written only while no thread runs.
     uint8_t guardEnable;
     std::atomic<int32_t> publicState;
-    // The DHCP client runs, or is about to.
+    // The DHCP client is running or about to start.
     std::atomic<bool> leasing;
-    // For single copies in and out of param, never while anything blocks.
+    // Held only to copy in or out of `param`.
     pthread_mutex_t paramLock;
     KV_WIFI_STA_PARAM param;
 };
 KV_WIFI_STA_CTX g_station = {PTHREAD_MUTEX_INITIALIZER, {0}, {}, 0, {kPublicConnecting}, {false},
                              PTHREAD_MUTEX_INITIALIZER, {}};
 
-// What the station thread keeps for itself.
+// State of the station thread alone.
 struct StaThread {
     kv::StaMachine machine;
     char pingTarget[kv::kNetAddressSize];
@@ -79,7 +79,7 @@ KV_WIFI_STA_PARAM Param() {
     return g_station.param;
 }
 
-// No new command starts after a stop request, so that a stop waits for one of them at most.
+// No new command starts after a stop request, so a stop waits for one command at most.
 void RunCommand(const StaThread& sta) {
     if (IsRunning()) {
         KV_ShellEcho(sta.command);
@@ -128,8 +128,8 @@ StaGo Associate(StaThread* sta, int64_t now) {
     return go;
 }
 
-// Reads one address into the record; a failed read leaves what was there, and so does an address of
-// the lease where a static one was set since.
+// Reads one address into the record. A failed read changes nothing. Neither does the lease's
+// address if a static one has been set meanwhile.
 void ReadBack(int (*reader)(const char*, char*), char* field) {
     char address[kv::kNetAddressSize] = {};
     if (reader(kv::kWifiInterface, address) == 0) {
@@ -163,8 +163,8 @@ void Address(StaThread* sta) {
 StaGo Verify(StaThread* sta) {
     char ip[kv::kNetAddressSize] = {};
     (void)KV_NET_GetIpAddr(kv::kWifiInterface, ip);
-    // Kept: the MAC is read into the command buffer, which holds the last command when the read
-    // fails, because only a read that gave an empty text is to count as a missing MAC.
+    // Kept: the MAC is read into the command buffer. After a failed read the buffer still holds the
+    // last command, so only a read that gave an empty text counts as a missing MAC.
     (void)KV_NET_GetMacAddr(kv::kWifiInterface, nullptr, sta->command);
     const KV_WIFI_STA_PARAM param = Param();
     const char* const wantedIp = param.ucDhcp != 0 ? nullptr : param.acIpAddr;
@@ -183,8 +183,8 @@ StaGo Verify(StaThread* sta) {
     return StaGo::kStay;
 }
 
-// A ping that cannot be sent counts as a miss. The log's line for a miss does not tell it from a
-// silent gateway, so it is said once, on standard output, beside the echoed commands.
+// A ping that cannot be sent counts as a miss. The log line for a miss looks the same as for a
+// silent gateway, so the difference is printed once on standard output, beside the echoed commands.
 bool Ping(StaThread* sta) {
     const int replies = ping(sta->pingTarget, 1);
     if (replies < 0 && !sta->pingErrorSaid) {
@@ -255,8 +255,8 @@ void* __KV_WIFI_STA_HandleProc(void* argument) {
     return nullptr;
 }
 
-// Where no server answers, the DHCP client stays in the foreground and asks for ever. A stop gives
-// it longer than a lease ever takes and then ends it, as the process could not exit otherwise.
+// Without a DHCP server the client stays in the foreground and asks for ever, and the process could
+// not exit. So a stop gives it more time than a lease ever takes, then kills it.
 void AwaitLease() {
     int64_t start = kv::MonotonicMilliseconds();
     while (g_station.leasing) {
@@ -268,7 +268,7 @@ void AwaitLease() {
     }
 }
 
-// The caller holds control.
+// The caller holds `control`.
 int Stop() {
     const char* const function = "KV_WIFI_StaStop";
     if (!IsRunning()) {
@@ -319,8 +319,7 @@ int KV_WIFI_StaConnect(const KV_WIFI_STA_PARAM* param) {
     }
     const MutexGuard guard(&g_station.control);
     (void)Stop();
-    // Kept: the control sockets are looked for below "/tmp" whatever work directory the record
-    // names, because the device's connect scripts put them there.
+    // Kept: the control sockets are looked for below "/tmp", whatever the work directory.
     KV_WIFI_SetRunPath(kv::kWifiWorkDir);
     {
         const MutexGuard copying(&g_station.paramLock);
@@ -343,7 +342,7 @@ int __KV_WIFI_StaSupplicant() {
     param.pcWorkPath = kv::kWifiWorkDir;
     param.ucGuardEnable = 1;
     param.ucDhcp = 1;
-    // Reported as start-up's: that is where readers of the log look for it.
+    // Logged as start-up's, where readers of the log expect it.
     (void)KV_WIFI_WriteConf({"upgrade_main", __func__}, kv::kServiceSsid, kv::kServicePassphrase,
                             kv::kWifiWorkDir);
     return KV_WIFI_StaConnect(&param);
@@ -377,8 +376,8 @@ int KV_WIFI_STA_DebugCmd(int argc, const char* command, char* const* argv, char*
     (void)command;
     (void)reply;
     {
-        // Kept: any use of the debug command moves a running station's next connect sequence to
-        // the debug directory, because that is where technicians put their configuration.
+        // Kept: any use of the debug command moves a running station's next connect sequence to the
+        // debug directory.
         const MutexGuard guard(&g_station.paramLock);
         g_station.param.pcWorkPath = kv::kWifiDebugWorkDir;
     }

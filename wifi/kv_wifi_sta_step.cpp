@@ -12,7 +12,7 @@ constexpr int64_t kConnectSeconds = 60;
 constexpr int64_t kPingSeconds = 5;
 constexpr uint8_t kPingMisses = 5;
 
-// Stops at the top: a wrap would begin a new series of soft resets without a verified link.
+// Saturates: a wrap would start a new series of soft resets without a verified link.
 void CountRetry(StaMachine* machine) {
     if (machine->retryCount < UINT8_MAX) {
         ++machine->retryCount;

@@ -26,7 +26,7 @@
 
 struct wpa_ctrl {
     int s;
-    sockaddr_un local;  // An empty path means that no name is bound.
+    sockaddr_un local;  // An empty path: no name is bound.
     sockaddr_un dest;
 };
 
@@ -41,8 +41,8 @@ constexpr int kNoReply = -2;
 std::atomic<int> g_openCount{0};
 std::atomic<const char*> g_workPath{nullptr};
 
-// Each listener thread takes a number, and the flag holds the number of the one that is to run (0:
-// none), so one that was stopped cannot mistake its successor's flag for its own.
+// Each listener thread takes a number. `wanted` holds the number of the one that should run (0:
+// none), so a stopped thread cannot mistake its successor's flag for its own.
 struct Listener {
     pthread_mutex_t lock;  // for starting and stopping
     std::atomic<uint32_t> wanted;
@@ -61,7 +61,7 @@ bool BindLocal(wpa_ctrl* ctrl) {
         if (bind(ctrl->s, address, sizeof(ctrl->local)) == 0) {
             return true;
         }
-        // A process of the same number that died may have left the name behind.
+        // A dead process with the same ID may have left the name behind.
         if (errno == EADDRINUSE) {
             (void)unlink(path);
             if (bind(ctrl->s, address, sizeof(ctrl->local)) == 0) {
@@ -132,8 +132,8 @@ bool IsWanted(uint32_t number) {
     return g_listener.wanted == number;
 }
 
-// Traces what has arrived. Looks at the flag between messages too: a supplicant that floods the
-// socket must not keep a stopped listener alive.
+// Logs the messages that have arrived. Checks the flag between messages too: a supplicant that
+// floods the socket must not keep a stopped listener alive.
 void TraceEvents(wpa_ctrl* ctrl, uint32_t number) {
     char message[2048] = {};
     size_t length = sizeof(message) - 1;
@@ -167,7 +167,7 @@ void* __KV_wifi_ctrlProc(void* argument) {
     (void)prctl(PR_SET_NAME, "__KV_wifi_ctrlProc");
     uint32_t number = ++g_listener.taken;
     Listen(number);
-    // One that could not start is no longer held, so the next call starts another.
+    // A listener that could not start clears the flag, so the next call starts another.
     (void)g_listener.wanted.compare_exchange_strong(number, 0);
     KV_DEBUG("__KV_wifi_ctrlProc Exit");
     return nullptr;

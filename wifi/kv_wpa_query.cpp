@@ -20,7 +20,7 @@ struct RssiCache {
 };
 RssiCache g_rssi{};
 
-// The longest reply fills kWpaReplySize bytes and is terminated behind them.
+// The longest reply fills kWpaReplySize bytes; the NUL follows them.
 struct Reply {
     char text[kWpaReplySize + 1];
     size_t length;
@@ -36,7 +36,7 @@ bool StartsWith(const char* text, const char* prefix) {
 }
 
 // Kept: a key is searched anywhere in the reply, so "id" is found inside "bssid" and "address"
-// inside "ip_address" when those come first, because readers of the records know these values so.
+// inside "ip_address" if those come first.
 void CopyValue(const char* reply, const char* key, char* out, size_t outSize) {
     const char* found = strstr(reply, key);
     const char* equals = found != nullptr ? strchr(found, '=') : nullptr;
@@ -52,7 +52,7 @@ void CopyValue(const char* reply, const char* key, char* out, size_t outSize) {
     out[length] = '\0';
 }
 
-// Where long has 64 bits a number saturates all the same as on the device, where it has 32.
+// Saturates at 32 bits where long has 64, as on the device, where it has 32.
 int32_t NumberOf(const char* reply, const char* key) {
     char text[kNumberSize] = {};
     CopyValue(reply, key, text, sizeof(text));
@@ -65,8 +65,8 @@ int32_t NumberOf(const char* reply, const char* key) {
 
 enum class Query { kFilled, kRefused, kFailed };
 
-// The part that status and signal share: ask, keep the raw reply, trace what went wrong under the
-// caller's name.
+// The common part of status and signal: asks, keeps the raw reply, logs failures under the caller's
+// name.
 Query Run(const char* command, const char* caller, Reply* reply, char* raw, size_t rawSize) {
     if (!Ask(command, reply)) {
         KV_ERROR_IN(caller, "Err: %s\n", command);
@@ -140,7 +140,7 @@ int KV_WIFI_GetNearApList(const char* ssid) {
         return -1;
     }
     char* rest = nullptr;
-    // The first line names the columns.
+    // The first line has the column names.
     (void)strtok_r(reply.text, "\r\n", &rest);
     for (const char* line = strtok_r(nullptr, "\r\n", &rest); line != nullptr;
          line = strtok_r(nullptr, "\r\n", &rest)) {

@@ -1,11 +1,11 @@
-// Questions to the supplicant: its status, the signal, networks nearby. Each call opens and closes
-// a control connection of its own; any thread may call; blocks like wifi_run_cmd. Of these this
-// program calls KV_WIFI_WPA_Status only; the debug handler scans, too.
+// Queries to the supplicant: status, signal, nearby networks. Each call opens and closes its own
+// control connection. Any thread; blocks like wifi_run_cmd. This program uses only
+// KV_WIFI_WPA_Status; the debug handler also scans.
 #pragma once
 
 #include <cstdint>
 
-// What "SIGNAL_POLL" told. A value that was not in the reply is 0.
+// The result of "SIGNAL_POLL". A value missing in the reply is 0.
 struct KV_WIFI_SIGNAL_INFO {
     char acReply[1024];  // the reply, cut to 1023 characters
     int32_t iRssi;       // dBm
@@ -15,8 +15,8 @@ struct KV_WIFI_SIGNAL_INFO {
 };
 static_assert(sizeof(KV_WIFI_SIGNAL_INFO) == 1040, "size of the signal record");
 
-// What "STATUS" told. Texts are terminated, cut to their field; one that was not in the reply is
-// empty, a number 0.
+// The result of "STATUS". Texts are terminated and cut to their field. A text missing in the reply
+// is empty, a number 0.
 struct KV_WIFI_STATUS_INFO {
     char acReply[1024];  // the reply, cut to 1023 characters
     char acBssid[18];
@@ -34,19 +34,19 @@ struct KV_WIFI_STATUS_INFO {
 };
 static_assert(sizeof(KV_WIFI_STATUS_INFO) == 1376, "size of the status record");
 
-// Clear the record, ask, fill it. Return 0, also when the supplicant answered "FAIL" (traced; only
-// the reply is filled), -1, traced, when there was no answer or an empty one.
+// Clear the record, ask and fill it. Return 0, also after a "FAIL" answer, which is logged and
+// fills only the reply. Return -1 with a log line if there was no answer or an empty one.
 int KV_WIFI_WPA_Status(KV_WIFI_STATUS_INFO* status);
 int KV_WIFI_SignalPoll(KV_WIFI_SIGNAL_INFO* signal);
 
-// Starts a scan and looks at the results that are there at once, without waiting for that scan.
-// Returns 1 when a line of them contains `ssid`, 0 when none does or the scan was refused, -1,
-// traced, when an exchange failed.
+// Starts a scan and searches the results that exist at once, without waiting for that scan. Returns
+// 1 if one of their lines contains `ssid`, 0 if none does or the scan was refused, -1 with a log
+// line if an exchange failed.
 int KV_WIFI_GetNearApList(const char* ssid);
 
-// The signal strength in dBm; asks the supplicant at most once in 3 s, and gives 0 after a failed
-// question. Any thread.
+// Returns the signal strength in dBm; 0 after a failed query. Asks the supplicant at most every 3 s
+// and blocks like wifi_run_cmd then. Any thread.
 int32_t KV_WIFI_GetRssi();
 
-// What KV_WIFI_GetRssi saw last, 0 before that. Never blocks.
+// Returns the last value of KV_WIFI_GetRssi, 0 before the first. Any thread; never blocks.
 int32_t KV_WIFI_GetLastRssi();

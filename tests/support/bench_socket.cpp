@@ -1,7 +1,7 @@
-// bench_socket FD tcp|udp|broadcast|icmp HOST PORT: makes a socket where it runs (the bench's
-// network) and hands it over the Unix socket FD, so that a test uses it as if it stood on the bench
-// itself. "tcp" and "udp" are connected to HOST; "broadcast" is not, as the answers come from
-// elsewhere; "icmp" receives what arrives of that protocol.
+// bench_socket FD tcp|udp|broadcast|icmp HOST PORT: opens a socket in the network where it runs
+// (the bench) and passes it over the Unix socket FD. The test can then use it as if it ran on the
+// bench. "tcp" and "udp" are connected to HOST. "broadcast" is not, because answers come from
+// elsewhere. "icmp" receives all packets of that protocol.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
     }
     const int on = 1;
     (void)setsockopt(descriptor, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-    // Each send of a test is a segment of its own.
+    // Each send of a test becomes one segment.
     (void)setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     if ((tcp || strcmp(argv[2], "udp") == 0) &&
         connect(descriptor, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) != 0) {

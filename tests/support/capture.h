@@ -1,4 +1,4 @@
-// Takes what the code under test writes to a standard descriptor.
+// Captures what the code under test writes to a standard descriptor.
 #pragma once
 
 #include <stdexcept>
@@ -7,8 +7,8 @@
 
 namespace kv_test {
 
-// Redirects descriptor `fd` (1 or 2) into a temporary file until it goes out of scope. A failed
-// expectation inside the scope is captured too, so a failed test shows the text at the end.
+// Redirects descriptor `fd` (1 or 2) into a temporary file until the end of the scope. The messages
+// of failed expectations in the scope are captured too; a failed test prints the text at the end.
 class Capture {
   public:
     explicit Capture(int fd) : fd_(fd), file_(tmpfile()), saved_(dup(fd)) {
@@ -29,7 +29,7 @@ class Capture {
     Capture(const Capture&) = delete;
     Capture& operator=(const Capture&) = delete;
 
-    // Everything written so far.
+    // All that has been written so far.
     std::string Text() const {
         (void)fflush(nullptr);
         std::string text;

@@ -1,4 +1,4 @@
-// What nearly every test uses: texts, files, a folder of its own, and bounded waiting.
+// Used by nearly every test: texts, files, a temporary folder, and bounded waiting.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -28,8 +28,8 @@ using Lines = std::vector<std::string>;
 
 constexpr double kPatienceSeconds = 30;
 
-// The file's bytes; none when it cannot be read. Not through the buffer's iterators, which throw
-// then.
+// The file's bytes; empty if it cannot be read. The buffer's iterators would throw then, so they
+// are not used.
 inline std::string ReadFile(const std::string& path) {
     const std::ifstream file(path, std::ios::binary);
     std::ostringstream text;
@@ -53,7 +53,7 @@ inline size_t CountOf(const std::string& text, const std::string& part) {
     return count;
 }
 
-// Whether `parts` stand in `text` in this order.
+// Whether `text` contains `parts` in this order.
 inline testing::AssertionResult InOrder(const std::string& text, const Lines& parts) {
     size_t at = 0;
     for (const std::string& part : parts) {
@@ -66,7 +66,7 @@ inline testing::AssertionResult InOrder(const std::string& text, const Lines& pa
     return testing::AssertionSuccess();
 }
 
-// True as soon as `holds` does; false after the time-out.
+// Returns true as soon as `holds` does, false after the time-out.
 inline bool WaitUntil(const std::function<bool()>& holds,
                       double timeoutSeconds = kPatienceSeconds) {
     const auto end = Clock::now() + std::chrono::duration<double>(timeoutSeconds);
@@ -88,7 +88,7 @@ struct CommandResult {
     std::string output;
 };
 
-// Runs a shell command with both its streams captured.
+// Runs a shell command and captures both its streams.
 inline CommandResult Run(const std::string& command) {
     FILE* const pipe = popen(("exec 2>&1; " + command).c_str(), "re");
     CommandResult result = {-1, ""};
@@ -100,14 +100,14 @@ inline CommandResult Run(const std::string& command) {
     return result;
 }
 
-// The same for a command that must succeed.
+// The same for a command that must succeed. Returns its output.
 inline std::string Shell(const std::string& command) {
     const CommandResult result = Run(command);
     EXPECT_EQ(result.status, 0) << command << "\n" << result.output;
     return result.output;
 }
 
-// A new folder that goes with its object.
+// A new folder, below TMPDIR or "/tmp", that exists as long as its object.
 class Folder {
   public:
     Folder() { EXPECT_NE(mkdtemp(path_.data()), nullptr) << strerror(errno); }
@@ -118,7 +118,11 @@ class Folder {
     std::string Path(const std::string& name) const { return path_ + "/" + name; }
 
   private:
-    std::string path_ = "/tmp/kv-test-XXXXXX";
+    static std::string Base() {
+        const char* const chosen = getenv("TMPDIR");
+        return chosen != nullptr ? chosen : "/tmp";
+    }
+    std::string path_ = Base() + "/kv-test-XXXXXX";
 };
 
 }  // namespace kv_test

@@ -1,4 +1,4 @@
-// Runs the debugging console and nothing else, in the supervisor's place on a board.
+// Runs only the debugging console, instead of the supervisor, on a board.
 #include <unistd.h>
 
 #include <cstdio>

@@ -1,4 +1,4 @@
-// The client's side of discovery, by the bytes on the wire.
+// The client's side of discovery, in wire bytes.
 #pragma once
 
 #include "tests/support/tcp_client.h"
@@ -7,13 +7,13 @@ namespace kv_test {
 
 using Bytes = std::vector<uint8_t>;
 
-// Puts a text, without its zero, at an offset.
+// Puts a text without its NUL at an offset.
 inline void Put(Bytes* bytes, size_t offset, const std::string& text) {
     ASSERT_LE(offset + text.size(), bytes->size());
     memcpy(bytes->data() + offset, text.data(), text.size());
 }
 
-// A request of `size` bytes, all zero behind the message type.
+// A request of `size` bytes. All bytes after the message type are zero.
 inline Bytes Search(size_t size, uint8_t type = 10) {
     Bytes bytes(size);
     Put(&bytes, 0, "searching..");
@@ -47,17 +47,17 @@ inline Bytes ExpectedReply(const Settings& settings) {
     Put(&reply, 292, "\x2C\0\0\0\0\0\0\0\xF4\x01\0\0IPCAMERA"s);
     Put(&reply, 292 + 92, "PRT7K_38QX_QJT_V1.0.0.241127_R1");
     Put(&reply, 480, "admin");
-    // As openssl enciphers the 32 bytes in single DES, block by block.
+    // The 32 bytes as openssl encrypts them in single DES, block by block.
     Put(&reply, 512,
         "\xDA\x35\x08\x5C\x06\x73\x02\x68\xB0\x31\xE2\x00\x54\x05\x90\xA8"
         "\xDE\x88\x00\x3A\x00\xD3\x4F\x7E\xAF\x3E\xE9\x39\x01\x67\x5B\x9A"s);
     return reply;
 }
 
-// Sends searches and takes the answers.
+// Sends searches and receives the answers.
 class DiscoveryClient {
   public:
-    // On a socket of its own at `address`, or on one that was made elsewhere.
+    // Uses a new socket bound to `address`, or a given one.
     explicit DiscoveryClient(const char* address = "127.0.0.1")
         : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         const int on = 1;
@@ -71,7 +71,7 @@ class DiscoveryClient {
         EXPECT_EQ(sendto(fd_.Get(), bytes.data(), bytes.size(), 0, Generic(peer), sizeof(peer)),
                   static_cast<ssize_t>(bytes.size()));
     }
-    // The next answer; empty when none comes in time.
+    // The next answer; empty if none comes in time.
     Bytes Receive(int timeoutMs = 10000) const {
         Bytes bytes(2048);
         struct pollfd ready = {fd_.Get(), POLLIN, 0};

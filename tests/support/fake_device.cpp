@@ -12,7 +12,7 @@ namespace fake {
 
 namespace {
 
-// Binds and returns the port.
+// Binds the socket and returns its port.
 uint16_t Bind(int fd, const std::string& host, uint16_t port) {
     const int on = 1;
     (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -28,11 +28,11 @@ uint16_t Bind(int fd, const std::string& host, uint16_t port) {
 void Wake(int fd) {
     const uint64_t one = 1;
     if (write(fd, &one, sizeof one) != sizeof one) {
-        abort();  // the join that follows would never end
+        abort();  // the following join would never end
     }
 }
 
-// Waits for input; false when told to stop.
+// Waits for input. Returns false when told to stop.
 bool AwaitInput(int fd, int stop) {
     pollfd entries[2] = {{fd, POLLIN, 0}, {stop, POLLIN, 0}};
     return poll(entries, 2, -1) > 0 && entries[1].revents == 0;
@@ -65,7 +65,7 @@ Device::~Device() {
 
 void Device::Listen() {
     listener_.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    // As little as a camera has, so that a client is never far ahead of it.
+    // A small buffer like a camera's, so that a client is never far ahead.
     const int room = 65536;
     (void)setsockopt(listener_.Get(), SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
     port_ = Bind(listener_.Get(), address_, port_);
@@ -91,24 +91,11 @@ void Device::Serve() {
         if (next == Next::kRestart) {
             listener_.Reset();
             clients.clear();
-            if (script_.aliveAfter) {
-                RunApplication();
-                return;
-            }
             if (!script_.backAfter || !Pause(*script_.backAfter)) {
                 return;
             }
             Listen();
         }
-    }
-}
-
-void Device::RunApplication() {
-    if (Pause(*script_.aliveAfter)) {
-        const UniqueFd application(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        (void)Bind(application.Get(), address_, alivePort_);
-        (void)listen(application.Get(), 8);
-        (void)Pause(std::chrono::hours(1));
     }
 }
 
@@ -139,7 +126,7 @@ Device::Next Device::Poll(std::vector<UniqueFd>* clients) {
     return Next::kGoOn;
 }
 
-// kEnd: the connection is over.
+// Returns kEnd when the connection is over.
 Device::Next Device::Command(int fd) {
     Bytes chunk(8192);
     const ssize_t n = recv(fd, chunk.data(), chunk.size(), 0);

@@ -1,5 +1,5 @@
-// A scripted stand-in for a camera in recovery mode, on loopback: speaks the command protocol over
-// TCP well or badly as told.
+// A scripted stand-in for a camera in recovery mode. It speaks the command protocol over TCP,
+// correctly or with the faults that its script asks for.
 #pragma once
 
 #include <atomic>
@@ -19,42 +19,41 @@ struct Script {
     std::string ic = "PRT7K";
     std::string sensor = "38QX";
     size_t replyPiece = 0;   // send replies in pieces of this size, 0: whole
-    size_t readStep = 8192;  // bytes taken from the stream at once
+    size_t readStep = 8192;  // bytes of the stream to read at once
     milliseconds readPause{0};
     std::optional<size_t> closeAfter;  // reset the connection after so many stream bytes
     std::optional<size_t> stopAfter;   // read nothing more after so many stream bytes
-    std::optional<size_t> busyAfter;   // answer 0xFFFF to every read from so many stream bytes on
+    std::optional<size_t> busyAfter;   // answer each read with 0xFFFF after so many stream bytes
     Verdict verdict = Verdict::kAnswer;
     uint16_t verdictStatus = 0;
-    // Changes the reply to a command before it is sent; an empty one is not sent at all.
+    // Changes the reply to a command before it is sent. An empty reply is not sent.
     std::function<Bytes(uint16_t command, Bytes reply)> edit;
-    // After acceptance the listener and all connections close; with a time, they come back then,
-    // as after a restart.
+    // Closes the listener and all connections after acceptance. With backAfter the listener comes
+    // back after that time, as after a restart.
     bool leaves = false;
     std::optional<milliseconds> backAfter;
     // So long after that its application opens AlivePort().
     std::optional<milliseconds> aliveAfter;
     uint16_t alivePort = 0;  // 0: any free one
-    // Behind the verdict it sends replies that say busy, for ever.
+    // After the verdict it sends busy replies for ever.
     bool talks = false;
 };
 
 class Device {
   public:
-    // `port` 0: any free one.
+    // `port` 0: any free port.
     explicit Device(Script script, uint16_t port = 0, std::string address = "127.0.0.1");
     ~Device();
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
     uint16_t Port() const { return port_; }
-    uint16_t AlivePort() const { return alivePort_; }
-    // What came on the connection behind the upgrade request, and the request itself.
+    // The bytes received after the upgrade request, and the request itself.
     Bytes Stream() { return Copy(stream_); }
     std::string UpgradeRequest() { return Copy(request_); }
     // How often it has accepted a package.
     int Accepted() const { return accepted_; }
-    // The sizes of the chunks in which the command protocol was read, the upgrade request's last.
+    // The size of each chunk read as a command; the upgrade request is the last.
     std::vector<size_t> Chunks() { return Copy(chunks_); }
 
   private:
@@ -72,12 +71,10 @@ class Device {
     }
     void Listen();
     bool Pause(milliseconds time);
-    void RunApplication();
     void Talk(int fd);
 
     Script script_;
     uint16_t port_;
-    uint16_t alivePort_ = 0;
     std::string address_;
     UniqueFd listener_;
     UniqueFd stop_;
@@ -92,8 +89,8 @@ class Device {
     std::thread thread_;
 };
 
-// Answers every search with the same bytes, each a datagram, from one address of this host. It
-// takes searches at all addresses unless told otherwise.
+// Answers every search with the same datagrams, from one address of this host. It takes searches
+// at all addresses unless told otherwise.
 class Responder {
   public:
     Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies,

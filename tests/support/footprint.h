@@ -1,4 +1,4 @@
-// What this process holds: to be the same before and after whatever must leave nothing behind.
+// What this process holds. Must be the same before and after code that should leave nothing behind.
 #pragma once
 
 #include <fcntl.h>
@@ -35,8 +35,7 @@ inline long Threads() {
     return CountEntries("/proc/self/task");
 }
 
-// Memory of its own that is resident, in KiB. Always 0 under a sanitizer, whose shadows and
-// quarantines say nothing about the program.
+// Private resident memory in KiB. Always 0 under a sanitizer, whose own memory hides the program's.
 inline long PrivateKib() {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     std::ifstream status("/proc/self/status");

@@ -1,14 +1,17 @@
 #!/bin/sh
-# in_sandbox.sh PROGRAM [ARG...]: runs a test program where it can do no harm and sees a device's paths.
+# in_sandbox.sh PROGRAM [ARG...]: runs a test program where it can do no harm and sees a device's
+# paths.
 #
-# User, mount, network, PID namespaces of its own; private /tmp, /root, /etc/resolv.conf and drop_caches file;
-# loopback is up; the device's commands are stand-ins in /tmp/stubs (first on PATH) that append
-# their command line to /tmp/commands.log. A test may replace a stand-in by writing another one.
-# The folder of PROGRAM stays reachable as /mnt, wherever it is.
+# The program gets its own user, mount, network and PID namespaces, and a private /tmp, /root,
+# /etc/resolv.conf and drop_caches file. Loopback is up. The device's commands are stand-ins in
+# /tmp/stubs (first on PATH) that append their command line to /tmp/commands.log; a test may
+# overwrite a stand-in. PROGRAM's folder is visible as /mnt.
 set -eu
 exec 9<"$1"
 KV_SANDBOX_BIN=$(dirname "$1")
 export KV_SANDBOX_BIN
+# A folder of the caller's would not be there.
+unset TMPDIR
 shift
 # shellcheck disable=SC2016 # expanded by the inner shell
 exec unshare --user --map-root-user --mount --net --pid --fork --kill-child --mount-proc -- sh -eu -c '

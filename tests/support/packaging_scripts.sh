@@ -1,6 +1,7 @@
 #!/bin/sh
-# packaging_scripts.sh FOLDER: the scripts of packaging/ (FOLDER), under busybox's shell, in namespaces of their own
-# where programs, devices and commands are stand-ins. Holds them to what their heads promise.
+# packaging_scripts.sh FOLDER: tests the scripts of packaging/ (FOLDER) under busybox's shell, in
+# their own namespaces, with stand-ins for programs, devices and commands. Each script must do what
+# its head comment promises.
 set -eu
 KV_PACKAGING=$1
 export KV_PACKAGING
@@ -20,7 +21,7 @@ exec unshare --user --map-root-user --mount --net --pid --fork --kill-child --mo
     exec sh -eu' <<'INNER'
 die() { echo "packaging_scripts: $*" >&2; exit 1; }
 busy() { timeout 30 busybox sh "$@"; }
-# What was started in the background bears its name only once the kernel has replaced the shell that started it.
+# A background program has its name only after the shell that started it has called exec.
 await() { tries=100; until "$@"; do tries=$((tries - 1)); [ $tries -gt 0 ] || return 1; sleep 0.05; done; }
 is_called() { [ "$(name_of "$1")" = "$2" ]; }
 has_application() { pidof -x cameraMain >/tmp/application; }
@@ -38,7 +39,7 @@ busy $init start 2>/dev/null || die "start fails"
 pid=$(cat /var/run/upgradeMain.pid)
 await test -e /tmp/ready || die "the supervisor does not run"
 is_called "$pid" upgradeMain || die "the supervisor is called $(name_of "$pid")"
-[ "$(readlink "/proc/$pid/cwd")" = / ] || die "the supervisor is started elsewhere than in /"
+[ "$(readlink "/proc/$pid/cwd")" = / ] || die "the supervisor does not start in /"
 [ "$(readlink "/proc/$pid/fd/0")" = /dev/null ] || die "the supervisor reads the console"
 busy $init start >/dev/null || die "second start fails"
 [ "$(cat /var/run/upgradeMain.pid)" = "$pid" ] || die "a second supervisor was started"
@@ -48,9 +49,10 @@ busy $init stop || die "stop fails"
 [ "$(cat /tmp/ended)" = ended ] || die "the supervisor got no SIGTERM"
 [ -z "$(name_of "$pid")" ] || die "stop returned before the supervisor had ended"
 echo $$ >/var/run/upgradeMain.pid
-busy $init stop >/dev/null || die "stop with the number of another process"
+busy $init stop >/dev/null || die "stop fails when the PID file names another process"
 
-# Preparation: without the button it fails and does the rest; with it, all is there, also the second time.
+# Preparation: without the button it does the rest and fails; with it, it sets up everything, also
+# the second time.
 export PATH="/tmp/stubs:$PATH"
 if busy /mnt/scripts/upgrade_prepare.sh 2>/dev/null; then die "preparation without a button line succeeds"; fi
 [ -p /tmp/bin/cmd_link_snd ] && [ -p /tmp/bin/cmd_link_ack ] || die "no console pipes"
@@ -60,7 +62,8 @@ busy /mnt/scripts/upgrade_prepare.sh || die "preparation fails"
 [ "$(cat /sys/class/gpio/GPIO26/direction)" = in ] || die "the button line is no input"
 ping -c 1 -W 2 127.0.0.1 >/dev/null || die "loopback is down"
 
-# Connect script: the supplicant gets the file, a stale control socket is gone, wrong use is refused.
+# Connect script: gives the file to the supplicant, removes a stale control socket, refuses wrong
+# use.
 printf '#!/bin/sh\necho "$*" >/tmp/called\n' >/tmp/stubs/wpa_supplicant
 printf '#!/bin/sh\necho "$0 $*" | sed "s:.*/::" >>/tmp/driver\n' >/tmp/stubs/ifconfig
 chmod +x /tmp/stubs/*
@@ -72,11 +75,11 @@ grep -q -- '-B .*-i wlan0 -c /tmp/wpa_supplicant.conf$' /tmp/called || die "the 
 [ ! -e /tmp/wpa_supplicant/wlan0 ] || die "a stale control socket is left"
 if busy /mnt/scripts/wifi_connect.sh ap /tmp/wpa_supplicant.conf 2>/dev/null; then die "wifi_connect.sh ap"; fi
 
-# Driver reset: a driver that is not a module is taken down, no more.
+# Driver reset: only takes the interface down if the driver is not a module.
 busy /mnt/scripts/wifi_reset.sh soft || die "wifi_reset.sh fails"
 [ "$(cat /tmp/driver)" = "ifconfig wlan0 down" ] || die "wifi_reset.sh did: $(cat /tmp/driver)"
 
-# Application: started in the background, and an old one that ignores SIGTERM is gone.
+# Application: starts in the background, after killing an old one that ignores SIGTERM.
 printf '#!/bin/sh\ntrap "" TERM\nwhile :; do sleep 0.1; done\n' >/opt/app/bin/cameraMain
 chmod +x /opt/app/bin/cameraMain
 busy /mnt/scripts/startapp.sh || die "startapp.sh fails or does not return"

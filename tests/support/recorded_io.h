@@ -1,4 +1,4 @@
-// In the event loop's place: a connection that keeps what was done to it. A program that uses it
+// Replaces the event loop: a connection that records what was done to it. A program that uses it
 // wraps nanosleep and the hio functions that recorded_io.cpp defines.
 #pragma once
 
@@ -17,12 +17,12 @@ struct Connection {
     int reads = 0;
     std::vector<int> timeouts;
     Lines replies;
-    std::string commandsAtReply;  // what had been run by then
+    std::string commandsAtReply;  // commands run before the reply
 
     hio_t* Io() { return reinterpret_cast<hio_t*>(this); }
 };
 
-// The sum of all sleeps, none of which takes place.
+// The sum of all requested sleeps; none takes place.
 extern std::atomic<long> g_sleptMs;
 
 }  // namespace kv_test

@@ -1,5 +1,4 @@
-// A supplicant's control socket that behaves as told: a Unix datagram server on a thread of its
-// own.
+// A scripted supplicant control socket: a Unix datagram server on its own thread.
 #pragma once
 
 #include <sys/un.h>
@@ -13,12 +12,12 @@ class ScriptedSupplicant {
   public:
     struct Message {
         std::string text;
-        std::chrono::milliseconds after{0};  // since the message before, or the request
+        std::chrono::milliseconds after{0};  // since the previous message or the request
     };
-    // What to send for a command, in this order; nothing is silence.
+    // The messages to send for a command, in order; none means silence.
     using Script = std::function<std::vector<Message>(const std::string& command)>;
 
-    // The same text for every command.
+    // Sends the same text for every command.
     static Script Always(const std::string& text) {
         return [text](const std::string&) { return std::vector<Message>{{text}}; };
     }
@@ -31,18 +30,19 @@ class ScriptedSupplicant {
     ScriptedSupplicant& operator=(const ScriptedSupplicant&) = delete;
 
     void SetScript(Script script);
-    // Sends to whoever sent the last request, once that is answered.
+    // Sends to the sender of the last request, once that is answered.
     void Push(const std::string& text);
-    // How many of `command` came so far.
+    // How often `command` has come so far.
     int Count(const std::string& command);
-    // Makes clients find the queue full until Resume; without a reader nobody empties it.
+    // Makes clients find the queue full until Resume, because nobody reads it.
     void Stall();
     void Resume();
 
   private:
     void Serve();
     void Answer(const std::vector<Message>& messages, const sockaddr_un& client);
-    // Waits until the socket is readable or the time is over; false when the server is to end.
+    // Waits until the socket is readable or the time is over. Returns false when the server is to
+    // end.
     bool Wait(std::chrono::milliseconds time, bool forRequest);
     void StartThread();
     void StopThread();
@@ -50,10 +50,10 @@ class ScriptedSupplicant {
     std::string path_;
     int socket_ = -1;
     int wake_ = -1;
-    std::mutex answering_;  // from counting a request to the end of its answer
-    std::mutex lock_;       // script_, commands_, client_
+    std::mutex answering_;  // held from counting a request to the end of its answer
+    std::mutex lock_;       // guards script_, commands_, client_
     Script script_;
-    std::map<std::string, int> commands_;  // how often each came
+    std::map<std::string, int> commands_;  // how often each has come
     sockaddr_un client_{};
     std::thread thread_;
 };

@@ -1,4 +1,4 @@
-// Changes what a test finds around it. For programs that run in a sandbox only.
+// Changes the environment of a test. Only for programs that run in a sandbox.
 #pragma once
 
 #include <sys/mount.h>
@@ -10,8 +10,8 @@
 
 namespace kv_test {
 
-// For the start of a fixture. Ends the program outside a sandbox, where even the clean-up of a
-// failed test would change the machine it runs on.
+// Call it at the start of a fixture. It ends the program outside a sandbox, where even the clean-up
+// of a failed test would change the machine.
 inline void RequireSandbox() {
     if (access("/tmp/stubs/reboot", X_OK) != 0) {
         (void)fputs("run it with tests/support/in_sandbox.sh\n", stderr);
@@ -24,7 +24,7 @@ inline void Ip(const std::string& arguments) {
     (void)Shell("ip " + arguments);
 }
 
-// While it lives, nothing can be opened: neither sockets nor files.
+// While it exists, no socket or file can be opened.
 class NoDescriptors {
   public:
     NoDescriptors() {
@@ -40,7 +40,7 @@ class NoDescriptors {
     struct rlimit saved_ {};
 };
 
-// While it lives, `path` is the file or directory `source`.
+// While it exists, `path` shows the file or directory `source`.
 class Replaced {
   public:
     Replaced(const char* source, const char* path) {

@@ -1,4 +1,4 @@
-// A plain client: on loopback, or on a socket that was connected elsewhere.
+// A plain client: connects on loopback, or uses a connected socket.
 #pragma once
 
 #include <arpa/inet.h>
@@ -45,7 +45,7 @@ class TcpClient {
     int Fd() const { return fd_.Get(); }
     void Close() { fd_.Reset(); }
 
-    // Sends all; false when the peer is gone.
+    // Sends everything. Returns false if the peer is gone.
     bool Send(const std::string& bytes) const {
         size_t done = 0;
         while (done < bytes.size()) {
@@ -58,7 +58,7 @@ class TcpClient {
         return true;
     }
 
-    // Exactly `size` bytes; fewer when the connection ends or nothing comes any more.
+    // Returns exactly `size` bytes; fewer if the connection ends or nothing more comes.
     std::string Receive(size_t size, int timeoutMs = kPatienceMs) const {
         std::string bytes(size, '\0');
         size_t done = 0;
@@ -78,13 +78,13 @@ class TcpClient {
         return Send(request) ? Receive(size) : "";
     }
 
-    // Whether the other side closes the connection, with nothing more to read.
+    // Whether the peer closes the connection without sending more.
     bool Ends(int timeoutMs = kPatienceMs) const {
         char byte = 0;
         return Readable(timeoutMs) && recv(Fd(), &byte, 1, 0) <= 0;
     }
 
-    // Whether bytes or the end of the connection are there.
+    // Whether bytes, or the end of the connection, have arrived.
     bool Readable(int timeoutMs) const {
         pollfd item = {Fd(), POLLIN, 0};
         return poll(&item, 1, timeoutMs) == 1;

@@ -1,4 +1,4 @@
-// The supplicant's file as the program has to write it.
+// The supplicant's file as the program must write it.
 #pragma once
 
 namespace kv_test {

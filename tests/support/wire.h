@@ -1,5 +1,5 @@
-// The mini protocol's and the package's bytes as a client knows them, right ones and wrong ones,
-// made without the program's own helpers.
+// Valid and invalid bytes of the mini protocol and the package, as a client knows them, made
+// without the program's own helpers.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@ namespace kv_test {
 
 // `value` in `size` bytes, little-endian.
 std::string Little(uint32_t value, size_t size = 4);
-// `text` with zeros up to `size` bytes.
+// `text`, padded with zeros to `size` bytes.
 std::string Padded(std::string text, size_t size);
 
 // A 32-byte request.
@@ -18,9 +18,9 @@ std::string Frame(uint16_t command, uint32_t dataLen = 0, uint32_t count = 0, ui
                   uint32_t session = 0);
 // The 32-byte header of a reply.
 std::string ReplyHeader(uint16_t command, uint16_t status, uint32_t session, uint32_t dataLen = 0);
-// The device information that stands behind its reply's header.
+// The device information record that follows the reply's header.
 std::string DeviceRecord(const std::string& serial);
-// The little-endian number at `at`; 0 when the bytes end before it.
+// The little-endian number at `at`; 0 if the bytes end before it.
 uint32_t WordAt(const std::string& bytes, size_t at);
 inline uint32_t SessionOf(const std::string& reply) {
     return WordAt(reply, 8);
@@ -28,7 +28,7 @@ inline uint32_t SessionOf(const std::string& reply) {
 
 // The upgrade request for a package of `packageSize` bytes and its trailer.
 std::string UpgradeFrame(size_t packageSize);
-// "MD5:", the package's digest in lowercase hex and one line end: 37 bytes.
+// "MD5:", the package's digest in lowercase hex and a newline: 37 bytes.
 std::string Trailer(const std::string& package);
 
 struct Image {
@@ -41,14 +41,14 @@ struct PackageOptions {
     std::string icType = "PRT7K";
     std::string sensorType = "38QX";
     uint32_t dataLen = 1;
-    // Taken for the header's count when not negative.
+    // The header's number of files, if not negative.
     int fileNum = -1;
 };
 
-// Header, entries and images, one directly behind the other.
+// Header, entries and images without gaps.
 std::string BuildPackage(const std::vector<Image>& images, const PackageOptions& options = {});
 
-// `size` bytes that differ from place to place, the same for the same seed.
+// `size` bytes of noise, the same for the same seed.
 std::string Noise(size_t size, uint32_t seed);
 
 }  // namespace kv_test

@@ -1,4 +1,4 @@
-// The debugging console, talked to as a developer does: through the platform's client and pipes.
+// The debugging console, used as a developer does: through the platform's client and pipes.
 #include "tests/support/board.h"
 
 using namespace kv_test;
@@ -15,7 +15,7 @@ TEST(Console, DialogueThroughTheCommandLink) {
     } dialogue[] = {
         {"no-such", "No Such Command! try ''\n", false},
         {"kv-console-cmd-print", "kv-console-cmd-print\nkv-watdog\n", false},
-        // From here on an unknown name repeats the last known one.
+        // From here on an unknown name repeats the last known command.
         {"no-such", "kv-console-cmd-print\nkv-watdog\n", false},
         {"kv-watdog Stop", "Watdog Stop Success\n", false},
         {"kv-watdog", "", false},

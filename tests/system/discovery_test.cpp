@@ -1,4 +1,4 @@
-// Discovery, asked from the board's neighbours and from the board itself.
+// Discovery, asked by the board's neighbours and by the board itself.
 #include "tests/support/board.h"
 #include "tests/support/discovery_client.h"
 
@@ -14,7 +14,7 @@ nlohmann::json Kvtool(Board* board, const std::string& arguments) {
 
 }  // namespace
 
-TEST(Discovery, TellsTheSettingsOfTheRadioWithoutAWire) {
+TEST(Discovery, ReportsTheSettingsOfWlan0WithoutEth0) {
     Board board;
     board.Start({"--no-eth"});
     ASSERT_TRUE(board.WaitTrace("into wifi guard"));
@@ -30,7 +30,7 @@ TEST(Discovery, TellsTheSettingsOfTheRadioWithoutAWire) {
     EXPECT_TRUE(client.Receive(200).empty()) << "more than one answer";
 }
 
-TEST(Discovery, TellsWhoItIsWithoutAnyNetwork) {
+TEST(Discovery, ReportsItsIdentityWithoutAnyNetwork) {
     Board board;
     board.StartRecovery({"--no-eth", "--no-wifi"});
     const auto result = board.OnBoard(
@@ -48,7 +48,7 @@ TEST(Discovery, KvtoolFindsItOnceAndReachesItByItsMac) {
     EXPECT_EQ(mac, "02:76:62:00:00:02");
     EXPECT_TRUE(Contains(Kvtool(&board, "info " + mac).dump(), "PRT7K_38QX_QJT_V1.0.0.241127_R1"));
     EXPECT_EQ(board.OnBench(BinDir() + "/kvtool info 02:76:62:00:00:03").status, 4);
-    // Settings are read for each reply.
+    // The settings are read anew for each reply.
     ASSERT_TRUE(board.WaitTrace("into wifi guard"));
     EXPECT_EQ(board
                   .OnBoard("ip route add default via 192.168.10.1 metric 5;"

@@ -1,5 +1,4 @@
-// The flash writer on virtual NOR: what it writes, what it says, and that it always ends in a
-// reboot.
+// The flash writer on virtual NOR: what it writes and logs, and that it always ends in a reboot.
 #include <csignal>
 
 #include "tests/support/board.h"
@@ -11,17 +10,17 @@ namespace {
 
 constexpr size_t kBlock = 65536;
 
-// Small partitions keep the tests short; the boot loader keeps its sizes.
+// Small partitions keep the tests short. The boot loader's keep their sizes.
 const Lines kLayout = {"--no-wifi", "--layout", "mtd3=256K,mtd4=192K,mtd5=256K,mtd6=128K,mtd7=64K"};
 
-// Flashes one package after another on one board; each run is a boot.
+// Flashes one package after another on one board. Each run is a boot.
 class FlashWriter : public testing::Test {
   protected:
     void SetUp() override { board_.Start(kLayout); }
 
-    // Lays `package` out, raises SIGUSR2, waits for the boot that follows and returns the messages
-    // of the run without the progress lines. "reboot -f" resets at once, so nothing stands behind
-    // the last entry's.
+    // Installs `package`, raises SIGUSR2 and waits for the next boot. Returns the run's messages
+    // without the progress lines. "reboot -f" resets at once, so the last entry's messages are the
+    // last.
     Lines Flash(const std::string& package, const std::vector<Lines>& faults = {}) {
         EXPECT_TRUE(board_.WaitRecovery(boot_));
         if (!package.empty()) {
@@ -42,7 +41,7 @@ class FlashWriter : public testing::Test {
         bool begun = false;
         for (const std::string& message : board_.Messages(boot)) {
             begun = begun || message == "INFO KV_UPGRADE_Proc: Scalable partition:";
-            // The Wi-Fi thread traces whenever it likes.
+            // The Wi-Fi thread may log at any time.
             const bool writers = message.find(" KV_UPGRADE_") != std::string::npos ||
                                  message.find(" KV_FH_WDT_") != std::string::npos;
             if (begun && writers && message.find("64 Kibyte @") == std::string::npos) {
@@ -52,7 +51,7 @@ class FlashWriter : public testing::Test {
         return messages;
     }
 
-    // Whether `expected` stands in `messages`, in this order and with nothing in between.
+    // Whether `messages` contains `expected` in this order and without gaps.
     static testing::AssertionResult HasRun(const Lines& messages, const Lines& expected) {
         if (std::search(messages.begin(), messages.end(), expected.begin(), expected.end()) !=
             messages.end()) {
@@ -75,15 +74,14 @@ std::string ErasedBehind(const std::string& bytes, size_t size) {
 
 }  // namespace
 
-TEST_F(FlashWriter, WritesEveryImageAndSaysSo) {
+TEST_F(FlashWriter, WritesEveryImageAndLogsIt) {
     const std::string kernel = Noise(100000, 1);
     const std::string rootfs = Noise(3 * kBlock, 2);
     const std::string boot = Noise(300 * 1024, 3);
-    // "kern" selects nothing; "rootfs" is exactly as large as its partition; the boot loader comes
-    // last.
+    // "kern" selects nothing. "rootfs" fills its partition exactly. The boot loader comes last.
     const auto messages = Flash(BuildPackage(
         {{"kernel2", kernel}, {"kern", "skipped"}, {"rootfs.img", rootfs}, {"uboot", boot}}));
-    // The chunk that ends an image takes what follows it along.
+    // The chunk that ends an image includes the bytes that follow it.
     EXPECT_EQ(board_.Flash("mtd3"),
               ErasedBehind(kernel + ("skipped" + rootfs).substr(0, 2 * kBlock - kernel.size()),
                            4 * kBlock));
@@ -127,7 +125,7 @@ TEST_F(FlashWriter, WritesEveryImageAndSaysSo) {
 }
 
 TEST_F(FlashWriter, PackagesThatCannotBeReadEndInAReboot) {
-    // What it does in front of the package: two pauses of a second, "sync", the caches.
+    // Before it opens the package: two pauses of a second, "sync", the caches.
     WriteFile(board_.Path("param/sync"), "#!/bin/sh\necho synced\n");
     (void)board_.OnBoard(
         "touch /param/caches && mount --bind /param/caches "
@@ -145,7 +143,7 @@ TEST_F(FlashWriter, PackagesThatCannotBeReadEndInAReboot) {
                        {"INFO KV_UPGRADE_Proc: update file number : 0"}));
 }
 
-TEST_F(FlashWriter, BootLoaderThatOvershootsGoesOnIntoTheNextDevice) {
+TEST_F(FlashWriter, BootLoaderThatOvershootsContinuesInTheNextDevice) {
     const std::string boot = Noise(300 * 1024, 14);
     const std::string app = Noise(3 * kBlock, 15);
     const std::string rest = (boot + app).substr(5 * kBlock);
@@ -154,7 +152,7 @@ TEST_F(FlashWriter, BootLoaderThatOvershootsGoesOnIntoTheNextDevice) {
               boot.substr(4 * kBlock) + app.substr(0, 5 * kBlock - boot.size()));
     EXPECT_EQ(board_.Flash("mtd2"), ErasedBehind(rest, 4 * kBlock));
     EXPECT_EQ(board_.Flash("mtd5"), ErasedBehind(app, 4 * kBlock));
-    // One that ends where its device ends leaves the next one erased.
+    // A boot loader that ends with its device leaves the next device erased.
     (void)Flash(BuildPackage({{"uboot", boot.substr(0, 4 * kBlock)}, {"app", app}}));
     EXPECT_EQ(board_.Flash("mtd0"), boot.substr(0, 4 * kBlock));
     EXPECT_EQ(board_.Flash("mtd1"), std::string(kBlock, '\xFF'));
@@ -171,7 +169,7 @@ TEST_F(FlashWriter, BadCheckCodeEndsTheEntries) {
     EXPECT_EQ(board_.Flash("mtd5"), std::string(4 * kBlock, '\xFF'));
 }
 
-TEST_F(FlashWriter, ImageLargerThanItsPartitionIsPassedOver) {
+TEST_F(FlashWriter, ImageLargerThanItsPartitionIsSkipped) {
     const std::string app = Noise(4 * kBlock, 7);
     const std::string region = Noise(9 * kBlock + 1, 8);
     const auto messages = Flash(
@@ -186,7 +184,7 @@ TEST_F(FlashWriter, ImageLargerThanItsPartitionIsPassedOver) {
     EXPECT_EQ(board_.Flash("mtd5"), app);
 }
 
-TEST_F(FlashWriter, DeviceFailuresAreNamedAndTheNextEntryIsWritten) {
+TEST_F(FlashWriter, DeviceFailuresAreLoggedAndTheNextEntryIsWritten) {
     const std::string image = Noise(1000, 10);
     const std::string last = Noise(kBlock, 11);
     const struct {
@@ -240,7 +238,7 @@ TEST_F(FlashWriter, DeviceFailuresAreNamedAndTheNextEntryIsWritten) {
 TEST_F(FlashWriter, ShortAndFailedWritesCountAsReturned) {
     const std::string image = Noise(2 * kBlock, 12);
     (void)Flash(BuildPackage({{"app", image}}), {{"mtd5", "write", "--short", "4096"}});
-    // 4096 bytes of the first chunk, the second chunk behind them, and no third one.
+    // 4096 bytes of the first chunk, then the second chunk, and no third.
     EXPECT_NE(board_.Trace(1).find("Write 64 Kibyte @ 1000 -- 3 % complete"), std::string::npos);
     EXPECT_EQ(board_.Flash("mtd5"),
               ErasedBehind(image.substr(0, 4096) + image.substr(kBlock), 4 * kBlock));
@@ -248,7 +246,7 @@ TEST_F(FlashWriter, ShortAndFailedWritesCountAsReturned) {
     EXPECT_NE(board_.Trace(2).find("Write 64 Kibyte @ ffffffff -- 100 % complete"),
               std::string::npos);
     EXPECT_EQ(board_.Flash("mtd5"), std::string(4 * kBlock, '\xFF'));
-    // The second of three chunks fails: the third goes to the offset that the -1 left.
+    // The second of three chunks fails. The third goes to the offset that the -1 left.
     const std::string three = image + Noise(kBlock, 16);
     (void)Flash(BuildPackage({{"app", three}}),
                 {{"mtd5", "write", "--errno", "EIO", "--skip", "1", "--count", "1"}});
@@ -259,7 +257,7 @@ TEST_F(FlashWriter, ShortAndFailedWritesCountAsReturned) {
                            4 * kBlock));
 }
 
-TEST(RealNor, HoldsUpNeitherTheFeederNorAReset) {
+TEST(RealNor, DelaysNeitherTheFeederNorAReset) {
     Board board;
     Lines options = kLayout;
     options.emplace_back("--nor-timing");
@@ -276,7 +274,7 @@ TEST(RealNor, HoldsUpNeitherTheFeederNorAReset) {
     EXPECT_LT(board.LargestFeedGap(), 1.3);
     ASSERT_TRUE(board.WaitRecovery(2));
     flash();
-    // One block is done; the last one's turn comes in 300 ms.
+    // One block is erased. The last one is due in 300 ms.
     ASSERT_TRUE(board.WaitTrace("Erase 64 Kibyte @ 10000 -- 25 % complete", 2));
     (void)board.Do({"reset"});
     EXPECT_EQ(board.Reason(3), "reset\n");
@@ -299,8 +297,8 @@ TEST_F(RebootCommand, LeavesTheResetToTheWatchdogWhenItFailsOrHangs) {
         ASSERT_TRUE(board_.WaitRecovery(boot_));
         board_.Fault({"reboot", fault});
         board_.Signal(SIGUSR2);
-        // A second request, which waits for the end of the first: it finds a device that is about
-        // to be reset.
+        // A second request waits until the first has ended. It then finds a device that is about to
+        // be reset.
         ASSERT_TRUE(board_.WaitTrace("Scalable partition:", boot_));
         board_.Signal(SIGUSR2);
         ASSERT_TRUE(board_.WaitBoot(boot_ + 1, 60));

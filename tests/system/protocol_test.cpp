@@ -1,5 +1,5 @@
-// The recovery server on a board: no descriptors left, and rest. The bytes of its replies are the
-// unit tests' affair.
+// The recovery server on a board: without descriptors, and idle. Unit tests check the bytes of its
+// replies.
 #include <sys/resource.h>
 
 #include <regex>
@@ -12,7 +12,7 @@ using namespace kv_test;
 
 namespace {
 
-// CPU seconds that a process has used.
+// CPU seconds used by a process.
 double CpuSeconds(pid_t process) {
     const std::string stat = ReadFile("/proc/" + std::to_string(process) + "/stat");
     std::istringstream fields(stat.substr(stat.rfind(')') + 2));
@@ -35,7 +35,7 @@ TEST(Protocol, WithoutDescriptorsItWaitsAndRecovers) {
     constexpr size_t kLimit = 48;
     const struct rlimit limit = {kLimit, kLimit};
     ASSERT_EQ(prlimit(program, RLIMIT_NOFILE, &limit, nullptr), 0);
-    // The kernel completes connections that the program cannot take yet.
+    // The kernel completes connections that the program cannot accept yet.
     std::vector<TcpClient> clients;
     for (size_t i = 0; i < kLimit + 10; ++i) {
         clients.push_back(board.Client());
@@ -52,7 +52,7 @@ TEST(Protocol, WithoutDescriptorsItWaitsAndRecovers) {
         EXPECT_LT(CpuSeconds(program) - before, 0.2);
         EXPECT_EQ(CountOf(board.Trace(), "accept failed"), 1U);
     }
-    // Room again: those who waited are served, the last one too.
+    // With free descriptors again, all waiting clients are served, including the last.
     clients.erase(clients.begin(), clients.end() - 5);
     EXPECT_EQ(clients.back().Receive(32), ReplyHeader(6, 0, 0));
     EXPECT_LT(board.LargestFeedGap(), 1.3);
@@ -61,15 +61,16 @@ TEST(Protocol, WithoutDescriptorsItWaitsAndRecovers) {
 TEST(Protocol, IdleRecoveryRestsAndIsSmall) {
     Board board;
     board.StartRecovery();
-    // The services have been used, and the Wi-Fi thread has come to wait for its interface.
+    // The services have been used, and the Wi-Fi thread is waiting for its interface.
     EXPECT_EQ(board.Client().Ask(Frame(0x2003), 496),
               ReplyHeader(0x2003, 0, 0, 464) + DeviceRecord(""));
     ASSERT_TRUE(board.WaitTrace("__KV_KorvanProtocolClose"));
     ASSERT_TRUE(board.WaitTrace("KV_WIFI_WPA_Status"));
     const pid_t program = board.ProgramPid();
     const double cpu = CpuSeconds(program);
-    // The time is what is measured. A feed waits for the driver's answer, the station looks for its
-    // interface each second, the main thread for the application every three.
+    // This measures a span of time, so it sleeps. Each second a feed waits for the driver's answer
+    // and the station checks its interface; every three seconds the main thread checks the
+    // application.
     board.ExpectRest(
         {{"__KV_FH_WDT_Pro", {2, 4}}, {"__KV_WIFI_STA_H", {2, 2}}, {"upgradeMain", {1.0 / 3, 2}}},
         [] { std::this_thread::sleep_for(std::chrono::seconds(10)); });

@@ -11,7 +11,7 @@ class ResetButton : public testing::Test {
         board_.StartSilent("3");
         Began(1);
     }
-    // The thread has been started so many times.
+    // Waits until the thread has been started `times` times.
     void Began(size_t times) {
         ASSERT_TRUE(WaitUntil([&] {
             return CountOf(board_.Console(),
@@ -37,14 +37,14 @@ TEST_F(ResetButton, NineSamplesAndTwoBeatsDoNothing) {
     Counted(1, 1);
     const auto first = Clock::now();
     Counted(9, 1);
-    // Eight of the board's seconds, but for the time in which the first one was noticed.
+    // Eight of the board's seconds, minus the time until the first sample was noticed.
     EXPECT_GT(SecondsSince(first), 8 / 3.0 - 0.5);
     Line("1\n");
     ASSERT_TRUE(board_.WaitFeeds(3));
     Line("0\n");
     Counted(2, 2);
-    // The first beat leaves the thread counting, the second one ends it. The marker tells that the
-    // first one has arrived.
+    // The first beat leaves the thread counting, the second ends it. The removed marker shows that
+    // the first has arrived.
     (void)board_.OnBoard("touch /param/var/miniserver_reboot");
     board_.SendBeats({kBeat});
     ASSERT_TRUE(board_.WaitConsole("# rm /param/var/miniserver_reboot\r\n"));
@@ -55,7 +55,7 @@ TEST_F(ResetButton, NineSamplesAndTwoBeatsDoNothing) {
     board_.SendBeats({kBeat});
     ASSERT_TRUE(board_.WaitConsole("HardwareResetProc 124: HardwareResetProc thread End is OK\n"));
     EXPECT_EQ(CountOf(board_.Console(), "hard reset count = 10\n"), 0U);
-    // The next silence starts it again.
+    // The next silence starts the thread again.
     Began(2);
     EXPECT_EQ(board_.Status().at("boot"), 1);
     EXPECT_EQ(board_.Echoes(), Lines{"rm /param/var/miniserver_reboot"});
@@ -66,11 +66,11 @@ TEST_F(ResetButton, TenSamplesResetAlsoWithTheLineGone) {
          {"var/a", "var/miniserver_reboot", "x.debug.y", "wpa_supplicant.conf", "kept"}) {
         WriteFile(board_.Path("param/") + name, "");
     }
-    // What is written there outlives the boot.
+    // Data written there survives the boot.
     (void)board_.OnBoard("mount --bind /param/kept /proc/sys/vm/drop_caches");
     Line("0\n");
     Counted(3, 1);
-    // The line's last value counts from here on.
+    // From here on the line's last value counts.
     std::filesystem::rename(board_.Path("gpio/GPIO26"), board_.Path("gpio/away"));
     ASSERT_TRUE(board_.WaitConsole("hard reset count = 10\n"));
     std::filesystem::rename(board_.Path("gpio/away"), board_.Path("gpio/GPIO26"));
@@ -86,6 +86,6 @@ TEST_F(ResetButton, TenSamplesResetAlsoWithTheLineGone) {
     std::sort(left.begin(), left.end());
     EXPECT_EQ(left, (Lines{"kept", "var"}));
     EXPECT_EQ(ReadFile(board_.Path("param/kept")), "1\n");
-    // Its commands are not echoed.
+    // The factory reset does not echo its commands.
     EXPECT_TRUE(board_.Echoes().empty());
 }

@@ -1,5 +1,5 @@
-// The Wi-Fi station on a board: the real supplicant, DHCP client and server, ifconfig, killall.
-// Long silences pass on an accelerated clock.
+// The Wi-Fi station on a board: the real supplicant, DHCP client and server, ifconfig, killall. An
+// accelerated clock shortens long silences.
 #include <netinet/ip.h>
 #include <netinet/ip_icmp.h>
 
@@ -22,7 +22,7 @@ constexpr char kTimedOut[] = "FAILED __KV_WIFI_STA_HandleProc: connection timed 
 
 const Lines kFast = {"--speed", "20"};
 
-// The echoed commands, with each whole connect sequence as one "connect".
+// The echoed commands, each whole connect sequence as one "connect".
 Lines Steps(const Board& board, int boot = 1) {
     Lines steps;
     for (const std::string& echo : board.Echoes(boot)) {
@@ -41,7 +41,7 @@ size_t Count(const Lines& lines, const std::string& line) {
     return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
 }
 
-// Waits until the trace of a boot holds `message` for the `count`th time.
+// Waits until the trace of a boot contains `message` `count` times.
 bool WaitMessages(const Board& board, int boot, const std::string& message, size_t count,
                   int seconds = 40) {
     return WaitUntil([&] { return Count(board.Messages(boot), message) >= count; }, seconds);
@@ -56,7 +56,7 @@ std::string Guarding() {
     return std::string("DEBUG __KV_WIFI_STA_HandleProc: ") + kGuard;
 }
 
-// Waits for the next echo request at the access point; whether it came.
+// Waits for the next echo request at the access point. Returns whether it came.
 bool AwaitEcho(int socket) {
     const auto start = Clock::now();
     while (SecondsSince(start) < 15) {
@@ -70,7 +70,7 @@ bool AwaitEcho(int socket) {
     return false;
 }
 
-// A board whose second boot begins with the access point as told.
+// A board whose second boot starts with the access point in the given state.
 void StartWith(Board* board, const std::string& accessPoint, Lines options) {
     options.emplace_back("--no-eth");
     board->Start(options);
@@ -88,12 +88,12 @@ TEST(Station, JoinsTheServiceNetworkAndGuardsIt) {
     expected.emplace_back(kLease);
     EXPECT_EQ(board.Echoes(), expected);
     EXPECT_EQ(board.OnBoard("cat /tmp/wpa_supplicant.conf").output, kServiceNetwork);
-    // A ping every six seconds, by the station's count of whole seconds.
+    // A ping every six seconds, because the station counts whole seconds.
     const UniqueFd echoes = board.Connect("icmp", 0, "0.0.0.0");
     ASSERT_TRUE(AwaitEcho(echoes.Get()));
     auto last = Clock::now();
-    // Nobody else wakes meanwhile: neither the event loops nor the signal thread. A feed sleeps
-    // twice, once in the device.
+    // No other thread wakes up meanwhile, neither the event loops nor the signal thread. A feed
+    // sleeps twice, once in the device.
     board.ExpectRest(
         {{"upgradeMain", {1.0 / 3, 2}}, {"__KV_FH_WDT_Pro", {2, 4}}, {"__KV_WIFI_STA_H", {2, 6}}},
         [&] {
@@ -116,14 +116,14 @@ TEST(Station, SilentAccessPointTimesOutAndThreeSequencesMakeARound) {
     EXPECT_EQ(steps, (Lines{"connect", "connect", "connect", "reset", "connect"}));
     const Lines messages = board.Messages(2);
     EXPECT_EQ(Count(messages, "DEBUG handle_result: state:COMPLETED"), 0U);
-    // Sixty seconds of the same answer, once a second, make a time-out.
+    // Sixty seconds with the same answer, asked once a second, give a time-out.
     EXPECT_NEAR(static_cast<double>(Count(messages, "DEBUG handle_result: state:DISCONNECTED")) / 4,
                 55, 15);
     (void)board.Do({"ap", "up"});
     EXPECT_TRUE(board.WaitTrace(kGuard, 2));
 }
 
-TEST(Station, MuteAccessPointIsPingedOn) {
+TEST(Station, MuteAccessPointIsStillPinged) {
     Board board;
     Lines options = kFast;
     options.emplace_back("--no-eth");
@@ -138,7 +138,7 @@ TEST(Station, MuteAccessPointIsPingedOn) {
         }
     }
     misses.resize(7);
-    // The link is fine, so the count begins again and nothing else happens.
+    // The link is fine, so the count starts again and nothing else happens.
     EXPECT_EQ(misses, (Lines{Miss(1), Miss(2), Miss(3), Miss(4), Miss(5), Miss(6), Miss(1)}));
     EXPECT_NE(board.Console().find("wlan0 LINK up\n"), std::string::npos);
     (void)board.Do({"ap", "unmute"});
@@ -158,7 +158,7 @@ TEST(Station, LostLinkIsResetAndJoinedAgain) {
     } rows[] = {
         {"carrier", {"ap", "down"}, "", {"ap", "up"}, "wlan0 LINK down\n", {"reset"}},
         {"interface", {"link", "down"}, "", {}, "wlan0 LINK down\n", {"reset"}},
-        // Up with a carrier, but held back from running; the new sequence sets it going again.
+        // Up with a carrier, but kept from running. The new sequence gets it running again.
         {"dormant",
          {"ap", "mute"},
          "ip link set wlan0 state dormant",
@@ -197,14 +197,14 @@ TEST(Station, SigtermEndsItWhereverItIs) {
     const struct {
         const char* accessPoint;
         const char* reached;
-        // A second of it is the watchdog's feeder's, which is waited for before the station; some
-        // are for the host.
+        // Includes a second for the watchdog's feeder, which stops before the station, and a few
+        // for the host.
         double bound;
         double atLeast = 0;
     } rows[] = {
         {"up", "app file not exist!", 8},              // before the connect sequence
         {"down", "state:DISCONNECTED", 8},             // associating
-        {"no-dhcp", "broadcasting discover", 24, 15},  // waiting for a lease: 15 s, then ended
+        {"no-dhcp", "broadcasting discover", 24, 15},  // waiting for a lease: killed after 15 s
         {"mute", "NetWork ping failed cnt:1 ", 8},     // guarding
     };
     Board board;

@@ -1,5 +1,5 @@
-// Supervision of the application, on a board: mostly on an accelerated clock, with the stand-in
-// application installed.
+// Supervision of the application on a board with the stand-in application, mostly on an accelerated
+// clock.
 #include <csignal>
 #include <ctime>
 #include <sstream>
@@ -10,10 +10,10 @@ using namespace kv_test;
 
 namespace {
 
-// At this speed a second of the board is 50 ms of the host, whose scheduling it must absorb.
+// At this speed a board's second takes 50 ms of the host, so the host's scheduling matters.
 constexpr char kSpeed[] = "20";
 constexpr long kTick = 3;  // seconds between two checks of the monitor
-constexpr long kLag = 6;   // seconds of the board that the host's scheduling may take
+constexpr long kLag = 6;   // seconds of the board lost to the host's scheduling, at most
 constexpr char kMarker[] = "param/var/miniserver_reboot";
 constexpr char kOfflineLine[] =
     "INFO upgrade_main:__KV_cameraMainProcessHandle:254 Process "
@@ -30,7 +30,7 @@ Lines operator+(Lines left, const Lines& right) {
 }
 
 struct Line {
-    long at;           // seconds of the board's clock
+    long at;           // seconds on the board's clock
     std::string text;  // "LEVEL source:function:line message"
 };
 
@@ -45,7 +45,7 @@ std::vector<Line> Timed(const Board& board, int boot) {
             strptime(line.c_str() + date, "%Y-%m-%d %H:%M:%S", &when) == nullptr) {
             continue;
         }
-        // Behind the time: counter, process id, level.
+        // After the time: counter, process ID, level.
         const size_t process = line.find("] ", date) + 2;
         const size_t level = line.find_first_not_of(' ', line.find(' ', process));
         lines.push_back(
@@ -54,7 +54,7 @@ std::vector<Line> Timed(const Board& board, int boot) {
     return lines;
 }
 
-// A check that found silence.
+// A check that found the application silent.
 struct Check {
     long at;
     int silence;
@@ -74,8 +74,8 @@ std::vector<Check> Checks(const Board& board, int boot) {
     return checks;
 }
 
-// The two escalations of a boot whose application never sent anything: the checks that led to them
-// and those before and between them.
+// Checks the two escalations of a boot whose application never sent anything, and the silent checks
+// before and between them.
 void ExpectLadder(const Board& board, int boot) {
     SCOPED_TRACE("boot " + std::to_string(boot) + "\n" + board.Trace(boot));
     long begin = 0;
@@ -89,7 +89,7 @@ void ExpectLadder(const Board& board, int boot) {
     EXPECT_LE(checks[0].silence, 5 + kTick + kLag);
     long base = begin;
     for (size_t i = 0; i < checks.size(); ++i) {
-        // The clock of the trace and the monitor's may stand at different parts of a second.
+        // The trace's clock and the monitor's may differ by part of a second.
         EXPECT_NEAR(static_cast<double>(checks[i].silence),
                     static_cast<double>(checks[i].at - base), 1.0);
         if (checks[i].silence > 120) {
@@ -101,7 +101,7 @@ void ExpectLadder(const Board& board, int boot) {
     }
     ASSERT_EQ(escalations.size(), 2U);
     EXPECT_EQ(checks.back().at, escalations[1].at);
-    // Each check ends with this line, but for the one that does not outlive its reboot.
+    // Each check ends with this line, except the one that reboots.
     size_t offline = 0;
     for (const Line& line : Timed(board, boot)) {
         offline += line.text == kOfflineLine ? 1U : 0U;
@@ -136,10 +136,10 @@ TEST(Monitor, PermanentSilenceClimbsTheLadderOverTwoBoots) {
               (Lines{"INFO KV_FH_WDT_Reboot: Start to stop feeding the dog!",
                      "DEBUG KV_FH_WDT_Reboot: Wait for the watchdog to "
                      "restart!"}));
-    // A third of the time-out; feeds are due every second.
+    // A third of the watchdog's time-out; feeds are due every second.
     EXPECT_LT(board.LargestFeedGap(), 10);
 
-    // In recovery the monitor has no more to say.
+    // In recovery the monitor logs nothing more.
     ASSERT_TRUE(board.WaitFeeds(15));
     ExpectLadder(board, 2);
 }
@@ -147,13 +147,13 @@ TEST(Monitor, PermanentSilenceClimbsTheLadderOverTwoBoots) {
 namespace {
 
 struct Rung {
-    bool marker;          // the boot follows a forced reboot
-    const char* reached;  // on the console or in the trace, when the beat is due
+    bool marker;          // set: the boot follows a forced reboot
+    const char* reached;  // text on the console or in the trace after which the beat is sent
     bool inTrace;
-    Lines commands;  // of the boot, when the silence has gone on
+    Lines commands;  // all commands of the boot, after more silence
 };
 
-// One beat on a rung, then silence again.
+// Sends one beat on a rung, then is silent again.
 void BeatStopsTheLadder(const Rung& rung) {
     Board board;
     if (rung.marker) {
@@ -169,7 +169,7 @@ void BeatStopsTheLadder(const Rung& rung) {
     }
     ASSERT_TRUE(board.WaitConsole("# " + rung.commands.back() + "\r\n"));
     EXPECT_EQ(board.Echoes(), rung.commands);
-    // The silence before the last step counts from the beat: it begins anew with a first check.
+    // The silence before the last step counts from the beat and starts with a new first check.
     const std::vector<Check> checks = Checks(board, 1);
     size_t first = 0;
     for (size_t i = 1; i < checks.size(); ++i) {
@@ -178,7 +178,7 @@ void BeatStopsTheLadder(const Rung& rung) {
     }
     ASSERT_NE(first, 0U) << board.Trace();
     EXPECT_LE(checks[first].silence, 5 + kTick + kLag);
-    // Behind the one that took the step there may be more already.
+    // More checks may follow the one that took the step.
     decltype(Check::silence) longest = 0;
     for (size_t i = first; i < checks.size(); ++i) {
         longest = std::max(longest, checks[i].silence);
@@ -197,7 +197,7 @@ TEST(Monitor, FlashingKeepsItQuiet) {
     Board board;
     board.StartSilent(kSpeed);
     ASSERT_TRUE(board.WaitTrace("Process [cameraMain] offline"));
-    // The writer's first commands take as long as two ladders.
+    // The writer's first commands take as long as climbing the ladder twice.
     WriteFile(board.Path("param/slow"), "#!/bin/sh\nsleep 150\n");
     (void)board.OnBoard("chmod +x /param/slow && mount --bind /param/slow /usr/bin/killall");
     board.Signal(SIGUSR2);
@@ -214,7 +214,7 @@ TEST(Monitor, FlashingKeepsItQuiet) {
         }
         behind += flashing != 0 && monitor ? 1 : 0;
     }
-    // The check that was under way may still say its two lines.
+    // A check in progress may still log its two lines.
     EXPECT_LE(behind, 2) << board.Trace();
     ASSERT_NE(flashing, 0) << board.Trace();
     EXPECT_GE(timed.back().at - flashing, 200) << board.Trace();
@@ -223,7 +223,7 @@ TEST(Monitor, FlashingKeepsItQuiet) {
 TEST(Monitor, FlashingDuringARestartKeepsTheApplicationDown) {
     Board board;
     board.StartSilent(kSpeed);
-    // Both the restart's first command and the writer's take their time.
+    // Both the restart's first command and the writer's are slow.
     WriteFile(board.Path("param/slow"), "#!/bin/sh\nsleep 60\n");
     (void)board.OnBoard("chmod +x /param/slow && mount --bind /param/slow /usr/bin/killall");
     ASSERT_TRUE(board.WaitConsole("# killall -9 wpa_supplicant"));
@@ -236,7 +236,7 @@ TEST(Monitor, FlashingDuringARestartKeepsTheApplicationDown) {
 }
 
 TEST(Monitor, FlashingStopsTheRebootAndTheRecoveryThatWereUnderWay) {
-    // The step that runs when the writer starts, and what must not follow it.
+    // The command that runs when the writer starts, and the only one that may have run.
     const struct {
         bool marker;
         const char* command;
@@ -251,7 +251,7 @@ TEST(Monitor, FlashingStopsTheRebootAndTheRecoveryThatWereUnderWay) {
         }
         board.StartSilent(kSpeed);
         ASSERT_TRUE(board.WaitConsole("# startapp.sh\r\n"));
-        // The step ends while the writer is at its first two commands.
+        // The command ends while the writer runs its first two commands.
         WriteFile(board.Path("param/slow"), "#!/bin/sh\nsleep 30\n");
         (void)board.OnBoard(std::string("chmod +x /param/slow && mount --bind /param/slow "
                                         "/usr/bin/killall && mount --bind /param/slow /usr/bin/") +
@@ -261,9 +261,12 @@ TEST(Monitor, FlashingStopsTheRebootAndTheRecoveryThatWereUnderWay) {
         ASSERT_TRUE(board.WaitBoot(2));
         EXPECT_EQ(board.Reason(2), "reboot -f\n");
         EXPECT_EQ(board.Echoes(), kRestart + row.done);
-        EXPECT_TRUE(Contains(board.Trace(), "open /tmp/upGradeFile.FLS error")) << board.Trace();
-        EXPECT_FALSE(Contains(board.Trace(), "LoopPoolInit"));
-        EXPECT_EQ(CountOf(board.Trace(), "Start to stop feeding the dog!"), 0U);
+        const std::string trace = board.Trace();
+        EXPECT_FALSE(Contains(trace, "LoopPoolInit"));
+        // The writer itself may come to starve the watchdog before its reboot takes effect.
+        const size_t writing = trace.find("open /tmp/upGradeFile.FLS error");
+        ASSERT_NE(writing, std::string::npos) << trace;
+        EXPECT_GT(trace.find("Start to stop feeding the dog!"), writing) << trace;
     }
 }
 
@@ -273,7 +276,7 @@ TEST(Monitor, WhatCountsAsAHeartbeat) {
     (void)board.Do({"app", "silent"});
     board.Start({"--no-wifi"});
     ASSERT_TRUE(board.WaitTrace("app file exist!"));
-    // The marker cannot be removed here, so that each heartbeat tries.
+    // The marker cannot be removed here, so each heartbeat tries again.
     (void)board.OnBoard(
         "touch /param/var/miniserver_reboot && mount --bind /bin/false /usr/bin/rm");
     const Lines ignored = {"b''",
@@ -283,30 +286,30 @@ TEST(Monitor, WhatCountsAsAHeartbeat) {
                            "b'A' * 65507",
                            "b'\\0' + b'cameraMain' * 5",
                            "b'cameramain'.ljust(33, b'\\0')"};
-    const Lines counted = {
-        "b'cameraMain'.ljust(33, b'\\0')",  // not ready: clears the marker all the same
-        "b'<< cameraMain >>'.ljust(32, b'\\0') + b'\\1'", "b'cameraMain'", kBeat};
+    const Lines counted = {"b'cameraMain'.ljust(33, b'\\0')",  // not ready: still clears the marker
+                           "b'<< cameraMain >>'.ljust(32, b'\\0') + b'\\1'", "b'cameraMain'",
+                           kBeat};
     board.SendBeats(ignored + counted);
     ASSERT_TRUE(WaitUntil([&] { return board.Echoes().size() >= counted.size(); }));
     EXPECT_EQ(board.Echoes(), kRemoveMarker + kRemoveMarker + kRemoveMarker + kRemoveMarker);
     EXPECT_EQ(board.Reason(1), "power-on\n");
 
-    // A long command of the monitor's holds up the monitor, not the feeder.
+    // A long command of the monitor delays the monitor, not the feeder.
     WriteFile(board.Path("param/slow"), "#!/bin/sh\nsleep 4; echo slept\n");
     (void)board.OnBoard("chmod +x /param/slow && mount --bind /param/slow /usr/bin/rm");
     board.SendBeats({kBeat});
     ASSERT_TRUE(board.WaitConsole("slept\n"));
-    EXPECT_EQ(board.Echoes().size(), counted.size() + 1) << "one that is to be ignored was counted";
+    EXPECT_EQ(board.Echoes().size(), counted.size() + 1) << "a datagram to be ignored was counted";
     EXPECT_LT(board.LargestFeedGap(), 1.3);
 
-    // Heard every second, it is told every fourth.
+    // Beats come every second and are logged every fourth.
     (void)board.OnBoard("umount /usr/bin/rm; umount /usr/bin/rm; rm /param/var/miniserver_reboot");
     (void)board.Do({"app", "beat"});
     ASSERT_TRUE(board.WaitTrace(
         "  DEBUG upgrade_main:__KV_cameraMainProcessHandle:204 \033[mProcess cameraMain online\n"));
 }
 
-TEST(Monitor, TellsOfEachFaultOfAnApplication) {
+TEST(Monitor, LogsEachFaultOfAnApplication) {
     const char* const online = "Process cameraMain online\n";
     const char* const offline = "Process [cameraMain] offline\n";
     const struct {
@@ -314,8 +317,8 @@ TEST(Monitor, TellsOfEachFaultOfAnApplication) {
         Lines told;
         const char* laterMode;
         const char* toldLater;
-        const char* never;   // never told
-        const char* status;  // of a further one in the end, cut off with 124
+        const char* never;   // never logged
+        const char* status;  // exit status of one more application run; 124: ended by timeout
     } rows[] = {
         {{"late", "15"}, {offline, online}, "beat", online, "# startapp.sh", "124\n"},
         {{"not-ready"}, {online}, "not-ready", online, offline, "124\n"},
@@ -351,8 +354,8 @@ TEST(Monitor, WithABeatingApplicationItRests) {
     board.InstallApplication();
     board.Start({"--no-wifi"});
     ASSERT_TRUE(board.WaitTrace("Process cameraMain online"));
-    // A feed, which waits for the driver's answer, and a beat each second; a check every three. The
-    // time is what is measured.
+    // Each second: a feed, which waits for the driver's answer, and a beat. Every three seconds: a
+    // check. This measures a span of time, so it sleeps.
     board.ExpectRest({{"__KV_FH_WDT_Pro", {2, 4}}, {"upgradeMain", {1 + 1.0 / 3, 1}}},
                      [] { std::this_thread::sleep_for(std::chrono::seconds(10)); });
 }

@@ -1,4 +1,4 @@
-// Start-up, signals and the watchdog, on a board.
+// Start-up, signals and the watchdog on a board.
 #include <csignal>
 
 #include "tests/support/board.h"
@@ -42,7 +42,7 @@ TEST(Supervisor, RecoveryStartsInOrderAndChildrenInheritNothing) {
     }
     EXPECT_TRUE(InOrder(all, expected));
 
-    // What a shell child of the program finds: three standard descriptors and its own listing's.
+    // A shell child of the program has three standard descriptors; the fourth is the listing's own.
     WriteFile(board.Path("param/ls"), "#!/bin/sh\nls /proc/self/fd >/param/descriptors\n");
     (void)board.OnBoard("chmod +x /param/ls && mount --bind /param/ls /usr/bin/killall");
     board.Signal(SIGUSR2);
@@ -50,14 +50,18 @@ TEST(Supervisor, RecoveryStartsInOrderAndChildrenInheritNothing) {
     EXPECT_EQ(ReadFile(board.Path("param/descriptors")), "0\n1\n2\n3\n");
 }
 
-TEST(Supervisor, Sigusr1DisarmsAndNothingElse) {
+TEST(Supervisor, Sigusr1OnlyDisarms) {
     Board board;
     board.StartRecovery();
     board.Signal(SIGUSR1);
     ASSERT_TRUE(board.WaitTrace("KV_FH_WDT_Stop:176 "));
     EXPECT_FALSE(board.Armed());
+    const std::string threads = board.OnBoard("cat /proc/$(pidof upgradeMain)/task/*/comm").output;
+    EXPECT_TRUE(Contains(threads, "__KV_SIGNAL_Pro") && !Contains(threads, "__KV_FH_WDT"))
+        << threads;
     EXPECT_FALSE(board.Status().at("watchdog").at("open"));
-    // A connection takes the lowest free number. A second stop is not refused, and leaves it alone.
+    // A connection gets the lowest free number. A second stop is accepted and leaves the connection
+    // alone.
     const TcpClient client = board.Client();
     EXPECT_EQ(client.Ask(Frame(6)), ReplyHeader(6, 0, 0));
     board.Signal(SIGUSR1);
@@ -75,7 +79,7 @@ TEST(Supervisor, Sigusr1DisarmsAndNothingElse) {
 TEST(Supervisor, SecondSigtermIsAnsweredWhileTheFirstOnesJoinBlocks) {
     Board board;
     board.StartRecovery();
-    // The receiver pauses for a second on its worker's thread, which the shutdown joins.
+    // The receiver sleeps for a second on its worker's thread, and the shutdown joins that thread.
     const TcpClient client = board.Client();
     ASSERT_TRUE(client.Send(UpgradeFrame(1000)));
     ASSERT_TRUE(board.WaitTrace("CMD_SYS_UPGRADE"));
@@ -96,7 +100,7 @@ TEST(Supervisor, SecondSigtermIsAnsweredWhileTheFirstOnesJoinBlocks) {
 
 TEST(Supervisor, WatchdogFailuresAtStart) {
     Board board;
-    // The faults below are for later boots: this one has to have its watchdog first.
+    // The faults below apply to later boots. This boot must have its watchdog first.
     board.StartRecovery();
     const struct {
         Lines fault;
@@ -109,7 +113,7 @@ TEST(Supervisor, WatchdogFailuresAtStart) {
          "or resource busy\n",
          false,
          false},
-        // It is armed and stays open: whoever cannot feed it is reset by it.
+        // Armed and open: if nobody feeds it, it resets the device.
         {{"watchdog", "ioctl", "--errno", "EINVAL"},
          "FAILED kv_fullhan_watdog:KV_FH_WDT_Start:123 \033[mSet Watchdog TimeOut Fail: Invalid "
          "argument\n",
@@ -131,8 +135,9 @@ TEST(Supervisor, WatchdogFailuresAtStart) {
         EXPECT_EQ(board.Status().at("watchdog").at("open"), row.open);
         EXPECT_EQ(board.Armed(), row.open);
     }
-    // A failed feed did not stop the feeding.
+    // A failed feed did not stop the feeder.
     EXPECT_TRUE(board.WaitFeeds(2));
+    EXPECT_EQ(board.Status().at("boot"), boot);
     std::map<int, int> feeds;
     for (const auto& operation : board.Operations()) {
         feeds[operation.at("boot")] += operation.at("op") == "ioctl:KEEPALIVE" ? 1 : 0;
@@ -144,7 +149,7 @@ TEST(Supervisor, WatchdogFailuresAtStart) {
     }
 }
 
-TEST(Supervisor, SaysThatTheHeartbeatPortIsTaken) {
+TEST(Supervisor, ReportsATakenHeartbeatPort) {
     Board board;
     board.StartRecovery();
     (void)board.OnBoard("cd /tmp && /opt/upgrade/upgradeMain </dev/null >/dev/null 2>second &");
@@ -167,7 +172,7 @@ TEST(Supervisor, StoppedProgramIsResetByTheWatchdog) {
 }
 
 TEST(Supervisor, LivesOnWithNobodyToHearIt) {
-    // The descriptors that the program is started with, beside a standard input that is closed.
+    // How the program is started, in addition to a closed standard input.
     const char* const cases[] = {">&- 2>&-", "2>&1 >/dev/null | head -n 1"};
     for (const char* const descriptors : cases) {
         SCOPED_TRACE(descriptors);
@@ -182,7 +187,7 @@ TEST(Supervisor, LivesOnWithNobodyToHearIt) {
             EXPECT_EQ(client.Ask(Frame(6)), ReplyHeader(6, 0, 0));
         }
         EXPECT_TRUE(board.WaitFeeds(3));
-        EXPECT_FALSE(std::filesystem::exists(board.Path("boot-2"))) << "starved";
+        EXPECT_FALSE(std::filesystem::exists(board.Path("boot-2"))) << "the watchdog starved";
         const std::string standard = descriptors == cases[0] ? "012" : "0";
         for (const char number : standard) {
             EXPECT_EQ(
@@ -197,9 +202,9 @@ TEST(Supervisor, LivesOnWithNobodyToHearIt) {
 TEST(Supervisor, FedWhileTheLogBlocks) {
     Board board;
     board.StartRecovery();
-    // Nobody reads the log from here on: whoever traces blocks, the feeder does not.
+    // From here on nobody reads the log. Threads that log block; the feeder does not.
     (void)board.Do({"fault", "trace", "block"});
-    // One connection: replies to requests of several at once may mix.
+    // Only one connection, because replies to simultaneous requests may mix.
     const TcpClient client = board.Client();
     bool answered = true;
     for (int request = 0; answered && request < 4000; ++request) {

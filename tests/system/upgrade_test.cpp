@@ -1,5 +1,5 @@
-// An upgrade over the network, from the first byte on the wire to the boot that follows. Where the
-// stream may be cut, and every way to fail, are the receiver's unit tests' affair.
+// An upgrade over the network, from the first byte on the wire to the next boot. The receiver's
+// unit tests cover chunk boundaries and failures.
 #include "tests/support/board.h"
 #include "tests/support/wire.h"
 
@@ -11,12 +11,12 @@ const Lines kLayout = {"--no-wifi", "--layout", "mtd3=256K,mtd4=192K,mtd5=256K,m
 const std::string kAccepted("\0\0\1\1\2\x20\0\0", 8);
 const std::string kBusy("\0\0\1\1\2\x20\xFF\xFF", 8);
 
-// Selects no partition: flashing it changes nothing.
+// Selects no partition, so flashing it changes nothing.
 std::string HarmlessPackage() {
     return BuildPackage({{"none", Noise(164, 21)}});
 }
 
-// One upload on a connection of its own, piece by piece.
+// One upload on its own connection, piece by piece.
 class Upload {
   public:
     explicit Upload(Board* board) : board_(board), client_(board->Client()) {}
@@ -24,15 +24,15 @@ class Upload {
     Upload(const Upload&) = delete;
     Upload& operator=(const Upload&) = delete;
 
-    // Sends the request and waits until the device has read it, so that what is sent next comes as
-    // a chunk of its own.
+    // Sends the request and waits until the device has read it, so the next bytes arrive as a chunk
+    // of their own.
     void Begin(const std::string& request) {
         const size_t before = Traced("CMD_SYS_UPGRADE");
         EXPECT_TRUE(client_.Send(request));
         EXPECT_TRUE(WaitUntil([&] { return Traced("CMD_SYS_UPGRADE") > before; }));
     }
     bool Send(const std::string& bytes) { return client_.Send(bytes); }
-    // What the device answers to a piece, without the session's bytes: status and the zeros behind.
+    // The device's answer to a piece, without the session's bytes: status, then zeros.
     std::string Answer() {
         const std::string reply = client_.Receive(32);
         EXPECT_EQ(reply.substr(std::min<size_t>(reply.size(), 12)),
@@ -40,7 +40,7 @@ class Upload {
         return reply.substr(0, 8);
     }
     bool Ends() { return client_.Ends(); }
-    // Closes and waits until the device has seen it.
+    // Closes and waits until the device has noticed.
     void Leave() {
         if (client_.Connected()) {
             const size_t before = Traced("__KV_KorvanProtocolClose");
@@ -104,7 +104,7 @@ TEST(Upgrade, JourneyFromImagesToTheRunningApplication) {
     EXPECT_LT(board.LargestFeedGap(), 1.3);
 }
 
-TEST(Upgrade, ToolTellsARefusalAndARecoveryThatComesBack) {
+TEST(Upgrade, ToolReportsARefusalAndARecoveryThatComesBack) {
     Board board;
     board.StartRecovery(kLayout);
     const std::string upgrade = BinDir() + "/kvtool upgrade " + std::string(kBoardAddress) + " ";
@@ -114,7 +114,7 @@ TEST(Upgrade, ToolTellsARefusalAndARecoveryThatComesBack) {
     ASSERT_TRUE(board.WaitRecovery(2));
     WriteFile(board.Path("other.FLS"), BuildPackage({{"none", "x"}}, {"OTHER", "38QX", 1}));
     EXPECT_EQ(board.OnBench(upgrade + board.Path("other.FLS")).status, 3);
-    // The device gives no answer to what it refuses, and restarts: orderly, not at once.
+    // The device does not answer a package that it refuses. It restarts, and not abruptly.
     const auto refused =
         board.OnBench(upgrade + "--force --force-identity " + board.Path("other.FLS"));
     EXPECT_EQ(refused.status, 8) << refused.output;
@@ -122,15 +122,15 @@ TEST(Upgrade, ToolTellsARefusalAndARecoveryThatComesBack) {
     EXPECT_EQ(board.Reason(3), "reboot\n");
 }
 
-TEST(Upgrade, WhoeverLeavesOrFallsSilentLeavesRoomForTheNext) {
+TEST(Upgrade, ATransferThatEndsEarlyLeavesRoomForTheNext) {
     const std::string package = HarmlessPackage();
     const std::string stream = package + Trailer(package);
     Board board;
     board.StartRecovery(kLayout);
-    // The device stays alive behind an acceptance.
+    // The device stays alive after an acceptance.
     board.Fault({"reboot", "hang"});
-    // What never completes is closed after twenty seconds of silence. Announced is less than a
-    // trailer: the package's length wraps to nearly 4 GiB.
+    // A transfer that never completes is closed after twenty seconds of silence. The announced size
+    // is less than a trailer, so the package's length wraps to nearly 4 GiB.
     Upload endless(&board);
     endless.Begin(Frame(0x2002, 36, 1));
     const auto quiet = Clock::now();
@@ -147,7 +147,7 @@ TEST(Upgrade, WhoeverLeavesOrFallsSilentLeavesRoomForTheNext) {
         gone.Leave();
         EXPECT_EQ(UploadWhole(&board, package), kAccepted) << sent;
     }
-    // A transfer that begins while another runs takes its place.
+    // A transfer that starts during another one replaces it.
     Upload first(&board);
     first.Begin(UpgradeFrame(package.size()));
     (void)first.Send(stream.substr(0, 300));

@@ -1,6 +1,6 @@
-// The virtual board itself, driven through its command line. The program that it runs is this very
-// test program, which under the name "upgradeMain" plays a supervisor. What every other system test
-// goes through (flash, faults, Wi-Fi, the watchdog) is not repeated here.
+// The virtual board itself, driven through its command line. The program on it is this test
+// program, which plays a supervisor when its name is "upgradeMain". Features that every other
+// system test uses (flash, faults, Wi-Fi, the watchdog) are not tested again here.
 #include <fcntl.h>
 #include <linux/watchdog.h>
 #include <sys/ioctl.h>
@@ -17,7 +17,7 @@ namespace {
 
 std::string g_self;  // NOLINT: this program, set once by main
 
-// Plays the supervisor. "feed SECONDS" arms the watchdog and never feeds it again.
+// Plays the supervisor. "feed SECONDS" arms the watchdog and never feeds it.
 int Supervise(int argc, char** argv) {
     (void)fprintf(stderr, "supervisor runs\n");
     if (argc > 2 && std::string(argv[1]) == "feed") {
@@ -37,7 +37,7 @@ class Vboard : public testing::Test {
     void Run(const Lines& options, const Lines& program = {g_self}) {
         board_.Start(options, program);
     }
-    // The output of a command on the board that succeeds.
+    // Runs a command on the board, which must succeed. Returns its output.
     std::string OnBoard(const std::string& script) {
         const CommandResult result = board_.OnBoard(script);
         EXPECT_EQ(result.status, 0) << script;
@@ -49,7 +49,7 @@ class Vboard : public testing::Test {
 
 }  // namespace
 
-TEST_F(Vboard, EachResetIsTakenForWhatItIsAndKeepsWhatADeviceKeeps) {
+TEST_F(Vboard, EachResetHasItsReasonAndKeepsPersistentData) {
     Run({});
     (void)OnBoard("touch /param/var/kept /tmp/lost /opt/app/lost");
     (void)OnBoard("printf abc | dd of=/dev/mtd6 conv=notrunc");
@@ -62,13 +62,13 @@ TEST_F(Vboard, EachResetIsTakenForWhatItIsAndKeepsWhatADeviceKeeps) {
     auto start = Clock::now();
     (void)board_.OnBoard("reboot");
     ASSERT_TRUE(board_.WaitBoot(3));
-    EXPECT_LT(SecondsSince(start), 3) << "everybody dies of SIGTERM";
+    EXPECT_LT(SecondsSince(start), 3) << "SIGTERM ends every process";
     start = Clock::now();
     (void)board_.OnBoard(
         "(trap '' TERM; echo deaf >/tmp/p; sleep infinity) >/dev/null & "
         "while [ ! -e /tmp/p ]; do :; done; reboot");
     ASSERT_TRUE(board_.WaitBoot(4));
-    EXPECT_GE(SecondsSince(start), 3) << "the stubborn have their time";
+    EXPECT_GE(SecondsSince(start), 3) << "a process that ignores SIGTERM gets some time";
     const auto held = [this] {
         const std::string runner = "/proc/" + std::to_string(board_.Runner());
         return std::stoi(Shell("ls " + runner + "/fd " + runner + "/task | wc -l"));
@@ -77,7 +77,7 @@ TEST_F(Vboard, EachResetIsTakenForWhatItIsAndKeepsWhatADeviceKeeps) {
     for (int i = 0; i < 5; ++i) {
         (void)board_.Do({"reset"});
     }
-    // The runner lets go of a requester's connection some time after the requester has gone.
+    // The runner closes a requester's connection some time after the requester has ended.
     EXPECT_TRUE(WaitUntil([&] { return held() <= before; }))
         << "a boot leaves descriptors or threads behind: " << held() << " after " << before;
     const char* const reasons[] = {"power-on", "reboot -f", "reboot", "reboot", "reset"};
@@ -86,10 +86,10 @@ TEST_F(Vboard, EachResetIsTakenForWhatItIsAndKeepsWhatADeviceKeeps) {
     }
 }
 
-TEST_F(Vboard, AnAcceleratedClockIsThatOfTheWholeBoardAndTheLastBootEndsTheRunner) {
+TEST_F(Vboard, AnAcceleratedClockAppliesToTheWholeBoardAndTheLastBootEndsTheRunner) {
     Run({"--no-wifi", "--max-boots", "2", "--speed", "10"}, {g_self, "feed", "60"});
     EXPECT_TRUE(Contains(board_.Do({"status"}), "boot 1, clock 10 times as fast ("));
-    // Both a command of the board's and what it starts.
+    // Applies to a command on the board and to the processes it starts.
     const auto before = Clock::now();
     EXPECT_EQ(OnBoard("sleep 10; sh -c 'sleep 10'"), "");
     EXPECT_LT(SecondsSince(before), 8);
@@ -134,7 +134,7 @@ TEST_F(Vboard, TheProgramSeesADevice) {
         {"readlink /proc/$(pidof upgradeMain)/cwd", "/\n"},
         {"readlink /proc/$(pidof upgradeMain)/fd/0", "/dev/null\n"},
         {"ls /proc/$(pidof upgradeMain)/fd | wc -l", "3\n"},
-        // Signals 32 and 33 belong to the C library, which hands them on ignored.
+        // Signals 32 and 33 belong to the C library, which leaves them ignored in a child.
         {"grep -E '^Sig(Blk|Ign)' /proc/$(pidof upgradeMain)/status | sed "
          "s/180000000$/000000000/",
          "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n"},
@@ -150,12 +150,12 @@ TEST_F(Vboard, TheProgramSeesADevice) {
         EXPECT_EQ(OnBoard(item.script), item.output) << item.script;
     }
     EXPECT_EQ(board_.OnBoard("exit 7").status, 7);
-    // A host's switch stays the host's.
+    // The board cannot change a setting of the host.
     EXPECT_NE(board_.OnBoard("echo 1 >/proc/sys/vm/swappiness").status, 0);
     EXPECT_EQ(board_.Status().at("program").at("threads").at(0).at("name"), "upgradeMain");
 }
 
-TEST_F(Vboard, ACutOffApplicationAndTheButton) {
+TEST_F(Vboard, ATruncatedApplicationAndTheButton) {
     WriteFile(board_.Path("cut"), ReadFile(MakeApplicationImage(board_)).substr(0, 96));
     (void)board_.Do({"flash", "write", "mtd5", board_.Path("cut")});
     (void)board_.Do({"flash", "read", "mtd5", board_.Path("back")});
@@ -164,7 +164,7 @@ TEST_F(Vboard, ACutOffApplicationAndTheButton) {
     EXPECT_NE(board_.OnBoard("ls /opt/app/bin/cameraMain").status, 0);
     EXPECT_TRUE(Contains(board_.Console(), "cannot be unpacked"));
 
-    // The board watches its line while the button goes down, up, down.
+    // The board reads its line while the button goes down, up, down.
     const CommandResult seen = board_.OnBoard(
         "(echo ready >/param/ready; last=; n=0; while [ $n -lt 5 ]; do"
         " read -r now </sys/class/gpio/GPIO26/value; [ \"$now\" = \"$last\" ] ||"
@@ -218,7 +218,7 @@ TEST_F(Vboard, AKilledRunnerLeavesNothing) {
     (void)kill(runner, SIGKILL);
     (void)board_.Await();
     for (const std::string& process : processes) {
-        // Killed processes need a moment to be taken apart.
+        // Killed processes need a moment to go away.
         EXPECT_TRUE(WaitUntil([&] {
             const std::string stat = ReadFile("/proc/" + process + "/stat");
             return stat.empty() || Contains(stat, ") Z ");
@@ -230,11 +230,11 @@ TEST_F(Vboard, AKilledRunnerLeavesNothing) {
     EXPECT_EQ(board_.Await(), 0);
 }
 
-TEST_F(Vboard, AnOrdinaryUserMayHaveABoard) {
+TEST_F(Vboard, AnOrdinaryUserMayRunABoard) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "the other tests have shown it";
+        GTEST_SKIP() << "the other tests show it";
     }
-    // In a mount namespace with a /dev/fuse for everybody, as a desktop's is.
+    // In a mount namespace where everybody may use /dev/fuse, as on a desktop.
     const std::string state = board_.Folder();
     fs::copy_file(BinDir() + "/vboard", state + "/vboard");
     fs::copy_file(g_self, state + "/self");

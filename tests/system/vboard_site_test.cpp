@@ -38,7 +38,7 @@ class VboardSite : public testing::Test {
         EXPECT_EQ(result.status, 0) << result.output;
         return result.output;
     }
-    // A command to one board; what it prints.
+    // Sends a command to one board. Returns its output.
     std::string OnBoard(int number, const Lines& arguments) {
         Lines command = {BinDir() + "/vboard", "--state", Place(number)};
         command.insert(command.end(), arguments.begin(), arguments.end());
@@ -74,9 +74,9 @@ class VboardSite : public testing::Test {
     pid_t runner_ = -1;
 };
 
-TEST_F(VboardSite, BoardsJoinAndAreTroubledEachForItself) {
+TEST_F(VboardSite, BoardsJoinAndFailIndependently) {
     StartBoards(2);
-    // One more that does not belong to the site's runner.
+    // One more board, which the site's runner did not start.
     const pid_t guest = fork();
     if (guest == 0) {
         (void)execl((BinDir() + "/vboard").c_str(), "vboard", "run", "--quiet", "--site",
@@ -111,7 +111,7 @@ TEST_F(VboardSite, BoardsJoinAndAreTroubledEachForItself) {
               0);
     (void)OnBoard(3, {"exec", "--board", "--", "head", "-c", "1", "/dev/mtd5"});
 
-    // Another address after a reset, as the site wants it.
+    // After a reset the board has the address that the site assigned.
     (void)Do({"site", "lease", "3", "172.20.19.7"});
     (void)OnBoard(3, {"reset"});
     EXPECT_TRUE(WaitUntil([this] { return Row(3).value("wlanAddress", "") == "172.20.19.7"; }));
@@ -120,7 +120,7 @@ TEST_F(VboardSite, BoardsJoinAndAreTroubledEachForItself) {
     (void)kill(runner_, SIGTERM);
     int status = -1;
     EXPECT_EQ(waitpid(guest, &status, 0), guest);
-    EXPECT_EQ(status, 0) << "a board ends well when its site does";
+    EXPECT_EQ(status, 0) << "a board ends cleanly with its site";
 }
 
 TEST_F(VboardSite, LeavesNothingWhenItIsKilled) {

@@ -1,5 +1,5 @@
 #!/bin/bash
-# completion_test.bash KVTOOL VBOARD: the completion scripts, driven as the shells drive them.
+# completion_test.bash KVTOOL VBOARD: tests the completion scripts the way the shells use them.
 set -uo pipefail
 
 kvtool=$1 vboard=$2
@@ -18,7 +18,7 @@ done
 . ./vboard.bash
 
 failed=0
-# What completing the last word gives, a candidate a line, against what is wanted.
+# Compares the candidates for the last word, one a line, with the expected ones.
 expect() { # WANTED WORD...
     local wanted=$1 got
     shift
@@ -49,7 +49,7 @@ expect "--state" vboard flash read --st
 expect "mute" vboard ap mu
 expect "camera.fls" vboard flash read mtd3 cam
 
-# A zsh of its own on a pseudo terminal gets the keys that a person would type.
+# A zsh on a pseudo terminal gets the keys that a person would type.
 if command -v zsh >/dev/null; then
     zsh -n _kvtool _vboard
     timeout 30 zsh -f >zsh.out 2>&1 <<'END'

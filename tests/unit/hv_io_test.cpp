@@ -3,7 +3,8 @@
 #include <sys/resource.h>
 
 #include <csignal>
-#include <optional>
+#include <memory>
+#include <vector>
 
 #include "hv_test_support.h"
 #include "tests/support/capture.h"
@@ -11,8 +12,8 @@
 
 namespace {
 
-// A server whose read and close behaviour a test supplies. Everything of a connection happens on
-// the loop's thread; the tallies tell the test.
+// A server whose read and close behaviour a test supplies. Connections are handled on the loop's
+// thread; the test waits on the tallies.
 struct Server {
     std::function<void(hio_t*)> onAccept = [](hio_t*) {};
     std::function<void(hio_t*, const char*, size_t)> onRead = [](hio_t*, const char*, size_t) {};
@@ -56,7 +57,7 @@ class HvIo : public testing::Test {
         ASSERT_NE(server_.port, 0);
     }
     void TearDown() override { loop_.Stop(); }
-    // Waits until the connection is served, so that server_.last is it.
+    // Waits until the connection is served and server_.last refers to it.
     TcpClient Connected() {
         const size_t before = server_.accepted.Count();
         TcpClient client(server_.port);
@@ -90,7 +91,7 @@ void ShrinkSendBuffer(hio_t* io) {
     ASSERT_EQ(setsockopt(hio_fd(io), SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)), 0);
 }
 
-TEST_F(HvIo, QueuesForASlowReaderAndClosesBehindTheLastByte) {
+TEST_F(HvIo, QueuesForASlowReaderAndClosesAfterTheLastByte) {
     const std::string big = Noise(500000, 2);
     std::vector<int> results;
     server_.onRead = [&](hio_t* io, const char*, size_t) {
@@ -108,7 +109,7 @@ TEST_F(HvIo, QueuesForASlowReaderAndClosesBehindTheLastByte) {
     EXPECT_EQ(results[1], 0);
     EXPECT_EQ(server_.closed.Count(), 0U);
 #ifndef KV_HV_SYSTEM
-    // What comes now is not read: the loop has polled more than once by the end.
+    // Data sent now is not read: the loop polls more than once before the check.
     client.Send("late");
     for (int i = 0; i < 3; ++i) {
         loop_.Do([] {});
@@ -148,8 +149,8 @@ TEST_F(HvIo, ReadsOnlyOnceItsQueueIsEmpty) {
 }
 
 TEST_F(HvIo, GivesUpOnAReaderThatNeverReads) {
-    BUNDLED_ONLY("it queues up to 16 MiB, and has no limit for all");
-    // A connection that stays and has bytes in its queue.
+    BUNDLED_ONLY("it queues up to 16 MiB and has no common limit");
+    // A connection that stays open with bytes in its queue.
     const std::string part(1000, 'x');
     server_.onAccept = [&](hio_t* io) {
         ShrinkSendBuffer(io);
@@ -160,7 +161,7 @@ TEST_F(HvIo, GivesUpOnAReaderThatNeverReads) {
     const TcpClient holder = Connected();
     hio_t* const held = server_.last;
     constexpr size_t kAll = 512 * 1024;
-    for (const uint32_t limit : {0U, 65536U, 0U}) {  // 0: only that of all
+    for (const uint32_t limit : {0U, 65536U, 0U}) {  // 0: only the common limit
         size_t queued = 0;
         size_t room = 0;
         int error = 0;
@@ -176,7 +177,7 @@ TEST_F(HvIo, GivesUpOnAReaderThatNeverReads) {
             }
             const size_t closed = server_.closed.Count();
             EXPECT_LT(hio_write(io, "more", 4), 0);
-            EXPECT_EQ(server_.closed.Count(), closed);  // not below the caller's feet
+            EXPECT_EQ(server_.closed.Count(), closed);  // not while the caller uses it
         };
         const size_t closed = server_.closed.Count();
         const TcpClient client = Connected();
@@ -196,7 +197,7 @@ TEST_F(HvIo, WritingToAPeerThatIsGoneFailsWithoutASignal) {
         gone.get_future().wait();
         pollfd reset = {hio_fd(io), 0, 0};
         ASSERT_EQ(poll(&reset, 1, 10000), 1);
-        // With the pending error taken out, the next send is one that would raise SIGPIPE.
+        // The pending error is cleared, so the next send would raise SIGPIPE.
         socklen_t length = sizeof(error);
         ASSERT_EQ(getsockopt(hio_fd(io), SOL_SOCKET, SO_ERROR, &error, &length), 0);
         result = hio_write(io, "late", 4);
@@ -215,7 +216,7 @@ TEST_F(HvIo, WritingToAPeerThatIsGoneFailsWithoutASignal) {
     EXPECT_EQ(server_.closed.Count(), 1U);
 }
 
-TEST_F(HvIo, ReadTimeoutCountsFromTheLastArrivalAndCanBeTakenBack) {
+TEST_F(HvIo, ReadTimeoutCountsFromTheLastArrivalAndCanBeRemoved) {
     server_.onAccept = [](hio_t* io) { hio_set_read_timeout(io, 1500); };
     const TcpClient freed = Connected();
     loop_.Do([&] { hio_set_read_timeout(server_.last, 0); });
@@ -269,9 +270,8 @@ TEST_F(HvIo, ClosesFromAnotherThread) {
     EXPECT_FALSE(TcpClient(server_.port).Connected());
 }
 
-// What a read callback may do to its own io. Each case is a connection of its own, to which "ab"
-// and then "cd" are sent; `answer` is all that comes back before the server closes or the client
-// does.
+// What a read callback may do to its own io. Each case has its own connection. The client sends
+// "ab", then "cd". `answer` is all that it gets back before one side closes.
 struct Reentry {
     const char* name;
     void (*onRead)(hio_t* io, const char* buf, size_t size);
@@ -318,7 +318,7 @@ TEST_F(HvIo, ReadCallbackMayDoAnythingToItsIo) {
         const TcpClient client = Connected();
         client.Send("ab");
         ASSERT_TRUE(server_.received.WaitFor(received + 2));
-        (void)send(client.Fd(), "cd", 2, MSG_NOSIGNAL);  // refused where the server has closed
+        (void)send(client.Fd(), "cd", 2, MSG_NOSIGNAL);  // fails if the server has closed
         EXPECT_EQ(client.Receive(10), entry.answer);
         EXPECT_TRUE(server_.closed.WaitFor(closed + 1));
     }
@@ -355,8 +355,8 @@ TEST_F(HvIo, FreeClosesEverythingItHolds) {
     EXPECT_EQ(OpenDescriptors(), before);
 }
 
-TEST_F(HvIo, ADetachedIoIsItsHoldersToCloseOrToEquip) {
-    BUNDLED_ONLY("it closes by posting to the loop the io has left");
+TEST_F(HvIo, ADetachedIoBelongsToItsHolder) {
+    BUNDLED_ONLY("it posts the close to the io's old loop");
     static std::promise<hio_t*> handed;
     handed = {};
     LoopThread worker;
@@ -376,7 +376,7 @@ TEST_F(HvIo, ADetachedIoIsItsHoldersToCloseOrToEquip) {
     EXPECT_EQ(server_.closed.Count(), 1U);
     EXPECT_TRUE(client.Ends());
 
-    // More than the socket takes, written by the holder before the worker has the io.
+    // The holder writes more than the socket takes before the worker gets the io.
     handed = {};
     const TcpClient second(PortOf(listener));
     io = handed.get_future().get();
@@ -391,8 +391,8 @@ TEST_F(HvIo, ADetachedIoIsItsHoldersToCloseOrToEquip) {
     EXPECT_TRUE(server_.closed.WaitFor(2));
 }
 
-TEST_F(HvIo, ARequestIsQueuedOnceAndGoesWithItsIo) {
-    BUNDLED_ONLY("it has a queue of its own");
+TEST_F(HvIo, ARequestIsQueuedOnceAndDroppedWithItsIo) {
+    BUNDLED_ONLY("its queue is different");
     for (const bool closesItself : {true, false}) {
         const size_t closed = server_.closed.Count();
         const TcpClient client = Connected();
@@ -405,7 +405,7 @@ TEST_F(HvIo, ARequestIsQueuedOnceAndGoesWithItsIo) {
                 inside.set_value();
                 posted.get_future().wait();
                 if (closesItself) {
-                    hio_close(server_.last);  // takes the requests off the queue's middle and end
+                    hio_close(server_.last);  // drops requests in the queue's middle and end
                     Post(loop_.Get(), count, &ran);
                 }
             });
@@ -431,10 +431,11 @@ TEST_F(HvIo, EachLackOfDescriptorsIsReported) {
     const Capture log(2);
     struct rlimit saved {};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    // Both stay: a connection that ends would free a descriptor in the middle of a lack.
+    std::vector<std::unique_ptr<TcpClient>> clients;
     for (size_t round = 1; round <= 2; ++round) {
-        std::optional<TcpClient> client;
         loop_.Do([&] {
-            client.emplace(server_.port);
+            clients.push_back(std::make_unique<TcpClient>(server_.port));
             const int lowestFree = dup(STDERR_FILENO);
             (void)close(lowestFree);
             const struct rlimit none = {static_cast<rlim_t>(lowestFree), saved.rlim_max};

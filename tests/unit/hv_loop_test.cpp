@@ -1,11 +1,11 @@
-// Life of a loop, posted events, timers, idleness.
+// Life of a loop, posted events, timers, idle loops.
 #include <atomic>
 
 #include "hv_test_support.h"
 
 namespace {
 
-TEST(HvLoop, RunsWhatWasPostedBeforeItRanInOrderAndStops) {
+TEST(HvLoop, RunsEarlierPostsInOrderAndStops) {
     struct Numbered {
         std::vector<int>* order;
         int number;
@@ -16,7 +16,7 @@ TEST(HvLoop, RunsWhatWasPostedBeforeItRanInOrderAndStops) {
     ASSERT_NE(loop, nullptr);
     for (int i = 0; i < 5; ++i) {
         events[i] = {&order, i};
-        // The event that is posted goes out of scope at once: posting copies it.
+        // The posted event goes out of scope at once: posting copies it.
         Post(
             loop,
             [](hevent_t* posted) {
@@ -48,7 +48,7 @@ TEST(HvLoop, LeavesNoDescriptorHoweverItEnds) {
 }
 
 TEST(HvLoop, StopEndsItAfterTheCallbackInProgress) {
-    BUNDLED_ONLY("it drains its queue before it looks at the stop");
+    BUNDLED_ONLY("it empties its queue before it obeys a stop");
     hloop_t* loop = hloop_new(0);
     std::atomic<int> calls{0};
     const auto count = [](hevent_t* ev) { ++*static_cast<std::atomic<int>*>(hevent_userdata(ev)); };
@@ -57,7 +57,7 @@ TEST(HvLoop, StopEndsItAfterTheCallbackInProgress) {
     Post(loop, count, &calls);
     EXPECT_EQ(hloop_run(loop), 0);
     EXPECT_EQ(calls, 1);
-    EXPECT_EQ(hloop_stop(loop), 0);  // before it runs: the next run ends on it
+    EXPECT_EQ(hloop_stop(loop), 0);  // not running: ends the next run
     EXPECT_EQ(hloop_run(loop), 0);
     EXPECT_EQ(calls, 2);
     hloop_free(&loop);

@@ -1,4 +1,4 @@
-// Runs in the sandbox: it wants a network of its own and the right to raw sockets.
+// Runs in the sandbox: it needs its own network and permission for raw sockets.
 #include "hv/icmp.h"
 
 #include <linux/capability.h>
@@ -8,9 +8,8 @@
 
 namespace {
 
-// Another host, 10.9.8.2, behind a link of this sandbox's own; nobody is at 10.9.8.7. Loopback
-// would not do: a raw socket there sees the request itself first, which libhv takes for a wrong
-// answer.
+// Another host, 10.9.8.2, on a link inside this sandbox; 10.9.8.7 does not exist. Loopback would
+// not do: a raw socket there also sees the request, which libhv takes for a wrong answer.
 class HvPing : public testing::Test {
   protected:
     static void SetUpTestSuite() {
@@ -24,7 +23,7 @@ class HvPing : public testing::Test {
                          "nsenter --net=/proc/$host/ns/net sh -ec '\n"
                          "    ip addr add 10.9.8.2/24 dev far && ip link set far up' &&\n"
                          "ip addr add 10.9.8.1/24 dev near && ip link set near up || exit 1\n"
-                         // A link drops packets until the kernel has seen to its carrier.
+                         // A link drops packets until the kernel has seen its carrier.
                          "for i in $(seq 200); do\n"
                          "    ip link show near | grep -q \"state UP\" &&\n"
                          "    nsenter --net=/proc/$host/ns/net ip link show far |\n"
@@ -44,13 +43,13 @@ TEST_F(HvPing, CountsAnswersOneSecondApart) {
     EXPECT_LT(Clock::now() - begin, std::chrono::milliseconds(3500));
 }
 
-TEST_F(HvPing, AnotherHostsAnswersAreNotTaken) {
-    BUNDLED_ONLY("it takes the answer to another thread's request");
+TEST_F(HvPing, IgnoresAnswersOfOtherHosts) {
+    BUNDLED_ONLY("it accepts the answer to another thread's request");
     int other = 0;
     std::thread answered([&] { other = ping("10.9.8.2", 3); });
     const auto begin = Clock::now();
     EXPECT_LE(ping("10.9.8.7", 2), 0);
-    EXPECT_NEAR(SecondsSince(begin), 2, 1) << "no answer costs a second";
+    EXPECT_NEAR(SecondsSince(begin), 2, 1) << "a missing answer takes a second";
     answered.join();
     EXPECT_EQ(other, 3);
 }
@@ -63,7 +62,7 @@ TEST_F(HvPing, RefusesNamesAndNonsenseAtOnce) {
     EXPECT_LT(Clock::now() - begin, std::chrono::milliseconds(500));
 }
 
-TEST_F(HvPing, WithoutTheRightToRawSocketsItFails) {
+TEST_F(HvPing, FailsWithoutPermissionForRawSockets) {
     int result = 0;
     std::thread([&] {
         __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};

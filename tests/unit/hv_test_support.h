@@ -1,4 +1,4 @@
-// What the tests of the event loop share: loops on threads, waiting for conditions, plain clients.
+// Shared by the tests of the event loop: loops on threads, waiting for conditions, plain clients.
 #pragma once
 
 #include <condition_variable>
@@ -34,7 +34,7 @@ inline void PostStop(hloop_t* loop) {
         loop, [](hevent_t* ev) { hloop_stop(hevent_loop(ev)); }, nullptr);
 }
 
-// A loop that runs on a thread of its own until the end of the scope.
+// A loop that runs on its own thread until the end of the scope.
 class LoopThread {
   public:
     LoopThread() : loop_(hloop_new(0)), thread_([this] { hloop_run(loop_); }) {}
@@ -44,7 +44,7 @@ class LoopThread {
     hloop_t* Get() { return loop_; }
     std::thread::id Id() { return thread_.get_id(); }
 
-    // Runs `work` on the loop's thread and waits for it.
+    // Runs `work` on the loop's thread and waits until it is done.
     void Do(const std::function<void()>& work) {
         struct Job {
             const std::function<void()>* work;
@@ -73,7 +73,7 @@ class LoopThread {
     std::thread thread_;
 };
 
-// Counts what happens on one thread so that another can wait for it.
+// Counts events on one thread, so another can wait for them.
 class Tally {
   public:
     void Add(size_t n = 1) {

@@ -1,5 +1,5 @@
-// Runs in network and mount namespaces of its own: wlan0 is one end of a veth pair, the kernel
-// answers, and /etc/resolv.conf is a private file.
+// Runs in its own network and mount namespaces: wlan0 is one end of a veth pair of the real kernel,
+// and /etc/resolv.conf is a private file.
 #include "net/kv_net.h"
 
 #include "common/kv_platform.h"
@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kWlan[] = "wlan0";
 
-// Runs `body` with what it prints on a standard descriptor as the result.
+// Runs `body` and returns what it prints on a standard descriptor.
 std::string Printed(const std::function<void()>& body, int fd = 1) {
     const Capture capture(fd);
     body();
@@ -53,13 +53,17 @@ TEST_F(Net, ReadsAddressesOfAnInterface) {
     EXPECT_STREQ(text, "10.9.0.2");
 }
 
-TEST_F(Net, SetsAddressAndNetmaskAndRefusesWhatIsNone) {
+TEST_F(Net, SetsAddressAndNetmaskAndRefusesInvalidOnes) {
     char text[kv::kNetAddressSize] = {};
     EXPECT_EQ(KV_NET_SetIpAddr(kWlan, "192.168.7.201"), 0);
     EXPECT_EQ(KV_NET_SetNetmask(kWlan, "255.255.255.128"), 0);
     for (const char* bad : {"", "wlan0", "256.1.1.1", "1.2.3.4.5"}) {
-        EXPECT_EQ(KV_NET_SetIpAddr(kWlan, bad), -1) << bad;
-        EXPECT_EQ(KV_NET_SetNetmask(kWlan, bad), -1) << bad;
+        EXPECT_EQ(Printed([&] {
+                      EXPECT_EQ(KV_NET_SetIpAddr(kWlan, bad), -1);
+                      EXPECT_EQ(KV_NET_SetNetmask(kWlan, bad), -1);
+                  }),
+                  "")
+            << "the kernel is not even asked for " << bad;
     }
     EXPECT_EQ(KV_NET_GetIpAddr(kWlan, text), 0);
     EXPECT_STREQ(text, "192.168.7.201");
@@ -143,7 +147,7 @@ TEST_F(Net, LongInterfaceNamesAreCutAtFifteenCharacters) {
 }
 
 TEST_F(Net, LinkAndFlagsFollowTheInterface) {
-    // The kernel settles an interface's running flag a moment after its carrier.
+    // The kernel updates an interface's running flag a moment after its carrier.
     EXPECT_TRUE(WaitUntil([] { return KV_NET_IsIfRunning(kWlan) == 0; }));
     EXPECT_EQ(KV_NET_IsIfUp(kWlan), 0);
     EXPECT_EQ(Printed([] { EXPECT_EQ(KV_NET_GetLinkStatus(kWlan), 1); }), "wlan0 LINK up\n");
@@ -176,9 +180,9 @@ TEST_F(Net, GatewayIsTheFirstGatewayRouteOfTheNamePrefix) {
 TEST_F(Net, SetGatewayReplacesEveryDefaultRouteOfTheInterface) {
     Ip("addr add 10.8.0.1/24 dev far0");
     Ip("route add default via 10.8.0.2 dev far0 metric 900");
-    // Listed before the default routes, and no default route: it cannot be deleted as one.
+    // Listed before the default routes, but not one: it cannot be deleted as a default route.
     Ip("route add 0.0.0.0/1 via 10.1.2.9 dev wlan0");
-    // More than the kernel hands out in one reading of its table.
+    // More routes than the kernel returns in one read of its table.
     (void)Shell(
         "for i in $(seq 80); do echo route add default via 10.1.3.$i dev wlan0 metric $i;"
         " done | ip -batch -");
@@ -187,7 +191,7 @@ TEST_F(Net, SetGatewayReplacesEveryDefaultRouteOfTheInterface) {
     EXPECT_EQ(Shell("ip route show default"),
               "default via 10.1.2.200 dev wlan0 \n"
               "default via 10.8.0.2 dev far0 metric 900 \n");
-    // A gateway out of reach cannot be added; that is not this function's result.
+    // An unreachable gateway cannot be added, but the function still returns 0.
     EXPECT_EQ(Printed([] { EXPECT_EQ(KV_NET_SetGateway(kWlan, "99.1.1.1"), 0); }),
               "KV_NET_DeleteGateway: ioctl SIOCDELRT failed\n"
               "KV_NET_AddGateway: ioctl SIOCADDRT failed\n");
@@ -195,7 +199,7 @@ TEST_F(Net, SetGatewayReplacesEveryDefaultRouteOfTheInterface) {
     EXPECT_EQ(KV_NET_SetGateway(kWlan, "10.1.2.1"), -1);
 }
 
-TEST_F(Net, DeleteGatewayTakesNoBadTextForAnyGateway) {
+TEST_F(Net, DeleteGatewayRefusesABadAddress) {
     Ip("route add default via 10.1.2.1 dev wlan0");
     EXPECT_EQ(KV_NET_DeleteGateway(kWlan, "gateway"), -1);
     EXPECT_EQ(Shell("ip route show default"), "default via 10.1.2.1 dev wlan0 \n");
@@ -212,9 +216,9 @@ TEST_F(Net, RouteTableLinesAreBounded) {
         const char* gateway;
     } kCases[] = {
         {"", ""},
-        {good, ""},  // the first line is the header, whatever it says
+        {good, ""},  // the first line always counts as the header
         {header + good + other, "10.1.2.4"},
-        // What stands behind a line's 129th character is not a line.
+        // Text after a line's 129th character does not count as a line.
         {header + std::string(129, 'x') + other + good, "10.1.2.4"},
         {header + std::string(5000, 'x') + "\n" + good, "10.1.2.4"},
         {header + std::string(5000, 'x'), ""},
@@ -223,7 +227,7 @@ TEST_F(Net, RouteTableLinesAreBounded) {
         {header + "wlan0\t00000000\t0902010A\t0001\n" + good, "10.1.2.4"},
         {header + "wlan0\t00000000\t0902010A\t0002\n" + good, "10.1.2.4"},
     };
-    // A single file below /proc/net cannot be covered, the directory can.
+    // A mount cannot cover a single file below /proc/net, so it covers the directory.
     ASSERT_EQ(system("mkdir -p /tmp/procnet"), 0);
     const Replaced table("/tmp/procnet", "/proc/net");
     for (const auto& c : kCases) {
@@ -238,7 +242,7 @@ TEST_F(Net, DetectRoutingAddrReportsFoundAndForeignRoutes) {
     Ip("addr add 10.8.0.1/24 dev far0");
     Ip("route add 192.0.2.0/24 via 10.1.2.9 dev wlan0");
     const Capture errors(2);
-    EXPECT_EQ(Printed([] { EXPECT_EQ(KV_NET_DetectRoutingAddr(kWlan, "192.0"), 0); }),
+    EXPECT_EQ(Printed([] { EXPECT_EQ(KV_NET_DetectRoutingAddr(kWlan, "2.0.2"), 0); }),
               "[KV_NET_DetectRoutingAddr - 645] found wlan0 routing addr : 192.0.2.0\n");
     EXPECT_EQ(Printed([] { EXPECT_EQ(KV_NET_DetectRoutingAddr(kWlan, "172.16"), -1); }), "");
     const std::string foreign = "iface = far0,  ifname = wlan0\n";

@@ -1,4 +1,4 @@
-// kvtool: the program itself, its exit codes and what stands on its standard output.
+// kvtool: the program itself, its exit codes and its standard output.
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -18,7 +18,7 @@ std::string Line(const Arguments& arguments) {
     return line;
 }
 
-// Runs the tool to its end; `output` takes what stands on its standard output.
+// Runs the tool to its end; `output` gets its standard output.
 int RunTool(const Arguments& arguments, std::string* output = nullptr) {
     const auto result = kv_test::Run(Line(arguments) + " 2>/dev/null");
     if (output != nullptr) {
@@ -27,7 +27,7 @@ int RunTool(const Arguments& arguments, std::string* output = nullptr) {
     return result.status;
 }
 
-// Runs the tool, does `then` once it has printed `text`, and gives its exit code.
+// Runs the tool, runs `then` once it has printed `text`, and returns its exit code.
 int RunTool(const Arguments& arguments, const std::string& text, const std::string& then) {
     return kv_test::Run("rm -f /tmp/tool.out; " + Line(arguments) +
                         " >/tmp/tool.out 2>/tmp/tool.err & tool=$!;"
@@ -83,7 +83,7 @@ TEST_F(KvtoolCli, PackIsDeterministicAndRefusesWhole) {
     EXPECT_EQ(Read("again"), Read("good"));
     EXPECT_EQ(RunTool({"pack", "-o", Path("again"), "ap=" + Path("app")}), 3);
     EXPECT_EQ(RunTool({"pack", "-o", Path("again"), "app=" + Path("missing")}), 3);
-    EXPECT_EQ(Read("again"), Read("good")) << "a refusal leaves the file as it was";
+    EXPECT_EQ(Read("again"), Read("good")) << "a refusal must not change the file";
     EXPECT_EQ(RunTool({"pack", "-o", Path("again"), "--force", "ap=" + Path("app")}), 0);
     EXPECT_NE(Read("again"), Read("good"));
 }
@@ -97,10 +97,10 @@ TEST_F(KvtoolCli, PackKeepsItsInputsAndWritesToAPipe) {
     EXPECT_EQ(output, Read("good"));
 }
 
-TEST_F(KvtoolCli, PacksByRecipeAndTellsOfIt) {
+TEST_F(KvtoolCli, PacksByRecipeAndWritesAManifest) {
     WriteFile(Path("layout"), "# camera\nimage = app = app\nsize = app = 200000\nsensor = 39QX\n");
     std::string output;
-    // Paths of a recipe begin at its folder, whatever the present one is.
+    // Paths of a recipe are relative to its folder, not to the current one.
     EXPECT_EQ(RunTool({"pack", "-o", Path("again"), "--recipe", Path("layout"), "--sensor", "38QX",
                        "--manifest", Path("manifest")}),
               0);
@@ -128,7 +128,7 @@ TEST_F(KvtoolCli, PacksByRecipeAndTellsOfIt) {
         RunTool({"pack", "-o", Path("again"), "--manifest", Path("app"), "app=" + Path("app")}), 2);
 }
 
-TEST_F(KvtoolCli, ToolboxEndsAsDiffDoes) {
+TEST_F(KvtoolCli, ToolboxExitsLikeDiff) {
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("good")}), 0);
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("other")}), 1);
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("none")}), 2);
@@ -145,7 +145,7 @@ TEST_F(KvtoolCli, ToolboxEndsAsDiffDoes) {
     std::filesystem::remove_all(Path("out"));
 }
 
-// Signatures of both kinds that minisign makes; what minisign refuses is refused here too.
+// Both signature formats of minisign. kvtool refuses what minisign refuses.
 TEST_F(KvtoolCli, TrustsWhatMinisignSigned) {
     std::filesystem::create_directory(Path("out"));
     const auto minisign = [this](const std::string& arguments) {
@@ -180,7 +180,7 @@ TEST_F(KvtoolCli, TrustsWhatMinisignSigned) {
     EXPECT_EQ(RunTool({"upgrade", "127.0.0.1", "--port", "1", "--trusted-key", Path("out/key.pub"),
                        Path("good")}),
               3)
-        << "unsigned, and nothing was connected to";
+        << "unsigned, so kvtool does not connect";
     ASSERT_EQ(minisign("-S -s key -m ../good -x ../good.minisig -t 'camera 1.2'"), 0);
     std::string output;
     EXPECT_EQ(RunTool({"upgrade", "127.0.0.1", "--json", "--port", "1", "--trusted-key",
@@ -203,7 +203,7 @@ TEST_F(KvtoolCli, UnknownCommandsAreNamed) {
     }
 }
 
-// One object whatever happens, with what is known by then.
+// A failure gives an object too, with what is known by then.
 TEST_F(KvtoolCli, FailuresAreJsonToo) {
     struct Case {
         Arguments arguments;
@@ -242,7 +242,7 @@ TEST_F(KvtoolCli, InspectTellsFitFromUnfit) {
     nlohmann::json json = nlohmann::json::parse(output);
     EXPECT_EQ(json["acceptable"], true);
     EXPECT_EQ(json["entries"][0]["written_behind"], 62144);
-    EXPECT_EQ(RunTool({"inspect", Path("other")}), 0) << "fit for a device of its own identity";
+    EXPECT_EQ(RunTool({"inspect", Path("other")}), 0) << "fit for a device with the same identity";
     EXPECT_EQ(RunTool({"inspect", "--json", "--ic", "PRT7K", Path("other")}, &output), 3);
     json = nlohmann::json::parse(output);
     EXPECT_EQ(json["findings"][0]["severity"], "error");
@@ -277,7 +277,7 @@ TEST_F(KvtoolCli, InfoAndUpgrade) {
     EXPECT_EQ(std::string(stream.begin(), stream.end() - 37), Read("good"));
 }
 
-// The device's own identity decides, and --force does not touch it.
+// The identity that the device reports decides; --force does not override it.
 TEST_F(KvtoolCli, UpgradeComparesWithWhatTheDeviceSays) {
     fake::Script script;
     script.ic = "OTHER";
@@ -289,7 +289,7 @@ TEST_F(KvtoolCli, UpgradeComparesWithWhatTheDeviceSays) {
     EXPECT_TRUE(device.UpgradeRequest().empty());
     upgrade.back() = Path("other");
     upgrade[4] = "--no-follow";
-    EXPECT_EQ(RunTool(upgrade), 0) << "a package for this very device needs no force";
+    EXPECT_EQ(RunTool(upgrade), 0) << "a package for this device needs no force";
     upgrade.back() = Path("good");
     upgrade[4] = "--force-identity";
     EXPECT_EQ(RunTool(upgrade), 0);

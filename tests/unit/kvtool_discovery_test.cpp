@@ -1,5 +1,5 @@
-// kvtool: what it makes of a discovery reply, and when it ends a search. Searches of a real device
-// are shown on a board.
+// kvtool: how it reads a discovery reply and when it ends a search. The system tests search for a
+// real device on a board.
 #include "tests/support/fake_device.h"
 #include "tools/device/discovery_client.h"
 #include "tools/device/follow.h"
@@ -35,7 +35,7 @@ TEST(KvtoolDiscover, ReadsEveryField) {
     EXPECT_EQ(reply.commandPort, 80);
     EXPECT_EQ(reply.rtspPort, 554);
     EXPECT_EQ(reply.httpPort, 80);
-    // What the device could not tell is no fault.
+    // Settings that the device could not read are no fault.
     const Bytes empty = ExpectedReply({});
     EXPECT_EQ(kvtool::ParseDiscoveryReply(empty.data(), empty.size(), &reply), "");
     EXPECT_EQ(reply.mac, "");
@@ -71,6 +71,7 @@ TEST(KvtoolDiscover, MalformedRepliesAreNamedAndNotTrusted) {
         {Patched(SearchReply(), 72, "\x1B[2J"), "bad DNS server"},
         {Patched(SearchReply(), 104, "02-00-5E-10-20-30"), "bad MAC address"},
         {Patched(SearchReply(), 240, std::string("\x50\0\0\0", 4)), "bad command port"},
+        {Patched(SearchReply(), 244, std::string("\0\1\0\x50", 4)), "bad RTSP port"},
     };
     for (const Case& c : cases) {
         kvtool::DiscoveryReply reply;
@@ -93,7 +94,7 @@ TEST(KvtoolDiscover, AHostsOwnAnswerEndsTheSearch) {
     }
 }
 
-// The reader is held up at the first answer, so that the others have to wait in the socket.
+// The reader stops at the first answer, so the others wait in the socket.
 TEST(KvtoolDiscover, LosesNoneOfFiveHundredAnswersAtOnce) {
     const UniqueFd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     int room = 1 << 20;

@@ -1,4 +1,4 @@
-// kvtool: packages, built and inspected.
+// kvtool: builds, checks, extracts, compares and verifies packages; texts and the progress line.
 #include "common/kv_le.h"
 #include "tests/support/discovery_client.h"
 #include "tools/base/errors.h"
@@ -28,7 +28,7 @@ BuildRequest Request(std::vector<kvtool::ImageSpec> images) {
     return {"PRT7K", "38QX", std::move(images), Layout::Default(), false};
 }
 
-// "app" (5 bytes) and "uboot" (3 bytes), every byte written out by hand.
+// "app" (5 bytes) and "uboot" (3 bytes), written out byte by byte.
 Bytes HandMade() {
     Bytes bytes(24 + 512, 0x00);
     bytes.resize(24 + 512 + 65536 + 3, 0xFF);
@@ -66,14 +66,14 @@ std::string AllFindings(const PackageReport& report) {
 }
 
 TEST(KvtoolPack, GivesTheBytesMadeByHand) {
-    // The boot loader is given first and must end up last.
+    // The boot loader is given first but must come last.
     const auto result =
         kvtool::BuildPackage(Request({{"uboot.bin", Of("UBT")}, {"app", Of("APPLE")}}));
     EXPECT_EQ(result.bytes, HandMade());
     EXPECT_TRUE(result.warnings.empty());
 }
 
-TEST(KvtoolPack, PadsOnlyToTheUnitAndNeverBehindTheBootLoader) {
+TEST(KvtoolPack, PadsOnlyToTheUnitAndNeverAfterTheBootLoader) {
     const auto result = kvtool::BuildPackage(Request(
         {{"kernel", Bytes(65536, 1)}, {"rootfs", Bytes(65537, 2)}, {"uboot", Bytes(70000, 3)}}));
     const size_t data = 24 + 3 * 256;
@@ -118,9 +118,9 @@ TEST(KvtoolPack, Refusals) {
     }
     BuildRequest twice = Request({{"app2", Of("x")}});
     twice.layout = Layout({{"app", "/dev/mtd5", 100}, {"app2", "/dev/mtd6", 100}});
-    EXPECT_THROW((void)kvtool::BuildPackage(twice), ToolError) << "name of two rows";
+    EXPECT_THROW((void)kvtool::BuildPackage(twice), ToolError) << "a name that fits two rows";
 
-    // The limits themselves are fine.
+    // Values at the limits are fine.
     const std::string longest = "app" + std::string(124, 'x');
     EXPECT_NO_THROW(
         (void)kvtool::BuildPackage(Request({{"param", Bytes(524288)}, {longest, Of("x")}})));
@@ -143,7 +143,7 @@ TEST(KvtoolInspect, ReadsThePackageMadeByHand) {
     EXPECT_EQ(report.entries[1].dataOffset, 0x10218U);
 }
 
-TEST(KvtoolInspect, NamesWhatTheDeviceWouldMakeOfIt) {
+TEST(KvtoolInspect, ReportsWhatTheDeviceWouldDoWithIt) {
     using kvtool::Severity;
     const std::string zero4(4, '\0');
     struct Case {
@@ -162,7 +162,7 @@ TEST(KvtoolInspect, NamesWhatTheDeviceWouldMakeOfIt) {
         {20, std::string("\xFF\xFF\xFF\xFF", 4), Severity::kError, "bad check code"},
         {24 + 140, zero4, Severity::kError, "bad check code"},
         {24, "xpp", Severity::kWarning, "selects no partition"},
-        {280, std::string("app\0", 4), Severity::kWarning, "written already by entry 0"},
+        {280, std::string("app\0", 4), Severity::kWarning, "already written by entry 0"},
         {24 + 128, std::string("\x01\x00\x40\x00", 4), Severity::kError, "larger than"},
         {24 + 128, zero4, Severity::kError, "empty"},
         {24 + 132, std::string("\xFF\xFF\xFF\xFF", 4), Severity::kError, "past the end"},
@@ -193,7 +193,7 @@ TEST(KvtoolInspect, ComparesOnlyWithWhatIsKnownOfTheDevice) {
     EXPECT_FALSE(fits({{}, ""}));
 }
 
-// As many long images as a table can hold, each over nearly the whole file.
+// Thousands of long images, each covering nearly the whole file.
 TEST(KvtoolInspect, ManyOverlappingEntriesTakeOnePass) {
     constexpr uint32_t kEntries = 4000;
     Bytes bytes(24 + kEntries * 256 + 65536, 0xFF);
@@ -221,7 +221,7 @@ TEST(KvtoolInspect, ManyOverlappingEntriesTakeOnePass) {
 }
 
 TEST(KvtoolInspect, WarnsOfBytesThatBelongToNoImage) {
-    // Without its second entry nothing claims that entry's place in the table; the padding is fine.
+    // Without the second entry, its place in the table belongs to nothing. Padding is fine.
     Bytes bytes = HandMade();
     bytes.resize(0x10218);
     Put(&bytes, 20, std::string("\x01\x00\x00\x00", 4));
@@ -255,7 +255,7 @@ TEST(KvtoolExtract, TakesOnlyNamesThatAreFiles) {
     Put(&bytes, 280, std::string("app\0", 4));
     EXPECT_EQ(kvtool::SelectImages(Check(bytes), {}, false)[1].name, "app.1") << "same name";
     bytes.pop_back();
-    EXPECT_THROW((void)kvtool::SelectImages(Check(bytes), {}, false), ToolError) << "cut";
+    EXPECT_THROW((void)kvtool::SelectImages(Check(bytes), {}, false), ToolError) << "truncated";
     EXPECT_NO_THROW((void)kvtool::SelectImages(Check(bytes), {}, true));
 }
 
@@ -279,7 +279,7 @@ TEST(KvtoolDiff, TellsImagesApart) {
     EXPECT_EQ(compare(both, {both[0], {"app", Of("APXLEYY")}}),
               "kernel same 6 0; app changed 2 3; ");
     EXPECT_EQ(compare({both[0]}, {both[1]}), "kernel removed 0 0; app added 0 0; ");
-    // Padding alone.
+    // Only the padding differs.
     Bytes bytes = HandMade();
     bytes[0x300] = 0;
     const auto padding = kvtool::ComparePackages(HandMade(), bytes, Layout::Default());
@@ -295,7 +295,7 @@ kvtool::DumpVerdict Verify(const Bytes& package, const std::string& name,
 
 TEST(KvtoolVerify, ExpectsWhatTheWriterLeaves) {
     Bytes package = HandMade();
-    package[0x300] = 'p';  // 232 bytes behind the start of "APPLE": written behind it
+    package[0x300] = 'p';  // 232 bytes after the start of "APPLE"; written after it
     Bytes app(131072, 0xFF);
     Put(&app, 0, "APPLE");
     app[0x300 - 0x218] = 'p';
@@ -311,7 +311,7 @@ TEST(KvtoolVerify, ExpectsWhatTheWriterLeaves) {
         EXPECT_EQ(verdict.difference.count, 1U);
     }
 
-    // The boot loader over three devices; 100,000 bytes that are not all alike.
+    // The boot loader spans three devices. Its 100,000 bytes are not all equal.
     Bytes image(100000);
     for (size_t i = 0; i < image.size(); ++i) {
         image[i] = static_cast<uint8_t>(i * 7 + i / 251);
@@ -326,7 +326,7 @@ TEST(KvtoolVerify, ExpectsWhatTheWriterLeaves) {
     EXPECT_EQ(Verify(boot, "uboot", {flash}).difference.count, 0U);
     EXPECT_NE(Verify(boot, "uboot", {first, third, second}).difference.count, 0U);
 
-    // Bytes behind the boot loader make its writer go on into the devices that follow.
+    // Bytes after the boot loader make its writer continue on the following devices.
     Bytes longer = boot;
     longer.insert(longer.end(), 65536, 'z');
     EXPECT_THROW((void)Verify(longer, "uboot", {flash}), ToolError);
@@ -354,7 +354,8 @@ TEST(KvtoolLayout, SizesAreParsedStrictly) {
     EXPECT_EQ(kvtool::ParseSize("7"), 7U);
     EXPECT_EQ(kvtool::ParseSize("0x1F"), 31U);
     EXPECT_EQ(kvtool::ParseSize("1g"), 1073741824U);
-    for (const char* bad : {"", "K", "-1", "1T", "1KB", "0x", "99999999999", "0x1g7", " 1"}) {
+    for (const char* bad :
+         {"", "K", "-1", "1T", "1KB", "0x", "99999999999", "0x123456789", "0x1g7", " 1"}) {
         EXPECT_THROW((void)kvtool::ParseSize(bad), ToolError) << bad;
     }
     Layout layout = Layout::Default();
@@ -373,7 +374,7 @@ TEST(KvtoolLayout, FilesAreReadAsPeopleWriteThem) {
     kv_test::WriteFile(path, "app=1M\n# fine\napp=much\n");
     try {
         layout.ReadFile(path);
-        FAIL() << "a wrong size was taken";
+        FAIL() << "a wrong size was accepted";
     } catch (const ToolError& error) {
         EXPECT_EQ(std::string(error.what()).rfind(path + ":3: ", 0), 0U) << error.what();
     }
@@ -382,8 +383,8 @@ TEST(KvtoolLayout, FilesAreReadAsPeopleWriteThem) {
 TEST(KvtoolText, ForeignBytesCannotReachATerminal) {
     EXPECT_EQ(kvtool::Printable("a\x1B[2J\\\xFF"), "a\\x1B[2J\\x5C\\xFF");
     EXPECT_EQ(kvtool::Printable("gr\u00fcn \U0001F4F7"), "gr\u00fcn \U0001F4F7");
-    EXPECT_EQ(kvtool::Printable("\u202E"), "\\xE2\\x80\\xAE") << "direction";
-    EXPECT_EQ(kvtool::Printable("\u009B"), "\\xC2\\x9B") << "control character of 8 bits";
+    EXPECT_EQ(kvtool::Printable("\u202E"), "\\xE2\\x80\\xAE") << "text direction";
+    EXPECT_EQ(kvtool::Printable("\u009B"), "\\xC2\\x9B") << "8-bit control character";
     for (const char* wrong : {"\xC0\xAF", "\xED\xA0\x80", "\xE2\x82", "\xF4\x90\x80\x80"}) {
         EXPECT_EQ(kvtool::Printable(wrong).substr(0, 2), "\\x") << wrong;
     }
@@ -393,7 +394,7 @@ TEST(KvtoolProgress, FitsTheTerminalAndFollowsTheLink) {
     kvtool::RateMeter meter;
     uint64_t bytes = 0;
     for (int tick = 0; tick <= 200; ++tick) {
-        // 100,000 bytes a second for ten seconds, then a tenth of that.
+        // 100,000 bytes per second for ten seconds, then a tenth of that.
         bytes += tick <= 100 ? 10000 : 1000;
         meter.Add(tick * 0.1, bytes);
     }

@@ -17,40 +17,62 @@ using kvtool::ToolError;
 class Listener : public kvtool::UpgradeListener {
   public:
     void Line(const std::string& text) override {
-        if (onAcceptance && text.find("has accepted") != std::string::npos) {
-            onAcceptance();
+        if (onText && text.find(waitedFor) != std::string::npos) {
+            onText();
         }
     }
     void Progress(const kvtool::UploadProgress& progress) override {
         EXPECT_GE(progress.acknowledged, last);
         last = progress.acknowledged;
-        longestSilence = std::max(longestSilence, progress.silent);
     }
-    std::function<void()> onAcceptance;
+    std::string waitedFor;
+    std::function<void()> onText;  // called at each line that contains `waitedFor`
     uint64_t last = 0;
-    double longestSilence = 0;
 };
 
 void Command(const std::string& line) {
     EXPECT_EQ(kv_test::Run(line + " 2>&1").status, 0) << line;
 }
 
-// A PC and its neighbours on one link: they are all addresses of the PC's interface.
+// A PC and its neighbours on one link: all of them are addresses of the PC's interface.
 class Link {
   public:
     Link() {
         Command("ip link add pc0 type veth peer name wire && ip link set wire up");
-        Up();
+        Command("ip link set pc0 up");
+        for (const char* const address : {"10.7.0.2", "10.7.0.3"}) {
+            Command(std::string("ip address add ") + address + "/24 brd + dev pc0");
+        }
+        AwaitCarrier(true);
     }
     ~Link() { Command("ip link delete pc0"); }
     Link(const Link&) = delete;
     Link& operator=(const Link&) = delete;
-    static void Up() {
-        Command("ip link set pc0 up");
-        for (const char* const address : {"10.7.0.2", "10.7.0.3"}) {
-            Command(std::string("ip address replace ") + address + "/24 brd + dev pc0");
-        }
+    // The kernel updates the interface's flags some time after the link has changed.
+    static void AwaitCarrier(bool expected) {
+        EXPECT_TRUE(kv_test::WaitUntil([expected] {
+            const std::string state = kv_test::Shell("ip link show pc0");
+            return kv_test::Contains(state, "NO-CARRIER") != expected;
+        }));
     }
+};
+
+// A camera's application: its port refuses connections until it starts.
+class Application {
+  public:
+    Application() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address = kv_test::Ipv4("127.0.0.1", 0);
+        socklen_t size = sizeof address;
+        EXPECT_EQ(bind(fd_.Get(), kv_test::Generic(address), size), 0);
+        EXPECT_EQ(getsockname(fd_.Get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+        port_ = ntohs(address.sin_port);
+    }
+    uint16_t Port() const { return port_; }
+    void Start() const { EXPECT_EQ(listen(fd_.Get(), 8), 0); }
+
+  private:
+    UniqueFd fd_;
+    uint16_t port_ = 0;
 };
 
 constexpr char kMac[] = "02:00:5E:10:20:30";
@@ -66,25 +88,25 @@ std::string Observed(const kvtool::UpgradeRecord& record) {
     return all;
 }
 
-kvtool::UpgradeTimes ShortTimes() {
+// A limit that a case must not reach is long, so that a stall of the machine does not break it. A
+// case that must reach one shortens that one.
+constexpr Millis kLong{20000};
+constexpr Millis kShort{200};
+
+kvtool::UpgradeTimes TestTimes() {
     kvtool::UpgradeTimes times;
-    times.connect = Millis(2000);
-    times.reply = Millis(2000);
-    times.headerGap = Millis(200);
-    times.firstLook = Millis(300);
-    times.stall = Millis(3000);
-    times.verify = Millis(2000);
-    times.leave = Millis(1000);
-    times.back = Millis(1000);
+    times.connect = times.reply = times.stall = times.verify = kLong;
+    times.leave = times.back = times.probeReply = kLong;
+    times.headerGap = Millis(20);
+    times.firstLook = Millis(50);
     times.probeEvery = Millis(50);
-    times.probeReply = Millis(500);
     times.ask = Millis(200);
     times.search = Millis(300);
     times.searchEvery = Millis(100);
     return times;
 }
 
-// A byte pattern that repeats nowhere near a read or send size.
+// A byte pattern whose period is no read or send size.
 Bytes Pattern(size_t size) {
     Bytes bytes(size);
     for (size_t i = 0; i < size; ++i) {
@@ -93,7 +115,7 @@ Bytes Pattern(size_t size) {
     return bytes;
 }
 
-// The exit code of `work`, kDone when it ends without a fault.
+// The exit code of `work`, or of the error that it throws.
 ExitCode CodeOf(const std::function<ExitCode()>& work) {
     try {
         return work();
@@ -102,19 +124,21 @@ ExitCode CodeOf(const std::function<ExitCode()>& work) {
     }
 }
 
-// Everything from connecting to the end of following.
+// Everything from connecting to the last observation.
 struct Journey {
     std::string host = "127.0.0.1";
     bool follow = true;
-    kvtool::FollowTarget target;  // endpoint and local end come from the session
-    std::function<void()> onAcceptance;
-    kvtool::UpgradeTimes times = ShortTimes();
+    kvtool::FollowTarget target;  // the session sets endpoint and local
+    std::string waitedFor;
+    std::function<void()> onText;
+    kvtool::UpgradeTimes times = TestTimes();
     kvtool::UpgradeRecord record;
 
     ExitCode Of(const Device& device, const Bytes& package) {
         return CodeOf([&] {
             Listener listener;
-            listener.onAcceptance = onAcceptance;
+            listener.waitedFor = waitedFor;
+            listener.onText = onText;
             kvtool::UpgradeSession session(times, &listener, &record);
             session.Connect(host, device.Port());
             session.Login();
@@ -129,28 +153,37 @@ struct Journey {
 };
 
 // The exit code of everything from connecting to the verdict.
-ExitCode Upgrade(const Device& device, const Bytes& package, kvtool::UpgradeRecord* record) {
+ExitCode Upgrade(const Device& device, const Bytes& package, kvtool::UpgradeRecord* record,
+                 const kvtool::UpgradeTimes& times = TestTimes()) {
     Journey run;
     run.follow = false;
+    run.times = times;
     const ExitCode code = run.Of(device, package);
     *record = run.record;
     return code;
 }
 
-// Sizes around the device's reads and the first piece, and a prime.
+// Sizes next to those of the device's reads and of the first piece, and a prime.
 TEST(KvtoolUpgrade, SendsThePackageAndItsTrailerWhole) {
     for (const size_t size : {1U, 4095U, 4097U, 8123U, 1048573U}) {
         const Bytes package = Pattern(size);
         Device device(Script{});
         kvtool::UpgradeRecord record;
-        ASSERT_EQ(Upgrade(device, package, &record), ExitCode::kDone) << size;
+        kvtool::UpgradeTimes times = TestTimes();
+        const bool watchesChunks = size == 8123;
+        if (watchesChunks) {
+            times.headerGap = times.firstLook = Millis(2000);  // longer than the device may stall
+        }
+        ASSERT_EQ(Upgrade(device, package, &record, times), ExitCode::kDone) << size;
 
-        // In the session that the heartbeat told.
+        // It carries the session from the heartbeat.
         std::string request =
             kv_test::Frame(0x2002, static_cast<uint32_t>(size) + 37, 1, 0, 0x5A000001);
         request[2] = request[3] = 1;
         EXPECT_EQ(device.UpgradeRequest(), request);
-        EXPECT_EQ(device.Chunks(), std::vector<size_t>(4, 32)) << "each request is a chunk alone";
+        if (watchesChunks) {
+            EXPECT_EQ(device.Chunks(), std::vector<size_t>(4, 32)) << "each request comes alone";
+        }
 
         const Bytes stream = device.Stream();
         const std::string text(package.begin(), package.end());
@@ -179,20 +212,26 @@ TEST(KvtoolUpgrade, TellsFailuresOfTheTransferApart) {
         std::function<void(Script*)> arrange;
         ExitCode code;
         size_t size = 2 << 20;
+        Millis stall = kLong;
+        Millis verify = kLong;
     };
-    // More than a sending socket ever holds (4 MiB), so that a refusal comes before the end.
+    // More than a socket buffers for sending (4 MiB), so that a refusal comes before the end.
     constexpr size_t kLarge = 8 << 20;
     const Case cases[] = {
         {"reset in front of everything", [](Script* s) { s->closeAfter = 0; }, ExitCode::kLost},
         {"reset in the middle", [](Script* s) { s->closeAfter = 500000; }, ExitCode::kLost},
-        {"device stops reading", [](Script* s) { s->stopAfter = 10000; }, ExitCode::kLost},
+        {"device stops reading", [](Script* s) { s->stopAfter = 10000; }, ExitCode::kLost, 2 << 20,
+         kShort},
         {"busy at once", [](Script* s) { s->busyAfter = 1; }, ExitCode::kBusy, kLarge},
         {"busy in the middle", [](Script* s) { s->busyAfter = 900000; }, ExitCode::kBusy, kLarge},
-        {"silent", [](Script* s) { s->verdict = Verdict::kSilent; }, ExitCode::kNoVerdict},
+        {"silent", [](Script* s) { s->verdict = Verdict::kSilent; }, ExitCode::kNoVerdict, 2 << 20,
+         kLong, kShort},
         {"closes for verdict", [](Script* s) { s->verdict = Verdict::kClose; },
          ExitCode::kNoVerdict},
         {"other status", [](Script* s) { s->verdictStatus = 7; }, ExitCode::kBadReply},
-        {"busy for verdict", [](Script* s) { s->verdictStatus = 0xFFFF; }, ExitCode::kBusy},
+        // Ends at its limit, but must have read an answer before.
+        {"busy for verdict", [](Script* s) { s->verdictStatus = 0xFFFF; }, ExitCode::kBusy, 2 << 20,
+         kLong, Millis(2000)},
         {"half a verdict",
          [](Script* s) {
              s->edit = [](uint16_t command, Bytes reply) {
@@ -200,31 +239,34 @@ TEST(KvtoolUpgrade, TellsFailuresOfTheTransferApart) {
                  return reply;
              };
          },
-         ExitCode::kNoVerdict},
+         ExitCode::kNoVerdict, 2 << 20, kLong, kShort},
         {"busy for ever",
          [](Script* s) {
              s->talks = true;
              s->verdictStatus = 0xFFFF;
          },
-         ExitCode::kBusy},
+         ExitCode::kBusy, 2 << 20, kLong, Millis(2000)},
     };
     for (const Case& c : cases) {
         Script script;
         c.arrange(&script);
         Device device(script);
         kvtool::UpgradeRecord record;
-        EXPECT_EQ(Upgrade(device, Pattern(c.size), &record), c.code) << c.what;
+        kvtool::UpgradeTimes times = TestTimes();
+        times.stall = c.stall;
+        times.verify = c.verify;
+        EXPECT_EQ(Upgrade(device, Pattern(c.size), &record, times), c.code) << c.what;
         EXPECT_FALSE(record.accepted) << c.what;
-        const size_t held = device.Stream().size();
         if (c.code == ExitCode::kLost || script.busyAfter) {
-            EXPECT_LT(held, c.size) << c.what;
+            EXPECT_LT(device.Stream().size(), c.size) << c.what;
         } else {
-            EXPECT_EQ(held, c.size + 37) << c.what;
+            EXPECT_TRUE(kv_test::WaitUntil([&] { return device.Stream().size() == c.size + 37; }))
+                << c.what;
         }
     }
 }
 
-// A small package is sent whole before a busy device reads any of it; a later acceptance counts.
+// kvtool has sent all of a small package before a busy device reads it. A later acceptance counts.
 TEST(KvtoolUpgrade, BusyThenAcceptedIsAccepted) {
     Script script;
     script.edit = [](uint16_t command, Bytes reply) {
@@ -252,7 +294,7 @@ TEST(KvtoolProtocol, DistrustsReplies) {
         {4, 0x0000, 6},      // another command's reply
         {6, 0x0006, 2},      // not supported
         {7, 0x0006, 0x10},   // another status
-        {12, 0x0006, 1},     // a payload that does not belong
+        {12, 0x0006, 1},     // an unexpected payload
         {13, 0x2003, 0x02},  // more payload than there is
         {16, 0x2003, 2},     // count
         {35, 0x0101, 0},     // a zero in the serial number
@@ -266,8 +308,8 @@ TEST(KvtoolProtocol, DistrustsReplies) {
             return reply;
         };
         Device device(script);
-        kvtool::Connected connected = kvtool::ConnectAny("127.0.0.1", device.Port(), Millis(2000));
-        kvtool::ProtocolClient client(std::move(connected.fd), Millis(500));
+        kvtool::Connected connected = kvtool::ConnectAny("127.0.0.1", device.Port(), kLong);
+        kvtool::ProtocolClient client(std::move(connected.fd), kLong);
         const ExitCode code = CodeOf([&client] {
             (void)client.Login();
             (void)client.Heartbeat();
@@ -286,6 +328,16 @@ TEST(KvtoolProtocol, SilenceAndUnterminatedTexts) {
     };
     const Case cases[] = {
         {[](uint16_t, const Bytes&) { return Bytes(); }, ExitCode::kNoReply},
+        // A heartbeat's reply ahead of its request.
+        {[](uint16_t command, Bytes reply) {
+             if (command == 0) {
+                 Bytes ahead = reply;
+                 ahead[4] = 6;
+                 reply.insert(reply.end(), ahead.begin(), ahead.end());
+             }
+             return command == 6 ? Bytes() : reply;
+         },
+         ExitCode::kBadReply},
         {[](uint16_t, Bytes reply) { return Bytes(reply.begin(), reply.begin() + 31); },
          ExitCode::kNoReply},
         {[](uint16_t command, Bytes reply) {
@@ -301,7 +353,9 @@ TEST(KvtoolProtocol, SilenceAndUnterminatedTexts) {
         script.edit = c.edit;
         Device device(script);
         kvtool::UpgradeRecord record;
-        EXPECT_EQ(Upgrade(device, Pattern(100), &record), c.code);
+        kvtool::UpgradeTimes times = TestTimes();
+        times.reply = c.code == ExitCode::kNoReply ? kShort : kLong;
+        EXPECT_EQ(Upgrade(device, Pattern(100), &record, times), c.code);
         EXPECT_TRUE(device.Stream().empty());
     }
 }
@@ -309,59 +363,86 @@ TEST(KvtoolProtocol, SilenceAndUnterminatedTexts) {
 TEST(KvtoolFollow, TellsLeavingStayingAndComingBackApart) {
     struct Case {
         const char* what;
-        std::function<void(Script*)> arrange;
+        std::function<void(Journey*, Script*)> arrange;
         const char* observed;
         ExitCode code;
-        const char* version = "";
+    };
+    const Application application;
+    // The first look at the application's port is over by then.
+    const auto startsApplication = [&application](Journey* run, Script*) {
+        run->waitedFor = "the connection of the upgrade has ended";
+        run->onText = [&application] { application.Start(); };
     };
     const Case cases[] = {
-        {"stays", [](Script* s) { s->leaves = false; }, "not seen to leave", ExitCode::kNeverLeft},
-        {"leaves", [](Script*) {}, "not seen alive", ExitCode::kNotSeenAlive},
-        {"alive", [](Script* s) { s->aliveAfter = Millis(200); }, "alive: port", ExitCode::kDone},
-        {"alive, but tells no version", [](Script* s) { s->aliveAfter = Millis(200); },
-         "alive: port", ExitCode::kNotSeenAlive, "2"},
-        {"comes back", [](Script* s) { s->backAfter = Millis(200); }, "session is a new one",
+        {"stays",
+         [](Journey* run, Script* s) {
+             s->leaves = false;
+             run->times.leave = kShort;
+         },
+         "not seen to leave", ExitCode::kNeverLeft},
+        {"leaves", [](Journey* run, Script*) { run->times.back = kShort; }, "not seen alive",
+         ExitCode::kNotSeenAlive},
+        {"comes back", [](Journey*, Script* s) { s->backAfter = Millis(200); }, "session is new",
          ExitCode::kBackInRecovery},
-        // Away for less than the time between two looks: the new session gives it away.
-        {"blinks", [](Script* s) { s->backAfter = Millis(0); }, "session is a new one",
+        // Away only between two looks: the new session shows the restart.
+        {"blinks", [](Journey*, Script* s) { s->backAfter = Millis(0); }, "session is new",
          ExitCode::kBackInRecovery},
+        {"alive", startsApplication, "alive: port", ExitCode::kDone},
     };
     for (const Case& c : cases) {
         Script script;
         script.leaves = true;
-        c.arrange(&script);
-        Device device(script);
         Journey run;
-        run.target.alivePort = device.AlivePort();
-        run.target.version = c.version;
+        run.target.alivePort = application.Port();
+        c.arrange(&run, &script);
+        Device device(script);
         EXPECT_EQ(run.Of(device, Pattern(9000)), c.code) << c.what;
         EXPECT_NE(Observed(run.record).find(c.observed), std::string::npos) << c.what << ":\n"
                                                                             << Observed(run.record);
-        EXPECT_EQ(device.Stream().size(), 9037U) << "nothing is sent behind the trailer";
+        EXPECT_EQ(device.Stream().size(), 9037U) << "nothing is sent after the trailer";
     }
 }
 
-// A port that was open all the time is no sign of a new life.
+TEST(KvtoolFollow, AnOpenPortIsNotEnoughWhenAVersionIsExpected) {
+    const Application application;
+    Script script;
+    script.leaves = true;
+    Device device(script);
+    Journey run;
+    run.times.back = Millis(2000);
+    run.target.alivePort = application.Port();
+    run.target.version = "2";
+    run.waitedFor = "the connection of the upgrade has ended";
+    run.onText = [&application] { application.Start(); };
+    EXPECT_EQ(run.Of(device, Pattern(100)), ExitCode::kNotSeenAlive);
+    EXPECT_NE(Observed(run.record).find("alive: port"), std::string::npos) << Observed(run.record);
+}
+
+// A port that was open all the time does not show that the application has started.
 TEST(KvtoolFollow, AnOpenPortCountsOnlyAfterItWasClosed) {
     const Device other(Script{});
     Script script;
     script.leaves = true;
     Device device(script);
     Journey run;
+    run.times.back = kShort;
     run.target.alivePort = other.Port();
-    EXPECT_EQ(run.Of(device, Pattern(100)), ExitCode::kNotSeenAlive) << Observed(run.record);
+    EXPECT_EQ(run.Of(device, Pattern(100)), ExitCode::kNotSeenAlive);
+    EXPECT_NE(Observed(run.record).find("never seen closed"), std::string::npos)
+        << Observed(run.record);
 }
 
 TEST(KvtoolFollow, ConcludesNothingFromThisPcsOwnTrouble) {
     struct Case {
         const char* arrange;
         const char* observed;
+        bool losesCarrier = false;
     };
     const Case cases[] = {
-        {"ip address flush dev pc0", "this PC cannot look: it has no way"},
+        {"ip address flush dev pc0", "this PC cannot look: it cannot reach"},
         {"ip link set pc0 down", "pc0 is down"},
-        {"ip link set wire down", "pc0 has no link"},
-        // A neighbour that refuses in the device's name; the address that led there is gone.
+        {"ip link set wire down", "pc0 has no link", true},
+        // Another host refuses in place of the device, and the PC has lost its address.
         {"ip address delete 10.7.0.2/24 dev pc0; ip route add local 10.7.0.2 dev lo",
          "no longer has the address"},
     };
@@ -372,8 +453,12 @@ TEST(KvtoolFollow, ConcludesNothingFromThisPcsOwnTrouble) {
         Device device(script, 0, "10.7.0.2");
         Journey run;
         run.host = "10.7.0.2";
-        run.times.leave = run.times.back = Millis(500);
-        run.onAcceptance = [&c] { Command(c.arrange); };
+        run.times.leave = run.times.back = kShort;
+        run.waitedFor = "has accepted";
+        run.onText = [&c] {
+            Command(c.arrange);
+            Link::AwaitCarrier(!c.losesCarrier);
+        };
         EXPECT_EQ(run.Of(device, Pattern(100)), ExitCode::kNeverLeft) << c.arrange;
         EXPECT_NE(Observed(run.record).find(c.observed), std::string::npos) << c.arrange << ":\n"
                                                                             << Observed(run.record);
@@ -388,17 +473,17 @@ TEST(KvtoolFollow, FindsItUnderAnotherAddress) {
     Device before(script, 0, "10.7.0.2");
     Journey run;
     run.host = "10.7.0.2";
-    run.times.ask = Millis(2000);
+    run.times.ask = kLong;
     run.target.discoveryPort = responder.Port();
     run.target.mac = kMac;
-    // The port is the one that its reply tells.
+    // The discovery reply names this port.
     Device after(Script{}, 80, "10.7.0.3");
     EXPECT_EQ(run.Of(before, Pattern(100)), ExitCode::kBackInRecovery) << Observed(run.record);
     EXPECT_EQ(run.record.address, "10.7.0.3:80");
     EXPECT_NE(Observed(run.record).find("firmware is PRT7K"), std::string::npos);
 }
 
-// Somebody else has got the address meanwhile.
+// Another device has taken the address in the meantime.
 TEST(KvtoolFollow, AnotherDeviceAtTheAddressIsNotTheDevice) {
     const Link link;
     const fake::Responder responder("10.7.0.2", 0, SearchReply("10.7.0.2", "02:00:5E:10:20:31"));
@@ -408,9 +493,10 @@ TEST(KvtoolFollow, AnotherDeviceAtTheAddressIsNotTheDevice) {
     Device device(script, 0, "10.7.0.2");
     Journey run;
     run.host = "10.7.0.2";
-    run.times.ask = Millis(2000);
+    run.times.ask = kLong;
     run.target.discoveryPort = responder.Port();
     run.target.mac = kMac;
+    run.times.back = Millis(2000);
     EXPECT_EQ(run.Of(device, Pattern(100)), ExitCode::kNotSeenAlive) << Observed(run.record);
     EXPECT_NE(Observed(run.record).find("another device answers"), std::string::npos);
 }
@@ -420,7 +506,7 @@ TEST(KvtoolFollow, ATalkingDeviceNeitherHoldsItUpNorFillsTheRecord) {
     script.talks = true;
     Device device(script);
     Journey run;
-    run.times.leave = run.times.back = Millis(500);
+    run.times.leave = run.times.back = run.times.probeReply = Millis(300);
     const auto start = kvtool::Clock::now();
     EXPECT_EQ(run.Of(device, Pattern(100)), ExitCode::kNeverLeft) << Observed(run.record);
     EXPECT_LT(kvtool::SecondsSince(start), 20);
@@ -431,7 +517,7 @@ TEST(KvtoolConnect, NobodyThere) {
     uint16_t port = 0;
     { port = Device(Script{}).Port(); }
     EXPECT_EQ(CodeOf([port] {
-                  (void)kvtool::ConnectAny("127.0.0.1", port, Millis(2000));
+                  (void)kvtool::ConnectAny("127.0.0.1", port, kLong);
                   return ExitCode::kDone;
               }),
               ExitCode::kUnreachable);

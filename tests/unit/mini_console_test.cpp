@@ -16,7 +16,7 @@ namespace {
 constexpr char kCommandPipe[] = "/tmp/bin/cmd_link_snd";
 constexpr char kReplyPipe[] = "/tmp/bin/cmd_link_ack";
 
-// What "/sbin/command_link" does when it runs under a command's name.
+// Does what "/sbin/command_link" does when it runs under a command's name.
 class Client {
   public:
     Client() : command_(open(kCommandPipe, O_WRONLY)), reply_(open(kReplyPipe, O_RDWR)) {}
@@ -55,7 +55,7 @@ class Client {
 
 }  // namespace
 
-// One process, one console: the missing pipe and the dialogue each need a life of their own.
+// A process has one console, so the missing pipe and the dialogue each need their own process.
 TEST(MiniConsoleDeathTest, MissingPipeIsReportedOnceAndNotRetried) {
     EXPECT_EXIT(
         {
@@ -76,8 +76,7 @@ TEST(MiniConsoleDeathTest, MissingPipeIsReportedOnceAndNotRetried) {
         testing::ExitedWithCode(0), "");
 }
 
-// After a reboot request nothing of the watchdog's keeper may run any more, a second request
-// included.
+// After a reboot request nothing of the watchdog keeper may run, not even a second request.
 TEST(KeeperDeathTest, RebootRequestWithoutAFeederHoldsTheLock) {
     EXPECT_EXIT(
         {
@@ -126,14 +125,13 @@ TEST(MiniConsole, Dialogue) {
     EXPECT_NE(err.Text().find("KV_FH_WDT_Start:119 "), std::string::npos);
     EXPECT_EQ(client.Say("kv-watdog", {"Reboot"}), "reply:\nWatdog Reboot Success\n");
 
-    // Counts that the vector does not hold and arguments without an end are not handed to a
-    // command.
+    // A count that the vector cannot hold, or arguments without an end, run no command.
     EXPECT_EQ(client.Raw(9, "kv-watdog", std::string("Stop\0", 5)), "reply:\n");
     EXPECT_EQ(client.Raw(-1, "kv-watdog", std::string("Stop\0", 5)), "reply:\n");
     EXPECT_EQ(client.Raw(1, "kv-watdog", std::string(1024, 'x')), "reply:\n");
     const std::vector<std::string> eight = {"Stop", "", "", "", "", "", "", ""};
     EXPECT_EQ(client.Say("kv-watdog", eight), "reply:\nWatdog Stop Success\n");
-    // What was not sent counts as zero.
+    // Bytes that were not sent count as zero.
     EXPECT_EQ(client.Raw(1, "kv-watdog", "Stop"), "reply:\nWatdog Stop Success\n");
     EXPECT_EQ(client.Raw(1, std::string(64, 'n'), std::string("Stop\0", 5)),
               "reply:\nWatdog Stop Success\n");

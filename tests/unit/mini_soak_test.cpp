@@ -1,4 +1,4 @@
-// The mini services as a device uses them that falls into recovery again and again.
+// The mini services on a device that enters recovery again and again.
 #include "mini/kv_mini_service.h"
 #include "tests/support/capture.h"
 #include "tests/support/discovery_client.h"
@@ -10,15 +10,15 @@ using namespace kv_test;
 
 namespace {
 
-// One life of the services, with a search and a connection that is open when they stop. Whether
-// both were served.
+// Starts and stops the services once, with a search and a connection open at the stop. Returns
+// whether both were served.
 bool Live() {
     (void)KV_MINI_ServiceStart();
     const DiscoveryClient searcher;
     searcher.Send(Search(13));
     const bool found = searcher.Receive().size() == 544;
     const TcpClient client(80);
-    // Comes while the services stop.
+    // Arrives while the services stop.
     searcher.Send(Search(13));
     (void)KV_MINI_ServiceStop();
     return found && client.Connected();
@@ -34,7 +34,7 @@ TEST(MiniSoak, AThousandStartsAndStopsLeaveNothing) {
     long kib = 0;
     {
         const Capture trace(STDERR_FILENO);
-        // The first lives fill the allocator's and the thread library's stores.
+        // The first rounds fill the caches of the allocator and the thread library.
         for (int life = -50; life < 1000; ++life) {
             if (life == 0) {
                 descriptors = Descriptors();
@@ -51,6 +51,6 @@ TEST(MiniSoak, AThousandStartsAndStopsLeaveNothing) {
     EXPECT_EQ(descriptors, 0);
     // A joined thread may be listed a moment longer.
     EXPECT_TRUE(WaitUntil([&] { return Threads() <= threads; }));
-    // Less than 128 bytes a life.
+    // Less than 128 bytes a round.
     EXPECT_LT(kib, 128);
 }

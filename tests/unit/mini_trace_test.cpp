@@ -68,12 +68,12 @@ TEST(MiniTrace, MacrosNameFunctionAndGivenLine) {
     KV_ERROR_IN("elsewhere", "b");
     EXPECT_TRUE(InOrder(err.Text(), {"/module:TestBody:204 \033[ma\n", "/module:elsewhere:"}));
     KV_INFO("text\n");
-    EXPECT_TRUE(Contains(err.Text(), "\033[mtext\n\n")) << "a line end of the message's is kept";
+    EXPECT_TRUE(Contains(err.Text(), "\033[mtext\n\n")) << "a newline in the message is kept";
 }
 
 TEST(MiniTrace, LongLineIsCutAt510Characters) {
-    // Text length with the header, and what stands behind at most 510 characters of it. The end of
-    // the slot is forced whatever the text, so a line of 509 characters ends twice.
+    // Text length with the header, and what follows at most 510 characters of it. The slot's end is
+    // always set, so a line of 509 characters ends twice.
     const struct {
         size_t length;
         const char* end;
@@ -116,7 +116,7 @@ TEST(MiniTrace, SequenceRunsTo99AndWrapsWithoutGapAcrossThreads) {
 }
 
 TEST(MiniTrace, KeepsErrno) {
-    // Every write to it fails, with an errno of its own.
+    // Every write to it fails and sets errno.
     const UniqueFd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     const UniqueFd saved(dup(2));
     ASSERT_TRUE(full && saved);

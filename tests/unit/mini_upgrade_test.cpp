@@ -1,6 +1,6 @@
-// The upgrade receiver, fed arrival by arrival: what it stores, when it accepts, how it fails. The
-// event loop's functions are replaced, so that each arrival is exactly the bytes that a case names
-// and each answer is seen at its place in the order of events.
+// The upgrade receiver, fed chunk by chunk: what it stores, when it accepts, how it fails. The
+// event loop's functions are replaced, so each arrival has exactly the bytes of the case, and each
+// reply is seen at its place in the order of events.
 #include "mini/kv_mini_upgrade.h"
 
 #include <sys/stat.h>
@@ -22,7 +22,7 @@ constexpr uint32_t kSessionId = 0x42000001;
 constexpr uint32_t kLarge = 0x600000;
 constexpr char kHandOver[] = "killall -SIGUSR2 upgradeMain\n";
 
-// A package of `size` bytes; only its header matters to the receiver.
+// A package of `size` bytes. The receiver looks only at its header.
 std::string Package(size_t size, const PackageOptions& header = {"PRT7K", "38QX", 1, 1}) {
     return BuildPackage({}, header) + Noise(size - 24, 5);
 }
@@ -62,7 +62,7 @@ class MiniUpgrade : public testing::Test {
         return KV_KorvanUpgradeStart(io_.Io(), static_cast<uint32_t>(fileLength), Raw(first),
                                      static_cast<int>(first.size()));
     }
-    // In a buffer that ends with the chunk, so that a sanitizer sees any read beyond it.
+    // The buffer ends with the chunk, so a sanitizer sees any read beyond it.
     void Arrive(const std::string& chunk) {
         const std::unique_ptr<char[]> exact(new char[chunk.size()]);
         memcpy(exact.get(), chunk.data(), chunk.size());
@@ -93,7 +93,7 @@ class MiniUpgrade : public testing::Test {
     }
 
     Connection io_;
-    // Whether a message that begins with `text` has been traced.
+    // Whether a message that begins with `text` was logged.
     bool Traced(const std::string& text) const { return Contains(log_.Text(), "\033[m" + text); }
 
     Capture log_;
@@ -111,7 +111,7 @@ TEST_F(MiniUpgrade, StartPreparesStorageAndTakesTheConnectionOver) {
     EXPECT_TRUE(Contains(log_.Text(), "  INFO kv_mini_upgrade:KV_KorvanUpgradeStart:"));
     EXPECT_TRUE(Traced("datalen:5,filelength=1000\n"));
     EXPECT_TRUE(Traced("KorvanUpgradeStart\n"));
-    // Without a place for the package there is no transfer.
+    // No transfer if the package cannot be created.
     Clean();
     io_.onRead = nullptr;
     ASSERT_EQ(mkdir(kv::kPackagePath, 0755), 0);
@@ -142,7 +142,8 @@ TEST_F(MiniUpgrade, AcceptsWhereverTheStreamIsCut) {
         ASSERT_FALSE(HasFailure()) << "chunks of " << size;
     }
     EXPECT_FALSE(Contains(log_.Text(), "ERROR"));
-    EXPECT_FALSE(Contains(log_.Text(), "left_len=0")) << "an end on a chunk's edge is no crossing";
+    EXPECT_FALSE(Contains(log_.Text(), "left_len=0"))
+        << "a package that ends with its chunk does not cross";
     EXPECT_TRUE(Contains(output_.Text(), "# killall -SIGUSR2 upgradeMain\r\n"));
     EXPECT_EQ(io_.timeouts.back(), 0);
 }
@@ -170,7 +171,7 @@ TEST_F(MiniUpgrade, TracesAnArrival) {
     }
 }
 
-TEST_F(MiniUpgrade, KeepsAtMostThirtyNineTrailerBytesAndNoPartOfAPieceThatIsTooLong) {
+TEST_F(MiniUpgrade, KeepsAtMostThirtyNineTrailerBytesAndDropsLongPieces) {
     const std::string package = Package(2000);
     const std::string trailer = Trailer(package);
     const struct {
@@ -209,10 +210,10 @@ TEST_F(MiniUpgrade, EveryFailureRebootsWithoutAReply) {
     const std::string type = "Device type or DeviceManufacturers error\n";
     const struct {
         std::string package;
-        std::string trailer;  // the right one when empty
+        std::string trailer;  // empty: the right one
         std::string message;
         std::string then;
-        // Where writing must fail: the package on a full device, the trailer on a directory.
+        // Where writing must fail: /dev/full as the package, a directory as the trailer.
         const char* obstacle = nullptr;
         bool deletesPackage = false;
     } rows[] = {
@@ -248,7 +249,7 @@ TEST_F(MiniUpgrade, EveryFailureRebootsWithoutAReply) {
         EXPECT_TRUE(io_.replies.empty());
         EXPECT_EQ(access(kv::kPackagePath, F_OK) != 0, row.deletesPackage) << row.message;
         Arrive("more");
-        EXPECT_EQ(ReadFile(kCommandLog), "reboot \n") << "the failed transfer is forgotten";
+        EXPECT_EQ(ReadFile(kCommandLog), "reboot \n") << "the failed transfer is still open";
     }
     EXPECT_TRUE(
         Traced("ic type is PRT7KX,sensor man is 38QX "
@@ -271,7 +272,7 @@ TEST_F(MiniUpgrade, ChecksReportWhatTheyCannotRead) {
     WriteFile(kv::kPackagePath, "no header");
     EXPECT_EQ(__KV_CheckUpgradeFileHeader(), -1);
     EXPECT_NE(access(kv::kPackagePath, F_OK), 0);
-    // Only the first 128 bytes are searched, and a digest may reach beyond them by nothing.
+    // Only the first 128 bytes are searched, and the digest must end within them.
     WriteFile(kv::kPackagePath, "x");
     WriteFile(kv::kMd5Path, std::string(92, '-') + Trailer("x"));
     EXPECT_EQ(__KV_CheckUpgradeFileMd5(), 0);
@@ -279,7 +280,7 @@ TEST_F(MiniUpgrade, ChecksReportWhatTheyCannotRead) {
     EXPECT_EQ(__KV_CheckUpgradeFileMd5(), -1);
 }
 
-TEST_F(MiniUpgrade, FirstBytesAreStoredWithoutMeasure) {
+TEST_F(MiniUpgrade, FirstBytesAreStoredWhateverTheAnnouncedSize) {
     const std::string package = Package(1000);
     ASSERT_EQ(Start(package, 500), 0);
     Arrive("MD5:");
@@ -316,7 +317,7 @@ TEST_F(MiniUpgrade, AfterAcceptanceEveryUnfinishedReadIsRefusedUntilTheNextIsCom
     Arrive(Trailer(package));
     ExpectAccepted(package, 2);
 
-    // A failure takes the acceptance back.
+    // A failure revokes the acceptance.
     io_.replies.clear();
     ASSERT_EQ(Start(package, package.size()), 0);
     Arrive(std::string(37, '?'));

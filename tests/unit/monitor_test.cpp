@@ -12,7 +12,8 @@ MonitoredProcess FreshRecord(uint32_t start) {
     return {"cameraMain", start, 5, 120, 1, 1, 0, start};
 }
 
-// One boot of a board: a record, the marker that survives it, and the ticks of the check timer.
+// One boot of a board: a record, the marker that survives the boot, and the ticks of the check
+// timer.
 class Boot {
   public:
     Boot(uint32_t start, bool* marker) : process_(FreshRecord(start)), marker_(marker) {}
@@ -71,7 +72,7 @@ std::vector<Step> StepsOfSilence(Boot* boot, uint32_t start, uint32_t seconds) {
 
 }  // namespace
 
-// The start time runs over the 32-bit wrap too: all differences are unsigned.
+// The start time also crosses the 32-bit wrap: all differences are unsigned.
 class Ladder : public testing::TestWithParam<uint32_t> {};
 
 TEST_P(Ladder, PermanentSilenceRestartsRebootsThenRecovers) {
@@ -107,10 +108,14 @@ TEST(Monitor, FiveSecondsAreNotSilenceAndSixAre) {
     const MonitorDecision second = boot.Tick(109);
     EXPECT_TRUE(second.logOffline);
     EXPECT_FALSE(second.startButton);
-    // 120 s exactly is not beyond the time-out.
+    // Exactly 120 s is not beyond the time-out.
     EXPECT_EQ(boot.Tick(220).step, MonitorStep::kNone);
     EXPECT_EQ(boot.Tick(221).step, MonitorStep::kRestart);
     EXPECT_EQ(boot.Record().last_seen, 221U - 60U);
+    // Quiet time is no silence.
+    boot.quiet = true;
+    (void)boot.Tick(300);
+    EXPECT_EQ(boot.Record().last_seen, 300U);
 }
 
 TEST(Monitor, ButtonIsHandedBackWithTheSecondHeartbeatInARow) {
@@ -133,7 +138,7 @@ TEST(Monitor, OnlineIsLoggedInOneSecondOutOfFour) {
     }
 }
 
-TEST(Monitor, ReadyFlagClearsTheHoldAndOnlyItDoes) {
+TEST(Monitor, OnlyTheReadyFlagClearsTheHold) {
     bool marker = false;
     Boot boot(100, &marker);
     boot.Hold();
@@ -146,8 +151,8 @@ TEST(Monitor, ReadyFlagClearsTheHoldAndOnlyItDoes) {
     EXPECT_EQ(boot.Tick(1000).step, MonitorStep::kRestart);
 }
 
-// The program's own record and clock: silence begins beyond five seconds, and two starts of the
-// button leave one thread.
+// With the program's own record and clock: silence starts after more than five seconds, and two
+// starts of the button leave one thread.
 TEST(Monitor, TheTimerFindsSilenceInTheSixthSecond) {
     kv_test::RequireSandbox();
     const kv_test::Capture out(1);
@@ -164,8 +169,8 @@ TEST(Monitor, TheTimerFindsSilenceInTheSixthSecond) {
     EXPECT_EQ(kv_test::CountOf(out.Text(), "thread Start is OK"), 1U);
 }
 
-// Nothing behind what was received is looked at, however little that was: it ends with its page,
-// and the next one cannot be read.
+// No byte after the received ones is read, however few they are: they end at a page border, and the
+// next page is unreadable.
 TEST(Heartbeat, EndsWithItsDatagram) {
     kv_test::RequireSandbox();
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));

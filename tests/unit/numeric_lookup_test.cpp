@@ -1,5 +1,4 @@
-// The static program's address look-up takes the C library's place in this test, as it does in that
-// program.
+// Here the static program's address look-up replaces the C library's, as it does in that program.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netdb.h>

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <csignal>
 
+#include "common/kv_time.h"
 #include "tests/support/common.h"
 
 namespace {
@@ -52,24 +53,37 @@ constexpr SignalRoute kRoutes[] = {
 
 }  // namespace
 
+TEST(SignalsDeathTest, AFullPipeHoldsNobodyUp) {
+    EXPECT_EXIT(
+        {
+            (void)KV_SIGNAL_Install(kRoutes, 2);
+            errno = EXDEV;
+            for (int i = 0; i < 70000; ++i) {
+                (void)raise(SIGUSR2);
+            }
+            _exit(errno == EXDEV ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 TEST(Signals, ProceduresRunOutsideSignalContextAndSideBySide) {
     (void)sem_init(&g_entered, 0, 0);
     (void)sem_init(&g_release, 0, 0);
     ASSERT_EQ(KV_SIGNAL_Install(kRoutes, 2), 0);
 
-    // What arrives early waits, on no thread yet.
+    // Early arrivals wait; no thread exists yet.
     (void)raise(SIGUSR2);
     const std::filesystem::directory_iterator threads("/proc/self/task");
     EXPECT_EQ(std::distance(begin(threads), end(threads)), 1);
     KV_SIGNAL_Serve();
-    // A run in progress, and four more arrivals: one is kept.
+    // A run in progress and four more arrivals: one is kept.
     ASSERT_TRUE(Entered());
     EXPECT_EQ(g_signalSeen, SIGUSR2);
     for (int i = 0; i < 4; ++i) {
         (void)raise(SIGUSR2);
     }
-    // Another route's runs come through meanwhile, each on its own; the pipe keeps the order, so
-    // the four arrivals above have been taken in when this one runs.
+    // The other route's runs are not held up, and each gets its own thread. The pipe keeps the
+    // order, so the four arrivals above have been read when this one runs.
     (void)raise(SIGTERM);
     ASSERT_TRUE(Entered());
     (void)raise(SIGTERM);
@@ -84,10 +98,26 @@ TEST(Signals, ProceduresRunOutsideSignalContextAndSideBySide) {
     ASSERT_TRUE(Entered());
     EXPECT_EQ(g_mostTogether, 1);
 
-    // Idle again, so that an arrival starts a new run; nothing else was pending.
+    // Idle again: an arrival starts a new run. Nothing else was pending.
     ASSERT_TRUE(kv_test::WaitUntil([] { return g_serialTogether == 0; }));
     (void)raise(SIGUSR2);
     ASSERT_TRUE(Entered());
     EXPECT_EQ(g_serialRuns, 3);
     (void)sem_post(&g_release);
+}
+
+TEST(Sleep, IsNotCutShortBySignals) {
+    (void)signal(SIGUSR1, [](int) {});
+    std::atomic<bool> awake{false};
+    const auto begin = kv_test::Clock::now();
+    std::thread sleeper([&] {
+        kv::SleepMilliseconds(200);
+        awake = true;
+    });
+    while (!awake) {
+        (void)pthread_kill(sleeper.native_handle(), SIGUSR1);
+        std::this_thread::sleep_for(kv_test::milliseconds(5));
+    }
+    sleeper.join();
+    EXPECT_GE(kv_test::SecondsSince(begin), 0.2);
 }

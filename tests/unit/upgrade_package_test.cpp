@@ -38,7 +38,7 @@ TEST(UpgradePackage, AcceptsThisDevicesPackagesOnly) {
     }
 }
 
-TEST(UpgradePackage, ShortHeaderTellsItsLength) {
+TEST(UpgradePackage, ShortHeaderReturnsItsLength) {
     FILE* file = FileOf(Header("PRT7K", "38QX", 1, 1).substr(0, 23));
     UpgradeFileHeader header;
     EXPECT_EQ(KV_PACKAGE_ReadHeader(file, &header), 23U);
@@ -58,8 +58,8 @@ TEST(UpgradePackage, EntryFieldsAndMissingBytes) {
     EXPECT_EQ(read.dataLen, 0x84030201U);
     EXPECT_EQ(read.dataOffset, 0x08070605U);
     EXPECT_EQ(read.checkCode, kv::kEntryCheckCode);
-    // Cut in the middle of the offset: what is missing reads as zero, and a name without a NUL
-    // ends.
+    // Truncated in the middle of the offset: missing bytes read as zero, and a name without a NUL
+    // is terminated.
     KV_PACKAGE_ReadEntry(file, 1, &read);
     EXPECT_EQ(std::string(read.fileName), std::string(128, 'n'));
     EXPECT_EQ(read.dataOffset, 0x0605U);

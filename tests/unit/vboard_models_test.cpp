@@ -24,7 +24,7 @@ TEST(NorFlash, ClearsBitsOnProgramAndSetsThemOnErase) {
     EXPECT_EQ(flash.Program(kBlock - 1, "\x0F\xF0", 2).result, 2);
     const ProgramResult again = flash.Program(kBlock - 2, "\xFF\x3C\x3C", 3);
     EXPECT_EQ(again.result, 3);
-    EXPECT_EQ(again.bitsKept, 4U);  // 0x30 of the first and 0x0C of the second byte
+    EXPECT_EQ(again.bitsKept, 4U);  // 0x30 in the first byte and 0x0C in the second
     EXPECT_EQ(again.firstKept, static_cast<uint64_t>(kBlock - 1));
     EXPECT_EQ(ReadFile(file).substr(kBlock - 2, 4), "\xFF\x0C\x30\xFF");
 
@@ -66,7 +66,7 @@ TEST(NorFlash, TakesTheChipsTimeAndCanBeCutShort) {
         busy += step;
         return ++steps < 3;
     };
-    // 100 … 899 touches pages 0 … 3; the power fails in page 2.
+    // 100 … 899 covers pages 0 … 3. The power fails in page 2.
     EXPECT_EQ(flash.Program(100, std::string(800, 'x').data(), 800, powerFailsAtStep3).result,
               -ENODEV);
     EXPECT_EQ(busy, 3 * kNorPageProgram);
@@ -111,7 +111,7 @@ TEST_F(WatchdogTimerTest, StarvesUnlessFed) {
     EXPECT_DOUBLE_EQ(timer_.Status(At(40.5)).largestGapSeconds, 10);
     EXPECT_FALSE(timer_.Starved(At(59.999)));
 
-    // Too late for every rescue, even if nobody has looked at the time since.
+    // Too late for any rescue, even though nobody has asked for the time since.
     timer_.KeepAlive(At(60));
     (void)timer_.SetTimeout(100, At(60));
     (void)timer_.SetOptions(WDIOS_DISABLECARD, At(60));
@@ -128,10 +128,10 @@ TEST_F(WatchdogTimerTest, DisarmsOnlyWhenAsked) {
     EXPECT_EQ(timer_.SetOptions(0, At(0)), -EINVAL);
     EXPECT_EQ(timer_.Open(At(0)), 0);
     timer_.Write("V", 1, At(1));
-    timer_.Write("x", 1, At(1));  // takes the earlier promise back
+    timer_.Write("x", 1, At(1));  // revokes the earlier permission
     timer_.Release(At(2));
     EXPECT_EQ(timer_.Deadline(), At(62));
-    EXPECT_EQ(timer_.Open(At(3)), 0);  // no feed: it was running
+    EXPECT_EQ(timer_.Open(At(3)), 0);  // does not feed a running timer
     EXPECT_EQ(timer_.Deadline(), At(62));
     timer_.Write("xVx", 3, At(4));
     timer_.Release(At(5));
@@ -140,13 +140,13 @@ TEST_F(WatchdogTimerTest, DisarmsOnlyWhenAsked) {
     EXPECT_EQ(timer_.Open(At(10)), 0);
     EXPECT_EQ(timer_.SetOptions(WDIOS_DISABLECARD, At(11)), 0);
     EXPECT_FALSE(timer_.Deadline().has_value());
-    timer_.KeepAlive(At(12));  // of no effect while disarmed
+    timer_.KeepAlive(At(12));  // no effect while disarmed
     EXPECT_FALSE(timer_.Starved(At(1000)));
     EXPECT_EQ(timer_.SetOptions(WDIOS_ENABLECARD, At(1000)), 0);
     EXPECT_EQ(timer_.Deadline(), At(1060));
 }
 
-TEST(FaultsTest, CountEachForItself) {
+TEST(FaultsTest, CountSeparately) {
     Faults faults;
     faults.Add({"mtd3", "write", EIO, 0, 2, 1});
     faults.Add({"mtd3", "write", 0, 100, 1, 2});

@@ -1,4 +1,4 @@
-// The configuration file: its bytes, and how the two writers report.
+// The configuration file: its bytes, and the log lines of the two writers.
 #include "wifi/kv_wifi_conf.h"
 
 #include "tests/support/capture.h"
@@ -16,7 +16,7 @@ TEST(WifiConf, ServiceNetworkHasElevenLinesAndStartsTheStation) {
     EXPECT_EQ(ReadFile("/tmp/wpa_supplicant.conf"), kServiceNetwork);
     EXPECT_TRUE(InOrder(log.Text(), {" DEBUG upgrade_main:__KV_WIFI_StaSupplicant:",
                                      "\033[mneed passwd!! default WPA-PSK\n\n"}));
-    // It also starts without a file.
+    // The station also starts without the file.
     std::filesystem::remove("/tmp/wpa_supplicant.conf");
     std::filesystem::create_directory("/tmp/wpa_supplicant.conf");
     EXPECT_EQ(__KV_WIFI_StaSupplicant(), 0);
@@ -45,7 +45,7 @@ TEST(WifiConf, DebugWriter) {
 }
 
 TEST(WifiConf, DebugWriterWithoutADirectory) {
-    // 44 characters are the most that leave room for "/wpa_supplicant.conf" in 63.
+    // At most 44 characters leave room for "/wpa_supplicant.conf" in 63.
     const std::string longest = "/tmp/" + std::string(38, 'd');
     const std::string tooLong = longest + "d";
     std::filesystem::create_directory(longest);

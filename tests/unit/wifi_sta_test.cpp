@@ -79,7 +79,7 @@ TEST_F(Station, ServiceNetwork) {
     supplicant.SetScript(InState("COMPLETED"));
     const auto completed = Clock::now();
     EXPECT_TRUE(WaitUntil([] { return KV_WIFI_StaGetState() == 3; }));
-    // No default route, so the fixed target; nobody there answers.
+    // Without a default route the target is the fixed one, where nobody answers.
     EXPECT_TRUE(WaitUntil(
         [&] { return Contains(trace.Text(), "NetWork ping failed cnt:1 172.20.18.1\n"); }));
     EXPECT_GT(SecondsSince(completed), 5);
@@ -95,7 +95,7 @@ TEST_F(Station, ServiceNetwork) {
               "# /root/wifi_connect.sh sta /tmp/wpa_supplicant.conf\r\n");
 }
 
-// No lease: a soft reset. The address given by hand meanwhile is what the next sequence sets.
+// No lease: a soft reset. The next sequence then sets the static address given meanwhile.
 TEST_F(Station, NoAddressThenAStaticOne) {
     ScriptedSupplicant supplicant(InState("COMPLETED"));
     const KV_WIFI_STA_PARAM param = Param(nullptr);
@@ -105,7 +105,7 @@ TEST_F(Station, NoAddressThenAStaticOne) {
     EXPECT_EQ(KV_WIFI_StaSetStaticIP("172.20.18.99"), 0);
     EXPECT_TRUE(WaitUntil([] { return KV_WIFI_StaGetState() == 3; }));
     EXPECT_EQ(KV_WIFI_StaStop(), 0);
-    // Whatever the work directory.
+    // The run path is "/tmp", whatever the work directory.
     EXPECT_TRUE(
         InOrder(trace.Text(), {"gpWorkPath:/tmp\n", " ERROR kv_wifi_sta:__KV_WIFI_STA_HandleProc:",
                                "No correct IP!!!!,SoftReset\n", "into wifi guard\n"}));
@@ -115,7 +115,7 @@ TEST_F(Station, NoAddressThenAStaticOne) {
     (void)Shell("ip addr show dev wlan0 | grep -q 'inet 172.20.18.99/24'");
 }
 
-// The lease that comes after it does not replace it.
+// A lease that arrives afterwards does not replace it.
 TEST_F(Station, StaticAddressGivenWhileALeaseIsAwaited) {
     Udhcpc(
         ": >/tmp/asked; until [ -e /tmp/given ]; do sleep 0.1; done; "
@@ -131,8 +131,8 @@ TEST_F(Station, StaticAddressGivenWhileALeaseIsAwaited) {
     (void)Shell("ip addr show dev wlan0 | grep -q 'inet 172.20.18.99/24'");
 }
 
-// A MAC that cannot be read is not a missing one. What cannot be sent is said once, and each time
-// counted as missed.
+// A MAC that cannot be read does not count as missing. A ping that cannot be sent is reported once
+// and counted as missed each time.
 TEST_F(Station, GuardsAnInterfaceThatIsGone) {
     (void)Shell("ip link set wlan0 down && ip link set wlan0 name gone");
     ScriptedSupplicant supplicant(InState("COMPLETED"));
@@ -149,7 +149,7 @@ TEST_F(Station, GuardsAnInterfaceThatIsGone) {
         said = echo.Text();
     }
 #ifdef KV_HV_SYSTEM
-    // An installed libhv's ping does not tell this from a reply that did not come.
+    // An installed libhv's ping does not distinguish this from a missing reply.
     constexpr size_t kSaid = 0;
 #else
     constexpr size_t kSaid = 1;
@@ -169,7 +169,7 @@ TEST_F(Station, StopsWithinASecondAndTouchesNothingAfterwards) {
         std::function<bool()> reached;
         std::function<bool()> stopped;
     } cases[] = {
-        // In the sleep in front of the commands: none is begun.
+        // During the sleep before the commands: none is started.
         {"connecting", "SCANNING",
          [] {
              std::this_thread::sleep_for(milliseconds(100));
@@ -178,7 +178,7 @@ TEST_F(Station, StopsWithinASecondAndTouchesNothingAfterwards) {
          [] { return Commands().empty(); }},
         {"associating", "SCANNING", [&] { return supplicant.Count("STATUS") > 0; },
          [&] { return !logged("udhcpc -i"); }},
-        // The command in flight is waited for.
+        // The stop waits for the current command.
         {"addressing", "COMPLETED", [&] { return logged("udhcpc -i"); },
          [] { return std::filesystem::exists("/tmp/leased"); }},
     };
@@ -199,13 +199,12 @@ TEST_F(Station, StopsWithinASecondAndTouchesNothingAfterwards) {
     }
 }
 
-// Each thread that was started is joined once: by the start that replaces it, or by one of the
-// stops.
+// Each started thread is joined once, by the start that replaces it or by one of the stops.
 TEST_F(Station, StartsAndStopsFromTwoThreadsTakeTurns) {
     const KV_WIFI_STA_PARAM param = Param(nullptr);
     const Capture trace(2);
     EXPECT_EQ(KV_WIFI_StaConnect(&param), 0);
-    std::this_thread::sleep_for(milliseconds(100));  // in the middle of its sleep
+    std::this_thread::sleep_for(milliseconds(100));  // during its sleep
     std::thread start([&param] { EXPECT_EQ(KV_WIFI_StaConnect(&param), 0); });
     EXPECT_EQ(KV_WIFI_StaConnect(&param), 0);
     start.join();
@@ -229,7 +228,13 @@ TEST_F(Station, DebugCommand) {
         EXPECT_STREQ(reply, "");
     };
     const Capture trace(2);
+    KV_WIFI_STA_PARAM param = Param(nullptr);
+    param.pcWorkPath = "/tmp";
+    EXPECT_EQ(KV_WIFI_StaConnect(&param), 0);
     command({});
+    // Any use moves the connect sequence that follows.
+    EXPECT_TRUE(WaitUntil(
+        [] { return Contains(Commands(), "wifi_connect.sh sta /param/wpa_supplicant.conf\n"); }));
     command({"CMD"});
     command({"Unknown", "PING"});
     command({"CMD", "SAVE_CONFIG"});
@@ -239,13 +244,12 @@ TEST_F(Station, DebugCommand) {
     command({"RECV", "again"});
     command({"CONNECT", "net", "passphrase"});
     EXPECT_EQ(KV_WIFI_StaGetState(), 0);
-    EXPECT_TRUE(WaitUntil([] { return Contains(Commands(), "wifi_connect.sh"); }));
+    EXPECT_TRUE(WaitUntil([] { return CountOf(Commands(), "wifi_connect.sh sta /param/") == 2; }));
     EXPECT_EQ(KV_WIFI_StaStop(), 0);
     EXPECT_EQ(supplicant.Count("PING"), 0);
     EXPECT_EQ(supplicant.Count("SAVE_CONFIG"), 1);
     EXPECT_EQ(supplicant.Count("SCAN"), 1);
     EXPECT_EQ(supplicant.Count("SCAN_RESULTS"), 1);
-    EXPECT_TRUE(Contains(Commands(), "wifi_connect.sh sta /param/wpa_supplicant.conf\n"));
     EXPECT_TRUE(InOrder(trace.Text(),
                         {"RECV----:text\n", "RECV----:again\n", "__KV_WIFI_StaSupplicantDebug:"}));
 }

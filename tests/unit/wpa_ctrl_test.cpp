@@ -1,4 +1,5 @@
-// The control client against a scripted supplicant. What waits for real seconds runs side by side.
+// The control client against a scripted supplicant. Tests that wait for real seconds run in
+// parallel.
 #include "wifi/kv_wpa_ctrl.h"
 
 #include <fcntl.h>
@@ -31,7 +32,7 @@ std::string LocalName(const wpa_ctrl* ctrl) {
     return address.sun_path;
 }
 
-// The name that the next connection will get.
+// The name of the next connection's socket.
 std::string NextName() {
     wpa_ctrl* ctrl = wpa_ctrl_open(kPath);
     const std::string name = LocalName(ctrl);
@@ -69,7 +70,7 @@ TEST(WpaCtrl, NamesAreUniqueNonBlockingAndCloseOnExec) {
     wpa_ctrl_close(first);
     wpa_ctrl_close(second);
     wpa_ctrl_close(nullptr);
-    // A stale name is taken over.
+    // A stale name is reused.
     const std::string stale = NextName();
     BindAndForget(stale);
     wpa_ctrl* ctrl = wpa_ctrl_open(kPath);
@@ -86,7 +87,7 @@ TEST(WpaCtrl, WhatCannotBeOpenedLeavesNothing) {
     EXPECT_EQ(wpa_ctrl_open("/tmp/scripted/refuses"), nullptr);
     EXPECT_EQ(wpa_ctrl_open("/tmp/scripted/absent"), nullptr);
     EXPECT_EQ(wpa_ctrl_open(("/tmp/" + std::string(103, 'x')).c_str()), nullptr);
-    // A directory in the way of the client's name cannot be unlinked, and is not ours to remove.
+    // A directory at the client's name cannot be unlinked, and it is not ours to remove.
     const std::string name = NextName();
     std::filesystem::create_directory(name);
     EXPECT_EQ(wpa_ctrl_open(kPath), nullptr);
@@ -107,7 +108,7 @@ TEST(WpaCtrl, EventsAreNotTheReply) {
     size_t length = sizeof(reply);
     ASSERT_EQ(wpa_ctrl_request(ctrl, "PING", 4, reply, &length, KeepEvent), 0);
     EXPECT_EQ(std::string(reply, length), "PONG\n");
-    // The buffer was full: its last byte became the end of the text.
+    // The buffer was full, so the NUL replaced its last byte.
     EXPECT_EQ(g_event, "<123456");
     length = sizeof(reply);
     ASSERT_EQ(wpa_ctrl_request(ctrl, "PING", 4, reply, &length, nullptr), 0);
@@ -156,7 +157,7 @@ Outcome TimedRequest(const std::string& path) {
 
 TEST(WpaCtrl, Times) {
     ScriptedSupplicant silent([](const std::string&) { return Messages{}; }, "/tmp/scripted/a");
-    // The event at 4 s starts the 10 s again, so the reply at 11 s is in time.
+    // The event at 4 s restarts the 10 s, so the reply at 11 s is in time.
     ScriptedSupplicant slow(
         [](const std::string&) {
             return Messages{{"<event", milliseconds(4000)}, {"PONG\n", milliseconds(7000)}};
@@ -237,7 +238,7 @@ TEST(WifiRunCmd, AFullReplyIsTerminatedInTheSpareByte) {
 TEST(WpaListener, TracesEventsUntilStopped) {
     const Capture trace(2);
     const auto traced = [&trace](const char* text) { return CountOf(trace.Text(), text); };
-    // Nobody listens yet: the thread ends, and the next call starts another one.
+    // Without a supplicant the thread ends, and the next call starts another.
     EXPECT_EQ(KV_WIFI_CtrlListen(), 0);
     EXPECT_TRUE(WaitUntil([&] { return traced("__KV_wifi_ctrlProc Exit\n") == 1U; }));
     EXPECT_EQ(traced("Err: wpa_ctrl_open():/tmp/wpa_supplicant/wlan0\n"), 1U);
@@ -249,7 +250,7 @@ TEST(WpaListener, TracesEventsUntilStopped) {
     supplicant.Push("<3>second");
     EXPECT_TRUE(WaitUntil([&] { return traced("Data:<3>second\n") == 1U; }));
     EXPECT_EQ(traced("Data:<3>first\n"), 1U);
-    // Stopped and started again within a second: one ends, one remains.
+    // Stopped and started again within a second: one thread ends, one remains.
     EXPECT_EQ(KV_WIFI_CtrlListen(), 0);
     EXPECT_EQ(KV_WIFI_CtrlListen(), 0);
     EXPECT_TRUE(WaitUntil([&] { return supplicant.Count("ATTACH") == 2; }));

@@ -1,4 +1,4 @@
-// Questions to the supplicant and what becomes of its answers.
+// Queries to the supplicant, and how their answers are read.
 #include "wifi/kv_wpa_query.h"
 
 #include "tests/support/capture.h"
@@ -47,8 +47,8 @@ TEST(WpaQuery, KeysAreFoundAnywhere) {
         {"id=99999999999\n", INT32_MAX, "", ""},
         {"id=-99999999999\n", INT32_MIN, "", ""},
         {"address=02:00\nip_address=1.2.3.4\n", 0, "02:00", ""},
-        {"wpa_state\n", 0, "", ""},            // no "=" behind the key
-        {"wpa_state\nother=5\n", 0, "", "5"},  // the first "=" behind it counts
+        {"wpa_state\n", 0, "", ""},            // no "=" after the key
+        {"wpa_state\nother=5\n", 0, "", "5"},  // the first "=" after the key counts
         {"wpa_state=SCAN", 0, "", "SCAN"},     // no line end
         {"address=0123456789abcdef0123\n", 0, "0123456789abcdef0", ""},            // cut
         {std::string(kWpaReplySize - 14, 'x') + "wpa_state=DONE", 0, "", "DONE"},  // 1024 bytes
@@ -68,7 +68,7 @@ TEST(WpaQuery, KeysAreFoundAnywhere) {
 
 TEST(WpaQuery, RefusedAndEmpty) {
     ScriptedSupplicant supplicant(
-        ScriptedSupplicant::Always("FAIL-BUSY\nwpa_state=COMPLETED\nRSSI=-7\n"));
+        ScriptedSupplicant::Always("FAIL\nwpa_state=COMPLETED\nRSSI=-7\n"));
     KV_WIFI_STATUS_INFO status;
     KV_WIFI_SIGNAL_INFO signal;
     const Capture trace(2);
@@ -76,7 +76,7 @@ TEST(WpaQuery, RefusedAndEmpty) {
     EXPECT_EQ(KV_WIFI_SignalPoll(&signal), 0);
     EXPECT_STREQ(status.acWpaState, "");
     EXPECT_EQ(signal.iRssi, 0);
-    EXPECT_EQ(std::string(status.acReply).rfind("FAIL-BUSY", 0), 0U);
+    EXPECT_EQ(std::string(status.acReply).rfind("FAIL\n", 0), 0U);
     supplicant.SetScript(ScriptedSupplicant::Always(""));
     EXPECT_EQ(KV_WIFI_WPA_Status(&status), -1);
     EXPECT_EQ(KV_WIFI_SignalPoll(&signal), -1);
@@ -127,7 +127,7 @@ TEST(WpaQuery, RssiIsPolledAtMostEveryThreeSeconds) {
     EXPECT_EQ(KV_WIFI_GetRssi(), -52);
     EXPECT_EQ(KV_WIFI_GetLastRssi(), -52);
     EXPECT_EQ(supplicant.Count("SIGNAL_POLL"), 2);
-    // Whole seconds: 3 s later it is asked again, and a failed question counts as 0.
+    // Whole seconds: the next query comes 3 s later, and a failed one counts as 0.
     std::this_thread::sleep_until(polled + milliseconds(3010));
     EXPECT_EQ(KV_WIFI_GetRssi(), 0);
     EXPECT_EQ(supplicant.Count("SIGNAL_POLL"), 3);

@@ -11,7 +11,7 @@ namespace kvtool {
 
 namespace {
 
-// How many letters to insert, drop or replace to make one word the other.
+// How many letters to insert, drop or replace to turn one word into the other.
 size_t EditDistance(const std::string& a, const std::string& b) {
     std::vector<size_t> row(b.size() + 1);
     std::iota(row.begin(), row.end(), size_t{0});
@@ -27,7 +27,7 @@ size_t EditDistance(const std::string& a, const std::string& b) {
     return row.back();
 }
 
-// The command that needs one of its own commands but was given none.
+// The command that requires a subcommand but was given none.
 CLI::App* CommandWithoutChoice(CLI::App* app) {
     while (!app->get_subcommands().empty()) {
         app = app->get_subcommands().front();
@@ -35,7 +35,7 @@ CLI::App* CommandWithoutChoice(CLI::App* app) {
     return app->get_require_subcommand_min() > 0 ? app : nullptr;
 }
 
-// What to say of a word that stands where a command should; empty: there is none.
+// The error for a word in place of a command; empty: there is no such word.
 std::string UnknownCommand(CLI::App* app) {
     CLI::App* const parent = CommandWithoutChoice(app);
     const std::vector<std::string> rest = app->remaining(true);

@@ -1,4 +1,4 @@
-// What the command lines of kvtool and vboard have in common.
+// Command-line code shared by kvtool and vboard.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -7,14 +7,14 @@
 
 namespace kvtool {
 
-// Parses the arguments. Returns nothing when the command is to run. Otherwise it has printed what
-// there is to say and returns 0 after --help, or a status above 100 after a usage error.
-// A wrong command is named, with the command that was probably meant.
+// Parses the arguments. Returns nothing if the command should run. Otherwise it has printed help or
+// an error, and returns 0 after --help or a status above 100 after a usage error.
+// The error for an unknown command names the one that was probably meant.
 std::optional<int> ParseCommandLine(CLI::App* app, int argc, char** argv);
 
-// Adds the hidden command "completion bash|zsh", which prints a completion script for all commands
-// and options that stand in `app` when the command runs. Options whose type name is FILE, DIR or
-// NAME=FILE complete files.
+// Adds the hidden command "completion bash|zsh". It prints a completion script for all commands and
+// options that `app` has when the command runs. Values with the type name FILE, DIR or NAME=FILE
+// complete file names.
 void AddCompletion(CLI::App* app);
 
 }  // namespace kvtool

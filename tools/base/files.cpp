@@ -17,7 +17,7 @@
 namespace kvtool {
 
 static_assert(kMaxPackageSize + kv::kMd5TrailerSize == 0xFFFFFFFFULL,
-              "package and trailer fit the announced length");
+              "package and trailer must fit the announced length");
 
 namespace {
 
@@ -39,7 +39,7 @@ void WriteAll(int fd, const Bytes& bytes, const std::string& path) {
     }
 }
 
-// Removes the temporary file unless it has got its final name.
+// Removes the temporary file unless it has been renamed.
 class TemporaryName {
   public:
     explicit TemporaryName(std::string name) : name_(std::move(name)) {}
@@ -55,7 +55,7 @@ class TemporaryName {
 }  // namespace
 
 Bytes ReadWholeFile(const std::string& path) {
-    // Non-blocking, so that a named pipe is refused below instead of waited for.
+    // Non-blocking: a named pipe must be refused below, not waited for.
     const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat info {};
     if (!fd || fstat(fd.Get(), &info) != 0) {
@@ -68,7 +68,7 @@ Bytes ReadWholeFile(const std::string& path) {
         throw ToolError(ExitCode::kRefused,
                         Printable(path) +
                             " is too large: " + SizeText(static_cast<uint64_t>(info.st_size)) +
-                            ", a transfer holds at most " + SizeText(kMaxPackageSize));
+                            "; the protocol allows at most " + SizeText(kMaxPackageSize));
     }
     Bytes bytes(static_cast<size_t>(info.st_size));
     size_t done = 0;
@@ -77,7 +77,7 @@ Bytes ReadWholeFile(const std::string& path) {
         const ssize_t n = read(fd.Get(), bytes.data() + done, std::min(kStep, bytes.size() - done));
         if (n == 0) {
             throw ToolError(ExitCode::kRefused,
-                            Printable(path) + " became shorter while it was read");
+                            Printable(path) + " became shorter while kvtool read it");
         }
         if (n < 0 && errno != EINTR) {
             throw ToolError(ExitCode::kRefused, Because("read", path));
@@ -105,7 +105,8 @@ void WriteWholeFile(const std::string& path, const Bytes& bytes) {
 
 void WriteToStandardOutput(const Bytes& bytes) {
     if (isatty(STDOUT_FILENO) == 1) {
-        throw ToolError(ExitCode::kUsage, "standard output is a terminal; redirect it");
+        throw ToolError(ExitCode::kUsage,
+                        "standard output is a terminal; redirect it to a file or a pipe");
     }
     WriteAll(STDOUT_FILENO, bytes, "standard output");
 }

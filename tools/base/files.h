@@ -1,4 +1,4 @@
-// Whole files in and out.
+// Reads and writes whole files.
 #pragma once
 
 #include <string>
@@ -8,30 +8,30 @@
 
 namespace kvtool {
 
-// The largest package whose size, with the trailer, the 32-bit length of the protocol can announce.
+// The largest package whose size plus trailer fits the 32-bit length of the protocol.
 constexpr uint64_t kMaxPackageSize = 0xFFFFFFFFULL - 37;
 
-// Reads a regular file of at most kMaxPackageSize bytes. Everything later (checks, digest, sending)
-// works on these bytes, so a file that changes meanwhile cannot make them disagree.
+// Reads a regular file of at most kMaxPackageSize bytes. All later steps (checks, digest,
+// sending) use these bytes, so they agree even if the file changes.
 // Throws ToolError(kRefused).
 Bytes ReadWholeFile(const std::string& path);
 
-// Writes the file under a temporary name beside it and renames it, so that `path` holds all the
-// bytes or is left as it was. Throws ToolError(kInternal).
+// Writes a temporary file in the same folder and renames it. `path` either has all the bytes or is
+// unchanged. Throws ToolError(kInternal).
 void WriteWholeFile(const std::string& path, const Bytes& bytes);
 
-// Throws ToolError: kUsage where standard output is a terminal, kInternal where writing fails.
+// Throws ToolError: kUsage if standard output is a terminal, kInternal if writing fails.
 void WriteToStandardOutput(const Bytes& bytes);
 
-// Whether both paths lead to one existing file.
+// Whether both paths name the same existing file.
 bool SameFile(const std::string& a, const std::string& b);
 
-// A line of a text file without its comment and outer spaces.
+// A line of a text file without comment and surrounding spaces.
 struct SourceLine {
-    std::string where;  // "FILE:LINE: ", fit for a terminal
+    std::string where;  // "FILE:LINE: ", safe to print
     std::string text;   // never empty
 };
-// The lines of a text file that say something; a "#" at the start of a word begins a comment.
+// The lines of a text file that are not blank. A "#" at the start of a word starts a comment.
 // Throws ToolError(kUsage).
 std::vector<SourceLine> ReadLines(const std::string& path);
 

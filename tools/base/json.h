@@ -1,4 +1,4 @@
-// JSON as kvtool gives it to programs; docs/kvtool-json.md describes it.
+// The JSON that kvtool prints; docs/kvtool-json.md describes it.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -8,10 +8,10 @@ namespace kvtool {
 
 using Json = nlohmann::ordered_json;
 
-// In each object; grows when a key goes or changes its meaning.
+// Part of each object. Increases when a key is removed or changes meaning.
 constexpr int kJsonSchema = 1;
 
-// One line of ASCII without its end.
+// One line of ASCII without a newline.
 inline std::string JsonLine(const Json& json) {
     return json.dump(-1, ' ', true, Json::error_handler_t::replace);
 }

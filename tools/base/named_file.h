@@ -13,11 +13,11 @@ struct NamedFile {
     std::string file;
 };
 
-// Spaces around both are dropped. Throws ToolError(kUsage).
+// Drops spaces around both parts. Throws ToolError(kUsage).
 inline NamedFile ParseNamedFile(const std::string& text) {
     const size_t equals = text.find('=');
     if (equals == std::string::npos) {
-        throw ToolError(ExitCode::kUsage, "not NAME=FILE: '" + Printable(text) + "'");
+        throw ToolError(ExitCode::kUsage, "'" + Printable(text) + "' is not NAME=FILE");
     }
     return {Trimmed(text.substr(0, equals)), Trimmed(text.substr(equals + 1))};
 }

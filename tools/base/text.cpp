@@ -28,7 +28,7 @@ std::string LowerHex(const void* data, size_t size) {
     return out;
 }
 
-// Length of the character that the text begins with and its code point; 0: not UTF-8.
+// The length of the first character, whose code point it stores; 0: not UTF-8.
 size_t Utf8Length(std::string_view text, uint32_t* point) {
     const auto lead = static_cast<uint8_t>(text[0]);
     const size_t length = lead < 0x80 ? 1 : lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
@@ -43,7 +43,7 @@ size_t Utf8Length(std::string_view text, uint32_t* point) {
         }
         *point = *point << 6 | (byte & 0x3FU);
     }
-    // Longer than needed, a surrogate, or beyond the last code point.
+    // An overlong form, a surrogate, or beyond the last code point.
     const bool wrong = (length == 3 && *point < 0x800) || (length == 4 && *point < 0x10000) ||
                        (*point >= 0xD800 && *point <= 0xDFFF) || *point > 0x10FFFF;
     return wrong ? 0 : length;
@@ -160,12 +160,13 @@ uint64_t ParseSize(const std::string& text) {
     const std::string suffix = text.substr(end);
     static constexpr std::string_view kSuffixes = "KkMmGg";
     const size_t unit = suffix.size() == 1 ? kSuffixes.find(suffix[0]) : std::string_view::npos;
-    // Ten digits and a suffix stay far inside 64 bits.
-    if (number.empty() || number.size() > 10 ||
+    // Any number of so many digits fits 64 bits with each suffix.
+    if (number.empty() || number.size() > (hexadecimal ? 8 : 10) ||
         (!suffix.empty() && unit == std::string_view::npos)) {
         throw ToolError(ExitCode::kUsage,
-                        "not a size: '" + Printable(text) +
-                            "' (bytes or 0x and hex digits, with K, M or G behind it if wanted)");
+                        "'" + Printable(text) +
+                            "' is not a size; write up to 10 digits, or 0x and up to 8 hexadecimal "
+                            "digits, then K, M or G if wanted");
     }
     const uint64_t value = std::stoull(number, nullptr, hexadecimal ? 16 : 10);
     return suffix.empty() ? value : value << (10 * (unit / 2 + 1));

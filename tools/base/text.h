@@ -1,4 +1,4 @@
-// Text from files and from the network, made fit for a terminal, and numbers made fit for people.
+// Makes texts from files and the network safe to print, and numbers readable.
 #pragma once
 
 #include <cstddef>
@@ -11,22 +11,22 @@ namespace kvtool {
 
 using Bytes = std::vector<uint8_t>;
 
-// A text of a fixed-size field: everything before the first NUL.
+// The text in a fixed-size field: everything before the first NUL.
 struct FieldText {
     std::string text;
     bool terminated;  // false: no NUL in the field
 };
 FieldText ReadField(const void* field, size_t size);
 
-// Text from a device, a file or the command line, safe to show: control characters, characters that
-// are invisible or change the direction of text, bytes that are not UTF-8, and the backslash become
-// \xNN, byte by byte. The result is valid UTF-8.
+// Makes a text from a device, a file or the command line safe to print. Control characters,
+// characters that are invisible or change the text direction, bytes that are not UTF-8, and the
+// backslash become \xNN, byte by byte. The result is valid UTF-8.
 std::string Printable(std::string_view text);
 
-// Without spaces and tabs at its ends.
+// The text without spaces, tabs and carriage returns at its ends.
 std::string Trimmed(std::string_view text);
 
-// Upper-case hex digits, `separator` between bytes.
+// Upper-case hex digits with `separator` between bytes.
 std::string Hex(const void* data, size_t size, std::string_view separator = "");
 
 // "1234 bytes (1.2 KiB)".
@@ -44,8 +44,8 @@ std::string Md5Hex(const uint8_t* data, size_t size);
 // Lower-case SHA-256 of the bytes, 64 digits.
 std::string Sha256Hex(const uint8_t* data, size_t size);
 
-// Bytes, decimal or hexadecimal (0x10000), with an optional suffix K, M or G of either case (powers
-// of 1024). Throws ToolError(kUsage).
+// Bytes from a decimal or hexadecimal number (0x10000) with an optional suffix K, M or G of either
+// case (powers of 1024). Throws ToolError(kUsage).
 uint64_t ParseSize(const std::string& text);
 
 }  // namespace kvtool

@@ -1,4 +1,4 @@
-// Waiting that Ctrl-C ends at once, on the monotonic clock.
+// Waits on the monotonic clock that Ctrl-C ends at once.
 #pragma once
 
 #include <chrono>
@@ -12,9 +12,9 @@ inline double SecondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// Makes SIGINT and SIGTERM end every wait below with ToolError(kInterrupted), and SIGPIPE harmless.
-// A second signal of the same kind ends the process in the usual way, should something outside
-// these waits (a name look-up) hold it up. Call once, before any wait, from the main thread.
+// Makes SIGINT and SIGTERM end every wait below with ToolError(kInterrupted), and ignores SIGPIPE.
+// A second signal of the same kind ends the process in the usual way, in case something other than
+// these waits (a name look-up) blocks it. Call once, before any wait, from the main thread.
 void CatchInterrupts();
 
 // Ends waits of the threads that look at it, once it is raised and from then on.
@@ -61,8 +61,8 @@ class InterruptsInSteps {
 // Throws ToolError(kInterrupted) once a signal has come, or what ends this thread's waits.
 void ThrowIfInterrupted();
 
-// Waits until one of the poll events holds for the descriptor or the deadline has come.
-// Returns the poll result events, 0 at the deadline. A descriptor of -1 only waits.
+// Waits for one of the poll events on the descriptor, at most until the deadline.
+// Returns the events that poll reports, 0 at the deadline. With descriptor -1 it only waits.
 short WaitFor(int fd, short events, Clock::time_point deadline);
 
 // Waits until the deadline.

@@ -17,7 +17,7 @@ namespace kvtool {
 struct Chosen {
     std::function<ExitCode(Json*)> run;
     bool json = false;
-    // diff and verify end as diff(1) does: 2 for whatever keeps them from comparing.
+    // diff and verify have the exit codes of diff(1): 2 if they cannot compare.
     bool compares = false;
 };
 

@@ -22,8 +22,8 @@ struct Target {
     std::optional<DiscoveryReply> reply;  // when it was searched for
 };
 
-// Where to connect to; searches for the device when it is given by its MAC address. The sender's
-// address is taken rather than the one in the reply: it is the one that was seen to work.
+// Where to connect. Searches for a device that is given by its MAC address. Takes the sender's
+// address, not the one in the reply, because the sender's address is known to work.
 Target Locate(const DeviceCommand& command, Json* json) {
     const std::optional<std::string> mac = ParseMacAddress(command.host);
     if (!mac) {
@@ -36,7 +36,8 @@ Target Locate(const DeviceCommand& command, Json* json) {
     const FoundDevice* device = FindMac(result, *mac);
     if (device == nullptr) {
         throw ToolError(ExitCode::kUnreachable,
-                        "no device with the MAC address " + *mac + " answers a search");
+                        "no device with the MAC address " + *mac +
+                            " answers a search; 'kvtool discover' shows those that do");
     }
     (*json)["mac"] = *mac;
     (*json)["address"] = device->senders.front();
@@ -44,7 +45,7 @@ Target Locate(const DeviceCommand& command, Json* json) {
             device->reply};
 }
 
-// An upgrade's connection, and what a search has told of the device, if there was one.
+// An upgrade's connection, and the device's reply to a search, if there was a search.
 struct OpenDevice {
     UpgradeSession session;
     std::optional<DiscoveryReply> reply;
@@ -64,8 +65,7 @@ bool MayAppearLater(ExitCode code) {
            code == ExitCode::kLost || code == ExitCode::kBadReply;
 }
 
-// Tries until the device lets itself be logged in to or the time is over. Says each new reason
-// once.
+// Tries until a login succeeds or time is up. Prints each new reason once.
 OpenDevice WaitForDevice(const UpgradeCommand& command, UpgradeListener* listener,
                          UpgradeRecord* record, Json* json) {
     const Clock::time_point start = Clock::now();
@@ -89,14 +89,14 @@ OpenDevice WaitForDevice(const UpgradeCommand& command, UpgradeListener* listene
                 listener->Line("not yet: " + last);
             }
         }
-        // Of the attempts only the one that succeeds belongs in the record.
+        // Only the successful attempt belongs in the record.
         *record = UpgradeRecord{};
         WaitUntil(Clock::now() + kRetryPause);
     }
 }
 
-// What to follow the device by. A device that was not searched for is asked now: once it has
-// accepted it may be too late.
+// What is needed to follow the device. Asks a device that was not searched for now: after the
+// acceptance it may be too late.
 FollowTarget TargetToFollow(const UpgradeCommand& command, const OpenDevice& device,
                             UpgradeListener* listener, UpgradeRecord* record) {
     FollowTarget target;
@@ -112,13 +112,13 @@ FollowTarget TargetToFollow(const UpgradeCommand& command, const OpenDevice& dev
         target.alivePort = reply->rtspPort;
     } else {
         listener->Line(
-            "the device answers no search: it cannot be found under another address later");
+            "the device answers no search; if its address changes, kvtool cannot find it again");
     }
     target.alivePort = command.alivePort.value_or(target.alivePort);
     if (target.alivePort == 0) {
         listener->Line(
-            "which port its application opens is not known: without --expect-port it cannot be "
-            "seen alive");
+            "the port of its application is not known; without --expect-port kvtool cannot see "
+            "that it is alive");
     }
     return target;
 }
@@ -148,22 +148,22 @@ ExitCode DoUpgrade(const UpgradeCommand& command, const Layout& layout, ConsoleL
     return Follow(target, session.Fd(), command.times, listener, record);
 }
 
-// In what state an upgrade leaves the device that ends where the record ends.
+// The state of the device after an upgrade that ended where the record ends.
 std::string StateLeft(const UpgradeRecord& record) {
     if (record.accepted) {
-        return "the device had accepted the package and goes on by itself";
+        return "the device has accepted the package and continues by itself; do not switch it off";
     }
     switch (record.sent) {
         case Sent::kNothing:
             return "nothing of the package was sent; the device stays as it is";
         case Sent::kPart:
-            return "the device holds a part of the package, flashes nothing, and waits in "
-                   "recovery mode for a new upgrade";
+            return "the device has only a part of the package and flashes nothing; repeat the "
+                   "upgrade once it answers in recovery mode";
         case Sent::kAll:
             break;
     }
-    return "the whole package was sent; if the device finds it right it flashes and restarts by "
-           "itself, so do not switch it off";
+    return "the whole package was sent; a device that accepts it flashes and restarts by itself, "
+           "so do not switch it off";
 }
 
 }  // namespace
@@ -194,13 +194,14 @@ ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout, Json* j
         const ExitCode code = DoUpgrade(command, layout, &listener, &record, json);
         const std::string result = command.follow
                                        ? OutcomeText(code)
-                                       : "accepted by the device; not followed further";
+                                       : "accepted by the device; kvtool does not follow it";
         listener.Line("result: " + result);
         json->update(UpgradeJson(record, result));
         return code;
     } catch (const ToolError& error) {
         std::string result = error.what();
-        if (record.accepted || error.Code() == ExitCode::kInterrupted) {
+        if (record.accepted || error.Code() == ExitCode::kInterrupted ||
+            error.Code() == ExitCode::kLost) {
             result += "; " + StateLeft(record);
         }
         listener.Clear();

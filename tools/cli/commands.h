@@ -1,4 +1,4 @@
-// The commands that talk to devices, as the command line hands them over.
+// The commands that talk to devices, after the command line is parsed.
 #pragma once
 
 #include <optional>
@@ -15,7 +15,7 @@
 namespace kvtool {
 
 struct DeviceCommand {
-    std::string host;  // an address, a name, or a MAC address that is searched for first
+    std::string host;  // an address, a name, or a MAC address to search for
     std::optional<uint16_t> port;
     uint16_t discoveryPort = 0;
     bool json = false;
@@ -24,11 +24,11 @@ struct DeviceCommand {
 struct UpgradeCommand {
     DeviceCommand device;
     std::string file;
-    bool force = false;          // send in spite of what the check of the package says
-    bool forceIdentity = false;  // send to a device of another chip or sensor
+    bool force = false;          // send in spite of errors found in the package
+    bool forceIdentity = false;  // send even if chip or sensor type differ
     bool follow = true;
     std::optional<Millis> wait;         // how long to wait for the device to appear
-    std::optional<uint16_t> alivePort;  // what the running application opens
+    std::optional<uint16_t> alivePort;  // port that the running application opens
     std::string expectVersion;          // empty: any
     Trust trust;
     UpgradeTimes times;
@@ -39,9 +39,9 @@ struct DiscoverCommand {
     bool json = false;
 };
 
-// Each prints its result to standard output unless the command asks for JSON, returns the exit code
-// of the command, and throws ToolError where the command cannot go on. *json takes what is known,
-// as soon as it is known, so that it is true after a failure too.
+// Each prints its result to standard output unless the command asks for JSON, and returns the exit
+// code of the command. Each throws ToolError if it cannot go on. *json gets each fact as soon as it
+// is known, so it is true after a failure too.
 ExitCode RunInfo(const DeviceCommand& command, const UpgradeTimes& times, Json* json);
 ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout, Json* json);
 ExitCode RunDiscover(const DiscoverCommand& command, Json* json);

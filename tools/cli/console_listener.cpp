@@ -18,7 +18,7 @@ void ConsoleListener::Clear() {
     if (standing_ == 0) {
         return;
     }
-    // A window that became narrower has wrapped the line into several.
+    // A window that has become narrower has wrapped the line.
     const size_t above = (standing_ - 1) / TerminalColumns(out_);
     if (above > 0) {
         (void)fprintf(out_, "\033[%zuA", above);
@@ -46,7 +46,7 @@ void ConsoleListener::Progress(const UploadProgress& progress) {
         return;
     }
     Clear();
-    // The last column stays free: some terminals wrap once it is written.
+    // Keep the last column free: some terminals wrap after writing it.
     const std::string text = ProgressText(progress, rate_.Rate(), TerminalColumns(out_) - 1);
     (void)fputs(text.c_str(), out_);
     (void)fflush(out_);

@@ -1,5 +1,5 @@
-// Shows an upgrade while it goes on: one line that rewrites itself on a terminal, a line now and
-// then elsewhere.
+// Shows the progress of an upgrade: on a terminal one line that updates itself, elsewhere a line
+// every few seconds.
 #pragma once
 
 #include <cstdio>
@@ -14,13 +14,13 @@ class ConsoleListener : public UpgradeListener {
     explicit ConsoleListener(FILE* out);
     void Line(const std::string& text) override;
     void Progress(const UploadProgress& progress) override;
-    // Removes a progress line that still stands.
+    // Removes the progress line if there is one.
     void Clear();
 
   private:
     FILE* out_;
     bool terminal_;
-    size_t standing_ = 0;  // width of the progress line that stands
+    size_t standing_ = 0;  // width of the progress line on the screen, 0: none
     double lastShown_ = 0;
     RateMeter rate_;
 };

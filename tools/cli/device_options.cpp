@@ -11,7 +11,7 @@ namespace {
 
 constexpr double kLongestSeconds = 86400;
 
-// What --port and the time-outs say, in the units of the command line.
+// The values of --port and of the time-outs.
 struct DeviceOptions {
     uint16_t port = 0;
     UpgradeTimes times;
@@ -43,7 +43,7 @@ void AddInfo(CLI::App* root, Chosen* chosen) {
         DeviceOptions options;
     };
     const auto info = std::make_shared<Info>();
-    CLI::App* app = root->add_subcommand("info", "Ask a device in recovery mode who it is");
+    CLI::App* app = root->add_subcommand("info", "Ask a device in recovery mode for its identity");
     AddConnection(app, &info->command, &info->options);
     app->add_flag("--json", chosen->json, "Print JSON");
     app->callback([info, chosen] {
@@ -69,22 +69,22 @@ void AddUpgrade(CLI::App* root, Chosen* chosen) {
     CLI::App* app = root->add_subcommand("upgrade", "Send a package to a device in recovery mode");
     AddConnection(app, &command.device, &upgrade->options);
     app->add_option("file", command.file, "Package")->required()->type_name("FILE");
-    app->add_flag("--force", command.force, "Send in spite of objections to the package");
+    app->add_flag("--force", command.force, "Send in spite of errors found in the package");
     app->add_flag("--force-identity", command.forceIdentity,
-                  "Send to a device of another chip or sensor type");
-    app->add_flag("--no-follow", upgrade->noFollow, "End when the device has accepted");
-    app->add_flag("--json", chosen->json, "Print JSON at the end, progress to standard error");
+                  "Send even if chip or sensor type differ");
+    app->add_flag("--no-follow", upgrade->noFollow, "End once the device has accepted the package");
+    app->add_flag("--json", chosen->json, "Print JSON at the end, progress on standard error");
     AddLayout(app, &upgrade->layout);
     AddTrust(app, &command.trust);
-    // A flag with a value; a number in the word behind it has been joined to it.
+    // A flag with a value. A number in the next word has already been joined to it.
     app->add_flag("--wait{300}", upgrade->waitSeconds,
-                  "Wait for the device to appear, --wait SECONDS for a time of your own")
+                  "Wait until the device appears; --wait SECONDS sets the time")
         ->check(CLI::Range(0.1, kLongestSeconds));
     app->add_option("--expect-port", upgrade->alivePort,
                     "TCP port that the running application opens (default: RTSP, as discovered)")
         ->check(CLI::Range(1, 65535));
     app->add_option("--expect-version", command.expectVersion,
-                    "Firmware version that the running application tells a search");
+                    "Firmware version that the running application must name in a search reply");
     AddUpgradeTimes(app, &upgrade->options.times);
     app->callback([upgrade, chosen] {
         chosen->run = [upgrade, chosen](Json* json) {
@@ -145,11 +145,12 @@ void AddAnswerTimes(CLI::App* app, UpgradeTimes* times) {
 }
 
 void AddUpgradeTimes(CLI::App* app, UpgradeTimes* times) {
-    AddSeconds(app, "--stall-timeout", &times->stall, "Seconds without anything acknowledged");
-    AddSeconds(app, "--verify-timeout", &times->verify, "Seconds for the verdict");
+    AddSeconds(app, "--stall-timeout", &times->stall, "Seconds without an acknowledged byte");
+    AddSeconds(app, "--verify-timeout", &times->verify,
+               "Seconds for the device to accept or reject the package");
     AddSeconds(app, "--leave-timeout", &times->leave,
                "Seconds to see the device leave recovery mode");
-    AddSeconds(app, "--back-timeout", &times->back, "Seconds from there to see it alive");
+    AddSeconds(app, "--back-timeout", &times->back, "Seconds after that to see it alive");
 }
 
 void AddDeviceCommands(CLI::App* root, Chosen* chosen) {

@@ -1,4 +1,4 @@
-// kvtool: what a technician runs on a PC against a camera in recovery mode.
+// kvtool: builds upgrade packages and puts them on cameras in recovery mode, from a PC.
 
 #include <kv_version.h>
 
@@ -35,8 +35,8 @@ int Status(const kvtool::Chosen& chosen, ExitCode code, bool failed) {
     return static_cast<int>(trouble ? ExitCode::kUsage : code);
 }
 
-// "--wait 5" becomes "--wait=5". The word behind a bare --wait may also be the host: it is the time
-// when it is a number of at most five digits, with a fraction or not.
+// "--wait 5" becomes "--wait=5". The word after --wait may also be the host. It is the time if it
+// is a number of at most five digits, with or without a fraction.
 std::vector<std::string> JoinWaitTime(int argc, char** argv) {
     const std::regex time("[0-9]{1,5}(\\.[0-9]+)?");
     std::vector<std::string> words;
@@ -65,7 +65,7 @@ std::string CommandName(const CLI::App& app) {
 
 int Run(int argc, char** argv) {
     kvtool::Chosen chosen;
-    CLI::App app("Upgrade packages and recovery of cameras that run upgradeMain");
+    CLI::App app("Build upgrade packages, find cameras that run upgradeMain, upgrade them");
     app.name("kvtool");
     app.set_version_flag("--version",
                          std::string("kvtool ") + kv::kVersion + ", built for " + kv::kDeviceName);

@@ -25,7 +25,8 @@ LoadedPackage LoadPackage(const PackageChoice& choice, const Layout& layout, Jso
     if (package.bytes.empty() || (!package.report.Acceptable() && !choice.force)) {
         throw ToolError(
             ExitCode::kRefused,
-            Printable(choice.file) + " is not fit for the device; nothing was sent");
+            Printable(choice.file) +
+                " is not fit for the device: see the errors above; nothing was sent");
     }
     return package;
 }

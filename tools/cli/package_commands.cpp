@@ -19,17 +19,18 @@ namespace {
 void RefuseInputAsOutput(const std::string& input, const PackCommand& command) {
     for (const std::string& output : {command.output, command.manifest}) {
         if (output != "-" && SameFile(input, output)) {
-            throw ToolError(ExitCode::kUsage, Printable(output) + " is one of the inputs as well");
+            throw ToolError(ExitCode::kUsage,
+                            Printable(output) + " is also an input; write to another file");
         }
     }
 }
 
-// Standard output belongs to the JSON object or to the package.
+// Standard output may be taken by the JSON object or the package.
 std::ostream& TextStream(const PackCommand& command) {
     return command.json || command.output == "-" ? std::cerr : std::cout;
 }
 
-// Gathers what a package is built from, and remembers it for the manifest.
+// Reads what a package is built from, and records it for the manifest.
 class PackInputs {
   public:
     explicit PackInputs(const PackCommand& command) : command_(command) {}
@@ -52,7 +53,7 @@ class PackInputs {
         return request;
     }
 
-    // For each input its role or entry name, its path as given, its size and digest.
+    // For each input its role, its path as given, its size and digest; for an image also its name.
     const Json& Manifest() const { return manifest_; }
 
   private:
@@ -108,10 +109,11 @@ void WriteManifest(const PackCommand& command, const BuildRequest& request, cons
 ExitCode RunPack(const PackCommand& command, const LayoutOptions& layout, Json* json) {
     (*json)["file"] = Printable(command.output);
     if (command.json && command.output == "-") {
-        throw ToolError(ExitCode::kUsage, "--json and -o - both want standard output");
+        throw ToolError(ExitCode::kUsage,
+                        "--json and -o - cannot both use standard output; give -o a file");
     }
     if (command.images.empty() && command.recipe.empty()) {
-        throw ToolError(ExitCode::kUsage, "no image given, and no recipe");
+        throw ToolError(ExitCode::kUsage, "nothing to pack; give NAME=IMAGE or --recipe");
     }
     PackInputs inputs(command);
     const BuildRequest request = inputs.Read(layout);

@@ -1,4 +1,4 @@
-// The commands that work on packages alone, as the command line hands them over.
+// The commands pack and inspect, after the command line is parsed.
 #pragma once
 
 #include <optional>
@@ -26,12 +26,12 @@ struct PackCommand {
 
 struct InspectCommand {
     std::string file;
-    Identity device;  // what to check against
+    Identity device;  // the device to check the package for
     Trust trust;
     bool json = false;
 };
 
-// As those of commands.h.
+// Like those of commands.h.
 ExitCode RunPack(const PackCommand& command, const LayoutOptions& layout, Json* json);
 ExitCode RunInspect(const InspectCommand& command, const Layout& layout, Json* json);
 

@@ -19,21 +19,21 @@ void AddPack(CLI::App* root, Chosen* chosen) {
     const auto pack = std::make_shared<WithLayout<PackCommand>>();
     PackCommand& command = pack->command;
     CLI::App* app = root->add_subcommand("pack", "Build an upgrade package");
-    app->add_option("-o,--output", command.output, "Package to write; -: standard output")
+    app->add_option("-o,--output", command.output, "Package to write, - for standard output")
         ->required()
         ->type_name("FILE");
     app->add_option("--ic", command.ic, "Chip type")->default_str(kv::kIcType);
     app->add_option("--sensor", command.sensor, "Sensor type")->default_str(kv::kSensorType);
-    app->add_flag("--force", command.force, "Build in spite of objections");
+    app->add_flag("--force", command.force, "Build in spite of problems");
     app->add_flag("--json", chosen->json, "Print JSON");
     AddLayout(app, &pack->layout);
-    app->add_option("--recipe", command.recipe, "File that names identity, layout and images")
+    app->add_option("--recipe", command.recipe, "File that lists identity, layout and images")
         ->type_name("FILE");
     app->add_option("--manifest", command.manifest,
-                    "Write sizes and SHA-256 of all inputs and of the package as JSON")
+                    "Write sizes and SHA-256 of all inputs and the package as JSON")
         ->type_name("FILE");
     app->add_option("images", command.images,
-                    "NAME=IMAGE: entry name and image file, behind those of a recipe")
+                    "NAME=IMAGE: entry name and image file, after those of a recipe")
         ->type_name("NAME=FILE");
     app->callback([pack, chosen] {
         chosen->run = [pack, chosen](Json* json) {
@@ -46,10 +46,10 @@ void AddPack(CLI::App* root, Chosen* chosen) {
 void AddInspect(CLI::App* root, Chosen* chosen) {
     const auto inspect = std::make_shared<WithLayout<InspectCommand>>();
     InspectCommand& command = inspect->command;
-    CLI::App* app = root->add_subcommand("inspect", "Show what a device would make of a package");
+    CLI::App* app = root->add_subcommand("inspect", "Show what a device would do with a package");
     app->add_option("file", command.file, "Package")->required()->type_name("FILE");
-    app->add_option("--ic", command.device.ic, "Chip type of the device to check for");
-    app->add_option("--sensor", command.device.sensor, "Sensor type of the device to check for");
+    app->add_option("--ic", command.device.ic, "Chip type of the device");
+    app->add_option("--sensor", command.device.sensor, "Sensor type of the device");
     app->add_flag("--json", chosen->json, "Print JSON");
     AddLayout(app, &inspect->layout);
     AddTrust(app, &command.trust);
@@ -64,7 +64,8 @@ void AddInspect(CLI::App* root, Chosen* chosen) {
 }  // namespace
 
 void AddLayout(CLI::App* command, LayoutOptions* options) {
-    command->add_option("--layout", options->file, "File of partition sizes, NAME=BYTES a line")
+    command
+        ->add_option("--layout", options->file, "File of partition sizes, one NAME=BYTES per line")
         ->type_name("FILE");
     command
         ->add_option("--size", options->sizes,
@@ -76,9 +77,9 @@ void AddTrust(CLI::App* command, Trust* trust) {
     CLI::Option* const key =
         command
             ->add_option("--trusted-key", trust->key,
-                         "Public key of minisign; refuse a package that it has not signed")
+                         "minisign public key; refuse a package that it has not signed")
             ->type_name("FILE");
-    command->add_option("--signature", trust->signature, "The signature (default: FILE.minisig)")
+    command->add_option("--signature", trust->signature, "Signature file (default: FILE.minisig)")
         ->type_name("FILE")
         ->needs(key);
 }

@@ -9,9 +9,9 @@ namespace kvtool {
 
 namespace {
 
-constexpr double kWindow = 5.0;    // seconds that the rate is taken over
+constexpr double kWindow = 5.0;    // seconds over which the rate is measured
 constexpr double kShortest = 0.5;  // seconds below which there is no rate yet
-constexpr double kStalls = 3.0;    // seconds without progress that are worth a word
+constexpr double kStalls = 3.0;    // seconds without progress that the line reports
 
 std::string WholeSeconds(double seconds) {
     return std::to_string(std::lround(seconds)) + " s";

@@ -1,4 +1,4 @@
-// The line that tells how far an upload is.
+// The progress line of an upload.
 #pragma once
 
 #include <deque>
@@ -8,11 +8,11 @@
 
 namespace kvtool {
 
-// The rate over the last seconds, so that it follows a link that becomes slower.
+// The rate over the last seconds, so that it follows the speed of the link.
 class RateMeter {
   public:
     void Add(double seconds, uint64_t bytes);
-    // Bytes a second; 0 while there is too little to tell.
+    // Bytes per second; 0 while there is too little data.
     double Rate() const;
 
   private:
@@ -23,7 +23,7 @@ class RateMeter {
     std::deque<Sample> samples_;
 };
 
-// At most `columns` wide: what fits, the least important part left out first.
+// At most `columns` wide. Leaves out the least important parts first.
 std::string ProgressText(const UploadProgress& progress, double rate, size_t columns);
 
 }  // namespace kvtool

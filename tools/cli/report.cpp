@@ -31,7 +31,7 @@ std::string TargetText(const EntryReport& entry) {
     std::string text;
     for (const LayoutRow& row : entry.targets) {
         text += (text.empty() ? "" : ", ") + row.name + " (" + row.device +
-                (row.IsBoot() ? " and the two behind it" : "") + ", " + SizeText(row.size) + ")";
+                (row.IsBoot() ? " and the next two" : "") + ", " + SizeText(row.size) + ")";
     }
     return text.empty() ? "none" : text;
 }
@@ -48,11 +48,11 @@ void PrintEntry(std::ostream& out, const EntryReport& entry) {
         OrDash(entry.md5) + (entry.inFile < entry.dataLen
                                  ? " of the " + SizeText(entry.inFile) + " in the file"
                                  : ""));
-    Row(out, "written behind",
+    Row(out, "written after it",
         SizeText(entry.behind) + (entry.behind > 0 && entry.behindBlank ? ", all 0xFF" : ""));
 }
 
-// Senders other than the address that the device tells of itself.
+// Senders other than the address in the device's reply.
 std::vector<std::string> OtherSenders(const FoundDevice& device) {
     std::vector<std::string> others;
     for (const std::string& sender : device.senders) {
@@ -102,12 +102,12 @@ void PrintPackage(std::ostream& out, const PackageReport& report) {
         out << "… and " << report.entries.size() - shown << " more entries\n";
     }
     PrintFindings(out, report);
-    out << (report.Acceptable() ? "the device would take this package as it is\n"
-                                : "NOT fit for the device, see the errors above\n");
+    out << (report.Acceptable() ? "the device would install this package\n"
+                                : "NOT fit for the device: see the errors above\n");
 }
 
 std::string SignatureText(const Signature& signature) {
-    return "signed by the key " + signature.keyId + ": " + Printable(signature.comment);
+    return "signed by key " + signature.keyId + ": " + Printable(signature.comment);
 }
 
 void PrintInfo(std::ostream& out, const InfoReport& report) {
@@ -119,11 +119,11 @@ void PrintInfo(std::ostream& out, const InfoReport& report) {
     Row(out, "chip type", OrDash(device.ic));
     Row(out, "sensor type", OrDash(device.sensor));
     Row(out, "serial number", Hex(report.serial.data(), report.serial.size(), " "));
-    Row(out, "", "(random, made by the device for this run of its services)");
+    Row(out, "", "(random, new at each start of the device's services)");
     Row(out, "device ID", Hex(device.id.data(), device.id.size(), " "));
     Row(out, "session",
         std::to_string(report.session) +
-            (report.sessionBefore == report.session ? "" : " (made by this login)"));
+            (report.sessionBefore == report.session ? "" : " (created by this login)"));
 }
 
 void PrintDiscovery(std::ostream& out, const DiscoveryResult& result) {

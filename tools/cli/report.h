@@ -1,4 +1,4 @@
-// What the commands print for people.
+// What the commands print in words.
 #pragma once
 
 #include <ostream>
@@ -11,7 +11,7 @@
 namespace kvtool {
 
 void PrintPackage(std::ostream& out, const PackageReport& report);
-// Of many findings of one kind only the first few, then how many more there are.
+// Prints only the first few findings of a kind, then how many more there are.
 void PrintFindings(std::ostream& out, const PackageReport& report);
 std::string SignatureText(const Signature& signature);
 void PrintInfo(std::ostream& out, const InfoReport& report);

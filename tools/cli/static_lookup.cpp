@@ -1,7 +1,7 @@
-// Name look-up of the static kvtool: /etc/hosts and DNS, whatever /etc/nsswitch.conf says.
+// The static kvtool looks names up in /etc/hosts and by DNS, whatever /etc/nsswitch.conf says.
 //
-// Other services are modules that the C library loads at run time, and they fit only the version of
-// it that they were built with. The two named here are part of the library itself.
+// The C library loads other services as modules at run time. They work only with the version that
+// they were built for. The two named here are part of the library itself.
 #include <nss.h>
 
 namespace {

@@ -47,8 +47,8 @@ const char* Zone(const DumpVerdict& verdict) {
     if (verdict.difference.first < verdict.image) {
         return "in the image";
     }
-    return verdict.difference.first < verdict.image + verdict.behind ? "behind the image"
-                                                                     : "in what stays erased";
+    return verdict.difference.first < verdict.image + verdict.behind ? "after the image"
+                                                                     : "in the erased rest";
 }
 
 void PrintVerdict(const DumpVerdict& verdict) {
@@ -58,12 +58,12 @@ void PrintVerdict(const DumpVerdict& verdict) {
                   << '\n';
         return;
     }
-    std::cout << "same, image " << SizeText(verdict.image) << ", written behind it "
+    std::cout << "same, image " << SizeText(verdict.image) << ", written after it "
               << SizeText(verdict.behind) << ", erased "
               << SizeText(verdict.size - verdict.image - verdict.behind) << '\n';
 }
 
-// Dumps that bear one name belong together, in the order given.
+// Dumps with the same name belong together, in the given order.
 std::vector<PartitionDump> ReadDumps(const std::vector<std::string>& texts) {
     std::vector<PartitionDump> dumps;
     for (const std::string& text : texts) {
@@ -87,7 +87,7 @@ ExitCode RunExtract(const ExtractCommand& command, Json* json) {
     const PackageReport report = CheckPackage(package, Layout::Default(), {});
     const std::vector<ImageFile> images = SelectImages(report, command.names, command.force);
     if (images.empty()) {
-        throw ToolError(ExitCode::kRefused, Printable(command.file) + " holds no image");
+        throw ToolError(ExitCode::kRefused, Printable(command.file) + " contains no image");
     }
     const std::filesystem::path folder(command.folder);
     std::error_code error;
@@ -100,7 +100,8 @@ ExitCode RunExtract(const ExtractCommand& command, Json* json) {
         const std::string path = folder / image.name;
         if (!command.force && std::filesystem::symlink_status(path, error).type() !=
                                   std::filesystem::file_type::not_found) {
-            throw ToolError(ExitCode::kRefused, Printable(path) + " exists already");
+            throw ToolError(ExitCode::kRefused,
+                            Printable(path) + " already exists; use --force to replace it");
         }
     }
     (*json)["images"] = Json::array();

@@ -1,4 +1,4 @@
-// The commands that take packages apart and compare them, as the command line hands them over.
+// The commands extract, diff and verify, after the command line is parsed.
 #pragma once
 
 #include <string>
@@ -29,7 +29,7 @@ struct VerifyCommand {
     bool json = false;
 };
 
-// As those of commands.h. Diff and verify return kDifferent where something differs.
+// Like those of commands.h. Diff and verify return kDifferent if something differs.
 ExitCode RunExtract(const ExtractCommand& command, Json* json);
 ExitCode RunDiff(const DiffCommand& command, Json* json);
 ExitCode RunVerify(const VerifyCommand& command, Json* json);

@@ -17,7 +17,8 @@ void AddExtract(CLI::App* root, Chosen* chosen) {
     app->add_option("-d,--directory", command->folder, "Folder to write to")
         ->required()
         ->type_name("DIR");
-    app->add_flag("--force", command->force, "Replace files; write what there is of a cut image");
+    app->add_flag("--force", command->force,
+                  "Replace files; write the part of a cut image that is there");
     app->add_flag("--json", chosen->json, "Print JSON");
     app->callback([command, chosen] {
         chosen->run = [command, chosen](Json* json) {
@@ -45,7 +46,7 @@ void AddDiff(CLI::App* root, Chosen* chosen) {
 void AddVerify(CLI::App* root, Chosen* chosen) {
     const auto command = std::make_shared<VerifyCommand>();
     CLI::App* app = root->add_subcommand(
-        "verify", "Tell whether dumps of the flash are what a package leaves there");
+        "verify", "Compare dumps of the flash with what a package leaves there");
     app->add_option("file", command->file, "Package")->required()->type_name("FILE");
     app->add_option("dumps", command->dumps, "NAME=DUMP: partition and dump of its device")
         ->required()

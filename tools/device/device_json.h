@@ -1,4 +1,4 @@
-// What devices tell, as JSON; docs/kvtool-json.md describes the keys.
+// Information about devices as JSON; docs/kvtool-json.md describes the keys.
 #pragma once
 
 #include <array>
@@ -21,7 +21,7 @@ Json InfoJson(const InfoReport& report);
 
 Json DiscoveryJson(const DiscoveryResult& result);
 
-// `result` is the closing line.
+// `result` is the text after "result:", or the error.
 Json UpgradeJson(const UpgradeRecord& record, const std::string& result);
 
 }  // namespace kvtool

@@ -64,12 +64,12 @@ bool IsNetmask(const std::string& text) {
     if (inet_pton(AF_INET, text.c_str(), &address) != 1) {
         return false;
     }
-    // One-bits first: the inverse is one less than a power of two.
+    // A netmask is ones, then zeros: its inverse is one less than a power of two.
     const uint32_t inverse = ~ntohl(address.s_addr);
     return (inverse & (inverse + 1)) == 0;
 }
 
-// Empty is allowed everywhere: the device leaves a field empty when it cannot tell.
+// Every field may be empty: the device leaves it empty if it does not know the value.
 std::string AddressFault(const DiscoveryReply& reply) {
     if (!reply.ip.empty() && !IsIpv4(reply.ip)) {
         return "bad IP address";

@@ -15,12 +15,12 @@ namespace kvtool {
 constexpr size_t kSearchSize = sizeof(kv::DiscoveryRequest);
 constexpr size_t kDiscoveryReplySize = sizeof(kv::DiscoveryReply);
 
-// A search request; the device only traces the two texts.
+// A search request. The device only logs the two texts.
 std::array<uint8_t, kSearchSize> SearchRequest(const std::string& sourceAddress,
                                                const std::string& sourceMac);
 
 struct DiscoveryReply {
-    // Empty where the device could not tell.
+    // Texts are empty if the device did not know them.
     std::string ip;
     std::string netmask;
     std::string gateway;
@@ -36,16 +36,16 @@ struct DiscoveryReply {
     uint16_t httpPort = 0;
 };
 
-// Decodes a datagram. Returns why it is not a trustworthy reply, or an empty text; only then is
-// *reply filled.
+// Decodes a datagram. Returns why it is not a valid reply. If it is one, returns an empty text and
+// fills *reply.
 std::string ParseDiscoveryReply(const uint8_t* data, size_t size, DiscoveryReply* reply);
 
-// Whether the text is a MAC address of the form "AA:BB:CC:DD:EE:FF", of either case.
+// Whether the text is a MAC address of the form "AA:BB:CC:DD:EE:FF", in either case.
 bool IsMacAddress(const std::string& text);
 std::string UpperCase(std::string text);
 
-// The form above, in upper case, of a MAC address as people write it: with colons, with hyphens or
-// as twelve digits. Nothing: the text is no MAC address.
+// Converts a MAC address with colons, with hyphens or as twelve digits to the form above, in upper
+// case. Returns nothing if the text is not a MAC address.
 std::optional<std::string> ParseMacAddress(const std::string& text);
 
 }  // namespace kvtool

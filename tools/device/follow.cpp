@@ -13,7 +13,7 @@ namespace kvtool {
 
 namespace {
 
-// A single missing or wrong answer may be a lost packet, a busy device or another client's reply; a
+// One missing or wrong answer may be a lost packet, a busy device or another client's reply. A
 // refused connection is certain at once.
 constexpr int kMissesThatCount = 2;
 
@@ -34,7 +34,8 @@ class Follower {
 
     ExitCode Run() {
         Assume(
-            "the device stops its application, flashes and restarts; it does not report on this");
+            "the device now stops its application, flashes and restarts; it does not report on "
+            "this");
         for (;;) {
             const Clock::time_point lookedAt = Clock::now();
             ProbeResult probe =
@@ -89,7 +90,7 @@ class Follower {
             }
             if (left_) {
                 left_ = false;
-                Observe("it still holds the session of this upgrade: it has not restarted");
+                Observe("it still has the session of this upgrade, so it has not restarted");
             }
             return false;
         }
@@ -98,12 +99,12 @@ class Follower {
             left_ = true;
             leftAt_ = Clock::now();
             blind_ = Millis(0);
-            Observe("it no longer serves recovery mode");
+            Observe("it no longer answers in recovery mode");
         }
         return false;
     }
 
-    // Whether somebody else has the address now. `reply_` is what was told there.
+    // Whether another device has the address now. Stores that device's search reply in `reply_`.
     bool IsStranger(const ProbeResult& probe) {
         if (probe.state != ProbeState::kRecovery || probe.session == record_->session) {
             return false;
@@ -118,16 +119,16 @@ class Follower {
     }
 
     void SayBack() {
-        Observe("back in recovery mode: its session is a new one, so its services have restarted");
+        Observe("back in recovery mode: its session is new, so its services have restarted");
         if (reply_) {
             (void)SayVersion(*reply_);
         }
         Assume(
-            "the upgrade is over; a device whose application is installed would not normally "
-            "serve recovery mode");
+            "the upgrade is over; a device with an installed application does not normally stay in "
+            "recovery mode");
     }
 
-    // Whether the reply tells the version that is expected.
+    // Whether the reply names the expected version.
     bool SayVersion(const DiscoveryReply& reply) {
         const bool expected = IsVersion(reply.firmware, target_.version);
         std::string text = "its firmware is " + Printable(reply.firmware);
@@ -138,8 +139,8 @@ class Follower {
         return expected;
     }
 
-    // Whether the application is seen to run: the port that it opens was closed since the
-    // acceptance and is open now, while recovery mode is not served.
+    // Whether the application runs: its port was closed after the acceptance and is open now, and
+    // the device does not answer in recovery mode.
     bool IsAlive(const ProbeResult& probe) {
         if (target_.alivePort == 0 || (!left_ && portWasClosed_)) {
             return false;
@@ -191,8 +192,8 @@ class Follower {
         }
     }
 
-    // How it ends when nothing was decisive in time. Time in which this PC could not look does not
-    // count, up to the sum of both times.
+    // The exit code once time is up without a decision. Time in which this PC could not look does
+    // not count, up to the sum of both limits.
     std::optional<ExitCode> EndOfTime(const ProbeResult& probe) {
         const Clock::time_point now = Clock::now();
         const bool last = now - start_ >= times_.leave + times_.back;
@@ -217,7 +218,10 @@ class Follower {
     void SayNotSeenAlive() {
         std::string text = "not seen alive within " + Text(times_.back);
         if (target_.alivePort == 0) {
-            text += ": which port its application opens is not known, name it with --expect-port";
+            text += ": the port of its application is not known; name it with --expect-port";
+        } else if (!portWasClosed_) {
+            text += ": port " + std::to_string(target_.alivePort) +
+                    " was never seen closed, so it proves nothing";
         } else if (!target_.version.empty()) {
             text += " with port " + std::to_string(target_.alivePort) + " open and firmware " +
                     Printable(target_.version);
@@ -225,7 +229,8 @@ class Follower {
             text += ": port " + std::to_string(target_.alivePort) + " was not seen open";
         }
         Observe(text);
-        Assume("in normal mode, or it does not start at all: from here both look the same");
+        Assume(
+            "the device is in normal mode or does not start at all; from here both look the same");
     }
 
     void ObserveOnce(const std::string& text) {
@@ -235,8 +240,7 @@ class Follower {
         }
     }
 
-    // A device that goes on sending is told of once; the rest is thrown away, a bounded amount each
-    // time.
+    // Reports once that the device goes on sending. Discards the rest, a bounded amount each time.
     void WatchConnection(Clock::time_point until) {
         size_t budget = kMostThrownAway;
         while (upgradeFd_ >= 0 && budget > 0 && Clock::now() < until &&
@@ -248,7 +252,7 @@ class Follower {
                 Observe("the connection of the upgrade has ended: " + received.error);
             } else if (received.state == ReceiveState::kData && !talked_) {
                 talked_ = true;
-                Observe("the device sends further bytes, the first are " +
+                Observe("the device sends more bytes; the first ones are " +
                         Hex(data.data(), std::min<size_t>(received.size, 32), " "));
             }
             budget -= std::min(budget, received.size);
@@ -285,9 +289,9 @@ const char* OutcomeText(ExitCode code) {
         case ExitCode::kBackInRecovery:
             return "accepted by the device; it has restarted and is back in recovery mode";
         case ExitCode::kNotSeenAlive:
-            return "accepted by the device; it left recovery mode and was not seen alive again";
+            return "accepted by the device; it left recovery mode, but was not seen alive again";
         default:
-            return "accepted by the device, but it was never seen to leave recovery mode";
+            return "accepted by the device; it was not seen to leave recovery mode";
     }
 }
 

@@ -1,4 +1,4 @@
-// What becomes of a device after an accepted upgrade, of which it tells nothing itself.
+// Follows a device after an accepted upgrade. The device itself reports nothing.
 #pragma once
 
 #include <cstdint>
@@ -11,29 +11,28 @@ namespace kvtool {
 struct FollowTarget {
     Endpoint endpoint;           // the command port
     Endpoint local;              // this PC's end of the upgrade's connection
-    std::string mac;             // "AA:BB:CC:DD:EE:FF"; empty: not known, no search for it
+    std::string mac;             // "AA:BB:CC:DD:EE:FF"; empty: not known, so no search for it
     uint16_t discoveryPort = 0;  // where searches go
     uint16_t alivePort = 0;      // TCP port that the running application opens; 0: not known
     // It was seen closed while the device was in recovery mode, before the upload.
     bool alivePortClosed = false;
-    std::string version;         // firmware that a reply must tell as well; empty: any
+    std::string version;         // firmware that a search reply must also name; empty: any
 };
 
-// Follows the device until it is seen alive, is back in recovery mode, or the times are over.
-// `upgradeFd` is the connection of the upgrade; nothing is sent on it. Adds what was seen to
-// record->observed and what is concluded to record->assumed. A fault of this PC's own network is
-// told and waited for, and nothing is concluded from it.
-// Blocks for at most times.leave + times.back and one look.
-// Returns kDone (seen to leave, then alive as `target` says), kBackInRecovery, kNotSeenAlive or
-// kNeverLeft.
+// Follows the device until it is seen alive, is back in recovery mode, or time is up. `upgradeFd`
+// is the connection of the upgrade; nothing is sent on it. Adds what it sees to record->observed
+// and what it concludes to record->assumed. It reports trouble of this PC's own network and waits
+// for its end, but concludes nothing from it. Blocks for at most times.leave + times.back and one
+// look. Returns kDone (seen to leave, then alive as `target` says), kBackInRecovery, kNotSeenAlive
+// or kNeverLeft.
 ExitCode Follow(const FollowTarget& target, int upgradeFd, const UpgradeTimes& times,
                 UpgradeListener* listener, UpgradeRecord* record);
 
 // What a result of Follow means, in words.
 const char* OutcomeText(ExitCode code);
 
-// Whether the firmware text of a device is the version asked for: the whole text, or what stands
-// behind its last "_V".
+// Whether `version` means this firmware of a device: the whole text, or the part after its last
+// "_V".
 bool IsVersion(const std::string& firmware, const std::string& version);
 
 }  // namespace kvtool

@@ -7,12 +7,12 @@ namespace kvtool {
 
 namespace {
 
-// Why a failed connection tells nothing of the device; empty: it does tell. A refusal counts only
-// while the way that led to the device is there: without it somebody else may have refused.
+// Why a failed connection says nothing about the device; empty: it does. A refusal counts only
+// while the path to the device exists: without it another host may have refused.
 std::string Blindness(const Connection& connection, const Endpoint& endpoint,
                       const Endpoint& local) {
     if (connection.state == ConnectState::kOwnTrouble) {
-        return "it has no way to the device: " + connection.error;
+        return "it cannot reach the device: " + connection.error;
     }
     return OwnTrouble(endpoint, local);
 }
@@ -25,7 +25,7 @@ ProbeResult Probe(const Endpoint& endpoint, const Endpoint& local, Millis connec
         const std::string blind = Blindness(connection, endpoint, local);
         if (!blind.empty()) {
             return {ProbeState::kBlind, 0,
-                    "this PC cannot look: " + blind + "; that says nothing of the device"};
+                    "this PC cannot look: " + blind + "; that says nothing about the device"};
         }
         if (connection.state == ConnectState::kRefused) {
             return {ProbeState::kRefused, 0, endpoint.text + " refuses connections"};
@@ -38,11 +38,13 @@ ProbeResult Probe(const Endpoint& endpoint, const Endpoint& local, Millis connec
         return {ProbeState::kRecovery, session, endpoint.text + " answers in recovery mode"};
     } catch (const ToolError& error) {
         if (error.Code() == ExitCode::kNoReply) {
-            return {ProbeState::kSilent, 0, endpoint.text + " accepts connections but is silent"};
+            return {ProbeState::kSilent, 0,
+                    endpoint.text + " accepts connections but does not answer"};
         }
         if (error.Code() == ExitCode::kBadReply || error.Code() == ExitCode::kLost) {
-            return {ProbeState::kOther, 0,
-                    endpoint.text + " accepts connections but does not answer as in recovery mode"};
+            return {
+                ProbeState::kOther, 0,
+                endpoint.text + " accepts connections but does not answer as recovery mode does"};
         }
         throw;
     }

@@ -1,4 +1,4 @@
-// Single looks at a device from outside.
+// Looks at a device once from outside.
 #pragma once
 
 #include <cstdint>
@@ -10,11 +10,11 @@ namespace kvtool {
 
 enum class ProbeState {
     kRecovery,     // a login was answered
-    kOther,        // something is there that does not speak the protocol, or closed at once
+    kOther,        // something does not speak the protocol, or closed the connection
     kSilent,       // connected, but no answer in time
     kRefused,      // the host is there, the port is closed
     kUnreachable,  // no connection at all
-    kBlind,        // this PC's own network is at fault; nothing is known of the device
+    kBlind,        // this PC's own network is at fault; the device may be fine
 };
 struct ProbeResult {
     ProbeState state;
@@ -22,9 +22,9 @@ struct ProbeResult {
     std::string text;      // what was seen, in words
 };
 
-// Connects to the command port and logs in on a connection of its own. `local` is the address of
-// this PC that led to the device before (length 0: not known); a failure counts as kBlind while it
-// is not usable. Blocks for at most both time-outs.
+// Connects to the command port and logs in on a new connection. `local` is the address of this PC
+// that reached the device before (length 0: not known); a failure is kBlind while that address is
+// not usable. Blocks for at most the sum of both time-outs.
 ProbeResult Probe(const Endpoint& endpoint, const Endpoint& local, Millis connect, Millis reply);
 
 enum class PortState {
@@ -32,7 +32,7 @@ enum class PortState {
     kClosed,  // refused, or no connection in time
     kBlind,   // as above
 };
-// Whether the port of the endpoint's host takes connections. Sends nothing on one.
+// Whether this port of the endpoint's host accepts connections. Sends nothing.
 PortState LookAtPort(const Endpoint& endpoint, uint16_t port, const Endpoint& local,
                      Millis timeout);
 

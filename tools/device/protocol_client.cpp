@@ -59,14 +59,14 @@ void ProtocolClient::ReceiveExactly(uint8_t* data, size_t size, const char* what
         if (received.state == ReceiveState::kClosed) {
             throw ToolError(ExitCode::kLost, std::string(what) + ": " + received.error + " (" +
                                                  std::to_string(done) + " of " +
-                                                 std::to_string(size) + " bytes had come)");
+                                                 std::to_string(size) + " bytes arrived)");
         }
         done += received.size;
         if (received.state == ReceiveState::kNothing && WaitFor(fd_.Get(), POLLIN, deadline) == 0) {
             throw ToolError(ExitCode::kNoReply, std::string(what) + ": no answer within " +
                                                     std::to_string(replyTimeout_.count()) +
                                                     " ms (" + std::to_string(done) + " of " +
-                                                    std::to_string(size) + " bytes came)");
+                                                    std::to_string(size) + " bytes arrived)");
         }
     }
 }
@@ -74,10 +74,10 @@ void ProtocolClient::ReceiveExactly(uint8_t* data, size_t size, const char* what
 ProtocolClient::Reply ProtocolClient::Request(uint16_t command, const char* what,
                                               size_t payloadSize) {
     const Clock::time_point deadline = Clock::now() + replyTimeout_;
-    // Bytes that nobody asked for would be taken for the start of this reply.
+    // Unexpected bytes would be taken for the start of this reply.
     uint8_t stale = 0;
     if (ReceiveNow(fd_.Get(), &stale, 1).state == ReceiveState::kData) {
-        BadReply(what, "bytes came before the request was sent");
+        BadReply(what, "bytes arrived before the request was sent");
     }
     std::array<uint8_t, kv::kFrameHeaderSize> frame{};
     kv::FillFrameHeader(frame.data(), command, 0, session_, 0, 0);
@@ -121,7 +121,7 @@ std::array<uint8_t, kv::kSerialSize> ProtocolClient::SerialNumber() {
     std::array<uint8_t, kv::kSerialSize> serial{};
     std::copy(reply.payload.begin(), reply.payload.end(), serial.begin());
     if (std::find(serial.begin(), serial.end(), 0) != serial.end()) {
-        BadReply("serial number", "a byte of it is 0");
+        BadReply("serial number", "one of its bytes is 0");
     }
     return serial;
 }

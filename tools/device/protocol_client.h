@@ -24,7 +24,7 @@ struct ReplyHeader {
 ReplyHeader DecodeReplyHeader(const uint8_t* frame);
 
 // Why the header cannot be the start of a reply to this command; empty: it can.
-// The status is not looked at.
+// Does not check the status.
 std::string ReplyFault(const ReplyHeader& header, uint16_t command);
 
 struct DeviceInfo {
@@ -42,8 +42,8 @@ class ProtocolClient {
     ProtocolClient(UniqueFd fd, Millis replyTimeout)
         : fd_(std::move(fd)), replyTimeout_(replyTimeout) {}
 
-    // Each blocks for at most the reply time-out and throws ToolError: kNoReply when it passes,
-    // kLost when the connection ends, kBadReply when what came is not the reply.
+    // Each blocks for at most the reply time-out and throws ToolError: kNoReply after the time-out,
+    // kLost if the connection ends, kBadReply if the answer is not a good reply.
     // The session the server held before this login.
     uint32_t Login();
     // The session the server holds.
@@ -66,7 +66,7 @@ class ProtocolClient {
     uint32_t session_ = 0;
 };
 
-// Connects to the first endpoint that lets itself be connected to. The time-out is for each.
+// Connects to the first endpoint that accepts. The time-out applies to each endpoint.
 // Throws ToolError(kUnreachable).
 struct Connected {
     UniqueFd fd;

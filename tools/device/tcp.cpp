@@ -47,7 +47,7 @@ void FillText(Endpoint* endpoint) {
     endpoint->text = (plain ? endpoint->host : "[" + endpoint->host + "]") + ":" + service;
 }
 
-// Errors that this PC gives without asking anybody.
+// Errors that come from this PC itself, not from the network.
 bool IsOwnTrouble(int error) {
     switch (error) {
         case ENETUNREACH:
@@ -66,7 +66,8 @@ bool IsOwnTrouble(int error) {
     }
 }
 
-// Whether the kernel finds a way to the peer; a connected datagram socket sends nothing.
+// The error if the kernel has no route to the peer, else 0. Connecting a datagram socket sends
+// nothing.
 int RouteError(const Endpoint& peer) {
     const UniqueFd fd(socket(peer.address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!fd || connect(fd.Get(), Generic(&peer.address), peer.length) != 0) {
@@ -75,7 +76,7 @@ int RouteError(const Endpoint& peer) {
     return 0;
 }
 
-// What is wrong with the interface that has the address; empty: nothing.
+// What is wrong with the interface of the address; empty: nothing.
 std::string InterfaceTrouble(const Endpoint& local) {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) {
@@ -142,7 +143,7 @@ Connection Connect(const Endpoint& endpoint, Clock::time_point deadline) {
         return Failed(errno);
     }
     const int fd = connection.fd.Get();
-    // Each request must leave as one segment at once: the device does not put pieces together.
+    // The device does not join pieces, so each request must leave at once as one segment.
     const int on = 1;
     (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     if (connect(fd, Generic(&endpoint.address), endpoint.length) != 0) {
@@ -166,7 +167,7 @@ Connection Connect(const Endpoint& endpoint, Clock::time_point deadline) {
 Endpoint WithPort(const Endpoint& endpoint, uint16_t port) {
     Endpoint other = endpoint;
     const uint16_t value = htons(port);
-    // The port stands at the same place for both families.
+    // Both address families have the port at the same offset.
     static_assert(offsetof(sockaddr_in, sin_port) == offsetof(sockaddr_in6, sin6_port), "");
     memcpy(reinterpret_cast<char*>(&other.address) + offsetof(sockaddr_in, sin_port), &value,
            sizeof value);
@@ -188,7 +189,7 @@ Endpoint LocalEnd(int fd) {
 std::string OwnTrouble(const Endpoint& peer, const Endpoint& local) {
     const int error = RouteError(peer);
     if (error != 0) {
-        return std::string("it has no way to the device: ") + strerror(error);
+        return std::string("it cannot reach the device: ") + strerror(error);
     }
     return local.length == 0 ? "" : InterfaceTrouble(local);
 }

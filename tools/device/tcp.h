@@ -43,12 +43,11 @@ Connection Connect(const Endpoint& endpoint, Clock::time_point deadline);
 // The same host, another port.
 Endpoint WithPort(const Endpoint& endpoint, uint16_t port);
 
-// The address that the connection leaves this PC by; length 0 when it cannot be told.
+// The address of this PC's end of the connection; length 0 if it is not known.
 Endpoint LocalEnd(int fd);
 
-// Why a look at `peer` would tell nothing of the peer now: this PC has no route to it, has lost the
-// address `local` (length 0: not known), or that address's interface has no link. Empty: the way
-// out is there.
+// Why this PC cannot judge `peer` now: it has no route to it, has lost the address `local` (length
+// 0: not known), or the interface of that address is down or has no link. Empty: nothing is wrong.
 std::string OwnTrouble(const Endpoint& peer, const Endpoint& local);
 
 enum class ReceiveState { kData, kNothing, kClosed };
@@ -57,14 +56,14 @@ struct Received {
     size_t size = 0;    // bytes stored, when kData
     std::string error;  // how the peer closed, when kClosed
 };
-// Takes what has arrived, at most `size` bytes, without waiting.
+// Reads what has arrived, at most `size` bytes, without waiting.
 Received ReceiveNow(int fd, uint8_t* data, size_t size);
 
-// Gives bytes to the socket without waiting; returns how many it took (0: its buffer is full).
-// Throws ToolError(kLost) when the connection is broken.
+// Gives bytes to the socket without waiting. Returns how many it took (0: its buffer is full).
+// Throws ToolError(kLost) if the connection is broken.
 size_t SendNow(int fd, const uint8_t* data, size_t size);
 
-// Bytes given to the socket that the peer has not acknowledged yet.
+// Number of bytes given to the socket that the peer has not acknowledged yet.
 size_t Unacknowledged(int fd);
 
 }  // namespace kvtool

@@ -15,7 +15,7 @@ constexpr Millis kTick{100};
 
 }  // namespace
 
-// Measures a phase; the phase is recorded only when its end is reached without an exception.
+// Measures a phase. Only a phase that ends without an exception is recorded.
 class UpgradeSession::PhaseTimer {
   public:
     PhaseTimer(UpgradeSession* session, const char* name)
@@ -46,7 +46,7 @@ void CheckIdentity(const std::string& ic, const std::string& sensor, const Devic
     if (ic != device.ic || sensor != device.sensor) {
         throw ToolError(ExitCode::kRefused, "the package is for chip '" + Printable(ic) +
                                                 "' and sensor '" + Printable(sensor) +
-                                                "', the device has '" + Printable(device.ic) +
+                                                "', but the device has '" + Printable(device.ic) +
                                                 "' and '" + Printable(device.sensor) +
                                                 "'; nothing was sent");
     }
@@ -64,7 +64,7 @@ void UpgradeSession::Connect(const std::string& host, uint16_t port) {
 void UpgradeSession::Login() {
     PhaseTimer phase(this, "login");
     (void)client_.Login();
-    // The reply to the first login still carries the session before it.
+    // The reply to the login still carries the previous session.
     record_->session = client_.Heartbeat();
     phase.Done("session " + std::to_string(record_->session));
 }
@@ -125,8 +125,8 @@ void UpgradeSession::Lost(const std::string& why) const {
                         std::to_string(record_->total) + " bytes were acknowledged)");
 }
 
-// Counts what the device has acknowledged. The request's own bytes stand in the same queue in front
-// of the stream; they are out of it long before the count matters.
+// Counts what the device has acknowledged. The request is in the same queue, before the package. It
+// has left the queue long before the count matters.
 void UpgradeSession::Advance(bool force) {
     const uint64_t pending = Unacknowledged(Fd());
     const uint64_t acknowledged = given_ > pending ? given_ - pending : 0;
@@ -146,18 +146,18 @@ void UpgradeSession::Advance(bool force) {
     }
 }
 
-// Takes what has come from the device. Returns whether anything came.
+// Reads what the device has sent. Returns whether there was anything.
 bool UpgradeSession::TakeAnswer(bool allSent) {
     const Received received =
         ReceiveNow(Fd(), answer_.data() + answerSize_, answer_.size() - answerSize_);
     if (received.state == ReceiveState::kClosed && busySeen_) {
-        throw ToolError(ExitCode::kBusy,
-                        "the device says that an accepted upgrade is under way; " + received.error);
+        throw ToolError(ExitCode::kBusy, "the device says that an accepted upgrade is under way; " +
+                                             received.error + "; wait for that upgrade to end");
     }
     if (received.state == ReceiveState::kClosed && allSent) {
         throw ToolError(ExitCode::kNoVerdict,
                         "everything was sent, but " + received.error +
-                            " before it gave a verdict; it has probably found the package wrong "
+                            " before it gave a verdict; it has probably rejected the package "
                             "and reboots");
     }
     if (received.state == ReceiveState::kClosed) {
@@ -167,7 +167,7 @@ bool UpgradeSession::TakeAnswer(bool allSent) {
     return received.state == ReceiveState::kData;
 }
 
-// Judges a complete answer that is not an acceptance.
+// Handles a complete answer that is not an acceptance.
 void UpgradeSession::Interpret(bool allSent) {
     const ReplyHeader header = DecodeReplyHeader(answer_.data());
     const std::string fault = ReplyFault(header, kv::kCmdUpgrade);
@@ -179,9 +179,9 @@ void UpgradeSession::Interpret(bool allSent) {
         busySeen_ = true;
         if (!allSent) {
             throw ToolError(ExitCode::kBusy,
-                            "the device says that an accepted upgrade is under way; the upload was "
-                            "ended at once, but it has replaced the package that the device is "
-                            "working from: expect to have to upgrade again");
+                            "the device says that an accepted upgrade is under way; the upload "
+                            "stopped at once, but it may have spoiled that upgrade: wait for the "
+                            "device, and upgrade it again if it does not run");
         }
         return;
     }
@@ -220,7 +220,7 @@ void UpgradeSession::WaitQuiet(Clock::time_point until) {
     }
 }
 
-// The last bytes may still be on their way when the answer comes, so an answer ends the wait too.
+// The answer may overtake the last acknowledgement, so it ends the wait too.
 void UpgradeSession::WaitAcknowledged() {
     const bool allGiven = given_ == record_->total;
     Advance(false);
@@ -249,7 +249,7 @@ void UpgradeSession::AwaitVerdict() {
             }
             Interpret(true);
         }
-        // The clock ends it: a device may go on sending for ever.
+        // Check the clock each time: a device may never stop sending.
         if (Clock::now() >= deadline || WaitFor(Fd(), POLLIN, deadline) == 0) {
             break;
         }
@@ -257,13 +257,13 @@ void UpgradeSession::AwaitVerdict() {
     }
     if (busySeen_) {
         throw ToolError(ExitCode::kBusy,
-                        "the device says that an accepted upgrade is under way, "
-                        "and has not accepted this package");
+                        "the device says that an accepted upgrade is under way; it has not "
+                        "accepted this package");
     }
     throw ToolError(ExitCode::kNoVerdict,
                     "everything was sent, but the device gave no verdict within " +
                         std::to_string(times_.verify.count()) +
-                        " ms; it has probably found the package wrong and reboots");
+                        " ms; it has probably rejected the package and reboots");
 }
 
 }  // namespace kvtool

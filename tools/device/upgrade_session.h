@@ -16,15 +16,15 @@ namespace kvtool {
 struct UpgradeTimes {
     Millis connect{5000};
     Millis reply{5000};
-    // The device must get the request's 32 bytes as a piece of its own: this long nothing follows.
+    // Pause after the request, because the device must read its 32 bytes alone.
     Millis headerGap{300};
-    // Before this time from the request only the first few bytes are sent. The device does not read
-    // them earlier anyway, and if it is busy it says so on the first that it reads.
+    // Until this time after the request only a first piece is sent. The device does not read it
+    // earlier anyway, and a busy device says so when it reads its first bytes.
     Millis firstLook{1500};
-    Millis stall{25000};   // longest time without any byte acknowledged by the device
+    Millis stall{25000};   // longest time in which the device acknowledges no byte
     Millis verify{60000};  // from the last byte to the verdict
     Millis leave{600000};  // from the verdict until the device is seen to leave recovery mode
-    Millis back{120000};   // from there until it must have been seen alive
+    Millis back{120000};   // from then until it must have been seen alive
     Millis probeEvery{2000};
     Millis probeReply{3000};
     Millis ask{1500};           // for a reply to a search at the device's own address
@@ -37,10 +37,11 @@ struct Phase {
     double seconds;
 };
 
-// How much of the upgrade request and the stream behind it has been handed to the network.
+// How much of the upgrade request, package and trailer the network has taken.
 enum class Sent { kNothing, kPart, kAll };
 
-// Everything that is known of an upgrade; filled as it goes on, so that it is true at any failure.
+// Everything known about an upgrade. It is filled in as the upgrade proceeds, so it is true after
+// any failure.
 struct UpgradeRecord {
     std::string address;
     std::string mac;  // empty: not known
@@ -48,7 +49,7 @@ struct UpgradeRecord {
     bool identified = false;
     DeviceInfo device;
     uint64_t total = 0;         // package and trailer
-    uint64_t acknowledged = 0;  // of these, what the device's TCP has acknowledged
+    uint64_t acknowledged = 0;  // how much of it the device's TCP has acknowledged
     Sent sent = Sent::kNothing;
     bool accepted = false;  // the device answered with status 0
     std::vector<Phase> phases;
@@ -70,12 +71,12 @@ enum class UpgradeStep {
     kFinish,  // sends the trailer: from here on the device may accept, whatever is seen of it
 };
 
-// Told of what happens as it happens. Called on the calling thread only.
+// Receives events as they happen, on the calling thread.
 class UpgradeListener {
   public:
     virtual ~UpgradeListener() = default;
     virtual void Line(const std::string& text) = 0;
-    // About every 100 ms during the upload, also while the device acknowledges nothing.
+    // About every 100 ms during the upload, even while the device acknowledges nothing.
     virtual void Progress(const UploadProgress& progress) = 0;
     // Comes back before anything of the step is done. What it throws ends the upgrade there.
     virtual void Before(UpgradeStep step) { (void)step; }
@@ -86,18 +87,18 @@ class UpgradeSession {
     UpgradeSession(const UpgradeTimes& times, UpgradeListener* listener, UpgradeRecord* record)
         : times_(times), listener_(listener), record_(record) {}
 
-    // Each step blocks within its time-outs, adds its phases to the record and throws ToolError
-    // on failure. Call them in this order.
+    // Call the steps in this order. Each blocks within its time-outs, adds its phases to the record
+    // and throws ToolError on failure.
     void Connect(const std::string& host, uint16_t port);
     void Login();
     void Identify();
-    // Sends the package and its trailer and waits for the verdict; returns once the package is
-    // accepted. Nothing is sent on the connection afterwards: the device would take any further
-    // byte for a reason to reboot in the middle of its work.
+    // Sends the package and its trailer, waits for the verdict, and returns once the package is
+    // accepted. Send nothing on the connection afterwards: after a large package any further byte
+    // makes the device reboot while it flashes.
     void Upload(const Bytes& package);
 
     const Endpoint& Peer() const { return endpoint_; }
-    // The connection, which stays open; for seeing when the device closes it.
+    // The connection. It stays open, so that the caller sees when the device closes it.
     int Fd() const { return client_.Fd(); }
 
   private:
@@ -117,7 +118,7 @@ class UpgradeSession {
     ProtocolClient client_{UniqueFd(), Millis(0)};
     Endpoint endpoint_;
 
-    uint64_t given_ = 0;  // stream bytes that the socket has taken
+    uint64_t given_ = 0;  // bytes of package and trailer that the socket has taken
     Clock::time_point uploadStart_;
     Clock::time_point lastAdvance_;
     Clock::time_point lastReport_;
@@ -130,7 +131,7 @@ class UpgradeSession {
 // Throws ToolError(kRefused) for the types of a package that are not the device's.
 void CheckIdentity(const std::string& ic, const std::string& sensor, const DeviceInfo& device);
 
-// The trailer that follows a package on the wire.
+// The trailer to send after this package.
 std::array<uint8_t, kv::kMd5TrailerSize> MakeTrailer(const Bytes& package);
 
 }  // namespace kvtool

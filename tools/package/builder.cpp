@@ -30,18 +30,18 @@ std::string Joined(const std::vector<std::string>& lines) {
     return text;
 }
 
-// What no package can express.
+// Refuses what no package can express.
 void RequireExpressible(const BuildRequest& request) {
     std::vector<std::string> problems;
     for (const std::string* text : {&request.ic, &request.sensor}) {
         if (!FitsField(*text, kHeaderTextSize)) {
-            problems.push_back("'" + Printable(*text) + "': chip and sensor type are 1 to " +
+            problems.push_back("'" + Printable(*text) + "': a chip or sensor type has 1 to " +
                                std::to_string(kHeaderTextSize - 1) + " printable characters");
         }
     }
     for (const ImageSpec& image : request.images) {
         if (!FitsField(image.name, kNameSize)) {
-            problems.push_back("'" + Printable(image.name) + "': a name is 1 to " +
+            problems.push_back("'" + Printable(image.name) + "': a name has 1 to " +
                                std::to_string(kNameSize - 1) + " printable characters");
         }
     }
@@ -55,8 +55,7 @@ void RequireExpressible(const BuildRequest& request) {
 
 void CheckTarget(const ImageSpec& image, const LayoutRow& row, std::vector<std::string>* problems) {
     if (image.bytes.empty()) {
-        problems->push_back(image.name + ": empty; the device would erase " + row.name +
-                            " for it all the same");
+        problems->push_back(image.name + ": empty; the device would still erase " + row.name);
     }
     if (image.bytes.size() > row.size) {
         problems->push_back(image.name + ": " + SizeText(image.bytes.size()) +
@@ -64,7 +63,7 @@ void CheckTarget(const ImageSpec& image, const LayoutRow& row, std::vector<std::
     }
 }
 
-// What the device would take otherwise than it is meant.
+// What the device would not install as intended.
 std::vector<std::string> Objections(const BuildRequest& request) {
     std::vector<std::string> problems;
     std::map<std::string, std::string> taken;
@@ -82,8 +81,8 @@ std::vector<std::string> Objections(const BuildRequest& request) {
             CheckTarget(image, row, &problems);
             const auto [other, fresh] = taken.emplace(row.name, image.name);
             if (!fresh) {
-                problems.push_back(image.name + ": the partition " + row.name + " is taken by " +
-                                   other->second + " already");
+                problems.push_back(image.name + ": the partition " + row.name +
+                                   " is already taken by " + other->second);
             }
         }
     }
@@ -134,7 +133,7 @@ BuildResult BuildPackage(const BuildRequest& request) {
     for (auto image = order.begin(); image != order.end(); ++image) {
         const uint64_t length = (*image)->bytes.size();
         offsets.push_back(total);
-        // Padding behind the boot loader would make its writer go on into the next device.
+        // Padding after the boot loader would make its writer continue on the next device.
         total += image >= boot ? length : RoundedLength(length, false);
     }
     if (total > kMaxPackageSize) {

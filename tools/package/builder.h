@@ -19,18 +19,18 @@ struct BuildRequest {
     std::string sensor;
     std::vector<ImageSpec> images;
     Layout layout;
-    bool force = false;  // build although the device would not do with it what is meant
+    bool force = false;  // build even if the device would not install it as intended
 };
 
 struct BuildResult {
     Bytes bytes;
-    std::vector<std::string> warnings;  // objections that `force` overrode
+    std::vector<std::string> warnings;  // problems that `force` overrode
 };
 
-// The same request gives the same bytes. Images stand in the given order, each followed by 0xFF up
-// to a multiple of 64 KiB from its own start; the boot loader comes last and ends the file.
-// Throws ToolError(kRefused) with every objection, one a line. What cannot be expressed in a
-// package (a name that does not fit its field) is refused even when forced.
+// The same request gives the same bytes. Images are in the given order, each padded with 0xFF to a
+// multiple of 64 KiB from its own start. The boot loader comes last and ends the file.
+// Throws ToolError(kRefused) with one problem per line. A name or type that does not fit its field
+// is refused even if forced.
 BuildResult BuildPackage(const BuildRequest& request);
 
 }  // namespace kvtool

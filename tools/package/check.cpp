@@ -14,8 +14,8 @@ namespace kvtool {
 
 namespace {
 
-// Answers whether a range of the package holds nothing but 0xFF without reading all of it again for
-// each of many entries.
+// Tells whether a range of the package is all 0xFF, without reading all of it again for each of
+// many entries.
 class BlankMap {
   public:
     explicit BlankMap(const Bytes& bytes) : bytes_(bytes) {
@@ -26,7 +26,7 @@ class BlankMap {
         }
     }
 
-    // Both ends lie inside the package.
+    // The range must lie inside the package.
     bool IsBlank(uint64_t first, uint64_t end) const {
         const uint64_t firstBlock = (first + kBlock - 1) / kBlock;
         const uint64_t endBlock = end / kBlock;
@@ -154,12 +154,12 @@ void Checker::ReadEntries() {
                                                       : 0;
         if (held < kv::kPackageEntrySize && reached) {
             Find(Severity::kError, "table_cut", static_cast<int>(std::min<uint32_t>(i, 0x7FFFFFFF)),
-                 "the table runs past the end of the file");
+                 "the table extends past the end of the file");
         }
         if (held == 0) {
             return;
         }
-        // The device clears its buffer before it reads, so missing bytes are zero for it too.
+        // The device clears its buffer before reading, so missing bytes are zero there too.
         std::array<uint8_t, kv::kPackageEntrySize> raw{};
         memcpy(raw.data(), package_.data() + start, held);
         kv::UpgradeFileEntryBytes bytes;
@@ -194,8 +194,7 @@ void Checker::CheckEntry(EntryReport* entry) {
     }
     if (entry->checkCode != kv::kEntryCheckCode) {
         Error(*entry, "check_code",
-              "bad check code: the device stops here and reboots, entries before this one "
-              "stay written");
+              "bad check code: the device stops here and reboots; earlier entries stay written");
         return;
     }
     if (entry->targets.empty()) {
@@ -204,7 +203,7 @@ void Checker::CheckEntry(EntryReport* entry) {
     }
     if (entry->targets.size() > 1) {
         Error(*entry, "several_partitions",
-              "the name selects more than one partition: each of them is written");
+              "the name selects more than one partition: the device writes each of them");
     }
     for (const LayoutRow& target : entry->targets) {
         CheckImage(entry, target);
@@ -215,26 +214,26 @@ void Checker::CheckImage(EntryReport* entry, const LayoutRow& target) {
     if (entry->dataLen > target.size) {
         Error(*entry, "too_large",
               "larger than the partition " + target.name + " (" + SizeText(target.size) +
-                  "): the device passes the entry over");
+                  "): the device skips the entry");
         return;
     }
     if (entry->dataLen == 0) {
         Error(*entry, "empty",
               target.IsBoot() ? "empty: the device erases the boot loader and writes nothing"
                               : "empty: the device erases the partition and writes whatever "
-                                "stands at the offset");
+                                "is at the offset");
     }
     if (entry->inFile < entry->dataLen) {
         Error(*entry, "image_cut",
-              "the image runs past the end of the file: the device erases the partition and "
+              "the image extends past the end of the file: the device erases the partition and "
               "writes only the " +
-                  SizeText(entry->inFile) + " that are there");
+                  SizeText(entry->inFile) + " that exist");
     }
     MeasureBehind(entry, target);
 }
 
-// Only the end of the file stops the boot-loader writer once it has read past the image: it then
-// goes on into the next device of the region.
+// Once the boot-loader writer has read past the image, only the end of the file stops it: it
+// continues on the next device of the region.
 void Checker::MeasureBehind(EntryReport* entry, const LayoutRow& target) {
     const uint64_t end = uint64_t{entry->dataOffset} + entry->dataLen;
     const uint64_t rounded = RoundedLength(entry->dataLen, target.IsBoot());
@@ -250,11 +249,11 @@ void Checker::MeasureBehind(EntryReport* entry, const LayoutRow& target) {
     if (target.IsBoot() && behind > 0) {
         Error(*entry, "boot_unbounded",
               "the end of the file does not bound the boot loader: up to " + SizeText(behind) +
-                  " that follow it are written too");
+                  " after it are written too");
     } else if (!blank) {
         Warn(*entry, "behind_not_blank",
              SizeText(behind) +
-                 " that follow the image are written behind it, and they "
+                 " after the image in the package are written after it, and they "
                  "are not blank (0xFF)");
     }
 }
@@ -275,8 +274,8 @@ void Checker::CheckOverlaps() {
     std::stable_sort(sorted.begin(), sorted.end(), [](const EntryReport* a, const EntryReport* b) {
         return a->dataOffset < b->dataOffset;
     });
-    // Against the one that reaches furthest so far, so that a long image is compared with all that
-    // lie inside it.
+    // Compare each image with the one that extends furthest so far. So a long image is compared
+    // with all images inside it.
     const EntryReport* furthest = nullptr;
     uint64_t reach = 0;
     for (const EntryReport* entry : sorted) {
@@ -304,7 +303,7 @@ void Checker::CheckTargets() {
             any = any || selects;
             if (selects && first != nullptr) {
                 Warn(entry, "written_twice",
-                     "partition " + row.name + " is written already by entry " +
+                     "partition " + row.name + " is already written by entry " +
                          std::to_string(first->index));
             } else if (selects) {
                 first = &entry;
@@ -317,7 +316,7 @@ void Checker::CheckTargets() {
     }
 }
 
-// Blank padding up to the transfer unit counts as the image's own.
+// Blank padding up to the transfer unit counts as part of the image.
 void Checker::CheckUnclaimed() {
     const uint64_t tableEnd =
         kv::kPackageHeaderSize + uint64_t{report_.fileNum} * kv::kPackageEntrySize;
@@ -345,8 +344,8 @@ void Checker::CheckUnclaimed() {
     }
 }
 
-// Entries that share an image share its digest. A table of many long images that overlap would
-// take time without end; what is too much goes without.
+// Entries that share an image share its digest. Many long overlapping images would take far too
+// much time, so after a limit entries have no digest.
 std::string Checker::Digest(uint64_t start, uint64_t size) {
     const auto [digest, fresh] = digests_.try_emplace({start, size});
     if (fresh && size <= hashLeft_) {

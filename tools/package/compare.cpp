@@ -13,7 +13,8 @@ namespace {
 PackageReport ReadPackage(const Bytes& package, const Layout& layout) {
     PackageReport report = CheckPackage(package, layout, {});
     if (!report.headerComplete) {
-        throw ToolError(ExitCode::kRefused, "one of the files is no package");
+        throw ToolError(ExitCode::kRefused,
+                        "one of the files is not a package: it is shorter than a header");
     }
     return report;
 }

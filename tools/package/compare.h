@@ -1,4 +1,4 @@
-// Two packages, image by image.
+// Compares two packages image by image.
 #pragma once
 
 #include <optional>
@@ -9,7 +9,7 @@
 
 namespace kvtool {
 
-// Where two runs of bytes differ. What only the longer one has counts as different.
+// How two byte sequences differ. The bytes that only the longer one has count as different.
 struct ByteDifference {
     uint64_t first = 0;  // offset of the first
     uint64_t count = 0;  // how many; 0: none
@@ -18,7 +18,7 @@ ByteDifference CompareBytes(const uint8_t* a, uint64_t sizeA, const uint8_t* b, 
 
 enum class ImageChange {
     kSame,
-    kMoved,  // same bytes at another offset or at another place in the table
+    kMoved,  // same bytes, but another offset or place in the table
     kChanged,
     kAdded,
     kRemoved,
@@ -51,8 +51,8 @@ struct PackageComparison {
     std::vector<ImageComparison> images;  // those of A in their order, then those that B adds
 };
 
-// Images of the same name belong together, the first with the first. Both files must hold a whole
-// header; throws ToolError(kRefused).
+// Pairs images of the same name in their order. Throws ToolError(kRefused) if a file does not
+// contain a whole header.
 PackageComparison ComparePackages(const Bytes& a, const Bytes& b, const Layout& layout);
 
 }  // namespace kvtool

@@ -27,7 +27,8 @@ std::vector<ImageFile> SelectImages(const PackageReport& report,
     for (const std::string& name : names) {
         if (std::none_of(report.entries.begin(), report.entries.end(),
                          [&name](const EntryReport& entry) { return Asks(name, entry); })) {
-            throw ToolError(ExitCode::kRefused, "no entry is called '" + Printable(name) + "'");
+            throw ToolError(ExitCode::kRefused, "no entry or partition of the package is called '" +
+                                                    Printable(name) + "'");
         }
     }
     std::vector<ImageFile> images;
@@ -41,11 +42,12 @@ std::vector<ImageFile> SelectImages(const PackageReport& report,
         const std::string where = "entry " + std::to_string(entry.index) + ": ";
         if (!IsPlainFileName(entry.name)) {
             throw ToolError(ExitCode::kRefused,
-                            where + "'" + Printable(entry.name) + "' is no plain file name");
+                            where + "'" + Printable(entry.name) + "' is not a plain file name");
         }
         if (entry.inFile < entry.dataLen && !force) {
-            throw ToolError(ExitCode::kRefused, where + "the file holds " + SizeText(entry.inFile) +
-                                                    " of " + SizeText(entry.dataLen));
+            throw ToolError(ExitCode::kRefused,
+                            where + "the package contains only " + SizeText(entry.inFile) + " of " +
+                                SizeText(entry.dataLen) + "; use --force to write these");
         }
         std::string name = entry.name;
         while (!taken.insert(name).second) {

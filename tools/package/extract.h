@@ -10,17 +10,17 @@ namespace kvtool {
 
 struct ImageFile {
     const EntryReport* entry;
-    std::string name;  // a plain file name, different for each
+    std::string name;  // a plain file name, unique
 };
 
-// The images that `names` ask for, by entry name or partition; all of them where none is given.
-// Throws ToolError(kRefused) for a name that no entry has, an entry name that is no plain file name
-// (empty, hidden, with a slash or unprintable bytes), and, unless forced, an image that the file
-// does not hold whole.
+// The images that `names` select by entry name or partition; without names all of them.
+// Throws ToolError(kRefused) for a name that selects nothing, an entry name that is not a plain
+// file name (empty, hidden, with a slash or unprintable bytes), and, unless forced, an image that
+// the file does not contain completely.
 std::vector<ImageFile> SelectImages(const PackageReport& report,
                                     const std::vector<std::string>& names, bool force);
 
-// The part of the package that holds the image.
+// The bytes of the image.
 Bytes ImageBytes(const Bytes& package, const EntryReport& entry);
 
 }  // namespace kvtool

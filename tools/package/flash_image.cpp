@@ -13,7 +13,7 @@ namespace {
 
 constexpr uint64_t kUnit = kv::kFlashTransferUnit;
 
-// The package as the writer reads it.
+// Reads the package as the writer does.
 struct Reader {
     const Bytes& package;
     uint64_t position;
@@ -27,7 +27,7 @@ struct Reader {
 };
 
 // Fills one erased device until `wanted` bytes are written, the device is full or the package ends.
-// What a unit holds beyond the end of the device is lost. Returns the bytes written.
+// Bytes of a unit beyond the end of the device are lost. Returns the number of bytes written.
 uint64_t WriteDevice(Reader* reader, uint64_t wanted, Bytes* flash) {
     uint64_t offset = 0;
     do {
@@ -43,7 +43,7 @@ uint64_t WriteDevice(Reader* reader, uint64_t wanted, Bytes* flash) {
     return offset;
 }
 
-// Returns the bytes written to all devices together.
+// Returns the number of bytes written to all devices together.
 uint64_t WriteEntry(const Bytes& package, const EntryReport& entry, bool boot,
                     std::vector<Bytes>* flash) {
     Reader reader{package, entry.dataOffset};
@@ -51,7 +51,7 @@ uint64_t WriteEntry(const Bytes& package, const EntryReport& entry, bool boot,
         return WriteDevice(&reader, entry.dataLen, &flash->front());
     }
     uint64_t written = 0;
-    // An image that does not end the package leaves a remainder below zero, which counts as huge.
+    // If the image does not end the package, the remainder wraps below zero and counts as huge.
     auto remaining = entry.dataLen;
     for (Bytes& device : *flash) {
         if (remaining != 0) {
@@ -62,8 +62,8 @@ uint64_t WriteEntry(const Bytes& package, const EntryReport& entry, bool boot,
     }
     if (remaining != 0 && flash->size() == 1) {
         throw ToolError(ExitCode::kRefused,
-                        "the boot loader's devices were filled beyond the image; give a dump of "
-                        "each device");
+                        "the device fills the boot loader's devices beyond the image; give a "
+                        "dump of each device");
     }
     return written;
 }
@@ -94,7 +94,7 @@ LayoutRow FindRow(const Layout& layout, const PartitionDump& dump) {
     const size_t devices = dump.devices.size();
     if (devices != 1 && !(row->IsBoot() && devices == std::size(kv::kBootDevices))) {
         throw ToolError(ExitCode::kUsage, dump.name + ": " + std::to_string(devices) +
-                                              " dumps; it takes one" +
+                                              " dumps given; give one" +
                                               (row->IsBoot() ? ", or one for each device" : ""));
     }
     return *row;
@@ -123,8 +123,8 @@ DumpVerdict VerifyDump(const Bytes& package, const Layout& layout, const Partiti
         }
     }
     if (!flash) {
-        throw ToolError(ExitCode::kRefused, "the package writes nothing to a partition " +
-                                                row.name + " of " + SizeText(found.size()));
+        throw ToolError(ExitCode::kRefused, "the package writes nothing to partition " + row.name +
+                                                " if it has " + SizeText(found.size()));
     }
     const Bytes expected = Joined(*flash);
     verdict.difference = CompareBytes(expected.data(), expected.size(), found.data(), found.size());

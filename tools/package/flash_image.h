@@ -1,4 +1,4 @@
-// What a device's flash holds after a package, byte by byte, and whether dumps of it agree.
+// Calculates what a device's flash contains after a package, and compares dumps with it.
 #pragma once
 
 #include <optional>
@@ -10,8 +10,8 @@
 
 namespace kvtool {
 
-// Dumps of one partition, one for each device that it spans. The boot loader's three may also be
-// given as one, provided that each device is a multiple of the transfer unit.
+// Dumps of one partition, one for each device that it spans. One dump may contain the boot loader's
+// three devices if each device is a multiple of the transfer unit.
 struct PartitionDump {
     std::string name;  // of the partition
     std::vector<Bytes> devices;
@@ -20,16 +20,16 @@ struct PartitionDump {
 struct DumpVerdict {
     std::string name;
     uint64_t size = 0;    // bytes compared
-    uint64_t image = 0;   // of these, bytes of the image
-    uint64_t behind = 0;  // bytes of the package that follow the image and are written too
+    uint64_t image = 0;   // how many of them belong to the image
+    uint64_t behind = 0;  // bytes of the package written after the image
     ByteDifference difference;
 };
 
-// Does with the package what the device's writer does: takes the entries in order until a bad check
-// code, passes over what is larger than the partition, erases, then writes whole transfer units.
-// The sizes of partitions are those of the dumps. Throws ToolError: kUsage for a partition that
-// does not exist or the wrong number of dumps; kRefused where the device would not write the
-// partition, or one dump cannot tell how the boot loader's devices were filled.
+// Handles the package as the device's writer does: takes the entries in order until a bad check
+// code, skips what is larger than the partition, erases, then writes whole transfer units.
+// The dumps give the sizes of the partitions. Throws ToolError: kUsage for a partition that does
+// not exist or a wrong number of dumps; kRefused if the device would not write the partition, or if
+// one dump does not show how the boot loader's devices were filled.
 DumpVerdict VerifyDump(const Bytes& package, const Layout& layout, const PartitionDump& dump);
 
 }  // namespace kvtool

@@ -15,7 +15,7 @@ namespace kvtool {
 
 namespace {
 
-// Bytes of "/dev/mtdN" in the standard layout.
+// Size of "/dev/mtdN" in bytes in the standard layout.
 uint64_t StandardSize(const std::string& device) {
     return kv::kStandardPartitionKib[std::stoul(device.substr(strlen("/dev/mtd")))] * 1024;
 }
@@ -44,7 +44,7 @@ void Layout::SetSize(const std::string& assignment) {
     const size_t equals = assignment.find('=');
     const std::string name = Trimmed(assignment.substr(0, equals));
     if (equals == std::string::npos) {
-        throw ToolError(ExitCode::kUsage, "not NAME=BYTES: '" + Printable(assignment) + "'");
+        throw ToolError(ExitCode::kUsage, "'" + Printable(assignment) + "' is not NAME=BYTES");
     }
     const auto row = std::find_if(rows_.begin(), rows_.end(),
                                   [&name](const LayoutRow& r) { return r.name == name; });

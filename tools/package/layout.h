@@ -1,5 +1,5 @@
-// The partitions of the camera as kvtool assumes them: the device's own table of names, with sizes
-// that only the device knows for certain.
+// The partitions of the camera as kvtool assumes them. The names are those of the device's own
+// table; the true sizes are known only to the device.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ struct LayoutRow {
     std::string device;  // first device of the region
     uint64_t size;       // bytes
 
-    // The boot-loader region, which spans several devices.
+    // Whether this is the boot-loader region, which spans several devices.
     bool IsBoot() const;
 };
 
@@ -28,11 +28,12 @@ class Layout {
 
     // Sets the size of a row from "NAME=BYTES". Throws ToolError(kUsage).
     void SetSize(const std::string& assignment);
-    // Reads one "NAME=BYTES" a line; spaces, blank lines and comments ("#" at the start of a word)
-    // are passed over. Throws ToolError(kUsage), which names file and line.
+    // Reads one "NAME=BYTES" per line. Ignores spaces, blank lines and comments ("#" at the start
+    // of a word). Throws ToolError(kUsage), which names file and line.
     void ReadFile(const std::string& path);
 
-    // Every row that an entry of this name selects, in table order: those whose name is a prefix.
+    // The rows that an entry of this name selects, in table order: those whose name is a prefix of
+    // it.
     std::vector<LayoutRow> Select(std::string_view fileName) const;
 
     const std::vector<LayoutRow>& Rows() const { return rows_; }

@@ -14,7 +14,7 @@ namespace {
 
 std::string Once(const std::string& key, const std::string& value, bool known) {
     if (known) {
-        Wrong("'" + key + "' stands twice");
+        Wrong("'" + key + "' is given twice");
     }
     return value;
 }
@@ -22,7 +22,7 @@ std::string Once(const std::string& key, const std::string& value, bool known) {
 void ReadLine(const std::string& line, Recipe* recipe) {
     const size_t equals = line.find('=');
     if (equals == std::string::npos) {
-        Wrong("not KEY = VALUE: '" + Printable(line) + "'");
+        Wrong("'" + Printable(line) + "' is not KEY = VALUE");
     }
     const std::string key = Trimmed(line.substr(0, equals));
     const std::string value = Trimmed(line.substr(equals + 1));
@@ -40,7 +40,7 @@ void ReadLine(const std::string& line, Recipe* recipe) {
     } else if (key == "image") {
         recipe->images.push_back(ParseNamedFile(value));
     } else {
-        Wrong("'" + Printable(key) + "' is none of ic, sensor, layout, size, image");
+        Wrong("'" + Printable(key) + "' is not one of ic, sensor, layout, size, image");
     }
 }
 

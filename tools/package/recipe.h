@@ -1,4 +1,4 @@
-// A recipe: a small text file that says how a package is built.
+// A recipe: a small text file that describes how to build a package.
 #pragma once
 
 #include <optional>
@@ -9,7 +9,7 @@
 
 namespace kvtool {
 
-// Paths are as the recipe has them; they are relative to its folder.
+// Paths are as written in the recipe, relative to its folder.
 struct Recipe {
     std::string path;
     std::optional<std::string> ic;
@@ -18,7 +18,7 @@ struct Recipe {
     std::vector<std::string> sizes;  // NAME=BYTES
     std::vector<NamedFile> images;   // in the order of the table
 
-    // Where a path of the recipe leads.
+    // Converts a path of the recipe to one relative to the current folder.
     std::string Resolve(const std::string& file) const;
 };
 

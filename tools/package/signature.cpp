@@ -65,7 +65,7 @@ PublicKey ReadKey(const std::string& file) {
     PublicKey key{};
     if (lines.size() < 2 || !StartsWith(lines[0], kUntrusted) || !Decode(lines[1], &key) ||
         memcmp(key.algorithm, "Ed", 2) != 0) {
-        Refuse(file, "not a public key of minisign");
+        Refuse(file, "not a minisign public key");
     }
     return key;
 }
@@ -99,7 +99,7 @@ bool SignsComment(const SignatureBlock& block, const PublicKey& key, const std::
 
 Signature VerifySignature(const Bytes& package, const std::string& file, const Trust& trust) {
     if (sodium_init() < 0) {
-        throw ToolError(ExitCode::kInternal, "libsodium does not start");
+        throw ToolError(ExitCode::kInternal, "cannot start libsodium");
     }
     const std::string path = trust.signature.empty() ? file + ".minisig" : trust.signature;
     const PublicKey key = ReadKey(trust.key);
@@ -108,17 +108,18 @@ Signature VerifySignature(const Bytes& package, const std::string& file, const T
     std::array<uint8_t, crypto_sign_BYTES> commentSignature{};
     if (lines.size() < 4 || !StartsWith(lines[0], kUntrusted) || !Decode(lines[1], &block) ||
         !StartsWith(lines[2], kTrusted) || !Decode(lines[3], &commentSignature)) {
-        Refuse(path, "not a signature of minisign");
+        Refuse(path, "not a minisign signature");
     }
     if (block.id != key.id) {
-        Refuse(path, "made by the key " + IdText(block.id) + ", trusted is " + IdText(key.id));
+        Refuse(path,
+               "made by key " + IdText(block.id) + ", but the trusted key is " + IdText(key.id));
     }
     if (!SignsPackage(block, key, package)) {
-        Refuse(path, "not a signature of " + Printable(file) + " by the key " + IdText(key.id));
+        Refuse(path, "not a signature of " + Printable(file) + " by key " + IdText(key.id));
     }
     const std::string comment = lines[2].substr(strlen(kTrusted));
     if (!SignsComment(block, key, comment, commentSignature)) {
-        Refuse(path, "its trusted comment was changed");
+        Refuse(path, "its trusted comment has been changed");
     }
     return {IdText(key.id), comment};
 }

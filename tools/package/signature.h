@@ -1,4 +1,4 @@
-// Detached signatures as minisign makes them.
+// Verifies detached signatures of minisign.
 #pragma once
 
 #include <string>
@@ -17,9 +17,9 @@ struct Signature {
     std::string comment;  // the trusted comment, which is signed too
 };
 
-// Verifies that the package, read from `file`, bears a signature by the trusted key.
-// Throws ToolError(kRefused): a key or signature that is none, another key's, one that does not
-// belong to these bytes.
+// Verifies that the trusted key has signed the package that was read from `file`.
+// Throws ToolError(kRefused) if the key or the signature is malformed, or if the signature is of
+// another key or of other bytes.
 Signature VerifySignature(const Bytes& package, const std::string& file, const Trust& trust);
 
 }  // namespace kvtool

@@ -1,16 +1,16 @@
-// cameraMain, stand-in: what an application does to be watched by the supervisor, and the faults
-// that a real one has.
+// A stand-in for cameraMain: does what the supervisor watches for, and has the faults of a real
+// one.
 //
-// Once a second it sends one heartbeat datagram: the process name as NUL-terminated text in 32
-// bytes, and the ready flag behind it. Meanwhile it takes connections on the video port, so that it
-// can be seen from outside; nothing is served there. An image that holds bin/network has that
-// script run once at the start, because an application sees to its own network. What else it does
-// is read, before every beat, from a file that `vboard app` writes:
+// Once a second it sends a heartbeat datagram: the process name as NUL-terminated text in 32 bytes,
+// then the ready flag. It accepts connections on the video port, so that it can be seen from
+// outside, and closes them. If the image contains bin/network, it runs that script once at the
+// start: an application sets up its own network. Before every beat it reads its mode from a file
+// that `vboard app` writes:
 //
-//     beat         heartbeats with the ready flag set (also when there is no file)
+//     beat         heartbeats with the ready flag set (the default, without a file)
 //     not-ready    heartbeats with the ready flag clear
-//     silent       runs on, sends nothing
-//     late N       sends nothing for the first N seconds of its life
+//     silent       keeps running but sends nothing
+//     late N       sends nothing for its first N seconds
 //     crash        aborts
 //     never        ends at once with status 1
 #include <arpa/inet.h>
@@ -60,12 +60,12 @@ void SendBeat(int socket, bool ready) {
     char beat[kBeatSize] = {};
     (void)snprintf(beat, kReadyOffset, "%s", kv::kAppName);
     beat[kReadyOffset] = ready ? 1 : 0;
-    // Nobody listens before the supervisor has started; the next beat is only a second away.
+    // Nobody listens until the supervisor has started. The next beat comes in a second.
     (void)sendto(socket, beat, sizeof(beat), 0, reinterpret_cast<struct sockaddr*>(&supervisor),
                  sizeof(supervisor));
 }
 
-// A listening socket. Without it the application runs all the same.
+// Opens the listening socket. If that fails, the application runs without it.
 UniqueFd OpenVideoPort() {
     UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int on = 1;

@@ -1,4 +1,4 @@
-// The board's clock: the host's, or one that runs a whole number of times as fast.
+// The board's clock: it runs as fast as the host's, or a whole number of times faster.
 #pragma once
 
 #include <chrono>
@@ -9,14 +9,14 @@ class BoardClock {
   public:
     using Time = std::chrono::steady_clock::time_point;
 
-    // Both clocks show the same time at the moment of construction.
+    // At construction both clocks show the same time.
     explicit BoardClock(int speed = 1) : speed_(speed) {}
 
     int Speed() const { return speed_; }
     Time Now() const { return AtHost(std::chrono::steady_clock::now()); }
     // What the board's clock shows when the host's shows `host`.
     Time AtHost(Time host) const { return start_ + (host - start_) * speed_; }
-    // When the host's clock will show what the board's does at `board`; never too early.
+    // The host's time at which the board's clock shows `board`; rounded up, never too early.
     Time ToHost(Time board) const {
         return start_ + (board - start_ + Time::duration(speed_ - 1)) / speed_;
     }

@@ -15,8 +15,9 @@ namespace {
 
 enum class Waiting { kForUs, kForOther, kNotYet };
 
-// The kernel counts callers in the PID namespace of whoever mounted the file system. If that is
-// not ours, a number means a stranger here, whose memory would be read without any error.
+// The kernel gives callers' ids in the PID namespace of the process that mounted the file system.
+// If that is not ours, the id is some other process here, whose memory we would read without any
+// error.
 Waiting WaitsFor(const IoctlCall& call) {
     std::ifstream file("/proc/" + std::to_string(call.pid) + "/syscall");
     std::string line;
@@ -24,7 +25,7 @@ Waiting WaitsFor(const IoctlCall& call) {
         return Waiting::kForOther;
     }
     if (line == "running") {
-        return Waiting::kNotYet;  // on its way from queueing the request to its sleep
+        return Waiting::kNotYet;  // it has queued the request but does not sleep yet
     }
     long number = 0;
     uint64_t request = 0;
@@ -49,8 +50,8 @@ std::optional<int> ReadCallerInt(const IoctlCall& call, const StopSignal& stop) 
     }
     if (waiting != Waiting::kForUs) {
         (void)fprintf(stderr,
-                      "vboard: the argument of request 0x%08x cannot be read: process %d is not "
-                      "its caller. Was /dev mounted from another PID namespace?\n",
+                      "vboard: cannot read the argument of request 0x%08x: process %d is not its "
+                      "caller. Was /dev mounted from another PID namespace?\n",
                       call.request, static_cast<int>(call.pid));
         return std::nullopt;
     }

@@ -1,4 +1,4 @@
-// What a request leaves in the memory of the process that made it.
+// Reads an argument from the memory of the process that made a request.
 #pragma once
 
 #include <optional>
@@ -8,9 +8,9 @@
 
 namespace vboard {
 
-// The int that the caller's argument points to; none when it cannot be had, or when the process of
-// that number is not the one that waits for this request (said on stderr). The caller must be
-// waiting for the answer. Blocks for milliseconds at the most, 100 when something is wrong.
+// The int that the caller's argument points to. None if it cannot be read, or if process `call.pid`
+// is not waiting for this request; a message on stderr tells of the latter. The caller must be
+// waiting for the reply. Blocks for a few milliseconds, or up to 100 when something is wrong.
 std::optional<int> ReadCallerInt(const IoctlCall& call, const StopSignal& stop);
 
 }  // namespace vboard

@@ -1,4 +1,4 @@
-// One file of the served file system, as the server sees it.
+// A file of the served file system.
 #pragma once
 
 #include <fuse_lowlevel.h>
@@ -13,15 +13,15 @@ namespace vboard {
 struct IoctlCall {
     unsigned int request = 0;
     const void* argument = nullptr;  // in the caller's memory
-    pid_t pid = 0;  // the calling thread, as the PID namespace of the mounting process counts
-    const void* in = nullptr;  // what the kernel copied in, by the request's direction bits
+    pid_t pid = 0;             // the calling thread, in the PID namespace of the mounting process
+    const void* in = nullptr;  // what the kernel copied in, as the request's direction bits say
     size_t inBytes = 0;
     bool writable = false;  // the file was opened for writing
 };
 
-// All calls come from the serving thread. Each `request` is answered exactly once by one of
-// libfuse's fuse_reply_… functions, at once or later, from any thread, before the session ends.
-// Buffers given here live only until the call returns.
+// All calls come from the serving thread. Answer each `request` exactly once with one of libfuse's
+// fuse_reply_… functions: now or later, on any thread, before the session ends. Buffers passed here
+// are valid only until the call returns.
 class DeviceFile {
   public:
     virtual ~DeviceFile() = default;

@@ -23,7 +23,7 @@ struct Partition {
     NorFlash flash;
 };
 
-// All that lives from one Attach to its Detach.
+// Everything that lives from one Attach to its Detach.
 struct Attachment {
     Attachment(std::vector<Partition>& partitions, bool norTiming, SharedWatchdog& sharedWatchdog,
                OpLog& log, Faults& faults, const BoardClock& clock, std::function<void()> starved)
@@ -44,8 +44,8 @@ struct Attachment {
         server = std::make_unique<FuseServer>(fuseFd, std::move(served), stop);
     }
 
-    // In this order: no request comes in any more, those taken are answered, and only then the
-    // session that the answers go through ends.
+    // The order matters: first no more requests come in, then those taken are answered, and last
+    // the session that carries the answers ends.
     ~Attachment() {
         stop.Raise();
         if (server) {
@@ -105,8 +105,7 @@ class Devices::Impl {
     std::vector<Partition> partitions;
     mutable SharedWatchdog watchdog;
 
-    // Held for as long as attaching and detaching take, so that whoever comes second finds the
-    // work done.
+    // Held during all of Attach and Detach, so that a second caller finds the work done.
     std::mutex mutex;
     std::unique_ptr<Attachment> attachment;
 
@@ -144,7 +143,7 @@ void Devices::Detach() {
 
 void Devices::AddFault(const Fault& fault) {
     if (!impl_->IsDevice(fault.device)) {
-        throw std::runtime_error("fault of an unknown device '" + fault.device + "'");
+        throw std::runtime_error("unknown device '" + fault.device + "'");
     }
     impl_->faults.Add(fault);
 }

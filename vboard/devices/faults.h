@@ -1,4 +1,4 @@
-// Which of the coming operations are to fail.
+// Decides which operations fail.
 #pragma once
 
 #include <mutex>
@@ -13,12 +13,12 @@ namespace vboard {
 // Any thread.
 class Faults {
   public:
-    // Throws std::runtime_error when no operation can ever match: a fault that silently never
-    // happens makes a test that cannot fail.
+    // Throws std::runtime_error when no operation can ever match: with a fault that never happens,
+    // a test could not fail.
     void Add(const Fault& fault);
 
-    // To be asked once for every operation. Each fault counts the operations since it was added by
-    // itself; of several that are due, the oldest happens and the others wait.
+    // Call it once for each operation. Every fault counts the operations since it was added. If
+    // several are due, the oldest happens and the others wait.
     std::optional<Fault> Take(std::string_view device, std::string_view operation);
 
   private:

@@ -37,7 +37,7 @@ void FlashFile::Post(fuse_req_t request, std::function<void()> job) {
     });
 }
 
-// Steps are timed against the start of the operation, so that the overhead of many short ones does
+// Times all steps from the start of the operation, so that the overhead of many short steps does
 // not add up.
 BusyWait FlashFile::Busy() const {
     if (!norTiming_) {
@@ -99,7 +99,7 @@ void FlashFile::RunWrite(fuse_req_t request, const std::string& data, uint64_t o
 
 void FlashFile::Ioctl(fuse_req_t request, const IoctlCall& call) {
     if (_IOC_TYPE(call.request) != 'M') {
-        // Not meant for flash, such as the C library asking for a terminal: no operation of it.
+        // Not a request for flash, for example the C library asking whether this is a terminal.
         (void)fuse_reply_err(request, ENOTTY);
         return;
     }
@@ -145,7 +145,7 @@ void FlashFile::AnswerQuery(fuse_req_t request, unsigned int command) {
         memcpy(answer.data(), &info, sizeof info);
     } else if (command == MEMGETREGIONCOUNT) {
         (void)snprintf(name, sizeof name, "ioctl:MEMGETREGIONCOUNT");
-        answer.resize(sizeof(int));  // none: all erase blocks are of one size
+        answer.resize(sizeof(int));  // 0: all erase blocks have the same size
     } else {
         (void)snprintf(name, sizeof name, "ioctl:0x%08x", command);
     }

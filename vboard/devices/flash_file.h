@@ -1,4 +1,4 @@
-// A flash partition as /dev/mtdN: the calls of mtdchar, on the chip's thread.
+// A flash partition as /dev/mtdN. Behaves like mtdchar; operations run on the chip's thread.
 #pragma once
 
 #include <functional>
@@ -22,8 +22,9 @@ struct Bench {
     const BoardClock& clock;
 };
 
-// Every read, program and erase waits its turn on `chip`, as the partitions are of one chip.
-// When the attachment ends, what is under way is cut and what waits fails with ENODEV.
+// All partitions are on one chip, so every read, program and erase waits for its turn on `chip`.
+// When the attachment ends, the operation under way is cut short and the waiting ones fail with
+// ENODEV.
 class FlashFile : public DeviceFile {
   public:
     FlashFile(std::string name, NorFlash& flash, bool norTiming, WorkQueue& chip, Bench bench);

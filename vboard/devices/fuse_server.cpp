@@ -17,7 +17,7 @@
 namespace vboard {
 namespace {
 
-// Names and sizes never change, so the kernel may keep them.
+// Names and sizes never change, so the kernel may cache them.
 constexpr double kCacheSeconds = 86400;
 
 // Inode of files_[0]; the root directory is FUSE_ROOT_ID.
@@ -46,12 +46,12 @@ struct FuseServer::Handlers {
     static FuseServer& Server(fuse_req_t request) {
         return *static_cast<FuseServer*>(fuse_req_userdata(request));
     }
-    // For requests on an open file, which is never the directory.
+    // For requests on open files: never the directory.
     static DeviceFile& File(fuse_req_t request, fuse_ino_t inode) {
         return *Server(request).Find(inode);
     }
 
-    // A reply is a copy through write(2): splicing would keep buffers beyond the call.
+    // Replies are copied through write(2): splicing would need the buffers after the call.
     static void Init(void*, fuse_conn_info* connection) {
         connection->want &= ~static_cast<unsigned>(FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE |
                                                    FUSE_CAP_SPLICE_MOVE);
@@ -91,7 +91,7 @@ struct FuseServer::Handlers {
         } else if ((what & FUSE_SET_ATTR_SIZE) != 0 && file != nullptr) {
             (void)fuse_reply_err(request, EINVAL);
         } else {
-            // Opening with O_TRUNC ends here, too; a character device ignores it.
+            // This includes opening with O_TRUNC, which a character device ignores.
             GetAttributes(request, inode, nullptr);
         }
     }
@@ -125,7 +125,7 @@ struct FuseServer::Handlers {
         info->direct_io = 1;
         info->nonseekable = file->Seekable() ? 0 : 1;
         if (fuse_reply_open(request, info) == -ENOENT) {
-            // The caller was killed meanwhile: the kernel will send no release.
+            // The caller was killed in the meantime: the kernel will not send a release.
             file->Release();
         }
     }
@@ -188,7 +188,7 @@ FuseServer::FuseServer(int fuseFd, std::vector<DeviceFile*> files, const StopSig
     const fuse_lowlevel_ops table = Handlers::Table();
     session_.reset(fuse_session_new(&options, &table, sizeof table, this));
     fuse_opt_free_args(&options);
-    // A request can be withdrawn between poll and read, which then must not block.
+    // A request may be withdrawn between poll and read. The read must not block then.
     const int flags = fcntl(fd.Get(), F_GETFL);
     const std::string mountPoint = "/dev/fd/" + std::to_string(fd.Get());
     if (!session_ || flags < 0 || fcntl(fd.Get(), F_SETFL, flags | O_NONBLOCK) != 0 ||

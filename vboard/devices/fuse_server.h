@@ -1,5 +1,5 @@
-// The flat file system that carries the devices: one thread takes every request of the kernel in
-// its order, so that what a close started is over before the next open is looked at.
+// The flat file system that holds the devices. One thread takes the kernel's requests in order, so
+// that it finishes a close before it looks at the next open.
 #pragma once
 
 #include <fuse_lowlevel.h>
@@ -15,16 +15,16 @@ namespace vboard {
 
 class FuseServer {
   public:
-    // Serves `files` on the mounted `fuseFd`, which it owns from now on, even when it throws
-    // std::runtime_error. Files and `stop` outlive the server.
+    // Serves `files` on the mounted `fuseFd`. Takes ownership of it, even when it throws
+    // std::runtime_error. Files and `stop` must outlive the server.
     FuseServer(int fuseFd, std::vector<DeviceFile*> files, const StopSignal& stop);
-    // Closes the connection: what the kernel still waits for fails with ECONNABORTED. All requests
-    // given to the files must have been answered.
+    // Closes the connection: requests that the kernel still waits for fail with ECONNABORTED. All
+    // requests passed to the files must have been answered.
     ~FuseServer();
     FuseServer(const FuseServer&) = delete;
     FuseServer& operator=(const FuseServer&) = delete;
 
-    // Blocks until the serving thread has ended: `stop` was raised, or the file system unmounted.
+    // Blocks until the serving thread ends, after `stop` was raised or the file system unmounted.
     void Join();
 
   private:

@@ -21,7 +21,7 @@ constexpr size_t kChunk = 4096;
     throw std::runtime_error("flash file " + file + ": " + why);
 }
 
-// Goes on with what `step` left over of `length` bytes; false when it fails or comes to an end.
+// Repeats `step` until `length` bytes are done. False if it fails or reaches the end of the file.
 bool Whole(size_t length, const std::function<ssize_t(size_t done)>& step) {
     size_t done = 0;
     while (done < length) {
@@ -53,8 +53,8 @@ bool FillErased(int fd, uint64_t offset, uint64_t length) {
     return true;
 }
 
-// A new chip appears under its name only when complete: a creation cut short leaves no file of a
-// wrong size behind.
+// Gives the file its name only when it is complete, so that an interrupted creation leaves no file
+// of the wrong size.
 void CreateErased(const std::string& file, uint64_t size) {
     const std::string draft = file + ".new";
     const UniqueFd fd(open(draft.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
@@ -166,8 +166,8 @@ int NorFlash::Erase(uint64_t offset, uint64_t length, const BusyWait& busy) {
     }
     for (uint64_t at = offset; at < offset + length; at += eraseBlock_) {
         if (busy && !busy(NorEraseDuration(eraseBlock_))) {
-            // A real block is undefined now; half of it is neither old nor blank, so that whoever
-            // relies on either is caught.
+            // On a real chip the block is undefined now. Erase half of it, to catch programs that
+            // rely on old or blank contents.
             (void)Blank(at, eraseBlock_ / 2);
             return -ENODEV;
         }

@@ -1,4 +1,4 @@
-// One NOR flash partition on a backing file: what the chip does to bytes, and how long it is busy.
+// A NOR flash partition on a backing file: what the chip does to bytes, and how long it is busy.
 #pragma once
 
 #include <chrono>
@@ -11,11 +11,11 @@
 
 namespace vboard {
 
-// Spends the time that the chip is busy with one step; false when the board lost its power before
-// the step was over. An empty function is a chip that is never busy.
+// Waits as long as the chip is busy with one step. False when the board lost its power during the
+// step. An empty function means a chip that is never busy.
 using BusyWait = std::function<bool(std::chrono::microseconds)>;
 
-// Typical times of a 16 MiB SPI NOR, as the data sheets of such parts give them.
+// Typical times of a 16 MiB SPI NOR, from data sheets of such parts.
 constexpr size_t kNorPageBytes = 256;
 constexpr std::chrono::microseconds kNorPageProgram{700};
 struct NorEraseTime {
@@ -33,31 +33,31 @@ std::chrono::microseconds NorEraseDuration(uint32_t blockBytes);
 
 struct ProgramResult {
     int64_t result = 0;      // bytes programmed, or -errno
-    uint64_t bitsKept = 0;   // bits that were asked to go from 0 to 1, and stayed 0
+    uint64_t bitsKept = 0;   // bits that should have gone from 0 to 1 and stayed 0
     uint64_t firstKept = 0;  // offset of the first byte with such a bit, if bitsKept > 0
 };
 
-// Not locked: one thread at a time, as one chip does one thing at a time.
-// What an acknowledged operation changed is in the backing file: killing the process loses nothing.
+// Not locked: one thread at a time. Each finished operation is in the backing file: killing the
+// process loses nothing.
 class NorFlash {
   public:
-    // Opens the backing file, or creates it erased. Throws std::runtime_error when the sizes do
-    // not fit together or the file is unusable.
+    // Opens the backing file or creates it erased. Throws std::runtime_error when the sizes do not
+    // match or the file cannot be used.
     NorFlash(const std::string& file, uint64_t size, uint32_t eraseBlock);
 
     uint64_t Size() const { return size_; }
     uint32_t EraseBlock() const { return eraseBlock_; }
 
-    // Bytes read, 0 at or behind the end of the device, or -EIO.
+    // Returns the bytes read, 0 at or behind the end of the device, or -EIO.
     int64_t Read(uint64_t offset, void* data, size_t length) const;
 
-    // Clears the bits that are 0 in `data`. At or behind the end of the device: -ENOSPC; a write
-    // across the end is cut there. A loss of power: -ENODEV, the pages before it are programmed.
+    // Clears the bits that are 0 in `data`. -ENOSPC at or behind the end of the device; a write
+    // across the end is cut there. -ENODEV if power is lost; the pages before that are programmed.
     ProgramResult Program(uint64_t offset, const void* data, size_t length,
                           const BusyWait& busy = {});
 
-    // Sets whole blocks to 0xFF. 0; -EINVAL when not aligned or not in the device. A loss of
-    // power: -ENODEV, the block under way is half erased.
+    // Sets whole blocks to 0xFF. Returns 0; -EINVAL if not aligned or not in the device; -ENODEV if
+    // power is lost, which leaves the current block half erased.
     int Erase(uint64_t offset, uint64_t length, const BusyWait& busy = {});
 
   private:

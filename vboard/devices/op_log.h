@@ -1,4 +1,4 @@
-// The operation log: one JSON object a line, one write(2) a line.
+// The operation log: each line is a JSON object, written with one write(2).
 #pragma once
 
 #include <atomic>
@@ -23,14 +23,14 @@ struct LogEntry {
     std::vector<std::pair<const char*, int64_t>> more = {};
 };
 
-// Members of a line, in order: "t" (seconds of the monotonic clock, taken when the operation is
-// over), "boot", "dev", "op", then "off", "len", "result" and what else the operation has to say;
-// for a note "text" instead. On an accelerated board "board" stands behind "t": seconds of the
-// board's clock since the runner started. "t" never goes backwards from line to line. Any thread.
+// Members of a line, in order: "t" (seconds of the monotonic clock at the end of the operation),
+// "boot", "dev", "op", then "off", "len", "result" and the operation's own members, or "text" for a
+// note. On an accelerated board, "board" follows "t": seconds of the board's clock since the runner
+// started. "t" never decreases. Any thread.
 class OpLog {
   public:
-    // Appends to `file`; an empty name is no log. Throws std::runtime_error when it cannot be
-    // opened.
+    // Appends to `file`; an empty name means no log. Throws std::runtime_error if the file cannot
+    // be opened.
     OpLog(const std::string& file, const BoardClock& clock);
 
     void SetBoot(int boot) { boot_ = boot; }

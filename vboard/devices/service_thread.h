@@ -1,4 +1,4 @@
-// How the serving threads start, and how they learn that they should end.
+// Starts the serving threads and tells them to end.
 #pragma once
 
 #include <atomic>
@@ -10,7 +10,7 @@
 
 namespace vboard {
 
-// A flag that can be polled for and waited for; raised once, stays raised. Any thread.
+// A flag that threads can test, poll and wait for. Once raised, it stays raised. Any thread.
 class StopSignal {
   public:
     StopSignal();
@@ -19,7 +19,7 @@ class StopSignal {
     bool Raised() const { return raised_; }
     // Readable once raised.
     int Fd() const { return event_.Get(); }
-    // Blocks until `deadline`, or until raised: then true.
+    // Blocks until `deadline`, or until raised. Returns whether it is raised.
     bool RaisedBefore(std::chrono::steady_clock::time_point deadline) const;
 
   private:
@@ -27,7 +27,7 @@ class StopSignal {
     std::atomic<bool> raised_{false};
 };
 
-// Starts a thread that takes none of the process's signals. `name`: up to 15 characters.
+// Starts a thread with all signals blocked. `name`: up to 15 characters.
 std::thread StartServiceThread(const char* name, std::function<void()> body);
 
 }  // namespace vboard

@@ -20,7 +20,7 @@ namespace {
 
 using Time = WatchdogTimer::Time;
 
-// `when` is of the host's clock: CLOCK_MONOTONIC. No time stops the alarm.
+// `when` is in the host's CLOCK_MONOTONIC. Without a time, stops the alarm.
 void SetAlarm(int fd, std::optional<Time> when) {
     itimerspec setting{};
     if (when) {
@@ -158,7 +158,7 @@ WatchdogFile::Answer WatchdogFile::Execute(const IoctlCall& call) {
         case WDIOC_GETBOOTSTATUS:
             return given(0);
         case WDIOC_KEEPALIVE:
-            // Numbered as if it gave an int, and called without a place for one: no output.
+            // Its number promises an int, but callers pass no place for one: no output.
             return Do([](WatchdogTimer& timer, Time now) {
                 timer.KeepAlive(now);
                 return Answer{};
@@ -170,8 +170,8 @@ WatchdogFile::Answer WatchdogFile::Execute(const IoctlCall& call) {
         case WDIOC_SETTIMEOUT:
         case WDIOC_SETOPTIONS: {
             const bool timeout = call.request == WDIOC_SETTIMEOUT;
-            // WDIOC_SETOPTIONS takes an int but is numbered as one that gives an int, and the
-            // kernel copies by the number: what the caller wants is still only in its memory.
+            // WDIOC_SETOPTIONS takes an int, but its number says that it returns one, and the
+            // kernel copies as the number says. So the value is still only in the caller's memory.
             const std::optional<int> value =
                 timeout ? CopiedIn(call) : ReadCallerInt(call, bench_.stop);
             if (!value) {
@@ -189,7 +189,8 @@ WatchdogFile::Answer WatchdogFile::Execute(const IoctlCall& call) {
 
 void WatchdogFile::Ioctl(fuse_req_t request, const IoctlCall& call) {
     if (_IOC_TYPE(call.request) != WATCHDOG_IOCTL_BASE) {
-        // Not meant for a watchdog, such as the C library asking for a terminal.
+        // Not a request for a watchdog, for example the C library asking whether this is a
+        // terminal.
         (void)fuse_reply_err(request, ENOTTY);
         return;
     }
@@ -214,7 +215,7 @@ void WatchdogFile::Watch() {
         (void)poll(events, 2, -1);
         uint64_t expirations = 0;
         (void)!read(alarm_.Get(), &expirations, sizeof expirations);
-        // The alarm may be of a deadline that a feed has moved meanwhile.
+        // A feed may have moved the deadline in the meantime.
         const bool starved = Do([](WatchdogTimer& timer, Time now) { return timer.Starved(now); });
         if (starved && !bench_.stop.Raised()) {
             bench_.log.Write({name_, "starved"});

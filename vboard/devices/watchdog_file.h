@@ -1,4 +1,4 @@
-// The watchdog as /dev/watchdog, and the thread that notices its starvation.
+// The watchdog as /dev/watchdog, with a thread that notices when it starves.
 #pragma once
 
 #include <functional>
@@ -14,13 +14,13 @@
 
 namespace vboard {
 
-// The hardware: it outlives the attachments.
+// The hardware. It outlives the attachments.
 struct SharedWatchdog {
     std::mutex mutex;
     WatchdogTimer timer;
 };
 
-// Answered on the serving thread itself, so that a feed never waits for the flash chip.
+// Answers on the serving thread, so that a feed never waits for the flash chip.
 class WatchdogFile : public DeviceFile {
   public:
     // Powers the watchdog on. `starved` is called at most once, on a thread of this object.
@@ -38,7 +38,7 @@ class WatchdogFile : public DeviceFile {
     void Write(fuse_req_t request, const void* data, size_t length, uint64_t offset) override;
     void Ioctl(fuse_req_t request, const IoctlCall& call) override;
 
-    // Blocks until the thread has ended: after the bench's stop was raised.
+    // Blocks until the thread has ended. Call it after raising the bench's stop.
     void Join();
 
   private:
@@ -47,7 +47,7 @@ class WatchdogFile : public DeviceFile {
         std::vector<char> out = {};
         std::optional<int> value = {};  // for the log
     };
-    // Does `operation` on the timer, under its lock, and sets the alarm to what came out of it.
+    // Runs `operation` on the timer, under its lock, and sets the alarm for the new deadline.
     template <typename Operation>
     auto Do(Operation operation);
     Answer Execute(const IoctlCall& call);

@@ -16,8 +16,8 @@ void WatchdogTimer::PowerOn() {
     largestGap_ = largestGap;
 }
 
-// Every operation asks this first, so that one which comes after the deadline but before anybody
-// acted on it cannot undo the starvation.
+// Every operation calls this first, so that an operation after the deadline cannot undo the
+// starvation, even if nobody has acted on it yet.
 bool WatchdogTimer::Starved(Time now) {
     starved_ = starved_ || (armed_ && now >= End());
     return starved_;

@@ -1,4 +1,4 @@
-// The watchdog as a state machine over a clock that the caller reads.
+// The watchdog as a state machine. The caller passes the time.
 #pragma once
 
 #include <chrono>
@@ -10,11 +10,11 @@
 
 namespace vboard {
 
-constexpr int kWatchdogDefaultTimeout = 60;  // seconds, as most Linux drivers start with
+constexpr int kWatchdogDefaultTimeout = 60;  // seconds, the default of most Linux drivers
 constexpr int kWatchdogMaxTimeout = 255;     // seconds
 
-// Behaves as a Linux watchdog device with WDIOF_MAGICCLOSE and without "nowayout". Results are 0
-// or -errno. Once starved it is beyond rescue until PowerOn: the board is being reset. Not locked.
+// Behaves like a Linux watchdog device with WDIOF_MAGICCLOSE and without "nowayout". Results are 0
+// or -errno. Once starved, it stays so until PowerOn: the board is being reset. Not locked.
 class WatchdogTimer {
   public:
     using Time = std::chrono::steady_clock::time_point;
@@ -22,24 +22,25 @@ class WatchdogTimer {
     // Disarmed, closed, default time-out. Keeps the count of feeds and the largest gap.
     void PowerOn();
 
-    // Arms; -EBUSY while open. Re-opening an armed watchdog is not a feed.
+    // Arms. -EBUSY while open. Opening an armed watchdog again does not feed it.
     int Open(Time now);
-    // Disarms when the last write held a 'V'; otherwise the armed watchdog stays so, and is fed.
+    // Disarms if the last write contained a 'V'. Otherwise an armed watchdog stays armed and is
+    // fed.
     void Release(Time now);
-    // Feeds, whatever the bytes; an empty write does nothing.
+    // Feeds, whatever the bytes are. An empty write does nothing.
     void Write(const void* data, size_t length, Time now);
     void KeepAlive(Time now);
-    // 1 … kWatchdogMaxTimeout seconds, else -EINVAL; feeds first, so that a longer time-out is
-    // no rescue from a deadline already missed.
+    // 1 to kWatchdogMaxTimeout seconds, else -EINVAL. Feeds first, so that a longer time-out does
+    // not undo a missed deadline.
     int SetTimeout(int seconds, Time now);
-    // WDIOS_DISABLECARD, WDIOS_ENABLECARD, in this order if both; -EINVAL for neither.
+    // WDIOS_DISABLECARD and WDIOS_ENABLECARD, in this order if both are set; -EINVAL if neither is.
     int SetOptions(int options, Time now);
 
     int Timeout() const { return timeout_; }
-    // Whole seconds until starvation, 0 when disarmed or starved.
+    // Whole seconds until it starves; 0 if disarmed or starved.
     int TimeLeft(Time now) const;
 
-    // When it starves, or starved; only while armed.
+    // When it starves or starved. None while disarmed.
     std::optional<Time> Deadline() const;
     bool Starved(Time now);
     WatchdogStatus Status(Time now) const;

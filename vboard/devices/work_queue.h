@@ -1,4 +1,4 @@
-// A thread that does one job after the other: the flash chip.
+// A thread that runs jobs one after the other: the flash chip.
 #pragma once
 
 #include <condition_variable>
@@ -16,9 +16,9 @@ class WorkQueue {
     WorkQueue(const WorkQueue&) = delete;
     WorkQueue& operator=(const WorkQueue&) = delete;
 
-    // Any thread, before Finish.
+    // Any thread. Not after Finish.
     void Post(std::function<void()> job);
-    // Blocks until all posted jobs are done and the thread has ended. Not from a job.
+    // Blocks until all jobs are done and the thread has ended. Do not call it from a job.
     void Finish();
 
   private:

@@ -1,10 +1,9 @@
 #!/bin/sh
 # wifi_connect.sh sta CONF: starts wpa_supplicant on wlan0 with the caller's file, unchanged.
 #
-# The radio is a wire, so there is no key handshake to be had from the driver. The access point's
-# part is played here: a network that names its SSID and pass phrase is let in (the running
-# supplicant, not the file, is told that the network is open); any other stays unassociated. Losing
-# the carrier ends an association, getting it back renews it.
+# The radio is a wire, so the driver has no key handshake. This script plays the access point: it admits a network that
+# gives its SSID and pass phrase, by telling the running supplicant (not the file) that the network is open. Any other
+# network stays unassociated. Losing the carrier ends the association; getting it back renews it.
 set -u
 ap_ssid="test"
 ap_psk=24681357
@@ -24,7 +23,7 @@ wpa_supplicant -D wired -i wlan0 -c "$conf" -B || exit 1
 wpa() {
     wpa_cli -p "$(sed -n 's/^ctrl_interface=//p' "$conf")" -i wlan0 "$@"
 }
-# An association that began before the network was opened would keep its old terms, so each one begins anew.
+# An association that began before the network was opened would keep its old settings, so each one starts afresh.
 radio() {
     wpa disconnect >/dev/null
     if [ "$1" = up ]; then
@@ -38,7 +37,7 @@ carrier() {
     esac
 }
 
-# The supplicant has begun to associate by itself, with the keys in the file.
+# The supplicant has started to associate by itself, with the keys in the file.
 wpa disconnect >/dev/null
 if [ "$(wpa get_network 0 ssid)" != "\"$ap_ssid\"" ] || ! grep -q "psk=\"$ap_psk\"" "$conf"; then
     echo "wifi_connect.sh: the access point \"$ap_ssid\" does not accept this network"
@@ -46,7 +45,7 @@ if [ "$(wpa get_network 0 ssid)" != "\"$ap_ssid\"" ] || ! grep -q "psk=\"$ap_psk
 fi
 wpa set_network 0 key_mgmt NONE >/dev/null
 
-# The monitor is started first and told the present state by hand, so that no change is missed.
+# Start the monitor first and then read the current state, so that no change is missed.
 mkfifo /run/wifi_radio.$$
 ip -o monitor link dev wlan0 >/run/wifi_radio.$$ 2>/dev/null &
 monitor=$!

@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// How often starting boards are asked whether they have joined.
+// How often to ask starting boards whether they have joined.
 constexpr std::chrono::milliseconds kAsk(100);
 
 json SiteStatus(const StateDir& site) {
@@ -31,7 +31,7 @@ json SiteStatus(const StateDir& site) {
     }
 }
 
-// What board `number` tells of itself; none while it cannot be reached.
+// The short status of board `number`. None while its runner does not answer.
 std::optional<json> Brief(const StateDir& site, int number) {
     const std::filesystem::path folder = BoardFolder(site.Path(), number);
     if (!std::filesystem::exists(folder / "control")) {
@@ -53,6 +53,8 @@ json Describe(const StateDir& site, int number) {
     if (const auto brief = Brief(site, number)) {
         board.update(*brief);
     }
+    const bool wired = board.value("ethAddress", "?") != "";
+    board["mac"] = board.at(wired ? "ethMac" : "wlanMac");  // as the device reports it
     return board;
 }
 
@@ -68,10 +70,10 @@ void PrintTable(const json& status) {
                      boot.c_str());
     };
     std::cout << std::flush;
-    row("board", "MAC of eth0", "wlan0", "eth0", "state", "boot");
+    row("board", "MAC", "wlan0", "eth0", "state", "boot");
     for (const json& board : status.at("boards")) {
         const auto text = [&board](const char* key) { return board.value(key, std::string()); };
-        row(std::to_string(board.at("number").get<int>()).c_str(), text("ethMac").c_str(),
+        row(std::to_string(board.at("number").get<int>()).c_str(), text("mac").c_str(),
             text("wlanAddress").c_str(), text("ethAddress").c_str(), text("state").c_str(),
             board.contains("boot")
                 ? std::to_string(board.at("boot").get<int>()) + " " + text("reason")
@@ -79,7 +81,7 @@ void PrintTable(const json& status) {
     }
 }
 
-// Whether the board is where StartBoards waits for it.
+// Whether the board has got as far as StartBoards waits for.
 bool Ready(const StateDir& site, int number, bool noWait) {
     const std::optional<json> brief = Brief(site, number);
     return brief && (noWait ? brief->at("state") == "up" : brief->at("wlanAddress") != "");

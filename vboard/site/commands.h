@@ -17,12 +17,12 @@ struct StartOptions {
     bool noWait = false;
     double timeout = 60;  // seconds
 };
-// Starts boards under the lowest numbers that are free. They belong to the site, not to the caller.
+// Starts boards under the lowest free numbers. They belong to the site, not to the caller.
 // Returns when wlan0 of each has an address, or, with `noWait`, when each program was started.
 // Throws when one ends before that or when time is up; the others stay.
 void StartBoards(const StateDir& site, const StartOptions& options);
 
-// wlan0 of this board gets `address` with its next DHCP request.
+// Makes the DHCP server give wlan0 of this board `address` with its next request.
 void SetLease(const StateDir& site, int number, const std::string& address);
 
 // "dhcp" or "no-dhcp".

@@ -1,7 +1,7 @@
-// Who is who on a site. Everything about a board follows from its number.
+// Addresses of a site. Everything about a board follows from its number.
 //
 //     172.20.18.0/23   the service network: 172.20.18.1 access point and DHCP server, .2 laptop,
-//                      172.20.18.10 to 172.20.19.253 the boards' wlan0, as the server likes
+//                      172.20.18.10 to 172.20.19.253 the boards' wlan0, by DHCP
 //     192.168.10.0/23  the wired network of the boards' eth0; the laptop is not on it
 #pragma once
 
@@ -12,7 +12,7 @@ namespace vboard::site {
 
 constexpr int kMaxBoards = 500;
 
-// Interfaces of the air, the namespace that all boards are plugged into.
+// Bridges in the air, the namespace that all boards are plugged into.
 constexpr char kAccessPoint[] = "ap0";
 constexpr char kWired[] = "lan0";
 

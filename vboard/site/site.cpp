@@ -72,7 +72,7 @@ void Site::CreateNetwork() {
        air_.Get());
     Ip(std::string("link set lo up\n") + "address add " + kLaptopAddress + " brd + dev " + kLaptop +
        "\nlink set " + kLaptop + " up\n" +
-       // Tools that search by limited broadcast find the boards without naming an interface.
+       // Lets tools that search by limited broadcast find the boards without naming an interface.
        "route add broadcast 255.255.255.255 dev " + kLaptop + "\n");
     if (!options_.rate.empty()) {
         Shape();
@@ -80,7 +80,7 @@ void Site::CreateNetwork() {
 }
 
 void Site::Shape() {
-    // All that the laptop and the boards send each other passes this link.
+    // All traffic between the laptop and the boards passes this link.
     const auto limit = [this](const char* interface, int network) {
         Command command{{"tc", "qdisc", "add", "dev", interface, "root", "tbf", "rate",
                          options_.rate, "burst", "64kb", "latency", "50ms"}};
@@ -127,7 +127,7 @@ void Site::Reap() {
     }
 }
 
-// Lets the boards end first; asked again, it does not wait for them.
+// Lets the boards end first. A second call does not wait for them.
 void Site::Stop() {
     if (stopping_) {
         loop_.Stop();
@@ -230,13 +230,12 @@ json Site::StartBoards(const json& request) {
     return {{"numbers", numbers}};
 }
 
-// The server reads its leases at its start alone, so it begins anew, and forgets who has which
-// address; boards that ask for theirs again get it.
+// The server reads its configuration only at its start, so restart it. It forgets the other leases.
 void Site::Lease(int number, const std::string& address) {
     in_addr parsed{};
     if (number < 1 || number > kMaxBoards || inet_pton(AF_INET, address.c_str(), &parsed) != 1) {
-        throw std::runtime_error("say which board, 1 to " + std::to_string(kMaxBoards) +
-                                 ", and which address");
+        throw std::runtime_error("give a board, 1 to " + std::to_string(kMaxBoards) +
+                                 ", and an IPv4 address");
     }
     leases_[number] = address;
     std::string config = kDhcpConfig;

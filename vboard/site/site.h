@@ -1,7 +1,7 @@
-// The site's runner: owns the air (a namespace with the access point, its DHCP server and the wired
-// bridge) and the laptop's namespace, and knows which boards are there. It lives in the laptop's
-// namespace. Boards are processes of their own, started by it or by anybody; they join over its
-// control socket and end when that connection does.
+// The runner of a site. It owns two network namespaces: the air, with the access point, its DHCP
+// server and the wired bridge, and the laptop's, in which it runs itself. Boards are processes of
+// their own, started by the site or by anybody else. They join through its control socket and end
+// when that connection closes.
 #pragma once
 
 #include <map>
@@ -22,14 +22,14 @@ struct SiteOptions {
 
 class Site {
   public:
-    // Makes the namespaces. Throws one clear sentence when the host or the state folder is
-    // unusable.
+    // Creates the namespaces. Throws one clear sentence when the host or the state folder cannot be
+    // used.
     Site(SiteOptions options, const StateDir& state);
     Site(const Site&) = delete;
     Site& operator=(const Site&) = delete;
 
-    // Serves the site until it is stopped and its boards have ended. Returns the exit status. The
-    // calling thread must live as long as the site.
+    // Serves the site until it is stopped and its boards have ended. Returns the exit status. Call
+    // it on the process's first thread, which must live as long as the site.
     int Run();
 
   private:
@@ -55,9 +55,9 @@ class Site {
     Loop loop_;
     std::unique_ptr<DhcpServer> dhcp_;
     std::unique_ptr<ControlServer> control_;
-    std::map<int, int> boards_;          // number → connection, of those that have joined
-    std::map<int, pid_t> started_;       // number → runner, of those started here
-    std::map<int, std::string> leases_;  // number → address of wlan0 that the server must give
+    std::map<int, int> boards_;          // number → connection, of boards that have joined
+    std::map<int, pid_t> started_;       // number → runner, of boards started here
+    std::map<int, std::string> leases_;  // number → address that wlan0 must get
     bool stopping_ = false;
 };
 

@@ -77,7 +77,8 @@ void SiteLink::AccessPoint(const std::string& action) {
         carrier_ = action == "up";
         Ip(port + action + "\n", air_.Get());
     } else if (action == "mute" || action == "unmute") {
-        // Off the bridge the carrier stays and nothing answers; the other boards notice nothing.
+        // With its port off the bridge the board keeps its carrier, but nothing answers. The other
+        // boards notice nothing.
         muted_ = action == "mute";
         Ip(port + (muted_ ? "nomaster\n" : std::string("master ") + kAccessPoint + "\n"),
            air_.Get());

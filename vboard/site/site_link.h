@@ -1,4 +1,4 @@
-// A board's place on a site: plugs it into the site's bridges instead of a bench of its own.
+// A board's network on a site: plugs the board into the site's bridges.
 #pragma once
 
 #include "vboard/control.h"
@@ -8,9 +8,10 @@ namespace vboard::site {
 
 class SiteLink : public BoardNetwork {
   public:
-    // Joins the site that runs on `site` as board `number`, 0: the lowest number that is free. An
-    // address of "" follows from the number, kNoEth leaves eth0 out. Throws when no site runs there
-    // or the number is taken. The board leaves when the object goes.
+    // Joins the site with the state folder `site` as board `number`; 0 takes the lowest free one.
+    // An empty `ethAddress` gives eth0 the address for the number; kNoEth leaves eth0 out. Throws
+    // when no site runs there or the number is taken. The board leaves when the object is
+    // destroyed.
     SiteLink(const StateDir& site, int number, const std::string& ethAddress);
 
     static constexpr char kNoEth[] = "none";

@@ -1,4 +1,4 @@
-// Socket address texts, as libhv gives them.
+// Socket addresses as text, as libhv formats them.
 #pragma once
 
 #include <netinet/in.h>
@@ -12,5 +12,6 @@ typedef union {
     struct sockaddr_in6 sin6;
 } sockaddr_u;
 
-// Writes "address:port" into buf and returns buf; "?" for an address that is not IPv4.
+// Writes "address:port" into the `len` bytes of buf and returns buf. Writes "?" for an address that
+// is not IPv4. Any thread.
 const char* sockaddr_str(sockaddr_u* addr, char* buf, int len);

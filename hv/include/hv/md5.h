@@ -1,4 +1,4 @@
-// MD5 with libhv's names, over libmd.
+// MD5 with libhv's names, on libmd. Any thread, one context each; nothing blocks or fails.
 #pragma once
 
 #include <md5.h>
