@@ -51,10 +51,6 @@ Device::Device(Script script, uint16_t port, std::string address)
       address_(std::move(address)),
       stop_(eventfd(0, EFD_CLOEXEC)) {
     Listen();
-    if (script_.aliveAfter) {
-        const UniqueFd reserve(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        alivePort_ = Bind(reserve.Get(), address_, script_.alivePort);
-    }
     thread_ = std::thread([this] { Serve(); });
 }
 
@@ -91,11 +87,24 @@ void Device::Serve() {
         if (next == Next::kRestart) {
             listener_.Reset();
             clients.clear();
+            if (script_.aliveAfter) {
+                RunApplication();
+                return;
+            }
             if (!script_.backAfter || !Pause(*script_.backAfter)) {
                 return;
             }
             Listen();
         }
+    }
+}
+
+void Device::RunApplication() {
+    if (Pause(*script_.aliveAfter)) {
+        const UniqueFd application(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        (void)Bind(application.Get(), address_, script_.alivePort);
+        (void)listen(application.Get(), 8);
+        (void)Pause(std::chrono::hours(1));
     }
 }
 
@@ -263,6 +272,7 @@ Responder::Responder(const std::string& address, uint16_t port, std::vector<Byte
       stop_(eventfd(0, EFD_CLOEXEC)),
       port_(Bind(in_.Get(), at, port)) {
     (void)Bind(out_.Get(), address, 0);
+    (void)inet_pton(AF_INET, address.c_str(), &first_);
     thread_ = std::thread([this] {
         while (AwaitInput(in_.Get(), stop_.Get())) {
             char search[64];
@@ -270,13 +280,32 @@ Responder::Responder(const std::string& address, uint16_t port, std::vector<Byte
             socklen_t size = sizeof from;
             if (recvfrom(in_.Get(), search, sizeof search, 0, reinterpret_cast<sockaddr*>(&from),
                          &size) > 0) {
-                for (const Bytes& reply : replies_) {
-                    (void)sendto(out_.Get(), reply.data(), reply.size(), 0,
-                                 reinterpret_cast<sockaddr*>(&from), size);
+                for (size_t i = 0; i < replies_.size(); ++i) {
+                    Send(replies_[i], from, static_cast<uint32_t>(i));
                 }
             }
         }
     });
+}
+
+void Responder::Send(const Bytes& reply, sockaddr_in to, uint32_t number) {
+    iovec data{const_cast<uint8_t*>(reply.data()), reply.size()};
+    alignas(cmsghdr) uint8_t control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
+    msghdr message{};
+    message.msg_name = &to;
+    message.msg_namelen = sizeof to;
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = IPPROTO_IP;
+    header->cmsg_type = IP_PKTINFO;
+    header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+    in_pktinfo info{};
+    info.ipi_spec_dst.s_addr = htonl(ntohl(first_.s_addr) + number);
+    memcpy(CMSG_DATA(header), &info, sizeof info);
+    (void)sendmsg(out_.Get(), &message, 0);
 }
 
 Responder::~Responder() {

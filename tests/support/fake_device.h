@@ -32,9 +32,9 @@ struct Script {
     // back after that time, as after a restart.
     bool leaves = false;
     std::optional<milliseconds> backAfter;
-    // So long after that its application opens AlivePort().
+    // So long after it has closed them its application opens alivePort.
     std::optional<milliseconds> aliveAfter;
-    uint16_t alivePort = 0;  // 0: any free one
+    uint16_t alivePort = 0;
     // After the verdict it sends busy replies for ever.
     bool talks = false;
 };
@@ -71,6 +71,7 @@ class Device {
     }
     void Listen();
     bool Pause(milliseconds time);
+    void RunApplication();
     void Talk(int fd);
 
     Script script_;
@@ -89,8 +90,8 @@ class Device {
     std::thread thread_;
 };
 
-// Answers every search with the same datagrams, from one address of this host. It takes searches
-// at all addresses unless told otherwise.
+// Answers every search with the same datagrams: the first from an address of this host, the next
+// from the address after it, and so on. It takes searches at all addresses unless told otherwise.
 class Responder {
   public:
     Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies,
@@ -103,7 +104,10 @@ class Responder {
     uint16_t Port() const { return port_; }
 
   private:
+    void Send(const Bytes& reply, sockaddr_in to, uint32_t number);
+
     std::vector<Bytes> replies_;
+    in_addr first_{};
     UniqueFd in_;
     UniqueFd out_;
     UniqueFd stop_;

@@ -407,7 +407,7 @@ TEST(FleetView, RowsFitTheWindow) {
     for (size_t columns = 10; columns < 150; ++columns) {
         for (int state = 0; state <= static_cast<int>(State::kFailed); ++state) {
             row.member.progress.state = static_cast<State>(state);
-            EXPECT_LT(kvtool::FleetRowText(row, now, columns).size(), columns);
+            EXPECT_LT(kvtool::Width(kvtool::FleetRowText(row, now, columns)), columns);
         }
     }
     row.member.progress.state = State::kUploading;

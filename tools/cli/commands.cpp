@@ -210,16 +210,4 @@ ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout, Json* j
     }
 }
 
-ExitCode RunDiscover(const DiscoverCommand& command, Json* json) {
-    if (!command.request.host.empty()) {
-        (*json)["host"] = Printable(command.request.host);
-    }
-    const DiscoveryResult result = Discover(command.request, nullptr);
-    json->update(DiscoveryJson(result));
-    if (!command.json) {
-        PrintDiscovery(std::cout, result);
-    }
-    return result.devices.empty() ? ExitCode::kUnreachable : ExitCode::kDone;
-}
-
 }  // namespace kvtool

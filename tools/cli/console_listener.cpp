@@ -19,7 +19,7 @@ void ConsoleListener::Clear() {
         return;
     }
     // A window that has become narrower has wrapped the line.
-    const size_t above = (standing_ - 1) / TerminalColumns(out_);
+    const size_t above = (standing_ - 1) / SizeOf(out_).columns;
     if (above > 0) {
         (void)fprintf(out_, "\033[%zuA", above);
     }
@@ -47,7 +47,7 @@ void ConsoleListener::Progress(const UploadProgress& progress) {
     }
     Clear();
     // Keep the last column free: some terminals wrap after writing it.
-    const std::string text = ProgressText(progress, rate_.Rate(), TerminalColumns(out_) - 1);
+    const std::string text = ProgressText(progress, rate_.Rate(), SizeOf(out_).columns - 1);
     (void)fputs(text.c_str(), out_);
     (void)fflush(out_);
     standing_ = text.size();

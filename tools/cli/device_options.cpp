@@ -4,6 +4,7 @@
 #include "common/kv_platform.h"
 #include "tools/cli/command_line.h"
 #include "tools/cli/commands.h"
+#include "tools/device/match.h"
 
 namespace kvtool {
 
@@ -113,15 +114,32 @@ void AddDiscover(CLI::App* root, Chosen* chosen) {
         ->type_name("HOST");
     app->add_option("--interface", request.interfaces, "Broadcast here only")
         ->allow_extra_args(false);
+    app->add_option(
+           "--match", discover->match,
+           "List only devices that fit FIELD=GLOB, a shell pattern for one of " + MatchFields())
+        ->allow_extra_args(false);
     app->add_option("--port", request.port, "UDP port")
         ->capture_default_str()
         ->check(CLI::Range(1, 65535));
-    AddSeconds(app, "--timeout", &request.timeout, "Seconds to listen");
-    app->add_option("--repeat", request.repeat, "Searches to send")
+    AddSeconds(app, "--timeout", &request.timeout, "Seconds to listen; 1 a round with --watch");
+    app->add_option("--repeat", request.repeat, "Searches to send; 1 a round with --watch")
         ->capture_default_str()
         ->check(CLI::Range(1, 1000));
+    CLI::Option* watch =
+        app->add_flag("--watch", discover->watch, "Search on and on, tell what changes");
+    AddSeconds(app, "--gone-after", &discover->goneAfter,
+               "Seconds of silence after which a device is gone");
+    app->get_option("--gone-after")->needs(watch);
+    app->add_flag("-v,--verbose", discover->verbose, "Print all that each device tells")
+        ->excludes(watch);
     app->add_flag("--json", chosen->json, "Print JSON");
-    app->callback([discover, chosen] {
+    app->callback([app, discover, chosen] {
+        if (discover->watch && app->count("--timeout") == 0) {
+            discover->request.timeout = Millis(1000);
+        }
+        if (discover->watch && app->count("--repeat") == 0) {
+            discover->request.repeat = 1;
+        }
         chosen->run = [discover, chosen](Json* json) {
             discover->json = chosen->json;
             return RunDiscover(*discover, json);

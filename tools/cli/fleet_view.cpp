@@ -52,21 +52,12 @@ std::string Fitted(const std::vector<std::string>& parts, const char* between, s
     std::string text;
     for (const std::string& part : parts) {
         const std::string longer = text + (text.empty() ? "" : between) + part;
-        if (longer.size() >= columns) {
+        if (Width(longer) >= columns) {
             break;
         }
         text = longer;
     }
     return text;
-}
-
-// At most `size` bytes, whole characters.
-std::string Cut(const std::string& text, size_t size) {
-    size_t end = std::min(size, text.size());
-    while (end > 0 && end < text.size() && (static_cast<uint8_t>(text[end]) & 0xC0) == 0x80) {
-        --end;
-    }
-    return text.substr(0, end);
 }
 
 const char* PhaseName(State state) {
@@ -109,8 +100,8 @@ std::string FleetRowText(const FleetRow& row, Clock::time_point now, size_t colu
     }
     std::string text = Fitted(parts, "  ", columns);
     // A long reason is cut rather than left out; the report has all of it.
-    if (state == State::kFailed && text.size() + 12 < columns) {
-        text += "  " + Cut(member.text, columns - 3 - text.size());
+    if (state == State::kFailed && Width(text) + 12 < columns) {
+        text += "  " + Shortened(member.text, columns - 3 - Width(text));
     }
     return text;
 }
@@ -169,8 +160,14 @@ FleetRow& FleetView::Row(size_t member) {
     return rows_[member];
 }
 
+void FleetView::Clear() {
+    if (terminal_) {
+        area_.Show({});
+    }
+}
+
 void FleetView::Print(const std::string& text) {
-    area_.Clear();
+    Clear();
     (void)fprintf(out_, "%s\n", text.c_str());
     (void)fflush(out_);
 }
@@ -299,8 +296,7 @@ void FleetView::Tick() {
         Print(FleetTotalText(Total(now), kPlainColumns));
         return;
     }
-    const size_t columns = TerminalColumns(out_);
-    const size_t lines = TerminalRows(out_);
+    const auto [columns, lines] = SizeOf(out_);
     std::vector<std::string> text;
     // One line for the total, one for the cursor.
     for (const size_t i : RowsToShow(rows_, lines > 3 ? lines - 2 : 1)) {

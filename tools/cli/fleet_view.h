@@ -56,7 +56,7 @@ class FleetView : public fleet::RunListener, public fleet::JournalWatcher {
     void Tick() override;
     void Written(const Json& line) override;
     // Removes a table that still stands.
-    void Clear() { area_.Clear(); }
+    void Clear();
 
   private:
     FleetTotal Total(Clock::time_point now) const;
@@ -67,7 +67,7 @@ class FleetView : public fleet::RunListener, public fleet::JournalWatcher {
     bool json_;
     bool terminal_;
     FILE* out_;
-    LiveArea area_;
+    LiveLines area_;
     uint64_t streamSize_;
     const Interrupt& interrupted_;
     bool toldUnderWay_ = false;

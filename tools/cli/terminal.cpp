@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string_view>
 
@@ -12,11 +13,22 @@ namespace {
 
 constexpr size_t kDefaultColumns = 80;
 constexpr size_t kDefaultRows = 24;
+constexpr size_t kNarrowest = 8;
+constexpr char kEllipsis[] = "…";
 
-size_t Given(const char* variable, size_t otherwise) {
-    const char* const text = getenv(variable);
-    const unsigned long given = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-    return given > 0 && given < 10000 ? given : otherwise;
+bool BeginsCharacter(char c) {
+    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80;
+}
+
+// Where the character with this number begins.
+size_t OffsetOf(const std::string& text, size_t character) {
+    size_t at = 0;
+    for (; at < text.size(); ++at) {
+        if (BeginsCharacter(text[at]) && character-- == 0) {
+            break;
+        }
+    }
+    return at;
 }
 
 }  // namespace
@@ -26,43 +38,83 @@ bool IsTerminal(FILE* file) {
     return isatty(fileno(file)) == 1 && (kind == nullptr || std::string_view(kind) != "dumb");
 }
 
-size_t TerminalColumns(FILE* file) {
+TerminalSize SizeOf(FILE* file) {
     winsize size{};
-    return ioctl(fileno(file), TIOCGWINSZ, &size) == 0 && size.ws_col > 0
-               ? size.ws_col
-               : Given("COLUMNS", kDefaultColumns);
-}
-
-size_t TerminalRows(FILE* file) {
-    winsize size{};
-    return ioctl(fileno(file), TIOCGWINSZ, &size) == 0 && size.ws_row > 0
-               ? size.ws_row
-               : Given("LINES", kDefaultRows);
-}
-
-void LiveArea::Clear() {
-    if (standing_.empty()) {
-        return;
+    if (ioctl(fileno(file), TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
+        return {size.ws_col, size.ws_row > 0 ? size.ws_row : kDefaultRows};
     }
+    const char* const text = getenv("COLUMNS");
+    const unsigned long given = text != nullptr ? strtoul(text, nullptr, 10) : 0;
+    return {given > 0 && given < 10000 ? given : kDefaultColumns, kDefaultRows};
+}
+
+size_t Width(const std::string& text) {
+    return static_cast<size_t>(std::count_if(text.begin(), text.end(), BeginsCharacter));
+}
+
+std::string Shortened(const std::string& text, size_t width) {
+    const size_t whole = Width(text);
+    if (whole <= width) {
+        return text;
+    }
+    if (width == 0) {
+        return "";
+    }
+    const size_t head = (width - 1) / 2;
+    const size_t tail = width - 1 - head;
+    return text.substr(0, OffsetOf(text, head)) + kEllipsis +
+           text.substr(OffsetOf(text, whole - tail));
+}
+
+std::vector<std::string> TableLines(const std::vector<std::vector<std::string>>& rows,
+                                    size_t yields, size_t width) {
+    std::vector<size_t> widths(rows.front().size(), 0);
+    for (const auto& row : rows) {
+        for (size_t i = 0; i < row.size(); ++i) {
+            widths[i] = std::max(widths[i], Width(row[i]));
+        }
+    }
+    size_t all = 2 * (widths.size() - 1);
+    for (const size_t column : widths) {
+        all += column;
+    }
+    if (width > 0 && all > width) {
+        const size_t narrowest = std::min(widths[yields], kNarrowest);
+        widths[yields] -= std::min(all - width, widths[yields] - narrowest);
+    }
+    std::vector<std::string> lines;
+    for (const auto& row : rows) {
+        std::string line;
+        for (size_t i = 0; i < row.size(); ++i) {
+            const std::string text = Shortened(row[i], widths[i]);
+            const bool last = i + 1 == row.size();
+            line += text + (last ? "" : std::string(widths[i] - Width(text) + 2, ' '));
+        }
+        lines.push_back(std::move(line));
+    }
+    return lines;
+}
+
+void LiveLines::Show(const std::vector<std::string>& lines) {
+    const TerminalSize size = SizeOf(out_);
     // A window that became narrower has wrapped lines into several.
-    const size_t columns = TerminalColumns(out_);
     size_t above = 0;
     for (const size_t width : standing_) {
-        above += 1 + (width > 0 ? (width - 1) / columns : 0);
+        above += 1 + (width > 0 ? (width - 1) / size.columns : 0);
     }
-    (void)fprintf(out_, "\033[%zuA\r\033[J", above);
-    (void)fflush(out_);
     standing_.clear();
-}
-
-void LiveArea::Show(const std::vector<std::string>& lines) {
-    Clear();
-    std::string text;
+    std::string text = above > 0 ? "\033[" + std::to_string(above) + "A\r" : "\r";
     for (const std::string& line : lines) {
-        text += line + "\n";
-        standing_.push_back(line.size());
+        if (standing_.size() + 1 >= size.rows) {
+            break;
+        }
+        // The last column stays free: some terminals wrap once it is written.
+        const std::string shown = Shortened(line, size.columns - 1);
+        text += shown + "\033[K\n";
+        standing_.push_back(Width(shown));
     }
-    (void)fputs(text.c_str(), out_);
+    text += "\033[J";
+    (void)fwrite(text.data(), 1, text.size(), out_);
     (void)fflush(out_);
 }
 
