@@ -66,22 +66,21 @@ class FleetSite : public testing::Test {
         const std::string app = folder_.Path("app");
         std::filesystem::create_directories(app + "/bin");
         std::filesystem::copy_file(BinDir() + "/cameraMain", app + "/bin/cameraMain");
-        WriteFile(app + "/bin/network",
-                  "#!/bin/sh\nip link set wlan0 up\nexec udhcpc -i wlan0\n");
+        WriteFile(app + "/bin/network", "#!/bin/sh\nip link set wlan0 up\nexec udhcpc -i wlan0\n");
         std::filesystem::permissions(app + "/bin/network", std::filesystem::perms::owner_all);
         (void)Shell("mksquashfs " + app + " " + folder_.Path("app.img") +
                     " -quiet -no-progress -all-root");
         WriteFile(folder_.Path("kernel.img"), std::string(1500000, 'k'));
-        (void)Shell(BinDir() + "/kvtool pack -o " + folder_.Path("good") + " app=" +
-                    folder_.Path("app.img") + " kernel=" + folder_.Path("kernel.img"));
+        (void)Shell(BinDir() + "/kvtool pack -o " + folder_.Path("good") +
+                    " app=" + folder_.Path("app.img") + " kernel=" + folder_.Path("kernel.img"));
     }
 
     std::string SiteFolder() const { return folder_.Path("site"); }
     std::string Journal() const { return folder_.Path("journal"); }
     void Start(int count) {
-        const auto started = RunCommand({BinDir() + "/vboard", "site", "start",
-                                         std::to_string(count), "--state", SiteFolder(),
-                                         "--no-eth", "--", BinDir() + "/upgradeMain"});
+        const auto started =
+            RunCommand({BinDir() + "/vboard", "site", "start", std::to_string(count), "--state",
+                        SiteFolder(), "--no-eth", "--", BinDir() + "/upgradeMain"});
         ASSERT_EQ(started.status, 0) << started.output;
     }
     void OnBoard(int number, const Lines& arguments) const {
@@ -99,8 +98,8 @@ class FleetSite : public testing::Test {
         return command;
     }
     Lines Upgrade(const Lines& more) const {
-        Lines arguments = {"upgrade", folder_.Path("good"), "--yes",          "--journal",
-                           Journal(), "--stall-timeout",    "5",              "--leave-timeout",
+        Lines arguments = {"upgrade", folder_.Path("good"), "--yes", "--journal",
+                           Journal(), "--stall-timeout",    "5",     "--leave-timeout",
                            "60",      "--back-timeout",     "8"};
         arguments.insert(arguments.end(), more.begin(), more.end());
         return Tool(arguments);
@@ -136,15 +135,14 @@ TEST_F(FleetSite, EachTroubleIsToldAndTheOthersAreServed) {
         {BinDir() + "/vboard", "site", "lease", "4", "172.20.19.7", "--state", SiteFolder()});
     EXPECT_EQ(lease.status, 0) << lease.output;
     const std::string wrong = folder_.Path("wrong");
-    (void)Shell(BinDir() + "/kvtool pack -o " + wrong + " --ic OTHER app=" +
-                folder_.Path("app.img"));
-    const auto refused = RunCommand(
-        Tool({"upgrade", wrong, "--all", "--yes", "--journal", folder_.Path("other")}));
+    (void)Shell(BinDir() + "/kvtool pack -o " + wrong +
+                " --ic OTHER app=" + folder_.Path("app.img"));
+    const auto refused =
+        RunCommand(Tool({"upgrade", wrong, "--all", "--yes", "--journal", folder_.Path("other")}));
     EXPECT_EQ(refused.status, 13) << refused.output;
     EXPECT_EQ(CountOf(refused.output, "will not be upgraded: the package is for chip"), 5U)
         << refused.output;
-    EXPECT_EQ(CountOf(refused.output, "failed (3): the package is for chip"), 5U)
-        << refused.output;
+    EXPECT_EQ(CountOf(refused.output, "failed (3): the package is for chip"), 5U) << refused.output;
 
     Child run(Upgrade({"--all"}), folder_.Path("output"));
     std::thread second([this] {
@@ -156,8 +154,8 @@ TEST_F(FleetSite, EachTroubleIsToldAndTheOthersAreServed) {
         OnBoard(3, {"ap", "mute"});
     });
     EXPECT_TRUE(WaitEntered(MacOf(1), "uploading"));
-    const auto other = RunCommand(Tool({"upgrade", folder_.Path("good"), MacOf(1), "--yes",
-                                        "--journal", folder_.Path("third")}));
+    const auto other = RunCommand(Tool(
+        {"upgrade", folder_.Path("good"), MacOf(1), "--yes", "--journal", folder_.Path("third")}));
     EXPECT_EQ(other.status, 13);
     EXPECT_TRUE(Contains(other.output, "is being upgraded by kvtool, process")) << other.output;
     second.join();
@@ -182,8 +180,8 @@ TEST_F(FleetSite, EachTroubleIsToldAndTheOthersAreServed) {
     OnBoard(3, {"ap", "unmute"});
     EXPECT_TRUE(WaitUntil(
         [this] {
-            return Contains(RunCommand(Tool({"upgrade", folder_.Path("good"), MacOf(2),
-                                             "--dry-run", "--journal", folder_.Path("none")}))
+            return Contains(RunCommand(Tool({"upgrade", folder_.Path("good"), MacOf(2), "--dry-run",
+                                             "--journal", folder_.Path("none")}))
                                 .output,
                             "runs PRT7K");
         },
@@ -220,8 +218,7 @@ TEST_F(FleetBigSite, TwentyBoardsSurviveKills) {
     Start(kBoards);
     for (const size_t lines : {5, 25, 60, 75}) {
         Child run(Upgrade({lines == 5 ? "--all" : "--resume"}));
-        EXPECT_TRUE(WaitUntil(
-            [&] { return CountOf(ReadFile(Journal()), "\n") >= lines; }, 60));
+        EXPECT_TRUE(WaitUntil([&] { return CountOf(ReadFile(Journal()), "\n") >= lines; }, 60));
         std::istringstream line(ReadFile(Journal()));
         pid_t process = -1;
         for (std::string text; std::getline(line, text) && !line.eof();) {

@@ -39,8 +39,7 @@ class Camera {
   public:
     explicit Camera(int number, Script script = Alive())
         : mac(MacOf(number)),
-          address("127.1." + std::to_string(number / 200) + "." +
-                  std::to_string(number % 200 + 1)),
+          address("127.1." + std::to_string(number / 200) + "." + std::to_string(number % 200 + 1)),
           device(std::move(script), 80, address),
           responder_(address, 6789,
                      {kv_test::ExpectedReply({address, "255.255.255.0", "", "", mac})}, address) {}
@@ -92,8 +91,8 @@ struct Flight {
     Bytes package = Bytes(5000, 'p');
     kvtool::Interrupt startNothing;
     kvtool::Interrupt stopNow;
-    RunRequest request{package, "PRT7K", "38QX", 8, 0, 0, 0, Millis(20), {}, {}, {}, {}, "",
-                       false, startNothing, stopNow};
+    RunRequest request{package, "PRT7K", "38QX",       8,      0, 0, 0, Millis(20), {}, {}, {}, {},
+                       "",      false,   startNothing, stopNow};
     kv_test::Folder folder;
     std::string path = folder.Path("journal");
     Silent listener;
@@ -325,9 +324,10 @@ void KillAndResume(int line) {
     const std::string journal = folder.Path("journal");
     const std::string times =
         " --yes --leave-timeout 3 --back-timeout 20 --interface lo --journal " + journal;
-    const auto killed = Tool("upgrade /tmp/good " + first.address + " " + second.address + times,
-                             "KILL_AT_SYNC=" + std::to_string(line) + " LD_PRELOAD=" KILL_AT_SYNC
-                             " ASAN_OPTIONS=verify_asan_link_order=0");
+    const auto killed =
+        Tool("upgrade /tmp/good " + first.address + " " + second.address + times,
+             "KILL_AT_SYNC=" + std::to_string(line) +
+                 " LD_PRELOAD=" KILL_AT_SYNC " ASAN_OPTIONS=verify_asan_link_order=0");
     EXPECT_EQ(killed.status, 137) << line << "\n" << killed.output;
     const JournalContents left = ReadJournal(journal);
     EXPECT_EQ(kv_test::CountOf(kv_test::ReadFile(journal), "\n"), static_cast<size_t>(line));

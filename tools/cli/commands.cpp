@@ -127,8 +127,8 @@ ExitCode DoUpgrade(const UpgradeCommand& command, const Layout& layout, ConsoleL
                    UpgradeRecord* record, Json* json) {
     (*json)["host"] = Printable(command.device.host);
     (*json)["file"] = Printable(command.file);
-    const auto [package, report] =
-        LoadPackage({command.file, command.force, command.trust, command.device.json}, layout, json);
+    const auto [package, report] = LoadPackage(
+        {command.file, command.force, command.trust, command.device.json}, layout, json);
     OpenDevice device =
         command.wait ? WaitForDevice(command, listener, record, json)
                      : ConnectAndLogin(command.device, command.times, listener, record, json);

@@ -46,10 +46,9 @@ std::string JournalPath(const FleetCommand& command) {
 JournalContents ReadEarlier(const std::string& path, const fleet::PackageName& package) {
     JournalContents earlier = fleet::ReadJournal(path);
     if (earlier.package.md5 != package.md5) {
-        throw ToolError(ExitCode::kRefused, "the journal " + Printable(path) +
-                                                " is about another package, " +
-                                                earlier.package.file + " with MD5 " +
-                                                earlier.package.md5);
+        throw ToolError(ExitCode::kRefused,
+                        "the journal " + Printable(path) + " is about another package, " +
+                            earlier.package.file + " with MD5 " + earlier.package.md5);
     }
     return earlier;
 }
@@ -130,10 +129,22 @@ struct Flight {
 
 RunRequest RequestOf(const FleetCommand& command, const LoadedPackage& package,
                      const Flight& flight) {
-    RunRequest request{package.bytes, package.report.ic, package.report.sensor, command.jobs, 0, 0,
-                       command.retries, Millis(5000), command.times, command.discovery,
-                       command.port, command.alivePort, command.expectVersion, false,
-                       flight.startNothing, flight.stopNow};
+    RunRequest request{package.bytes,
+                       package.report.ic,
+                       package.report.sensor,
+                       command.jobs,
+                       0,
+                       0,
+                       command.retries,
+                       Millis(5000),
+                       command.times,
+                       command.discovery,
+                       command.port,
+                       command.alivePort,
+                       command.expectVersion,
+                       false,
+                       flight.startNothing,
+                       flight.stopNow};
     return request;
 }
 
@@ -221,10 +232,10 @@ ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layou
         earlier = ReadEarlier(path, name);
     }
     const size_t known = earlier.members.size();
-    const Plan plan = fleet::MakePlan(
-        {command.all, HostsOf(command), matcher, command.discovery, command.port, command.times,
-         package.report.ic, package.report.sensor},
-        std::move(earlier.members));
+    const Plan plan =
+        fleet::MakePlan({command.all, HostsOf(command), matcher, command.discovery, command.port,
+                         command.times, package.report.ic, package.report.sensor},
+                        std::move(earlier.members));
     std::ostream& out = command.json ? std::cerr : std::cout;
     PrintPlan(out, plan, name);
     (*json)["plan"] = PlanJson(plan);
@@ -264,8 +275,7 @@ namespace {
 // Looks again and again which devices are there, and hands over those that have something to do.
 class LineWatcher {
   public:
-    LineWatcher(const FleetCommand& command, const Flight& flight, Journal* journal,
-                Runner* runner)
+    LineWatcher(const FleetCommand& command, const Flight& flight, Journal* journal, Runner* runner)
         : command_(command),
           matcher_(command.match),
           flight_(flight),

@@ -88,8 +88,7 @@ std::string FleetRowText(const FleetRow& row, Clock::time_point now, size_t colu
         } else if (rate > 0) {
             const auto left = static_cast<double>(upload.total - upload.acknowledged);
             parts.push_back(Padded(Duration(left / rate) + " left", 10));
-            parts.push_back(
-                Padded(ShortSizeText(static_cast<uint64_t>(rate)) + "/s", 12));
+            parts.push_back(Padded(ShortSizeText(static_cast<uint64_t>(rate)) + "/s", 12));
         }
         parts.push_back(Bar(upload.acknowledged, upload.total));
     } else if (UnderWay(member)) {
@@ -108,8 +107,8 @@ std::string FleetRowText(const FleetRow& row, Clock::time_point now, size_t colu
 
 std::string FleetTotalText(const FleetTotal& total, size_t columns) {
     const size_t all = total.done + total.failed + total.underWay + total.waiting;
-    std::vector<std::string> parts = {
-        "total: " + std::to_string(total.done) + " of " + std::to_string(all) + " done"};
+    std::vector<std::string> parts = {"total: " + std::to_string(total.done) + " of " +
+                                      std::to_string(all) + " done"};
     if (total.failed > 0) {
         parts.push_back(std::to_string(total.failed) + " failed");
     }
@@ -127,10 +126,10 @@ std::string FleetTotalText(const FleetTotal& total, size_t columns) {
 std::vector<size_t> RowsToShow(const std::vector<FleetRow>& rows, size_t lines) {
     const auto rank = [&rows](size_t i) {
         const Member& member = rows[i].member;
-        return UnderWay(member)                               ? 0
-               : member.progress.state == State::kFailed ? 1
-               : member.progress.state == State::kPlanned     ? 2
-                                                              : 3;
+        return UnderWay(member)                           ? 0
+               : member.progress.state == State::kFailed  ? 1
+               : member.progress.state == State::kPlanned ? 2
+                                                          : 3;
     };
     std::vector<size_t> order(rows.size());
     for (size_t i = 0; i < order.size(); ++i) {
@@ -248,9 +247,8 @@ FleetTotal FleetView::Total(Clock::time_point now) const {
         const bool sent = state == State::kDone || row.member.progress.reached >= State::kFinishing;
         total.size += streamSize_;
         total.sent += sent ? streamSize_ : row.upload.acknowledged;
-        left = state == State::kAccepted
-                   ? std::max(left, total.followed - Seconds(row.since, now))
-                   : left;
+        left = state == State::kAccepted ? std::max(left, total.followed - Seconds(row.since, now))
+                                         : left;
     }
     const auto rest = static_cast<double>(total.size - std::min(total.sent, total.size));
     if (rest > 0) {

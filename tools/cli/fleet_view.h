@@ -18,9 +18,9 @@ struct FleetRow {
     fleet::Member member;
     UploadProgress upload;
     RateMeter rate;
-    std::string last;                // the latest words about it
-    Clock::time_point since;         // when it entered its state
-    Clock::time_point reported;      // when an event last told its progress
+    std::string last;            // the latest words about it
+    Clock::time_point since;     // when it entered its state
+    Clock::time_point reported;  // when an event last told its progress
 };
 
 // All rows together.
@@ -29,11 +29,11 @@ struct FleetTotal {
     size_t failed = 0;
     size_t underWay = 0;
     size_t waiting = 0;
-    uint64_t sent = 0;      // bytes acknowledged, of all
-    uint64_t size = 0;      // bytes to send, to all
-    double rate = 0;        // bytes a second over all uploads; 0: not known
-    double followed = 0;    // seconds from acceptance to being seen alive so far, on average; 0: no
-                            // one has come so far
+    uint64_t sent = 0;    // bytes acknowledged, of all
+    uint64_t size = 0;    // bytes to send, to all
+    double rate = 0;      // bytes a second over all uploads; 0: not known
+    double followed = 0;  // seconds from acceptance to being seen alive so far, on average; 0: no
+                          // one has come so far
     double secondsLeft = 0;  // 0: not known
 };
 

@@ -23,10 +23,9 @@ LoadedPackage LoadPackage(const PackageChoice& choice, const Layout& layout, Jso
     PrintFindings(out, package.report);
     out.flush();
     if (package.bytes.empty() || (!package.report.Acceptable() && !choice.force)) {
-        throw ToolError(
-            ExitCode::kRefused,
-            Printable(choice.file) +
-                " is not fit for the device: see the errors above; nothing was sent");
+        throw ToolError(ExitCode::kRefused,
+                        Printable(choice.file) +
+                            " is not fit for the device: see the errors above; nothing was sent");
     }
     return package;
 }

@@ -16,7 +16,7 @@ struct FollowTarget {
     uint16_t alivePort = 0;      // TCP port that the running application opens; 0: not known
     // It was seen closed while the device was in recovery mode, before the upload.
     bool alivePortClosed = false;
-    std::string version;         // firmware that a search reply must also name; empty: any
+    std::string version;  // firmware that a search reply must also name; empty: any
 };
 
 // Follows the device until it is seen alive, is back in recovery mode, or time is up. `upgradeFd`

@@ -44,11 +44,10 @@ std::array<uint8_t, kv::kMd5TrailerSize> MakeTrailer(const Bytes& package) {
 
 void CheckIdentity(const std::string& ic, const std::string& sensor, const DeviceInfo& device) {
     if (ic != device.ic || sensor != device.sensor) {
-        throw ToolError(ExitCode::kRefused, "the package is for chip '" + Printable(ic) +
-                                                "' and sensor '" + Printable(sensor) +
-                                                "', but the device has '" + Printable(device.ic) +
-                                                "' and '" + Printable(device.sensor) +
-                                                "'; nothing was sent");
+        throw ToolError(ExitCode::kRefused,
+                        "the package is for chip '" + Printable(ic) + "' and sensor '" +
+                            Printable(sensor) + "', but the device has '" + Printable(device.ic) +
+                            "' and '" + Printable(device.sensor) + "'; nothing was sent");
     }
 }
 

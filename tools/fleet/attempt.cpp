@@ -65,9 +65,9 @@ bool Attempt::Locate() {
         return false;
     }
     try {
-        const DiscoveryResult result = Discover(
-            request_.discovery,
-            [this](const FoundDevice& device) { return device.reply.mac == member_.mac; });
+        const DiscoveryResult result =
+            Discover(request_.discovery,
+                     [this](const FoundDevice& device) { return device.reply.mac == member_.mac; });
         const FoundDevice* const device = FindMac(result, member_.mac);
         if (device != nullptr) {
             Take(*device);
@@ -155,10 +155,9 @@ void Attempt::Look() {
             runner_->Settle(index_, member_);
             return;
         }
-        const std::string doubt =
-            member_.progress.reached == State::kFinishing
-                ? "was in doubt, the package may have been taken: "
-                : "had accepted in an earlier run: ";
+        const std::string doubt = member_.progress.reached == State::kFinishing
+                                      ? "was in doubt, the package may have been taken: "
+                                      : "had accepted in an earlier run: ";
         End(code, doubt + Outcome(code));
     } catch (const ToolError& error) {
         if (error.Code() == ExitCode::kInterrupted) {

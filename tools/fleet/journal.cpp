@@ -194,9 +194,9 @@ JournalContents ReadJournal(const std::string& path) {
         try {
             reader.Line(Json::parse(text));
         } catch (const std::exception& error) {
-            throw ToolError(ExitCode::kRefused, Printable(path) + ":" + std::to_string(number) +
-                                                    ": not a line of a journal: " +
-                                                    Printable(error.what()));
+            throw ToolError(ExitCode::kRefused,
+                            Printable(path) + ":" + std::to_string(number) +
+                                ": not a line of a journal: " + Printable(error.what()));
         }
     }
     JournalContents contents = reader.Take();
@@ -212,8 +212,8 @@ void Journal::Fail(int error) {
     // What a full disk has taken of the line must not stand in front of the next one.
     const int ignored = ftruncate(fd_.Get(), static_cast<off_t>(size_));
     (void)ignored;
-    throw ToolError(ExitCode::kInternal, "cannot write the journal " + Printable(path_) + ": " +
-                                             strerror(error));
+    throw ToolError(ExitCode::kInternal,
+                    "cannot write the journal " + Printable(path_) + ": " + strerror(error));
 }
 
 Journal Journal::Open(const std::string& path) {
@@ -223,8 +223,7 @@ Journal Journal::Open(const std::string& path) {
                         "cannot open the journal " + Printable(path) + ": " + strerror(errno));
     }
     if (flock(fd.Get(), LOCK_EX | LOCK_NB) != 0) {
-        throw ToolError(ExitCode::kBusy,
-                        "another process writes the journal " + Printable(path));
+        throw ToolError(ExitCode::kBusy, "another process writes the journal " + Printable(path));
     }
     const uint64_t whole = ReadJournal(path).whole;
     Journal journal(path, std::move(fd), whole);
@@ -270,14 +269,13 @@ void Journal::WriteRun(int run, const PackageName& package, const std::vector<Me
     for (const Member& member : members) {
         devices.push_back(PlannedJson(member));
     }
-    (void)Write("run", {{"run", run},
-                        {"tool", kv::kVersion},
-                        {"process", getpid()},
-                        {"package",
-                         {{"file", Printable(package.file)},
-                          {"size", package.size},
-                          {"md5", package.md5}}},
-                        {"devices", devices}});
+    (void)Write(
+        "run", {{"run", run},
+                {"tool", kv::kVersion},
+                {"process", getpid()},
+                {"package",
+                 {{"file", Printable(package.file)}, {"size", package.size}, {"md5", package.md5}}},
+                {"devices", devices}});
 }
 
 void Journal::WritePlanned(const Member& member) {

@@ -42,7 +42,7 @@ struct JournalContents {
     PackageName package;  // of the first run
     int runs = 0;
     std::vector<Member> members;
-    bool torn = false;  // the last line is not whole; it announced a step that was not made
+    bool torn = false;   // the last line is not whole; it announced a step that was not made
     uint64_t whole = 0;  // bytes up to there
 };
 

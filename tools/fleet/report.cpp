@@ -213,8 +213,7 @@ void WriteTroubles(std::ostream& out, const std::vector<Member>& members) {
         } else if (progress.state == State::kPlanned) {
             out << "not started";
         } else {
-            out << "left while " << StateName(progress.state) << ": "
-                << LeftText(progress.reached);
+            out << "left while " << StateName(progress.state) << ": " << LeftText(progress.reached);
         }
         out << '\n';
     }

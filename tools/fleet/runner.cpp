@@ -46,8 +46,8 @@ void Runner::Stop(const std::string& why) {
 // journal then ends with what it knew, and a later run looks at the device again.
 void Runner::Enter(size_t index, Member* member, State state) {
     member->progress.Enter(state);
-    const bool ownStep = state != State::kAccepted && state != State::kDone &&
-                         state != State::kFailed;
+    const bool ownStep =
+        state != State::kAccepted && state != State::kDone && state != State::kFailed;
     std::unique_lock<std::mutex> lock(mutex_);
     if (journalTrouble_.empty()) {
         lock.unlock();
@@ -78,9 +78,8 @@ void Runner::Settle(size_t index, const Member& member) {
 
 void Runner::Add(Member member) {
     const std::lock_guard<std::mutex> guard(mutex_);
-    const auto known = std::find_if(members_.begin(), members_.end(), [&](const Member& other) {
-        return other.id == member.id;
-    });
+    const auto known = std::find_if(members_.begin(), members_.end(),
+                                    [&](const Member& other) { return other.id == member.id; });
     const auto index = static_cast<size_t>(known - members_.begin());
     if (known == members_.end()) {
         members_.push_back(std::move(member));
@@ -104,9 +103,9 @@ std::optional<Member> Runner::Find(const std::string& id) {
 
 // Those that were seen alive in an earlier run count.
 void Runner::ChooseCanaries() {
-    auto done = static_cast<size_t>(std::count_if(
-        members_.begin(), members_.end(),
-        [](const Member& member) { return member.progress.state == State::kDone; }));
+    auto done = static_cast<size_t>(
+        std::count_if(members_.begin(), members_.end(),
+                      [](const Member& member) { return member.progress.state == State::kDone; }));
     for (const Waiting& waiting : waiting_) {
         const Member& member = members_[waiting.member];
         const bool fit = member.code != ExitCode::kRefused || member.progress.attempts > 0;
@@ -184,8 +183,8 @@ void Runner::Perform(size_t index) {
 void Runner::ConcludeFailure(const Member& member, size_t index) {
     if (MayRetry(member) && member.progress.attempts <= request_.retries) {
         waiting_.push_back({index, Clock::now() + request_.retryPause});
-        listener_->Line(index, "tried again in " +
-                                   std::to_string(request_.retryPause.count() / 1000) + " s");
+        listener_->Line(
+            index, "tried again in " + std::to_string(request_.retryPause.count() / 1000) + " s");
         return;
     }
     ++failures_;
@@ -208,8 +207,7 @@ void Runner::Conclude(size_t index) {
         canaries_[index] = true;
         if (std::all_of(canaries_.begin(), canaries_.end(),
                         [](const auto& canary) { return canary.second; })) {
-            listener_->Note(std::to_string(canaries_.size()) +
-                            " seen alive; the rest is started");
+            listener_->Note(std::to_string(canaries_.size()) + " seen alive; the rest is started");
             canaries_.clear();
         }
     }

@@ -31,7 +31,7 @@ struct RunRequest {
     std::optional<uint16_t> port;       // command port, when it is not as discovered
     std::optional<uint16_t> alivePort;  // what the running application opens
     std::string expectVersion;          // empty: any
-    bool keepOpen = false;  // go on waiting for more devices until `startNothing` is raised
+    bool keepOpen = false;          // go on waiting for more devices until `startNothing` is raised
     const Interrupt& startNothing;  // once raised, nothing is started; those under way go on
     const Interrupt& stopNow;       // once raised, those under way are left as they are
 };

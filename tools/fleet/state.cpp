@@ -53,8 +53,8 @@ bool MayFollow(State from, State to) {
 
 void Progress::Enter(State next) {
     // A device that may have accepted is looked at before anything else.
-    const bool unseen = next == State::kConnecting && state != State::kLooking &&
-                        NextFor(*this) != Next::kUpgrade;
+    const bool unseen =
+        next == State::kConnecting && state != State::kLooking && NextFor(*this) != Next::kUpgrade;
     if (!MayFollow(state, next) || unseen) {
         throw std::logic_error(std::string("a device cannot go from ") + StateName(state) + " to " +
                                StateName(next));
