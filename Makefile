@@ -4,8 +4,9 @@ JOBS ?= $(shell expr 2 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder bench bench-fleet bench-discovery board \
-        board-shell test test-ansible test-fleet unit mutants lint format sanitize packaging-check install deb clean
+.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder bench bench-discovery \
+        bench-fleet board board-shell test test-ansible test-fleet unit mutants lint format sanitize packaging-check \
+        install deb clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18

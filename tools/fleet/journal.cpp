@@ -240,7 +240,7 @@ Journal Journal::Open(const std::string& path) {
     return journal;
 }
 
-double Journal::Write(const char* event, Json details) {
+double Journal::Write(const char* event, const Json& details) {
     const std::lock_guard<std::mutex> guard(mutex_);
     const double now = Now();
     Json line = {{"schema", kSchema}, {"time", TimeText(now)}, {"event", event}};

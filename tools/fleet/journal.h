@@ -81,7 +81,7 @@ class Journal {
   private:
     Journal(std::string path, UniqueFd fd, uint64_t size)
         : path_(std::move(path)), fd_(std::move(fd)), size_(size) {}
-    double Write(const char* event, Json details);
+    double Write(const char* event, const Json& details);
     [[noreturn]] void Fail(int error);
 
     std::string path_;
