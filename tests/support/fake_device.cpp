@@ -87,11 +87,24 @@ void Device::Serve() {
         if (next == Next::kRestart) {
             listener_.Reset();
             clients.clear();
+            if (script_.aliveAfter) {
+                RunApplication();
+                return;
+            }
             if (!script_.backAfter || !Pause(*script_.backAfter)) {
                 return;
             }
             Listen();
         }
+    }
+}
+
+void Device::RunApplication() {
+    if (Pause(*script_.aliveAfter)) {
+        const UniqueFd application(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        (void)Bind(application.Get(), address_, script_.alivePort);
+        (void)listen(application.Get(), 8);
+        (void)Pause(std::chrono::hours(1));
     }
 }
 
@@ -209,6 +222,7 @@ Device::Next Device::ReceiveStream(int fd) {
 
 Device::Next Device::GiveVerdict(int fd) {
     if (script_.verdict == Verdict::kAnswer) {
+        accepted_ += script_.verdictStatus == 0 ? 1 : 0;
         Reply(fd, 0x2002, script_.verdictStatus);
     }
     if (script_.talks) {
@@ -253,12 +267,13 @@ void Device::Reply(int fd, uint16_t command, uint16_t status, const std::string&
     }
 }
 
-Responder::Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies)
+Responder::Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies,
+                     const std::string& at)
     : replies_(std::move(replies)),
       in_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
       out_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
       stop_(eventfd(0, EFD_CLOEXEC)),
-      port_(Bind(in_.Get(), "0.0.0.0", port)) {
+      port_(Bind(in_.Get(), at, port)) {
     (void)Bind(out_.Get(), address, 0);
     (void)inet_pton(AF_INET, address.c_str(), &first_);
     thread_ = std::thread([this] {

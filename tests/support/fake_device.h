@@ -33,6 +33,9 @@ struct Script {
     // back after that time, as after a restart.
     bool leaves = false;
     std::optional<milliseconds> backAfter;
+    // So long after it has closed them its application opens alivePort.
+    std::optional<milliseconds> aliveAfter;
+    uint16_t alivePort = 0;
     // After the verdict it sends busy replies for ever.
     bool talks = false;
 };
@@ -49,6 +52,8 @@ class Device {
     // The bytes received after the upgrade request, and the request itself.
     Bytes Stream() { return Copy(stream_); }
     std::string UpgradeRequest() { return Copy(request_); }
+    // How often it has accepted a package.
+    int Accepted() const { return accepted_; }
     // The size of each chunk read as a command; the upgrade request is the last.
     std::vector<size_t> Chunks() { return Copy(chunks_); }
 
@@ -67,6 +72,7 @@ class Device {
     }
     void Listen();
     bool Pause(milliseconds time);
+    void RunApplication();
     void Talk(int fd);
 
     Script script_;
@@ -77,6 +83,7 @@ class Device {
     uint32_t session_ = 0;
     uint32_t starts_ = 0;
     uint64_t total_ = 0;
+    std::atomic<int> accepted_{0};
     std::mutex mutex_;
     Bytes stream_;
     std::string request_;
@@ -85,10 +92,11 @@ class Device {
 };
 
 // Answers every search with the same datagrams: the first from an address of this host, the next
-// from the address after it, and so on.
+// from the address after it, and so on. It takes searches at all addresses unless told otherwise.
 class Responder {
   public:
-    Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies);
+    Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies,
+              const std::string& at = "0.0.0.0");
     Responder(const std::string& address, uint16_t port, Bytes reply)
         : Responder(address, port, std::vector<Bytes>{std::move(reply)}) {}
     ~Responder();

@@ -29,22 +29,13 @@ Millis FromSeconds(double seconds) {
     return std::chrono::duration_cast<Millis>(std::chrono::duration<double>(seconds));
 }
 
-void AddSeconds(CLI::App* app, const char* name, Millis* value, const char* help) {
-    const double seconds = std::chrono::duration<double>(*value).count();
-    app->add_option_function<double>(
-           name, [value](const double& given) { *value = FromSeconds(given); }, help)
-        ->default_str(CLI::detail::to_string(seconds))
-        ->check(CLI::Range(0.1, kLongestSeconds));
-}
-
 void AddConnection(CLI::App* app, DeviceCommand* device, DeviceOptions* options) {
     app->add_option("host", device->host, "Address, name or MAC address")
         ->required()
         ->type_name("HOST");
     app->add_option("--port", options->port, "TCP port (default: 80, or as discovered)")
         ->check(CLI::Range(1, 65535));
-    AddSeconds(app, "--connect-timeout", &options->times.connect, "Seconds to connect");
-    AddSeconds(app, "--reply-timeout", &options->times.reply, "Seconds for each answer");
+    AddAnswerTimes(app, &options->times);
 }
 
 void AddInfo(CLI::App* root, Chosen* chosen) {
@@ -95,13 +86,7 @@ void AddUpgrade(CLI::App* root, Chosen* chosen) {
         ->check(CLI::Range(1, 65535));
     app->add_option("--expect-version", command.expectVersion,
                     "Firmware version that the running application must name in a search reply");
-    UpgradeTimes& times = upgrade->options.times;
-    AddSeconds(app, "--stall-timeout", &times.stall, "Seconds without an acknowledged byte");
-    AddSeconds(app, "--verify-timeout", &times.verify,
-               "Seconds for the device to accept or reject the package");
-    AddSeconds(app, "--leave-timeout", &times.leave,
-               "Seconds to see the device leave recovery mode");
-    AddSeconds(app, "--back-timeout", &times.back, "Seconds after that to see it alive");
+    AddUpgradeTimes(app, &upgrade->options.times);
     app->callback([upgrade, chosen] {
         chosen->run = [upgrade, chosen](Json* json) {
             UpgradeCommand& chosenCommand = upgrade->command;
@@ -163,6 +148,28 @@ void AddDiscover(CLI::App* root, Chosen* chosen) {
 }
 
 }  // namespace
+
+void AddSeconds(CLI::App* app, const char* name, Millis* value, const char* help) {
+    const double seconds = std::chrono::duration<double>(*value).count();
+    app->add_option_function<double>(
+           name, [value](const double& given) { *value = FromSeconds(given); }, help)
+        ->default_str(CLI::detail::to_string(seconds))
+        ->check(CLI::Range(0.1, kLongestSeconds));
+}
+
+void AddAnswerTimes(CLI::App* app, UpgradeTimes* times) {
+    AddSeconds(app, "--connect-timeout", &times->connect, "Seconds to connect");
+    AddSeconds(app, "--reply-timeout", &times->reply, "Seconds for each answer");
+}
+
+void AddUpgradeTimes(CLI::App* app, UpgradeTimes* times) {
+    AddSeconds(app, "--stall-timeout", &times->stall, "Seconds without an acknowledged byte");
+    AddSeconds(app, "--verify-timeout", &times->verify,
+               "Seconds for the device to accept or reject the package");
+    AddSeconds(app, "--leave-timeout", &times->leave,
+               "Seconds to see the device leave recovery mode");
+    AddSeconds(app, "--back-timeout", &times->back, "Seconds after that to see it alive");
+}
 
 void AddDeviceCommands(CLI::App* root, Chosen* chosen) {
     AddInfo(root, chosen);
