@@ -4,8 +4,9 @@ JOBS ?= $(shell expr 2 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-ladder bench bench-discovery board \
-        board-shell test test-ansible unit mutants lint format sanitize packaging-check install deb clean
+.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder bench bench-discovery \
+        bench-fleet board board-shell test test-ansible test-fleet unit mutants lint format sanitize packaging-check \
+        install deb clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
@@ -49,6 +50,14 @@ bench: build ## Measure an upload against socat on the same virtual link
 	@scripts/setup.sh vboard scripts bench
 	@scripts/bench_upload.sh
 
+demo-fleet: build ## Watch eight cameras being upgraded at once: two fail, the tool is killed and goes on (90 seconds)
+	@scripts/setup.sh vboard scripts
+	@scripts/demo_fleet.sh
+
+bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one air (5 minutes)
+	@scripts/setup.sh vboard scripts
+	@scripts/bench_fleet.sh
+
 bench-discovery: build ## Compare the rate of discovery answers with that of a bare UDP echo
 	@scripts/setup.sh vboard scripts
 	@scripts/bench_discovery.sh
@@ -60,9 +69,12 @@ board-shell: build ## Open the console of such a board
 	@scripts/board.sh shell
 
 test: tests-build ## Run all unit and system tests
-	@ctest --test-dir build/dev --output-on-failure -j $(JOBS)
+	@ctest --test-dir build/dev --output-on-failure -j $(JOBS) -LE fleet
 
-test-ansible: build ## Run the Ansible collection against a site of six virtual boards (about two minutes)
+test-fleet: tests-build ## Upgrade a site of 20 boards with a tool that is killed again and again (2 minutes)
+	@ctest --test-dir build/dev --output-on-failure -L fleet
+
+test-ansible: build ## Run the Ansible collection against a site of six virtual boards (under three minutes)
 	@scripts/setup.sh vboard scripts ansible
 	@tests/ansible/site_test.py
 

@@ -51,7 +51,7 @@ int ReceiveDescriptor(int channel) {
 
 // Opens a socket where it runs and passes it over the Unix socket CHANNEL, so that a test can use
 // it as if it ran there. "tcp" and "udp" are connected to HOST. "broadcast" is not, because answers
-// come from elsewhere. "icmp" receives all packets of that protocol.
+// come from other addresses. "icmp" receives all packets of that protocol.
 constexpr char kOpenSocket[] = R"(
 import socket, sys
 channel, kind, host, port = sys.argv[1:]
@@ -280,7 +280,7 @@ std::string Board::Restless(const std::map<std::string, SleepRow>& rows,
             restless << name << " was not there before\n";
         } else if (static_cast<double>(count - before.at(name)) > most) {
             restless << name << " slept " << count - before.at(name) << " times in " << seconds
-                     << " s, not at most " << most << "\n";
+                     << " s; the limit is " << most << "\n";
         }
     }
     return restless.str();

@@ -86,11 +86,24 @@ void Device::Serve() {
         if (next == Next::kRestart) {
             listener_.Reset();
             clients.clear();
+            if (script_.aliveAfter) {
+                RunApplication();
+                return;
+            }
             if (!script_.backAfter || !Pause(*script_.backAfter)) {
                 return;
             }
             Listen();
         }
+    }
+}
+
+void Device::RunApplication() {
+    if (Pause(*script_.aliveAfter)) {
+        const UniqueFd application(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        (void)Bind(application.Get(), address_, script_.alivePort);
+        (void)listen(application.Get(), 8);
+        (void)Pause(std::chrono::hours(1));
     }
 }
 
@@ -123,6 +136,9 @@ Device::Next Device::Poll(std::vector<UniqueFd>* clients) {
 
 // Returns kEnd when the connection is over.
 Device::Next Device::Command(int fd) {
+    if (!Pause(script_.commandPause)) {
+        return Next::kEnd;
+    }
     Bytes chunk(8192);
     const ssize_t n = recv(fd, chunk.data(), chunk.size(), 0);
     if (n < 32) {
@@ -205,6 +221,7 @@ Device::Next Device::ReceiveStream(int fd) {
 
 Device::Next Device::GiveVerdict(int fd) {
     if (script_.verdict == Verdict::kAnswer) {
+        accepted_ += script_.verdictStatus == 0 ? 1 : 0;
         Reply(fd, 0x2002, script_.verdictStatus);
     }
     if (script_.talks) {
@@ -249,13 +266,15 @@ void Device::Reply(int fd, uint16_t command, uint16_t status, const std::string&
     }
 }
 
-Responder::Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies)
+Responder::Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies,
+                     const std::string& at)
     : replies_(std::move(replies)),
       in_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
       out_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
       stop_(eventfd(0, EFD_CLOEXEC)),
-      port_(Bind(in_.Get(), "0.0.0.0", port)) {
+      port_(Bind(in_.Get(), at, port)) {
     (void)Bind(out_.Get(), address, 0);
+    (void)inet_pton(AF_INET, address.c_str(), &first_);
     thread_ = std::thread([this] {
         while (AwaitInput(in_.Get(), stop_.Get())) {
             char search[64];
@@ -263,13 +282,32 @@ Responder::Responder(const std::string& address, uint16_t port, std::vector<Byte
             socklen_t size = sizeof from;
             if (recvfrom(in_.Get(), search, sizeof search, 0, reinterpret_cast<sockaddr*>(&from),
                          &size) > 0) {
-                for (const Bytes& reply : replies_) {
-                    (void)sendto(out_.Get(), reply.data(), reply.size(), 0,
-                                 reinterpret_cast<sockaddr*>(&from), size);
+                for (size_t i = 0; i < replies_.size(); ++i) {
+                    Send(replies_[i], from, static_cast<uint32_t>(i));
                 }
             }
         }
     });
+}
+
+void Responder::Send(const Bytes& reply, sockaddr_in to, uint32_t number) {
+    iovec data{const_cast<uint8_t*>(reply.data()), reply.size()};
+    alignas(cmsghdr) uint8_t control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
+    msghdr message{};
+    message.msg_name = &to;
+    message.msg_namelen = sizeof to;
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = IPPROTO_IP;
+    header->cmsg_type = IP_PKTINFO;
+    header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+    in_pktinfo info{};
+    info.ipi_spec_dst.s_addr = htonl(ntohl(first_.s_addr) + number);
+    memcpy(CMSG_DATA(header), &info, sizeof info);
+    (void)sendmsg(out_.Get(), &message, 0);
 }
 
 Responder::~Responder() {

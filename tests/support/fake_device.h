@@ -21,8 +21,9 @@ enum class Verdict { kAnswer, kSilent, kClose };
 struct Script {
     std::string ic = "PRT7K";
     std::string sensor = "38QX";
-    size_t replyPiece = 0;   // send replies in pieces of this size, 0: whole
-    size_t readStep = 8192;  // bytes of the stream to read at once
+    milliseconds commandPause{0};  // wait before reading a command
+    size_t replyPiece = 0;         // send replies in pieces of this size, 0: whole
+    size_t readStep = 8192;        // bytes of the stream to read at once
     milliseconds readPause{0};
     std::optional<size_t> closeAfter;  // reset the connection after so many stream bytes
     std::optional<size_t> stopAfter;   // read nothing more after so many stream bytes
@@ -35,6 +36,9 @@ struct Script {
     // back after that time, as after a restart.
     bool leaves = false;
     std::optional<milliseconds> backAfter;
+    // So long after it has closed them its application opens alivePort.
+    std::optional<milliseconds> aliveAfter;
+    uint16_t alivePort = 0;
     // After the verdict it sends busy replies for ever.
     bool talks = false;
 };
@@ -51,6 +55,8 @@ class Device {
     // The bytes received after the upgrade request, and the request itself.
     Bytes Stream() { return Copy(stream_); }
     std::string UpgradeRequest() { return Copy(request_); }
+    // How often it has accepted a package.
+    int Accepted() const { return accepted_; }
     // The size of each chunk read as a command; the upgrade request is the last.
     std::vector<size_t> Chunks() { return Copy(chunks_); }
 
@@ -69,6 +75,7 @@ class Device {
     }
     void Listen();
     bool Pause(milliseconds time);
+    void RunApplication();
     void Talk(int fd);
 
     Script script_;
@@ -79,6 +86,7 @@ class Device {
     uint32_t session_ = 0;
     uint32_t starts_ = 0;
     uint64_t total_ = 0;
+    std::atomic<int> accepted_{0};
     std::mutex mutex_;
     Bytes stream_;
     std::string request_;
@@ -86,10 +94,12 @@ class Device {
     std::thread thread_;
 };
 
-// Answers every search with the same datagrams, from one address of this host.
+// Answers every search with the same datagrams: the first from an address of this host, the next
+// from the address after it, and so on. It takes searches at all addresses unless told otherwise.
 class Responder {
   public:
-    Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies);
+    Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies,
+              const std::string& at = "0.0.0.0");
     Responder(const std::string& address, uint16_t port, Bytes reply)
         : Responder(address, port, std::vector<Bytes>{std::move(reply)}) {}
     ~Responder();
@@ -98,7 +108,10 @@ class Responder {
     uint16_t Port() const { return port_; }
 
   private:
+    void Send(const Bytes& reply, sockaddr_in to, uint32_t number);
+
     std::vector<Bytes> replies_;
+    in_addr first_{};
     UniqueFd in_;
     UniqueFd out_;
     UniqueFd stop_;

@@ -64,7 +64,7 @@ TEST_F(Net, SetsAddressAndNetmaskAndRefusesInvalidOnes) {
                       EXPECT_EQ(KV_NET_SetNetmask(kWlan, bad), -1);
                   }),
                   "")
-            << "the kernel is not even asked for " << bad;
+            << "must not reach the kernel: " << bad;
     }
     EXPECT_EQ(Got(KV_NET_GetIpAddr, kWlan), "192.168.7.201");
     EXPECT_EQ(Got(KV_NET_GetNetmask, kWlan), "255.255.255.128");

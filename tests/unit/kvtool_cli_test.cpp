@@ -55,7 +55,8 @@ class KvtoolCli : public testing::Test {
         for (const char* name : {"app", "good", "other", "again", "layout", "manifest"}) {
             (void)unlink(Path(name).c_str());
         }
-        EXPECT_TRUE(std::filesystem::is_empty(folder_.Path())) << "a temporary file is left";
+        EXPECT_TRUE(std::filesystem::is_empty(folder_.Path()))
+            << "a temporary file was left behind";
     }
     std::string Path(const std::string& name) const { return folder_.Path(name); }
     std::string Read(const std::string& name) const { return ReadFile(Path(name)); }
@@ -145,7 +146,8 @@ TEST_F(KvtoolCli, ToolboxExitsLikeDiff) {
         JsonOf({"extract", "--json", Path("good"), "-d", Path("out/deep")}, 0)["images"][0]["size"],
         200000);
     EXPECT_EQ(Read("out/deep/app"), Read("app"));
-    EXPECT_EQ(RunTool({"extract", Path("good"), "-d", Path("out/deep")}), 3) << "replaces a file";
+    EXPECT_EQ(RunTool({"extract", Path("good"), "-d", Path("out/deep")}), 3)
+        << "must not replace a file";
     std::filesystem::remove_all(Path("out"));
 }
 
@@ -314,6 +316,54 @@ TEST_F(KvtoolCli, InterruptEndsAtOnceAndSaysHowTheDeviceIsLeft) {
         EXPECT_TRUE(kv_test::Contains(ReadFile("/tmp/tool.err"), c.left))
             << ReadFile("/tmp/tool.err");
     }
+}
+
+// The responder's two devices name one address.
+TEST_F(KvtoolCli, DiscoverListsAndWatches) {
+    const std::string firmware = "PRT7K_38QX_QJT_V1.0.0.241127_R1";
+    const auto reply = [](const char* mac) {
+        return kv_test::ExpectedReply({"10.7.0.1", "255.255.255.0", "", "", mac});
+    };
+    const fake::Responder responder(
+        "127.0.0.3", 0,
+        std::vector<kv_test::Bytes>{reply("02:00:5E:00:00:02"), reply("02:00:5E:00:00:01")});
+    const Arguments discover = {"discover", "--port", std::to_string(responder.Port()),
+                                "127.0.0.2"};
+    const auto run = [&discover](Arguments more, std::string* output) {
+        more.insert(more.begin(), discover.begin(), discover.end());
+        return RunTool(more, output);
+    };
+    std::string output;
+    EXPECT_EQ(run({"--timeout", "0.3"}, &output), 0);
+    EXPECT_EQ(output,
+              "MAC                ADDRESS    FIRMWARE                         STATE\n"
+              "02:00:5E:00:00:01  127.0.0.4  " +
+                  firmware +
+                  "  conflict\n"
+                  "02:00:5E:00:00:02  127.0.0.3  " +
+                  firmware +
+                  "  conflict\n"
+                  "warning: address 10.7.0.1 is named by 2 devices, with the MAC addresses "
+                  "02:00:5E:00:00:02, 02:00:5E:00:00:01\n"
+                  "2 found\n");
+    EXPECT_EQ(run({"--timeout", "0.3", "--match", "mac=*:03"}, &output), 4);
+    EXPECT_EQ(output.substr(output.rfind('\n', output.size() - 2) + 1),
+              "0 found, 2 more do not match\n");
+
+    Arguments watch = discover;
+    watch.insert(watch.end(), {"--watch", "--timeout", "0.2", "--match", "mac=*:01", "--json"});
+    EXPECT_EQ(RunTool(watch, "warning", "kill -INT $tool"), 0);
+    std::istringstream lines(ReadFile("/tmp/tool.out"));
+    std::vector<nlohmann::json> objects;
+    for (std::string line; std::getline(lines, line);) {
+        objects.push_back(nlohmann::json::parse(line));
+    }
+    ASSERT_EQ(objects.size(), 3U);
+    EXPECT_EQ(objects[0].at("event"), "appeared");
+    EXPECT_EQ(objects[0].at("device").at("mac"), "02:00:5E:00:00:01");
+    EXPECT_EQ(objects[0].at("device").at("state"), "conflict");
+    EXPECT_EQ(objects[1].at("event"), "warning");
+    EXPECT_EQ(objects[2].at("exit_code"), 0);
 }
 
 TEST_F(KvtoolCli, WaitsForTheDeviceToAppear) {

@@ -81,8 +81,8 @@ std::string Observed(const kvtool::UpgradeRecord& record) {
     return all;
 }
 
-// A limit that a case must not reach is long, so that a stall of the machine does not break it. A
-// case that must reach one shortens that one.
+// Limits are long, because a slow machine must not make a case reach one by accident. A case that
+// must reach a limit shortens that limit.
 constexpr Millis kLong{20000};
 constexpr Millis kShort{200};
 
@@ -160,19 +160,21 @@ ExitCode Upgrade(const Device& device, const Bytes& package, kvtool::UpgradeReco
 TEST(KvtoolUpgrade, SendsThePackageAndItsTrailerWhole) {
     for (const size_t size : {1U, 4095U, 4097U, 8123U, 400000U, 1048573U}) {
         const Bytes package = Pattern(size);
+        kvtool::UpgradeRecord record;
+        kvtool::UpgradeTimes times = TestTimes();
         Script script;
         if (size == 400000) {  // split replies and a slow reader
             script.replyPiece = 7;
             script.readStep = 3000;
             script.readPause = Millis(1);
         }
-        Device device(script);
-        kvtool::UpgradeRecord record;
-        kvtool::UpgradeTimes times = TestTimes();
         const bool watchesChunks = size == 8123;
         if (watchesChunks) {
-            times.headerGap = times.firstLook = Millis(2000);  // longer than the device may stall
+            // A slow device, but not as slow as the gap is long.
+            script.commandPause = Millis(50);
+            times.headerGap = times.firstLook = Millis(2000);
         }
+        Device device(script);
         ASSERT_EQ(Upgrade(device, package, &record, times), ExitCode::kDone) << size;
 
         // It carries the session from the heartbeat.

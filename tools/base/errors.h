@@ -16,12 +16,13 @@ enum class ExitCode : int {
     kUnreachable = 4,     // nothing found, or no connection
     kBadReply = 5,        // the device broke the protocol or failed
     kLost = 6,            // the connection broke or stalled
-    kBusy = 7,            // the device says that an accepted upgrade is under way
+    kBusy = 7,            // an upgrade is under way, as the device says or another kvtool
     kNoVerdict = 8,       // everything was sent, but the device gave no answer
     kBackInRecovery = 9,  // accepted; the device restarted into recovery mode
     kNeverLeft = 10,      // accepted; the device was not seen to leave recovery mode
     kNoReply = 11,        // connected, but a request got no answer in time
     kNotSeenAlive = 12,   // accepted; left recovery mode, but was not seen alive
+    kSomeFailed = 13,     // of a fleet: not every device is done; each has a code of its own
     kInterrupted = 130,
 };
 

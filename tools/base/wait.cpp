@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <utility>
 
 #include "tools/base/errors.h"
 
@@ -14,45 +16,118 @@ namespace kvtool {
 
 namespace {
 
-// A byte in this pipe means that a signal has arrived. It is never read, so the state remains.
-int g_interruptPipe[2] = {-1, -1};
+// A byte in the pipe means interrupted; it is never read, so the state stays. Never freed: a signal
+// may come while the process ends.
+const Interrupt* g_signalled = nullptr;
+std::atomic<const Interrupt*> g_first{nullptr};
+std::atomic<const Interrupt*> g_second{nullptr};
+
+// What ends this thread's waits; -1: the signals.
+thread_local int t_interruptFd = -1;
+
+int InterruptFd() {
+    if (t_interruptFd >= 0) {
+        return t_interruptFd;
+    }
+    return g_signalled != nullptr ? g_signalled->Fd() : -1;
+}
+
+bool Readable(int fd) {
+    pollfd entry{fd, POLLIN, 0};
+    return fd >= 0 && poll(&entry, 1, 0) > 0;
+}
 
 extern "C" void OnInterrupt(int) {
-    const int saved = errno;
-    const ssize_t ignored = write(g_interruptPipe[1], "x", 1);
-    (void)ignored;
-    errno = saved;
+    g_signalled->Raise();
+}
+
+extern "C" void OnStep(int signal) {
+    const Interrupt* const first = g_first.load();
+    const Interrupt* const second = g_second.load();
+    if (first == nullptr || second == nullptr) {
+        return;
+    }
+    if (signal == SIGTERM || first->Raised()) {
+        second->Raise();
+        struct sigaction action {};
+        action.sa_handler = SIG_DFL;
+        (void)sigaction(signal, &action, nullptr);
+    }
+    first->Raise();
+}
+
+void Handle(void (*handler)(int), unsigned flags) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = static_cast<int>(flags | SA_RESTART);
+    (void)sigaction(SIGINT, &action, nullptr);
+    (void)sigaction(SIGTERM, &action, nullptr);
 }
 
 }  // namespace
 
-void CatchInterrupts() {
-    if (pipe2(g_interruptPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+Interrupt::Interrupt() {
+    if (pipe2(pipe_, O_CLOEXEC | O_NONBLOCK) != 0) {
         throw ToolError(ExitCode::kInternal, "cannot create a pipe");
     }
-    struct sigaction action {};
-    action.sa_handler = OnInterrupt;
-    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
-    (void)sigaction(SIGINT, &action, nullptr);
-    (void)sigaction(SIGTERM, &action, nullptr);
+}
+
+Interrupt::~Interrupt() {
+    (void)close(pipe_[0]);
+    (void)close(pipe_[1]);
+}
+
+void Interrupt::Raise() const {
+    const int saved = errno;
+    const ssize_t ignored = write(pipe_[1], "x", 1);
+    (void)ignored;
+    errno = saved;
+}
+
+bool Interrupt::Raised() const {
+    return Readable(pipe_[0]);
+}
+
+InterruptedBy::InterruptedBy(const Interrupt& interrupt)
+    : before_(std::exchange(t_interruptFd, interrupt.Fd())) {}
+
+InterruptedBy::~InterruptedBy() {
+    t_interruptFd = before_;
+}
+
+InterruptsInSteps::InterruptsInSteps(const Interrupt& first, const Interrupt& second) {
+    g_first = &first;
+    g_second = &second;
+    Handle(OnStep, 0);
+}
+
+InterruptsInSteps::~InterruptsInSteps() {
+    Handle(OnInterrupt, SA_RESETHAND);
+    g_first = nullptr;
+    g_second = nullptr;
+}
+
+void CatchInterrupts() {
+    g_signalled = new Interrupt;
+    Handle(OnInterrupt, SA_RESETHAND);
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
     (void)sigaction(SIGPIPE, &ignore, nullptr);
 }
 
 void ThrowIfInterrupted() {
-    pollfd entry{g_interruptPipe[0], POLLIN, 0};
-    if (poll(&entry, 1, 0) > 0) {
+    if (Readable(InterruptFd())) {
         throw ToolError(ExitCode::kInterrupted, "interrupted");
     }
 }
 
 short WaitFor(int fd, short events, Clock::time_point deadline) {
+    const int interrupt = InterruptFd();
     for (;;) {
         // Rounded up, so that the deadline has passed when poll reports a time-out.
         const auto left = std::chrono::ceil<Millis>(deadline - Clock::now()).count();
         const int timeout = static_cast<int>(std::clamp<long>(left, 0, 3600000));
-        pollfd entries[2] = {{fd, events, 0}, {g_interruptPipe[0], POLLIN, 0}};
+        pollfd entries[2] = {{fd, events, 0}, {interrupt, POLLIN, 0}};
         const int ready = poll(entries, 2, timeout);
         if (ready > 0 && entries[1].revents != 0) {
             throw ToolError(ExitCode::kInterrupted, "interrupted");

@@ -17,7 +17,48 @@ inline double SecondsSince(Clock::time_point start) {
 // these waits (a name look-up) blocks it. Call once, before any wait, from the main thread.
 void CatchInterrupts();
 
-// Throws ToolError(kInterrupted) if a signal has arrived.
+// Ends waits of the threads that look at it, once it is raised and from then on.
+class Interrupt {
+  public:
+    // Throws ToolError(kInternal) when there are no descriptors left.
+    Interrupt();
+    ~Interrupt();
+    Interrupt(const Interrupt&) = delete;
+    Interrupt& operator=(const Interrupt&) = delete;
+
+    // From any thread and from a signal handler.
+    void Raise() const;
+    bool Raised() const;
+    int Fd() const { return pipe_[0]; }  // readable once it is raised
+
+  private:
+    int pipe_[2] = {-1, -1};
+};
+
+// While it lives, `interrupt` ends the waits of this thread, and signals do not.
+class InterruptedBy {
+  public:
+    explicit InterruptedBy(const Interrupt& interrupt);
+    ~InterruptedBy();
+    InterruptedBy(const InterruptedBy&) = delete;
+    InterruptedBy& operator=(const InterruptedBy&) = delete;
+
+  private:
+    int before_;
+};
+
+// While it lives, the first SIGINT raises `first`; the second one, or a SIGTERM, raises both. One
+// more of the same kind ends the process in the usual way. Afterwards CatchInterrupts holds again.
+// One at a time, from the main thread.
+class InterruptsInSteps {
+  public:
+    InterruptsInSteps(const Interrupt& first, const Interrupt& second);
+    ~InterruptsInSteps();
+    InterruptsInSteps(const InterruptsInSteps&) = delete;
+    InterruptsInSteps& operator=(const InterruptsInSteps&) = delete;
+};
+
+// Throws ToolError(kInterrupted) once a signal has come, or what ends this thread's waits.
 void ThrowIfInterrupted();
 
 // Waits for one of the poll events on the descriptor, at most until the deadline.

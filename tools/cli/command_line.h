@@ -8,6 +8,7 @@
 #include "tools/base/errors.h"
 #include "tools/base/json.h"
 #include "tools/cli/layout_options.h"
+#include "tools/device/upgrade_session.h"
 #include "tools/package/signature.h"
 
 namespace kvtool {
@@ -23,9 +24,16 @@ struct Chosen {
 void AddPackageCommands(CLI::App* root, Chosen* chosen);
 void AddToolboxCommands(CLI::App* root, Chosen* chosen);
 void AddDeviceCommands(CLI::App* root, Chosen* chosen);
+void AddFleetCommands(CLI::App* root, Chosen* chosen);
 
 // Adds --layout and --size.
 void AddLayout(CLI::App* command, LayoutOptions* options);
+// Adds an option that takes seconds, with fractions.
+void AddSeconds(CLI::App* app, const char* name, Millis* value, const char* help);
+// Adds --connect-timeout and --reply-timeout.
+void AddAnswerTimes(CLI::App* app, UpgradeTimes* times);
+// Adds --stall-timeout, --verify-timeout, --leave-timeout and --back-timeout.
+void AddUpgradeTimes(CLI::App* app, UpgradeTimes* times);
 // Adds --trusted-key and --signature.
 void AddTrust(CLI::App* command, Trust* trust);
 

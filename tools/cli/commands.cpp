@@ -3,12 +3,11 @@
 #include <iostream>
 
 #include "common/kv_platform.h"
-#include "tools/base/files.h"
 #include "tools/cli/console_listener.h"
+#include "tools/cli/load_package.h"
 #include "tools/cli/report.h"
+#include "tools/device/device_lock.h"
 #include "tools/device/follow.h"
-#include "tools/package/check.h"
-#include "tools/package/package_json.h"
 
 namespace kvtool {
 
@@ -124,70 +123,27 @@ FollowTarget TargetToFollow(const UpgradeCommand& command, const OpenDevice& dev
     return target;
 }
 
-PackageReport JudgePackage(const Bytes& package, const UpgradeCommand& command,
-                           const Layout& layout, Json* json) {
-    PackageReport report = CheckPackage(package, layout, {});
-    (*json)["package"] = PackageSummaryJson(report);
-    PrintFindings(command.device.json ? std::cerr : std::cout, report);
-    if (package.empty() || (!report.Acceptable() && !command.force)) {
-        throw ToolError(ExitCode::kRefused,
-                        Printable(command.file) +
-                            " is not fit for the device: see the errors above; nothing was sent");
-    }
-    return report;
-}
-
-// A device refuses a package that names another chip or sensor type.
-void CheckIdentity(const PackageReport& report, const DeviceInfo& device) {
-    if (report.ic != device.ic || report.sensor != device.sensor) {
-        throw ToolError(ExitCode::kRefused, "the package is for chip '" + Printable(report.ic) +
-                                                "' and sensor '" + Printable(report.sensor) +
-                                                "', but the device has '" + Printable(device.ic) +
-                                                "' and '" + Printable(device.sensor) +
-                                                "'; nothing was sent");
-    }
-}
-
-std::string ResultText(ExitCode code, bool follow) {
-    if (!follow) {
-        return "accepted by the device; kvtool does not follow it";
-    }
-    switch (code) {
-        case ExitCode::kDone:
-            return "accepted by the device; its application is alive";
-        case ExitCode::kBackInRecovery:
-            return "accepted by the device; it has restarted and is back in recovery mode";
-        case ExitCode::kNotSeenAlive:
-            return "accepted by the device; it left recovery mode, but was not seen alive again";
-        default:
-            return "accepted by the device; it was not seen to leave recovery mode";
-    }
-}
-
 ExitCode DoUpgrade(const UpgradeCommand& command, const Layout& layout, ConsoleListener* listener,
                    UpgradeRecord* record, Json* json) {
     (*json)["host"] = Printable(command.device.host);
     (*json)["file"] = Printable(command.file);
-    const Bytes package = ReadWholeFile(command.file);
-    if (!command.trust.key.empty()) {
-        const Signature signature = VerifySignature(package, command.file, command.trust);
-        (*json)["signature"] = SignatureJson(signature);
-        listener->Line(SignatureText(signature));
-    }
-    const PackageReport report = JudgePackage(package, command, layout, json);
+    const auto [package, report] = LoadPackage(
+        {command.file, command.force, command.trust, command.device.json}, layout, json);
     OpenDevice device =
         command.wait ? WaitForDevice(command, listener, record, json)
                      : ConnectAndLogin(command.device, command.times, listener, record, json);
     UpgradeSession& session = device.session;
     session.Identify();
     if (!command.forceIdentity) {
-        CheckIdentity(report, record->device);
+        CheckIdentity(report.ic, report.sensor, record->device);
     }
     if (!command.follow) {
         session.Upload(package);
         return ExitCode::kDone;
     }
     const FollowTarget target = TargetToFollow(command, device, listener, record);
+    const std::optional<DeviceLock> lock =
+        target.mac.empty() ? std::nullopt : std::make_optional<DeviceLock>(target.mac);
     session.Upload(package);
     return Follow(target, session.Fd(), command.times, listener, record);
 }
@@ -236,7 +192,9 @@ ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout, Json* j
     UpgradeRecord record;
     try {
         const ExitCode code = DoUpgrade(command, layout, &listener, &record, json);
-        const std::string result = ResultText(code, command.follow);
+        const std::string result = command.follow
+                                       ? OutcomeText(code)
+                                       : "accepted by the device; kvtool does not follow it";
         listener.Line("result: " + result);
         json->update(UpgradeJson(record, result));
         return code;
@@ -250,18 +208,6 @@ ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout, Json* j
         json->update(UpgradeJson(record, result));
         throw ToolError(error.Code(), result);
     }
-}
-
-ExitCode RunDiscover(const DiscoverCommand& command, Json* json) {
-    if (!command.request.host.empty()) {
-        (*json)["host"] = Printable(command.request.host);
-    }
-    const DiscoveryResult result = Discover(command.request, nullptr);
-    json->update(DiscoveryJson(result));
-    if (!command.json) {
-        PrintDiscovery(std::cout, result);
-    }
-    return result.devices.empty() ? ExitCode::kUnreachable : ExitCode::kDone;
 }
 
 }  // namespace kvtool

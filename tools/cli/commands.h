@@ -36,6 +36,10 @@ struct UpgradeCommand {
 
 struct DiscoverCommand {
     DiscoveryRequest request;
+    std::vector<std::string> match;  // conditions of a Matcher
+    bool watch = false;
+    Millis goneAfter{10000};  // of a watch
+    bool verbose = false;
     bool json = false;
 };
 

@@ -1,10 +1,6 @@
 #include "tools/cli/console_listener.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <string_view>
+#include "tools/cli/terminal.h"
 
 namespace kvtool {
 
@@ -13,33 +9,17 @@ namespace {
 constexpr double kTerminalEvery = 0.2;
 constexpr double kPlainEvery = 5.0;
 constexpr size_t kPlainColumns = 79;
-constexpr size_t kDefaultColumns = 80;
-
-bool IsTerminal(FILE* file) {
-    const char* const kind = getenv("TERM");
-    return isatty(fileno(file)) == 1 && (kind == nullptr || std::string_view(kind) != "dumb");
-}
 
 }  // namespace
 
 ConsoleListener::ConsoleListener(FILE* out) : out_(out), terminal_(IsTerminal(out)) {}
-
-size_t ConsoleListener::Columns() const {
-    winsize size{};
-    if (ioctl(fileno(out_), TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
-        return size.ws_col;
-    }
-    const char* const text = getenv("COLUMNS");
-    const unsigned long given = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-    return given > 0 && given < 10000 ? given : kDefaultColumns;
-}
 
 void ConsoleListener::Clear() {
     if (standing_ == 0) {
         return;
     }
     // A window that has become narrower has wrapped the line.
-    const size_t above = (standing_ - 1) / Columns();
+    const size_t above = (standing_ - 1) / SizeOf(out_).columns;
     if (above > 0) {
         (void)fprintf(out_, "\033[%zuA", above);
     }
@@ -67,7 +47,7 @@ void ConsoleListener::Progress(const UploadProgress& progress) {
     }
     Clear();
     // Keep the last column free: some terminals wrap after writing it.
-    const std::string text = ProgressText(progress, rate_.Rate(), Columns() - 1);
+    const std::string text = ProgressText(progress, rate_.Rate(), SizeOf(out_).columns - 1);
     (void)fputs(text.c_str(), out_);
     (void)fflush(out_);
     standing_ = text.size();

@@ -18,9 +18,6 @@ class ConsoleListener : public UpgradeListener {
     void Clear();
 
   private:
-    // The terminal's present width; the window may change.
-    size_t Columns() const;
-
     FILE* out_;
     bool terminal_;
     size_t standing_ = 0;  // width of the progress line on the screen, 0: none

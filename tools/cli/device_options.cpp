@@ -4,6 +4,7 @@
 #include "common/kv_platform.h"
 #include "tools/cli/command_line.h"
 #include "tools/cli/commands.h"
+#include "tools/device/match.h"
 
 namespace kvtool {
 
@@ -28,22 +29,13 @@ Millis FromSeconds(double seconds) {
     return std::chrono::duration_cast<Millis>(std::chrono::duration<double>(seconds));
 }
 
-void AddSeconds(CLI::App* app, const char* name, Millis* value, const char* help) {
-    const double seconds = std::chrono::duration<double>(*value).count();
-    app->add_option_function<double>(
-           name, [value](const double& given) { *value = FromSeconds(given); }, help)
-        ->default_str(CLI::detail::to_string(seconds))
-        ->check(CLI::Range(0.1, kLongestSeconds));
-}
-
 void AddConnection(CLI::App* app, DeviceCommand* device, DeviceOptions* options) {
     app->add_option("host", device->host, "Address, name or MAC address")
         ->required()
         ->type_name("HOST");
     app->add_option("--port", options->port, "TCP port (default: 80, or as discovered)")
         ->check(CLI::Range(1, 65535));
-    AddSeconds(app, "--connect-timeout", &options->times.connect, "Seconds to connect");
-    AddSeconds(app, "--reply-timeout", &options->times.reply, "Seconds for each answer");
+    AddAnswerTimes(app, &options->times);
 }
 
 void AddInfo(CLI::App* root, Chosen* chosen) {
@@ -94,13 +86,7 @@ void AddUpgrade(CLI::App* root, Chosen* chosen) {
         ->check(CLI::Range(1, 65535));
     app->add_option("--expect-version", command.expectVersion,
                     "Firmware version that the running application must name in a search reply");
-    UpgradeTimes& times = upgrade->options.times;
-    AddSeconds(app, "--stall-timeout", &times.stall, "Seconds without an acknowledged byte");
-    AddSeconds(app, "--verify-timeout", &times.verify,
-               "Seconds for the device to accept or reject the package");
-    AddSeconds(app, "--leave-timeout", &times.leave,
-               "Seconds to see the device leave recovery mode");
-    AddSeconds(app, "--back-timeout", &times.back, "Seconds after that to see it alive");
+    AddUpgradeTimes(app, &upgrade->options.times);
     app->callback([upgrade, chosen] {
         chosen->run = [upgrade, chosen](Json* json) {
             UpgradeCommand& chosenCommand = upgrade->command;
@@ -128,15 +114,32 @@ void AddDiscover(CLI::App* root, Chosen* chosen) {
         ->type_name("HOST");
     app->add_option("--interface", request.interfaces, "Broadcast here only")
         ->allow_extra_args(false);
+    app->add_option(
+           "--match", discover->match,
+           "List only devices that match FIELD=GLOB, a shell pattern for one of " + MatchFields())
+        ->allow_extra_args(false);
     app->add_option("--port", request.port, "UDP port")
         ->capture_default_str()
         ->check(CLI::Range(1, 65535));
-    AddSeconds(app, "--timeout", &request.timeout, "Seconds to listen");
-    app->add_option("--repeat", request.repeat, "Searches to send")
+    AddSeconds(app, "--timeout", &request.timeout, "Seconds to listen; 1 a round with --watch");
+    app->add_option("--repeat", request.repeat, "Searches to send; 1 a round with --watch")
         ->capture_default_str()
         ->check(CLI::Range(1, 1000));
+    CLI::Option* watch =
+        app->add_flag("--watch", discover->watch, "Search until Ctrl-C, show changes");
+    AddSeconds(app, "--gone-after", &discover->goneAfter,
+               "Seconds of silence after which a device is gone");
+    app->get_option("--gone-after")->needs(watch);
+    app->add_flag("-v,--verbose", discover->verbose, "Print everything that each device says")
+        ->excludes(watch);
     app->add_flag("--json", chosen->json, "Print JSON");
-    app->callback([discover, chosen] {
+    app->callback([app, discover, chosen] {
+        if (discover->watch && app->count("--timeout") == 0) {
+            discover->request.timeout = Millis(1000);
+        }
+        if (discover->watch && app->count("--repeat") == 0) {
+            discover->request.repeat = 1;
+        }
         chosen->run = [discover, chosen](Json* json) {
             discover->json = chosen->json;
             return RunDiscover(*discover, json);
@@ -145,6 +148,28 @@ void AddDiscover(CLI::App* root, Chosen* chosen) {
 }
 
 }  // namespace
+
+void AddSeconds(CLI::App* app, const char* name, Millis* value, const char* help) {
+    const double seconds = std::chrono::duration<double>(*value).count();
+    app->add_option_function<double>(
+           name, [value](const double& given) { *value = FromSeconds(given); }, help)
+        ->default_str(CLI::detail::to_string(seconds))
+        ->check(CLI::Range(0.1, kLongestSeconds));
+}
+
+void AddAnswerTimes(CLI::App* app, UpgradeTimes* times) {
+    AddSeconds(app, "--connect-timeout", &times->connect, "Seconds to connect");
+    AddSeconds(app, "--reply-timeout", &times->reply, "Seconds for each answer");
+}
+
+void AddUpgradeTimes(CLI::App* app, UpgradeTimes* times) {
+    AddSeconds(app, "--stall-timeout", &times->stall, "Seconds without an acknowledged byte");
+    AddSeconds(app, "--verify-timeout", &times->verify,
+               "Seconds for the device to accept or reject the package");
+    AddSeconds(app, "--leave-timeout", &times->leave,
+               "Seconds to see the device leave recovery mode");
+    AddSeconds(app, "--back-timeout", &times->back, "Seconds after that to see it alive");
+}
 
 void AddDeviceCommands(CLI::App* root, Chosen* chosen) {
     AddInfo(root, chosen);

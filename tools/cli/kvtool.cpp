@@ -53,6 +53,16 @@ std::vector<std::string> JoinWaitTime(int argc, char** argv) {
     return words;
 }
 
+// "upgrade", "fleet upgrade".
+std::string CommandName(const CLI::App& app) {
+    std::string name;
+    for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
+        at = at->get_subcommands().front();
+        name += (name.empty() ? "" : " ") + at->get_name();
+    }
+    return name;
+}
+
 int Run(int argc, char** argv) {
     kvtool::Chosen chosen;
     CLI::App app("Build upgrade packages, find cameras that run upgradeMain, upgrade them");
@@ -63,6 +73,7 @@ int Run(int argc, char** argv) {
     kvtool::AddPackageCommands(&app, &chosen);
     kvtool::AddToolboxCommands(&app, &chosen);
     kvtool::AddDeviceCommands(&app, &chosen);
+    kvtool::AddFleetCommands(&app, &chosen);
     kvtool::AddCompletion(&app);
     std::vector<std::string> words = JoinWaitTime(argc, argv);
     std::vector<char*> arguments;
@@ -77,7 +88,7 @@ int Run(int argc, char** argv) {
     std::string problem;
     int status = 0;
     if (chosen.run) {
-        const std::string command = app.get_subcommands().front()->get_name();
+        const std::string command = CommandName(app);
         Json json = {{"schema", kvtool::kJsonSchema}, {"command", command}, {"exit_code", 0}};
         const ExitCode code = RunChosen(chosen, &json, &problem);
         status = Status(chosen, code, !problem.empty());

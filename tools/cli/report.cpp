@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <iomanip>
 #include <map>
+#include <tuple>
 
 #include "flash/kv_upgrade_package.h"
+#include "tools/cli/terminal.h"
 
 namespace kvtool {
 
@@ -61,6 +63,24 @@ std::vector<std::string> OtherSenders(const FoundDevice& device) {
         }
     }
     return others;
+}
+
+void PrintDevice(std::ostream& out, const FoundDevice& device) {
+    const DiscoveryReply& reply = device.reply;
+    out << "device " << OrDash(reply.mac) << '\n';
+    Row(out, "type", OrDash(reply.kind) + " " + OrDash(reply.deviceType));
+    Row(out, "firmware", OrDash(reply.firmware));
+    Row(out, "address", OrDash(reply.ip));
+    for (const std::string& sender : OtherSenders(device)) {
+        Row(out, "", "(but answered from " + sender + ")");
+    }
+    Row(out, "netmask", OrDash(reply.netmask));
+    Row(out, "gateway", OrDash(reply.gateway));
+    Row(out, "DNS server", OrDash(reply.dns));
+    Row(out, "ports",
+        "commands " + std::to_string(reply.commandPort) + ", RTSP " +
+            std::to_string(reply.rtspPort) + ", HTTP " + std::to_string(reply.httpPort));
+    Row(out, "account", OrDash(reply.account));
 }
 
 }  // namespace
@@ -126,23 +146,39 @@ void PrintInfo(std::ostream& out, const InfoReport& report) {
             (report.sessionBefore == report.session ? "" : " (created by this login)"));
 }
 
-void PrintDiscovery(std::ostream& out, const DiscoveryResult& result) {
+std::vector<std::string> DeviceTable(std::vector<DeviceRow> rows, size_t width) {
+    if (rows.empty()) {
+        return {};
+    }
+    std::stable_sort(rows.begin(), rows.end(), [](const DeviceRow& a, const DeviceRow& b) {
+        return std::tie(a.device.reply.mac, a.device.reply.ip) <
+               std::tie(b.device.reply.mac, b.device.reply.ip);
+    });
+    constexpr size_t kFirmware = 2;
+    std::vector<std::vector<std::string>> cells = {{"MAC", "ADDRESS", "FIRMWARE", "STATE"}};
+    for (const DeviceRow& row : rows) {
+        const DiscoveryReply& reply = row.device.reply;
+        cells.push_back(
+            {OrDash(reply.mac), OrDash(row.device.Address()), OrDash(reply.firmware), row.state});
+    }
+    return TableLines(cells, kFirmware, width);
+}
+
+void PrintDiscovery(std::ostream& out, const DiscoveryResult& result, const DiscoveryStyle& style) {
+    std::vector<DeviceRow> rows;
     for (const FoundDevice& device : result.devices) {
-        const DiscoveryReply& reply = device.reply;
-        out << "device " << OrDash(reply.mac) << '\n';
-        Row(out, "type", OrDash(reply.kind) + " " + OrDash(reply.deviceType));
-        Row(out, "firmware", OrDash(reply.firmware));
-        Row(out, "address", OrDash(reply.ip));
-        for (const std::string& sender : OtherSenders(device)) {
-            Row(out, "", "(but answered from " + sender + ")");
+        if (style.matcher.Matches(device)) {
+            rows.push_back({device, device.State()});
         }
-        Row(out, "netmask", OrDash(reply.netmask));
-        Row(out, "gateway", OrDash(reply.gateway));
-        Row(out, "DNS server", OrDash(reply.dns));
-        Row(out, "ports",
-            "commands " + std::to_string(reply.commandPort) + ", RTSP " +
-                std::to_string(reply.rtspPort) + ", HTTP " + std::to_string(reply.httpPort));
-        Row(out, "account", OrDash(reply.account));
+    }
+    if (style.verbose) {
+        for (const DeviceRow& row : rows) {
+            PrintDevice(out, row.device);
+        }
+    } else {
+        for (const std::string& line : DeviceTable(rows, style.width)) {
+            out << line << '\n';
+        }
     }
     for (const auto& [what, count] : result.malformed) {
         out << "malformed reply from " << what << " (" << count << " times)\n";
@@ -153,7 +189,11 @@ void PrintDiscovery(std::ostream& out, const DiscoveryResult& result) {
     for (const std::string& conflict : Conflicts(result)) {
         out << "warning: " << conflict << '\n';
     }
-    out << result.devices.size() << " found\n";
+    out << rows.size() << " found";
+    if (rows.size() < result.devices.size()) {
+        out << ", " << result.devices.size() - rows.size() << " more do not match";
+    }
+    out << '\n';
 }
 
 }  // namespace kvtool

@@ -15,6 +15,21 @@ void PrintPackage(std::ostream& out, const PackageReport& report);
 void PrintFindings(std::ostream& out, const PackageReport& report);
 std::string SignatureText(const Signature& signature);
 void PrintInfo(std::ostream& out, const InfoReport& report);
-void PrintDiscovery(std::ostream& out, const DiscoveryResult& result);
+
+struct DeviceRow {
+    FoundDevice device;
+    std::string state;
+};
+// A line of headings and a line for each row, in the order of the MAC addresses; empty without
+// rows. At most `width` wide if possible; 0: no limit.
+std::vector<std::string> DeviceTable(std::vector<DeviceRow> rows, size_t width);
+
+struct DiscoveryStyle {
+    Matcher matcher;
+    bool verbose = false;  // all that is known of each device instead of a row
+    size_t width = 0;      // of the table, 0: no limit
+};
+// Lists the devices that match.
+void PrintDiscovery(std::ostream& out, const DiscoveryResult& result, const DiscoveryStyle& style);
 
 }  // namespace kvtool

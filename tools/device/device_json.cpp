@@ -20,34 +20,40 @@ Json InfoJson(const InfoReport& report) {
             {"device", DeviceJson(report.device)}};
 }
 
-Json DiscoveryJson(const DiscoveryResult& result) {
+Json FoundJson(const FoundDevice& device) {
+    const DiscoveryReply& reply = device.reply;
+    return {{"mac", reply.mac},
+            {"kind", Printable(reply.kind)},
+            {"type", Printable(reply.deviceType)},
+            {"firmware", Printable(reply.firmware)},
+            {"address", reply.ip},
+            {"senders", device.senders},
+            {"state", device.State()},
+            {"netmask", reply.netmask},
+            {"gateway", reply.gateway},
+            {"dns", reply.dns},
+            {"p2p_serial", Printable(reply.p2pSerial)},
+            {"account", Printable(reply.account)},
+            {"command_port", reply.commandPort},
+            {"rtsp_port", reply.rtspPort},
+            {"http_port", reply.httpPort}};
+}
+
+Json DiscoveryJson(const DiscoveryResult& result, const Matcher& matcher) {
     Json devices = Json::array();
     for (const FoundDevice& device : result.devices) {
-        const DiscoveryReply& reply = device.reply;
-        devices.push_back({{"mac", reply.mac},
-                           {"kind", Printable(reply.kind)},
-                           {"type", Printable(reply.deviceType)},
-                           {"firmware", Printable(reply.firmware)},
-                           {"address", reply.ip},
-                           {"senders", device.senders},
-                           {"netmask", reply.netmask},
-                           {"gateway", reply.gateway},
-                           {"dns", reply.dns},
-                           {"p2p_serial", Printable(reply.p2pSerial)},
-                           {"account", Printable(reply.account)},
-                           {"command_port", reply.commandPort},
-                           {"rtsp_port", reply.rtspPort},
-                           {"http_port", reply.httpPort}});
+        if (matcher.Matches(device)) {
+            devices.push_back(FoundJson(device));
+        }
     }
+    const size_t others = result.devices.size() - devices.size();
     Json malformed = Json::array();
     for (const auto& [what, count] : result.malformed) {
         malformed.push_back({{"what", what}, {"count", count}});
     }
-    return {{"devices", devices},
-            {"malformed", malformed},
-            {"problems", result.problems},
-            {"conflicts", Conflicts(result)},
-            {"searches_sent", result.sent}};
+    return {{"devices", std::move(devices)},  {"not_matching", others},
+            {"malformed", malformed},         {"problems", result.problems},
+            {"conflicts", Conflicts(result)}, {"searches_sent", result.sent}};
 }
 
 Json UpgradeJson(const UpgradeRecord& record, const std::string& result) {

@@ -6,6 +6,7 @@
 
 #include "tools/base/json.h"
 #include "tools/device/discovery_client.h"
+#include "tools/device/match.h"
 #include "tools/device/upgrade_session.h"
 
 namespace kvtool {
@@ -19,7 +20,9 @@ struct InfoReport {
 };
 Json InfoJson(const InfoReport& report);
 
-Json DiscoveryJson(const DiscoveryResult& result);
+Json FoundJson(const FoundDevice& device);
+// Of the devices only those that match; how many others there are.
+Json DiscoveryJson(const DiscoveryResult& result, const Matcher& matcher);
 
 // `result` is the text after "result:", or the error.
 Json UpgradeJson(const UpgradeRecord& record, const std::string& result);

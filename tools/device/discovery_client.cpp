@@ -13,16 +13,12 @@
 #include <cstring>
 #include <memory>
 
-#include "common/kv_raii.h"
 #include "tools/base/errors.h"
 #include "tools/device/tcp.h"
 
 namespace kvtool {
 
 namespace {
-
-// A reply takes about 1.3 kB of it: room for 1,500 that come while this process does not run.
-constexpr int kReceiveRoom = 1 << 20;
 
 // One address to search at, and the interface to leave by (0: as routed).
 struct Target {
@@ -120,19 +116,25 @@ std::vector<Target> HostTargets(const std::string& host, uint16_t port) {
     throw ToolError(ExitCode::kUnreachable, "'" + Printable(host) + "' has no IPv4 address");
 }
 
+void MarkConflicts(std::vector<FoundDevice>* devices) {
+    std::map<std::string, int> byMac;
+    std::map<std::string, int> byAddress;
+    for (const FoundDevice& device : *devices) {
+        ++byMac[device.reply.mac];
+        ++byAddress[device.reply.ip];
+    }
+    for (FoundDevice& device : *devices) {
+        const DiscoveryReply& reply = device.reply;
+        device.conflict = (!reply.mac.empty() && byMac[reply.mac] > 1) ||
+                          (!reply.ip.empty() && byAddress[reply.ip] > 1);
+    }
+}
+
 class Searcher {
   public:
-    Searcher(const DiscoveryRequest& request, std::vector<Target> targets)
-        : request_(request), targets_(std::move(targets)) {
-        fd_.Reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        const int on = 1;
-        if (!fd_ || setsockopt(fd_.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0) {
-            throw ToolError(ExitCode::kInternal, "cannot create the search socket");
-        }
-        // Hundreds of devices answer at once. The system may grant less.
-        const int room = kReceiveRoom;
-        (void)setsockopt(fd_.Get(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
-    }
+    Searcher(const SearchSockets& sockets, const DiscoveryRequest& request,
+             std::vector<Target> targets)
+        : sockets_(sockets), request_(request), targets_(std::move(targets)) {}
 
     DiscoveryResult Run(const std::function<bool(const FoundDevice&)>& enough) {
         const Clock::time_point start = Clock::now();
@@ -146,6 +148,7 @@ class Searcher {
                 break;
             }
         }
+        MarkConflicts(&result_.devices);
         return std::move(result_);
     }
 
@@ -173,9 +176,9 @@ class Searcher {
     bool Listen(Clock::time_point until, const std::function<bool(const FoundDevice&)>& enough);
     FoundDevice* Take(const uint8_t* data, size_t size, const std::string& sender);
 
+    const SearchSockets& sockets_;
     const DiscoveryRequest& request_;
     std::vector<Target> targets_;
-    UniqueFd fd_;
     DiscoveryResult result_;
 };
 
@@ -207,27 +210,18 @@ bool Searcher::SendTo(const Target& target) {
         info.ipi_spec_dst = target.source;
         memcpy(CMSG_DATA(header), &info, sizeof info);
     }
-    return sendmsg(fd_.Get(), &message, MSG_NOSIGNAL) == static_cast<ssize_t>(request.size());
+    return sendmsg(sockets_.Sender(), &message, MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(request.size());
 }
 
 bool Searcher::Listen(Clock::time_point until,
                       const std::function<bool(const FoundDevice&)>& enough) {
-    while (Clock::now() < until && WaitFor(fd_.Get(), POLLIN, until) != 0) {
-        std::array<uint8_t, 2048> buffer{};
-        sockaddr_in from{};
-        socklen_t length = sizeof from;
-        const ssize_t n = recvfrom(fd_.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT,
-                                   reinterpret_cast<sockaddr*>(&from), &length);
-        if (n < 0) {
-            // An ICMP refusal of an earlier search ends up here; it is no answer.
-            continue;
-        }
-        const FoundDevice* device =
-            Take(buffer.data(), static_cast<size_t>(n), AddressText(from.sin_addr));
-        if (device == nullptr) {
-            continue;
-        }
-        if (IsHost(from.sin_addr) || (enough && enough(*device))) {
+    const auto take = [this, &enough](const uint8_t* data, size_t size, in_addr sender) {
+        const FoundDevice* device = Take(data, size, AddressText(sender));
+        return device == nullptr || (!IsHost(sender) && (!enough || !enough(*device)));
+    };
+    while (Clock::now() < until && WaitFor(sockets_.Waiting(), POLLIN, until) != 0) {
+        if (!sockets_.Drain(take)) {
             return true;
         }
     }
@@ -254,13 +248,23 @@ FoundDevice* Searcher::Take(const uint8_t* data, size_t size, const std::string&
         }
         return &known;
     }
-    result_.devices.push_back({std::move(reply), {sender}});
+    result_.devices.push_back({std::move(reply), {sender}, false});
     return &result_.devices.back();
 }
 
 }  // namespace
 
+const std::string& FoundDevice::Address() const {
+    const bool seen = std::find(senders.begin(), senders.end(), reply.ip) != senders.end();
+    return seen || senders.empty() ? reply.ip : senders.front();
+}
+
 DiscoveryResult Discover(const DiscoveryRequest& request,
+                         const std::function<bool(const FoundDevice&)>& enough) {
+    return Discover(SearchSockets(), request, enough);
+}
+
+DiscoveryResult Discover(const SearchSockets& sockets, const DiscoveryRequest& request,
                          const std::function<bool(const FoundDevice&)>& enough) {
     std::vector<Target> targets;
     if (request.host.empty()) {
@@ -269,7 +273,7 @@ DiscoveryResult Discover(const DiscoveryRequest& request,
     } else {
         targets = HostTargets(request.host, request.port);
     }
-    return Searcher(request, std::move(targets)).Run(enough);
+    return Searcher(sockets, request, std::move(targets)).Run(enough);
 }
 
 std::vector<std::string> Conflicts(const DiscoveryResult& result) {

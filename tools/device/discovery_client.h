@@ -10,6 +10,7 @@
 
 #include "tools/base/wait.h"
 #include "tools/device/discovery_reply.h"
+#include "tools/device/search_sockets.h"
 
 namespace kvtool {
 
@@ -24,6 +25,12 @@ struct DiscoveryRequest {
 struct FoundDevice {
     DiscoveryReply reply;
     std::vector<std::string> senders;  // addresses that its replies came from
+    bool conflict = false;             // another device names its MAC address or its address
+
+    // Where to reach it: the address that it names, or one that it was seen to answer from.
+    const std::string& Address() const;
+    // "recovery" or "conflict".
+    const char* State() const { return conflict ? "conflict" : "recovery"; }
 };
 
 struct DiscoveryResult {
@@ -38,6 +45,10 @@ struct DiscoveryResult {
 // A device is listed once whatever the number of its replies. Throws ToolError(kUnreachable) when
 // no interface can carry a broadcast or the host has no IPv4 address.
 DiscoveryResult Discover(const DiscoveryRequest& request,
+                         const std::function<bool(const FoundDevice&)>& enough);
+
+// The same on sockets that stay open from one search to the next, so that no late answer is lost.
+DiscoveryResult Discover(const SearchSockets& sockets, const DiscoveryRequest& request,
                          const std::function<bool(const FoundDevice&)>& enough);
 
 // One sentence for each MAC address and each address that more than one of the devices names.

@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 
 namespace kvtool {
 
@@ -90,6 +91,12 @@ std::string AddressFault(const DiscoveryReply& reply) {
 }
 
 }  // namespace
+
+bool operator==(const DiscoveryReply& a, const DiscoveryReply& b) {
+    const auto same = [&a, &b](const auto& field) { return a.*field.member == b.*field.member; };
+    return std::all_of(std::begin(kTextFields), std::end(kTextFields), same) &&
+           std::all_of(std::begin(kPortFields), std::end(kPortFields), same);
+}
 
 std::array<uint8_t, kSearchSize> SearchRequest(const std::string& sourceAddress,
                                                const std::string& sourceMac) {

@@ -35,6 +35,7 @@ struct DiscoveryReply {
     uint16_t rtspPort = 0;
     uint16_t httpPort = 0;
 };
+bool operator==(const DiscoveryReply& a, const DiscoveryReply& b);
 
 // Decodes a datagram. Returns why it is not a valid reply. If it is one, returns an empty text and
 // fills *reply.

@@ -29,7 +29,8 @@ class Follower {
           upgradeFd_(upgradeFd),
           times_(times),
           listener_(listener),
-          record_(record) {}
+          record_(record),
+          portWasClosed_(target_.alivePortClosed) {}
 
     ExitCode Run() {
         Assume(
@@ -271,7 +272,7 @@ class Follower {
     Clock::time_point searchedAt_ = start_;
     Millis blind_{0};  // since the start, or since it left
     bool left_ = false;
-    bool portWasClosed_ = false;
+    bool portWasClosed_;
     bool talked_ = false;
     int misses_ = 0;
     std::optional<DiscoveryReply> reply_;
@@ -280,6 +281,19 @@ class Follower {
 };
 
 }  // namespace
+
+const char* OutcomeText(ExitCode code) {
+    switch (code) {
+        case ExitCode::kDone:
+            return "accepted by the device; its application is alive";
+        case ExitCode::kBackInRecovery:
+            return "accepted by the device; it has restarted and is back in recovery mode";
+        case ExitCode::kNotSeenAlive:
+            return "accepted by the device; it left recovery mode, but was not seen alive again";
+        default:
+            return "accepted by the device; it was not seen to leave recovery mode";
+    }
+}
 
 bool IsVersion(const std::string& firmware, const std::string& version) {
     const size_t mark = firmware.rfind("_V");

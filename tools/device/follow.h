@@ -14,7 +14,9 @@ struct FollowTarget {
     std::string mac;             // "AA:BB:CC:DD:EE:FF"; empty: not known, so no search for it
     uint16_t discoveryPort = 0;  // where searches go
     uint16_t alivePort = 0;      // TCP port that the running application opens; 0: not known
-    std::string version;         // firmware that a search reply must also name; empty: any
+    // It was seen closed while the device was in recovery mode, before the upload.
+    bool alivePortClosed = false;
+    std::string version;  // firmware that a search reply must also name; empty: any
 };
 
 // Follows the device until it is seen alive, is back in recovery mode, or time is up. `upgradeFd`
@@ -25,6 +27,9 @@ struct FollowTarget {
 // or kNeverLeft.
 ExitCode Follow(const FollowTarget& target, int upgradeFd, const UpgradeTimes& times,
                 UpgradeListener* listener, UpgradeRecord* record);
+
+// What a result of Follow means, in words.
+const char* OutcomeText(ExitCode code);
 
 // Whether `version` means this firmware of a device: the whole text, or the part after its last
 // "_V".

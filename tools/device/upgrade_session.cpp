@@ -42,6 +42,15 @@ std::array<uint8_t, kv::kMd5TrailerSize> MakeTrailer(const Bytes& package) {
     return trailer;
 }
 
+void CheckIdentity(const std::string& ic, const std::string& sensor, const DeviceInfo& device) {
+    if (ic != device.ic || sensor != device.sensor) {
+        throw ToolError(ExitCode::kRefused,
+                        "the package is for chip '" + Printable(ic) + "' and sensor '" +
+                            Printable(sensor) + "', but the device has '" + Printable(device.ic) +
+                            "' and '" + Printable(device.sensor) + "'; nothing was sent");
+    }
+}
+
 void UpgradeSession::Connect(const std::string& host, uint16_t port) {
     PhaseTimer phase(this, "connect");
     Connected connected = ConnectAny(host, port, times_.connect);
@@ -71,6 +80,7 @@ void UpgradeSession::Identify() {
 void UpgradeSession::Upload(const Bytes& package) {
     const auto trailer = MakeTrailer(package);
     record_->total = package.size() + trailer.size();
+    listener_->Before(UpgradeStep::kUpload);
     uploadStart_ = lastAdvance_ = lastReport_ = Clock::now();
     {
         PhaseTimer phase(this, "upload");
@@ -93,6 +103,7 @@ void UpgradeSession::Upload(const Bytes& package) {
                    " a second");
     }
     {
+        listener_->Before(UpgradeStep::kFinish);
         PhaseTimer phase(this, "trailer");
         Send(trailer.data(), trailer.size());
         record_->sent = Sent::kAll;

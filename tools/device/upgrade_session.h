@@ -65,6 +65,12 @@ struct UploadProgress {
     double stallLimit = 0;  // the upload ends when `silent` reaches this
 };
 
+// What an upgrade is about to do.
+enum class UpgradeStep {
+    kUpload,  // sends the request and the package
+    kFinish,  // sends the trailer: from here on the device may accept, whatever is seen of it
+};
+
 // Receives events as they happen, on the calling thread.
 class UpgradeListener {
   public:
@@ -72,6 +78,8 @@ class UpgradeListener {
     virtual void Line(const std::string& text) = 0;
     // About every 100 ms during the upload, even while the device acknowledges nothing.
     virtual void Progress(const UploadProgress& progress) = 0;
+    // Comes back before anything of the step is done. What it throws ends the upgrade there.
+    virtual void Before(UpgradeStep step) { (void)step; }
 };
 
 class UpgradeSession {
@@ -118,6 +126,10 @@ class UpgradeSession {
     size_t answerSize_ = 0;
     bool busySeen_ = false;
 };
+
+// A device takes any package that names its own chip and sensor type, and only such a one.
+// Throws ToolError(kRefused) for the types of a package that are not the device's.
+void CheckIdentity(const std::string& ic, const std::string& sensor, const DeviceInfo& device);
 
 // The trailer to send after this package.
 std::array<uint8_t, kv::kMd5TrailerSize> MakeTrailer(const Bytes& package);

@@ -1,0 +1,245 @@
+// kvtool fleet on a site of virtual boards, each with a trouble of its own.
+#include <csignal>
+#include <set>
+
+#include "tests/support/board.h"
+
+using namespace kv_test;
+using nlohmann::json;
+
+namespace {
+
+std::string MacOf(int number) {
+    char text[18];
+    (void)snprintf(text, sizeof text, "02:76:62:02:00:%02X", number);
+    return text;
+}
+
+// A child process whose end is waited for.
+class Child {
+  public:
+    explicit Child(Lines command, const std::string& output = "/dev/null") {
+        pid_ = fork();
+        if (pid_ == 0) {
+            (void)freopen(output.c_str(), "w", stdout);
+            (void)dup2(STDOUT_FILENO, STDERR_FILENO);
+            std::vector<char*> argv;
+            for (std::string& word : command) {
+                argv.push_back(word.data());
+            }
+            argv.push_back(nullptr);
+            (void)execv(argv[0], argv.data());
+            _exit(127);
+        }
+    }
+    ~Child() {
+        if (pid_ > 0) {
+            Signal(SIGTERM);
+            (void)Await();
+        }
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    void Signal(int signal) const { (void)kill(pid_, signal); }
+    int Await() {
+        int status = -1;
+        (void)waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+  private:
+    pid_t pid_ = -1;
+};
+
+class FleetSite : public testing::Test {
+  protected:
+    void SetUp() override {
+        // Sites side by side have boards of the same MAC addresses.
+        (void)setenv("XDG_RUNTIME_DIR", folder_.Path().c_str(), 1);
+        site_ = std::make_unique<Child>(Lines{BinDir() + "/vboard", "site", "run", "--state",
+                                              SiteFolder(), "--shape", "40mbit"});
+        ASSERT_TRUE(WaitUntil([this] {
+            return RunCommand({BinDir() + "/vboard", "site", "status", "--state", SiteFolder()})
+                       .status == 0;
+        }));
+        const std::string app = folder_.Path("app");
+        std::filesystem::create_directories(app + "/bin");
+        std::filesystem::copy_file(BinDir() + "/cameraMain", app + "/bin/cameraMain");
+        WriteFile(app + "/bin/network", "#!/bin/sh\nip link set wlan0 up\nexec udhcpc -i wlan0\n");
+        std::filesystem::permissions(app + "/bin/network", std::filesystem::perms::owner_all);
+        (void)Shell("mksquashfs " + app + " " + folder_.Path("app.img") +
+                    " -quiet -no-progress -all-root");
+        WriteFile(folder_.Path("kernel.img"), std::string(1500000, 'k'));
+        (void)Shell(BinDir() + "/kvtool pack -o " + folder_.Path("good") +
+                    " app=" + folder_.Path("app.img") + " kernel=" + folder_.Path("kernel.img"));
+    }
+
+    std::string SiteFolder() const { return folder_.Path("site"); }
+    std::string Journal() const { return folder_.Path("journal"); }
+    void Start(int count) {
+        const auto started =
+            RunCommand({BinDir() + "/vboard", "site", "start", std::to_string(count), "--state",
+                        SiteFolder(), "--no-eth", "--", BinDir() + "/upgradeMain"});
+        ASSERT_EQ(started.status, 0) << started.output;
+    }
+    void OnBoard(int number, const Lines& arguments) const {
+        Lines command = {BinDir() + "/vboard", "--state",
+                         SiteFolder() + "/boards/" + std::to_string(number)};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        const CommandResult result = RunCommand(command);
+        EXPECT_EQ(result.status, 0) << result.output;
+    }
+    // kvtool on the laptop, its command line.
+    Lines Tool(const Lines& arguments) const {
+        Lines command = {BinDir() + "/vboard", "site", "exec", "--state", SiteFolder(), "--",
+                         BinDir() + "/kvtool", "fleet"};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        return command;
+    }
+    Lines Upgrade(const Lines& more) const {
+        Lines arguments = {"upgrade", folder_.Path("good"), "--yes", "--journal",
+                           Journal(), "--stall-timeout",    "5",     "--leave-timeout",
+                           "60",      "--back-timeout",     "8"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return Tool(arguments);
+    }
+    // How often the journal tells that the device has entered the state.
+    size_t Entered(const std::string& device, const std::string& state) const {
+        return CountOf(ReadFile(Journal()),
+                       "\"device\":\"" + device + "\",\"state\":\"" + state + "\"");
+    }
+    bool WaitEntered(const std::string& device, const std::string& state) const {
+        return WaitUntil([&] { return Entered(device, state) > 0; }, 60);
+    }
+    // What the journal tells of each device, by its MAC address.
+    std::map<std::string, json> Report() const {
+        const json report = json::parse(
+            RunCommand({BinDir() + "/kvtool", "fleet", "report", "--json", Journal()}).output);
+        std::map<std::string, json> devices;
+        for (const json& device : report.at("devices")) {
+            devices[device.at("device")] = device;
+        }
+        return devices;
+    }
+
+    Folder folder_;
+    std::unique_ptr<Child> site_;
+};
+
+TEST_F(FleetSite, EachTroubleIsToldAndTheOthersAreServed) {
+    Start(5);
+    // The application's partition of board 4 cannot be written, and the board moves.
+    OnBoard(4, {"fault", "mtd5", "open", "--errno", "EIO", "--count", "1000"});
+    const auto lease = RunCommand(
+        {BinDir() + "/vboard", "site", "lease", "4", "172.20.19.7", "--state", SiteFolder()});
+    EXPECT_EQ(lease.status, 0) << lease.output;
+    const std::string wrong = folder_.Path("wrong");
+    (void)Shell(BinDir() + "/kvtool pack -o " + wrong +
+                " --ic OTHER app=" + folder_.Path("app.img"));
+    const auto refused =
+        RunCommand(Tool({"upgrade", wrong, "--all", "--yes", "--journal", folder_.Path("other")}));
+    EXPECT_EQ(refused.status, 13) << refused.output;
+    EXPECT_EQ(CountOf(refused.output, "will not be upgraded: the package is for chip"), 5U)
+        << refused.output;
+    EXPECT_EQ(CountOf(refused.output, "failed (3): the package is for chip"), 5U) << refused.output;
+
+    Child run(Upgrade({"--all"}), folder_.Path("output"));
+    std::thread second([this] {
+        EXPECT_TRUE(WaitEntered(MacOf(2), "uploading"));
+        OnBoard(2, {"ap", "down"});
+    });
+    std::thread third([this] {
+        EXPECT_TRUE(WaitEntered(MacOf(3), "accepted"));
+        OnBoard(3, {"ap", "mute"});
+    });
+    EXPECT_TRUE(WaitEntered(MacOf(1), "uploading"));
+    const auto other = RunCommand(Tool(
+        {"upgrade", folder_.Path("good"), MacOf(1), "--yes", "--journal", folder_.Path("third")}));
+    EXPECT_EQ(other.status, 13);
+    EXPECT_TRUE(Contains(other.output, "is being upgraded by kvtool, process")) << other.output;
+    second.join();
+    third.join();
+    EXPECT_EQ(run.Await(), 13);
+
+    auto devices = Report();
+    const std::string output = ReadFile(folder_.Path("output"));
+    const std::map<int, int> codes = {{1, 0}, {2, 6}, {3, 12}, {4, 9}, {5, 0}};
+    for (const auto& [number, code] : codes) {
+        const json& device = devices[MacOf(number)];
+        EXPECT_EQ(device.at("code"), code) << device << "\n" << output;
+        EXPECT_EQ(device.at("state"), code == 0 ? "done" : "failed");
+        const std::string row =
+            MacOf(number) + "  " + device.at("address").get<std::string>() + "  failed (";
+        EXPECT_EQ(Contains(output, row), code != 0) << output;
+    }
+    EXPECT_TRUE(Contains(devices[MacOf(4)].at("text"), "back in recovery")) << devices[MacOf(4)];
+
+    // Gone on with: only those that have not accepted are sent the package once more.
+    OnBoard(2, {"ap", "up"});
+    OnBoard(3, {"ap", "unmute"});
+    EXPECT_TRUE(WaitUntil(
+        [this] {
+            return Contains(RunCommand(Tool({"upgrade", folder_.Path("good"), MacOf(2), "--dry-run",
+                                             "--journal", folder_.Path("none")}))
+                                .output,
+                            "runs PRT7K");
+        },
+        60));
+    EXPECT_EQ(RunCommand(Upgrade({"--resume"}), 120).status, 13);
+    devices = Report();
+    EXPECT_EQ(devices[MacOf(2)].at("state"), "done") << devices[MacOf(2)];
+    EXPECT_EQ(devices[MacOf(3)].at("state"), "done") << devices[MacOf(3)];
+    EXPECT_EQ(devices[MacOf(4)].at("code"), 9) << devices[MacOf(4)];
+    EXPECT_EQ(devices[MacOf(4)].at("address"), "172.20.19.7");
+    const std::map<int, size_t> accepted = {{1, 1}, {2, 1}, {3, 1}, {4, 1}, {5, 1}};
+    for (const auto& [number, count] : accepted) {
+        EXPECT_EQ(Entered(MacOf(number), "accepted"), count) << number;
+    }
+}
+
+TEST_F(FleetSite, ALineUpgradesWhatAppears) {
+    Start(1);
+    Child watch(Tool({"watch", folder_.Path("good"), "--journal", Journal()}),
+                folder_.Path("output"));
+    EXPECT_TRUE(WaitEntered(MacOf(1), "done")) << ReadFile(folder_.Path("output"));
+    Start(1);
+    EXPECT_TRUE(WaitEntered(MacOf(2), "done")) << ReadFile(folder_.Path("output"));
+    watch.Signal(SIGINT);
+    EXPECT_EQ(watch.Await(), 0) << ReadFile(folder_.Path("output"));
+    EXPECT_EQ(Entered(MacOf(1), "connecting"), 1U);
+}
+
+class FleetBigSite : public FleetSite {};
+
+// Killed again and again; everybody is served, nobody twice.
+TEST_F(FleetBigSite, TwentyBoardsSurviveKills) {
+    constexpr int kBoards = 20;
+    Start(kBoards);
+    for (const size_t lines : {5, 25, 60, 75}) {
+        Child run(Upgrade({lines == 5 ? "--all" : "--resume"}));
+        EXPECT_TRUE(WaitUntil([&] { return CountOf(ReadFile(Journal()), "\n") >= lines; }, 60));
+        std::istringstream line(ReadFile(Journal()));
+        pid_t process = -1;
+        for (std::string text; std::getline(line, text) && !line.eof();) {
+            const json event = json::parse(text);
+            process = event.at("event") == "run" ? event.at("process").get<pid_t>() : process;
+        }
+        // The laptop's processes have their own numbers only if it had a PID namespace.
+        ASSERT_TRUE(Contains(ReadFile("/proc/" + std::to_string(process) + "/cmdline"), "kvtool"));
+        (void)kill(process, SIGKILL);
+        EXPECT_EQ(run.Await(), 137);
+    }
+    const auto last = RunCommand(Upgrade({"--resume"}), 200);
+    EXPECT_EQ(last.status, 0) << last.output;
+    for (int number = 1; number <= kBoards; ++number) {
+        EXPECT_EQ(Report()[MacOf(number)].at("state"), "done") << number;
+        const json operations = json::parse(
+            RunCommand({BinDir() + "/vboard", "--state",
+                        SiteFolder() + "/boards/" + std::to_string(number), "status", "--json"})
+                .output);
+        EXPECT_EQ(operations.at("boot"), 2) << "it has restarted once, so it was flashed once";
+    }
+}
+
+}  // namespace

@@ -1,0 +1,399 @@
+#include "tools/cli/fleet_commands.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+#include <set>
+#include <thread>
+
+#include "tools/base/files.h"
+#include "tools/cli/fleet_view.h"
+#include "tools/fleet/plan.h"
+#include "tools/fleet/report.h"
+#include "tools/fleet/runner.h"
+
+namespace kvtool {
+
+using fleet::Journal;
+using fleet::JournalContents;
+using fleet::Member;
+using fleet::Next;
+using fleet::NextFor;
+using fleet::Plan;
+using fleet::Runner;
+using fleet::RunRequest;
+using fleet::State;
+
+namespace {
+
+// How often a line is searched for devices that have appeared.
+constexpr Millis kWatchEvery{3000};
+
+fleet::PackageName NameOf(const FleetCommand& command, const PackageReport& report) {
+    return {command.package.file, report.size, report.md5};
+}
+
+std::string JournalPath(const FleetCommand& command) {
+    return command.journal.empty()
+               ? std::filesystem::path(command.package.file).filename().string() + ".journal"
+               : command.journal;
+}
+
+// What an earlier run has left. Throws ToolError(kRefused) for the journal of another package.
+JournalContents ReadEarlier(const std::string& path, const fleet::PackageName& package) {
+    JournalContents earlier = fleet::ReadJournal(path);
+    if (earlier.package.md5 != package.md5) {
+        throw ToolError(ExitCode::kRefused,
+                        "the journal " + Printable(path) + " is about another package, " +
+                            earlier.package.file + " with MD5 " + earlier.package.md5);
+    }
+    return earlier;
+}
+
+// What will happen to a device.
+std::string Intention(const Member& member) {
+    const fleet::Progress& progress = member.progress;
+    if (progress.state == State::kDone) {
+        return "nothing: it was seen alive in an earlier run";
+    }
+    if (NextFor(progress) == Next::kLook) {
+        return progress.reached == State::kAccepted
+                   ? "it accepted in an earlier run; it is looked at again, not upgraded"
+                   : "in doubt since an earlier run; it is looked at first";
+    }
+    if (member.code == ExitCode::kRefused && progress.attempts == 0) {
+        return "it will not be upgraded: " + member.text;
+    }
+    if (progress.attempts > 0) {
+        return "upgrade, once more: an earlier run ended while " +
+               std::string(StateName(progress.reached));
+    }
+    return member.address.empty() ? "upgrade, if it answers: it does not yet" : "upgrade";
+}
+
+void PrintPlan(std::ostream& out, const Plan& plan, const fleet::PackageName& package) {
+    out << "plan for " << Printable(package.file) << ", " << SizeText(package.size) << ":\n";
+    for (const Member& member : plan.members) {
+        out << "  " << member.id;
+        if (!member.address.empty() && member.address != member.id) {
+            out << "  " << member.address;
+        }
+        if (!member.firmware.empty()) {
+            out << "  runs " << Printable(member.firmware);
+        }
+        out << "  " << Intention(member) << '\n';
+    }
+    for (const std::string& warning : plan.warnings) {
+        out << "warning: " << warning << '\n';
+    }
+    out << plan.members.size() << " devices\n";
+    out.flush();
+}
+
+Json PlanJson(const Plan& plan) {
+    Json devices = Json::array();
+    for (const Member& member : plan.members) {
+        Json device = fleet::MemberJson(member);
+        device["intention"] = Intention(member);
+        devices.push_back(std::move(device));
+    }
+    return {{"devices", devices}, {"warnings", plan.warnings}};
+}
+
+// Throws ToolError(kInterrupted) when the answer is anything but yes.
+void Confirm(std::ostream& out) {
+    out << "begin? [y/N] " << std::flush;
+    std::string answer;
+    char c = 0;
+    do {
+        (void)WaitFor(STDIN_FILENO, POLLIN, Clock::time_point::max());
+        if (read(STDIN_FILENO, &c, 1) != 1) {
+            break;
+        }
+        answer += c;
+    } while (c != '\n');
+    answer = Trimmed(answer.substr(0, answer.find('\n')));
+    if (answer != "y" && answer != "Y" && answer != "yes") {
+        throw ToolError(ExitCode::kInterrupted, "not confirmed; nothing was sent");
+    }
+}
+
+// All that a run needs beside its request.
+struct Flight {
+    Interrupt startNothing;
+    Interrupt stopNow;
+};
+
+RunRequest RequestOf(const FleetCommand& command, const LoadedPackage& package,
+                     const Flight& flight) {
+    RunRequest request{package.bytes,
+                       package.report.ic,
+                       package.report.sensor,
+                       command.jobs,
+                       0,
+                       0,
+                       command.retries,
+                       Millis(5000),
+                       command.times,
+                       command.discovery,
+                       command.port,
+                       command.alivePort,
+                       command.expectVersion,
+                       false,
+                       flight.startNothing,
+                       flight.stopNow};
+    return request;
+}
+
+// The table of who and why, the JSON result and the exit code.
+ExitCode Sum(const Runner& runner, const Flight& flight, bool watch, bool asJson, Json* json) {
+    const std::vector<Member>& members = runner.Members();
+    const fleet::Counts counts = fleet::Count(members);
+    Json devices = Json::array();
+    for (const Member& member : members) {
+        devices.push_back(fleet::MemberJson(member));
+    }
+    (*json)["devices"] = devices;
+    (*json)["done"] = counts.done;
+    (*json)["failed"] = counts.failed;
+    (*json)["open"] = counts.open;
+    std::ostream& out = asJson ? std::cerr : std::cout;
+    fleet::WriteTroubles(out, members);
+    out << counts.done << " of " << members.size() << " done, " << counts.failed << " failed, "
+        << counts.open << " not started or left under way\n";
+    out.flush();
+    if (!runner.JournalTrouble().empty()) {
+        throw ToolError(ExitCode::kInternal, runner.JournalTrouble());
+    }
+    const bool all = counts.done == members.size();
+    if (flight.stopNow.Raised() || (flight.startNothing.Raised() && !all && !watch)) {
+        return ExitCode::kInterrupted;
+    }
+    return all ? ExitCode::kDone : ExitCode::kSomeFailed;
+}
+
+ExitCode End(Journal* journal, int run, const Runner& runner, const Flight& flight, bool watch,
+             bool asJson, Json* json) {
+    const ExitCode code = Sum(runner, flight, watch, asJson, json);
+    journal->WriteEnd(run, code);
+    return code;
+}
+
+std::vector<std::string> HostsOf(const FleetUpgradeCommand& command) {
+    std::vector<std::string> hosts = command.hosts;
+    if (!command.from.empty()) {
+        for (const SourceLine& line : ReadLines(command.from)) {
+            hosts.push_back(line.text);
+        }
+    }
+    return hosts;
+}
+
+// A run that was ended before its first line has left nothing.
+bool HasRun(const std::string& path) {
+    return std::filesystem::exists(path) && fleet::ReadJournal(path).runs > 0;
+}
+
+void CheckUsage(const FleetUpgradeCommand& command, const std::string& journal) {
+    if (!command.all && command.from.empty() && command.hosts.empty() && !command.resume) {
+        throw ToolError(ExitCode::kUsage, "say which devices: --all, --from LIST or HOST…");
+    }
+    if (!command.yes && !command.dryRun && isatty(STDIN_FILENO) != 1) {
+        throw ToolError(ExitCode::kUsage,
+                        "there is no terminal to ask at whether to begin; --yes begins without "
+                        "asking, --dry-run only shows the plan");
+    }
+    if (command.resume && !HasRun(journal)) {
+        throw ToolError(ExitCode::kUsage, "there is nothing to go on with in the journal " +
+                                              Printable(journal) + ": leave out --resume");
+    }
+    if (!command.resume && HasRun(journal)) {
+        throw ToolError(ExitCode::kUsage,
+                        "the journal " + Printable(journal) +
+                            " exists: go on with it (--resume), or name another one (--journal)");
+    }
+}
+
+}  // namespace
+
+ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layout, Json* json) {
+    const std::string path = JournalPath(command);
+    const Matcher matcher(command.match);
+    (*json)["file"] = Printable(command.package.file);
+    (*json)["journal"] = Printable(path);
+    CheckUsage(command, path);
+    const LoadedPackage package = LoadPackage(command.package, layout, json);
+    const fleet::PackageName name = NameOf(command, package.report);
+    JournalContents earlier;
+    if (command.resume) {
+        earlier = ReadEarlier(path, name);
+    }
+    const size_t known = earlier.members.size();
+    const Plan plan =
+        fleet::MakePlan({command.all, HostsOf(command), matcher, command.discovery, command.port,
+                         command.times, package.report.ic, package.report.sensor},
+                        std::move(earlier.members));
+    std::ostream& out = command.json ? std::cerr : std::cout;
+    PrintPlan(out, plan, name);
+    (*json)["plan"] = PlanJson(plan);
+    if (plan.members.empty()) {
+        throw ToolError(ExitCode::kUnreachable, "no device that is meant answers a search");
+    }
+    if (command.dryRun) {
+        return ExitCode::kDone;
+    }
+    if (!command.yes) {
+        Confirm(out);
+    }
+    const Flight flight;
+    Journal journal = Journal::Open(path);
+    FleetView view(command.json, name.size + kv::kMd5TrailerSize, flight.startNothing);
+    journal.Tell(&view);
+    const int run = earlier.runs + 1;
+    journal.WriteRun(run, name,
+                     {plan.members.begin() + static_cast<ptrdiff_t>(known), plan.members.end()});
+    RunRequest request = RequestOf(command, package, flight);
+    request.canaries = command.canaries;
+    request.maxFailures = command.maxFailures;
+    Runner runner(request, &journal, &view);
+    for (const Member& member : plan.members) {
+        runner.Add(member);
+    }
+    {
+        const InterruptsInSteps interrupts(flight.startNothing, flight.stopNow);
+        runner.Run();
+    }
+    view.Clear();
+    return End(&journal, run, runner, flight, false, command.json, json);
+}
+
+namespace {
+
+// Looks again and again which devices are there, and hands over those that have something to do.
+class LineWatcher {
+  public:
+    LineWatcher(const FleetCommand& command, const Flight& flight, Journal* journal, Runner* runner)
+        : command_(command),
+          matcher_(command.match),
+          flight_(flight),
+          journal_(journal),
+          runner_(runner) {}
+
+    void Watch() {
+        const InterruptedBy interrupted(flight_.startNothing);
+        try {
+            for (;;) {
+                const Clock::time_point next = Clock::now() + kWatchEvery;
+                Look();
+                WaitUntil(next);
+            }
+        } catch (const ToolError&) {
+            // Interrupted, or the journal is lost, which the runner will find as well.
+            flight_.startNothing.Raise();
+        }
+    }
+
+  private:
+    void Look() {
+        std::set<std::string> there;
+        try {
+            for (const FoundDevice& device : Discover(command_.discovery, nullptr).devices) {
+                if (!device.reply.mac.empty() && matcher_.Matches(device)) {
+                    there.insert(device.reply.mac);
+                    Offer(device);
+                }
+            }
+        } catch (const ToolError& error) {
+            if (error.Code() != ExitCode::kUnreachable) {
+                throw;
+            }
+        }
+        there_ = there;
+    }
+
+    // One that failed before it took anything is tried again when it was away meanwhile.
+    void Offer(const FoundDevice& device) {
+        Member member = fleet::MemberOf(device, command_.port);
+        const auto known = runner_->Find(member.id);
+        if (!known) {
+            journal_->WritePlanned(member);
+            runner_->Add(std::move(member));
+            return;
+        }
+        const fleet::Progress& progress = known->progress;
+        const bool again = progress.state == State::kFailed &&
+                           NextFor(progress) == Next::kUpgrade && there_.count(member.id) == 0;
+        if (again) {
+            Member copy = *known;
+            copy.address = member.address;
+            runner_->Add(std::move(copy));
+        }
+    }
+
+    const FleetCommand& command_;
+    Matcher matcher_;
+    const Flight& flight_;
+    Journal* journal_;
+    Runner* runner_;
+    std::set<std::string> there_;  // those that answered the search before
+};
+
+}  // namespace
+
+ExitCode RunFleetWatch(const FleetCommand& command, const Layout& layout, Json* json) {
+    const std::string path = JournalPath(command);
+    const Matcher matcher(command.match);
+    (*json)["file"] = Printable(command.package.file);
+    (*json)["journal"] = Printable(path);
+    const LoadedPackage package = LoadPackage(command.package, layout, json);
+    const fleet::PackageName name = NameOf(command, package.report);
+    JournalContents earlier = HasRun(path) ? ReadEarlier(path, name) : JournalContents();
+    const Flight flight;
+    Journal journal = Journal::Open(path);
+    FleetView view(command.json, name.size + kv::kMd5TrailerSize, flight.startNothing);
+    journal.Tell(&view);
+    const int run = earlier.runs + 1;
+    journal.WriteRun(run, name, {});
+    RunRequest request = RequestOf(command, package, flight);
+    request.keepOpen = true;
+    Runner runner(request, &journal, &view);
+    for (Member& member : earlier.members) {
+        runner.Add(std::move(member));
+    }
+    {
+        const InterruptsInSteps interrupts(flight.startNothing, flight.stopNow);
+        LineWatcher line(command, flight, &journal, &runner);
+        std::thread watching([&line] { line.Watch(); });
+        runner.Run();
+        watching.join();
+    }
+    view.Clear();
+    return End(&journal, run, runner, flight, true, command.json, json);
+}
+
+ExitCode RunFleetReport(const FleetReportCommand& command, Json* json) {
+    (*json)["journal"] = Printable(command.journal);
+    const JournalContents journal = fleet::ReadJournal(command.journal);
+    if (command.csv) {
+        fleet::WriteCsv(std::cout, journal);
+    } else if (command.html) {
+        fleet::WriteHtml(std::cout, journal);
+    } else if (!command.json) {
+        fleet::WriteTable(std::cout, journal);
+    }
+    Json devices = Json::array();
+    for (const Member& member : journal.members) {
+        devices.push_back(fleet::MemberJson(member));
+    }
+    (*json)["package"] = {{"file", journal.package.file},
+                          {"size", journal.package.size},
+                          {"md5", journal.package.md5}};
+    (*json)["runs"] = journal.runs;
+    (*json)["devices"] = devices;
+    return ExitCode::kDone;
+}
+
+}  // namespace kvtool

@@ -1,0 +1,122 @@
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "common/kv_platform.h"
+#include "tools/cli/command_line.h"
+#include "tools/cli/fleet_commands.h"
+
+namespace kvtool {
+
+namespace {
+
+constexpr int kMostJobs = 500;
+
+void AddPort(CLI::App* app, const char* name, std::optional<uint16_t>* port, const char* help) {
+    app->add_option_function<uint16_t>(
+           name, [port](const uint16_t& given) { *port = given; }, help)
+        ->check(CLI::Range(1, 65535));
+}
+
+void AddCommon(CLI::App* app, FleetCommand* command, LayoutOptions* layout, Chosen* chosen) {
+    command->discovery.port = kv::kDiscoveryPort;
+    app->add_option("file", command->package.file, "Package")->required()->type_name("FILE");
+    app->add_option("--match", command->match,
+                    "Of the devices that answer a search only these, FIELD=GLOB")
+        ->allow_extra_args(false);
+    app->add_option("--jobs", command->jobs, "Upgrades at a time")
+        ->capture_default_str()
+        ->check(CLI::Range(1, kMostJobs));
+    app->add_option("--retry", command->retries, "More attempts at a device that has taken nothing")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 1000));
+    app->add_option("--journal", command->journal,
+                    "Journal (default: the package's name with .journal, in this folder)")
+        ->type_name("FILE");
+    app->add_flag("--force", command->package.force, "Send in spite of objections to the package");
+    app->add_flag("--json", chosen->json, "Print events and the result as lines of JSON");
+    AddLayout(app, layout);
+    AddTrust(app, &command->package.trust);
+    app->add_option("--interface", command->discovery.interfaces, "Search here only")
+        ->allow_extra_args(false);
+    AddPort(app, "--port", &command->port, "TCP port (default: as discovered)");
+    AddPort(app, "--expect-port", &command->alivePort,
+            "TCP port that the running application opens (default: RTSP, as discovered)");
+    app->add_option("--expect-version", command->expectVersion,
+                    "Firmware version that the running application tells a search");
+    AddAnswerTimes(app, &command->times);
+    AddUpgradeTimes(app, &command->times);
+}
+
+template <typename Command>
+struct FleetOptions {
+    Command command;
+    LayoutOptions layout;
+};
+
+void AddFleetUpgrade(CLI::App* fleet, Chosen* chosen) {
+    const auto options = std::make_shared<FleetOptions<FleetUpgradeCommand>>();
+    FleetUpgradeCommand& command = options->command;
+    CLI::App* app = fleet->add_subcommand("upgrade", "Upgrade many devices with one package");
+    AddCommon(app, &command, &options->layout, chosen);
+    app->add_option("hosts", command.hosts, "Addresses, names or MAC addresses")->type_name("HOST");
+    app->add_flag("--all", command.all, "Every device that answers a search");
+    app->add_option("--from", command.from, "File with a HOST a line")->type_name("FILE");
+    app->add_option("--canary", command.canaries,
+                    "The rest starts only when so many have been seen alive")
+        ->capture_default_str()
+        ->check(CLI::Range(0, kMostJobs));
+    app->add_option("--max-failures", command.maxFailures,
+                    "Start no more once so many have failed (0: whatever fails)")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 100000));
+    app->add_flag("--resume", command.resume, "Go on with what the journal tells");
+    app->add_flag("--dry-run", command.dryRun, "Show the plan and end");
+    app->add_flag("--yes", command.yes, "Do not ask whether to begin");
+    app->callback([options, chosen] {
+        chosen->run = [options, chosen](Json* json) {
+            options->command.json = options->command.package.json = chosen->json;
+            return RunFleetUpgrade(options->command, options->layout.Make(), json);
+        };
+    });
+}
+
+void AddFleetWatch(CLI::App* fleet, Chosen* chosen) {
+    const auto options = std::make_shared<FleetOptions<FleetCommand>>();
+    CLI::App* app =
+        fleet->add_subcommand("watch", "Upgrade each device that appears and is not done yet");
+    AddCommon(app, &options->command, &options->layout, chosen);
+    app->get_option("--journal")->required();
+    app->callback([options, chosen] {
+        chosen->run = [options, chosen](Json* json) {
+            options->command.json = options->command.package.json = chosen->json;
+            return RunFleetWatch(options->command, options->layout.Make(), json);
+        };
+    });
+}
+
+void AddFleetReport(CLI::App* fleet, Chosen* chosen) {
+    const auto command = std::make_shared<FleetReportCommand>();
+    CLI::App* app = fleet->add_subcommand("report", "Tell from a journal who has what");
+    app->add_option("journal", command->journal, "Journal")->required()->type_name("FILE");
+    CLI::Option* const csv = app->add_flag("--csv", command->csv, "As a table for programs");
+    CLI::Option* const html = app->add_flag("--html", command->html, "As a page")->excludes(csv);
+    app->add_flag("--json", chosen->json, "Print JSON")->excludes(csv)->excludes(html);
+    app->callback([command, chosen] {
+        chosen->run = [command, chosen](Json* json) {
+            command->json = chosen->json;
+            return RunFleetReport(*command, json);
+        };
+    });
+}
+
+}  // namespace
+
+void AddFleetCommands(CLI::App* root, Chosen* chosen) {
+    CLI::App* const fleet = root->add_subcommand("fleet", "Upgrade many devices");
+    fleet->require_subcommand(1);
+    AddFleetUpgrade(fleet, chosen);
+    AddFleetWatch(fleet, chosen);
+    AddFleetReport(fleet, chosen);
+}
+
+}  // namespace kvtool

@@ -1,0 +1,170 @@
+#include "tools/fleet/attempt.h"
+
+#include "tools/device/probe.h"
+#include "tools/fleet/plan.h"
+
+namespace kvtool::fleet {
+
+void Attempt::Line(const std::string& text) {
+    runner_->Tell([&](RunListener* listener) { listener->Line(index_, text); });
+}
+
+void Attempt::Progress(const UploadProgress& progress) {
+    runner_->Tell([&](RunListener* listener) { listener->Progress(index_, progress); });
+}
+
+void Attempt::Before(UpgradeStep step) {
+    runner_->Enter(index_, &member_,
+                   step == UpgradeStep::kUpload ? State::kUploading : State::kFinishing);
+}
+
+// Of a device that is alive, what was seen says it all.
+std::string Attempt::Outcome(ExitCode code) const {
+    const std::string seen = record_.observed.empty() ? "" : record_.observed.back();
+    return code == ExitCode::kDone ? seen : OutcomeText(code) + ("; " + seen);
+}
+
+void Attempt::End(ExitCode code, const std::string& text) {
+    member_.code = code;
+    member_.text = text;
+    runner_->Enter(index_, &member_, code == ExitCode::kDone ? State::kDone : State::kFailed);
+}
+
+void Attempt::Upgrade() {
+    try {
+        runner_->Enter(index_, &member_, State::kConnecting);
+        Send();
+    } catch (const ToolError& error) {
+        if (error.Code() == ExitCode::kInterrupted) {
+            throw;
+        }
+        End(error.Code(), error.what());
+    }
+}
+
+void Attempt::Take(const FoundDevice& device) {
+    const Member found = MemberOf(device, request_.port);
+    member_.mac = found.mac;
+    member_.address = found.address;
+    member_.firmware = found.firmware;
+    member_.commandPort = found.commandPort;
+    member_.alivePort = request_.alivePort.value_or(found.alivePort);
+}
+
+// Under the address where it was seen last, or wherever it answers a search now.
+bool Attempt::Locate() {
+    const std::string& host = member_.address.empty() ? member_.id : member_.address;
+    if (host != member_.mac) {
+        const auto reply = AskAt(host, request_.discovery.port, request_.times.ask);
+        if (reply && (member_.mac.empty() || reply->mac == member_.mac)) {
+            Take({*reply, {host}});
+            return true;
+        }
+    }
+    if (member_.mac.empty()) {
+        return false;
+    }
+    try {
+        const DiscoveryResult result =
+            Discover(request_.discovery,
+                     [this](const FoundDevice& device) { return device.reply.mac == member_.mac; });
+        const FoundDevice* const device = FindMac(result, member_.mac);
+        if (device != nullptr) {
+            Take(*device);
+        }
+        return device != nullptr;
+    } catch (const ToolError& error) {
+        if (error.Code() != ExitCode::kUnreachable) {
+            throw;
+        }
+        return false;
+    }
+}
+
+// Only a port that was closed in recovery mode proves something once it is open.
+void Attempt::SeePortClosed(const UpgradeSession& session) {
+    if (member_.alivePort != 0) {
+        member_.alivePortClosed =
+            LookAtPort(session.Peer(), member_.alivePort, LocalEnd(session.Fd()),
+                       request_.times.probeReply) == PortState::kClosed;
+    }
+}
+
+void Attempt::Send() {
+    if (!Locate()) {
+        throw ToolError(ExitCode::kUnreachable, "it answers no search; nothing was sent");
+    }
+    if (member_.mac.empty()) {
+        throw ToolError(ExitCode::kRefused,
+                        "it does not tell its MAC address, so it could not be told from others "
+                        "later; nothing was sent");
+    }
+    record_.mac = member_.mac;
+    lock_.emplace(member_.mac);
+    UpgradeSession session(request_.times, this, &record_);
+    session.Connect(member_.address, member_.commandPort);
+    session.Login();
+    session.Identify();
+    CheckIdentity(request_.ic, request_.sensor, record_.device);
+    member_.session = record_.session;
+    SeePortClosed(session);
+    session.Upload(request_.package);
+    runner_->Enter(index_, &member_, State::kAccepted);
+    const ExitCode code = FollowOn(session.Peer(), LocalEnd(session.Fd()), session.Fd());
+    End(code, Outcome(code));
+}
+
+ExitCode Attempt::FollowOn(const Endpoint& endpoint, const Endpoint& local, int fd) {
+    FollowTarget target;
+    target.endpoint = endpoint;
+    target.local = local;
+    target.mac = member_.mac;
+    target.discoveryPort = request_.discovery.port;
+    target.alivePort = member_.alivePort;
+    target.alivePortClosed = member_.alivePortClosed;
+    target.version = request_.expectVersion;
+    record_.address.clear();
+    const ExitCode code = Follow(target, fd, request_.times, this, &record_);
+    // "ADDRESS:PORT" of where it came back, when that is another address.
+    const size_t port = record_.address.rfind(':');
+    member_.address = port == std::string::npos ? member_.address : record_.address.substr(0, port);
+    return code;
+}
+
+// It still holds the session of the upload: it is where the upload left it, after all the time
+// that an upgrade may take.
+bool Attempt::CertainlyNotAccepted(const Endpoint& endpoint) {
+    const ProbeResult probe =
+        Probe(endpoint, Endpoint(), request_.times.probeReply, request_.times.probeReply);
+    return member_.progress.reached == State::kFinishing && probe.state == ProbeState::kRecovery &&
+           probe.session == member_.session;
+}
+
+void Attempt::Look() {
+    try {
+        runner_->Enter(index_, &member_, State::kLooking);
+        lock_.emplace(member_.mac);
+        record_.session = member_.session;
+        // One that runs its application answers no search: then it is looked for where it was.
+        (void)Locate();
+        const Endpoint endpoint = Resolve(member_.address, member_.commandPort).front();
+        const ExitCode code = FollowOn(endpoint, Endpoint(), -1);
+        if (code == ExitCode::kNeverLeft && CertainlyNotAccepted(endpoint)) {
+            Line("it has not accepted the package: it still holds the session of that upload");
+            member_.progress.reached = State::kUploading;
+            runner_->Settle(index_, member_);
+            return;
+        }
+        const std::string doubt = member_.progress.reached == State::kFinishing
+                                      ? "was in doubt, the package may have been taken: "
+                                      : "had accepted in an earlier run: ";
+        End(code, doubt + Outcome(code));
+    } catch (const ToolError& error) {
+        if (error.Code() == ExitCode::kInterrupted) {
+            throw;
+        }
+        End(error.Code(), error.what());
+    }
+}
+
+}  // namespace kvtool::fleet

@@ -1,0 +1,54 @@
+// One attempt at one device of a run.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "tools/device/device_lock.h"
+#include "tools/device/follow.h"
+#include "tools/fleet/runner.h"
+
+namespace kvtool::fleet {
+
+// The journal cannot be written, so the step that it should have announced was not made.
+class JournalLost : public ToolError {
+  public:
+    explicit JournalLost(const std::string& text) : ToolError(ExitCode::kInternal, text) {}
+};
+
+class Attempt : private UpgradeListener {
+  public:
+    Attempt(Runner* runner, size_t index, Member member)
+        : runner_(runner), request_(runner->request_), index_(index), member_(std::move(member)) {
+        record_.mac = member_.mac;
+    }
+
+    // Leaves the member done or failed. Throws ToolError(kInterrupted).
+    void Upgrade();
+    // Looks what became of a device that may have accepted. Leaves it done, failed, or, when it has
+    // certainly not accepted, looking: then it is to be upgraded. Throws ToolError(kInterrupted).
+    void Look();
+
+  private:
+    void Line(const std::string& text) override;
+    void Progress(const UploadProgress& progress) override;
+    void Before(UpgradeStep step) override;
+
+    void Send();
+    void Take(const FoundDevice& device);
+    bool Locate();
+    void SeePortClosed(const UpgradeSession& session);
+    ExitCode FollowOn(const Endpoint& endpoint, const Endpoint& local, int fd);
+    bool CertainlyNotAccepted(const Endpoint& endpoint);
+    void End(ExitCode code, const std::string& text);
+    std::string Outcome(ExitCode code) const;
+
+    Runner* runner_;
+    const RunRequest& request_;
+    size_t index_;
+    Member member_;
+    UpgradeRecord record_;
+    std::optional<DeviceLock> lock_;
+};
+
+}  // namespace kvtool::fleet

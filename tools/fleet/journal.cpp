@@ -1,0 +1,293 @@
+#include "tools/fleet/journal.h"
+
+#include <fcntl.h>
+#include <kv_version.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <map>
+#include <stdexcept>
+
+#include "tools/base/text.h"
+
+namespace kvtool::fleet {
+
+namespace {
+
+constexpr int kSchema = 1;
+
+double Now() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+Json PlannedJson(const Member& member) {
+    Json planned = {{"device", member.id},
+                    {"mac", member.mac},
+                    {"address", member.address},
+                    {"command_port", member.commandPort},
+                    {"firmware", Printable(member.firmware)}};
+    if (member.code != ExitCode::kDone) {
+        planned.update({{"code", static_cast<int>(member.code)}, {"text", member.text}});
+    }
+    return planned;
+}
+
+Json StateDetails(const Member& member) {
+    const Progress& progress = member.progress;
+    Json details = {{"device", member.id}, {"state", StateName(progress.state)}};
+    switch (progress.state) {
+        case State::kConnecting:
+            details["attempt"] = progress.attempts;
+            break;
+        case State::kUploading:
+            details.update({{"mac", member.mac},
+                            {"address", member.address},
+                            {"command_port", member.commandPort},
+                            {"firmware", Printable(member.firmware)},
+                            {"session", member.session},
+                            {"alive_port", member.alivePort},
+                            {"alive_port_closed", member.alivePortClosed}});
+            break;
+        case State::kLooking:
+            details["was"] = StateName(progress.reached);
+            break;
+        case State::kDone:
+            details["address"] = member.address;
+            details["text"] = member.text;
+            break;
+        case State::kFailed:
+            details["address"] = member.address;
+            details["code"] = static_cast<int>(member.code);
+            details["text"] = member.text;
+            details["left"] = LeftText(progress.reached);
+            break;
+        default:
+            break;
+    }
+    return details;
+}
+
+// Takes the key's value when it is there; a value of another kind throws.
+template <typename Value>
+void Take(const Json& line, const char* key, Value* value) {
+    if (line.contains(key)) {
+        *value = line.at(key).get<Value>();
+    }
+}
+
+void TakeMember(const Json& line, Member* member) {
+    Take(line, "mac", &member->mac);
+    Take(line, "address", &member->address);
+    Take(line, "firmware", &member->firmware);
+    Take(line, "command_port", &member->commandPort);
+    Take(line, "alive_port", &member->alivePort);
+    Take(line, "alive_port_closed", &member->alivePortClosed);
+    Take(line, "session", &member->session);
+    Take(line, "text", &member->text);
+    if (line.contains("code")) {
+        member->code = static_cast<ExitCode>(line.at("code").get<int>());
+    }
+}
+
+class Reader {
+  public:
+    void Line(const Json& line) {
+        if (line.at("schema").get<int>() != kSchema) {
+            throw std::runtime_error("it has a schema that this kvtool does not know");
+        }
+        const auto event = line.at("event").get<std::string>();
+        if (event == "run") {
+            const Json& package = line.at("package");
+            if (contents_.runs++ == 0) {
+                contents_.package = {package.at("file"), package.at("size"), package.at("md5")};
+            }
+            for (const Json& device : line.at("devices")) {
+                TakePlanned(device);
+            }
+        } else if (event == "planned") {
+            TakePlanned(line);
+        } else if (event == "state") {
+            TakeState(line);
+        }
+    }
+    JournalContents Take() { return std::move(contents_); }
+
+  private:
+    void TakePlanned(const Json& device) {
+        Member member;
+        member.id = device.at("device");
+        TakeMember(device, &member);
+        index_[member.id] = contents_.members.size();
+        contents_.members.push_back(std::move(member));
+    }
+
+    void TakeState(const Json& line) {
+        Member& member = contents_.members.at(index_.at(line.at("device").get<std::string>()));
+        State state = State::kPlanned;
+        const std::optional<double> time = ParseTime(line.at("time").get<std::string>());
+        if (!ParseState(line.at("state").get<std::string>(), &state) || !time) {
+            throw std::runtime_error("its state or its time is none");
+        }
+        member.progress.Enter(state);
+        member.history.emplace_back(state, *time);
+        TakeMember(line, &member);
+    }
+
+    JournalContents contents_;
+    std::map<std::string, size_t> index_;
+};
+
+}  // namespace
+
+std::string TimeText(double seconds) {
+    const auto whole = static_cast<time_t>(std::floor(seconds));
+    struct tm parts {};
+    (void)gmtime_r(&whole, &parts);
+    std::array<char, 32> date{};
+    (void)strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &parts);
+    std::array<char, 8> fraction{};
+    const int millis = std::clamp(static_cast<int>((seconds - std::floor(seconds)) * 1000), 0, 999);
+    (void)snprintf(fraction.data(), fraction.size(), ".%03dZ", millis);
+    return std::string(date.data()) + fraction.data();
+}
+
+std::optional<double> ParseTime(const std::string& text) {
+    struct tm parts {};
+    const char* const rest = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+    if (rest == nullptr || *rest != '.') {
+        return std::nullopt;
+    }
+    char* end = nullptr;
+    const double fraction = strtod(rest, &end);
+    if (std::string(end) != "Z") {
+        return std::nullopt;
+    }
+    return static_cast<double>(timegm(&parts)) + fraction;
+}
+
+JournalContents ReadJournal(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        throw ToolError(ExitCode::kRefused,
+                        "cannot read the journal " + Printable(path) + ": " + strerror(errno));
+    }
+    Reader reader;
+    uint64_t whole = 0;
+    bool torn = false;
+    std::string text;
+    for (int number = 1; std::getline(file, text); ++number) {
+        // Every whole line has its end.
+        if (file.eof()) {
+            torn = true;
+            break;
+        }
+        whole += text.size() + 1;
+        try {
+            reader.Line(Json::parse(text));
+        } catch (const std::exception& error) {
+            throw ToolError(ExitCode::kRefused,
+                            Printable(path) + ":" + std::to_string(number) +
+                                ": not a line of a journal: " + Printable(error.what()));
+        }
+    }
+    JournalContents contents = reader.Take();
+    contents.torn = torn;
+    contents.whole = whole;
+    if (contents.runs == 0 && whole > 0) {
+        throw ToolError(ExitCode::kRefused, Printable(path) + " is no journal of a fleet run");
+    }
+    return contents;
+}
+
+void Journal::Fail(int error) {
+    // What a full disk has taken of the line must not stand in front of the next one.
+    const int ignored = ftruncate(fd_.Get(), static_cast<off_t>(size_));
+    (void)ignored;
+    throw ToolError(ExitCode::kInternal,
+                    "cannot write the journal " + Printable(path_) + ": " + strerror(error));
+}
+
+Journal Journal::Open(const std::string& path) {
+    UniqueFd fd(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
+    if (!fd) {
+        throw ToolError(ExitCode::kInternal,
+                        "cannot open the journal " + Printable(path) + ": " + strerror(errno));
+    }
+    if (flock(fd.Get(), LOCK_EX | LOCK_NB) != 0) {
+        throw ToolError(ExitCode::kBusy, "another process writes the journal " + Printable(path));
+    }
+    const uint64_t whole = ReadJournal(path).whole;
+    Journal journal(path, std::move(fd), whole);
+    if (ftruncate(journal.fd_.Get(), static_cast<off_t>(whole)) != 0) {
+        journal.Fail(errno);
+    }
+    // The name of a new file has to be on the disk too.
+    const size_t slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const UniqueFd parent(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!parent || fsync(parent.Get()) != 0) {
+        journal.Fail(errno);
+    }
+    return journal;
+}
+
+double Journal::Write(const char* event, const Json& details) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const double now = Now();
+    Json line = {{"schema", kSchema}, {"time", TimeText(now)}, {"event", event}};
+    line.update(details);
+    const std::string text = JsonLine(line) + "\n";
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = write(fd_.Get(), text.data() + done, text.size() - done);
+        if (n < 0 && errno != EINTR) {
+            Fail(errno);
+        }
+        done += n > 0 ? static_cast<size_t>(n) : 0;
+    }
+    if (fdatasync(fd_.Get()) != 0) {
+        Fail(errno);
+    }
+    size_ += text.size();
+    if (watcher_ != nullptr) {
+        watcher_->Written(line);
+    }
+    return now;
+}
+
+void Journal::WriteRun(int run, const PackageName& package, const std::vector<Member>& members) {
+    Json devices = Json::array();
+    for (const Member& member : members) {
+        devices.push_back(PlannedJson(member));
+    }
+    (void)Write(
+        "run", {{"run", run},
+                {"tool", kv::kVersion},
+                {"process", getpid()},
+                {"package",
+                 {{"file", Printable(package.file)}, {"size", package.size}, {"md5", package.md5}}},
+                {"devices", devices}});
+}
+
+void Journal::WritePlanned(const Member& member) {
+    (void)Write("planned", PlannedJson(member));
+}
+
+void Journal::WriteState(Member* member) {
+    member->history.emplace_back(member->progress.state, Write("state", StateDetails(*member)));
+}
+
+void Journal::WriteEnd(int run, ExitCode code) {
+    (void)Write("end", {{"run", run}, {"exit_code", static_cast<int>(code)}});
+}
+
+}  // namespace kvtool::fleet

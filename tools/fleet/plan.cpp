@@ -1,0 +1,171 @@
+#include "tools/fleet/plan.h"
+
+#include <algorithm>
+#include <map>
+
+#include "tools/fleet/parallel.h"
+
+namespace kvtool::fleet {
+
+namespace {
+
+// Each asks one device at a time and waits for it most of the time.
+constexpr size_t kAskers = 32;
+
+class Planner {
+  public:
+    Planner(const PlanRequest& request, std::vector<Member> members) : request_(request) {
+        for (Member& member : members) {
+            Add(std::move(member));
+        }
+        known_ = plan_.members.size();
+    }
+
+    Plan Make() {
+        const bool byMac =
+            std::any_of(request_.hosts.begin(), request_.hosts.end(),
+                        [](const std::string& host) { return ParseMacAddress(host); });
+        if (request_.all || byMac) {
+            found_ = Discover(request_.discovery, nullptr);
+        }
+        AskNamed();
+        RefuseSharedMacs();
+        ForEach(plan_.members.size() - known_, kAskers,
+                [this](size_t i) { AskIdentity(&plan_.members.at(known_ + i)); });
+        return std::move(plan_);
+    }
+
+  private:
+    void Add(Member member) {
+        // A device may be named twice, in two ways.
+        const auto same = [&member](const Member& other) {
+            return other.id == member.id || (!member.mac.empty() && other.mac == member.mac);
+        };
+        if (std::none_of(plan_.members.begin(), plan_.members.end(), same)) {
+            plan_.members.push_back(std::move(member));
+        }
+    }
+
+    // The devices that were named, then all others if they are wanted.
+    void AskNamed() {
+        std::vector<std::optional<FoundDevice>> answers(request_.hosts.size());
+        ForEach(answers.size(), kAskers, [&](size_t i) { answers[i] = Ask(request_.hosts[i]); });
+        for (size_t i = 0; i < answers.size(); ++i) {
+            if (answers[i]) {
+                Take(*answers[i]);
+            } else {
+                AddAbsent(request_.hosts[i]);
+            }
+        }
+        for (const FoundDevice& device : found_.devices) {
+            if (request_.all) {
+                Take(device);
+            }
+        }
+    }
+
+    std::optional<FoundDevice> Ask(const std::string& host) const {
+        if (const auto mac = ParseMacAddress(host)) {
+            const FoundDevice* const device = FindMac(found_, *mac);
+            return device != nullptr ? std::optional<FoundDevice>(*device) : std::nullopt;
+        }
+        DiscoveryRequest request = request_.discovery;
+        request.host = host;
+        request.timeout = request_.times.ask;
+        try {
+            DiscoveryResult result = Discover(request, nullptr);
+            if (!result.devices.empty()) {
+                return std::move(result.devices.front());
+            }
+        } catch (const ToolError& error) {
+            if (error.Code() != ExitCode::kUnreachable) {
+                throw;
+            }
+        }
+        return std::nullopt;
+    }
+
+    void Take(const FoundDevice& device) {
+        if (!request_.matcher.Matches(device)) {
+            return;
+        }
+        if (device.reply.mac.empty()) {
+            plan_.warnings.push_back(device.senders.front() +
+                                     " does not tell its MAC address and is left out: it could not "
+                                     "be told from others later (kvtool upgrade takes it)");
+            return;
+        }
+        Add(MemberOf(device, request_.port));
+    }
+
+    void AddAbsent(const std::string& host) {
+        Member member;
+        const auto mac = ParseMacAddress(host);
+        member.mac = mac.value_or("");
+        member.id = mac ? *mac : Printable(host);
+        member.commandPort = request_.port.value_or(0);
+        Add(std::move(member));
+    }
+
+    void RefuseSharedMacs() {
+        std::map<std::string, int> count;
+        for (const FoundDevice& device : found_.devices) {
+            ++count[device.reply.mac];
+        }
+        for (size_t i = known_; i < plan_.members.size(); ++i) {
+            Member& member = plan_.members[i];
+            if (count[member.mac] > 1) {
+                member.code = ExitCode::kRefused;
+                member.text = "two devices answer with this MAC address";
+            }
+        }
+        for (std::string& text : Conflicts(found_)) {
+            plan_.warnings.push_back(std::move(text));
+        }
+    }
+
+    // What cannot be asked now is asked again before its upload.
+    void AskIdentity(Member* member) const {
+        if (member->address.empty() || member->code != ExitCode::kDone) {
+            return;
+        }
+        try {
+            Connected connected =
+                ConnectAny(member->address, member->commandPort, request_.times.connect);
+            ProtocolClient client(std::move(connected.fd), request_.times.reply);
+            (void)client.Login();
+            CheckIdentity(request_.ic, request_.sensor, client.Info());
+        } catch (const ToolError& error) {
+            if (error.Code() == ExitCode::kInterrupted) {
+                throw;
+            }
+            if (error.Code() == ExitCode::kRefused) {
+                member->code = error.Code();
+                member->text = error.what();
+            }
+        }
+    }
+
+    const PlanRequest& request_;
+    DiscoveryResult found_;
+    Plan plan_;
+    size_t known_ = 0;  // members that stand in the journal already
+};
+
+}  // namespace
+
+Member MemberOf(const FoundDevice& device, std::optional<uint16_t> port) {
+    Member member;
+    member.id = member.mac = device.reply.mac;
+    member.address = device.senders.front();
+    member.firmware = device.reply.firmware;
+    member.commandPort = port.value_or(device.reply.commandPort);
+    member.alivePort = device.reply.rtspPort;
+    return member;
+}
+
+Plan MakePlan(const PlanRequest& request, std::vector<Member> members) {
+    return Planner(request, std::move(members)).Make();
+}
+
+}  // namespace kvtool::fleet

@@ -1,0 +1,33 @@
+// Who has what: a journal, or the members of a run, for people and for other programs.
+#pragma once
+
+#include <ostream>
+#include <vector>
+
+#include "tools/fleet/journal.h"
+
+namespace kvtool::fleet {
+
+struct Counts {
+    size_t done = 0;
+    size_t failed = 0;
+    size_t open = 0;  // not started, or left under way
+};
+Counts Count(const std::vector<Member>& members);
+
+// What the device has now: the package, what it had before, or that this is not known.
+const char* HasText(const Member& member);
+
+// A table of all devices: state, attempts, how long each phase of the latest attempt took.
+void WriteTable(std::ostream& out, const JournalContents& journal);
+// A line for each device, with a heading; quoted as RFC 4180 says.
+void WriteCsv(std::ostream& out, const JournalContents& journal);
+// A page that stands alone.
+void WriteHtml(std::ostream& out, const JournalContents& journal);
+
+// The table at the end of a run: those that are not done, each with the reason.
+void WriteTroubles(std::ostream& out, const std::vector<Member>& members);
+
+Json MemberJson(const Member& member);
+
+}  // namespace kvtool::fleet

@@ -1,0 +1,268 @@
+#include "tools/fleet/runner.h"
+
+#include <algorithm>
+#include <thread>
+
+#include "tools/fleet/attempt.h"
+
+namespace kvtool::fleet {
+
+namespace {
+
+constexpr Millis kTick{100};
+
+}  // namespace
+
+bool MayRetry(const Member& member) {
+    if (member.progress.reached >= State::kFinishing) {
+        return false;
+    }
+    switch (member.code) {
+        case ExitCode::kUnreachable:
+        case ExitCode::kBadReply:
+        case ExitCode::kLost:
+        case ExitCode::kBusy:
+        case ExitCode::kNoReply:
+            return true;
+        default:
+            return false;
+    }
+}
+
+void Runner::Tell(const std::function<void(RunListener*)>& call) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    call(listener_);
+}
+
+void Runner::Stop(const std::string& why) {
+    if (stopped_.empty()) {
+        stopped_ = why;
+        listener_->Note(why);
+    }
+    changed_.notify_all();
+}
+
+// A step that cannot be announced is not made. What has happened by itself is kept in memory: the
+// journal then ends with what it knew, and a later run looks at the device again.
+void Runner::Enter(size_t index, Member* member, State state) {
+    member->progress.Enter(state);
+    const bool ownStep =
+        state != State::kAccepted && state != State::kDone && state != State::kFailed;
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (journalTrouble_.empty()) {
+        lock.unlock();
+        std::string trouble;
+        try {
+            journal_->WriteState(member);
+        } catch (const ToolError& error) {
+            trouble = error.what();
+        }
+        lock.lock();
+        if (!trouble.empty()) {
+            journalTrouble_ = trouble;
+            Stop("nothing more is started: " + trouble);
+        }
+    }
+    if (ownStep && !journalTrouble_.empty()) {
+        member->progress = members_.at(index).progress;
+        throw JournalLost(journalTrouble_);
+    }
+    members_.at(index) = *member;
+    listener_->Changed(index, *member);
+}
+
+void Runner::Settle(size_t index, const Member& member) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    members_.at(index) = member;
+}
+
+void Runner::Add(Member member) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto known = std::find_if(members_.begin(), members_.end(),
+                                    [&](const Member& other) { return other.id == member.id; });
+    const auto index = static_cast<size_t>(known - members_.begin());
+    if (known == members_.end()) {
+        members_.push_back(std::move(member));
+    } else {
+        *known = std::move(member);
+    }
+    const Member& added = members_[index];
+    listener_->Changed(index, added);
+    if (NextFor(added.progress) != Next::kNothing) {
+        waiting_.push_back({index, Clock::now()});
+        changed_.notify_all();
+    }
+}
+
+std::optional<Member> Runner::Find(const std::string& id) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto known = std::find_if(members_.begin(), members_.end(),
+                                    [&id](const Member& member) { return member.id == id; });
+    return known == members_.end() ? std::nullopt : std::optional<Member>(*known);
+}
+
+// Those that were seen alive in an earlier run count.
+void Runner::ChooseCanaries() {
+    auto done = static_cast<size_t>(
+        std::count_if(members_.begin(), members_.end(),
+                      [](const Member& member) { return member.progress.state == State::kDone; }));
+    for (const Waiting& waiting : waiting_) {
+        const Member& member = members_[waiting.member];
+        const bool fit = member.code != ExitCode::kRefused || member.progress.attempts > 0;
+        if (done + canaries_.size() < request_.canaries && fit) {
+            canaries_[waiting.member] = false;
+        }
+    }
+    if (canaries_.size() == waiting_.size()) {
+        canaries_.clear();  // nobody is left to wait for them
+    }
+}
+
+// Whether it has to wait for the canaries. Looking at a device changes nothing.
+bool Runner::Held(size_t index) const {
+    return !canaries_.empty() && canaries_.count(index) == 0 &&
+           NextFor(members_[index].progress) == Next::kUpgrade;
+}
+
+std::optional<size_t> Runner::TakeWaiting(Clock::time_point* wake) {
+    const Clock::time_point now = Clock::now();
+    for (auto item = waiting_.begin(); item != waiting_.end(); ++item) {
+        if (Held(item->member)) {
+            continue;
+        }
+        if (item->notBefore <= now) {
+            const size_t member = item->member;
+            waiting_.erase(item);
+            return member;
+        }
+        *wake = std::min(*wake, item->notBefore);
+    }
+    return std::nullopt;
+}
+
+// Waits for a member to work on; nothing: there is nothing left to do.
+std::optional<size_t> Runner::NextMember() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        if (!stopped_.empty()) {
+            return std::nullopt;
+        }
+        Clock::time_point wake = Clock::now() + std::chrono::hours(1);
+        if (const auto member = TakeWaiting(&wake)) {
+            ++underWay_;
+            return member;
+        }
+        if (waiting_.empty() && underWay_ == 0 && !request_.keepOpen) {
+            changed_.notify_all();
+            return std::nullopt;
+        }
+        (void)changed_.wait_until(lock, wake);
+    }
+}
+
+void Runner::Perform(size_t index) {
+    Member member;
+    {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        member = members_[index];
+    }
+    const bool refused = member.code == ExitCode::kRefused && member.progress.attempts == 0 &&
+                         member.progress.state == State::kPlanned;
+    if (refused) {
+        Enter(index, &member, State::kFailed);
+        return;
+    }
+    Attempt attempt(this, index, member);
+    if (NextFor(member.progress) == Next::kLook) {
+        attempt.Look();
+    } else {
+        attempt.Upgrade();
+    }
+}
+
+void Runner::ConcludeFailure(const Member& member, size_t index) {
+    if (MayRetry(member) && member.progress.attempts <= request_.retries) {
+        waiting_.push_back({index, Clock::now() + request_.retryPause});
+        listener_->Line(
+            index, "tried again in " + std::to_string(request_.retryPause.count() / 1000) + " s");
+        return;
+    }
+    ++failures_;
+    if (canaries_.count(index) != 0) {
+        Stop("nothing more is started: canary " + member.id + " was not seen alive");
+    } else if (request_.maxFailures > 0 && failures_ >= request_.maxFailures) {
+        Stop("nothing more is started: " + std::to_string(failures_) + " failed");
+    }
+}
+
+void Runner::Conclude(size_t index) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    --underWay_;
+    const Member& member = members_[index];
+    if (member.progress.state == State::kFailed) {
+        ConcludeFailure(member, index);
+    } else if (member.progress.state == State::kLooking) {
+        waiting_.push_back({index, Clock::now()});
+    } else if (canaries_.count(index) != 0) {
+        canaries_[index] = true;
+        if (std::all_of(canaries_.begin(), canaries_.end(),
+                        [](const auto& canary) { return canary.second; })) {
+            listener_->Note(std::to_string(canaries_.size()) + " seen alive; the rest is started");
+            canaries_.clear();
+        }
+    }
+    changed_.notify_all();
+}
+
+void Runner::Work() {
+    const InterruptedBy interrupted(request_.stopNow);
+    while (const auto index = NextMember()) {
+        try {
+            Perform(*index);
+        } catch (const ToolError& error) {
+            if (error.Code() != ExitCode::kInterrupted) {
+                Tell([&](RunListener* listener) { listener->Line(*index, error.what()); });
+            } else {
+                const std::lock_guard<std::mutex> guard(mutex_);
+                --underWay_;
+                changed_.notify_all();
+                return;
+            }
+        }
+        Conclude(*index);
+    }
+}
+
+void Runner::Run() {
+    size_t threads = request_.jobs;
+    {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        ChooseCanaries();
+        threads = request_.keepOpen ? threads : std::min(threads, waiting_.size());
+    }
+    std::vector<std::thread> workers;
+    size_t running = threads;
+    for (size_t i = 0; i < threads; ++i) {
+        workers.emplace_back([this, &running] {
+            Work();
+            const std::lock_guard<std::mutex> guard(mutex_);
+            --running;
+            changed_.notify_all();
+        });
+    }
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (running > 0) {
+            (void)changed_.wait_for(lock, kTick);
+            if (request_.startNothing.Raised()) {
+                Stop("interrupted: nothing more is started");
+            }
+            listener_->Tick();
+        }
+    }
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+}
+
+}  // namespace kvtool::fleet
