@@ -74,7 +74,7 @@ test: tests-build ## Run all unit and system tests
 test-fleet: tests-build ## Upgrade a site of 20 boards with a tool that is killed again and again (2 minutes)
 	@ctest --test-dir build/dev --output-on-failure -L fleet
 
-test-ansible: build ## Run the Ansible collection against a site of six virtual boards (about two minutes)
+test-ansible: build ## Run the Ansible collection against a site of six virtual boards (under three minutes)
 	@scripts/setup.sh vboard scripts ansible
 	@tests/ansible/site_test.py
 

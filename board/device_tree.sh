@@ -21,7 +21,7 @@ fdtput -t s "$dtb" $partitions compatible fixed-partitions
 fdtput -t x "$dtb" $partitions '#address-cells' 1
 fdtput -t x "$dtb" $partitions '#size-cells' 1
 
-# fdtput puts each new node before the others, and the kernel numbers nodes in file order. So add the last one first.
+# fdtput puts each new node before the others. The kernel numbers nodes in file order. So add the last one first.
 sed 's/#.*//' "$here/../common/partitions.txt" |
     awk 'NF { printf "%s %d %d\n", $1, start, $2 * 1024; start += $2 * 1024 }' |
     tac |

@@ -8,9 +8,9 @@
 #pragma once
 
 // Opens the pipes, links each command's name to the platform's client and starts the console
-// thread. Any thread, one at a time; does not block. Returns 0; from the second call on it does
-// nothing else. Returns the negative result of open if a pipe is missing. Aborts if the thread
-// cannot be created.
+// thread. Any thread, one at a time; does not block. Returns 0, also from a second call, which does
+// nothing. Returns the negative result of open if a pipe is missing. Aborts if the thread cannot be
+// created.
 int KV_Console_Init(void);
 
 // Stops the thread. Blocks for up to one second and for a command in progress. Pipes and links

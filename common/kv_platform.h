@@ -1,5 +1,5 @@
 // The board and its surroundings: paths, ports, interfaces, the partition table and the device's
-// identity. Each fact stands here once.
+// identity. Each fact is written here once.
 #pragma once
 
 #include <cstddef>
@@ -106,8 +106,8 @@ constexpr PartitionRow kPartitions[] = {
     {"kernel", "/dev/mtd3"}, {"rootfs", "/dev/mtd4"}, {"app", "/dev/mtd5"},
     {"var", "/dev/mtd6"},    {"param", "/dev/mtd7"},  {"uboot", "/dev/mtd0"},
 };
-// The boot-loader region: the row of the first of these devices stands for all three, in this
-// order.
+// The devices of the boot-loader region, in their order. The partition row of the first one stands
+// for all three.
 constexpr char kBootDevices[][32] = {"/dev/mtd0", "/dev/mtd1", "/dev/mtd2"};
 constexpr size_t kFlashTransferUnit = 65536;
 

@@ -35,7 +35,7 @@ int SpawnShell(const char* command, bool closeOthers, pid_t* pid) {
     posix_spawn_file_actions_t actions;
     (void)posix_spawn_file_actions_init(&actions);
     (void)closeOthers;
-// Two steps, because other C libraries lack the macro in the second one.
+// Two conditions, because other C libraries lack the macro in the second one.
 #ifdef __GLIBC__
 #if __GLIBC_PREREQ(2, 34)
     if (closeOthers) {
@@ -51,7 +51,8 @@ int SpawnShell(const char* command, bool closeOthers, pid_t* pid) {
     return error;
 }
 
-// No child could be created. Other errors mean that the child could not become a shell.
+// Whether the error means that no child could be created. Other errors mean that the child could
+// not become a shell.
 bool IsShortage(int error) {
     return error == EAGAIN || error == ENOMEM;
 }

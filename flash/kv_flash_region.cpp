@@ -83,9 +83,9 @@ int EraseDevice(Region region, const char* function, const char* mtd) {
 }
 
 // Writes chunks from the package's position until `wanted` bytes are written, the device's `size`
-// is full or the package ends. Returns the end offset. Kept: every read asks for a whole chunk, so
-// the bytes after an image in the package are written after it; packages are laid out for that. A
-// failed write adds its result, -1, to the offset.
+// is full or the package ends. Returns the end offset. Kept: every read asks for a whole chunk. The
+// bytes that follow an image in the package are therefore written after it; packages are laid out
+// for that. A failed write adds its result, -1, to the offset.
 uint32_t WriteChunks(FILE* pkg, int fd, uint32_t wanted, uint32_t size, const char* function) {
     uint8_t buffer[kv::kFlashTransferUnit];
     uint32_t offset = 0;
@@ -97,7 +97,7 @@ uint32_t WriteChunks(FILE* pkg, int fd, uint32_t wanted, uint32_t size, const ch
         }
         (void)lseek(fd, static_cast<off_t>(offset), SEEK_SET);
         offset += static_cast<uint32_t>(write(fd, buffer, got));
-        // In this order, NaN also gives 100.
+        // Compared in this order, NaN also gives 100.
         const float done = Percent(offset, wanted);
         KV_INFO_IN(function, "Write 64 Kibyte @ %x -- %.0f %% complete", offset,
                    static_cast<double>(done < 100.0F ? done : 100.0F));

@@ -39,7 +39,8 @@ bool IsBootRow(const kv::PartitionRow& row) {
     return strcmp(row.device, kv::kBootDevices[0]) == 0;
 }
 
-// Checks the size, erases and writes one image. False: do not try further rows for this entry.
+// Checks the size, erases and writes one image. Returns false if no further row may be tried for
+// this entry.
 bool WriteImage(FILE* package, const UpgradeFileEntry& entry, const kv::PartitionRow& row) {
     const bool boot = IsBootRow(row);
     KV_INFO_IN(kProc, "upgrate mtd: %s, name: %s, start...", row.device, row.name);
@@ -112,7 +113,7 @@ void WritePackage() {
 
 void KV_UPGRADE_Proc(int signal) {
     (void)signal;
-    // The reset is due within seconds. Nothing may be erased before it.
+    // A starved watchdog resets the device within seconds. Nothing may be erased before that.
     if (KV_FH_WDT_IsStarving() != 0) {
         return;
     }

@@ -18,8 +18,8 @@ constexpr uint32_t kUnknownPartitionSize = 0xFFFFFFFF;
 // watchdog is already starved for a reboot: the reset would leave the flash half erased.
 void KV_UPGRADE_Proc(int signal);
 
-// Returns 1 once KV_UPGRADE_Proc has started (it is never cleared), else 0. Any thread; does not
-// block.
+// Returns 1 once KV_UPGRADE_Proc has begun its work, and from then on; 0 before. Any thread; does
+// not block.
 int KV_UPGRADE_IsUpgrading(void);
 
 // Runs `cmd` through the shell without echo and waits for it. Returns 0 if it exited with status 0,
@@ -44,10 +44,11 @@ int KV_UPGRADE_EraseUbootPartition(void);
 
 // Copy an image of `dataLen` bytes from the package's current position into flash, in chunks of 64
 // KiB. The last chunk includes the bytes that follow the image in the package. Return 0, or -1 if a
-// device cannot be opened (boot loader: or queried). Failed writes are not reported.
+// device cannot be opened or, for the boot loader, queried. Failed writes are not reported.
 int KV_UPGRADE_WritePartition(FILE* pkg, uint32_t dataLen, const char* mtd);
 int KV_UPGRADE_WriteUbootPartition(FILE* pkg, uint32_t dataLen);
 
-// Runs "reboot -f", waits up to 10 s for it, then stops feeding the watchdog. A reboot that fails
-// or hangs thus ends in a reset. Returns once nothing feeds the watchdog.
+// Runs "reboot -f", waits up to 10 s for it, then stops feeding the watchdog. The watchdog
+// therefore resets the device if the reboot fails or hangs. Returns once nothing feeds the
+// watchdog.
 void KV_UPGRADE_Reboot(void);

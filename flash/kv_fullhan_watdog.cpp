@@ -107,10 +107,10 @@ int KV_FH_WDT_Stop(void) {
         KV_FAILED_AT(167, "Watchdog not Inited!");
         return 0;
     }
-    // Kept: the record keeps the number, and a second stop disarms and closes it again, because the
-    // keeper is armed only once in a process. The number must not go to another file meanwhile, so
-    // a placeholder occupies it. The placeholder refuses requests with EBADF, as a closed number
-    // does. dup3 closes the device and takes its number in one step.
+    // Kept: the record keeps the descriptor's number, and a second stop disarms and closes that
+    // number again. The number must not go to another file meanwhile, so a placeholder occupies it.
+    // The placeholder refuses requests with EBADF, as a closed number does. dup3 closes the device
+    // and takes its number in one step.
     const int fd = g_keeper.fd.load();
     int option = WDIOS_DISABLECARD;
     (void)ioctl(fd, WDIOC_SETOPTIONS, &option);

@@ -1,7 +1,7 @@
 // Upgrade package: layout, reading and acceptance. A package is a 24-byte header, `fileNum` entries
 // of 256 bytes, and image data anywhere in the file. Integers are 32-bit little-endian, texts
-// NUL-terminated ASCII. The functions may run on any thread, one at a time for a file; they block
-// only for reading it.
+// NUL-terminated ASCII. Any thread may call the functions, one at a time for each file; they block
+// only while they read it.
 #pragma once
 
 #include <cstddef>

@@ -2,7 +2,7 @@
 //
 // One rule keeps it free of races: only a loop's own thread touches its event base and the ios
 // registered with it. Other threads put a node on the loop's queue. The queue's lock also publishes
-// what they wrote into the io before. So libevent runs without locks, and its thread support
+// what they wrote into the io before. libevent therefore runs without locks, and its thread support
 // is not linked.
 #pragma once
 
@@ -85,13 +85,13 @@ struct hloop_s {
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;  // guards the queue and the list of ios
     HvNode* head = nullptr;
     HvNode* tail = nullptr;
-    HvNode spare;  // for an event posted without memory
+    HvNode spare;  // for an event posted when memory has run out
     hio_s* ios = nullptr;
 
     htimer_s* timers = nullptr;
     hio_s* dead = nullptr;  // closed ios, kept until the current callback returns
-    // Uninitialised: a loop that never reads then touches no memory for it. The last byte is for
-    // the NUL after a full read.
+    // Uninitialised, because a loop that never reads then touches no memory for it. The last byte
+    // is for the NUL after a full read.
     char readBuffer[kHvReadMax + 1];
 };
 
@@ -100,7 +100,7 @@ bool HvOnLoopThread(const hloop_t* loop);
 // (Re)starts a timer event. Counts from now, not from when the current callback began.
 int HvStartTimer(hloop_t* loop, event* timer, uint32_t ms);
 
-// post.cpp: the queue. Any thread.
+// post.cpp: the queue. Any thread, except HvOnWake: libevent calls it on the loop's thread.
 void HvPost(hloop_t* loop, HvNode* node);
 void HvCancel(hloop_t* loop, HvNode* node);
 void HvOnWake(evutil_socket_t fd, short what, void* loop);
@@ -109,8 +109,8 @@ void HvDropQueue(hloop_t* loop);
 // timer.cpp
 void HvFreeTimers(hloop_t* loop);
 
-// io.cpp: life of an io. On the loop's thread only, except HvNewIo. HvNewIo owns fd from the call
-// on and closes it when it fails (null).
+// io.cpp: life of an io. On the loop's thread only, except HvNewIo. HvNewIo takes over fd. If it
+// fails, it closes fd and returns null.
 hio_t* HvNewIo(hloop_t* loop, int fd, HvKind kind);
 int HvAssign(hio_t* io);
 int HvStartRead(hio_t* io);

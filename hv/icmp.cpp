@@ -23,7 +23,7 @@ int PingAddress(pingobj_t* pinger, const char* host, int cnt) {
             return answers > 0 ? answers : -1;
         }
         answers += answered;
-        // A missing answer has already taken its second.
+        // Waiting for a missing answer has already taken the second.
         if (answered > 0 && i + 1 < cnt) {
             (void)sleep(1);
         }

@@ -9,9 +9,9 @@
 namespace {
 
 // No locks, because only the loop's thread uses the base. The environment must not choose the
-// polling method of a resident program. The coarse clock lags, so a loop would wake up twice for a
-// timer: use the precise one. With the precise clock epoll needs a timer descriptor as well, and
-// the loops poll few descriptors: do without epoll.
+// polling method of a resident program. The precise clock, because the coarse one lags and a loop
+// would wake up twice for a timer. Not epoll, because with the precise clock it needs one more
+// descriptor, and the loops poll only a few.
 event_base* NewBase() {
     event_config* config = event_config_new();
     if (config == nullptr) {

@@ -19,8 +19,8 @@ bool MakeAddress(const char* host, int port, sockaddr_in* address) {
     return host == nullptr || host[0] == '\0' || inet_pton(AF_INET, host, &address->sin_addr) == 1;
 }
 
-// SO_REUSEADDR makes a TCP port available although its last connections are in TIME_WAIT. On a UDP
-// port it would let two processes share the port unnoticed.
+// SO_REUSEADDR makes a TCP port available while its last connections are still in TIME_WAIT. On a
+// UDP port it would let two processes share the port unnoticed.
 hio_t* CreateServer(hloop_t* loop, const char* host, int port, int type) {
     sockaddr_in address;
     if (loop == nullptr || !MakeAddress(host, port, &address)) {

@@ -21,8 +21,9 @@ bool IsTransient(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
-// An error that concerns no single connection leaves the connection in the backlog. The descriptor
-// would be readable again at once, so the listener pauses.
+// For accept errors that do not concern one connection, for example a lack of descriptors. The
+// connection stays in the backlog, so the listener's descriptor would be readable again at once.
+// The listener pauses instead.
 void PauseAccept(hio_t* io, int error) {
     if (!io->starved) {
         KV_ERROR("accept failed: %s, trying again every %u ms", strerror(error), kHvAcceptRetryMs);
@@ -123,7 +124,7 @@ bool Queue(hio_t* io, const char* bytes, size_t len) {
         errno = ENOBUFS;
         return false;
     }
-    // An io in a hand-over starts to send when it starts to read.
+    // An io that another thread is handing over starts to send when it starts to read.
     return !HvOnLoopThread(io->base.loop) ||
            (HvAssign(io) == 0 && event_add(&io->writeEvent, nullptr) == 0);
 }

@@ -62,9 +62,9 @@ MonitorDecision DecideOnSilence(MonitoredProcess* process, const MonitorInput& i
     return decision;
 }
 
-// Whether the monitor may act, that is, no flash writer runs. Asked before each step, because the
+// Whether the monitor may act: only while no flash writer runs. Ask before each step, because the
 // writer may start during the previous step. A reset in the middle of an erase leaves the device
-// without firmware, and services beside the writer take its memory.
+// without firmware, and services that run beside the writer take its memory.
 bool MayAct() {
     return KV_UPGRADE_IsUpgrading() == 0;
 }
@@ -75,7 +75,7 @@ void RestartApplication() {
     // Kept: 3 here, although the factory reset writes 1.
     KV_ShellEcho("echo 3 > /proc/sys/vm/drop_caches");
     KV_ShellEcho("sleep 3");
-    // The flash writer may have started; it killed the application on purpose.
+    // If the flash writer has started, it has killed the application on purpose.
     if (MayAct()) {
         KV_ShellEcho("startapp.sh");
     }
@@ -85,9 +85,9 @@ void RebootDevice() {
     if (MayAct()) {
         KV_ShellEchoFormat("touch %s", kv::kRebootMarker);
     }
-    // If a writer has started meanwhile, the marker stays: its partition may be the one being
-    // erased. The marker costs at most one forced reboot. If the new firmware stays silent, the
-    // next boot goes to recovery without that reboot; a heartbeat removes the marker.
+    // If a writer has started meanwhile, the marker stays: the partition that holds it may be the
+    // one being erased. The marker costs at most one forced reboot. If the new firmware stays
+    // silent, the next boot goes to recovery without that reboot; a heartbeat removes the marker.
     if (MayAct()) {
         (void)KV_FH_WDT_Reboot();
     }

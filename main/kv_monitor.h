@@ -10,12 +10,13 @@
 
 struct MonitoredProcess {
     const char* name;
-    // Monotonic seconds of the last heartbeat; moved back after a restart. Differences wrap at 32
-    // bits.
+    // Monotonic seconds of the last heartbeat. A restart sets it to half a start time-out ago.
+    // Differences wrap at 32 bits.
     uint32_t last_seen;
     // The process counts as offline after more seconds of silence than this.
     uint16_t heartbeat_timeout;
-    // The process is restarted, or the device rebooted, after more seconds of silence than this.
+    // The monitor restarts the process, reboots the device or starts recovery after more seconds of
+    // silence than this.
     uint16_t start_timeout;
     // Restarts left in the life of this program; never refilled.
     uint8_t restart_budget;
@@ -29,7 +30,7 @@ struct MonitoredProcess {
 
 struct MonitorInput {
     uint32_t now;
-    // A heartbeat has arrived; otherwise the check timer has found silence.
+    // True if a heartbeat has arrived, false if the check timer has found silence.
     bool heartbeat;
     // The heartbeat's ready flag.
     bool ready;
@@ -55,7 +56,7 @@ struct MonitorDecision {
 // Decides what to do at `input.now` and updates the record.
 MonitorDecision KV_MONITOR_Decide(MonitoredProcess* process, const MonitorInput& input);
 
-// Gives cameraMain its full time-out from now on. Call it before the loop runs.
+// Starts cameraMain's time-out now. Call it before the loop runs.
 void KV_MONITOR_Begin(void);
 
 // Heartbeat callback and 3000 ms check timer of the supervisor loop. They block the loop while

@@ -1,4 +1,4 @@
-// The program's own allocation operators. It uses only the `new` that returns null without memory.
+// The allocation operators. The program uses only the `new` that returns null when memory runs out.
 // The standard library's operators pull in exceptions and the code that prints them, which is
 // larger than the program itself.
 #include <cstdlib>

@@ -2,6 +2,6 @@
 #pragma once
 
 // Starts the Wi-Fi station on the service network, then the mini services. A part that cannot start
-// logs it; the other starts all the same. Main thread. Blocks as long as KV_WIFI_StaConnect and
-// KV_MINI_ServiceStart, not for the network.
+// logs the failure; the other part still starts. Main thread. Blocks as long as KV_WIFI_StaConnect
+// and KV_MINI_ServiceStart do, but does not wait for the network.
 void KV_RECOVERY_Start(void);

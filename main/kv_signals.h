@@ -23,7 +23,8 @@ struct SignalRoute {
 // actions.
 int KV_SIGNAL_Install(const SignalRoute* routes, size_t count);
 
-// Starts running the procedures, first for signals that have arrived since the installation. So the
-// caller can set up in between what a procedure undoes. Main thread, once; does not block. Does
-// nothing if the installation failed. Aborts if the thread cannot be created.
+// Starts running the procedures, beginning with the signals that have arrived since the
+// installation. Between the two calls the caller can set up what a procedure undoes. Main thread,
+// once; does not block. Does nothing if the installation failed. Aborts if the thread cannot be
+// created.
 void KV_SIGNAL_Serve();

@@ -58,7 +58,7 @@ constexpr SignalRoute kSignals[] = {
     {SIGUSR2, SignalMode::kSerial, KV_UPGRADE_Proc},
 };
 
-// Nobody may be reading the log, or its descriptor may be closed. A broken pipe must be an ordinary
+// The log's reader may be gone, or the log's descriptor closed. A broken pipe must be an ordinary
 // error, and the watchdog must not be opened on a standard descriptor's number.
 void PrepareOutput() {
     (void)signal(SIGPIPE, SIG_IGN);
@@ -73,7 +73,8 @@ void PrepareOutput() {
     (void)setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 }
 
-// Starts recovery if it is due. `function` is the name in the log.
+// Starts recovery if the application is missing or the debug marker exists. `function` is the name
+// in the log.
 void ChooseMode(const char* function) {
     if (access(kv::kAppPath, F_OK) != 0) {
         KV_RECOVERY_Start();
@@ -93,7 +94,7 @@ void PrepareLoop(hloop_t* loop) {
         hio_setcb_read(heartbeat, __KV_cameraMainHeartbeatRead);
         (void)hio_read(heartbeat);
     } else {
-        // From here on this looks like an application that stays silent.
+        // To the monitor this looks like an application that stays silent.
         KV_ERROR("no heartbeats can be received, udp %s:%d: %s", kv::kHeartbeatHost,
                  kv::kHeartbeatPort, strerror(errno));
     }
@@ -109,7 +110,8 @@ int main() {
 #endif
     (void)KV_SIGNAL_Install(kSignals, sizeof(kSignals) / sizeof(kSignals[0]));
     (void)KV_FH_WDT_Start();
-    // After the watchdog's start: an early exit request must find it armed, to disarm it.
+    // After the watchdog's start, because an early exit request must find an armed watchdog to
+    // disarm.
     KV_SIGNAL_Serve();
     ChooseMode(__func__);
     KV_MONITOR_Begin();

@@ -66,7 +66,7 @@ constexpr uint8_t kFinalPermutation[64] = {
 constexpr uint32_t kHalfKeyMask = 0x0FFFFFFF;
 constexpr int kHalfKeyBits = 28;
 
-// Values are numbers whose least significant bit is the last bit of `width`.
+// `value` has `width` bits. The table counts them from 1; the last one is the least significant.
 template <size_t size>
 uint64_t Permute(uint64_t value, int width, const uint8_t (&table)[size]) {
     uint64_t result = 0;

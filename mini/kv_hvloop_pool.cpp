@@ -124,8 +124,8 @@ int KV_HV_LoopPoolInit(void) {
     }
     KV_DEBUG("LoopPoolInit Init Success!");
     g_pool.inited = 1;
-    // A running libhv loop counts its own wake-up descriptor. Without the wait, thread start-up
-    // times would decide the first choices between workers.
+    // A running libhv loop counts its own wake-up descriptor. Without the wait, the threads'
+    // start-up times would decide which workers get the first connections.
     KV_HV_LoopPoolSettle();
     return 0;
 }

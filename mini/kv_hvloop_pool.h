@@ -36,8 +36,8 @@ hloop_t* KV_HV_GetWorkLoop(void);
 
 // Moves a just accepted connection to the least loaded worker and calls `serve`, which sets the
 // callbacks and starts reading. Closes a connection that it cannot move. Call it only from accept
-// callbacks on the acceptor loop. Does not block. `serve` must suit both event loops: the bundled
-// one has run it before this function returns, libhv runs it on the worker's thread.
+// callbacks on the acceptor loop. Does not block. The bundled loop runs `serve` before this
+// function returns; libhv runs it later, on the worker's thread.
 void KV_HV_HandOver(hio_t* io, void (*serve)(hio_t* io));
 
 // Runs `procedure(loop, arg)` on the thread of a loop of the pool and waits until it is done. It

@@ -152,7 +152,11 @@ void OpenSocket(hloop_t* loop, void* arg) {
     const int on = 1;
     (void)setsockopt(hio_fd(io), SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
     hio_setcb_read(io, __KV_MINI_OnRecvfrom);
-    (void)hio_read(io);
+    // A failed start has closed the socket and freed the io.
+    if (hio_read(io) != 0) {
+        *static_cast<int*>(arg) = errno;
+        return;
+    }
     g_discovery.io = io;
     *static_cast<int*>(arg) = 0;
 }

@@ -1,7 +1,7 @@
 // Discovery responder: answers search datagrams, including broadcasts, on UDP port
-// kv::kDiscoveryPort of every local address. Each gets one datagram with the device's identity,
-// network settings and account. It runs on a worker loop of the pool and keeps no state about
-// clients.
+// kv::kDiscoveryPort of every local address. Each search gets one datagram with the device's
+// identity, network settings and account. It runs on a worker loop of the pool and keeps no state
+// about clients.
 #pragma once
 
 #include "mini/kv_mini_discovery_frame.h"

@@ -73,7 +73,7 @@ const Command* FindCommand(uint16_t code) {
 
 int __KV_KorvanProtocolHandle(hio_t* io, const uint8_t* request, int requestLen, uint8_t* reply,
                               int* replyLen) {
-    // A chunk without a complete header is refused like one of another kind.
+    // A chunk without a complete header is refused like a request of another kind.
     if (requestLen < kHeaderLen || kv::GetLe16(request) != kv::kFrameKind) {
         KV_ERROR("UNSUPPORT!!");
         return 0;

@@ -4,9 +4,9 @@
 
 // Serves `port` on every local address, over the pool's acceptor and worker loops. Creates the pool
 // if there is none. Clears the session and the serial number. Returns 0. Returns -1 if the server
-// is already up, which changes nothing, or if it cannot bind the port or has no memory, which
-// leaves it down. Call it from the thread that starts and stops the services. Blocks until the
-// acceptor loop has finished its current callback.
+// is already up, and changes nothing then. Also returns -1 if the port cannot be bound or memory
+// runs out; the server is down then. Call it from the thread that starts and stops the services.
+// Blocks until the acceptor loop has finished its current callback.
 int KV_MINI_ProtocolInit(int port);
 
 // Closes the listening socket before it returns. Accepted connections stay open until the pool

@@ -2,7 +2,7 @@
 #pragma once
 
 // Starts the pool, discovery and the protocol server, in this order. A service that cannot start
-// logs it; the others start all the same. Any thread but those of the pool. Blocks until the
+// logs the failure; the others still start. Any thread but those of the pool. Blocks until the
 // sockets are open, and while a stop runs. Returns 0.
 int KV_MINI_ServiceStart(void);
 

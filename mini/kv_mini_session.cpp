@@ -143,7 +143,8 @@ int __KV_ProcessUpgrade(hio_t* io, const uint8_t* request, int requestLen, uint8
     const uint32_t packageLength = announced - static_cast<uint32_t>(kv::kMd5TrailerSize);
     SessionOf(io)->uiUpgradeState = kUpgradeStateRunning;
     (void)KV_KorvanUpgradeStart(io, packageLength, request + kHeaderLen, requestLen - kHeaderLen);
-    // A valid length means handled; the caller sends nothing for this command.
+    // A valid length tells the caller that the request was handled. The caller sends nothing for
+    // this command.
     *replyLen = kHeaderLen;
     return 0;
 }

@@ -12,7 +12,7 @@ struct SessionRecord {
     uint8_t reserved[8];
     uint32_t uiSessionId;
     uint8_t ucLogin;
-    // Serial number bytes are never 0, so a first byte of 0 means that none has been drawn.
+    // Serial number bytes are never 0, so a first byte of 0 means that no number has been drawn.
     uint8_t ucSerialNum[8];
     uint32_t uiUpgradeState;
 };
@@ -48,6 +48,6 @@ int __KV_ProcessGetSerialNum(hio_t* io, const uint8_t* request, int requestLen, 
 int __KV_ProcessKVGetDeviceInfo(hio_t* io, const uint8_t* request, int requestLen, uint8_t* reply,
                                 int* replyLen);
 // Hands the connection to the upgrade receiver, which sends its own replies. Blocks for about 1.1 s
-// plus the time "sync" takes.
+// plus the time that "sync" takes.
 int __KV_ProcessUpgrade(hio_t* io, const uint8_t* request, int requestLen, uint8_t* reply,
                         int* replyLen);

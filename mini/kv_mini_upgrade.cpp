@@ -47,9 +47,9 @@ enum class Outcome {
 };
 
 UpgradeRecvState g_receive;
-// Two connections may transfer on two loops. Their bytes may mix, because all count for the one
-// state. The lock keeps one from using a stream that the other has closed. Never held across a
-// sleep or a shell command.
+// Two connections may transfer on two loops. Their bytes may mix, because all of them count for
+// this one state. The lock keeps one from using a stream that the other has closed. It is never
+// held across a sleep or a shell command.
 pthread_mutex_t g_receiveLock = PTHREAD_MUTEX_INITIALIZER;
 
 void CloseStream(FILE** stream) {
@@ -59,8 +59,8 @@ void CloseStream(FILE** stream) {
     }
 }
 
-// Clears all but upGradeState, which callers handle differently, writeTotal, the kept trailer and
-// the start lock.
+// Closes both files and clears the three lengths. Callers also clear writeTotal, upGradeState or
+// the kept trailer where they must.
 void ClearTransfer(UpgradeRecvState* state) {
     CloseStream(&state->package);
     CloseStream(&state->trailer);
@@ -254,7 +254,7 @@ int KV_KorvanUpgradeStart(hio_t* io, uint32_t fileLength, const uint8_t* data, i
     if (!ResetTransfer()) {
         return 0;
     }
-    // The package lies in RAM-backed storage: first make room for it.
+    // The package will be stored in RAM, so make room for it first.
     (void)KV_ShellRun("sync", nullptr);
     (void)KV_ShellRun("echo 1 > /proc/sys/vm/drop_caches", nullptr);
     kv::SleepMilliseconds(1000);

@@ -12,8 +12,9 @@
 // Starts a transfer on `io`: `fileLength` bytes of package, then the trailer. `data` holds the
 // first `dataLen` bytes. From now on every byte on the connection belongs to the transfer, and 20 s
 // of silence close it. Call it on the loop thread of `io`, from its read callback. Blocks for 1.1 s
-// plus the time "sync" takes. Returns 0, also when the start lock is set and it does nothing.
-// Returns -1 when the package file cannot be created; the connection then stays with the protocol.
+// plus the time that "sync" takes. Returns 0. While the start lock is set it does nothing and also
+// returns 0. Returns -1 when the package file cannot be created; the connection then stays with the
+// protocol.
 int KV_KorvanUpgradeStart(hio_t* io, uint32_t fileLength, const uint8_t* data, int dataLen);
 
 // Discards the received data and allows new transfers. Does not touch the connection. Any thread;

@@ -48,7 +48,7 @@ int ReadAddress(const char* function, const char* ifname, IoctlRequest request, 
     if (InterfaceIoctl(function, ifname, request, &ifr) != 0) {
         return -1;
     }
-    // All kinds of address come back in the same place of the request.
+    // The kernel returns every kind of address in the same field of the request.
     struct sockaddr_in inet {};
     memcpy(&inet, &ifr.ifr_addr, sizeof(inet));
     uint8_t bytes[4];

@@ -66,14 +66,15 @@ int KV_NET_AddGateway(const char* ifname, const char* gateway);
 // belongs to the interface if its device name begins with `ifname`, ignoring case.
 int KV_NET_GetGateway(const char* ifname, char* out);
 
-// Deletes the default routes through the gateways of all the interface's gateway routes, then adds
-// one through `gateway`. Returns 0 if the route table could be read, even if a change failed: an
-// invalid `gateway` leaves the interface without a default route. Read the gateway back to be sure.
+// Finds the gateways of all the interface's gateway routes and deletes the default routes through
+// them. Then adds a default route through `gateway`. Returns 0 if the route table could be read,
+// even if a change failed: an invalid `gateway` leaves the interface without a default route. Read
+// the gateway back to be sure.
 int KV_NET_SetGateway(const char* ifname, const char* gateway);
 
 // Looks for a route of the interface whose destination, as a dotted quad, contains `text`, and
-// prints it. Returns 0 if there is one, else -1. Lists the routes of other interfaces on standard
-// error on the way.
+// prints it. Returns 0 if there is one, else -1. Lists the routes of other interfaces that it meets
+// on standard error.
 int KV_NET_DetectRoutingAddr(const char* ifname, const char* text);
 
 // Reads the name server from the first line of the resolver's file into `out` (kv::kNetDnsSize); a

@@ -15,8 +15,8 @@
 
 namespace kv {
 
-// Writes four bytes in network order as a dotted quad. inet_ntoa of some C libraries has one buffer
-// for all threads, and two threads read addresses here.
+// Writes four bytes in network order as a dotted quad. In some C libraries inet_ntoa has one buffer
+// for all threads, and two threads of this program read addresses.
 inline void FormatQuad(const uint8_t* bytes, char* out) {
     (void)snprintf(out, kNetAddressSize, "%u.%u.%u.%u", bytes[0], bytes[1], bytes[2], bytes[3]);
 }

@@ -33,7 +33,7 @@ class RouteTable : public kv::TextFile {
     }
 };
 
-// Reads the next route and skips lines that are none. Returns false at the end of the table.
+// Reads the next route and skips lines that are not routes. Returns false at the end of the table.
 bool NextRoute(FILE* file, Route* route) {
     char line[kRouteLineSize];
     while (kv::ReadLine(file, line)) {
@@ -128,8 +128,8 @@ int KV_NET_SetGateway(const char* ifname, const char* gateway) {
     if (ifname == nullptr || gateway == nullptr) {
         return -1;
     }
-    // Reading a changing table may skip routes. So read it again after each deletion, and step over
-    // routes that could not be deleted.
+    // Reading a changing table may skip routes. So the loop reads it again after each deletion and
+    // steps over routes that it could not delete.
     char old[kv::kNetAddressSize];
     int kept = 0;
     int found = 0;

@@ -1,6 +1,6 @@
 #!/bin/bash
 # Measures how fast the recovery server receives a package. In turn, socat writes the same bytes to the same place on
-# the same virtual board over the same link. The first round runs at a camera's 100 Mbit/s, the second as fast as this
+# the same virtual board over the same link. The first part runs at a camera's 100 Mbit/s, the second as fast as this
 # machine goes. The exit status is 1 if the server has less than 0.95 of socat's rate at 100 Mbit/s.
 set -euo pipefail
 

@@ -1,6 +1,6 @@
 #!/bin/sh
 # board.sh fetch | run [A|B|C...] | shell: runs the program on emulated ARM boards with a real kernel (docs/board.md).
-# fetch only installs and downloads what the other commands need. They do the same if something is missing.
+# fetch only installs and downloads what the other two commands need. They fetch it themselves if it is missing.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -8,8 +8,8 @@ cache=${KV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/upgrademain}
 out=$PWD/build/board
 
 if [ ! -d "$cache/board-packages" ]; then
-    echo "board: the first run fetches about 130 MB: an emulator and a cross compiler as packages of this system,"
-    echo "board: and ARM packages into $cache, which later runs use again"
+    echo "board: the first run downloads about 130 MB: an emulator and a cross compiler, which become packages of this"
+    echo "board: system, and ARM packages, which stay in $cache for later runs"
 fi
 scripts/setup.sh build arm board scripts
 scripts/arm_sysroot.sh >/dev/null

@@ -4,7 +4,7 @@
 set -eu
 
 cd "$(dirname "$0")/.."
-# In percent; lower it when the share has sunk.
+# In percent. Lower it when the share falls.
 tests_ceiling=34.2
 
 echo "lint: clang-format"

@@ -2,9 +2,9 @@
 """mutants.py [--module NAME] [--name NAME] [--all] [--check]: breaks the programs on purpose, one small fault at a
 time, and tells which tests notice. docs/testing.md says how to read the output.
 
-The faults are the rules in tests/mutants/MODULE.toml. Each is put into a copy of the tree below build/mutants, built
-there, and tried with the tests that its rule names, until one fails. Exit status: 0 when at least 95 % were noticed,
-1 when fewer were, 2 when a rule is wrong or a test fails without any fault.
+The rules in tests/mutants/MODULE.toml describe the faults. A copy of the tree in build/mutants gets one fault at a time
+and is built; then the tests that the rule names run until one fails. The exit status is 0 if at least 95 % of the
+faults were noticed, 1 if fewer were, and 2 if a rule is wrong or a test fails without any fault.
 """
 
 import argparse
@@ -39,7 +39,7 @@ class Mutant:
     file: str
     find: str
     replace: str
-    tests: list = field(default_factory=list)  # "PROGRAM [GTEST FILTER]", the likeliest first
+    tests: list = field(default_factory=list)  # "PROGRAM [GTEST FILTER]", the most likely to fail first
     equivalent: str = ""  # why no test can notice it
 
 
@@ -56,7 +56,7 @@ def fits_a_test(test):
 
 
 def read_rules(module, name):
-    """The rules of that module and name, or all, each seen to fit the sources."""
+    """The rules of that module and name, or all rules. Raises RuleError if one does not fit the sources."""
     mutants = []
     for path in sorted(RULES.glob(f"{module or '*'}.toml")):
         rules = tomllib.loads(path.read_text())
@@ -86,7 +86,7 @@ def read_rules(module, name):
 
 
 def refresh_tree():
-    """Makes the copy equal to the tree. A file that is the same keeps its time, so that little is built again."""
+    """Makes the copy equal to the tree. An unchanged file keeps its time, so little is built again."""
     listed = subprocess.run(["git", "-C", ROOT, "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
                             capture_output=True, text=True)
     if listed.returncode == 0:
@@ -113,7 +113,7 @@ def quiet(command):
 
 
 def configure():
-    # No debugging information, as it costs more to link than the rest; warnings are the real build's business.
+    # Debugging information would take most of the linking time. The normal build reports warnings.
     quiet(["cmake", "-S", TREE, "-B", BUILD, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-Og",
            "-DKV_WERROR=OFF", f"-DKV_BIN_DIR={BUILD}/bin"])
 
@@ -135,13 +135,13 @@ class Bench:
         quiet(["cmake", "--build", BUILD, "-j", str(self.jobs), "--target", *sorted(targets)])
 
     def run(self, test, limit, fail_fast):
-        """Returns the names of what failed, none when all is well."""
+        """Returns the names of the cases that failed."""
         program, *filters = test.split()
         command = self.commands.get(program, [f"{BUILD}/bin/{program}"])
         environment = {**self.environment, "GTEST_FILTER": filters[0] if filters else "*"}
         if fail_fast:
             environment["GTEST_FAIL_FAST"] = "1"
-        # A file and not a pipe: what a test leaves running would hold the pipe open.
+        # A file, not a pipe: processes that a test leaves running would keep a pipe open.
         with tempfile.TemporaryFile("w+", errors="replace") as output:
             process = subprocess.Popen(command, cwd=BUILD, env=environment, stdin=subprocess.DEVNULL, stdout=output,
                                        stderr=subprocess.STDOUT, start_new_session=True)
@@ -171,7 +171,7 @@ class Bench:
         self.build(new)
         for test in new:
             start = time.monotonic()
-            # Once more before it counts: on a busy machine a test may run out of patience.
+            # Try a second time: on a busy machine a test may time out.
             failed = self.run(test, 300, False) and self.run(test, 300, False)
             if failed:
                 raise RuleError(f"{test} fails without any fault: {', '.join(failed)}")
@@ -198,7 +198,7 @@ class Bench:
 
 
 def end_group(process):
-    """Ends what the test has left running, and the test itself. A virtual board takes a moment to tidy up."""
+    """Ends the test and the processes that it has left running. A virtual board needs a moment to clean up."""
     for number in (signal.SIGTERM, signal.SIGKILL):
         end = time.monotonic() + 10
         try:

@@ -22,7 +22,7 @@ BUILDS = {
 HEADER = """\
 # Bytes of code, constants and initialised data (text + data of size(1)) of the device program, as Debian 12's compilers
 # build it. `make size` fails if a build is more than 5 % above its figure. If the growth is wanted, write the new
-# figures with `make size UPDATE=1` and say in the commit what they buy.
+# figures with `make size UPDATE=1` and say in the commit message what the space is for.
 """
 
 

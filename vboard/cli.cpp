@@ -90,7 +90,7 @@ struct Cli {
         CLI::App* const run = Add(&app, "run", "Switch a board on; stays in the foreground",
                                   [this](const StateDir& where) { Run(where); });
         CLI::Option* const join =
-            run->add_option("--site", site, "Join the site on this state folder");
+            run->add_option("--site", site, "Join the site with this state folder");
         run->add_option("--number", number, "The board's number on the site; default: a free one")
             ->needs(join)
             ->check(CLI::Range(1, vboard::site::kMaxBoards));
@@ -99,7 +99,7 @@ struct Cli {
         run->add_flag("--quiet", board.quiet, "Keep the board's output off the terminal");
     }
 
-    // What boards of `run` and of `site start` have in common.
+    // The options that `run` and `site start` have in common.
     void AddRunOptions(CLI::App* run) {
         AddLayout(run);
         run->add_flag("--nor-timing", board.norTiming, "Flash takes as long as a real chip");
@@ -242,7 +242,7 @@ struct Cli {
                 exitStatus = vboard::site::Site(siteOptions, where).Run();
             })
             ->add_option("--shape", siteOptions.rate,
-                         "Rate that all boards share in each direction, as 40mbit");
+                         "Rate that all boards share in each direction, e.g. 40mbit");
         CLI::App* const start = Add(group, "start", "Start boards; returns when all have joined",
                                     [this](const StateDir& where) { StartBoards(where); });
         start->add_option("count", boards.count, "How many boards")
@@ -274,7 +274,7 @@ struct Cli {
             [](const StateDir& where) { vboard::site::StopSite(where); });
     }
 
-    // The boards' runners get the options as they were given here.
+    // The boards' runners get the options that this command got.
     void StartBoards(const StateDir& where) {
         const CLI::App* const start = app.get_subcommand("site")->get_subcommand("start");
         for (const CLI::Option* const option : start->get_options()) {

@@ -30,7 +30,8 @@ void Console::Open(Stream* stream, const std::string& file, int terminal) {
     stream->readEnd.Reset(ends[0]);
     stream->writeEnd.Reset(ends[1]);
     (void)fcntl(ends[0], F_SETFL, O_NONBLOCK);
-    // Room for what comes while the loop rests. If this fails, the board only waits a little.
+    // Room for output that comes while the loop ignores the pipe. If this fails, the board only
+    // waits a little.
     (void)fcntl(ends[0], F_SETPIPE_SZ, 1 << 20);
     stream->log.Reset(open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     if (!stream->log) {

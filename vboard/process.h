@@ -45,8 +45,8 @@ int ExitCode(int waitStatus);
 // Returns a descriptor to read the blocked ones from.
 UniqueFd BlockSignals();
 
-// A namespace of process `pid`, named as in /proc/PID/ns, and the caller's way into it. `type`: its
-// CLONE_NEW… flag. Both throw.
+// The first opens a namespace of process `pid`; `name` is as in /proc/PID/ns. The second moves the
+// caller into it; `type` is its CLONE_NEW… flag. Both throw.
 UniqueFd OpenNamespace(pid_t pid, const char* name);
 void EnterNamespace(const UniqueFd& space, int type);
 

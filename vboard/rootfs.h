@@ -1,5 +1,5 @@
-// The file system that the board's programs see. Init calls these functions in this order, inside
-// the board's mount namespace; only MountDevices is for the runner.
+// The file system that the board's programs see. Init calls the first three functions in this
+// order, inside the board's mount namespace. The runner calls MountDevices.
 #pragma once
 
 #include <string>
@@ -20,9 +20,9 @@ void PlaceDevices(const BootConfig& config, int tree);
 // Makes the tree the root of this process and of its children.
 void EnterRoot(const BootConfig& config);
 
-// Creates the devices' file system, not mounted anywhere yet, and the /dev/fuse that serves it. The
-// runner must call this: the kernel gives the callers' process ids in the PID namespace of the
-// mounting process.
+// Creates the devices' file system, not mounted anywhere yet, and opens the /dev/fuse that serves
+// it. The runner must call this: the kernel reports processes that use a device by their ids in the
+// PID namespace of the mounting process.
 struct DevicesMount {
     UniqueFd fuse;
     UniqueFd tree;

@@ -30,7 +30,7 @@ int KV_WIFI_WriteConf(const KV_WIFI_REPORTER& reporter, const char* ssid, const 
                       const char* workDir) {
     char name[64] = {};
     const int length = snprintf(name, sizeof(name), "%s/%s", workDir, kv::kWpaConfName);
-    // A truncated name would be another file, so it counts as one that cannot be opened.
+    // A truncated name would name another file, so it counts as a file that cannot be opened.
     const bool fits = length > 0 && static_cast<size_t>(length) < sizeof(name);
     const UniqueFile file(fits ? fopen(name, "wte") : nullptr);
     if (!file) {

@@ -36,7 +36,7 @@ constexpr useconds_t kLeasePollUs = 100000;
 constexpr int32_t kPublicConnecting = 0;
 constexpr int32_t kPublicGuarding = 3;
 constexpr char kDebugScanSsid[] = "1111";
-// Function names in the log: the thread's and its status handling's.
+// Function names in the log, for the thread and for its status handling.
 constexpr char kThreadName[] = "__KV_WIFI_STA_HandleProc";
 constexpr char kStatusName[] = "handle_result";
 constexpr char kEndDhcp[] = "killall -9 udhcpc";
@@ -128,8 +128,8 @@ StaGo Associate(StaThread* sta, int64_t now) {
     return go;
 }
 
-// Reads one address into the record. A failed read changes nothing. Neither does the lease's
-// address if a static one has been set meanwhile.
+// Reads one address into the record. Changes nothing if the read fails. Does not replace a static
+// address that was set while the lease was awaited.
 void ReadBack(int (*reader)(const char*, char*), char* field) {
     char address[kv::kNetAddressSize] = {};
     if (reader(kv::kWifiInterface, address) == 0) {
@@ -183,8 +183,8 @@ StaGo Verify(StaThread* sta) {
     return StaGo::kStay;
 }
 
-// A ping that cannot be sent counts as a miss. The log line for a miss looks the same as for a
-// silent gateway, so the difference is printed once on standard output, beside the echoed commands.
+// A ping that cannot be sent counts as a miss. Its log line is the same as for a silent gateway. So
+// the reason is printed once on standard output, beside the echoed commands.
 bool Ping(StaThread* sta) {
     const int replies = ping(sta->pingTarget, 1);
     if (replies < 0 && !sta->pingErrorSaid) {
@@ -255,8 +255,8 @@ void* __KV_WIFI_STA_HandleProc(void* argument) {
     return nullptr;
 }
 
-// Without a DHCP server the client stays in the foreground and asks for ever, and the process could
-// not exit. So a stop gives it more time than a lease ever takes, then kills it.
+// Without a DHCP server the client may stay in the foreground and ask for ever, and the process
+// could not exit. So a stop gives it more time than a lease ever takes, then kills it.
 void AwaitLease() {
     int64_t start = kv::MonotonicMilliseconds();
     while (g_station.leasing) {
@@ -342,7 +342,7 @@ int __KV_WIFI_StaSupplicant() {
     param.pcWorkPath = kv::kWifiWorkDir;
     param.ucGuardEnable = 1;
     param.ucDhcp = 1;
-    // Logged as start-up's, where readers of the log expect it.
+    // Logged under the trace name of start-up, where readers of the log expect it.
     (void)KV_WIFI_WriteConf({"upgrade_main", __func__}, kv::kServiceSsid, kv::kServicePassphrase,
                             kv::kWifiWorkDir);
     return KV_WIFI_StaConnect(&param);

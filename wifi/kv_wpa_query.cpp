@@ -52,7 +52,7 @@ void CopyValue(const char* reply, const char* key, char* out, size_t outSize) {
     out[length] = '\0';
 }
 
-// Saturates at 32 bits where long has 64, as on the device, where it has 32.
+// Saturates at 32 bits even if long has 64. On the device long has 32, and strtol saturates there.
 int32_t NumberOf(const char* reply, const char* key) {
     char text[kNumberSize] = {};
     CopyValue(reply, key, text, sizeof(text));

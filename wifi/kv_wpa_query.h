@@ -44,8 +44,8 @@ int KV_WIFI_SignalPoll(KV_WIFI_SIGNAL_INFO* signal);
 // line if an exchange failed.
 int KV_WIFI_GetNearApList(const char* ssid);
 
-// Returns the signal strength in dBm; 0 after a failed query. Asks the supplicant at most every 3 s
-// and blocks like wifi_run_cmd then. Any thread.
+// Returns the signal strength in dBm; 0 after a failed query. A value is reused for two to three
+// seconds; then the call asks the supplicant and blocks like wifi_run_cmd. Any thread.
 int32_t KV_WIFI_GetRssi();
 
 // Returns the last value of KV_WIFI_GetRssi, 0 before the first. Any thread; never blocks.

@@ -25,7 +25,7 @@ BOARDS = {"A": ("static", life_story), "B": ("static", accident_story), "C": ("d
 def tell(story, board, report, firmware, others):
     try:
         story(board, report, firmware)
-    except Exception:  # pylint: disable=broad-except # the step has printed it; here it only ends the other stories
+    except Exception:  # pylint: disable=broad-except # the step has printed it; it must end the other stories too
         report.failed = True
         for other in others:
             other.abandon()

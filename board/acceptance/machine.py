@@ -63,7 +63,7 @@ class Qmp:
 
 
 class Machine:
-    """Boots when constructed. kill() cuts the power; the flash file stays, and another Machine may boot from it."""
+    """A new Machine boots at once. kill() cuts the power; the flash file stays, and another Machine may use it."""
 
     def __init__(self, image, flash, program, terminal=False):
         self._resets = 0

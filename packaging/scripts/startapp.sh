@@ -1,13 +1,13 @@
 #!/bin/sh
 # startapp.sh: starts the camera application in the background. Found through PATH.
 #
-# Called by     the board once per boot, beside the supervisor. Also by the supervisor, once in its life, after the
-#               application has been silent for 120 s, and after `killall -9 wpa_supplicant`, `sync`, dropping the
-#               caches and a pause of 3 s.
+# Called by     the board once per boot, beside the supervisor. Also by the supervisor, once in its life, when the
+#               application has been silent for 120 s. Before it, the supervisor runs `killall -9 wpa_supplicant` and
+#               `sync`, drops the caches and waits 3 s.
 # Arguments     none
 # Afterwards    one cameraMain runs in the background. The old one may hang: this script must end it.
-# Time          a few seconds. It MUST return: the supervisor's main loop waits for it and does not count the silence,
-#               while another thread feeds the watchdog. Nobody watches an application started in the foreground.
+# Time          a few seconds. It MUST return. The supervisor's main loop waits for it and does not count the silence,
+#               while another thread feeds the watchdog: nobody would watch an application started in the foreground.
 # Status        ignored; the supervisor waits 60 s from here for heartbeats
 # Must not      be called cameraMain or leave a script of that name running: an upgrade runs `killall -9 cameraMain`
 app=/opt/app/bin/cameraMain

@@ -97,6 +97,8 @@ class Site:
         (work / "cameras.kvtool.yml").write_text(
             "plugin: upgrademain.kvtool.discover\ntimeout: 2\n"
             "keyed_groups: [{key: kvtool_version, prefix: version}]\n", encoding="utf-8")
+        (work / "old.kvtool.yml").write_text(
+            f"plugin: upgrademain.kvtool.discover\nmatch: ['firmware=*_V{RECOVERY_VERSION}']\n", encoding="utf-8")
 
     def vboard(self, *words, **options):
         return run(BIN / "vboard", "--state", self.state, *words, **options)
@@ -114,8 +116,8 @@ class Site:
     def on_laptop(self, *words, check=True):
         return self.vboard("site", "exec", "--", *words, check=check, env=self.environment)
 
-    def inventory(self):
-        return json.loads(self.on_laptop("ansible-inventory", "-i", self.work / "cameras.kvtool.yml", "--list").stdout)
+    def inventory(self, source="cameras.kvtool.yml"):
+        return json.loads(self.on_laptop("ansible-inventory", "-i", self.work / source, "--list").stdout)
 
     def play(self, *words, package="firmware.FLS"):
         """Runs the example playbook; the exit status, what it printed, and the module's result for each host."""
@@ -200,6 +202,8 @@ def test_one_of_six_fails(site):
     groups = site.inventory()
     expect(sorted(groups[f"version_{VERSION.replace('.', '_')}"]["hosts"]) == [name(n) for n in (1, 2, 3, 4, 6)],
            "the inventory knows who has the version", groups)
+    old = site.inventory("old.kvtool.yml")
+    expect(old["cameras"]["hosts"] == [name(5)], "an inventory of those that match", old)
 
 
 def test_only_the_failed_one_is_left(site):

@@ -1,7 +1,7 @@
 // bench_socket FD tcp|udp|broadcast|icmp HOST PORT: opens a socket in the network where it runs
 // (the bench) and passes it over the Unix socket FD. The test can then use it as if it ran on the
-// bench. "tcp" and "udp" are connected to HOST. "broadcast" is not, because answers come from
-// elsewhere. "icmp" receives all packets of that protocol.
+// bench. "tcp" and "udp" are connected to HOST. "broadcast" is not, because answers come from other
+// addresses. "icmp" receives all packets of that protocol.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>

@@ -255,7 +255,7 @@ std::string Board::Restless(const std::map<std::string, SleepRow>& rows,
             restless << name << " was not there before\n";
         } else if (static_cast<double>(count - before.at(name)) > most) {
             restless << name << " slept " << count - before.at(name) << " times in " << seconds
-                     << " s, not at most " << most << "\n";
+                     << " s; the limit is " << most << "\n";
         }
     }
     return restless.str();

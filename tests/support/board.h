@@ -17,8 +17,8 @@ constexpr char kBoardAddress[] = "192.168.10.2";
 // `timeoutSeconds`.
 CommandResult RunCommand(const Lines& command, int timeoutSeconds = 60);
 
-// An installed libhv's loops wake ten times a second, and hardly rest when they cannot accept. The
-// bundled loops do rest.
+// The loops of an installed libhv wake ten times a second, and run almost without a pause while
+// they cannot accept. The bundled loops rest.
 #ifdef KV_HV_SYSTEM
 constexpr bool kLoopsRest = false;
 #else

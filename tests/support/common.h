@@ -28,8 +28,8 @@ using Lines = std::vector<std::string>;
 
 constexpr double kPatienceSeconds = 30;
 
-// The file's bytes; empty if it cannot be read. The buffer's iterators would throw then, so they
-// are not used.
+// The file's bytes; empty if it cannot be read. In that case stream-buffer iterators would throw,
+// so the code uses none.
 inline std::string ReadFile(const std::string& path) {
     const std::ifstream file(path, std::ios::binary);
     std::ostringstream text;
@@ -59,7 +59,9 @@ inline testing::AssertionResult InOrder(const std::string& text, const Lines& pa
     for (const std::string& part : parts) {
         at = text.find(part, at);
         if (at == std::string::npos) {
-            return testing::AssertionFailure() << "no '" << part << "' at its place in:\n" << text;
+            return testing::AssertionFailure()
+                   << "'" << part << "' is missing or out of order in:\n"
+                   << text;
         }
         at += part.size();
     }

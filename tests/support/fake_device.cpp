@@ -137,6 +137,9 @@ Device::Next Device::Poll(std::vector<UniqueFd>* clients) {
 
 // Returns kEnd when the connection is over.
 Device::Next Device::Command(int fd) {
+    if (!Pause(script_.commandPause)) {
+        return Next::kEnd;
+    }
     Bytes chunk(8192);
     const ssize_t n = recv(fd, chunk.data(), chunk.size(), 0);
     if (n < 32) {

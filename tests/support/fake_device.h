@@ -18,8 +18,9 @@ enum class Verdict { kAnswer, kSilent, kClose };
 struct Script {
     std::string ic = "PRT7K";
     std::string sensor = "38QX";
-    size_t replyPiece = 0;   // send replies in pieces of this size, 0: whole
-    size_t readStep = 8192;  // bytes of the stream to read at once
+    milliseconds commandPause{0};  // wait before reading a command
+    size_t replyPiece = 0;         // send replies in pieces of this size, 0: whole
+    size_t readStep = 8192;        // bytes of the stream to read at once
     milliseconds readPause{0};
     std::optional<size_t> closeAfter;  // reset the connection after so many stream bytes
     std::optional<size_t> stopAfter;   // read nothing more after so many stream bytes

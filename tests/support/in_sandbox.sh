@@ -10,7 +10,7 @@ set -eu
 exec 9<"$1"
 KV_SANDBOX_BIN=$(dirname "$1")
 export KV_SANDBOX_BIN
-# A folder of the caller's would not be there.
+# The caller's temporary folder does not exist in the sandbox.
 unset TMPDIR
 shift
 # shellcheck disable=SC2016 # expanded by the inner shell

@@ -27,7 +27,7 @@ is_called() { [ "$(name_of "$1")" = "$2" ]; }
 has_application() { pidof -x cameraMain >/tmp/application; }
 name_of() { cat "/proc/$1/comm" 2>/dev/null || true; }
 
-# Start script: starts once, under the right name; stops with SIGTERM; says which is which.
+# Start script: starts the supervisor once and under the right name, stops it with SIGTERM, and reports its status.
 printf '%s\n' '#!/bin/sh' 'trap "echo ended >>/tmp/ended; exit 0" TERM' ': >/tmp/ready' 'while :; do sleep 0.1; done' \
     >/tmp/upgradeMain
 printf '#!/bin/sh\necho prepared >>/tmp/prepared\nexit 1\n' >/tmp/prepare
@@ -51,15 +51,15 @@ busy $init stop || die "stop fails"
 echo $$ >/var/run/upgradeMain.pid
 busy $init stop >/dev/null || die "stop fails when the PID file names another process"
 
-# Preparation: without the button it does the rest and fails; with it, it sets up everything, also
-# the second time.
+# Preparation: without a button line it does the rest and then fails. With one it sets up everything, also when it runs
+# again.
 export PATH="/tmp/stubs:$PATH"
 if busy /mnt/scripts/upgrade_prepare.sh 2>/dev/null; then die "preparation without a button line succeeds"; fi
 [ -p /tmp/bin/cmd_link_snd ] && [ -p /tmp/bin/cmd_link_ack ] || die "no console pipes"
 mkdir /sys/class/gpio/GPIO26
 echo 1 >/sys/class/gpio/GPIO26/value
 busy /mnt/scripts/upgrade_prepare.sh || die "preparation fails"
-[ "$(cat /sys/class/gpio/GPIO26/direction)" = in ] || die "the button line is no input"
+[ "$(cat /sys/class/gpio/GPIO26/direction)" = in ] || die "the button line is not an input"
 ping -c 1 -W 2 127.0.0.1 >/dev/null || die "loopback is down"
 
 # Connect script: gives the file to the supplicant, removes a stale control socket, refuses wrong

@@ -34,7 +34,7 @@ class ScriptedSupplicant {
     void Push(const std::string& text);
     // How often `command` has come so far.
     int Count(const std::string& command);
-    // Makes clients find the queue full until Resume, because nobody reads it.
+    // Stops reading until Resume, so clients find the queue full.
     void Stall();
     void Resume();
 

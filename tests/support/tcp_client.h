@@ -58,7 +58,7 @@ class TcpClient {
         return true;
     }
 
-    // Returns exactly `size` bytes; fewer if the connection ends or nothing more comes.
+    // Returns `size` bytes, or fewer if the connection ends or nothing more comes.
     std::string Receive(size_t size, int timeoutMs = kPatienceMs) const {
         std::string bytes(size, '\0');
         size_t done = 0;

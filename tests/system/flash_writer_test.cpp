@@ -125,7 +125,8 @@ TEST_F(FlashWriter, WritesEveryImageAndLogsIt) {
 }
 
 TEST_F(FlashWriter, PackagesThatCannotBeReadEndInAReboot) {
-    // Before it opens the package: two pauses of a second, "sync", the caches.
+    // Before the writer opens the package, it pauses twice for a second, runs "sync" and drops the
+    // caches.
     WriteFile(board_.Path("param/sync"), "#!/bin/sh\necho synced\n");
     (void)board_.OnBoard(
         "touch /param/caches && mount --bind /param/caches "
@@ -152,7 +153,7 @@ TEST_F(FlashWriter, BootLoaderThatOvershootsContinuesInTheNextDevice) {
               boot.substr(4 * kBlock) + app.substr(0, 5 * kBlock - boot.size()));
     EXPECT_EQ(board_.Flash("mtd2"), ErasedBehind(rest, 4 * kBlock));
     EXPECT_EQ(board_.Flash("mtd5"), ErasedBehind(app, 4 * kBlock));
-    // A boot loader that ends with its device leaves the next device erased.
+    // A boot loader that ends exactly at the end of a device leaves the next device erased.
     (void)Flash(BuildPackage({{"uboot", boot.substr(0, 4 * kBlock)}, {"app", app}}));
     EXPECT_EQ(board_.Flash("mtd0"), boot.substr(0, 4 * kBlock));
     EXPECT_EQ(board_.Flash("mtd1"), std::string(kBlock, '\xFF'));

@@ -263,7 +263,7 @@ TEST(Monitor, FlashingStopsTheRebootAndTheRecoveryThatWereUnderWay) {
         EXPECT_EQ(board.Echoes(), kRestart + row.done);
         const std::string trace = board.Trace();
         EXPECT_FALSE(Contains(trace, "LoopPoolInit"));
-        // The writer itself may come to starve the watchdog before its reboot takes effect.
+        // The writer itself may starve the watchdog before its reboot takes effect.
         const size_t writing = trace.find("open /tmp/upGradeFile.FLS error");
         ASSERT_NE(writing, std::string::npos) << trace;
         EXPECT_GT(trace.find("Start to stop feeding the dog!"), writing) << trace;
@@ -299,7 +299,8 @@ TEST(Monitor, WhatCountsAsAHeartbeat) {
     (void)board.OnBoard("chmod +x /param/slow && mount --bind /param/slow /usr/bin/rm");
     board.SendBeats({kBeat});
     ASSERT_TRUE(board.WaitConsole("slept\n"));
-    EXPECT_EQ(board.Echoes().size(), counted.size() + 1) << "a datagram to be ignored was counted";
+    EXPECT_EQ(board.Echoes().size(), counted.size() + 1)
+        << "counted a datagram that is no heartbeat";
     EXPECT_LT(board.LargestFeedGap(), 1.3);
 
     // Beats come every second and are logged every fourth.

@@ -114,7 +114,7 @@ TEST(Upgrade, ToolReportsARefusalAndARecoveryThatComesBack) {
     ASSERT_TRUE(board.WaitRecovery(2));
     WriteFile(board.Path("other.FLS"), BuildPackage({{"none", "x"}}, {"OTHER", "38QX", 1}));
     EXPECT_EQ(board.OnBench(upgrade + board.Path("other.FLS")).status, 3);
-    // The device does not answer a package that it refuses. It restarts, and not abruptly.
+    // The device does not answer a package that it refuses. It restarts with an ordinary reboot.
     const auto refused =
         board.OnBench(upgrade + "--force --force-identity " + board.Path("other.FLS"));
     EXPECT_EQ(refused.status, 8) << refused.output;

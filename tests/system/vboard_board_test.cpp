@@ -232,7 +232,7 @@ TEST_F(Vboard, AKilledRunnerLeavesNothing) {
 
 TEST_F(Vboard, AnOrdinaryUserMayRunABoard) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "the other tests show it";
+        GTEST_SKIP() << "without root the other tests already run as an ordinary user";
     }
     // In a mount namespace where everybody may use /dev/fuse, as on a desktop.
     const std::string state = board_.Folder();

@@ -431,7 +431,7 @@ TEST_F(HvIo, EachLackOfDescriptorsIsReported) {
     const Capture log(2);
     struct rlimit saved {};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
-    // Both stay: a connection that ends would free a descriptor in the middle of a lack.
+    // Both connections stay open. One that ends would free a descriptor while none must be free.
     std::vector<std::unique_ptr<TcpClient>> clients;
     for (size_t round = 1; round <= 2; ++round) {
         loop_.Do([&] {

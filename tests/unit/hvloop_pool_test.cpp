@@ -133,7 +133,7 @@ TEST(HvLoopPool, RunsErrandsAndStopsWithoutMemory) {
     EXPECT_EQ(ran, 3);
     EXPECT_FALSE(Contains(log.Text(), "it is lost"));
 #ifndef KV_HV_SYSTEM
-    // Two at a time are one too many.
+    // There is room for one event, so the second of two is lost.
     const auto postTwo = [](hloop_t* loop, void* arg) {
         hevent_t event{};
         event.cb = [](hevent_t* ev) { ++*static_cast<int*>(hevent_userdata(ev)); };

@@ -63,7 +63,7 @@ TEST_F(Net, SetsAddressAndNetmaskAndRefusesInvalidOnes) {
                       EXPECT_EQ(KV_NET_SetNetmask(kWlan, bad), -1);
                   }),
                   "")
-            << "the kernel is not even asked for " << bad;
+            << "must not reach the kernel: " << bad;
     }
     EXPECT_EQ(KV_NET_GetIpAddr(kWlan, text), 0);
     EXPECT_STREQ(text, "192.168.7.201");

@@ -48,7 +48,8 @@ class KvtoolCli : public testing::Test {
         for (const char* name : {"app", "good", "other", "again", "layout", "manifest"}) {
             (void)unlink(Path(name).c_str());
         }
-        EXPECT_TRUE(std::filesystem::is_empty(folder_.Path())) << "a temporary file is left";
+        EXPECT_TRUE(std::filesystem::is_empty(folder_.Path()))
+            << "a temporary file was left behind";
     }
     std::string Path(const std::string& name) const { return folder_.Path(name); }
     std::string Read(const std::string& name) const { return ReadFile(Path(name)); }
@@ -141,7 +142,8 @@ TEST_F(KvtoolCli, ToolboxExitsLikeDiff) {
     EXPECT_EQ(RunTool({"extract", "--json", Path("good"), "-d", Path("out/deep")}, &output), 0);
     EXPECT_EQ(nlohmann::json::parse(output)["images"][0]["size"], 200000);
     EXPECT_EQ(Read("out/deep/app"), Read("app"));
-    EXPECT_EQ(RunTool({"extract", Path("good"), "-d", Path("out/deep")}), 3) << "replaces a file";
+    EXPECT_EQ(RunTool({"extract", Path("good"), "-d", Path("out/deep")}), 3)
+        << "must not replace a file";
     std::filesystem::remove_all(Path("out"));
 }
 

@@ -77,7 +77,7 @@ TEST(KvtoolDiscover, MalformedRepliesAreNamedAndNotTrusted) {
         kvtool::DiscoveryReply reply;
         EXPECT_EQ(kvtool::ParseDiscoveryReply(c.datagram.data(), c.datagram.size(), &reply),
                   c.fault);
-        EXPECT_EQ(reply.ip, "") << "a reply that is not trusted leaves its values nowhere";
+        EXPECT_EQ(reply.ip, "") << "the values of a refused reply are dropped";
     }
 }
 

@@ -302,7 +302,7 @@ TEST_F(MiniUpgrade, AfterAcceptanceEveryUnfinishedReadIsRefusedUntilTheNextIsCom
     Arrive(package.substr(0, 1000));
     std::ostringstream read;
     read << writer.rdbuf();
-    EXPECT_TRUE(read.str() == package) << "a flash writer at work loses its package";
+    EXPECT_TRUE(read.str() == package) << "a running flash writer lost its package";
     Arrive(package.substr(1000));
     ASSERT_EQ(io_.replies.size(), 3U);
     EXPECT_EQ(io_.replies[1], Answer(0xFFFF));

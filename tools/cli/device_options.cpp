@@ -116,7 +116,7 @@ void AddDiscover(CLI::App* root, Chosen* chosen) {
         ->allow_extra_args(false);
     app->add_option(
            "--match", discover->match,
-           "List only devices that fit FIELD=GLOB, a shell pattern for one of " + MatchFields())
+           "List only devices that match FIELD=GLOB, a shell pattern for one of " + MatchFields())
         ->allow_extra_args(false);
     app->add_option("--port", request.port, "UDP port")
         ->capture_default_str()
@@ -126,11 +126,11 @@ void AddDiscover(CLI::App* root, Chosen* chosen) {
         ->capture_default_str()
         ->check(CLI::Range(1, 1000));
     CLI::Option* watch =
-        app->add_flag("--watch", discover->watch, "Search on and on, tell what changes");
+        app->add_flag("--watch", discover->watch, "Search until Ctrl-C, show changes");
     AddSeconds(app, "--gone-after", &discover->goneAfter,
                "Seconds of silence after which a device is gone");
     app->get_option("--gone-after")->needs(watch);
-    app->add_flag("-v,--verbose", discover->verbose, "Print all that each device tells")
+    app->add_flag("-v,--verbose", discover->verbose, "Print everything that each device says")
         ->excludes(watch);
     app->add_flag("--json", chosen->json, "Print JSON");
     app->callback([app, discover, chosen] {

@@ -24,14 +24,14 @@ ExitCode RunWatch(const DiscoverCommand& command, const Matcher& matcher) {
     try {
         Watch(request, [&view](const WatchRound& round) { return view.Show(round); });
     } catch (const ToolError& error) {
-        // Nothing else ends a watch.
+        // Ctrl-C is the normal end of a watch.
         if (error.Code() != ExitCode::kInterrupted) {
             throw;
         }
         view.End();
         return ExitCode::kDone;
     }
-    // Nobody reads on; kvtool says so at its end.
+    // Standard output has no reader any more. kvtool reports this when it ends.
     std::cout.setstate(std::ios::badbit);
     return ExitCode::kInternal;
 }

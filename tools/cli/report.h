@@ -20,8 +20,8 @@ struct DeviceRow {
     FoundDevice device;
     std::string state;
 };
-// A line for each row, in the order of the MAC addresses, below a line of headings; nothing without
-// rows. At most `width` wide where that is possible, 0: no limit.
+// A line of headings and a line for each row, in the order of the MAC addresses; empty without
+// rows. At most `width` wide if possible; 0: no limit.
 std::vector<std::string> DeviceTable(std::vector<DeviceRow> rows, size_t width);
 
 struct DiscoveryStyle {

@@ -97,7 +97,7 @@ std::vector<std::string> TableLines(const std::vector<std::vector<std::string>>&
 
 void LiveLines::Show(const std::vector<std::string>& lines) {
     const TerminalSize size = SizeOf(out_);
-    // A window that became narrower has wrapped lines into several.
+    // If the window became narrower, it has wrapped lines.
     size_t above = 0;
     for (const size_t width : standing_) {
         above += 1 + (width > 0 ? (width - 1) / size.columns : 0);
@@ -108,7 +108,7 @@ void LiveLines::Show(const std::vector<std::string>& lines) {
         if (standing_.size() + 1 >= size.rows) {
             break;
         }
-        // The last column stays free: some terminals wrap once it is written.
+        // Keep the last column free: some terminals wrap after writing it.
         const std::string shown = Shortened(line, size.columns - 1);
         text += shown + "\033[K\n";
         standing_.push_back(Width(shown));

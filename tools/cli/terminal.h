@@ -1,4 +1,4 @@
-// What the commands know of the terminal.
+// The terminal: its size, the width of texts, and lines that update themselves.
 #pragma once
 
 #include <cstdio>
@@ -7,28 +7,28 @@
 
 namespace kvtool {
 
-// Whether lines on it can be rewritten.
+// Whether it is a terminal on which lines can be rewritten.
 bool IsTerminal(FILE* file);
 
 struct TerminalSize {
     size_t columns;
     size_t rows;
 };
-// Asked for each time because a window may change; COLUMNS, or 80 × 24, if it cannot be told.
+// The present size; a window may change, so do not keep it. COLUMNS, or 80 × 24, if it is unknown.
 TerminalSize SizeOf(FILE* file);
 
-// Characters that the text takes on a terminal; `text` is UTF-8 without control characters.
+// Number of characters that the text takes; `text` is UTF-8 without control characters.
 size_t Width(const std::string& text);
-// At most `width` characters of it: "…" replaces what is left out in the middle.
+// The text cut to `width` characters: "…" replaces what is left out in the middle.
 std::string Shortened(const std::string& text, size_t width);
 
-// Columns of equal width, two spaces apart; the first row is their headings. Where the rows are
-// wider than `width`, the column `yields` becomes narrower, down to 8; 0: no limit.
+// Lines with columns of equal width, two spaces apart. The first row has the headings. If the rows
+// are wider than `width` (0: no limit), the column `yields` becomes narrower, down to 8.
 std::vector<std::string> TableLines(const std::vector<std::vector<std::string>>& rows,
                                     size_t yields, size_t width);
 
-// Lines at the bottom of a terminal that are replaced as a whole. Nothing scrolls: they are cut to
-// the window.
+// Lines at the bottom of a terminal that are replaced as a whole. They are cut to the window, which
+// keeps it from scrolling.
 class LiveLines {
   public:
     explicit LiveLines(FILE* out) : out_(out) {}
@@ -36,7 +36,7 @@ class LiveLines {
 
   private:
     FILE* out_;
-    std::vector<size_t> standing_;  // widths of the lines that stand
+    std::vector<size_t> standing_;  // widths of the lines on the screen
 };
 
 }  // namespace kvtool

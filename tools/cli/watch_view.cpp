@@ -14,8 +14,8 @@ namespace {
 
 using Kind = DeviceChange::Kind;
 
-constexpr Millis kSilent{3000};      // silence worth a word
-constexpr Millis kGoneShown{60000};  // how long the table shows who is gone
+constexpr Millis kSilent{3000};      // silence that the table mentions
+constexpr Millis kGoneShown{60000};  // how long the table shows devices that are gone
 constexpr size_t kChangesShown = 3;
 constexpr size_t kWarningsShown = 3;
 
@@ -31,11 +31,11 @@ const char* KindName(Kind kind) {
     return kind == Kind::kAppeared ? "appeared" : kind == Kind::kChanged ? "changed" : "gone";
 }
 
-// The keys that differ, with what they were.
+// The keys that differ, with their former values.
 Json Before(const DeviceChange& change) {
     Json now = FoundJson(change.device);
     Json before = FoundJson(change.before);
-    // Through which of its interfaces it answers besides is no change.
+    // It is no change if the device also answers from other addresses than before.
     if (change.device.Address() == change.before.Address()) {
         before.erase("senders");
     }
@@ -65,7 +65,7 @@ std::string ChangeText(const DeviceChange& change) {
     }
     Json now = FoundJson(device);
     Json before = Before(change);
-    // People need one address, the one to reach it at.
+    // People need only one address: the one at which the device can be reached.
     if (before.erase("senders") > 0) {
         before["address"] = change.before.Address();
         now["address"] = device.Address();
@@ -78,7 +78,7 @@ std::string ChangeText(const DeviceChange& change) {
     return text;
 }
 
-// A pipe without a reader would be noticed only at the next change.
+// Without this check, kvtool would notice a pipe without a reader only at the next change.
 bool HasReader(FILE* out) {
     pollfd entry{fileno(out), 0, 0};
     return poll(&entry, 1, 0) <= 0 || (entry.revents & (POLLERR | POLLHUP)) == 0;
@@ -199,7 +199,7 @@ void WatchView::ShowTable(const WatchRound& round) {
 
     const TerminalSize size = SizeOf(out_);
     table_ = DeviceTable(std::move(rows), size.columns - 1);
-    // One row stays free for the cursor, one is needed to say what is left out.
+    // Keep one row free for the cursor and one for the number of rows that are left out.
     const size_t room = size.rows > below.size() + 3 ? size.rows - below.size() - 1 : 2;
     if (table_.size() > room) {
         const size_t more = table_.size() - room + 1;

@@ -17,9 +17,9 @@ class WatchView {
     enum class Style { kTable, kLines, kJson };
     WatchView(Style style, FILE* out) : style_(style), out_(out), live_(out) {}
 
-    // Whether it could be written.
+    // Returns whether it could be written.
     bool Show(const WatchRound& round);
-    // Leaves the last table where it is, without the line that says how to end.
+    // Leaves the last table on the screen, without the line that says how to end.
     void End();
 
   private:
@@ -38,7 +38,7 @@ class WatchView {
     FILE* out_;
     LiveLines live_;
     std::vector<std::string> warnings_;  // those of the last round
-    std::vector<GoneDevice> gone_;       // those that the table still shows
+    std::vector<GoneDevice> gone_;       // gone, but still in the table
     std::deque<std::string> last_;       // the last changes, in words
     std::vector<std::string> table_;
 };

@@ -11,8 +11,8 @@ namespace kvtool {
 
 namespace {
 
-// A reply takes about 1.3 kB of it. A system grants 416 KiB unless it was told otherwise: room for
-// 330 replies that come while this process does not run.
+// Receive buffer to ask for. A reply takes about 1.3 kB of it. By default a system grants 416 KiB,
+// room for 330 replies that come while this process does not run.
 constexpr int kReceiveRoom = 1 << 20;
 constexpr size_t kSockets = 4;
 constexpr int kAtOnce = 64;
@@ -50,8 +50,8 @@ SearchSockets::SearchSockets() : waiting_(epoll_create1(EPOLL_CLOEXEC)) {
     address.sin_family = AF_INET;
     while (sockets_.size() < kSockets) {
         UniqueFd fd = OpenSocket();
-        // The first one shares its port only once it has it: otherwise it could be given a port
-        // that another kvtool of the same user shares.
+        // Bind the first socket before it shares its port. Otherwise the system could give it a
+        // port that another kvtool of the same user shares.
         if (sockets_.empty()) {
             Bind(fd.Get(), &address);
             Share(fd.Get());
@@ -76,7 +76,7 @@ bool SearchSockets::Drain(const Take& take) const {
             socklen_t length = sizeof from;
             const ssize_t n = recvfrom(fd.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT,
                                        reinterpret_cast<sockaddr*>(&from), &length);
-            // An ICMP refusal of an earlier search ends up here too; it is no answer.
+            // An ICMP refusal of an earlier search comes here too; it is no answer.
             if (n < 0) {
                 break;
             }

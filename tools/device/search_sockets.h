@@ -13,19 +13,19 @@
 namespace kvtool {
 
 // Several sockets share one port; the system spreads the answers over them by the sender's address.
-// So there is room for them all where the system grants each socket little of it.
+// So there is room for all answers even if the system grants each socket little.
 class SearchSockets {
   public:
     // Throws ToolError(kInternal).
     SearchSockets();
 
-    // To send searches from.
+    // The socket to send searches from.
     int Sender() const { return sockets_.front().Get(); }
     // Becomes readable when an answer waits.
     int Waiting() const { return waiting_.Get(); }
 
-    // Hands over answers that wait, at most a few hundred, until `take` returns false. Does not
-    // block. Whether `take` did not end it.
+    // Gives waiting answers to `take`, at most a few hundred, until it returns false. Does not
+    // block. Returns false if `take` ended it.
     using Take = std::function<bool(const uint8_t* data, size_t size, in_addr sender)>;
     bool Drain(const Take& take) const;
 

@@ -9,7 +9,7 @@
 namespace vboard {
 
 // The int that the caller's argument points to. None if it cannot be read, or if process `call.pid`
-// is not waiting for this request; a message on stderr tells of the latter. The caller must be
+// is not waiting for this request; the latter prints a message on stderr. The caller must be
 // waiting for the reply. Blocks for a few milliseconds, or up to 100 when something is wrong.
 std::optional<int> ReadCallerInt(const IoctlCall& call, const StopSignal& stop);
 

@@ -13,8 +13,8 @@ namespace vboard {
 // Any thread.
 class Faults {
   public:
-    // Throws std::runtime_error when no operation can ever match: with a fault that never happens,
-    // a test could not fail.
+    // Throws std::runtime_error when no operation can ever match: a test whose fault never happens
+    // would pass without testing anything.
     void Add(const Fault& fault);
 
     // Call it once for each operation. Every fault counts the operations since it was added. If

@@ -81,7 +81,7 @@ void PrintTable(const json& status) {
     }
 }
 
-// Whether the board has got as far as StartBoards waits for.
+// Whether the board has reached the state that StartBoards waits for.
 bool Ready(const StateDir& site, int number, bool noWait) {
     const std::optional<json> brief = Brief(site, number);
     return brief && (noWait ? brief->at("state") == "up" : brief->at("wlanAddress") != "");

@@ -69,15 +69,15 @@ uint32_t hloop_nios(hloop_t* loop);
 void hloop_post_event(hloop_t* loop, hevent_t* ev);
 
 // Calls `cb` every `timeoutMs` milliseconds, `repeat` times or for ever (INFINITE). The timer is
-// freed after the last call. Returns null without memory, for a null loop or callback, and for a
-// zero time or count.
+// freed after the last call. Returns null when memory runs out, for a null loop or callback, and
+// for a zero time or count.
 htimer_t* htimer_add(hloop_t* loop, htimer_cb cb, uint32_t timeoutMs, uint32_t repeat = INFINITE);
 
 // Servers. `host` is a numeric IPv4 address; "" means every local address. Port 0 lets the system
 // choose (see hio_localaddr). All descriptors are close-on-exec and non-blocking. Returns null with
 // errno when the address cannot be bound. Any thread. TCP: `cb` runs on the loop for every accepted
 // connection. When accept fails, for example without free descriptors, connections wait in the
-// backlog and the loop tries again every 200 ms. UDP: the io starts to receive with hio_read.
+// backlog and the loop tries again every 200 ms. UDP: the io receives nothing until hio_read.
 hio_t* hloop_create_tcp_server(hloop_t* loop, const char* host, int port, haccept_cb cb);
 hio_t* hloop_create_udp_server(hloop_t* loop, const char* host, int port);
 

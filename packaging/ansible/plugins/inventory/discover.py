@@ -7,14 +7,14 @@ short_description: Cameras that answer a search of kvtool
 version_added: 0.1.0
 author: upgradeMain maintainers
 description:
-  - Searches the controller's networks for cameras, with C(kvtool discover). Cameras in recovery mode answer. So do
-    those whose application answers searches.
-  - A host is called by its MAC address, with hyphens, because a colon has a meaning in patterns of hosts.
+  - Searches the controller's networks for cameras, with C(kvtool discover). Cameras in recovery mode answer. Other
+    cameras answer if their application does.
+  - A host's name is its MAC address with hyphens, because a colon has a meaning in patterns of hosts.
   - Everything runs on the controller. The plugin sets C(ansible_connection=local) for each host, since cameras have no
     SSH.
   - Each host gets the keys of a device in kvtool's JSON as variables, with the prefix C(kvtool_), and C(ansible_host).
     C(kvtool_version) is what follows the last C(_V) of C(kvtool_firmware).
-  - A MAC address that two devices name makes no host. The plugin warns of it.
+  - If two devices name the same MAC address, the plugin leaves both out and prints a warning.
 requirements:
   - kvtool on the controller
 extends_documentation_fragment:
@@ -25,7 +25,7 @@ options:
     required: true
     choices: [upgrademain.kvtool.discover]
   executable:
-    description: The program. A name is looked for in C(PATH).
+    description: The kvtool program. A name without a folder is looked for in C(PATH).
     default: kvtool
     env:
       - name: KVTOOL
@@ -33,12 +33,17 @@ options:
     description: The group of all cameras found.
     default: cameras
   hosts:
-    description: Addresses to search one by one, for networks that broadcasts do not reach. Without any, broadcast.
+    description: Addresses to search one by one, for networks that broadcasts do not reach. By default, broadcast.
     type: list
     elements: str
     default: []
   interfaces:
     description: Broadcast on these interfaces only.
+    type: list
+    elements: str
+    default: []
+  match:
+    description: Take only the devices that fit these patterns, each as C(kvtool discover --match) takes it.
     type: list
     elements: str
     default: []
@@ -59,9 +64,10 @@ keyed_groups:
   - key: kvtool_version
     prefix: version
 ---
-# only one interface; a group of one model
+# only one interface, only one series of MAC addresses; a group of one model
 plugin: upgrademain.kvtool.discover
 interfaces: [wlan0]
+match: ["mac=02:76:62:*"]
 groups:
   model_38qx: "'_38QX_' in kvtool_firmware"
 """
@@ -107,6 +113,8 @@ class InventoryModule(BaseInventoryPlugin, Constructable):
                      str(self.get_option("repeat"))]
         for interface in self.get_option("interfaces"):
             arguments += ["--interface", interface]
+        for pattern in self.get_option("match"):
+            arguments += ["--match", pattern]
         try:
             outcome = run_kvtool(self.get_option("executable"), arguments + ([host] if host else []))
         except KvtoolError as error:

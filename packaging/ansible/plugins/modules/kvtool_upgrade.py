@@ -13,9 +13,9 @@ description:
   - Runs on the controller, or wherever kvtool reaches the camera. Use C(connection=local) or C(delegate_to). Cameras
     have no SSH.
   - Does nothing if the camera answers a search with the wanted version and is not in recovery mode.
-  - In recovery mode the version is that of the recovery program. It says nothing of the application, which does not
-    run. So a camera in recovery mode gets the package whatever version it names, unless I(repair=false).
-  - A package carries no version of its own, so I(version) says which one it brings.
+  - A camera in recovery mode names the version of the recovery program. This says nothing about the application, which
+    does not run. So such a camera gets the package whatever version it names, unless I(repair=false).
+  - A package contains no version, so I(version) says which one it brings.
 requirements:
   - kvtool
 attributes:
@@ -24,7 +24,7 @@ attributes:
     description: Looks for the camera, and checks the package against its chip and sensor type. Sends nothing.
   diff_mode:
     support: full
-    description: Shows the firmware before and after; in check mode, the version that it would be.
+    description: Shows the firmware before and after; in check mode, the version that it would become.
 options:
   host:
     description: Address, name or MAC address of the camera. A MAC address still fits if the camera's address changes.
@@ -36,22 +36,22 @@ options:
     required: true
   version:
     description:
-      - The version that the package brings, as the camera tells it, or only what follows its last C(_V).
+      - The version that the package brings, as the camera names it, or only what follows its last C(_V).
     type: str
     required: true
   confirm:
     description:
       - What counts as success after the camera has accepted the package.
-      - With C(version) its application is alive and answers a search with I(version).
-      - With C(alive) the port that its application opens takes a connection.
-      - With C(accepted) nothing more; the camera is not followed.
-      - An application that answers no searches cannot tell its version. Such a camera needs C(alive), and once it runs,
-        the module cannot find it any more.
+      - C(version) means that its application is alive and answers a search with I(version).
+      - C(alive) means that the port of its application accepts a connection.
+      - C(accepted) asks for nothing more; the camera is not followed.
+      - An application that answers no searches cannot name its version. Such a camera needs C(alive). Once its
+        application runs, the module cannot find it any more.
     type: str
     choices: [version, alive, accepted]
     default: version
   repair:
-    description: Whether a camera in recovery mode gets the package though it names I(version) already.
+    description: Whether a camera in recovery mode gets the package even if it names I(version) already.
     type: bool
     default: true
   wait:
@@ -61,7 +61,7 @@ options:
     description: TCP port that the application opens, if it is not the RTSP port of the camera's answer to a search.
     type: int
   force:
-    description: Send the package in spite of objections to it.
+    description: Send the package in spite of errors found in it.
     type: bool
     default: false
   force_identity:
@@ -88,7 +88,7 @@ options:
     description: Seconds from there to see it alive. The default is kvtool's.
     type: float
   executable:
-    description: The program. A name is looked for in C(PATH).
+    description: The kvtool program. A name without a folder is looked for in C(PATH).
     type: str
     default: kvtool
 """
@@ -117,7 +117,7 @@ changed:
   type: bool
 reason:
   description:
-    - A stable word for how it ended. After success C(done), C(already_there), or in check mode C(would_upgrade).
+    - A stable word for the end. After success C(done), C(already_there), or in check mode C(would_upgrade).
     - After a failure the word for kvtool's exit code. See the collection's README.
   returned: always
   type: str
@@ -196,7 +196,7 @@ class Upgrade:
         return devices[0] if devices else None
 
     def look(self):
-        """What the camera tells of itself now, or None. A login tells whether it is in recovery mode."""
+        """What the camera says about itself now, or None. A login shows whether it is in recovery mode."""
         device = self.search()
         if device:
             address, port = endpoint(device)
@@ -253,7 +253,7 @@ class Upgrade:
 
     @staticmethod
     def may_force(report):
-        """Whether all objections are to the package itself, not to its identity."""
+        """Whether all errors concern the package itself, not the chip and sensor type."""
         kinds = {finding["kind"] for finding in report.get("findings", []) if finding["severity"] == "error"}
         return bool(kinds) and not kinds & {"chip_type", "sensor_type"}
 

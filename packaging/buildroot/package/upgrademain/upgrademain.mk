@@ -25,7 +25,7 @@ define UPGRADEMAIN_INSTALL_TARGET_CMDS
 	$(UPGRADEMAIN_INSTALL_EXAMPLES)
 endef
 
-# Taken from the source copy, which need not be the tree of this recipe.
+# The files come from the copied sources, which need not be the tree that contains this recipe.
 UPGRADEMAIN_FILES = $(@D)/packaging
 
 ifeq ($(BR2_PACKAGE_UPGRADEMAIN_EXAMPLES),y)
