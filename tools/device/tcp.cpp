@@ -219,6 +219,11 @@ size_t SendNow(int fd, const uint8_t* data, size_t size) {
     throw ToolError(ExitCode::kLost, std::string("the connection broke: ") + strerror(errno));
 }
 
+void DropUnsentAtEnd(int fd, bool drop) {
+    const linger atOnce{drop ? 1 : 0, 0};
+    (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+}
+
 size_t Unacknowledged(int fd) {
     int pending = 0;
     if (ioctl(fd, SIOCOUTQ, &pending) != 0 || pending < 0) {

@@ -88,6 +88,9 @@ void UpgradeSession::Upload(const Bytes& package) {
         kv::FillFrameHeader(request.data(), kv::kCmdUpgrade, 0, record_->session,
                             static_cast<uint32_t>(record_->total), 1);
         record_->sent = Sent::kPart;
+        // What is left of this upload must not reach the device during the next one: the device
+        // would take both for one.
+        DropUnsentAtEnd(Fd(), true);
         if (SendNow(Fd(), request.data(), request.size()) != request.size()) {
             Lost("the upgrade request could not be sent");
         }
@@ -104,6 +107,7 @@ void UpgradeSession::Upload(const Bytes& package) {
     }
     {
         listener_->Before(UpgradeStep::kFinish);
+        DropUnsentAtEnd(Fd(), false);
         PhaseTimer phase(this, "trailer");
         Send(trailer.data(), trailer.size());
         record_->sent = Sent::kAll;
