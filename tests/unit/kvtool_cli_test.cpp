@@ -344,7 +344,7 @@ TEST_F(KvtoolCli, DiscoverListsAndWatches) {
                   firmware +
                   "  conflict\n"
                   "warning: address 10.7.0.1 is named by 2 devices, with the MAC addresses "
-                  "02:00:5E:00:00:02, 02:00:5E:00:00:01\n"
+                  "02:00:5E:00:00:01, 02:00:5E:00:00:02\n"
                   "2 found\n");
     EXPECT_EQ(run({"--timeout", "0.3", "--match", "mac=*:03"}, &output), 4);
     EXPECT_EQ(output.substr(output.rfind('\n', output.size() - 2) + 1),

@@ -284,11 +284,13 @@ std::vector<std::string> Conflicts(const DiscoveryResult& result) {
         byAddress[device.reply.ip].push_back(device.reply.mac);
     }
     std::vector<std::string> conflicts;
-    const auto add = [&conflicts](const auto& groups, const char* what, const char* others) {
-        for (const auto& [key, values] : groups) {
+    const auto add = [&conflicts](auto& groups, const char* what, const char* others) {
+        for (auto& [key, values] : groups) {
             if (key.empty() || values.size() < 2) {
                 continue;
             }
+            // Not in the order of their answers, which differs from search to search.
+            std::sort(values.begin(), values.end());
             std::string text = std::string(what) + " " + key + " is named by " +
                                std::to_string(values.size()) + " devices, with the " + others;
             for (const std::string& value : values) {

@@ -76,6 +76,13 @@ void Runner::Settle(size_t index, const Member& member) {
     members_.at(index) = member;
 }
 
+// A device whose upload was cut off still reads what had arrived of it, and would count that as the
+// first bytes of the next upload.
+Clock::time_point Runner::EarliestStart(const Member& member) const {
+    const bool cutOff = member.progress.reached == State::kUploading;
+    return Clock::now() + (cutOff ? request_.retryPause : Millis(0));
+}
+
 void Runner::Add(Member member) {
     const std::lock_guard<std::mutex> guard(mutex_);
     const auto known = std::find_if(members_.begin(), members_.end(),
@@ -89,7 +96,7 @@ void Runner::Add(Member member) {
     const Member& added = members_[index];
     listener_->Changed(index, added);
     if (NextFor(added.progress) != Next::kNothing) {
-        waiting_.push_back({index, Clock::now()});
+        waiting_.push_back({index, EarliestStart(added)});
         changed_.notify_all();
     }
 }

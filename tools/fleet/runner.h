@@ -86,6 +86,7 @@ class Runner {
     void ConcludeFailure(const Member& member, size_t index);
     void ChooseCanaries();
     bool Held(size_t index) const;
+    Clock::time_point EarliestStart(const Member& member) const;
     void Stop(const std::string& why);
 
     // What an attempt tells: the journal has it before anybody else, and before this returns.
