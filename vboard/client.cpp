@@ -85,8 +85,10 @@ void ShowStatus(const StateDir& state, bool asJson) {
     }
     std::cout << " (runner " << status.at("runnerPid") << ", "
               << status.at("stateDir").get<std::string>() << ")\nboots:";
+    const char* separator = " ";
     for (const json& boot : status.at("boots")) {
-        std::cout << ' ' << boot.at("boot") << ' ' << boot.at("reason").get<std::string>() << ';';
+        std::cout << separator << boot.at("boot") << ' ' << boot.at("reason").get<std::string>();
+        separator = "; ";
     }
     const json& program = status.at("program");
     std::cout << "\nprogram: "

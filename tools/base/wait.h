@@ -8,6 +8,9 @@ namespace kvtool {
 using Clock = std::chrono::steady_clock;
 using Millis = std::chrono::milliseconds;
 
+inline double Seconds(Millis time) {
+    return std::chrono::duration<double>(time).count();
+}
 inline double SecondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }

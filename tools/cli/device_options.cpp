@@ -150,7 +150,7 @@ void AddDiscover(CLI::App* root, Chosen* chosen) {
 }  // namespace
 
 void AddSeconds(CLI::App* app, const char* name, Millis* value, const char* help) {
-    const double seconds = std::chrono::duration<double>(*value).count();
+    const double seconds = Seconds(*value);
     app->add_option_function<double>(
            name, [value](const double& given) { *value = FromSeconds(given); }, help)
         ->default_str(CLI::detail::to_string(seconds))

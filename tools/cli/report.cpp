@@ -39,8 +39,7 @@ std::string TargetText(const EntryReport& entry) {
 }
 
 void PrintEntry(std::ostream& out, const EntryReport& entry) {
-    out << "entry " << entry.index << ": " << OrDash(entry.name)
-        << (entry.reached ? "" : " (never reached)") << '\n';
+    out << "entry " << entry.index << ": " << OrDash(entry.name) << '\n';
     Row(out, "partition", TargetText(entry));
     Row(out, "offset", HexWord(entry.dataOffset));
     Row(out, "length", SizeText(entry.dataLen));
@@ -114,12 +113,19 @@ void PrintPackage(std::ostream& out, const PackageReport& report) {
         Row(out, "total data length", SizeText(report.totalLen));
         Row(out, "entries", std::to_string(report.fileNum));
     }
-    const size_t shown = std::min(report.entries.size(), kMostEntries);
+    const auto& entries = report.entries;
+    const auto unreached = std::find_if(entries.begin(), entries.end(),
+                                        [](const EntryReport& entry) { return !entry.reached; });
+    const auto reached = static_cast<size_t>(unreached - entries.begin());
+    const size_t shown = std::min(reached, kMostEntries);
     for (size_t i = 0; i < shown; ++i) {
-        PrintEntry(out, report.entries[i]);
+        PrintEntry(out, entries[i]);
     }
-    if (shown < report.entries.size()) {
-        out << "… and " << report.entries.size() - shown << " more entries\n";
+    if (shown < reached) {
+        out << "… and " << reached - shown << " more entries\n";
+    }
+    if (reached < entries.size()) {
+        out << "entries from " << reached << " on: the device never reaches them\n";
     }
     PrintFindings(out, report);
     out << (report.Acceptable() ? "the device would install this package\n"

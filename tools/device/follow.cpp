@@ -18,7 +18,7 @@ namespace {
 constexpr int kMissesThatCount = 2;
 
 std::string Text(Millis time) {
-    return SecondsText(std::chrono::duration<double>(time).count());
+    return SecondsText(Seconds(time));
 }
 
 class Follower {

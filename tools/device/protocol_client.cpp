@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "tools/base/errors.h"
+#include "tools/base/text.h"
 
 namespace kvtool {
 
@@ -64,8 +65,8 @@ void ProtocolClient::ReceiveExactly(uint8_t* data, size_t size, const char* what
         done += received.size;
         if (received.state == ReceiveState::kNothing && WaitFor(fd_.Get(), POLLIN, deadline) == 0) {
             throw ToolError(ExitCode::kNoReply, std::string(what) + ": no answer within " +
-                                                    std::to_string(replyTimeout_.count()) +
-                                                    " ms (" + std::to_string(done) + " of " +
+                                                    SecondsText(Seconds(replyTimeout_)) + " (" +
+                                                    std::to_string(done) + " of " +
                                                     std::to_string(size) + " bytes arrived)");
         }
     }

@@ -141,11 +141,10 @@ void UpgradeSession::Advance(bool force) {
     if (force || now - lastReport_ >= kTick) {
         lastReport_ = now;
         listener_->Progress({record_->acknowledged, record_->total, SecondsSince(uploadStart_),
-                             SecondsSince(lastAdvance_),
-                             std::chrono::duration<double>(times_.stall).count()});
+                             SecondsSince(lastAdvance_), Seconds(times_.stall)});
     }
     if (now - lastAdvance_ >= times_.stall) {
-        Lost("nothing was acknowledged for " + std::to_string(times_.stall.count()) + " ms");
+        Lost("nothing was acknowledged for " + SecondsText(Seconds(times_.stall)));
     }
 }
 
@@ -265,8 +264,8 @@ void UpgradeSession::AwaitVerdict() {
     }
     throw ToolError(ExitCode::kNoVerdict,
                     "everything was sent, but the device gave no verdict within " +
-                        std::to_string(times_.verify.count()) +
-                        " ms; it has probably rejected the package and reboots");
+                        SecondsText(Seconds(times_.verify)) +
+                        "; it has probably rejected the package and reboots");
 }
 
 }  // namespace kvtool
