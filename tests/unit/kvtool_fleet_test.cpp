@@ -1,5 +1,5 @@
-// kvtool fleet: the journal, the rules of a run, and that a run that is killed anywhere is gone on
-// with, against scripted devices.
+// kvtool fleet against scripted devices: the journal, the rules of a run, and resuming a run that
+// was killed at any point.
 #include <sys/mount.h>
 
 #include <memory>
@@ -33,8 +33,8 @@ std::string MacOf(int number) {
     return text;
 }
 
-// A device of a fleet: on an address of its own, found by a search there, and alive after an
-// upgrade unless its script says otherwise.
+// A device with an address of its own, where it answers searches. It is alive after an upgrade
+// unless its script says otherwise.
 class Camera {
   public:
     explicit Camera(int number, Script script = Alive())
@@ -86,7 +86,7 @@ class Silent : public RunListener {
     std::function<void(size_t, const Member&)> onState;
 };
 
-// A run of the engine alone.
+// A run without the command line.
 struct Flight {
     Bytes package = Bytes(5000, 'p');
     kvtool::Interrupt startNothing;
@@ -240,6 +240,30 @@ TEST(FleetRun, FailuresEndTheStartsAndHarmlessOnesAreTriedAgain) {
     EXPECT_EQ(strict.StateOf(1), State::kPlanned);
     EXPECT_EQ(untouched.device.Accepted(), 0);
     EXPECT_EQ(ReadJournal(strict.path).members.at(1).progress.state, State::kPlanned);
+
+    // Devices without a verdict may have accepted, so neither this run nor the next sends again.
+    Script silent;
+    silent.verdict = fake::Verdict::kSilent;
+    Script restarts = Camera::BackInRecovery();
+    restarts.verdict = fake::Verdict::kSilent;
+    Camera mute(5, silent);
+    Camera restarted(6, restarts);
+    Camera served(7);
+    Flight doubt;
+    doubt.request.retries = 2;
+    doubt.request.times.verify = Millis(300);
+    doubt.Fly({mute.AsMember(), restarted.AsMember(), served.AsMember()});
+    EXPECT_EQ(doubt.StateOf(2), State::kDone) << doubt.members[2].text;
+    const std::vector<Member> left = ReadJournal(doubt.path).members;
+    for (size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(left.at(i).code, ExitCode::kNoVerdict) << left.at(i).text;
+        EXPECT_EQ(left.at(i).progress.attempts, 1);
+        EXPECT_EQ(NextFor(left.at(i).progress), Next::kLook);
+    }
+    Flight resumed;
+    resumed.Fly({left.at(1)});
+    EXPECT_EQ(resumed.members[0].code, ExitCode::kBackInRecovery) << resumed.members[0].text;
+    EXPECT_EQ(resumed.members[0].progress.attempts, 1);
 }
 
 TEST(FleetRun, InterruptsFinishOrLeave) {
@@ -287,8 +311,8 @@ TEST(FleetRun, ADeviceThatSomebodyElseUpgradesIsLeftAlone) {
     EXPECT_TRUE(camera.device.UpgradeRequest().empty());
 }
 
-// The disk is full at different lines. What was not announced is not done; what the device does by
-// itself is followed all the same.
+// The disk becomes full at different lines. kvtool makes no step that it could not announce. It
+// still follows what the device does by itself.
 TEST(FleetRun, AFullDiskUnderTheJournalSendsNothingMore) {
     kv_test::RequireSandbox();
     std::set<State> lastLines;
@@ -316,7 +340,7 @@ kv_test::CommandResult Tool(const std::string& arguments, const std::string& env
     return kv_test::Run(environment + " " + KVTOOL_PATH + " fleet " + arguments + " </dev/null");
 }
 
-// Killed once line `line` of the journal is on the disk, then gone on with.
+// Kills a run once line `line` of the journal is on the disk, then resumes it.
 void KillAndResume(int line) {
     Camera first(2 * line);
     Camera second(2 * line + 1);
@@ -343,7 +367,7 @@ void KillAndResume(int line) {
     EXPECT_EQ(Count(ReadJournal(journal).members).done, 2U);
 }
 
-TEST(FleetTool, KilledAtEachChangeOfStateItIsGoneOnWith) {
+TEST(FleetTool, ResumesAfterAKillAtEachChangeOfState) {
     kv_test::RequireSandbox();
     kv_test::WriteFile("/tmp/app", std::string(20000, 'a'));
     ASSERT_EQ(kv_test::Run(KVTOOL_PATH " pack -o /tmp/good app=/tmp/app").status, 0);
@@ -365,7 +389,7 @@ TEST(FleetTool, SaysNoBeforeAnythingIsSent) {
     const std::string one = "upgrade /tmp/good " + camera.address + " --journal /tmp/j1 ";
     EXPECT_EQ(Tool(one).status, 2) << "no terminal to ask at";
     EXPECT_EQ(Tool("upgrade /tmp/good --yes").status, 2) << "no device is named";
-    EXPECT_EQ(Tool(one + "--yes --resume").status, 2) << "nothing to go on with";
+    EXPECT_EQ(Tool(one + "--yes --resume").status, 2) << "nothing to resume";
     EXPECT_EQ(Tool(one + "--yes --match colour=red").status, 2);
     EXPECT_EQ(Tool("upgrade /tmp/app --yes " + camera.address).status, 3);
     EXPECT_EQ(Tool("report /tmp/damaged").status, 3);
@@ -376,7 +400,7 @@ TEST(FleetTool, SaysNoBeforeAnythingIsSent) {
     EXPECT_FALSE(std::filesystem::exists("/tmp/j1"));
     EXPECT_TRUE(camera.device.UpgradeRequest().empty());
 
-    // One that is not there does not keep the other from being upgraded.
+    // An absent device does not keep the other one from being upgraded.
     const auto some = Tool("upgrade /tmp/good 127.1.0.250 " + camera.address +
                            " --yes --interface lo --journal /tmp/j2 --json 2>/dev/null");
     EXPECT_EQ(some.status, 13);
