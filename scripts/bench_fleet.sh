@@ -1,6 +1,7 @@
 #!/bin/bash
-# bench_fleet.sh [JOBS...]: how long `kvtool fleet upgrade` takes for 1, 5 and 20 boards that share an air of 40 Mbit/s
-# and whose flash is as slow as a real chip's, and what kvtool itself costs. With numbers, 20 boards with so many jobs.
+# bench_fleet.sh [JOBS...]: measures how long `kvtool fleet upgrade` takes for 1, 5 and 20 boards, and its CPU time and
+# memory. The boards share a radio channel of 40 Mbit/s. Their flash is as slow as a real chip. With JOBS, it measures
+# 20 boards with each of these numbers of jobs.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."

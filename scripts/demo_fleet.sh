@@ -1,6 +1,6 @@
 #!/bin/bash
-# A fleet of virtual cameras: eight are upgraded at once over one air. One loses its link during the upload, one comes
-# back in recovery, kvtool is killed in the middle and goes on where it was. A table tells who has what.
+# Upgrades eight virtual cameras at once over one radio channel. One loses its link during the upload, and one comes
+# back in recovery mode. kvtool is killed in the middle and then resumes. A table shows what each camera has.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -14,7 +14,7 @@ journal=$work/journal
 kvtool() { site exec -- "$bin/kvtool" "$@"; }
 upgrade=(fleet upgrade "$work/firmware.FLS" --yes --journal "$journal" --stall-timeout 5)
 
-# Waits until the journal tells that a device has entered a state.
+# Waits until the device has entered the state, according to the journal.
 await_state() { # DEVICE STATE
     for _ in $(seq 600); do
         ! grep -q "\"device\":\"$1\",\"state\":\"$2\"" "$journal" 2>/dev/null || return 0
@@ -24,7 +24,7 @@ await_state() { # DEVICE STATE
     return 1
 }
 
-say "A package is made; eight cameras without an application join the service network"
+say "Build a package; eight cameras without an application join the service network"
 make_application bin/network <<'SCRIPT'
 #!/bin/sh
 ip link set wlan0 up
@@ -37,7 +37,7 @@ site start 8 --no-eth -- "$bin/upgradeMain"
 board_of 5 fault mtd5 open --errno EIO --count 1000
 kvtool fleet upgrade "$work/firmware.FLS" --all --dry-run
 
-say "All at once; camera 3 loses its link during the upload; kvtool is killed once two have accepted"
+say "Upgrade all at once; camera 3 loses its link during the upload; kvtool is killed once two have accepted"
 kvtool "${upgrade[@]}" --all >"$work/first.log" 2>&1 &
 run=$!
 await_state "$(mac 3)" uploading
@@ -48,12 +48,12 @@ kill -KILL "$(sed -n '1s/.*"process":\([0-9]*\).*/\1/p' "$journal")"
 wait "$run" || true
 kvtool fleet report "$journal" | cut -c1-150
 
-say "kvtool goes on; camera 3 is still away, camera 5 could not write its application"
+say "kvtool resumes; camera 3 is still away, camera 5 could not write its application"
 status=0
 kvtool "${upgrade[@]}" --resume 2>&1 | grep -vE ': (connect|login|identify|upload|trailer|verification):' || status=$?
 [ "$status" = 13 ]
 
-say "Who has what"
+say "What each camera has"
 kvtool fleet report "$journal" --json | python3 -c '
 import json, sys
 devices = {device["device"]: device for device in json.load(sys.stdin)["devices"]}
@@ -67,4 +67,4 @@ for number in range(1, 9):
     row = devices["02:76:62:02:00:%02X" % number]
     assert row["code"] == expected.get(number, 0) and (row["state"] == "done") == (number not in expected), row
 '
-printf '\nSix cameras are back, two are told by name; %s s.\n' "$(($(date +%s) - began))"
+printf '\nSix cameras are back, and the table names the two that failed; %s s.\n' "$(($(date +%s) - began))"

@@ -1,4 +1,4 @@
-// kvtool fleet on a site of virtual boards, each with a trouble of its own.
+// kvtool fleet on a site of virtual boards, each with a different fault.
 #include <csignal>
 #include <set>
 
@@ -15,7 +15,7 @@ std::string MacOf(int number) {
     return text;
 }
 
-// A child process whose end is waited for.
+// A child process. The destructor ends it and waits for it.
 class Child {
   public:
     explicit Child(Lines command, const std::string& output = "/dev/null") {
@@ -55,7 +55,7 @@ class Child {
 class FleetSite : public testing::Test {
   protected:
     void SetUp() override {
-        // Sites side by side have boards of the same MAC addresses.
+        // Sites of tests that run at the same time have boards with the same MAC addresses.
         (void)setenv("XDG_RUNTIME_DIR", folder_.Path().c_str(), 1);
         site_ = std::make_unique<Child>(Lines{BinDir() + "/vboard", "site", "run", "--state",
                                               SiteFolder(), "--shape", "40mbit"});
@@ -90,7 +90,7 @@ class FleetSite : public testing::Test {
         const CommandResult result = RunCommand(command);
         EXPECT_EQ(result.status, 0) << result.output;
     }
-    // kvtool on the laptop, its command line.
+    // The command line of kvtool on the laptop.
     Lines Tool(const Lines& arguments) const {
         Lines command = {BinDir() + "/vboard", "site", "exec", "--state", SiteFolder(), "--",
                          BinDir() + "/kvtool", "fleet"};
@@ -104,7 +104,7 @@ class FleetSite : public testing::Test {
         arguments.insert(arguments.end(), more.begin(), more.end());
         return Tool(arguments);
     }
-    // How often the journal tells that the device has entered the state.
+    // How often the device has entered the state, according to the journal.
     size_t Entered(const std::string& device, const std::string& state) const {
         return CountOf(ReadFile(Journal()),
                        "\"device\":\"" + device + "\",\"state\":\"" + state + "\"");
@@ -112,7 +112,7 @@ class FleetSite : public testing::Test {
     bool WaitEntered(const std::string& device, const std::string& state) const {
         return WaitUntil([&] { return Entered(device, state) > 0; }, 60);
     }
-    // What the journal tells of each device, by its MAC address.
+    // The report on each device, by its MAC address.
     std::map<std::string, json> Report() const {
         const json report = json::parse(
             RunCommand({BinDir() + "/kvtool", "fleet", "report", "--json", Journal()}).output);
@@ -129,7 +129,7 @@ class FleetSite : public testing::Test {
 
 TEST_F(FleetSite, EachTroubleIsToldAndTheOthersAreServed) {
     Start(5);
-    // The application's partition of board 4 cannot be written, and the board moves.
+    // Board 4 cannot write its application's partition, and gets another address after the restart.
     OnBoard(4, {"fault", "mtd5", "open", "--errno", "EIO", "--count", "1000"});
     const auto lease = RunCommand(
         {BinDir() + "/vboard", "site", "lease", "4", "172.20.19.7", "--state", SiteFolder()});
@@ -175,7 +175,7 @@ TEST_F(FleetSite, EachTroubleIsToldAndTheOthersAreServed) {
     }
     EXPECT_TRUE(Contains(devices[MacOf(4)].at("text"), "back in recovery")) << devices[MacOf(4)];
 
-    // Gone on with: only those that have not accepted are sent the package once more.
+    // Resumed. Only devices that have not accepted are sent the package again.
     OnBoard(2, {"ap", "up"});
     OnBoard(3, {"ap", "unmute"});
     EXPECT_TRUE(WaitUntil(
@@ -212,7 +212,7 @@ TEST_F(FleetSite, ALineUpgradesWhatAppears) {
 
 class FleetBigSite : public FleetSite {};
 
-// Killed again and again; everybody is served, nobody twice.
+// Killed again and again, the run still upgrades every board, and none twice.
 TEST_F(FleetBigSite, TwentyBoardsSurviveKills) {
     constexpr int kBoards = 20;
     Start(kBoards);

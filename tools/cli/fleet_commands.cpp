@@ -29,7 +29,7 @@ using fleet::State;
 
 namespace {
 
-// How often a line is searched for devices that have appeared.
+// How often `fleet watch` searches for devices.
 constexpr Millis kWatchEvery{3000};
 
 fleet::PackageName NameOf(const FleetCommand& command, const PackageReport& report) {
@@ -42,7 +42,7 @@ std::string JournalPath(const FleetCommand& command) {
                : command.journal;
 }
 
-// What an earlier run has left. Throws ToolError(kRefused) for the journal of another package.
+// Reads the journal of earlier runs. Throws ToolError(kRefused) if it is about another package.
 JournalContents ReadEarlier(const std::string& path, const fleet::PackageName& package) {
     JournalContents earlier = fleet::ReadJournal(path);
     if (earlier.package.md5 != package.md5) {
@@ -61,17 +61,17 @@ std::string Intention(const Member& member) {
     }
     if (NextFor(progress) == Next::kLook) {
         return progress.reached == State::kAccepted
-                   ? "it accepted in an earlier run; it is looked at again, not upgraded"
-                   : "in doubt since an earlier run; it is looked at first";
+                   ? "look at it again, do not upgrade: it accepted in an earlier run"
+                   : "look at it first: in doubt since an earlier run";
     }
     if (member.code == ExitCode::kRefused && progress.attempts == 0) {
         return "it will not be upgraded: " + member.text;
     }
     if (progress.attempts > 0) {
-        return "upgrade, once more: an earlier run ended while " +
+        return "upgrade again: an earlier run ended while " +
                std::string(StateName(progress.reached));
     }
-    return member.address.empty() ? "upgrade, if it answers: it does not yet" : "upgrade";
+    return member.address.empty() ? "upgrade, if it answers then: it does not now" : "upgrade";
 }
 
 void PrintPlan(std::ostream& out, const Plan& plan, const fleet::PackageName& package) {
@@ -103,7 +103,7 @@ Json PlanJson(const Plan& plan) {
     return {{"devices", devices}, {"warnings", plan.warnings}};
 }
 
-// Throws ToolError(kInterrupted) when the answer is anything but yes.
+// Throws ToolError(kInterrupted) unless the answer is yes.
 void Confirm(std::ostream& out) {
     out << "begin? [y/N] " << std::flush;
     std::string answer;
@@ -121,7 +121,7 @@ void Confirm(std::ostream& out) {
     }
 }
 
-// All that a run needs beside its request.
+// The interrupts of a run.
 struct Flight {
     Interrupt startNothing;
     Interrupt stopNow;
@@ -148,7 +148,7 @@ RunRequest RequestOf(const FleetCommand& command, const LoadedPackage& package,
     return request;
 }
 
-// The table of who and why, the JSON result and the exit code.
+// Prints the table of devices that are not done, fills the JSON result, returns the exit code.
 ExitCode Sum(const Runner& runner, const Flight& flight, bool watch, bool asJson, Json* json) {
     const std::vector<Member>& members = runner.Members();
     const fleet::Counts counts = fleet::Count(members);
@@ -192,7 +192,7 @@ std::vector<std::string> HostsOf(const FleetUpgradeCommand& command) {
     return hosts;
 }
 
-// A run that was ended before its first line has left nothing.
+// A run that ended before its first line leaves a journal without a run.
 bool HasRun(const std::string& path) {
     return std::filesystem::exists(path) && fleet::ReadJournal(path).runs > 0;
 }
@@ -203,17 +203,17 @@ void CheckUsage(const FleetUpgradeCommand& command, const std::string& journal) 
     }
     if (!command.yes && !command.dryRun && isatty(STDIN_FILENO) != 1) {
         throw ToolError(ExitCode::kUsage,
-                        "there is no terminal to ask at whether to begin; --yes begins without "
-                        "asking, --dry-run only shows the plan");
+                        "there is no terminal to ask for confirmation: use --yes to begin without "
+                        "asking, or --dry-run to see the plan");
     }
     if (command.resume && !HasRun(journal)) {
-        throw ToolError(ExitCode::kUsage, "there is nothing to go on with in the journal " +
+        throw ToolError(ExitCode::kUsage, "there is no run to resume in the journal " +
                                               Printable(journal) + ": leave out --resume");
     }
     if (!command.resume && HasRun(journal)) {
         throw ToolError(ExitCode::kUsage,
                         "the journal " + Printable(journal) +
-                            " exists: go on with it (--resume), or name another one (--journal)");
+                            " exists: continue it (--resume), or name another one (--journal)");
     }
 }
 
@@ -240,7 +240,7 @@ ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layou
     PrintPlan(out, plan, name);
     (*json)["plan"] = PlanJson(plan);
     if (plan.members.empty()) {
-        throw ToolError(ExitCode::kUnreachable, "no device that is meant answers a search");
+        throw ToolError(ExitCode::kUnreachable, "none of the wanted devices answers a search");
     }
     if (command.dryRun) {
         return ExitCode::kDone;
@@ -272,7 +272,7 @@ ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layou
 
 namespace {
 
-// Looks again and again which devices are there, and hands over those that have something to do.
+// Searches again and again, and gives the runner each device that needs an upgrade.
 class LineWatcher {
   public:
     LineWatcher(const FleetCommand& command, const Flight& flight, Journal* journal, Runner* runner)
@@ -291,7 +291,7 @@ class LineWatcher {
                 WaitUntil(next);
             }
         } catch (const ToolError&) {
-            // Interrupted, or the journal is lost, which the runner will find as well.
+            // Interrupted, or the journal cannot be written. The runner will notice that too.
             flight_.startNothing.Raise();
         }
     }
@@ -314,7 +314,7 @@ class LineWatcher {
         there_ = there;
     }
 
-    // One that failed before it took anything is tried again when it was away meanwhile.
+    // A device that failed without accepting anything is tried again after it was away.
     void Offer(const FoundDevice& device) {
         Member member = fleet::MemberOf(device, command_.port);
         const auto known = runner_->Find(member.id);
@@ -338,7 +338,7 @@ class LineWatcher {
     const Flight& flight_;
     Journal* journal_;
     Runner* runner_;
-    std::set<std::string> there_;  // those that answered the search before
+    std::set<std::string> there_;  // those that answered the previous search
 };
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The commands that upgrade many devices, as the command line hands them over.
+// The commands that upgrade many devices, with their parsed options.
 #pragma once
 
 #include <optional>
@@ -11,7 +11,7 @@
 
 namespace kvtool {
 
-// What upgrade and watch have in common.
+// The options that upgrade and watch share.
 struct FleetCommand {
     PackageChoice package;
     std::vector<std::string> match;  // FIELD=GLOB
@@ -28,7 +28,7 @@ struct FleetCommand {
 
 struct FleetUpgradeCommand : FleetCommand {
     bool all = false;
-    std::string from;  // file with a host a line
+    std::string from;  // file with one host per line
     std::vector<std::string> hosts;
     size_t canaries = 0;
     size_t maxFailures = 0;
@@ -44,7 +44,7 @@ struct FleetReportCommand {
     bool json = false;
 };
 
-// As those of commands.h. With JSON, events stand on lines of their own in front of the result.
+// Like the functions of commands.h. With JSON, each event is a line before the result.
 ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layout, Json* json);
 ExitCode RunFleetWatch(const FleetCommand& command, const Layout& layout, Json* json);
 ExitCode RunFleetReport(const FleetReportCommand& command, Json* json);

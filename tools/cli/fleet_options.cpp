@@ -20,13 +20,13 @@ void AddPort(CLI::App* app, const char* name, std::optional<uint16_t>* port, con
 void AddCommon(CLI::App* app, FleetCommand* command, LayoutOptions* layout, Chosen* chosen) {
     command->discovery.port = kv::kDiscoveryPort;
     app->add_option("file", command->package.file, "Package")->required()->type_name("FILE");
-    app->add_option("--match", command->match,
-                    "Of the devices that answer a search only these, FIELD=GLOB")
+    app->add_option("--match", command->match, "Only devices whose field matches, FIELD=GLOB")
         ->allow_extra_args(false);
     app->add_option("--jobs", command->jobs, "Upgrades at a time")
         ->capture_default_str()
         ->check(CLI::Range(1, kMostJobs));
-    app->add_option("--retry", command->retries, "More attempts at a device that has taken nothing")
+    app->add_option("--retry", command->retries,
+                    "More attempts at a device that has accepted nothing")
         ->capture_default_str()
         ->check(CLI::Range(0, 1000));
     app->add_option("--journal", command->journal,
@@ -36,7 +36,7 @@ void AddCommon(CLI::App* app, FleetCommand* command, LayoutOptions* layout, Chos
     app->add_flag("--json", chosen->json, "Print events and the result as lines of JSON");
     AddLayout(app, layout);
     AddTrust(app, &command->package.trust);
-    app->add_option("--interface", command->discovery.interfaces, "Search here only")
+    app->add_option("--interface", command->discovery.interfaces, "Search on this interface only")
         ->allow_extra_args(false);
     AddPort(app, "--port", &command->port, "TCP port (default: as discovered)");
     AddPort(app, "--expect-port", &command->alivePort,
@@ -60,16 +60,16 @@ void AddFleetUpgrade(CLI::App* fleet, Chosen* chosen) {
     AddCommon(app, &command, &options->layout, chosen);
     app->add_option("hosts", command.hosts, "Addresses, names or MAC addresses")->type_name("HOST");
     app->add_flag("--all", command.all, "Every device that answers a search");
-    app->add_option("--from", command.from, "File with a HOST a line")->type_name("FILE");
+    app->add_option("--from", command.from, "File with one HOST per line")->type_name("FILE");
     app->add_option("--canary", command.canaries,
-                    "The rest starts only when so many have been seen alive")
+                    "Start the others only after so many were seen alive")
         ->capture_default_str()
         ->check(CLI::Range(0, kMostJobs));
     app->add_option("--max-failures", command.maxFailures,
-                    "Start no more once so many have failed (0: whatever fails)")
+                    "Start no more once so many have failed (0: no limit)")
         ->capture_default_str()
         ->check(CLI::Range(0, 100000));
-    app->add_flag("--resume", command.resume, "Go on with what the journal tells");
+    app->add_flag("--resume", command.resume, "Continue the run in the journal");
     app->add_flag("--dry-run", command.dryRun, "Show the plan and end");
     app->add_flag("--yes", command.yes, "Do not ask whether to begin");
     app->callback([options, chosen] {
@@ -96,10 +96,11 @@ void AddFleetWatch(CLI::App* fleet, Chosen* chosen) {
 
 void AddFleetReport(CLI::App* fleet, Chosen* chosen) {
     const auto command = std::make_shared<FleetReportCommand>();
-    CLI::App* app = fleet->add_subcommand("report", "Tell from a journal who has what");
+    CLI::App* app = fleet->add_subcommand("report", "Report from a journal what each device has");
     app->add_option("journal", command->journal, "Journal")->required()->type_name("FILE");
-    CLI::Option* const csv = app->add_flag("--csv", command->csv, "As a table for programs");
-    CLI::Option* const html = app->add_flag("--html", command->html, "As a page")->excludes(csv);
+    CLI::Option* const csv = app->add_flag("--csv", command->csv, "Print CSV");
+    CLI::Option* const html =
+        app->add_flag("--html", command->html, "Print an HTML page")->excludes(csv);
     app->add_flag("--json", chosen->json, "Print JSON")->excludes(csv)->excludes(html);
     app->callback([command, chosen] {
         chosen->run = [command, chosen](Json* json) {

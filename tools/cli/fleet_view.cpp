@@ -47,7 +47,7 @@ bool UnderWay(const Member& member) {
     return member.progress.state != State::kPlanned && !member.progress.Over();
 }
 
-// As many of the parts as fit.
+// The first parts that fit.
 std::string Fitted(const std::vector<std::string>& parts, const char* between, size_t columns) {
     std::string text;
     for (const std::string& part : parts) {
@@ -98,7 +98,7 @@ std::string FleetRowText(const FleetRow& row, Clock::time_point now, size_t colu
         parts.push_back(member.text);
     }
     std::string text = Fitted(parts, "  ", columns);
-    // A long reason is cut rather than left out; the report has all of it.
+    // A long reason is cut rather than left out. The report has the whole text.
     if (state == State::kFailed && Width(text) + 12 < columns) {
         text += "  " + Shortened(member.text, columns - 3 - Width(text));
     }
@@ -233,7 +233,7 @@ FleetTotal FleetView::Total(Clock::time_point now) const {
     FleetTotal total;
     total.rate = rate_.Rate();
     total.followed = followedCount_ > 0 ? followedSum_ / static_cast<double>(followedCount_) : 0;
-    double left = 0;  // of what is followed already
+    double left = 0;  // for the devices that are followed already
     for (const FleetRow& row : rows_) {
         const State state = row.member.progress.state;
         if (state == State::kDone) {
@@ -259,11 +259,11 @@ FleetTotal FleetView::Total(Clock::time_point now) const {
     return total;
 }
 
-// After Ctrl-C: what goes on, and for about how long.
+// After Ctrl-C: lists the devices under way and estimates the time that they need.
 void FleetView::TellUnderWay(Clock::time_point now) {
     toldUnderWay_ = true;
     const FleetTotal total = Total(now);
-    std::string text = std::to_string(total.underWay) + " under way are let finish";
+    std::string text = std::to_string(total.underWay) + " under way will finish";
     double left = 0;
     for (const FleetRow& row : rows_) {
         if (UnderWay(row.member)) {
@@ -276,7 +276,7 @@ void FleetView::TellUnderWay(Clock::time_point now) {
     }
     text += left > 0 ? "\nabout " + Duration(left) +
                            (total.followed > 0 ? "" : " of uploads, then their restart")
-                     : "\nfor how long is not known";
+                     : "\nthe time that they need is not known";
     Print(text + "; Ctrl-C again leaves at once");
 }
 

@@ -1,4 +1,4 @@
-// Shows a fleet run while it goes on: a table that stands still on a terminal, lines elsewhere,
+// Shows a fleet run while it goes on: a table that updates itself on a terminal, lines elsewhere,
 // events for programs.
 #pragma once
 
@@ -13,40 +13,40 @@
 
 namespace kvtool {
 
-// What is shown of one device.
+// What the view knows of one device.
 struct FleetRow {
     fleet::Member member;
     UploadProgress upload;
     RateMeter rate;
-    std::string last;            // the latest words about it
+    std::string last;            // the latest message about it
     Clock::time_point since;     // when it entered its state
-    Clock::time_point reported;  // when an event last told its progress
+    Clock::time_point reported;  // when the last progress event was printed
 };
 
-// All rows together.
+// The total of all rows.
 struct FleetTotal {
     size_t done = 0;
     size_t failed = 0;
     size_t underWay = 0;
     size_t waiting = 0;
-    uint64_t sent = 0;    // bytes acknowledged, of all
-    uint64_t size = 0;    // bytes to send, to all
+    uint64_t sent = 0;    // bytes acknowledged by all devices
+    uint64_t size = 0;    // bytes to send to all devices
     double rate = 0;      // bytes a second over all uploads; 0: not known
-    double followed = 0;  // seconds from acceptance to being seen alive so far, on average; 0: no
-                          // one has come so far
+    double followed = 0;  // average seconds from acceptance to being seen alive; 0: none seen yet
     double secondsLeft = 0;  // 0: not known
 };
 
-// One line, narrower than `columns`: what fits, the least important part left out first.
+// One line, narrower than `columns`. Leaves out what does not fit, least important parts first.
 std::string FleetRowText(const FleetRow& row, Clock::time_point now, size_t columns);
 std::string FleetTotalText(const FleetTotal& total, size_t columns);
-// Which rows a window of so many lines shows, in their order: those under way first, then those
-// that failed, then the others.
+// The rows that a window of so many lines shows, in the order of the devices. Devices under way
+// have priority, then those that failed.
 std::vector<size_t> RowsToShow(const std::vector<FleetRow>& rows, size_t lines);
 
 class FleetView : public fleet::RunListener, public fleet::JournalWatcher {
   public:
-    // `interrupted`: once raised, what is under way is told. `streamSize`: of one upload.
+    // Once `interrupted` is raised, the view lists the devices under way. `streamSize`: bytes of
+    // one upload.
     FleetView(bool json, uint64_t streamSize, const Interrupt& interrupted);
 
     void Changed(size_t member, const fleet::Member& what) override;
@@ -55,7 +55,7 @@ class FleetView : public fleet::RunListener, public fleet::JournalWatcher {
     void Note(const std::string& text) override;
     void Tick() override;
     void Written(const Json& line) override;
-    // Removes a table that still stands.
+    // Removes the table from the terminal.
     void Clear();
 
   private:
@@ -74,7 +74,7 @@ class FleetView : public fleet::RunListener, public fleet::JournalWatcher {
     std::vector<FleetRow> rows_;
     Clock::time_point start_ = Clock::now();
     Clock::time_point shown_ = start_;
-    uint64_t moved_ = 0;  // bytes acknowledged in this run, whatever became of them
+    uint64_t moved_ = 0;  // bytes acknowledged in this run, failed uploads included
     RateMeter rate_;
     double followedSum_ = 0;
     size_t followedCount_ = 0;

@@ -17,7 +17,7 @@ class WatchView {
     enum class Style { kTable, kLines, kJson };
     WatchView(Style style, FILE* out) : style_(style), out_(out), live_(out) {}
 
-    // Returns whether it could be written.
+    // Returns false if it could not be written.
     bool Show(const WatchRound& round);
     // Leaves the last table on the screen, without the line that says how to end.
     void End();

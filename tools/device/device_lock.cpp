@@ -19,12 +19,12 @@ namespace kvtool {
 namespace {
 
 [[noreturn]] void Fail(const std::string& what, const std::string& path) {
-    throw ToolError(ExitCode::kInternal, "cannot " + what + " " + Printable(path) + ": " +
-                                             strerror(errno) +
-                                             "; it keeps two upgrades of one device apart");
+    throw ToolError(ExitCode::kInternal,
+                    "cannot " + what + " " + Printable(path) + ": " + strerror(errno) +
+                        "; it is needed to prevent two upgrades of one device at a time");
 }
 
-// In a folder that others can write to, a name may be somebody else's.
+// In a folder that others can write to, the name may belong to another user.
 std::string LockFolder() {
     const char* const runtime = getenv("XDG_RUNTIME_DIR");
     const std::string folder = runtime != nullptr && *runtime == '/'
@@ -57,8 +57,8 @@ DeviceLock::DeviceLock(const std::string& mac) {
     std::string name = mac;
     std::replace(name.begin(), name.end(), ':', '-');
     const std::string path = LockFolder() + "/" + name + ".lock";
-    // The file stays: whoever removed it could remove it from under somebody who has just locked
-    // it.
+    // The file is never removed. Otherwise a process could remove the file that another one has
+    // just locked.
     fd_.Reset(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!fd_) {
         Fail("open", path);

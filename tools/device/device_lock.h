@@ -1,4 +1,4 @@
-// One upgrade a device at a time, also when several kvtool processes run.
+// Allows only one upgrade of a device at a time, even by several kvtool processes.
 #pragma once
 
 #include <string>
@@ -7,12 +7,14 @@
 
 namespace kvtool {
 
-// Held until it goes, or until the process ends in whatever way. Advisory, among the processes of
-// one user: the files lie in $XDG_RUNTIME_DIR/kvtool, or /tmp/kvtool-UID without that variable.
+// Held until the object is destroyed or the process ends in any way. The lock is advisory and works
+// among the processes of one user. The files are in $XDG_RUNTIME_DIR/kvtool, or in /tmp/kvtool-UID
+// without that variable.
 class DeviceLock {
   public:
-    // `mac` as in "AA:BB:CC:DD:EE:FF". Does not wait. Throws ToolError: kBusy, naming the holder,
-    // when somebody holds it; kInternal when the folder or the file cannot be used.
+    // `mac` as in "AA:BB:CC:DD:EE:FF". Does not wait. Throws ToolError(kBusy), which names the
+    // holder, if the lock is taken. Throws ToolError(kInternal) if the folder or the file cannot be
+    // used.
     explicit DeviceLock(const std::string& mac);
 
   private:

@@ -20,7 +20,7 @@ namespace kvtool {
 
 namespace {
 
-// One address to search at, and the interface to leave by (0: as routed).
+// One address to send searches to, and the interface to use (0: as routed).
 struct Target {
     std::string label;
     in_addr destination{};
@@ -58,8 +58,8 @@ bool Wanted(const std::vector<std::string>& interfaces, const char* name) {
            std::find(interfaces.begin(), interfaces.end(), name) != interfaces.end();
 }
 
-// Both the subnet's own broadcast address and the limited one, which also reaches a device whose
-// address belongs to another subnet.
+// The broadcast address of each subnet, and the limited one. The latter also reaches a device with
+// an address of another subnet.
 std::vector<Target> BroadcastTargets(const std::vector<std::string>& interfaces) {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) {
@@ -95,7 +95,7 @@ void RequireEach(const std::vector<std::string>& interfaces, const std::vector<T
                          [&name](const Target& target) { return target.label == name; })) {
             throw ToolError(ExitCode::kUnreachable,
                             "cannot broadcast on '" + Printable(name) +
-                                "': it is not there, not up, or has no IPv4 address");
+                                "': it does not exist, is down, or has no IPv4 address");
         }
     }
     if (targets.empty()) {
@@ -168,7 +168,7 @@ class Searcher {
         }
     }
 
-    // Whether the address is the only one that is searched.
+    // Whether the search is for this address only.
     bool IsHost(in_addr address) const {
         return !request_.host.empty() && targets_.front().destination.s_addr == address.s_addr;
     }
@@ -182,7 +182,7 @@ class Searcher {
     DiscoveryResult result_;
 };
 
-// The interface is named with each datagram, which needs no privilege.
+// Each datagram names its interface. This needs no privilege.
 bool Searcher::SendTo(const Target& target) {
     const std::string source =
         target.interfaceIndex != 0 ? AddressText(target.source) : std::string();
@@ -235,7 +235,7 @@ FoundDevice* Searcher::Take(const uint8_t* data, size_t size, const std::string&
         ++result_.malformed[sender + ": " + fault];
         return nullptr;
     }
-    // A device that could not tell its MAC address is known by where its replies come from.
+    // A device that tells no MAC address is known by the senders of its replies.
     for (FoundDevice& known : result_.devices) {
         const bool sameSender =
             std::find(known.senders.begin(), known.senders.end(), sender) != known.senders.end();
@@ -289,7 +289,7 @@ std::vector<std::string> Conflicts(const DiscoveryResult& result) {
             if (key.empty() || values.size() < 2) {
                 continue;
             }
-            // Not in the order of their answers, which differs from search to search.
+            // The order of the answers differs from search to search.
             std::sort(values.begin(), values.end());
             std::string text = std::string(what) + " " + key + " is named by " +
                                std::to_string(values.size()) + " devices, with the " + others;

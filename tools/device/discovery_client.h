@@ -1,4 +1,4 @@
-// Finds devices in recovery mode by their discovery service.
+// Finds devices in recovery mode through their discovery service.
 #pragma once
 
 #include <cstdint>
@@ -16,9 +16,9 @@ namespace kvtool {
 
 struct DiscoveryRequest {
     std::string host;                     // one device by its address; empty: broadcast
-    std::vector<std::string> interfaces;  // where to broadcast; empty: wherever it is possible
+    std::vector<std::string> interfaces;  // where to broadcast; empty: on all that can
     uint16_t port = 0;
-    Millis timeout{3000};  // how long to listen in all
+    Millis timeout{3000};  // total time to listen
     int repeat = 3;        // searches sent, spread over the first half of that time
 };
 
@@ -27,7 +27,8 @@ struct FoundDevice {
     std::vector<std::string> senders;  // addresses that its replies came from
     bool conflict = false;             // another device names its MAC address or its address
 
-    // Where to reach it: the address that it names, or one that it was seen to answer from.
+    // Where to reach it: the address that it names if it answered from there, otherwise one that it
+    // did answer from.
     const std::string& Address() const;
     // "recovery" or "conflict".
     const char* State() const { return conflict ? "conflict" : "recovery"; }
@@ -37,17 +38,17 @@ struct DiscoveryResult {
     std::vector<FoundDevice> devices;
     std::map<std::string, int> malformed;  // "10.0.0.1: wrong magic" -> how many
     std::vector<std::string> problems;     // searches that could not be sent, and why
-    int sent = 0;                          // search datagrams that left
+    int sent = 0;                          // search datagrams sent
 };
 
-// Blocks for the whole time, or until `enough` (may be empty) says so of a device found, or until
-// the host asked for has answered itself.
-// A device is listed once whatever the number of its replies. Throws ToolError(kUnreachable) when
-// no interface can carry a broadcast or the host has no IPv4 address.
+// Blocks for the whole time, until `enough` (may be empty) returns true for a device found, or
+// until the one host of the request has answered. Lists each device once, however many replies it
+// sends. Throws ToolError(kUnreachable) if no interface can carry a broadcast or the host has no
+// IPv4 address.
 DiscoveryResult Discover(const DiscoveryRequest& request,
                          const std::function<bool(const FoundDevice&)>& enough);
 
-// The same on sockets that stay open from one search to the next, so that no late answer is lost.
+// The same on sockets that stay open between searches. Late answers are not lost.
 DiscoveryResult Discover(const SearchSockets& sockets, const DiscoveryRequest& request,
                          const std::function<bool(const FoundDevice&)>& enough);
 
@@ -57,7 +58,8 @@ std::vector<std::string> Conflicts(const DiscoveryResult& result);
 // The device with this MAC address among those that answer a broadcast, or null.
 const FoundDevice* FindMac(const DiscoveryResult& result, const std::string& mac);
 
-// Asks one address; nothing when no trustworthy reply comes in time or it has no IPv4 address.
+// Asks one address. Returns nothing if no valid reply comes in time or the host has no IPv4
+// address.
 std::optional<DiscoveryReply> AskAt(const std::string& host, uint16_t port, Millis timeout);
 
 }  // namespace kvtool

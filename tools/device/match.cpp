@@ -15,7 +15,7 @@ struct Field {
     const char* name;
     std::string DiscoveryReply::*member;
 };
-// Named as in the JSON of a device.
+// The names are those in the JSON of a device.
 constexpr Field kFields[] = {
     {"mac", &DiscoveryReply::mac},
     {"address", &DiscoveryReply::ip},

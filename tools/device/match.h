@@ -1,4 +1,4 @@
-// Which of the devices that a search finds are meant.
+// Selects devices from those that a search finds.
 #pragma once
 
 #include <string>
@@ -14,11 +14,12 @@ class Matcher {
     Matcher() = default;
 
     // Each condition is "FIELD=GLOB": a field of MatchFields() and a shell pattern for its whole
-    // value, in which upper and lower case are the same. Of the conditions on one field one has to
-    // hold; each field that has conditions has to match. Throws ToolError(kUsage).
+    // value. Upper and lower case are the same. With several conditions on one field, one of them
+    // must match. Each field that has conditions must match. Throws ToolError(kUsage).
     explicit Matcher(const std::vector<std::string>& conditions);
 
-    // The address matches if the one that the device names or one that it answered from does.
+    // A condition on the address may match the address that the device names, or any that it
+    // answered from.
     bool Matches(const FoundDevice& device) const;
 
   private:

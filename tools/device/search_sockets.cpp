@@ -11,8 +11,8 @@ namespace kvtool {
 
 namespace {
 
-// Receive buffer to ask for. A reply takes about 1.3 kB of it. By default a system grants 416 KiB,
-// room for 330 replies that come while this process does not run.
+// Receive buffer to ask for. A reply takes about 1.3 kB of it. The default limit of a system is
+// 416 KiB, which holds 330 replies that arrive while this process does not run.
 constexpr int kReceiveRoom = 1 << 20;
 constexpr size_t kSockets = 4;
 constexpr int kAtOnce = 64;
@@ -76,7 +76,7 @@ bool SearchSockets::Drain(const Take& take) const {
             socklen_t length = sizeof from;
             const ssize_t n = recvfrom(fd.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT,
                                        reinterpret_cast<sockaddr*>(&from), &length);
-            // An ICMP refusal of an earlier search comes here too; it is no answer.
+            // An error may be the ICMP refusal of an earlier search, which is no answer.
             if (n < 0) {
                 break;
             }

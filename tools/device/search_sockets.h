@@ -1,4 +1,4 @@
-// The sockets of a search: hundreds of devices answer it at the same moment.
+// The sockets of a search. Hundreds of devices may answer it at the same moment.
 #pragma once
 
 #include <netinet/in.h>
@@ -12,8 +12,8 @@
 
 namespace kvtool {
 
-// Several sockets share one port; the system spreads the answers over them by the sender's address.
-// So there is room for all answers even if the system grants each socket little.
+// Several sockets share one port. The system spreads the answers over them by the sender's address.
+// Together they have room for all answers, even with a small limit for each socket.
 class SearchSockets {
   public:
     // Throws ToolError(kInternal).
@@ -24,8 +24,8 @@ class SearchSockets {
     // Becomes readable when an answer waits.
     int Waiting() const { return waiting_.Get(); }
 
-    // Gives waiting answers to `take`, at most a few hundred, until it returns false. Does not
-    // block. Returns false if `take` ended it.
+    // Gives waiting answers, at most a few hundred, to `take` until it returns false. Does not
+    // block. Returns false if `take` returned false.
     using Take = std::function<bool(const uint8_t* data, size_t size, in_addr sender)>;
     bool Drain(const Take& take) const;
 

@@ -8,7 +8,7 @@ namespace kvtool {
 
 namespace {
 
-// Of two devices that cannot tell a MAC address, those with a sender in common are one.
+// Two devices that tell no MAC address are the same if they have a sender in common.
 bool IsSame(const FoundDevice& a, const FoundDevice& b) {
     if (a.reply.mac != b.reply.mac || a.reply.ip != b.reply.ip) {
         return false;
@@ -23,7 +23,7 @@ bool HasChanged(const FoundDevice& before, const FoundDevice& now) {
            before.Address() != now.Address();
 }
 
-// An address that still answers stays the first one, whichever was quicker this time.
+// Keeps the first address as long as it answers, even if another one was quicker this time.
 FoundDevice WithSteadyAddress(FoundDevice now, const FoundDevice& before) {
     const auto still = std::find(now.senders.begin(), now.senders.end(), before.Address());
     if (still != now.senders.end()) {
@@ -54,7 +54,8 @@ std::vector<DeviceChange> Presence::Take(const std::vector<FoundDevice>& answers
         }
         return false;
     };
-    // Who kept the address goes first; what is left of a MAC address has moved.
+    // First the devices that kept their address. A remaining device with a known MAC address has
+    // moved.
     std::vector<const FoundDevice*> rest;
     for (const FoundDevice& answer : answers) {
         if (!pair(answer, [&](const FoundDevice& known) { return IsSame(known, answer); })) {
@@ -98,7 +99,7 @@ void Watch(const WatchRequest& request, const std::function<bool(const WatchRoun
             }
             result.problems.emplace_back(error.what());
         }
-        // A search of one address ends at its answer.
+        // A search at one address ends with the answer, so wait for the rest of the round.
         WaitUntil(start + request.search.timeout);
         std::vector<std::string> warnings = Conflicts(result);
         warnings.insert(warnings.end(), result.problems.begin(), result.problems.end());

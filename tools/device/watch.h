@@ -1,4 +1,4 @@
-// Watches which devices there are: searches again and again and tells what has changed.
+// Searches again and again and reports which devices have appeared, changed or gone.
 #pragma once
 
 #include <functional>
@@ -12,7 +12,7 @@ namespace kvtool {
 
 struct WatchedDevice {
     FoundDevice found;  // as it answered last
-    Millis silent{0};   // for so long it has been searched for in vain
+    Millis silent{0};   // time of searches that it did not answer
 };
 
 struct DeviceChange {
@@ -22,15 +22,16 @@ struct DeviceChange {
     FoundDevice before;  // of kChanged
 };
 
-// Compares the answers of one search with those before. Knows no clock and no network.
+// Compares the answers of one search with earlier ones. Uses no clock and no network.
 class Presence {
   public:
-    // A device is gone when it was silent for so long.
+    // A device is gone after it was silent for this time.
     explicit Presence(Millis goneAfter) : goneAfter_(goneAfter) {}
 
-    // What the devices that answered within `listened` change. A device is known by its MAC
-    // address, so that one with a new address is the same device; while several answer with one
-    // MAC address, each is known by its address as well. A time of zero makes nobody silent.
+    // Takes the answers of a search that lasted `listened`, and returns what they change. A device
+    // is known by its MAC address: with a new address it is still the same device. While several
+    // devices answer with one MAC address, each is known by its address as well. If `listened` is
+    // zero, no device becomes silent.
     std::vector<DeviceChange> Take(const std::vector<FoundDevice>& answers, Millis listened);
 
     const std::vector<WatchedDevice>& Devices() const { return devices_; }
@@ -53,8 +54,8 @@ struct WatchRound {
     std::vector<std::string> warnings;
 };
 
-// Searches round by round until `round` returns false, which it is asked after each. Time in which
-// this PC cannot search makes no device silent. Throws ToolError(kInterrupted) after Ctrl-C.
+// Searches round by round. Calls `round` after each, until it returns false. Time in which this PC
+// cannot search does not count as silence. Throws ToolError(kInterrupted) after Ctrl-C.
 void Watch(const WatchRequest& request, const std::function<bool(const WatchRound&)>& round);
 
 }  // namespace kvtool

@@ -18,7 +18,7 @@ void Attempt::Before(UpgradeStep step) {
                    step == UpgradeStep::kUpload ? State::kUploading : State::kFinishing);
 }
 
-// Of a device that is alive, what was seen says it all.
+// For a device that is alive, the observation alone is enough.
 std::string Attempt::Outcome(ExitCode code) const {
     const std::string seen = record_.observed.empty() ? "" : record_.observed.back();
     return code == ExitCode::kDone ? seen : OutcomeText(code) + ("; " + seen);
@@ -51,7 +51,7 @@ void Attempt::Take(const FoundDevice& device) {
     member_.alivePort = request_.alivePort.value_or(found.alivePort);
 }
 
-// Under the address where it was seen last, or wherever it answers a search now.
+// Asks at the last known address, then searches for the MAC address.
 bool Attempt::Locate() {
     const std::string& host = member_.address.empty() ? member_.id : member_.address;
     if (host != member_.mac) {
@@ -81,7 +81,7 @@ bool Attempt::Locate() {
     }
 }
 
-// Only a port that was closed in recovery mode proves something once it is open.
+// An open port proves life only if it was closed in recovery mode.
 void Attempt::SeePortClosed(const UpgradeSession& session) {
     if (member_.alivePort != 0) {
         member_.alivePortClosed =
@@ -96,8 +96,8 @@ void Attempt::Send() {
     }
     if (member_.mac.empty()) {
         throw ToolError(ExitCode::kRefused,
-                        "it does not tell its MAC address, so it could not be told from others "
-                        "later; nothing was sent");
+                        "it does not tell its MAC address, so kvtool could not recognize it later; "
+                        "nothing was sent");
     }
     record_.mac = member_.mac;
     lock_.emplace(member_.mac);
@@ -125,14 +125,14 @@ ExitCode Attempt::FollowOn(const Endpoint& endpoint, const Endpoint& local, int 
     target.version = request_.expectVersion;
     record_.address.clear();
     const ExitCode code = Follow(target, fd, request_.times, this, &record_);
-    // "ADDRESS:PORT" of where it came back, when that is another address.
+    // "ADDRESS:PORT" where the device came back, if the address is a new one.
     const size_t port = record_.address.rfind(':');
     member_.address = port == std::string::npos ? member_.address : record_.address.substr(0, port);
     return code;
 }
 
-// It still holds the session of the upload: it is where the upload left it, after all the time
-// that an upgrade may take.
+// An upgrade ends with a restart. A device that still has the session of the upload after the
+// leave time-out has not started one.
 bool Attempt::CertainlyNotAccepted(const Endpoint& endpoint) {
     const ProbeResult probe =
         Probe(endpoint, Endpoint(), request_.times.probeReply, request_.times.probeReply);
@@ -145,7 +145,7 @@ void Attempt::Look() {
         runner_->Enter(index_, &member_, State::kLooking);
         lock_.emplace(member_.mac);
         record_.session = member_.session;
-        // One that runs its application answers no search: then it is looked for where it was.
+        // A device that runs its application answers no search. Its last address is used then.
         (void)Locate();
         const Endpoint endpoint = Resolve(member_.address, member_.commandPort).front();
         const ExitCode code = FollowOn(endpoint, Endpoint(), -1);
@@ -156,7 +156,7 @@ void Attempt::Look() {
             return;
         }
         const std::string doubt = member_.progress.reached == State::kFinishing
-                                      ? "was in doubt, the package may have been taken: "
+                                      ? "was in doubt, may have taken the package: "
                                       : "had accepted in an earlier run: ";
         End(code, doubt + Outcome(code));
     } catch (const ToolError& error) {

@@ -1,4 +1,4 @@
-// One attempt at one device of a run.
+// One attempt to upgrade one device.
 #pragma once
 
 #include <optional>
@@ -10,7 +10,7 @@
 
 namespace kvtool::fleet {
 
-// The journal cannot be written, so the step that it should have announced was not made.
+// The journal could not be written. The step that the line announces was not taken.
 class JournalLost : public ToolError {
   public:
     explicit JournalLost(const std::string& text) : ToolError(ExitCode::kInternal, text) {}
@@ -25,8 +25,9 @@ class Attempt : private UpgradeListener {
 
     // Leaves the member done or failed. Throws ToolError(kInterrupted).
     void Upgrade();
-    // Looks what became of a device that may have accepted. Leaves it done, failed, or, when it has
-    // certainly not accepted, looking: then it is to be upgraded. Throws ToolError(kInterrupted).
+    // Finds out what became of a device that may have accepted. Leaves the member done or failed.
+    // If the device has certainly not accepted, leaves the member looking, ready to be upgraded.
+    // Throws ToolError(kInterrupted).
     void Look();
 
   private:

@@ -76,7 +76,7 @@ Json StateDetails(const Member& member) {
     return details;
 }
 
-// Takes the key's value when it is there; a value of another kind throws.
+// Copies the value if the key is there. Throws if it has another type.
 template <typename Value>
 void Take(const Json& line, const char* key, Value* value) {
     if (line.contains(key)) {
@@ -102,7 +102,7 @@ class Reader {
   public:
     void Line(const Json& line) {
         if (line.at("schema").get<int>() != kSchema) {
-            throw std::runtime_error("it has a schema that this kvtool does not know");
+            throw std::runtime_error("this kvtool does not know its schema");
         }
         const auto event = line.at("event").get<std::string>();
         if (event == "run") {
@@ -135,7 +135,7 @@ class Reader {
         State state = State::kPlanned;
         const std::optional<double> time = ParseTime(line.at("time").get<std::string>());
         if (!ParseState(line.at("state").get<std::string>(), &state) || !time) {
-            throw std::runtime_error("its state or its time is none");
+            throw std::runtime_error("its state or its time is invalid");
         }
         member.progress.Enter(state);
         member.history.emplace_back(state, *time);
@@ -185,7 +185,7 @@ JournalContents ReadJournal(const std::string& path) {
     bool torn = false;
     std::string text;
     for (int number = 1; std::getline(file, text); ++number) {
-        // Every whole line has its end.
+        // Every complete line ends with a line feed.
         if (file.eof()) {
             torn = true;
             break;
@@ -209,7 +209,7 @@ JournalContents ReadJournal(const std::string& path) {
 }
 
 void Journal::Fail(int error) {
-    // What a full disk has taken of the line must not stand in front of the next one.
+    // Remove the part of the line that went onto a full disk, or the next line would follow it.
     const int ignored = ftruncate(fd_.Get(), static_cast<off_t>(size_));
     (void)ignored;
     throw ToolError(ExitCode::kInternal,
@@ -230,7 +230,7 @@ Journal Journal::Open(const std::string& path) {
     if (ftruncate(journal.fd_.Get(), static_cast<off_t>(whole)) != 0) {
         journal.Fail(errno);
     }
-    // The name of a new file has to be on the disk too.
+    // The name of a new file must be on the disk too.
     const size_t slash = path.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     const UniqueFd parent(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -1,4 +1,5 @@
-// What happened to whom, on disk before it happens. docs/fleet.md describes the lines.
+// The journal of a fleet run. Each step is on the disk before it is taken. docs/fleet.md describes
+// the lines.
 #pragma once
 
 #include <cstdint>
@@ -15,20 +16,20 @@
 
 namespace kvtool::fleet {
 
-// A device of the fleet: what the plan told, kept up to date by what happened.
+// A device of the fleet, as planned and then kept up to date.
 struct Member {
-    std::string id;        // its MAC address; how it was named as long as that is not known
+    std::string id;        // its MAC address, or its name as given until that is known
     std::string mac;       // empty: not known
-    std::string address;   // the last one that it was seen at; empty: never seen
-    std::string firmware;  // what it ran before the upgrade, as it told
+    std::string address;   // where it was seen last; empty: never seen
+    std::string firmware;  // before the upgrade
     uint16_t commandPort = 0;
-    uint16_t alivePort = 0;        // that its application opens; 0: not known
+    uint16_t alivePort = 0;        // its application opens it; 0: not known
     bool alivePortClosed = false;  // seen closed before the upload
     uint32_t session = 0;          // of the latest attempt
     Progress progress;
     ExitCode code = ExitCode::kDone;  // of the latest end
-    std::string text;                 // of the latest end, or why it cannot be upgraded
-    // When it entered which state, in seconds since 1970.
+    std::string text;                 // of the latest end, or why the device will not be upgraded
+    // The states that it entered, with the times in seconds since 1970.
     std::vector<std::pair<State, double>> history;
 };
 
@@ -42,39 +43,40 @@ struct JournalContents {
     PackageName package;  // of the first run
     int runs = 0;
     std::vector<Member> members;
-    bool torn = false;   // the last line is not whole; it announced a step that was not made
-    uint64_t whole = 0;  // bytes up to there
+    bool torn = false;   // the last line is incomplete; the step that it announces was not taken
+    uint64_t whole = 0;  // bytes of the complete lines
 };
 
-// Without any run when a new one was ended before its first line. Throws ToolError(kRefused): no
-// journal, or damaged otherwise than by a torn last line.
+// The contents have no run if the first run ended before its first line. Throws
+// ToolError(kRefused) if the file is no journal, or is damaged anywhere but in its last line.
 JournalContents ReadJournal(const std::string& path);
 
-// Told of each line that stands in the journal. Called under its lock, on the thread that wrote.
+// Gets each line after it was written, on the thread that wrote it and under the lock of the
+// journal.
 class JournalWatcher {
   public:
     virtual ~JournalWatcher() = default;
     virtual void Written(const Json& line) = 0;
 };
 
-// Appends lines. Each call returns once the line is on the disk, or throws ToolError(kInternal) and
-// leaves the file as it was. From any thread.
+// Appends lines. Each call returns once the line is on the disk. Otherwise it throws
+// ToolError(kInternal) and leaves the file as it was. May be called on any thread.
 class Journal {
   public:
-    // A new file, or an existing one whose torn last line is cut off. Throws ToolError(kBusy) while
-    // another process writes it.
+    // Creates the file, or opens it and removes an incomplete last line. Throws ToolError(kBusy)
+    // while another process writes the journal.
     static Journal Open(const std::string& path);
     Journal(Journal&& other) noexcept
         : path_(std::move(other.path_)), fd_(std::move(other.fd_)), size_(other.size_) {}
 
-    // Null: nobody.
+    // Null for no watcher.
     void Tell(JournalWatcher* watcher) { watcher_ = watcher; }
 
-    // A run begins, with these more devices in the plan: all of them or, if it ends here, none.
+    // A run begins and adds these devices to the plan: all of them or, after a crash here, none.
     void WriteRun(int run, const PackageName& package, const std::vector<Member>& members);
-    // One more device.
+    // Adds one device to the plan.
     void WritePlanned(const Member& member);
-    // The state that the member has just entered. Adds the time to its history.
+    // Writes the state that the member has just entered, and adds it to the history.
     void WriteState(Member* member);
     void WriteEnd(int run, ExitCode code);
 
@@ -91,7 +93,7 @@ class Journal {
     JournalWatcher* watcher_ = nullptr;
 };
 
-// "2026-11-25T21:12:19.123Z" and back; nothing when it is no such text.
+// Converts to "2026-11-25T21:12:19.123Z" and back. ParseTime returns nothing for any other text.
 std::string TimeText(double seconds);
 std::optional<double> ParseTime(const std::string& text);
 

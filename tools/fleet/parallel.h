@@ -1,4 +1,4 @@
-// The same work for many, a few at a time.
+// Does the same work for many items, a few at a time.
 #pragma once
 
 #include <cstddef>
@@ -6,9 +6,9 @@
 
 namespace kvtool::fleet {
 
-// Does work(0) … work(count - 1) on at most `jobs` threads and returns when all are done. Signals
-// end the waits in them. Throws the first thing that one of them threw; the rest is
-// then left out.
+// Calls work(0) … work(count - 1) on at most `jobs` threads and returns when all calls have ended.
+// Signals end the waits in them. If a call throws, no more calls begin and ForEach throws the first
+// exception.
 void ForEach(size_t count, size_t jobs, const std::function<void(size_t)>& work);
 
 }  // namespace kvtool::fleet

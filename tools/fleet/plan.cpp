@@ -9,7 +9,7 @@ namespace kvtool::fleet {
 
 namespace {
 
-// Each asks one device at a time and waits for it most of the time.
+// Number of threads. Each asks one device at a time and mostly waits.
 constexpr size_t kAskers = 32;
 
 class Planner {
@@ -37,7 +37,7 @@ class Planner {
 
   private:
     void Add(Member member) {
-        // A device may be named twice, in two ways.
+        // The user may give one device twice: by its address and by its MAC address.
         const auto same = [&member](const Member& other) {
             return other.id == member.id || (!member.mac.empty() && other.mac == member.mac);
         };
@@ -46,7 +46,7 @@ class Planner {
         }
     }
 
-    // The devices that were named, then all others if they are wanted.
+    // The devices that the user named, then all others with --all.
     void AskNamed() {
         std::vector<std::optional<FoundDevice>> answers(request_.hosts.size());
         ForEach(answers.size(), kAskers, [&](size_t i) { answers[i] = Ask(request_.hosts[i]); });
@@ -91,8 +91,8 @@ class Planner {
         }
         if (device.reply.mac.empty()) {
             plan_.warnings.push_back(device.senders.front() +
-                                     " does not tell its MAC address and is left out: it could not "
-                                     "be told from others later (kvtool upgrade takes it)");
+                                     " does not tell its MAC address and is left out: kvtool could "
+                                     "not recognize it later (kvtool upgrade takes it)");
             return;
         }
         Add(MemberOf(device, request_.port));
@@ -124,7 +124,7 @@ class Planner {
         }
     }
 
-    // What cannot be asked now is asked again before its upload.
+    // A device that does not answer here is asked again before its upload.
     void AskIdentity(Member* member) const {
         if (member->address.empty() || member->code != ExitCode::kDone) {
             return;
@@ -149,7 +149,7 @@ class Planner {
     const PlanRequest& request_;
     DiscoveryResult found_;
     Plan plan_;
-    size_t known_ = 0;  // members that stand in the journal already
+    size_t known_ = 0;  // members from the journal
 };
 
 }  // namespace

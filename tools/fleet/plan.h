@@ -1,4 +1,4 @@
-// Who is upgraded: what a search and each device itself tell before anything is done.
+// Chooses the devices to upgrade: searches, and asks each device, before anything is sent.
 #pragma once
 
 #include <optional>
@@ -14,28 +14,28 @@ namespace kvtool::fleet {
 struct PlanRequest {
     bool all = false;                // every device that answers a search
     std::vector<std::string> hosts;  // addresses, names and MAC addresses
-    Matcher matcher;                 // for those that answer
+    Matcher matcher;                 // for the devices that answer
     DiscoveryRequest discovery;
-    std::optional<uint16_t> port;  // command port, when it is not as discovered
+    std::optional<uint16_t> port;  // command port; empty: as discovered
     UpgradeTimes times;
-    std::string ic;  // what the package is for
+    std::string ic;  // chip type of the package
     std::string sensor;
 };
 
 struct Plan {
-    // A member whose code is not kDone will not be upgraded, its text tells why. One that answered
-    // no search has no address; the run tries it all the same.
+    // A member whose code is not kDone will not be upgraded; its text says why. A member that
+    // answered no search has no address. The run tries to upgrade it all the same.
     std::vector<Member> members;
     std::vector<std::string> warnings;
 };
 
 // Searches, then logs in to each device found and compares its chip and sensor type with the
-// package's. Sends nothing else. Blocks for the time of one search and some seconds. `members` is
-// what a journal knows already: those are asked nothing, and stand first in the plan.
-// Throws ToolError(kUnreachable) when no search is possible.
+// package's. Sends nothing else. Blocks for the time of one search and some seconds. `members` are
+// the devices of a journal. They are not asked anything, and are the first in the plan.
+// Throws ToolError(kUnreachable) if no search is possible.
 Plan MakePlan(const PlanRequest& request, std::vector<Member> members);
 
-// A member for a device that a search has found.
+// The member for a device that a search found.
 Member MemberOf(const FoundDevice& device, std::optional<uint16_t> port);
 
 }  // namespace kvtool::fleet

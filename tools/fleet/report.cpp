@@ -11,7 +11,7 @@ namespace kvtool::fleet {
 
 namespace {
 
-// From entering one state to leaving it.
+// A phase lasts from entering a state to leaving it.
 struct PhaseRow {
     const char* name;
     State state;
@@ -21,7 +21,8 @@ constexpr std::array<PhaseRow, 4> kPhases = {{{"connect", State::kConnecting},
                                               {"verify", State::kFinishing},
                                               {"follow", State::kAccepted}}};
 
-// Of the latest attempt; nothing: it did not come so far, or its end is not known.
+// The time of a phase in the latest attempt. Nothing if the attempt did not reach the phase, or its
+// end is not known.
 std::optional<double> PhaseSeconds(const Member& member, State state) {
     const auto& history = member.history;
     for (auto entry = history.rbegin(); entry != history.rend(); ++entry) {
@@ -46,7 +47,7 @@ std::string Decimal(std::optional<double> seconds) {
     return text.data();
 }
 
-// One row of what every form of the report tells.
+// One row, the same in every format of the report.
 std::vector<std::string> Cells(const Member& member) {
     const auto& history = member.history;
     std::vector<std::string> cells = {member.id,

@@ -1,4 +1,4 @@
-// Who has what: a journal, or the members of a run, for people and for other programs.
+// Reports on a journal or on the members of a run, for people and for other programs.
 #pragma once
 
 #include <ostream>
@@ -15,17 +15,17 @@ struct Counts {
 };
 Counts Count(const std::vector<Member>& members);
 
-// What the device has now: the package, what it had before, or that this is not known.
+// What the device has now, in words: the package, what it had before, or not known.
 const char* HasText(const Member& member);
 
-// A table of all devices: state, attempts, how long each phase of the latest attempt took.
+// A table of all devices: state, attempts, and how long each phase of the latest attempt took.
 void WriteTable(std::ostream& out, const JournalContents& journal);
-// A line for each device, with a heading; quoted as RFC 4180 says.
+// A heading and a line for each device, quoted as in RFC 4180.
 void WriteCsv(std::ostream& out, const JournalContents& journal);
-// A page that stands alone.
+// A self-contained page.
 void WriteHtml(std::ostream& out, const JournalContents& journal);
 
-// The table at the end of a run: those that are not done, each with the reason.
+// The table at the end of a run: each device that is not done, with the reason.
 void WriteTroubles(std::ostream& out, const std::vector<Member>& members);
 
 Json MemberJson(const Member& member);

@@ -42,8 +42,8 @@ void Runner::Stop(const std::string& why) {
     changed_.notify_all();
 }
 
-// A step that cannot be announced is not made. What has happened by itself is kept in memory: the
-// journal then ends with what it knew, and a later run looks at the device again.
+// If the journal cannot announce a step, the step is not taken. What the device did by itself is
+// kept in memory only. The journal then has an older state, and a later run looks at the device.
 void Runner::Enter(size_t index, Member* member, State state) {
     member->progress.Enter(state);
     const bool ownStep =
@@ -76,8 +76,8 @@ void Runner::Settle(size_t index, const Member& member) {
     members_.at(index) = member;
 }
 
-// A device whose upload was cut off still reads what had arrived of it, and would count that as the
-// first bytes of the next upload.
+// A device whose upload was cut off still reads the bytes that had arrived. It would take them for
+// the first bytes of the next upload.
 Clock::time_point Runner::EarliestStart(const Member& member) const {
     const bool cutOff = member.progress.reached == State::kUploading;
     return Clock::now() + (cutOff ? request_.retryPause : Millis(0));
@@ -108,7 +108,7 @@ std::optional<Member> Runner::Find(const std::string& id) {
     return known == members_.end() ? std::nullopt : std::optional<Member>(*known);
 }
 
-// Those that were seen alive in an earlier run count.
+// Devices that an earlier run saw alive count as canaries.
 void Runner::ChooseCanaries() {
     auto done = static_cast<size_t>(
         std::count_if(members_.begin(), members_.end(),
@@ -121,11 +121,11 @@ void Runner::ChooseCanaries() {
         }
     }
     if (canaries_.size() == waiting_.size()) {
-        canaries_.clear();  // nobody is left to wait for them
+        canaries_.clear();  // nobody would wait for them
     }
 }
 
-// Whether it has to wait for the canaries. Looking at a device changes nothing.
+// Whether the member has to wait for the canaries. A look changes nothing, so it need not wait.
 bool Runner::Held(size_t index) const {
     return !canaries_.empty() && canaries_.count(index) == 0 &&
            NextFor(members_[index].progress) == Next::kUpgrade;
@@ -147,7 +147,7 @@ std::optional<size_t> Runner::TakeWaiting(Clock::time_point* wake) {
     return std::nullopt;
 }
 
-// Waits for a member to work on; nothing: there is nothing left to do.
+// Waits for a member to work on. Returns nothing if there is nothing left to do.
 std::optional<size_t> Runner::NextMember() {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
@@ -214,7 +214,7 @@ void Runner::Conclude(size_t index) {
         canaries_[index] = true;
         if (std::all_of(canaries_.begin(), canaries_.end(),
                         [](const auto& canary) { return canary.second; })) {
-            listener_->Note(std::to_string(canaries_.size()) + " seen alive; the rest is started");
+            listener_->Note(std::to_string(canaries_.size()) + " seen alive; the others start");
             canaries_.clear();
         }
     }

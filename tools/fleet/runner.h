@@ -1,4 +1,4 @@
-// Upgrades many devices, a few at a time. Knows no terminal.
+// Upgrades many devices, a few at a time. Does not use the terminal.
 #pragma once
 
 #include <chrono>
@@ -18,32 +18,32 @@
 namespace kvtool::fleet {
 
 struct RunRequest {
-    const Bytes& package;  // all devices are sent these very bytes
-    std::string ic;        // what it is for
+    const Bytes& package;  // sent to all devices
+    std::string ic;        // its chip type
     std::string sensor;
     size_t jobs = 1;
-    size_t canaries = 0;     // so many must have been seen alive before the rest starts
-    size_t maxFailures = 0;  // so many failed devices end the starts; 0: none do
-    int retries = 0;         // further attempts at a device that has taken nothing
+    size_t canaries = 0;     // number of devices to see alive before the others start
+    size_t maxFailures = 0;  // number of failures after which no more start; 0: no limit
+    int retries = 0;         // further attempts at a device that has not accepted anything
     Millis retryPause{5000};
     UpgradeTimes times;
-    DiscoveryRequest discovery;         // how a device is looked for
-    std::optional<uint16_t> port;       // command port, when it is not as discovered
-    std::optional<uint16_t> alivePort;  // what the running application opens
+    DiscoveryRequest discovery;         // how to search for a device
+    std::optional<uint16_t> port;       // command port; empty: as discovered
+    std::optional<uint16_t> alivePort;  // port of the running application; empty: as discovered
     std::string expectVersion;          // empty: any
-    bool keepOpen = false;          // go on waiting for more devices until `startNothing` is raised
-    const Interrupt& startNothing;  // once raised, nothing is started; those under way go on
-    const Interrupt& stopNow;       // once raised, those under way are left as they are
+    bool keepOpen = false;              // wait for more devices until `startNothing` is raised
+    const Interrupt& startNothing;      // once raised, no upgrade starts; those under way go on
+    const Interrupt& stopNow;           // once raised, upgrades under way are abandoned
 };
 
 // Called from several threads, one at a time. `member` counts from 0 in the order of Add.
 class RunListener {
   public:
     virtual ~RunListener() = default;
-    // It is new, has entered a state, or is to be tried again.
+    // The member is new, has entered a state, or will be tried again.
     virtual void Changed(size_t member, const Member& what) = 0;
     virtual void Progress(size_t member, const UploadProgress& progress) = 0;
-    // What happens in words.
+    // What happens to the member, in words.
     virtual void Line(size_t member, const std::string& text) = 0;
     // About the run as a whole.
     virtual void Note(const std::string& text) = 0;
@@ -53,22 +53,22 @@ class RunListener {
 
 class Runner {
   public:
-    // `journal` holds a run that has begun; `listener` and it outlive the runner.
+    // `journal` has the beginning of a run. `journal` and `listener` outlive the runner.
     Runner(const RunRequest& request, Journal* journal, RunListener* listener)
         : request_(request), journal_(journal), listener_(listener) {}
 
-    // A device to upgrade, or one of an earlier run: then what is left to do is done. From any
-    // thread, before Run or meanwhile.
+    // Adds a device to upgrade. A device of an earlier run continues where that run left it. May be
+    // called on any thread, before Run or during it.
     void Add(Member member);
-    // Blocks until there is nothing left to do or under way. Once.
+    // Blocks until there is nothing left to do and nothing under way. May be called once.
     void Run();
 
-    // After Run: all members as they are now, and why nothing more was started (empty: all were).
+    // After Run: all members, and why no more were started (empty: all were).
     const std::vector<Member>& Members() const { return members_; }
     const std::string& Stopped() const { return stopped_; }
-    // Why the journal could not be written; empty: it is whole.
+    // After Run: why the journal could not be written; empty: it is complete.
     const std::string& JournalTrouble() const { return journalTrouble_; }
-    // A copy, from any thread; nothing: no such device.
+    // A copy of the member, or nothing if there is none. May be called on any thread.
     std::optional<Member> Find(const std::string& id);
 
   private:
@@ -89,27 +89,28 @@ class Runner {
     Clock::time_point EarliestStart(const Member& member) const;
     void Stop(const std::string& why);
 
-    // What an attempt tells: the journal has it before anybody else, and before this returns.
+    // An attempt enters a state. Writes the journal first, then tells the listener.
     void Enter(size_t index, Member* member, State state);
-    // It has certainly not accepted. Not in the journal: a later run had better look again.
+    // The device has certainly not accepted. The journal does not record that, so a later run looks
+    // again.
     void Settle(size_t index, const Member& member);
     void Tell(const std::function<void(RunListener*)>& call);
 
     RunRequest request_;
     Journal* journal_;
     RunListener* listener_;
-    std::mutex mutex_;  // of all below, and held while the listener is called
+    std::mutex mutex_;  // for everything below; held while the listener is called
     std::condition_variable changed_;
     std::vector<Member> members_;
     std::deque<Waiting> waiting_;
-    std::map<size_t, bool> canaries_;  // whether it is over; empty: nobody has to wait for any
+    std::map<size_t, bool> canaries_;  // whether each was seen alive; empty: nobody has to wait
     size_t underWay_ = 0;
     size_t failures_ = 0;
     std::string stopped_;
     std::string journalTrouble_;
 };
 
-// Whether a device that failed so has taken nothing and may be tried again.
+// Whether a failed device has not accepted anything and another attempt may succeed.
 bool MayRetry(const Member& member);
 
 }  // namespace kvtool::fleet

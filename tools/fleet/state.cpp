@@ -32,7 +32,7 @@ bool MayFollow(State from, State to) {
         case State::kPlanned:
             return false;
         case State::kConnecting:
-            // Also after a failed attempt, an interrupted one, or a look that settled the doubt.
+            // Also after a failed or interrupted attempt, or a look that settled the doubt.
             return from != State::kFinishing && from != State::kAccepted && from != State::kDone;
         case State::kUploading:
             return from == State::kConnecting;
@@ -52,7 +52,7 @@ bool MayFollow(State from, State to) {
 }
 
 void Progress::Enter(State next) {
-    // A device that may have accepted is looked at before anything else.
+    // A device that may have accepted must be looked at first.
     const bool unseen =
         next == State::kConnecting && state != State::kLooking && NextFor(*this) != Next::kUpgrade;
     if (!MayFollow(state, next) || unseen) {
@@ -78,13 +78,13 @@ Next NextFor(const Progress& progress) {
 const char* LeftText(State reached) {
     switch (reached) {
         case State::kUploading:
-            return "it holds a part of the package, flashes nothing, and waits in recovery mode "
+            return "it has only a part of the package, flashes nothing, and waits in recovery mode "
                    "for a new upgrade";
         case State::kFinishing:
-            return "in doubt: the whole package may have been sent; if the device finds it right "
-                   "it flashes and restarts by itself, so do not switch it off";
+            return "in doubt: the whole package may have been sent; if the device accepts it, it "
+                   "flashes and restarts by itself, so do not switch it off";
         case State::kAccepted:
-            return "it has accepted the package and goes on by itself; do not switch it off";
+            return "it has accepted the package and continues by itself; do not switch it off";
         default:
             return "nothing of the package was sent; it stays as it is";
     }

@@ -1,4 +1,4 @@
-// What a device goes through in a fleet run. Pure: no input, no output, no clock.
+// The states of a device in a fleet run. Does no input or output and reads no clock.
 #pragma once
 
 #include <string>
@@ -6,45 +6,45 @@
 namespace kvtool::fleet {
 
 enum class State {
-    kPlanned,     // in the plan; nothing was done
-    kConnecting,  // about to connect and ask who it is
+    kPlanned,     // in the plan; nothing was done yet
+    kConnecting,  // about to connect and ask for its identity
     kUploading,   // about to send the package
-    kFinishing,   // about to send the trailer: from here on the device may accept
-    kAccepted,    // the device has accepted; it goes on by itself
+    kFinishing,   // about to send the trailer; from now on the device may accept
+    kAccepted,    // the device has accepted and continues by itself
     kLooking,     // about to look at a device that an earlier run left in doubt
     kDone,        // seen alive
     kFailed,
 };
 
-// The word that stands in the journal.
+// The word for it in the journal.
 const char* StateName(State state);
-// False: no such word.
+// Returns false if there is no such word.
 bool ParseState(const std::string& name, State* state);
 
 // Whether a device may go from one state to the other.
 bool MayFollow(State from, State to);
 
-// What is known of a device. `reached` is the furthest that its latest attempt has come, which
-// tells how a failed device or an interrupted one was left.
+// What is known of a device. `reached` is the last state that its latest attempt reached. It shows
+// how a failed or interrupted attempt left the device.
 struct Progress {
     State state = State::kPlanned;
     State reached = State::kPlanned;  // up to kAccepted
     int attempts = 0;
 
-    // Throws std::logic_error when the device may not go there.
+    // Throws std::logic_error if the device may not enter that state now.
     void Enter(State next);
     bool Over() const { return state == State::kDone || state == State::kFailed; }
 };
 
-// What a later run does about a device.
+// What a later run does with a device.
 enum class Next {
     kUpgrade,  // it has not accepted anything
-    kLook,     // it may have accepted, or has: look what became of it
+    kLook,     // it has accepted, or may have: find out what became of it
     kNothing,  // done
 };
 Next NextFor(const Progress& progress);
 
-// How a device is left whose latest attempt came so far, in words.
+// How an attempt that came this far leaves the device, in words.
 const char* LeftText(State reached);
 
 }  // namespace kvtool::fleet
