@@ -14,7 +14,7 @@ class Matcher {
     Matcher() = default;
 
     // Each condition is "FIELD=GLOB": a field of MatchFields() and a shell pattern for its whole
-    // value. Upper and lower case are the same. With several conditions on one field, one of them
+    // value. The match ignores case. With several conditions on one field, one of them
     // must match. Each field that has conditions must match. Throws ToolError(kUsage).
     explicit Matcher(const std::vector<std::string>& conditions);
 

@@ -60,7 +60,7 @@ void Runner::Enter(size_t index, Member* member, State state) {
         lock.lock();
         if (!trouble.empty()) {
             journalTrouble_ = trouble;
-            Stop("nothing more is started: " + trouble);
+            Stop("no more upgrades start: " + trouble);
         }
     }
     if (ownStep && !journalTrouble_.empty()) {
@@ -191,14 +191,14 @@ void Runner::ConcludeFailure(const Member& member, size_t index) {
     if (MayRetry(member) && member.progress.attempts <= request_.retries) {
         waiting_.push_back({index, Clock::now() + request_.retryPause});
         listener_->Line(
-            index, "tried again in " + std::to_string(request_.retryPause.count() / 1000) + " s");
+            index, "next attempt in " + std::to_string(request_.retryPause.count() / 1000) + " s");
         return;
     }
     ++failures_;
     if (canaries_.count(index) != 0) {
-        Stop("nothing more is started: canary " + member.id + " was not seen alive");
+        Stop("no more upgrades start: canary " + member.id + " was not seen alive");
     } else if (request_.maxFailures > 0 && failures_ >= request_.maxFailures) {
-        Stop("nothing more is started: " + std::to_string(failures_) + " failed");
+        Stop("no more upgrades start: " + std::to_string(failures_) + " failed");
     }
 }
 
@@ -262,7 +262,7 @@ void Runner::Run() {
         while (running > 0) {
             (void)changed_.wait_for(lock, kTick);
             if (request_.startNothing.Raised()) {
-                Stop("interrupted: nothing more is started");
+                Stop("interrupted: no more upgrades start");
             }
             listener_->Tick();
         }
