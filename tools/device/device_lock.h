@@ -8,7 +8,8 @@
 namespace kvtool {
 
 // Held until it goes, or until the process ends in whatever way. Advisory, among the processes of
-// one user: the files lie in $XDG_RUNTIME_DIR/kvtool, or /tmp/kvtool-UID without that variable.
+// one user in one network namespace: the files lie in $XDG_RUNTIME_DIR/kvtool, or /tmp/kvtool-UID
+// without that variable.
 class DeviceLock {
   public:
     // `mac` as in "AA:BB:CC:DD:EE:FF". Does not wait. Throws ToolError: kBusy, naming the holder,
