@@ -2,7 +2,9 @@
 #include "common/kv_mini_trace.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <regex>
 #include <sstream>
 
@@ -113,6 +115,49 @@ TEST(MiniTrace, SequenceRunsTo99AndWrapsWithoutGapAcrossThreads) {
         wrapped = wrapped || after == 0;
     }
     EXPECT_TRUE(wrapped);
+}
+
+// The log is a full pipe: a thread inside a line stays there until somebody reads.
+TEST(MiniTrace, NoThreadEntersALineThatAnotherIsIn) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    const UniqueFd reader(ends[0]);
+    UniqueFd writer(ends[1]);
+    size_t filling = 0;
+    while (write(writer.Get(), "x", 1) == 1) {
+        ++filling;
+    }
+    (void)fcntl(writer.Get(), F_SETFL, 0);
+    (void)fcntl(reader.Get(), F_SETFL, 0);
+    const UniqueFd saved(dup(2));
+    (void)dup2(writer.Get(), 2);
+    writer.Reset();
+    std::atomic<pid_t> ids[2] = {{0}, {0}};
+    std::vector<std::thread> threads;
+    for (auto& id : ids) {
+        threads.emplace_back([&id] {
+            id = gettid();
+            KV_INFO("from a thread");
+        });
+    }
+    for (const auto& id : ids) {
+        EXPECT_TRUE(WaitUntil([&id] {
+            return id != 0 &&
+                   Contains(ReadFile("/proc/self/task/" + std::to_string(id) + "/stat"), ") S ");
+        }));
+    }
+    std::string text;
+    while (CountOf(text, "\n") < 2) {
+        char block[4096];
+        text.append(block, static_cast<size_t>(read(reader.Get(), block, sizeof(block))));
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    (void)dup2(saved.Get(), 2);
+    const auto lines = Split(text.substr(filling));
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(SequenceOf(lines[1]), (SequenceOf(lines[0]) + 1) % 100);
 }
 
 TEST(MiniTrace, KeepsErrno) {

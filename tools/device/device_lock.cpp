@@ -44,6 +44,13 @@ std::string LockFolder() {
     return folder;
 }
 
+// A MAC address names one device within one network. Network namespaces may hold different
+// networks, as those of virtual boards do.
+std::string NetworkName() {
+    struct stat info {};
+    return stat("/proc/self/ns/net", &info) == 0 ? "@" + std::to_string(info.st_ino) : "";
+}
+
 std::string Holder(int fd) {
     std::array<char, 64> text{};
     const ssize_t size = pread(fd, text.data(), text.size() - 1, 0);
@@ -56,7 +63,7 @@ std::string Holder(int fd) {
 DeviceLock::DeviceLock(const std::string& mac) {
     std::string name = mac;
     std::replace(name.begin(), name.end(), ':', '-');
-    const std::string path = LockFolder() + "/" + name + ".lock";
+    const std::string path = LockFolder() + "/" + name + NetworkName() + ".lock";
     // The file is never removed. Otherwise a process could remove the file that another one has
     // just locked.
     fd_.Reset(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
