@@ -23,11 +23,11 @@ std::atomic<const Interrupt*> g_first{nullptr};
 std::atomic<const Interrupt*> g_second{nullptr};
 
 // What ends this thread's waits; -1: the signals.
-thread_local int t_interruptFd = -1;
+thread_local int g_interruptFd = -1;
 
 int InterruptFd() {
-    if (t_interruptFd >= 0) {
-        return t_interruptFd;
+    if (g_interruptFd >= 0) {
+        return g_interruptFd;
     }
     return g_signalled != nullptr ? g_signalled->Fd() : -1;
 }
@@ -89,10 +89,10 @@ bool Interrupt::Raised() const {
 }
 
 InterruptedBy::InterruptedBy(const Interrupt& interrupt)
-    : before_(std::exchange(t_interruptFd, interrupt.Fd())) {}
+    : before_(std::exchange(g_interruptFd, interrupt.Fd())) {}
 
 InterruptedBy::~InterruptedBy() {
-    t_interruptFd = before_;
+    g_interruptFd = before_;
 }
 
 InterruptsInSteps::InterruptsInSteps(const Interrupt& first, const Interrupt& second) {

@@ -51,11 +51,13 @@ bool UnderWay(const Member& member) {
 std::string Fitted(const std::vector<std::string>& parts, const char* between, size_t columns) {
     std::string text;
     for (const std::string& part : parts) {
-        const std::string longer = text + (text.empty() ? "" : between) + part;
+        std::string longer = text;
+        longer += text.empty() ? "" : between;
+        longer += part;
         if (Width(longer) >= columns) {
             break;
         }
-        text = longer;
+        text = std::move(longer);
     }
     return text;
 }
