@@ -183,7 +183,7 @@ TEST_F(FleetSite, EachTroubleIsToldAndTheOthersAreServed) {
             return Contains(RunCommand(Tool({"upgrade", folder_.Path("good"), MacOf(2), "--dry-run",
                                              "--journal", folder_.Path("none")}))
                                 .output,
-                            "runs PRT7K");
+                            "  PRT7K");
         },
         60));
     EXPECT_EQ(RunCommand(Upgrade({"--resume"}), 120).status, 13);

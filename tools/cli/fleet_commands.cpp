@@ -75,14 +75,15 @@ std::string Intention(const Member& member) {
 }
 
 void PrintPlan(std::ostream& out, const Plan& plan, const fleet::PackageName& package) {
-    out << "plan for " << Printable(package.file) << ", " << SizeText(package.size) << ":\n";
+    out << "plan for " << Printable(package.file) << ", " << SizeText(package.size)
+        << " (device, address, firmware that it runs now, what will happen):\n";
     for (const Member& member : plan.members) {
-        out << "  " << member.id;
+        out << member.id;
         if (!member.address.empty() && member.address != member.id) {
             out << "  " << member.address;
         }
         if (!member.firmware.empty()) {
-            out << "  runs " << Printable(member.firmware);
+            out << "  " << Printable(member.firmware);
         }
         out << "  " << Intention(member) << '\n';
     }
