@@ -224,7 +224,7 @@ void BashScript(const std::vector<Command>& commands, std::ostream& out) {
         << "complete -F _" << program << " " << program << "\n";
 }
 
-// Escapes a text for the brackets of an option's specification.
+// Escapes a text for the brackets in which zsh expects the help of an option.
 std::string ZshText(const std::string& text) {
     std::string out;
     for (const char c : text) {

@@ -47,14 +47,8 @@ void AddCommon(CLI::App* app, FleetCommand* command, LayoutOptions* layout, Chos
     AddUpgradeTimes(app, &command->times);
 }
 
-template <typename Command>
-struct FleetOptions {
-    Command command;
-    LayoutOptions layout;
-};
-
 void AddFleetUpgrade(CLI::App* fleet, Chosen* chosen) {
-    const auto options = std::make_shared<FleetOptions<FleetUpgradeCommand>>();
+    const auto options = std::make_shared<WithLayout<FleetUpgradeCommand>>();
     FleetUpgradeCommand& command = options->command;
     CLI::App* app = fleet->add_subcommand("upgrade", "Upgrade many devices with one package");
     AddCommon(app, &command, &options->layout, chosen);
@@ -81,7 +75,7 @@ void AddFleetUpgrade(CLI::App* fleet, Chosen* chosen) {
 }
 
 void AddFleetWatch(CLI::App* fleet, Chosen* chosen) {
-    const auto options = std::make_shared<FleetOptions<FleetCommand>>();
+    const auto options = std::make_shared<WithLayout<FleetCommand>>();
     CLI::App* app =
         fleet->add_subcommand("watch", "Upgrade each device that appears and is not done yet");
     AddCommon(app, &options->command, &options->layout, chosen);

@@ -29,4 +29,11 @@ struct LayoutOptions {
     }
 };
 
+// A command with the layout that its options name.
+template <typename Command>
+struct WithLayout {
+    Command command;
+    LayoutOptions layout;
+};
+
 }  // namespace kvtool

@@ -9,12 +9,6 @@ namespace kvtool {
 
 namespace {
 
-template <typename Command>
-struct WithLayout {
-    Command command;
-    LayoutOptions layout;
-};
-
 void AddPack(CLI::App* root, Chosen* chosen) {
     const auto pack = std::make_shared<WithLayout<PackCommand>>();
     PackCommand& command = pack->command;
