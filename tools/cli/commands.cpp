@@ -95,7 +95,7 @@ OpenDevice WaitForDevice(const UpgradeCommand& command, UpgradeListener* listene
     }
 }
 
-// What is needed to follow the device. Asks a device that was not searched for now: after the
+// What is needed to follow the device. A device that was not searched for is asked now: after the
 // acceptance it may be too late.
 FollowTarget TargetToFollow(const UpgradeCommand& command, const OpenDevice& device,
                             UpgradeListener* listener, UpgradeRecord* record) {

@@ -32,7 +32,8 @@ void AddCommon(CLI::App* app, FleetCommand* command, LayoutOptions* layout, Chos
     app->add_option("--journal", command->journal,
                     "Journal (default: the package's name with .journal, in this folder)")
         ->type_name("FILE");
-    app->add_flag("--force", command->package.force, "Send in spite of objections to the package");
+    app->add_flag("--force", command->package.force,
+                  "Send in spite of errors found in the package");
     app->add_flag("--json", chosen->json, "Print events and the result as lines of JSON");
     AddLayout(app, layout);
     AddTrust(app, &command->package.trust);
@@ -42,7 +43,7 @@ void AddCommon(CLI::App* app, FleetCommand* command, LayoutOptions* layout, Chos
     AddPort(app, "--expect-port", &command->alivePort,
             "TCP port that the running application opens (default: RTSP, as discovered)");
     app->add_option("--expect-version", command->expectVersion,
-                    "Firmware version that the running application tells a search");
+                    "Firmware version that the running application must name in a search reply");
     AddAnswerTimes(app, &command->times);
     AddUpgradeTimes(app, &command->times);
 }

@@ -1,5 +1,5 @@
-// Shows a fleet run while it goes on: a table that updates itself on a terminal, lines elsewhere,
-// events for programs.
+// Shows a running fleet upgrade: a table that updates itself on a terminal, lines elsewhere, events
+// for programs.
 #pragma once
 
 #include <cstdio>

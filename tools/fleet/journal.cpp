@@ -203,7 +203,7 @@ JournalContents ReadJournal(const std::string& path) {
     contents.torn = torn;
     contents.whole = whole;
     if (contents.runs == 0 && whole > 0) {
-        throw ToolError(ExitCode::kRefused, Printable(path) + " is no journal of a fleet run");
+        throw ToolError(ExitCode::kRefused, Printable(path) + " is not the journal of a fleet run");
     }
     return contents;
 }

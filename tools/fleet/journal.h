@@ -48,11 +48,11 @@ struct JournalContents {
 };
 
 // The contents have no run if the first run ended before its first line. Throws
-// ToolError(kRefused) if the file is no journal, or is damaged anywhere but in its last line.
+// ToolError(kRefused) if the file is not a journal, or is damaged anywhere but in its last line.
 JournalContents ReadJournal(const std::string& path);
 
-// Gets each line after it was written, on the thread that wrote it and under the lock of the
-// journal.
+// Gets each line once it has been written, on the thread that wrote it and under the journal's
+// lock.
 class JournalWatcher {
   public:
     virtual ~JournalWatcher() = default;
