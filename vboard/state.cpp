@@ -75,7 +75,7 @@ UniqueFd StateDir::Lock() const {
 void StateDir::AwaitUnlocked() const {
     const UniqueFd lock(open((path_ / "lock").c_str(), O_RDONLY | O_CLOEXEC));
     if (lock && flock(lock.Get(), LOCK_SH) != 0) {
-        throw SysError("cannot wait for the runner's end");
+        throw SysError("cannot wait for the runner to end");
     }
 }
 
