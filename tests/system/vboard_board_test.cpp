@@ -89,7 +89,7 @@ TEST_F(Vboard, EachResetHasItsReasonAndKeepsPersistentData) {
 TEST_F(Vboard, AnAcceleratedClockAppliesToTheWholeBoardAndTheLastBootEndsTheRunner) {
     Run({"--no-wifi", "--max-boots", "2", "--speed", "10"}, {g_self, "feed", "60"});
     EXPECT_TRUE(Contains(board_.Do({"status"}), "boot 1, clock 10 times as fast ("));
-    // Applies to a command on the board and to the processes it starts.
+    // The clock applies to a command on the board and to the processes that it starts.
     const auto before = Clock::now();
     EXPECT_EQ(OnBoard("sleep 10; sh -c 'sleep 10'"), "");
     EXPECT_LT(SecondsSince(before), 8);
