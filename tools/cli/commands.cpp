@@ -157,7 +157,7 @@ std::string StateLeft(const UpgradeRecord& record) {
         case Sent::kNothing:
             return "nothing of the package was sent; the device stays as it is";
         case Sent::kPart:
-            return "the device has only a part of the package and flashes nothing; repeat the "
+            return "the device has only part of the package and flashes nothing; repeat the "
                    "upgrade once it answers in recovery mode";
         case Sent::kAll:
             break;

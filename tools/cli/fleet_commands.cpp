@@ -42,13 +42,13 @@ std::string JournalPath(const FleetCommand& command) {
                : command.journal;
 }
 
-// Reads the journal of earlier runs. Throws ToolError(kRefused) if it is about another package.
+// Reads the journal of earlier runs. Throws ToolError(kRefused) if it is for another package.
 JournalContents ReadEarlier(const std::string& path, const fleet::PackageName& package) {
     JournalContents earlier = fleet::ReadJournal(path);
     if (earlier.package.md5 != package.md5) {
-        throw ToolError(ExitCode::kRefused,
-                        "the journal " + Printable(path) + " is about another package, " +
-                            earlier.package.file + " with MD5 " + earlier.package.md5);
+        throw ToolError(ExitCode::kRefused, "the journal " + Printable(path) +
+                                                " is for another package, " + earlier.package.file +
+                                                " with MD5 " + earlier.package.md5);
     }
     return earlier;
 }
@@ -210,7 +210,7 @@ void CheckUsage(const FleetUpgradeCommand& command, const std::string& journal) 
     }
     if (command.resume && !HasRun(journal)) {
         throw ToolError(ExitCode::kUsage, "there is no run to resume in the journal " +
-                                              Printable(journal) + ": leave out --resume");
+                                              Printable(journal) + ": start without --resume");
     }
     if (!command.resume && HasRun(journal)) {
         throw ToolError(ExitCode::kUsage,

@@ -57,11 +57,11 @@ void AddFleetUpgrade(CLI::App* fleet, Chosen* chosen) {
     app->add_flag("--all", command.all, "Every device that answers a search");
     app->add_option("--from", command.from, "File with one HOST per line")->type_name("FILE");
     app->add_option("--canary", command.canaries,
-                    "Start the others only after so many were seen alive")
+                    "Start the others only after this many were seen alive")
         ->capture_default_str()
         ->check(CLI::Range(0, kMostJobs));
     app->add_option("--max-failures", command.maxFailures,
-                    "Start no more once so many have failed (0: no limit)")
+                    "Start no more once this many have failed (0: no limit)")
         ->capture_default_str()
         ->check(CLI::Range(0, 100000));
     app->add_flag("--resume", command.resume, "Continue the run in the journal");

@@ -100,7 +100,7 @@ void RequireEach(const std::vector<std::string>& interfaces, const std::vector<T
     }
     if (targets.empty()) {
         throw ToolError(ExitCode::kUnreachable,
-                        "no interface is up that has an IPv4 address and can broadcast");
+                        "no interface that is up and has an IPv4 address can broadcast");
     }
 }
 

@@ -139,8 +139,8 @@ class Follower {
         return expected;
     }
 
-    // Whether the application runs: its port was closed after the acceptance and is open now, and
-    // the device does not answer in recovery mode.
+    // Whether the application runs: its port has been seen closed and is open now, and the device
+    // does not answer in recovery mode.
     bool IsAlive(const ProbeResult& probe) {
         if (target_.alivePort == 0 || (!left_ && portWasClosed_)) {
             return false;

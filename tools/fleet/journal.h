@@ -64,7 +64,7 @@ class JournalWatcher {
 class Journal {
   public:
     // Creates the file, or opens it and removes an incomplete last line. Throws ToolError(kBusy)
-    // while another process writes the journal.
+    // while another process is writing the journal.
     static Journal Open(const std::string& path);
     Journal(Journal&& other) noexcept
         : path_(std::move(other.path_)), fd_(std::move(other.fd_)), size_(other.size_) {}
