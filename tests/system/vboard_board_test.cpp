@@ -195,7 +195,7 @@ TEST_F(Vboard, RefusesInOneSentence) {
     EXPECT_EQ(board_.Try({"status"}).status, 1);
     Run({"--no-wifi"});
     EXPECT_EQ(board_.Try({"run", "--", "/bin/true"}).output,
-              "vboard: another board runs on the state folder " + board_.Folder() + "\n");
+              "vboard: another board is running with the state folder " + board_.Folder() + "\n");
     EXPECT_EQ(board_.Try({"wait", "--log", "nothing", "--timeout", "0.2"}).status, 1);
     EXPECT_EQ(board_.Try({"ap", "up"}).output,
               "vboard: this board has no Wi-Fi (it runs with --no-wifi)\n");
