@@ -1,5 +1,5 @@
 # Kept thin: each target is a line of help and little more. `make help` lists the targets.
-# Most tests wait for clocks, so run four times as many at once as there are cores.
+# Tests mostly wait, so run four times as many at once as there are cores.
 JOBS ?= $(shell expr 4 \* $$(nproc))
 PREFIX ?= /usr/local
 
@@ -50,7 +50,7 @@ bench: build ## Measure an upload against socat on the same virtual link
 	@scripts/setup.sh vboard scripts bench
 	@scripts/bench_upload.sh
 
-demo-fleet: build ## Watch eight cameras being upgraded at once: two fail, the tool is killed and goes on (90 seconds)
+demo-fleet: build ## Watch eight cameras being upgraded at once: two fail, the tool is killed and resumes (90 seconds)
 	@scripts/setup.sh vboard scripts
 	@scripts/demo_fleet.sh
 

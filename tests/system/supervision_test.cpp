@@ -184,7 +184,7 @@ TEST(Monitor, WhatCountsAsAHeartbeat) {
     (void)board.Do({"app", "silent"});
     board.Start({"--no-wifi"});
     ASSERT_TRUE(board.WaitTrace("app file exist!"));
-    // The marker cannot be removed here, so each heartbeat tries again.
+    // The marker cannot be removed here, so each heartbeat tries to.
     (void)board.OnBoard(
         "touch /param/var/miniserver_reboot && mount --bind /bin/false /usr/bin/rm");
     const Lines ignored = {"b''",
@@ -207,7 +207,7 @@ TEST(Monitor, WhatCountsAsAHeartbeat) {
     board.SendBeats({kBeat});
     ASSERT_TRUE(board.WaitConsole("slept\n"));
     EXPECT_EQ(board.Echoes().size(), counted.size() + 1)
-        << "counted a datagram that is no heartbeat";
+        << "counted a datagram that is not a heartbeat";
     EXPECT_LT(board.LargestFeedGap(), 1.3);
 
     // Beats come every second and are logged every fourth.
