@@ -43,12 +43,13 @@ def transcript(programs):
             with subprocess.Popen(command, stdout=log, stderr=log) as runner:
                 try:
                     run(*board, "wait", "--timeout", "60", "--log", "app file not exist!")
-                    serial = json.loads(run(*board, "exec", "--", programs / "kvtool", "info", ADDRESS, "--json"))["serial"]
+                    info = run(*board, "exec", "--", programs / "kvtool", "info", ADDRESS, "--json")
                     run(*board, "exec", "--", programs / "kvtool", "conform", ADDRESS, "--destructive",
                         "--package", work / "package", "--transcript", work / "transcript")
                 finally:
                     runner.send_signal(signal.SIGTERM)
         text = (work / "transcript").read_text(encoding="ascii")
+    serial = json.loads(info)["serial"]
     text = text.replace(" ".join(serial[i:i + 2].upper() for i in range(0, 16, 2)), SERIAL)
     # The top byte of each session that a reply carries.
     return re.sub(r"^(< 00 00 01 01 .. .. .. .. 01 00 00) ..", r"\1 82", text, flags=re.MULTILINE)
