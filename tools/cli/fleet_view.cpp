@@ -265,6 +265,9 @@ FleetTotal FleetView::Total(Clock::time_point now) const {
 void FleetView::TellUnderWay(Clock::time_point now) {
     toldUnderWay_ = true;
     const FleetTotal total = Total(now);
+    if (total.underWay == 0) {
+        return;
+    }
     std::string text = std::to_string(total.underWay) + " under way will finish";
     double left = 0;
     for (const FleetRow& row : rows_) {
@@ -293,7 +296,11 @@ void FleetView::Tick() {
     shown_ = now;
     rate_.Add(Seconds(start_, now), moved_);
     if (!terminal_) {
-        Print(FleetTotalText(Total(now), kPlainColumns));
+        const std::string total = FleetTotalText(Total(now), kPlainColumns);
+        if (total != total_) {
+            Print(total);
+        }
+        total_ = total;
         return;
     }
     const auto [columns, lines] = SizeOf(out_);

@@ -74,6 +74,7 @@ class FleetView : public fleet::RunListener, public fleet::JournalWatcher {
     std::vector<FleetRow> rows_;
     Clock::time_point start_ = Clock::now();
     Clock::time_point shown_ = start_;
+    std::string total_;   // as printed last, where there is no terminal
     uint64_t moved_ = 0;  // bytes acknowledged in this run, failed uploads included
     RateMeter rate_;
     double followedSum_ = 0;
