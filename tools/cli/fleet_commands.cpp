@@ -76,7 +76,7 @@ std::string Intention(const Member& member) {
 
 void PrintPlan(std::ostream& out, const Plan& plan, const fleet::PackageName& package) {
     out << "plan for " << Printable(package.file) << ", " << SizeText(package.size)
-        << " (device, address, firmware that it runs now, what will happen):\n";
+        << "\n(device, address, firmware that it runs now, what will happen):\n";
     for (const Member& member : plan.members) {
         out << member.id;
         if (!member.address.empty() && member.address != member.id) {
@@ -255,7 +255,8 @@ ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layou
     }
     const Flight flight;
     Journal journal = Journal::Open(path);
-    FleetView view(command.json, name.size + kv::kMd5TrailerSize, flight.startNothing);
+    FleetView view(command.json, name.size + kv::kMd5TrailerSize,
+                   Seconds(command.times.leave + command.times.back), flight.startNothing);
     journal.Tell(&view);
     const int run = earlier.runs + 1;
     journal.WriteRun(run, name,
@@ -379,7 +380,8 @@ ExitCode RunFleetWatch(const FleetCommand& command, const Layout& layout, Json* 
     JournalContents earlier = HasRun(path) ? ReadEarlier(path, name) : JournalContents();
     const Flight flight;
     Journal journal = Journal::Open(path);
-    FleetView view(command.json, name.size + kv::kMd5TrailerSize, flight.startNothing);
+    FleetView view(command.json, name.size + kv::kMd5TrailerSize,
+                   Seconds(command.times.leave + command.times.back), flight.startNothing);
     journal.Tell(&view);
     const int run = earlier.runs + 1;
     journal.WriteRun(run, name, {});
@@ -422,6 +424,7 @@ ExitCode RunFleetReport(const FleetReportCommand& command, Json* json) {
                           {"size", journal.package.size},
                           {"md5", journal.package.md5}};
     (*json)["runs"] = journal.runs;
+    (*json)["torn"] = journal.torn;
     (*json)["devices"] = devices;
     return ExitCode::kDone;
 }

@@ -181,6 +181,10 @@ JournalContents ReadJournal(const std::string& path) {
         return ToolError(ExitCode::kRefused,
                          "cannot read the journal " + Printable(path) + ": " + strerror(errno));
     };
+    const auto invalid = [&path](int line, const std::string& why) {
+        return ToolError(ExitCode::kRefused, Printable(path) + ":" + std::to_string(line) +
+                                                 ": not a line of a journal" + why);
+    };
     std::ifstream file(path, std::ios::binary);
     if (!file) {
         throw unreadable();
@@ -198,10 +202,10 @@ JournalContents ReadJournal(const std::string& path) {
         whole += text.size() + 1;
         try {
             reader.Line(Json::parse(text));
-        } catch (const std::exception& error) {
-            throw ToolError(ExitCode::kRefused,
-                            Printable(path) + ":" + std::to_string(number) +
-                                ": not a line of a journal: " + Printable(error.what()));
+        } catch (const std::runtime_error& error) {
+            throw invalid(number, std::string(": ") + error.what());
+        } catch (const std::exception&) {
+            throw invalid(number, "");  // no JSON, a key of another type, a step that cannot be
         }
     }
     if (file.bad()) {

@@ -131,7 +131,8 @@ std::string Summary(const JournalContents& journal) {
     const Counts counts = Count(journal.members);
     return DevicesText(journal.members.size()) + ": " + std::to_string(counts.done) + " done, " +
            std::to_string(counts.failed) + " failed, " + std::to_string(counts.open) + " open; " +
-           std::to_string(journal.runs) + (journal.runs == 1 ? " run" : " runs");
+           std::to_string(journal.runs) + (journal.runs == 1 ? " run" : " runs") +
+           (journal.torn ? "; a crash has cut off the last line" : "");
 }
 
 std::string PackageText(const JournalContents& journal) {
