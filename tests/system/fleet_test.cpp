@@ -293,14 +293,17 @@ TEST_F(FleetSite, TellsOneDeviceOverTwoInterfacesFromTwoDevicesWithOneAddress) {
     (void)OnBoard(2, {"reset"});
     EXPECT_TRUE(WaitUntil([&] { return AddressOf(2) == addresses[1]; }));
     (void)Expect(OnLaptop({"ip", "neighbour", "flush", "all"}));
-    EXPECT_TRUE(WaitUntil([this] { return Search().at("devices").size() == 2; }));
-    const json found = Search();
+    json found;
+    EXPECT_TRUE(WaitUntil([&] {
+        found = Search();
+        const json& devices = found.at("devices");
+        return devices.size() == 2 && devices[0].at("senders").size() == 2 &&
+               devices[1].at("senders").size() == 2;
+    })) << found;
     EXPECT_TRUE(found.at("conflicts").empty()) << found;
-    for (const json& device : found.at("devices")) {
-        EXPECT_EQ(device.at("senders").size(), 2U) << device;
-    }
 
-    // The disk becomes full under the journal. kvtool then begins nothing, and a later run ends it.
+    // The disk becomes full under the journal, at the lines before the trailers. kvtool then begins
+    // nothing more, and a later run ends what is left. Absent devices fill the journal's only page.
     const std::string disk = folder_.Path("disk");
     std::filesystem::create_directory(disk);
     const std::string upgrade = BinDir() + "/kvtool fleet upgrade " + folder_.Path("good") +
@@ -308,10 +311,10 @@ TEST_F(FleetSite, TellsOneDeviceOverTwoInterfacesFromTwoDevicesWithOneAddress) {
     const auto both = RunCommand(
         OnLaptop({"unshare", "--mount", "sh", "-c",
                   "mount -t tmpfs -o size=4k disk " + disk + "; " + upgrade + "--all " +
-                      "absent-1 absent-2 absent-3; echo ended $?; mount -o remount,size=1m " +
-                      disk + "; " + upgrade + "--resume; cp " + disk + "/journal " + Journal()}),
+                      "a-1 a-2 a-3 a-4 a-5 a-6; echo ended $?; mount -o remount,size=1m " + disk +
+                      "; " + upgrade + "--resume; cp " + disk + "/journal " + Journal()}),
         120);
-    EXPECT_TRUE(InOrder(both.output, {"No space left on device", "ended 1\n", "2 of 5 done"}))
+    EXPECT_TRUE(InOrder(both.output, {"No space left on device", "ended 1\n", "2 of 8 done"}))
         << both.output;
     for (int number = 1; number <= 2; ++number) {
         EXPECT_EQ(Report()[macs[number - 1]].at("state"), "done") << both.output;
