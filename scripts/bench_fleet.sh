@@ -23,7 +23,8 @@ measure() { # BOARDS JOBS
     open_site --shape 40mbit
     local began=$EPOCHREALTIME
     site start "$1" --no-eth --nor-timing -- "$bin/upgradeMain"
-    awk -v boards="$1" -v a="$began" -v b="$EPOCHREALTIME" 'BEGIN { printf "%3s boards joined in %.1f s\n", boards, b - a }'
+    awk -v boards="$1" -v began="$began" -v now="$EPOCHREALTIME" \
+        'BEGIN { printf "%3s boards joined in %.1f s\n", boards, now - began }'
     site exec -- python3 - "$bin/kvtool" "$work/fw.FLS" "$work/journal.$1.$2" "$2" "$1" "$size" "$single" <<'PYTHON'
 import resource, subprocess, sys, time
 tool, package, journal, jobs, boards, size, single = sys.argv[1:]
