@@ -179,7 +179,7 @@ std::string OtherModel(const Folder& folder) {
     return path;
 }
 
-TEST_F(FleetSite, EachTroubleIsToldAndTheOthersAreServed) {
+TEST_F(FleetSite, EachFailureIsReportedAndTheOthersAreUpgraded) {
     Start(5);
     Start(1, {"--no-eth"}, OtherModel(folder_));
     // Board 4 cannot write its application's partition, and gets another address after the restart.
@@ -322,7 +322,7 @@ TEST_F(FleetSite, TellsOneDeviceOverTwoInterfacesFromTwoDevicesWithOneAddress) {
     }
 }
 
-TEST_F(FleetSite, ALineUpgradesWhatAppears) {
+TEST_F(FleetSite, AProductionLineUpgradesWhatAppears) {
     constexpr int kBoards = 5;
     Start(1);
     Child watch(Tool({"watch", folder_.Path("good"), "--journal", Journal()}),
@@ -358,7 +358,7 @@ TEST_F(FleetBigSite, TwentyBoardsSurviveKills) {
             const json event = json::parse(text);
             process = event.at("event") == "run" ? event.at("process").get<pid_t>() : process;
         }
-        // The laptop's processes have their own numbers only if it had a PID namespace.
+        // The laptop has no PID namespace, so its processes have the same numbers here.
         ASSERT_TRUE(Contains(ReadFile("/proc/" + std::to_string(process) + "/cmdline"), "kvtool"));
         (void)kill(process, SIGKILL);
         EXPECT_EQ(run.Await(), 137);

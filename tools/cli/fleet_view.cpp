@@ -290,7 +290,7 @@ void FleetView::TellUnderWay(Clock::time_point now) {
         text += left > 0 ? " of uploads, then " : "";
         text += "at most " + Duration(restartLimit_) + " for the restart of each";
     }
-    Print(text + "; Ctrl-C again leaves at once");
+    Print(text + "; Ctrl-C again ends kvtool at once");
 }
 
 void FleetView::Tick() {

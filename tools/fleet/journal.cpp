@@ -219,7 +219,7 @@ JournalContents ReadJournal(const std::string& path) {
     const size_t compared = std::min(text.size(), kLineBegin.size());
     const bool begins = text.compare(0, compared, kLineBegin, 0, compared) == 0;
     if (contents.runs == 0 && (whole > 0 || (torn && !begins))) {
-        throw ToolError(ExitCode::kRefused, Printable(path) + " is no journal of a fleet run");
+        throw ToolError(ExitCode::kRefused, Printable(path) + " is not the journal of a fleet run");
     }
     return contents;
 }
@@ -239,7 +239,8 @@ Journal Journal::Open(const std::string& path) {
                         "cannot open the journal " + Printable(path) + ": " + strerror(errno));
     }
     if (flock(fd.Get(), LOCK_EX | LOCK_NB) != 0) {
-        throw ToolError(ExitCode::kBusy, "another process writes the journal " + Printable(path));
+        throw ToolError(ExitCode::kBusy,
+                        "another process is writing the journal " + Printable(path));
     }
     const uint64_t whole = ReadJournal(path).whole;
     Journal journal(path, std::move(fd), whole);
