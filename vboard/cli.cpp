@@ -237,12 +237,14 @@ struct Cli {
         CLI::App* const group =
             app.add_subcommand("site", "Many boards on one service network, with one laptop");
         group->require_subcommand(1);
-        Add(group, "run", "Set up the network; stays in the foreground",
-            [this](const StateDir& where) {
-                exitStatus = vboard::site::Site(siteOptions, where).Run();
-            })
-            ->add_option("--shape", siteOptions.rate,
-                         "Rate that all boards share in each direction, e.g. 40mbit");
+        CLI::App* const run = Add(group, "run", "Set up the network; stays in the foreground",
+                                  [this](const StateDir& where) {
+                                      exitStatus = vboard::site::Site(siteOptions, where).Run();
+                                  });
+        run->add_option("--shape", siteOptions.rate,
+                        "Rate that all boards share in each direction, e.g. 40mbit");
+        run->add_flag("--wired", siteOptions.wired,
+                      "Plug the laptop into the boards' wired network too");
         CLI::App* const start = Add(group, "start", "Start boards; returns when all have joined",
                                     [this](const StateDir& where) { StartBoards(where); });
         start->add_option("count", boards.count, "How many boards")

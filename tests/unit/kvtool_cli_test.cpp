@@ -343,7 +343,7 @@ TEST_F(KvtoolCli, DiscoverListsAndWatches) {
                   "02:00:5E:00:00:02  127.0.0.3  " +
                   firmware +
                   "  conflict\n"
-                  "warning: address 10.7.0.1 is named by 2 devices, with the MAC addresses "
+                  "warning: address 10.7.0.1 belongs to 2 devices, with the MAC addresses "
                   "02:00:5E:00:00:01, 02:00:5E:00:00:02\n"
                   "2 found\n");
     EXPECT_EQ(run({"--timeout", "0.3", "--match", "mac=*:03"}, &output), 4);

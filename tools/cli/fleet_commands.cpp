@@ -77,7 +77,7 @@ std::string Intention(const Member& member) {
 
 void PrintPlan(std::ostream& out, const Plan& plan, const fleet::PackageName& package) {
     out << "plan for " << Printable(package.file) << ", " << SizeText(package.size)
-        << " (device, address, present firmware, what will happen):\n";
+        << "\n(device, address, present firmware, what will happen):\n";
     for (const Member& member : plan.members) {
         out << member.id;
         if (!member.address.empty() && member.address != member.id) {
@@ -91,7 +91,7 @@ void PrintPlan(std::ostream& out, const Plan& plan, const fleet::PackageName& pa
     for (const std::string& warning : plan.warnings) {
         out << "warning: " << warning << '\n';
     }
-    out << plan.members.size() << " devices\n";
+    out << fleet::DevicesText(plan.members.size()) << '\n';
     out.flush();
 }
 
@@ -187,7 +187,11 @@ ExitCode End(Journal* journal, int run, const Runner& runner, const Flight& flig
 std::vector<std::string> HostsOf(const FleetUpgradeCommand& command) {
     std::vector<std::string> hosts = command.hosts;
     if (!command.from.empty()) {
-        for (const SourceLine& line : ReadLines(command.from)) {
+        const std::vector<SourceLine> lines = ReadLines(command.from);
+        if (lines.empty()) {
+            throw ToolError(ExitCode::kUsage, "no device in the list " + Printable(command.from));
+        }
+        for (const SourceLine& line : lines) {
             hosts.push_back(line.text);
         }
     }
@@ -252,7 +256,8 @@ ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layou
     }
     const Flight flight;
     Journal journal = Journal::Open(path);
-    FleetView view(command.json, name.size + kv::kMd5TrailerSize, flight.startNothing);
+    FleetView view(command.json, name.size + kv::kMd5TrailerSize,
+                   Seconds(command.times.leave + command.times.back), flight.startNothing);
     journal.Tell(&view);
     const int run = earlier.runs + 1;
     journal.WriteRun(run, name,
@@ -292,8 +297,10 @@ class LineWatcher {
                 Look();
                 WaitUntil(next);
             }
-        } catch (const ToolError&) {
-            // Interrupted, or the journal cannot be written. The runner will notice that too.
+        } catch (const ToolError& error) {
+            if (error.Code() != ExitCode::kInterrupted) {
+                runner_->Note(error.what());
+            }
             flight_.startNothing.Raise();
         }
     }
@@ -302,36 +309,54 @@ class LineWatcher {
     void Look() {
         std::set<std::string> there;
         try {
-            for (const FoundDevice& device : Discover(command_.discovery, nullptr).devices) {
-                if (!device.reply.mac.empty() && matcher_.Matches(device)) {
-                    there.insert(device.reply.mac);
-                    Offer(device);
+            const DiscoveryResult result = Discover(command_.discovery, nullptr);
+            const auto confusable = Confusable(result);
+            for (const FoundDevice& device : result.devices) {
+                const std::string& mac = device.reply.mac;
+                if (!mac.empty() && matcher_.Matches(device) && there.insert(mac).second) {
+                    const auto reason = confusable.find(mac);
+                    Offer(device, reason == confusable.end() ? "" : reason->second);
                 }
             }
+            Trouble(result.problems.empty() ? "" : result.problems.front());
         } catch (const ToolError& error) {
             if (error.Code() != ExitCode::kUnreachable) {
                 throw;
             }
+            Trouble(error.what());
         }
         there_ = there;
     }
 
+    // Tells why this PC cannot search, once.
+    void Trouble(const std::string& text) {
+        if (!text.empty() && text != trouble_) {
+            runner_->Note("this PC cannot search: " + text);
+        }
+        trouble_ = text;
+    }
+
     // A device that failed without accepting anything is tried again once it has been away.
-    void Offer(const FoundDevice& device) {
+    // `refusal`: why the device must not be upgraded; empty: it may.
+    void Offer(const FoundDevice& device, const std::string& refusal) {
         Member member = fleet::MemberOf(device, command_.port);
         const auto known = runner_->Find(member.id);
         if (!known) {
+            member.code = refusal.empty() ? ExitCode::kDone : ExitCode::kRefused;
+            member.text = refusal;
             journal_->WritePlanned(member);
             runner_->Add(std::move(member));
             return;
         }
-        const fleet::Progress& progress = known->progress;
-        const bool again = progress.state == State::kFailed &&
-                           NextFor(progress) == Next::kUpgrade && there_.count(member.id) == 0;
-        if (again) {
-            Member copy = *known;
-            copy.address = member.address;
-            runner_->Add(std::move(copy));
+        if (there_.count(member.id) != 0) {
+            return;
+        }
+        runner_->TryAgain(member.id, member.address);
+        if (known->progress.state == State::kDone && known->firmware == member.firmware) {
+            runner_->Note(member.id +
+                          " is done, but has appeared with its former firmware: it is "
+                          "back in recovery mode, or another device has its MAC "
+                          "address; it is not upgraded again");
         }
     }
 
@@ -341,6 +366,7 @@ class LineWatcher {
     Journal* journal_;
     Runner* runner_;
     std::set<std::string> there_;  // those that answered the previous search
+    std::string trouble_;          // why the previous search could not be sent
 };
 
 }  // namespace
@@ -355,7 +381,8 @@ ExitCode RunFleetWatch(const FleetCommand& command, const Layout& layout, Json* 
     JournalContents earlier = HasRun(path) ? ReadEarlier(path, name) : JournalContents();
     const Flight flight;
     Journal journal = Journal::Open(path);
-    FleetView view(command.json, name.size + kv::kMd5TrailerSize, flight.startNothing);
+    FleetView view(command.json, name.size + kv::kMd5TrailerSize,
+                   Seconds(command.times.leave + command.times.back), flight.startNothing);
     journal.Tell(&view);
     const int run = earlier.runs + 1;
     journal.WriteRun(run, name, {});
@@ -379,12 +406,16 @@ ExitCode RunFleetWatch(const FleetCommand& command, const Layout& layout, Json* 
 ExitCode RunFleetReport(const FleetReportCommand& command, Json* json) {
     (*json)["journal"] = Printable(command.journal);
     const JournalContents journal = fleet::ReadJournal(command.journal);
+    if (journal.runs == 0) {
+        throw ToolError(ExitCode::kRefused,
+                        "there is no run in the journal " + Printable(command.journal));
+    }
     if (command.csv) {
         fleet::WriteCsv(std::cout, journal);
     } else if (command.html) {
         fleet::WriteHtml(std::cout, journal);
     } else if (!command.json) {
-        fleet::WriteTable(std::cout, journal);
+        fleet::WriteTable(std::cout, journal, IsTerminal(stdout) ? SizeOf(stdout).columns - 1 : 0);
     }
     Json devices = Json::array();
     for (const Member& member : journal.members) {
@@ -394,6 +425,7 @@ ExitCode RunFleetReport(const FleetReportCommand& command, Json* json) {
                           {"size", journal.package.size},
                           {"md5", journal.package.md5}};
     (*json)["runs"] = journal.runs;
+    (*json)["torn"] = journal.torn;
     (*json)["devices"] = devices;
     return ExitCode::kDone;
 }

@@ -146,12 +146,14 @@ std::vector<size_t> RowsToShow(const std::vector<FleetRow>& rows, size_t lines) 
     return order;
 }
 
-FleetView::FleetView(bool json, uint64_t streamSize, const Interrupt& interrupted)
+FleetView::FleetView(bool json, uint64_t streamSize, double restartLimit,
+                     const Interrupt& interrupted)
     : json_(json),
       terminal_(!json && IsTerminal(stdout)),
       out_(json ? stderr : stdout),
       area_(out_),
       streamSize_(streamSize),
+      restartLimit_(restartLimit),
       interrupted_(interrupted) {}
 
 FleetRow& FleetView::Row(size_t member) {
@@ -254,7 +256,9 @@ FleetTotal FleetView::Total(Clock::time_point now) const {
     }
     const auto rest = static_cast<double>(total.size - std::min(total.sent, total.size));
     if (rest > 0) {
-        total.secondsLeft = total.rate > 0 ? rest / total.rate + total.followed : 0;
+        // The first bytes of an upload are slow, so they are no measure of the rest.
+        const bool known = total.rate > 0 && total.sent * 100 >= total.size;
+        total.secondsLeft = known ? rest / total.rate + total.followed : 0;
     } else {
         total.secondsLeft = left;
     }
@@ -265,6 +269,9 @@ FleetTotal FleetView::Total(Clock::time_point now) const {
 void FleetView::TellUnderWay(Clock::time_point now) {
     toldUnderWay_ = true;
     const FleetTotal total = Total(now);
+    if (total.underWay == 0) {
+        return;
+    }
     std::string text = std::to_string(total.underWay) + " under way will finish";
     double left = 0;
     for (const FleetRow& row : rows_) {
@@ -276,9 +283,13 @@ void FleetView::TellUnderWay(Clock::time_point now) {
             text += "\n  " + FleetRowText(row, now, kPlainColumns);
         }
     }
-    text += left > 0 ? "\nabout " + Duration(left) +
-                           (total.followed > 0 ? "" : " of uploads, then their restart")
-                     : "\nthe time that they need is not known";
+    text += "\n";
+    text += left > 0 ? "about " + Duration(left) : "";
+    // Until a device has been seen alive, only the limit of a restart is known.
+    if (total.followed == 0) {
+        text += left > 0 ? " of uploads, then " : "";
+        text += "at most " + Duration(restartLimit_) + " for the restart of each";
+    }
     Print(text + "; Ctrl-C again ends kvtool at once");
 }
 
@@ -293,7 +304,11 @@ void FleetView::Tick() {
     shown_ = now;
     rate_.Add(Seconds(start_, now), moved_);
     if (!terminal_) {
-        Print(FleetTotalText(Total(now), kPlainColumns));
+        const std::string total = FleetTotalText(Total(now), kPlainColumns);
+        if (total != total_) {
+            Print(total);
+        }
+        total_ = total;
         return;
     }
     const auto [columns, lines] = SizeOf(out_);

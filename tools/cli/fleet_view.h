@@ -46,8 +46,8 @@ std::vector<size_t> RowsToShow(const std::vector<FleetRow>& rows, size_t lines);
 class FleetView : public fleet::RunListener, public fleet::JournalWatcher {
   public:
     // Once `interrupted` is raised, the view lists the devices under way. `streamSize`: bytes of
-    // one upload.
-    FleetView(bool json, uint64_t streamSize, const Interrupt& interrupted);
+    // one upload. `restartLimit`: seconds that a device is followed at most.
+    FleetView(bool json, uint64_t streamSize, double restartLimit, const Interrupt& interrupted);
 
     void Changed(size_t member, const fleet::Member& what) override;
     void Progress(size_t member, const UploadProgress& progress) override;
@@ -69,11 +69,13 @@ class FleetView : public fleet::RunListener, public fleet::JournalWatcher {
     FILE* out_;
     LiveLines area_;
     uint64_t streamSize_;
+    double restartLimit_;
     const Interrupt& interrupted_;
     bool toldUnderWay_ = false;
     std::vector<FleetRow> rows_;
     Clock::time_point start_ = Clock::now();
     Clock::time_point shown_ = start_;
+    std::string total_;   // as printed last, where there is no terminal
     uint64_t moved_ = 0;  // bytes acknowledged in this run, failed uploads included
     RateMeter rate_;
     double followedSum_ = 0;

@@ -38,6 +38,8 @@ class Attempt : private UpgradeListener {
     void Send();
     void Take(const FoundDevice& device);
     bool Locate();
+    bool AskThere();
+    bool SearchFor(bool amongAll);
     void SeePortClosed(const UpgradeSession& session);
     ExitCode FollowOn(const Endpoint& endpoint, const Endpoint& local, int fd);
     bool CertainlyNotAccepted(const Endpoint& endpoint);

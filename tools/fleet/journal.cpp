@@ -15,6 +15,7 @@
 #include <fstream>
 #include <map>
 #include <stdexcept>
+#include <string_view>
 
 #include "tools/base/text.h"
 
@@ -23,6 +24,7 @@ namespace kvtool::fleet {
 namespace {
 
 constexpr int kSchema = 1;
+constexpr std::string_view kLineBegin = "{\"schema\":";  // of every line
 
 double Now() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
@@ -175,10 +177,17 @@ std::optional<double> ParseTime(const std::string& text) {
 }
 
 JournalContents ReadJournal(const std::string& path) {
+    const auto unreadable = [&path] {
+        return ToolError(ExitCode::kRefused,
+                         "cannot read the journal " + Printable(path) + ": " + strerror(errno));
+    };
+    const auto invalid = [&path](int line, const std::string& why) {
+        return ToolError(ExitCode::kRefused, Printable(path) + ":" + std::to_string(line) +
+                                                 ": not a line of a journal" + why);
+    };
     std::ifstream file(path, std::ios::binary);
     if (!file) {
-        throw ToolError(ExitCode::kRefused,
-                        "cannot read the journal " + Printable(path) + ": " + strerror(errno));
+        throw unreadable();
     }
     Reader reader;
     uint64_t whole = 0;
@@ -193,16 +202,23 @@ JournalContents ReadJournal(const std::string& path) {
         whole += text.size() + 1;
         try {
             reader.Line(Json::parse(text));
-        } catch (const std::exception& error) {
-            throw ToolError(ExitCode::kRefused,
-                            Printable(path) + ":" + std::to_string(number) +
-                                ": not a line of a journal: " + Printable(error.what()));
+        } catch (const std::runtime_error& error) {
+            throw invalid(number, std::string(": ") + error.what());
+        } catch (const std::exception&) {
+            throw invalid(number, "");  // no JSON, a key of another type, a step that cannot be
         }
+    }
+    if (file.bad()) {
+        throw unreadable();
     }
     JournalContents contents = reader.Take();
     contents.torn = torn;
     contents.whole = whole;
-    if (contents.runs == 0 && whole > 0) {
+    // Without a complete run only the beginning of its line shows that this is a journal. Any other
+    // file must not be cut.
+    const size_t compared = std::min(text.size(), kLineBegin.size());
+    const bool begins = text.compare(0, compared, kLineBegin, 0, compared) == 0;
+    if (contents.runs == 0 && (whole > 0 || (torn && !begins))) {
         throw ToolError(ExitCode::kRefused, Printable(path) + " is not the journal of a fleet run");
     }
     return contents;

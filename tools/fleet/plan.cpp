@@ -29,7 +29,7 @@ class Planner {
             found_ = Discover(request_.discovery, nullptr);
         }
         AskNamed();
-        RefuseSharedMacs();
+        RefuseConfusable();
         ForEach(plan_.members.size() - known_, kAskers,
                 [this](size_t i) { AskIdentity(&plan_.members.at(known_ + i)); });
         return std::move(plan_);
@@ -53,6 +53,7 @@ class Planner {
         for (size_t i = 0; i < answers.size(); ++i) {
             if (answers[i]) {
                 Take(*answers[i]);
+                Include(*answers[i]);
             } else {
                 AddAbsent(request_.hosts[i]);
             }
@@ -99,6 +100,17 @@ class Planner {
         Add(MemberOf(device, request_.port));
     }
 
+    // Adds the answer to those of the search, so that two named devices are compared too.
+    void Include(const FoundDevice& answer) {
+        const auto known = std::find_if(
+            found_.devices.begin(), found_.devices.end(), [&answer](const FoundDevice& device) {
+                return device.reply.mac == answer.reply.mac && device.reply.ip == answer.reply.ip;
+            });
+        if (known == found_.devices.end()) {
+            found_.devices.push_back(answer);
+        }
+    }
+
     void AddAbsent(const std::string& host) {
         Member member;
         const auto mac = ParseMacAddress(host);
@@ -108,16 +120,14 @@ class Planner {
         Add(std::move(member));
     }
 
-    void RefuseSharedMacs() {
-        std::map<std::string, int> count;
-        for (const FoundDevice& device : found_.devices) {
-            ++count[device.reply.mac];
-        }
+    void RefuseConfusable() {
+        const std::map<std::string, std::string> reasons = Confusable(found_);
         for (size_t i = known_; i < plan_.members.size(); ++i) {
             Member& member = plan_.members[i];
-            if (count[member.mac] > 1) {
+            const auto reason = reasons.find(member.mac);
+            if (reason != reasons.end()) {
                 member.code = ExitCode::kRefused;
-                member.text = "two devices answer with this MAC address";
+                member.text = reason->second;
             }
         }
         for (std::string& text : Conflicts(found_)) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <numeric>
 #include <optional>
 
 #include "tools/base/text.h"
@@ -75,6 +76,23 @@ std::vector<std::string> Headings() {
     return names;
 }
 
+constexpr size_t kGap = 2;  // between columns
+
+// Sets the widths of columns to 0, the least important first, until a line of `width` characters
+// (0: no limit) holds the others. The reason goes first: it needs a line of its own. Returns
+// whether all columns fit.
+bool FitColumns(std::vector<size_t>* widths, size_t width) {
+    constexpr std::array<size_t, 10> kLeastImportant = {12, 2, 6, 7, 8, 10, 5, 9, 11, 1};
+    for (const size_t column : kLeastImportant) {
+        const size_t all = std::accumulate(widths->begin(), widths->end(), size_t{0});
+        if (width == 0 || all <= width + kGap) {
+            return column == kLeastImportant.front();
+        }
+        widths->at(column) = 0;
+    }
+    return false;
+}
+
 std::string CsvCell(const std::string& text) {
     if (text.find_first_of(",\"\r\n") == std::string::npos) {
         return text;
@@ -111,9 +129,10 @@ std::string HtmlText(const std::string& text) {
 
 std::string Summary(const JournalContents& journal) {
     const Counts counts = Count(journal.members);
-    return std::to_string(journal.members.size()) + " devices: " + std::to_string(counts.done) +
-           " done, " + std::to_string(counts.failed) + " failed, " + std::to_string(counts.open) +
-           " open; " + std::to_string(journal.runs) + (journal.runs == 1 ? " run" : " runs");
+    return DevicesText(journal.members.size()) + ": " + std::to_string(counts.done) + " done, " +
+           std::to_string(counts.failed) + " failed, " + std::to_string(counts.open) + " open; " +
+           std::to_string(journal.runs) + (journal.runs == 1 ? " run" : " runs") +
+           (journal.torn ? "; a crash has cut off the last line" : "");
 }
 
 std::string PackageText(const JournalContents& journal) {
@@ -122,6 +141,10 @@ std::string PackageText(const JournalContents& journal) {
 }
 
 }  // namespace
+
+std::string DevicesText(size_t count) {
+    return std::to_string(count) + (count == 1 ? " device" : " devices");
+}
 
 Counts Count(const std::vector<Member>& members) {
     Counts counts;
@@ -141,7 +164,7 @@ const char* HasText(const Member& member) {
     return member.progress.reached >= State::kFinishing ? "not known" : "as before";
 }
 
-void WriteTable(std::ostream& out, const JournalContents& journal) {
+void WriteTable(std::ostream& out, const JournalContents& journal, size_t width) {
     std::vector<std::vector<std::string>> rows = {Headings()};
     for (const Member& member : journal.members) {
         rows.push_back(Cells(member));
@@ -149,17 +172,21 @@ void WriteTable(std::ostream& out, const JournalContents& journal) {
     std::vector<size_t> widths(rows.front().size());
     for (const auto& row : rows) {
         for (size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], row[i].size());
+            widths[i] = std::max(widths[i], row[i].size() + kGap);
         }
     }
+    const bool whole = FitColumns(&widths, width);
     out << PackageText(journal) << '\n';
     for (const auto& row : rows) {
         std::string line;
         for (size_t i = 0; i < row.size(); ++i) {
-            line += row[i] + std::string(widths[i] - row[i].size() + 2, ' ');
+            line += widths[i] > 0 ? row[i] + std::string(widths[i] - row[i].size(), ' ') : "";
         }
         line.erase(line.find_last_not_of(' ') + 1);
         out << line << '\n';
+    }
+    if (!whole) {
+        WriteTroubles(out, journal.members);
     }
     out << Summary(journal) << '\n';
 }
