@@ -1,0 +1,140 @@
+// The flash writer, against what kvtool foresees: writes a package to devices with the rules of NOR
+// flash, then compares each partition with kvtool's expectation.
+#include <mtd/mtd-user.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <array>
+
+#include "common/kv_platform.h"
+#include "flash/kv_fullhan_flash.h"
+#include "flash/kv_fullhan_watdog.h"
+#include "tests/fuzz/world.h"
+#include "tests/support/wire.h"
+#include "tools/base/errors.h"
+#include "tools/package/flash_image.h"
+
+using namespace fuzz;
+using namespace kv_test;
+
+namespace {
+
+constexpr uint8_t kOld = 0xA5;
+constexpr uint32_t kEraseSize = 0x8000;
+
+std::array<kvtool::Bytes, 8> g_devices;
+size_t g_position;
+
+std::string Package(Input* in) {
+    // Bytes that differ everywhere, so that a misplaced one is seen.
+    static const std::string tail = Noise(size_t{256} << 10, 1);
+    const size_t count = in->Below(5);
+    std::string package = Padded(in->Piece(), 16) + Little(1) +
+                          Little(static_cast<uint32_t>(count + in->Below(16) / 15));
+    for (size_t i = 0; i < count; ++i) {
+        const uint8_t row = in->Byte();
+        const uint32_t unit = in->Below(2) == 0 ? 1 : 4096;
+        const std::string name =
+            row < 192 ? std::string(kv::kPartitions[row % 6].name) + in->Text(row / 64) : in->Piece();
+        package += Padded(name, 128) + Little(in->Short() * unit) + Little(in->Short() * unit) +
+                   Little(0) + Little(in->Below(16) == 15 ? in->Byte() : 0x12345) +
+                   std::string(112, '\0');
+    }
+    return package.substr(0, in->Below(8) == 7 ? in->Short() : package.npos) +
+           tail.substr(0, in->Short() * size_t{4});
+}
+
+// kvtool takes a partition that is not written for one that nothing selects.
+void RequireForeseen(const std::string& package) {
+    const kvtool::Bytes bytes(package.begin(), package.end());
+    const kvtool::Layout layout = kvtool::Layout::Default();
+    for (const kvtool::LayoutRow& row : layout.Rows()) {
+        const auto first = g_devices.begin() + (row.device.back() - '0');
+        const kvtool::PartitionDump dump{row.name, {first, first + (row.IsBoot() ? 3 : 1)}};
+        try {
+            Require(kvtool::VerifyDump(bytes, layout, dump).difference.count == 0);
+        } catch (const kvtool::ToolError&) {
+            for (const kvtool::Bytes& device : dump.devices) {
+                Require(std::count(device.begin(), device.end(), kOld) ==
+                        static_cast<ptrdiff_t>(device.size()));
+            }
+        }
+    }
+}
+
+int Control(kvtool::Bytes* device, unsigned long request, void* argument) {
+    if (request == MEMGETINFO) {
+        static_cast<mtd_info_user*>(argument)->size = static_cast<uint32_t>(device->size());
+        static_cast<mtd_info_user*>(argument)->erasesize = kEraseSize;
+        return 0;
+    }
+    const auto* block = static_cast<const erase_info_user*>(argument);
+    Require(request == MEMERASE && block->start % kEraseSize == 0 && block->length == kEraseSize);
+    Require(block->start < device->size());
+    (void)std::fill_n(device->begin() + block->start, kEraseSize, uint8_t{0xFF});
+    return 0;
+}
+
+// Programming only clears bits.
+ssize_t Program(kvtool::Bytes* device, const uint8_t* bytes, size_t size) {
+    if (Refuses(64) || g_position >= device->size()) {
+        return -1;
+    }
+    size = std::min(size, device->size() - g_position);
+    for (size_t i = 0; i < size; ++i) {
+        (*device)[g_position + i] &= bytes[i];
+    }
+    return static_cast<ssize_t>(size);
+}
+
+}  // namespace
+
+int KV_FH_WDT_IsStarving() {
+    return Refuses(64) ? 1 : 0;
+}
+int KV_FH_WDT_Reboot() {
+    return 0;
+}
+
+extern "C" {
+int __real_open64(const char* path, int flags, int mode);
+int __wrap_open64(const char* path, int flags, int mode) {
+    if (!IsInside() || strncmp(path, "/dev/mtd", 8) != 0) {
+        return __real_open64(path, flags, mode);
+    }
+    kvtool::Bytes* const device = &g_devices.at(static_cast<size_t>(path[8] - '0'));
+    g_world.control = [device](unsigned long request, void* argument) {
+        return Control(device, request, argument);
+    };
+    return Refuses(64) ? -1 : kFd + (path[8] - '0');
+}
+off64_t __real_lseek64(int fd, off64_t offset, int whence);
+off64_t __wrap_lseek64(int fd, off64_t offset, int whence) {
+    g_position = static_cast<size_t>(offset);
+    return fd < kFd ? __real_lseek64(fd, offset, whence) : offset;
+}
+ssize_t __real_write(int fd, const void* bytes, size_t size);
+ssize_t __wrap_write(int fd, const void* bytes, size_t size) {
+    return fd < kFd ? __real_write(fd, bytes, size)
+                    : Program(&g_devices.at(static_cast<size_t>(fd - kFd)),
+                              static_cast<const uint8_t*>(bytes), size);
+}
+// No digest matters here, and kvtool would compute one for each partition.
+void __wrap_MD5Update(void*, const uint8_t*, size_t) {}
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Scope scope(data, size);
+    for (kvtool::Bytes& device : g_devices) {
+        device.assign(scope.in.Below(6) * kEraseSize, kOld);
+    }
+    const std::string package = Package(&scope.in);
+    Put(kv::kPackagePath, package);
+    KV_UPGRADE_Proc(0);
+    Require(KV_UPGRADE_IsUpgrading() == 1 || g_world.refusals > 0);
+    Require(KV_UPGRADE_SystemCmd(nullptr) == -1);
+    if (g_world.refusals == 0 && package.size() >= 24) {
+        RequireForeseen(package);
+    }
+    return 0;
+}
