@@ -57,7 +57,7 @@ void Signal() {
 void Connection() {
     wpa_ctrl* const ctrl = wpa_ctrl_open(std::string(g_world.in->Byte() % 128, 'p').c_str());
     if (ctrl != nullptr) {
-        size_t size = g_world.in->Below(64) + size_t{1};
+        size_t size = g_world.in->Below(64) + size_t{2};
         const std::unique_ptr<char[]> reply(new char[size]);
         const auto onEvent = [](char* message, size_t length) {
             Require(message[0] == '<' && message[length] == '\0');
