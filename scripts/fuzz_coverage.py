@@ -2,6 +2,7 @@
 """fuzz_coverage.py NAME...: prints how many lines the fuzzers of these names reached in each file that takes data from
 outside apart. Reads the profiles in build/fuzz-coverage. Exits with 1 if a file is below 90 %."""
 import json
+import os
 import pathlib
 import subprocess
 import sys
@@ -37,7 +38,7 @@ def main():
     objects = [argument for name in names[1:] for argument in ("-object", BUILD / "bin" / f"fuzz_{name}")]
     exported = subprocess.run(["llvm-cov", "export", "-summary-only", f"-instr-profile={profile}",
                                BUILD / "bin" / f"fuzz_{names[0]}", *objects], check=True, capture_output=True)
-    lines = {file["filename"]: file["summary"]["lines"] for file in json.loads(exported.stdout)["data"][0]["files"]}
+    lines = {os.path.normpath(file["filename"]): file["summary"]["lines"] for file in json.loads(exported.stdout)["data"][0]["files"]}
     low = 0
     print("| fuzzer | file | lines | reached |\n|---|---|---:|---:|")
     for name in names:

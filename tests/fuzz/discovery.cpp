@@ -1,5 +1,5 @@
-// Discovery: requests; the reply from whatever the system tells, against kvtool's reader of replies;
-// the cipher; the version file.
+// Discovery: requests; the reply from whatever the system tells, against kvtool's reader of
+// replies; the cipher; the version file.
 #include <net/if.h>
 
 #include "common/kv_platform.h"
@@ -59,7 +59,7 @@ void Search(Input* in) {
         const std::string start(kv::kDiscoveryMagic, sizeof(kv::kDiscoveryMagic));
         const std::string datagram = (in->Below(4) < 3 ? start : "") + in->Piece();
         bool replied = false;
-        g_world.receive = [&] { return datagram; };
+        g_world.receive = [&](size_t) { return datagram; };
         g_world.send = [&](const std::string& reply) {
             replied = true;
             CheckReply(reply);

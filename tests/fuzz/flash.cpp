@@ -37,7 +37,8 @@ std::string Package(Input* in) {
         const uint8_t row = in->Byte();
         const uint32_t unit = in->Below(2) == 0 ? 1 : 4096;
         const std::string name =
-            row < 192 ? std::string(kv::kPartitions[row % 6].name) + in->Text(row / 64) : in->Piece();
+            row < 192 ? std::string(kv::kPartitions[row % 6].name) + in->Text(row / 64)
+                      : in->Piece();
         package += Padded(name, 128) + Little(in->Short() * unit) + Little(in->Short() * unit) +
                    Little(0) + Little(in->Below(16) == 15 ? in->Byte() : 0x12345) +
                    std::string(112, '\0');

@@ -30,8 +30,9 @@ std::string Line(Input* in) {
     char line[200];
     const char* const name = kNames[in->Below(4)];
     const uint32_t gateway = in->Number(4);
-    (void)snprintf(line, sizeof(line), "%s\t%08X\t%08X\t%04zX\t0%*s\n", name, in->Byte(), gateway,
-                   in->Below(8), static_cast<int>(in->Below(128)), "");
+    const uint8_t shape = in->Byte();
+    (void)snprintf(line, sizeof(line), "%s\t%08X\t%08X\t%04X\t0%*s\n", name, shape, gateway,
+                   shape % 8U, shape / 2, "");
     return in->Below(4) == 3 ? in->Piece() : line;
 }
 
@@ -56,12 +57,15 @@ void Routes(Input* in) {
     Require(found == 0 ? IsQuad(gateway) : gateway[0] == '\0');
     (void)KV_NET_DetectRoutingAddr("wlan0", in->Piece().c_str());
     (void)KV_NET_SetGateway("wlan0", in->Below(2) == 0 ? "10.0.0.1" : in->Piece().c_str());
-    Require(g_world.refusals > 0 || deleted.size() == (found == 0 ? 1U : 0U));
-    Require(deleted.empty() || found != 0 || deleted[0] == gateway.bytes.get());
+    const bool right =
+        found == 0 ? deleted == std::vector<std::string>{gateway.bytes.get()} : deleted.empty();
+    Require(right || g_world.refusals > 0);
 }
 
 void Servers(Input* in) {
     Put(kv::kResolvConf, (in->Below(2) == 0 ? "nameserver " : "") + in->LongPiece());
+    Require(KV_NET_GetDNS(nullptr) == -1 && KV_NET_GetDNS_ex(nullptr, nullptr) == -1);
+    Require(KV_NET_SetDNS(nullptr) == -1 && KV_NET_SetDNS_ex("", nullptr) == -1);
     const Text server(kv::kNetDnsSize);
     const Text first(kv::kNetDnsLineSize);
     const Text second(kv::kNetDnsLineSize);

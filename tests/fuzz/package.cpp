@@ -1,5 +1,5 @@
-// Packages as kvtool reads them: check, JSON, extraction, comparison, dumps, and a package built from
-// what was extracted. The input is the package itself.
+// Packages as kvtool reads them: check, JSON, extraction, comparison, dumps, and a package built
+// from what was extracted. The input is the package itself.
 #include <algorithm>
 
 #include "common/kv_platform.h"
@@ -78,7 +78,10 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
     const size_t entry = kHeader + kEntry * (seed / 64 % 4);
     const auto row = static_cast<size_t>(seed >> 8) % std::size(kv::kPartitions);
     if ((seed & 1) != 0) {
-        put(0, std::string("PRT7K\0\0\0" "38QX\0\0\0\0", 16) + Little(seed >> 6) + Little(seed >> 3 & 7));
+        put(0, std::string("PRT7K\0\0\0"
+                           "38QX\0\0\0\0",
+                           16) +
+                   Little(seed >> 6) + Little(seed >> 3 & 7));
     }
     if ((seed & 2) != 0) {
         put(entry, std::string(kv::kPartitions[row].name) + '\0');
@@ -122,8 +125,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const size_t devices = row.name[0] == 'u' && seed % 2 == 0 ? 3 : 1 + seed % 16 / 15;
         Try([&] {
             const Bytes device(seed % 512, 0xFF);
-            RequireSafe(JsonLine(VerdictJson(VerifyDump(
-                package, layout, {row.name, std::vector<Bytes>(devices, device)}))));
+            RequireSafe(JsonLine(VerdictJson(
+                VerifyDump(package, layout, {row.name, std::vector<Bytes>(devices, device)}))));
         });
     }
     return 0;

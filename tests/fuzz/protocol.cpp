@@ -22,7 +22,8 @@ constexpr uint16_t kCommands[] = {0x0000, 0x0001, 0x0006, 0x0101, 0x2003, 0x2002
 // A package that was accepted has the digest of its trailer, and is for this device.
 void RequireSound() {
     const std::string package = Get(kv::kPackagePath);
-    Require(package.size() >= 24 && Get(kv::kMd5Path).substr(0, 36) == Trailer(package).substr(0, 36));
+    const std::string digest = Trailer(package).substr(0, 36);
+    Require(package.size() >= 24 && Get(kv::kMd5Path).find(digest) != std::string::npos);
     Require(package.compare(0, 6, "PRT7K", 6) == 0 && package.compare(8, 5, "38QX", 5) == 0);
     Require(WordAt(package, 16) != 0 && WordAt(package, 20) != 0);
 }
@@ -39,7 +40,7 @@ class Clients {
             }
             Steps(in_.Below(4));
         };
-        g_world.receive = [this] { return std::move(chunk_); };
+        g_world.receive = [this](size_t) { return std::move(chunk_); };
         g_world.send = [this](const std::string& sent) { CheckReply(sent); };
     }
 

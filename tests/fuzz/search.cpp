@@ -73,7 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const SearchSockets sockets;
     Scope scope(data, size);
     Input& in = scope.in;
-    g_world.receive = [&in] { return in.Below(4) == 3 ? "" : Reply(&in); };
+    g_world.receive = [&in](size_t) { return in.Below(4) == 3 ? "" : Reply(&in); };
     DiscoveryRequest request;
     request.host = in.Below(2) == 0 ? "192.0.2.1" : "";
     request.repeat = static_cast<int>(in.Below(4));

@@ -22,6 +22,7 @@ struct Device {
     std::string outgoing;  // on its way to the tool
     std::string received;  // since the upgrade request
     bool upgrading = false;
+    bool closed = false;
 
     void Send(std::string reply) {
         for (size_t edits = in.Below(8) / 5; edits > 0; --edits) {
@@ -39,24 +40,32 @@ struct Device {
                                         : command == 0x2003 ? DeviceRecord("ABCDEFGH")
                                                             : "";
             Send(kv_test::ReplyHeader(static_cast<uint16_t>(command), 0, 7,
-                             static_cast<uint32_t>(payload.size())) + payload);
+                                      static_cast<uint32_t>(payload.size())) +
+                 payload);
         }
         upgrading = upgrading || command == 0x2002;
     }
 
-    std::string Receive() {
+    std::string Receive(size_t room) {
         const uint8_t fate = in.Byte();
-        const std::string part = outgoing.substr(0, fate < 128 ? outgoing.npos : fate - 127U);
+        const std::string part =
+            outgoing.substr(0, fate < 128 ? room : std::min(room, fate - 127UL));
         outgoing.erase(0, part.size());
         return part;
     }
 
     int Ready(int events) {
         const uint8_t what = in.Byte();
+        closed = closed || what == 200;
         if (upgrading && what > 200) {
-            Send(kv_test::ReplyHeader(0x2002, what > 235 ? 0xFFFF : what > 230 ? in.Short() : 0, 7));
+            Send(kv_test::ReplyHeader(0x2002,
+                                      what > 235   ? 0xFFFF
+                                      : what > 230 ? in.Short()
+                                                   : 0,
+                                      7));
         }
-        return events & ((outgoing.empty() ? 0 : POLLIN) | (what % 4 == 3 ? 0 : POLLOUT));
+        return events &
+               ((outgoing.empty() && !closed ? 0 : POLLIN) | (what % 4 == 3 ? 0 : POLLOUT));
     }
 };
 
@@ -69,7 +78,7 @@ class Quiet : public UpgradeListener {
     }
 };
 
-void Upgrade(const Device& device, size_t size) {
+void Upgrade(const Device& device, const char* ic, size_t size) {
     const Bytes package(size, 'p');
     UpgradeRecord record;
     Quiet listener;
@@ -79,11 +88,12 @@ void Upgrade(const Device& device, size_t size) {
         session.Connect("192.0.2.7", 80);
         session.Login();
         session.Identify();
-        CheckIdentity("PRT7K", "38QX", record.device);
+        CheckIdentity(ic, "38QX", record.device);
         session.Upload(package);
         const auto trailer = MakeTrailer(package);
-        Require(record.accepted && device.received == std::string(size, 'p') +
-                                                          std::string(trailer.begin(), trailer.end()));
+        Require(record.accepted &&
+                device.received ==
+                    std::string(size, 'p') + std::string(trailer.begin(), trailer.end()));
     } catch (const ToolError& error) {
         end = error.what();
         RequireSafe(end);
@@ -120,7 +130,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Scope scope(data, size);
     Device device;
     g_world.send = [&](const std::string& bytes) { device.Take(bytes); };
-    g_world.receive = [&] { return device.Receive(); };
+    g_world.receive = [&](size_t room) { return device.Receive(room); };
     g_world.ready = [&](int events) { return device.Ready(events); };
     g_world.control = [&](unsigned long, void* unacknowledged) {
         *static_cast<int*>(unacknowledged) = std::max(0, scope.in.Byte() - 200) * 16;
@@ -136,7 +146,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         RequireSafe(seen);
         (void)LookAtPort(endpoint, 554, Endpoint(), Millis(1000));
     } else {
-        Upgrade(device, scope.in.Below(8) == 7 ? 70000 : scope.in.Short() % 9000);
+        const char* const ic = scope.in.Below(16) == 15 ? "other" : "PRT7K";
+        Upgrade(device, ic, scope.in.Below(8) == 7 ? 70000 : scope.in.Short() % 9000);
     }
     return 0;
 }

@@ -20,7 +20,8 @@ std::string Value(const std::string& key, size_t size) {
     const std::string reply = g_reply.substr(0, kWpaReplySize).c_str();
     const size_t found = reply.find(key);
     const size_t at = found == reply.npos ? found : reply.find('=', found);
-    return at == reply.npos ? "" : reply.substr(at + 1, reply.find('\n', at) - at - 1).substr(0, size);
+    return at == reply.npos ? ""
+                            : reply.substr(at + 1, reply.find('\n', at) - at - 1).substr(0, size);
 }
 
 template <size_t size>
@@ -97,7 +98,7 @@ extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* at
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Scope scope(data, size);
     Input& in = scope.in;
-    g_world.receive = [&in] { return g_reply = in.LongPiece(); };
+    g_world.receive = [&in](size_t) { return g_reply = in.LongPiece(); };
     KV_WIFI_SetRunPath(in.Below(4) == 3 ? "/param" : nullptr);
     while (!in.Empty()) {
         switch (in.Below(8)) {

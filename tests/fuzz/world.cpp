@@ -47,7 +47,7 @@ int Outcome(size_t odds, int error) {
 }
 
 ssize_t Receive(void* to, size_t size) {
-    const std::string bytes = g_world.receive ? g_world.receive()
+    const std::string bytes = g_world.receive ? g_world.receive(size)
                               : Refuses(16)   ? ""
                                               : g_world.in->LongPiece();
     if (bytes.empty()) {
@@ -156,10 +156,10 @@ void KV_ShellEchoFormat(const char* format, ...) {
 }
 
 // The fuzzer itself calls these too.
-#define WRAP(result, name, parameters, arguments, inside)                \
-    result __real_##name parameters;                                     \
-    result __wrap_##name parameters {                                    \
-        return IsInside() ? inside : __real_##name arguments;                \
+#define WRAP(result, name, parameters, arguments, inside)     \
+    result __real_##name parameters;                          \
+    result __wrap_##name parameters {                         \
+        return IsInside() ? inside : __real_##name arguments; \
     }
 
 extern "C" {
@@ -198,8 +198,8 @@ ssize_t __wrap_recvfrom(int, void* to, size_t size, int, sockaddr* from, socklen
 int __wrap_poll(pollfd* entries, nfds_t count, int timeoutMs) {
     const int events = entries[0].events;
     const int ready = entries[0].fd < 0 || g_world.in->Empty() || Refuses(8) ? 0
-                      : g_world.ready ? g_world.ready(events)
-                                      : events;
+                      : g_world.ready                                        ? g_world.ready(events)
+                                                                             : events;
     entries[count - 1].revents = 0;
     entries[0].revents = static_cast<short>(ready);
     g_nowMs += ready != 0 ? std::min(1, timeoutMs) : timeoutMs;

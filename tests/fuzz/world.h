@@ -62,12 +62,12 @@ constexpr int kFd = 1000;  // every descriptor that the system gives
 
 struct World {
     Input* in = nullptr;
-    int refusals = 0;                   // how often the system has refused something
-    bool poison = false;                // the rest of a receive buffer must not be touched
-    std::vector<std::string> commands;  // shell commands run
+    int refusals = 0;                     // how often the system has refused something
+    bool poison = false;                  // the rest of a receive buffer must not be touched
+    std::vector<std::string> commands;    // shell commands run
     std::function<void()> pause = [] {};  // runs inside each sleep and shell command
     // What the system does, unless the default below will do.
-    std::function<std::string()> receive;               // the next bytes; empty: none so far
+    std::function<std::string(size_t room)> receive;    // the next bytes; empty: none so far
     std::function<void(const std::string& sent)> send;  // gets what the code sends
     std::function<int(int events)> ready;               // which of the events poll finds
     std::function<int(unsigned long request, void* argument)> control;
