@@ -16,7 +16,11 @@ run() { # SECONDS NAME
     [ "$1" -gt 0 ] || limit=-runs=0
     mkdir -p "build/fuzz/corpus/$2" build/fuzz/crashes
     "build/fuzz/bin/fuzz_$2" "${options[@]}" "$limit" -dict=tests/fuzz/words.dict \
-        -artifact_prefix="build/fuzz/crashes/$2-" "build/fuzz/corpus/$2" "tests/fuzz/seeds/$2" >"$log" 2>&1 || status=$?
+        -artifact_prefix="build/fuzz/crashes/$2-" "build/fuzz/corpus/$2" "tests/fuzz/seeds/$2" >"$log" 2>&1 &
+    local pid=$!
+    wait "$pid" || status=$?
+    # Its files in memory. It removes them itself, unless it found something.
+    rm -rf "/dev/shm/fuzz-$pid"
     awk -v name="$2" '/^stat::number_of_executed_units/ { runs = $2 } /^stat::average_exec_per_sec/ { rate = $2 }
         $3 == "cov:" { edges = $4 }
         END { printf "%-12s %10d executions  %7d/s  %6d edges\n", name, runs, rate, edges }' "$log"
@@ -38,6 +42,7 @@ if [ "$1" = coverage ]; then
     done
     exec scripts/fuzz_coverage.py "${names[@]}"
 fi
+mkdir -p build
 scripts/build.sh fuzz --target "${2:+fuzz_}${2:-fuzzers}" >build/fuzz.log || { cat build/fuzz.log && exit 1; }
 export -f run
 export options_text="${options[*]}"

@@ -20,7 +20,7 @@ FILES = {
     "heartbeat": ["main/kv_monitor.cpp"],
     "supplicant": ["wifi/kv_wpa_ctrl.cpp", "wifi/kv_wpa_query.cpp"],
     "console": ["common/kv_mini_console.cpp"],
-    "net": ["net/kv_net.cpp", "net/kv_net_route.cpp", "net/kv_net_dns.cpp"],
+    "net": ["net/kv_net_route.cpp", "net/kv_net_dns.cpp"],
     "search": ["tools/device/discovery_client.cpp", "tools/device/discovery_reply.cpp"],
     "session": ["tools/device/protocol_client.cpp", "tools/device/upgrade_session.cpp", "tools/device/probe.cpp"],
     "package": ["tools/package/check.cpp", "tools/package/compare.cpp", "tools/package/extract.cpp",

@@ -28,13 +28,6 @@ std::string Cipher(const std::string& text, const std::string& key, DesDirection
     return out;
 }
 
-std::string Inverse(std::string text) {
-    for (char& byte : text) {
-        byte = static_cast<char>(~byte);
-    }
-    return text;
-}
-
 // Only the netmask and the name server can be what kvtool refuses: the system is free in them.
 void CheckReply(const std::string& reply) {
     Require(reply.size() == sizeof(kv::DiscoveryReply));
@@ -81,14 +74,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input& in = scope.in;
     const size_t door = in.Below(8);
     if (door == 6) {
-        // Deciphering undoes enciphering, and DES keeps complements.
+        // Deciphering undoes enciphering.
         std::string key = in.Text(8);
         std::string text = in.Piece();
         key.resize(8);
         text.resize((text.size() + 7) / 8 * 8);
-        const std::string secret = Cipher(text, key, DES_ENCIPHER);
-        Require(Cipher(secret, key, DES_DECIPHER) == text);
-        Require(Cipher(Inverse(text), Inverse(key), DES_ENCIPHER) == Inverse(secret));
+        Require(Cipher(Cipher(text, key, DES_ENCIPHER), key, DES_DECIPHER) == text);
         DES_Encrypt(nullptr, nullptr, nullptr, 8);
     } else if (door == 7) {
         Put(kv::kVersionFile, in.Rest());

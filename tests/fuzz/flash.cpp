@@ -6,16 +6,13 @@
 #include <algorithm>
 #include <array>
 
-#include "common/kv_platform.h"
 #include "flash/kv_fullhan_flash.h"
 #include "flash/kv_fullhan_watdog.h"
-#include "tests/fuzz/world.h"
-#include "tests/support/wire.h"
-#include "tools/base/errors.h"
+#include "tests/fuzz/package_input.h"
+#include "tests/fuzz/tool.h"
 #include "tools/package/flash_image.h"
 
 using namespace fuzz;
-using namespace kv_test;
 
 namespace {
 
@@ -26,26 +23,6 @@ const kvtool::Bytes g_erased(0x22000, 0xFF);
 
 std::array<kvtool::Bytes, 8> g_devices;
 size_t g_position;
-
-std::string Package(Input* in) {
-    // Bytes that differ everywhere, so that a misplaced one is seen.
-    static const std::string tail = Noise(size_t{256} << 10, 1);
-    const size_t count = in->Below(5);
-    std::string package = Padded(in->Piece(), 16) + Little(1) +
-                          Little(static_cast<uint32_t>(count + in->Below(16) / 15));
-    for (size_t i = 0; i < count; ++i) {
-        const uint8_t row = in->Byte();
-        const uint32_t unit = in->Below(2) == 0 ? 1 : 4096;
-        const std::string name =
-            row < 192 ? std::string(kv::kPartitions[row % 6].name) + in->Text(row / 64)
-                      : in->Piece();
-        package += Padded(name, 128) + Little(in->Short() * unit) + Little(in->Short() * unit) +
-                   Little(0) + Little(in->Below(16) == 15 ? in->Byte() : 0x12345) +
-                   std::string(112, '\0');
-    }
-    return package.substr(0, in->Below(8) == 7 ? in->Short() : package.npos) +
-           tail.substr(0, in->Short() * size_t{4});
-}
 
 // kvtool takes a partition that is not written for one that nothing selects.
 void RequireForeseen(const std::string& package) {
@@ -62,11 +39,9 @@ void RequireForeseen(const std::string& package) {
         if (untouched && package.find(row.name) == package.npos) {
             continue;
         }
-        try {
-            Require(kvtool::VerifyDump(bytes, layout, dump).difference.count == 0);
-        } catch (const kvtool::ToolError&) {
-            Require(untouched);
-        }
+        Require(untouched || Try([&] {
+                    Require(kvtool::VerifyDump(bytes, layout, dump).difference.count == 0);
+                }));
     }
 }
 
@@ -137,7 +112,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         device.assign(g_old.begin(),
                       g_old.begin() + static_cast<ptrdiff_t>(kSizes[scope.in.Below(6)]));
     }
-    const std::string package = Package(&scope.in);
+    // Bytes that differ everywhere, so that a misplaced one is seen.
+    static const std::string images = kv_test::Noise(size_t{256} << 10, 1);
+    const std::string package = MakePackage(&scope.in, images);
     Put(kv::kPackagePath, package);
     KV_UPGRADE_Proc(0);
     Require(KV_UPGRADE_IsUpgrading() == 1 || g_world.refusals > 0);

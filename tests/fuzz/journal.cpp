@@ -1,11 +1,8 @@
 // A journal of a fleet run: read, continued after an incomplete line, and read again.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cmath>
 #include <stdexcept>
 
-#include "tests/fuzz/world.h"
+#include "tests/fuzz/tool.h"
 #include "tools/base/text.h"
 #include "tools/fleet/journal.h"
 
@@ -15,8 +12,6 @@ using namespace kvtool::fleet;
 
 namespace {
 
-const int g_fd = memfd_create("journal", 0);
-const std::string g_path = "/proc/self/fd/" + std::to_string(g_fd);
 bool g_fullDisk;
 
 // Lines: good ones from a few choices, and what the input adds.
@@ -51,12 +46,10 @@ void RequireSound(const JournalContents& contents) {
 }
 
 // What is written is read again.
-void Continue(const JournalContents& before, const std::string& id, Input* in) {
-    class Watcher : public JournalWatcher {
-        void Written(const Json& line) override { RequireSafe(JsonLine(line)); }
-    } watcher;
-    Journal journal = Journal::Open(g_path);
-    journal.Tell(&watcher);
+void Continue(const std::string& path, const std::string& id, Input* in) {
+    const JournalContents before = ReadJournal(path);
+    RequireSound(before);
+    Journal journal = Journal::Open(path);
     Member member;
     member.id = member.firmware = id;
     member.code = in->Below(2) == 0 ? ExitCode::kDone : ExitCode::kRefused;
@@ -70,7 +63,7 @@ void Continue(const JournalContents& before, const std::string& id, Input* in) {
         }
     }
     journal.WriteEnd(1, ExitCode::kSomeFailed);
-    const JournalContents after = ReadJournal(g_path);
+    const JournalContents after = ReadJournal(path);
     Require(!after.torn && after.members.size() == before.members.size() + 1);
     Require(after.members.back().id == id);
     Require(after.members.back().history.size() == member.history.size());
@@ -79,29 +72,21 @@ void Continue(const JournalContents& before, const std::string& id, Input* in) {
 
 }  // namespace
 
-extern "C" int __wrap_fsync(int) {
-    return 0;
-}
 extern "C" int __wrap_fdatasync(int) {
+    g_world.refusals += g_fullDisk ? 1 : 0;
     return g_fullDisk ? -1 : 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input in(data, size);
+    g_world.refusals = 0;
     g_fullDisk = in.Below(16) == 15;
     const std::string chosen = in.Piece();
     Input choices(reinterpret_cast<const uint8_t*>(chosen.data()), chosen.size());
     const std::string text = in.Below(2) == 0 ? Lines(&in) : in.Rest();
-    Require(ftruncate(g_fd, 0) == 0);
-    Require(pwrite(g_fd, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()));
-    try {
-        const JournalContents contents = ReadJournal(g_path);
-        RequireSound(contents);
-        Continue(contents, Printable(choices.Text(choices.Byte() % 8U)), &choices);
-    } catch (const ToolError& error) {
-        RequireSafe(error.what());
-        Require(error.Code() == ExitCode::kRefused || g_fullDisk);
-    }
+    const std::string path = Put("/journal", text);
+    const std::string id = Printable(choices.Text(choices.Byte() % 8U));
+    (void)Try([&] { Continue(path, id, &choices); });
     (void)ParseTime(text.substr(0, 40));
     return 0;
 }

@@ -1,8 +1,6 @@
-// The route table, the resolver's file and the answers of interface requests.
+// The route table and the resolver's file.
 #include <arpa/inet.h>
-#include <linux/ethtool.h>
 #include <linux/sockios.h>
-#include <net/if.h>
 #include <net/route.h>
 
 #include "common/kv_platform.h"
@@ -79,38 +77,10 @@ void Servers(Input* in) {
     Require(set != 0 || Get(kv::kResolvConf).compare(0, strlen(start.c_str()), start.c_str()) == 0);
 }
 
-void Interface(Input* in) {
-    g_world.control = [in](unsigned long request, void* argument) {
-        auto* const answer = static_cast<ifreq*>(argument);
-        Require(memchr(answer->ifr_name, '\0', IFNAMSIZ) != nullptr);
-        void* const to = request == SIOCETHTOOL
-                             ? &reinterpret_cast<ethtool_value*>(answer->ifr_data)->data
-                             : static_cast<void*>(&answer->ifr_addr);
-        (void)in->Text(4).copy(static_cast<char*>(to), 4);
-        return 0;
-    };
-    const std::string name = in->Piece();
-    const Text mac(kv::kNetMacTextSize);
-    const Text raw(kv::kNetMacSize);
-    const Text address(kv::kNetAddressSize);
-    (void)KV_NET_GetMacAddr(name.c_str(), reinterpret_cast<uint8_t*>(raw.bytes.get()), mac);
-    for (const auto get :
-         {KV_NET_GetIpAddr, KV_NET_GetNetmask, KV_NET_GetBrocastAddr, KV_NET_GetPptpAddr}) {
-        Require(get(name.c_str(), address) != 0 || IsQuad(address));
-    }
-    (void)KV_NET_SetIpAddr(name.c_str(), in->Piece().c_str());
-    (void)KV_NET_SetNetmask(name.c_str(), "255.0.0.0");
-    (void)KV_NET_GetLinkStatus(name.c_str());
-    (void)KV_NET_IsIfUp(name.c_str());
-    (void)KV_NET_IsIfRunning(name.c_str());
-    (void)KV_NET_CheckInternet();
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Scope scope(data, size);
-    void (*const doors[])(Input*) = {Routes, Servers, Interface};
-    doors[scope.in.Below(3)](&scope.in);
+    scope.in.Below(2) == 0 ? Routes(&scope.in) : Servers(&scope.in);
     return 0;
 }

@@ -4,7 +4,6 @@
 #include <algorithm>
 
 #include "tests/fuzz/world.h"
-#include "wifi/kv_wifi_sta_step.h"
 #include "wifi/kv_wpa_ctrl.h"
 #include "wifi/kv_wpa_query.h"
 
@@ -40,8 +39,6 @@ void Status() {
         RequireField(status->acAddress, "address");
         RequireField(status->acUuid, "uuid");
     }
-    kv::StaMachine machine;
-    (void)kv::StaOnStatus(&machine, known ? status->acWpaState : nullptr, true, 100);
 }
 
 void Signal() {

@@ -77,10 +77,8 @@ ssize_t Send(const void* bytes, size_t size, bool whole) {
 
 Scope::Scope(const uint8_t* data, size_t size) : in(data, size) {
     if (g_folder.used) {
-        g_folder.used = false;
-        for (const auto& file : std::filesystem::directory_iterator(g_folder.path)) {
-            (void)std::filesystem::remove(file.path());
-        }
+        std::filesystem::remove_all(g_folder.path);
+        g_folder.used = !std::filesystem::create_directory(g_folder.path);
     }
     g_world = World();
     g_world.in = &in;
@@ -97,13 +95,10 @@ bool Refuses(size_t odds) {
     return refuses;
 }
 
-void Put(const std::string& path, const std::string& text) {
+std::string Put(const std::string& path, const std::string& text) {
     g_folder.used = true;
     std::ofstream(Place(path), std::ios::binary) << text;
-}
-
-bool Exists(const std::string& path) {
-    return std::filesystem::exists(Place(path));
+    return Place(path);
 }
 
 std::string Get(const std::string& path) {
@@ -183,7 +178,7 @@ WRAP(unsigned, sleep, (unsigned a), (a), (Pause(int64_t{a} * 1000), 0U))
 WRAP(int, nanosleep, (const timespec* a, timespec* b), (a, b),
      (Pause(a->tv_sec * 1000 + a->tv_nsec / 1000000), 0))
 WRAP(int, unlink, (const char* a), (a), __real_unlink(Place(a).c_str()))
-WRAP(int, access, (const char* a, int b), (a, b), Exists(a) ? 0 : -1)
+WRAP(int, access, (const char* a, int b), (a, b), __real_access(Place(a).c_str(), b))
 WRAP(FILE*, fopen64, (const char* a, const char* b), (a, b),
      (g_folder.used = true, Refuses(64)) ? nullptr : __real_fopen64(Place(a).c_str(), b))
 WRAP(size_t, fwrite, (const void* a, size_t b, size_t c, FILE* d), (a, b, c, d),

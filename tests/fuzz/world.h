@@ -89,9 +89,9 @@ class Scope {
 bool IsInside();
 // True once in `odds` times.
 bool Refuses(size_t odds);
-// A file that the code under test finds at this path. All are gone with the next input.
-void Put(const std::string& path, const std::string& text);
-bool Exists(const std::string& path);
+// A file that the code under test finds at this path, as the last component of its name. Returns
+// where it really is. All are gone with the next scope.
+std::string Put(const std::string& path, const std::string& text);
 std::string Get(const std::string& path);
 
 }  // namespace fuzz
