@@ -39,6 +39,8 @@ class Clients {
                 RequireSound();
             }
             Steps(in_.Below(4));
+            // The callback that paused goes on, and may spoil a transfer too.
+            good_ = nullptr;
         };
         g_world.receive = [this](size_t) { return std::move(chunk_); };
         g_world.send = [this](const std::string& sent) { CheckReply(sent); };
@@ -113,11 +115,11 @@ class Clients {
         const hio_t* const io = IoOf(slot);
         const bool ready = io != nullptr && io->onRead != __KV_KorvanUpgradeRead && !g_poolEnding;
         const int before = steps_ + g_world.refusals;
-        std::string& stream = streams_.at(slot);
-        stream = (package + trailer).substr(first);
-        const bool taken = Arrive(slot, UpgradeFrame(package.size()) + package.substr(0, first));
-        const bool good = ready && taken && flaws == 0 && steps_ + g_world.refusals == before;
-        good_ = good ? &stream : nullptr;
+        if (Arrive(slot, UpgradeFrame(package.size()) + package.substr(0, first))) {
+            std::string& stream = streams_.at(slot) = (package + trailer).substr(first);
+            const bool good = ready && flaws == 0 && steps_ + g_world.refusals == before;
+            good_ = good ? &stream : nullptr;
+        }
     }
 
     // A good package that nobody has disturbed must be accepted with its last byte.
