@@ -5,8 +5,8 @@ PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
 .PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder bench bench-discovery \
-        bench-fleet client-kit board board-shell test test-ansible test-fleet unit mutants lint format sanitize \
-        packaging-check install deb clean
+        bench-fleet client-kit board board-shell test test-ansible test-fleet unit mutants fuzz fuzz-coverage lint \
+        format sanitize packaging-check install deb clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
@@ -18,8 +18,8 @@ build: ## Build the device program and the PC tools into build/bin
 	@scripts/setup.sh build
 	@scripts/build.sh release
 
-arm: ## Build the device program for ARM, dynamic and static, into build/arm
-	@scripts/build_arm.sh
+arm: ## Build the device program for ARM, dynamic and static, into build/arm (TRUSTED_KEY=: for signed packages only)
+	@TRUSTED_KEY="$(TRUSTED_KEY)" scripts/build_arm.sh
 
 kvtool-static: ## Build kvtool as one file for any Linux on this machine's architecture, into build/kvtool-static/bin
 	@scripts/setup.sh build
@@ -88,6 +88,14 @@ unit: tests-build ## Run the unit tests only
 mutants: ## Break the programs on purpose and see which tests notice (MODULE=, NAME=; docs/testing.md)
 	@scripts/setup.sh build vboard scripts test
 	@scripts/mutants.py --module "$(MODULE)" --name "$(NAME)"
+
+fuzz: ## Fuzz every place where data comes in, each for SECONDS (30), or only FUZZ=name (docs/testing.md)
+	@scripts/setup.sh build fuzz
+	@scripts/fuzz.sh $(or $(SECONDS),30) $(FUZZ)
+
+fuzz-coverage: ## Print how many lines of each parsing file the fuzzers' inputs reach
+	@scripts/setup.sh build fuzz
+	@scripts/fuzz.sh coverage
 
 lint: tests-build ## Check format, code, scripts, texts, man pages, packaging; print the tests' share of the code
 	@scripts/setup.sh lint

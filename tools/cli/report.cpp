@@ -133,7 +133,8 @@ void PrintPackage(std::ostream& out, const PackageReport& report) {
 }
 
 std::string SignatureText(const Signature& signature) {
-    return "signed by key " + signature.keyId + ": " + Printable(signature.comment);
+    return "signed by key " + signature.keyId + ": " + Printable(signature.comment) +
+           (signature.form == SignatureForm::kEmbedded ? "" : " (detached signature)");
 }
 
 void PrintInfo(std::ostream& out, const InfoReport& report) {

@@ -54,7 +54,7 @@ uint64_t WriteEntry(const Bytes& package, const EntryReport& entry, bool boot,
     // If the image does not end the package, the remainder wraps below zero and counts as huge.
     auto remaining = entry.dataLen;
     for (Bytes& device : *flash) {
-        if (remaining != 0) {
+        if (remaining != 0 && !device.empty()) {
             const uint64_t size = WriteDevice(&reader, remaining, &device);
             remaining -= static_cast<uint32_t>(size);
             written += size;

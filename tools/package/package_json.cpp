@@ -63,6 +63,9 @@ Json PackageJson(const PackageReport& report) {
         json["total_length"] = report.totalLen;
         json["file_num"] = report.fileNum;
     }
+    if (report.signature) {
+        json["embedded_signature"] = SignatureJson(report.signature->text);
+    }
     json["entries"] = Json::array();
     for (const EntryReport& entry : report.entries) {
         json["entries"].push_back(EntryJson(entry));
@@ -72,7 +75,9 @@ Json PackageJson(const PackageReport& report) {
 }
 
 Json SignatureJson(const Signature& signature) {
-    return {{"key_id", signature.keyId}, {"trusted_comment", Printable(signature.comment)}};
+    return {{"key_id", signature.keyId},
+            {"trusted_comment", Printable(signature.comment)},
+            {"form", signature.form == SignatureForm::kEmbedded ? "embedded" : "detached"}};
 }
 
 Json ComparisonJson(const PackageComparison& comparison) {

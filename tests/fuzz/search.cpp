@@ -1,0 +1,90 @@
+// kvtool's search: replies of devices, good ones with edits and any bytes, in any order.
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+
+#include <array>
+#include <set>
+
+#include "tests/fuzz/tool.h"
+#include "tests/support/wire.h"
+#include "tools/device/device_json.h"
+
+using namespace fuzz;
+using namespace kvtool;
+using kv_test::Padded;
+
+namespace {
+
+// A device's reply, and then what the input changes in it.
+std::string Reply(Input* in) {
+    const std::string number = std::to_string(in->Below(4));
+    std::string reply = Padded("searching..", 12) + Padded("\x0B", 12) +
+                        Padded("192.0.2." + number, 16) + Padded("255.255.255.0", 64) +
+                        Padded("02:00:00:00:00:0" + number, 40) + Padded("IPC", 96) +
+                        std::string("\0\0\0\x50\0\0\2\x2A\0\0\0\0\0\0\0\0\0\0\0\x50", 20);
+    reply = Padded(Padded(reply, 480) + "admin", 544);
+    constexpr size_t kFields[] = {0, 12, 24, 40, 56, 72, 104, 144, 240, 304, 384, 448, 480, 512};
+    for (size_t edits = in->Below(4); edits > 0; --edits) {
+        const size_t at = kFields[in->Below(std::size(kFields))] + in->Below(4);
+        const std::string edit = in->Piece();
+        (void)reply.replace(at, edit.size(), edit);
+    }
+    return in->Below(8) == 7 ? in->LongPiece() : reply;
+}
+
+void RequireSound(const DiscoveryResult& result) {
+    std::set<std::pair<std::string, std::string>> known;
+    bool conflict = false;
+    for (const FoundDevice& device : result.devices) {
+        const std::string& mac = device.reply.mac;
+        Require(mac.empty() || known.insert({mac, device.reply.ip}).second);
+        Require(mac.empty() || (ParseMacAddress(mac) == mac && FindMac(result, mac) != nullptr));
+        Require(!device.Address().empty());
+        conflict = conflict || device.conflict;
+    }
+    Require(conflict == !Conflicts(result).empty());
+    RequireSafe(JsonLine(DiscoveryJson(result, Matcher())));
+}
+
+}  // namespace
+
+// Three rows of one interface: the first is up, the second has no address, the third is down.
+extern "C" int __wrap_getifaddrs(ifaddrs** list) {
+    static sockaddr_in address{AF_INET, 0, {htonl(0xC00002FF)}, {}};
+    static std::array<ifaddrs, 3> rows;
+    for (ifaddrs& row : rows) {
+        row = {&row + 1, const_cast<char*>("lo"), IFF_UP | IFF_BROADCAST, nullptr, nullptr, {}, {}};
+        row.ifa_addr = row.ifa_broadaddr = reinterpret_cast<sockaddr*>(&address);
+    }
+    rows[1].ifa_addr = nullptr;
+    rows[2].ifa_next = nullptr;
+    rows[2].ifa_flags = 0;
+    *list = rows.data();
+    return 0;
+}
+extern "C" void __wrap_freeifaddrs(ifaddrs*) {}
+extern "C" ssize_t __wrap_sendmsg(int, const msghdr* message, int) {
+    return Refuses(8) ? -1 : static_cast<ssize_t>(message->msg_iov->iov_len);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const SearchSockets sockets;
+    Scope scope(data, size);
+    Input& in = scope.in;
+    g_world.receive = [&in](size_t) { return in.Below(4) == 3 ? "" : Reply(&in); };
+    DiscoveryRequest request;
+    request.host = in.Below(2) == 0 ? "192.0.2.1" : "";
+    request.repeat = static_cast<int>(in.Below(4));
+    if (in.Below(16) == 15) {
+        request.interfaces = {in.Below(2) == 0 ? "lo" : in.Piece()};
+    }
+    size_t enough = in.Below(8);
+    const int64_t start = g_nowMs;
+    const auto isEnough = [&](const FoundDevice&) { return enough != 0 && --enough == 0; };
+    const bool done = Try([&] { RequireSound(Discover(sockets, request, isEnough)); });
+    Require(done || g_world.refusals > 0 || !request.interfaces.empty());
+    Require(g_nowMs - start <= request.timeout.count());
+    (void)ParseMacAddress(in.Rest());
+    return 0;
+}
