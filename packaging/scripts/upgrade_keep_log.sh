@@ -1,0 +1,235 @@
+#!/bin/sh
+# upgrade_keep_log.sh start OUTPUT | run OUTPUT | stop: keeps the last 64 KiB that the supervisor printed in this boot and
+# in each of the three boots before it. `kvtool ladder --log FOLDER/boot-*` reads them.
+#
+# Called by     the start script, before and after the supervisor. `start` prints the file to which the supervisor must
+#               append its output (trace and console), and returns at once. It fails if there can be no such file;
+#               then the output goes where it always went.
+# Variables     KEEP_LOG     the folder
+#               KEEP_KIND    "flash" (the default): few writes, within KEEP_BUDGET. "ram": the folder lies in memory that
+#                            survives a reset, and every line is written at once
+#               KEEP_BUDGET  for flash: bytes a day, 1048576
+#               KEEP_EVERY   for flash: seconds between two saves while nothing happens, 21600
+#               KEEP_RAM     where to mount the RAM disk for the output, /tmp/upgrade_log
+# Must not      ever hold up the supervisor. That is why the output goes to a file and not to a pipe: a file has no reader
+#               that can stall or die. The file lies in a RAM disk of 256 KiB of its own. If nobody empties it, it fills
+#               up, and further lines are lost; nobody waits, and nobody gets a signal.
+#
+# Needs busybox with ash, cat, grep, head, ls, mkdir, mount, mv, rm, sleep, sync, tail, wc.
+
+folder=${KEEP_LOG:-}
+kind=${KEEP_KIND:-flash}
+budget=${KEEP_BUDGET:-1048576}
+every=${KEEP_EVERY:-21600}
+ram=${KEEP_RAM:-/tmp/upgrade_log}
+marker=/param/var/miniserver_reboot
+
+keep=65536       # bytes of a boot
+boots=3          # before this one
+part=32768       # a file of the log is closed once it is this large
+overhead=256     # bytes that a save costs beyond its own
+alarm_pause=15   # seconds between two saves for an alarm
+first_save=60    # seconds after the start, so that every boot leaves something
+# Lines after which a reset is near, and lines that tell of trouble.
+urgent='# startapp\.sh|# touch |# reboot|stop feeding|MINI ProtocolInit'
+alarm='offline$|ERROR|FAILED|ASSERT|hard reset count|upgrate mtd'
+
+feed=$ram/feed
+old=$ram/old # what the feed held before it was emptied
+# half of the budget may be saved up; the other half comes back within a day
+capacity=$((budget / 2))
+
+size() { wc -c <"$1" 2>/dev/null || echo 0; }
+uptime() { read -r up _ </proc/uptime && echo "${up%%.*}"; }
+
+prepare() {
+    mkdir -p "$ram" || return 1
+    grep -q " $ram tmpfs " /proc/mounts || mount -t tmpfs -o size=256k,mode=700 upgrade_log "$ram" || return 1
+    : >>"$feed" && : >>"$old" || return 1
+    if [ -e "$marker" ]; then echo "marker exists"; else echo "no marker"; fi >"$ram/marker"
+}
+
+# The bytes FROM to TO (exclusive) of all output since the boot. The feed begins at byte $base; $old ends there.
+slice() { # FROM TO
+    if [ "$1" -lt "$base" ]; then
+        skip=$(($1 - base + $(size "$old")))
+        [ $skip -ge 0 ] || skip=0
+        tail -c +$((skip + 1)) "$old"
+        set -- "$base" "$2"
+    fi
+    tail -c +$(($1 - base + 1)) "$feed" | head -c $(($2 - $1))
+}
+
+# Positions survive the end of this script, not the boot.
+remember() { echo "$base $saved $passed $files $boot" >"$ram/state"; }
+
+# Puts a part of the day's budget back for the time that has passed. All numbers stay below 2^31.
+refill() {
+    now=$(uptime)
+    gone=$((now - filled))
+    [ $gone -le 86400 ] || gone=86400
+    # 1024 / 85 is a little less than 86400 / 7200 … so a day gives back at most the capacity.
+    tokens=$((tokens + capacity / 1024 * gone / 85))
+    [ $tokens -le $capacity ] || tokens=$capacity
+    filled=$now
+}
+
+numbers() { ls "$folder" 2>/dev/null | sed -n 's/^boot-\([0-9]\{6\}\)-[0-9]*\.log$/\1/p' | sort -u; }
+
+# The first save of a boot: its number, and room for it.
+begin_boot() {
+    mkdir -p "$folder" || return 1
+    last=$(numbers | tail -n 1)
+    last=${last:-000000}
+    boot=$((1$last - 999999))
+    boot=$(printf %06d "$boot")
+    extra=$(($(numbers | wc -l) - boots))
+    for number in $(numbers | head -n $((extra > 0 ? extra : 0))); do
+        rm -f "$folder/boot-$number-"*
+    done
+    files=1
+    echo "# upgrade_keep_log.sh: boot $boot, $(cat "$ram/marker")" >"$folder/boot-$boot-001.log"
+}
+
+# Removes the oldest files of this boot that are not needed for its last 64 KiB.
+drop_old_parts() {
+    sum=0
+    for file in $(ls -r "$folder" | grep "^boot-$boot-"); do
+        [ $sum -lt $keep ] || rm -f "$folder/$file"
+        sum=$((sum + $(size "$folder/$file")))
+    done
+}
+
+# Appends what is not saved yet, at most 64 KiB, and on flash only if that leaves RESERVE bytes of the budget.
+save() { # RESERVE
+    want=$((total - saved))
+    [ $want -gt 0 ] || return 0
+    [ $want -le $keep ] || want=$keep
+    if [ "$kind" = flash ]; then
+        refill
+        [ $((tokens - overhead - $1)) -ge $want ] || want=$((tokens - overhead - $1))
+        [ $want -ge 512 ] || return 0
+    fi
+    [ -n "$boot" ] || begin_boot || return 0
+    file=$folder/boot-$boot-$(printf %03d "$files").log
+    if [ "$(size "$file")" -ge $part ]; then
+        files=$((files + 1))
+        file=$folder/boot-$boot-$(printf %03d "$files").log
+    fi
+    slice $((total - want)) "$total" >>"$file" || return 0
+    saved=$total
+    saved_at=$(uptime)
+    drop_old_parts
+    if [ "$kind" = flash ]; then
+        tokens=$((tokens - want - overhead))
+        echo "$tokens" >"$folder/budget.new" && mv "$folder/budget.new" "$folder/budget"
+        sync
+    fi
+    remember
+}
+
+# Decides whether to save, by what the new lines say.
+consider() {
+    if [ "$kind" != flash ]; then
+        save 0
+        return
+    fi
+    since=$(($(uptime) - saved_at))
+    if [ "$total" -gt "$checked" ]; then
+        # A line may have been cut by the last look.
+        from=$((checked - 200))
+        [ $from -ge "$base" ] || from=$base
+        slice "$from" "$total" >"$ram/new"
+        checked=$total
+        if grep -qE "$urgent" "$ram/new"; then
+            save 0
+            return
+        fi
+        if grep -qE "$alarm" "$ram/new"; then
+            alarmed=1
+        fi
+    fi
+    if [ $alarmed = 1 ] && [ $since -ge $alarm_pause ]; then
+        alarmed=0
+        save $((capacity / 4))
+    elif [ $since -ge "$every" ] || { [ -z "$boot" ] && [ $since -ge $first_save ]; }; then
+        save $((capacity / 2))
+    fi
+}
+
+# Copies new output to where it went before. A console that blocks holds up this copy only.
+pass_on() {
+    [ "$passed" -lt "$total" ] || return 0
+    [ -n "$1" ] && [ "$1" != /dev/null ] || return 0
+    kill -0 "$passing" 2>/dev/null && return 0
+    [ "$passed" -ge "$base" ] || passed=$base
+    { slice "$passed" "$total" >>"$1"; } 2>/dev/null &
+    passing=$!
+    passed=$total
+}
+
+# Empties the feed. The supervisor appends to it, so its next line goes to the beginning. A line that comes between the
+# comparison and the emptying is lost; the counter in the trace shows it.
+empty() {
+    wait # for the copy to the console
+    while cp "$feed" "$old.new" && [ "$(size "$old.new")" != "$(size "$feed")" ]; do :; done
+    : >"$feed"
+    mv "$old.new" "$old"
+    base=$((base + $(size "$old")))
+    remember
+}
+
+run() { # OUTPUT
+    prepare || return 1
+    base=0 saved=0 passed=0 files=0 boot='' checked=0 alarmed=0 passing=0
+    saved_at=$(uptime)
+    filled=$saved_at
+    tokens=$(cat "$folder/budget" 2>/dev/null)
+    case $tokens in '' | *[!0-9]*) tokens=$capacity ;; esac
+    [ ! -s "$ram/state" ] || read -r base saved passed files boot <"$ram/state"
+    checked=$base
+    total=$((base + $(size "$feed")))
+    trap 'total=$((base + $(size "$feed"))); save 0; exit 0' TERM
+    while :; do
+        total=$((base + $(size "$feed")))
+        consider
+        pass_on "$1"
+        [ $((total - base)) -lt $keep ] || empty
+        sleep 1
+    done
+}
+
+# Runs the keeper until `stop`, and again if it ends.
+start() { # OUTPUT
+    prepare || return 1
+    (
+        while :; do
+            "$0" run "$1" &
+            echo $! >"$ram/run.pid"
+            wait $!
+            sleep 5
+        done
+    ) </dev/null >/dev/null 2>&1 &
+    echo $! >"$ram/start.pid"
+    echo "$feed"
+}
+
+stop() {
+    for name in start run; do
+        pid=$(cat "$ram/$name.pid" 2>/dev/null) && kill -TERM "$pid" 2>/dev/null
+    done
+    return 0
+}
+
+[ -n "$folder" ] || {
+    echo "upgrade_keep_log.sh: KEEP_LOG names no folder" >&2
+    exit 2
+}
+case "${1:-}" in
+    start | run) "$1" "${2:-}" ;;
+    stop) stop ;;
+    *)
+        echo "usage: $0 start OUTPUT | run OUTPUT | stop" >&2
+        exit 2
+        ;;
+esac
