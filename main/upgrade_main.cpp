@@ -28,6 +28,8 @@
 
 namespace {
 
+constexpr uint32_t kCheckPeriodMs = kMonitorCheckPeriodMs;
+
 std::atomic<uint8_t> g_exiting = {0};
 
 void upgreade_fun_sig(int signal) {
@@ -96,7 +98,7 @@ void PrepareLoop(hloop_t* loop) {
         KV_ERROR("no heartbeats can be received, udp %s:%d: %s", kv::kHeartbeatHost,
                  kv::kHeartbeatPort, strerror(errno));
     }
-    (void)htimer_add(loop, __KV_cameraMainCheckTimer, kMonitorCheckPeriodMs, INFINITE);
+    (void)htimer_add(loop, __KV_cameraMainCheckTimer, kCheckPeriodMs, INFINITE);
 }
 
 }  // namespace

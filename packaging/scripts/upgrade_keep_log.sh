@@ -15,7 +15,7 @@
 #               that can stall or die. The file lies in a RAM disk of 256 KiB of its own. If nobody empties it, it fills
 #               up, and further lines are lost; nobody waits, and nobody gets a signal.
 #
-# Needs busybox with ash, cat, grep, head, ls, mkdir, mount, mv, rm, sleep, sync, tail, wc.
+# Needs busybox with ash, cat, cp, grep, head, mkdir, mount, mv, rm, sleep, sync, tail, wc.
 
 folder=${KEEP_LOG:-}
 kind=${KEEP_KIND:-flash}
@@ -66,15 +66,27 @@ remember() { echo "$base $saved $passed $files $boot" >"$ram/state"; }
 # Puts a part of the day's budget back for the time that has passed. All numbers stay below 2^31.
 refill() {
     now=$(uptime)
-    gone=$((now - filled))
-    [ $gone -le 86400 ] || gone=86400
-    # 1024 / 85 is a little less than 86400 / 7200 … so a day gives back at most the capacity.
-    tokens=$((tokens + capacity / 1024 * gone / 85))
-    [ $tokens -le $capacity ] || tokens=$capacity
-    filled=$now
+    # A day has 86400 s; 1024 * 85 is a little more, so a day gives back at most the capacity.
+    while [ $((now - filled)) -ge 85 ] && [ "$tokens" -lt $capacity ]; do
+        tokens=$((tokens + capacity / 1024))
+        filled=$((filled + 85))
+    done
+    if [ "$tokens" -ge $capacity ]; then
+        tokens=$capacity
+        filled=$now
+    fi
 }
 
-numbers() { ls "$folder" 2>/dev/null | sed -n 's/^boot-\([0-9]\{6\}\)-[0-9]*\.log$/\1/p' | sort -u; }
+# The numbers of the boots in the folder, oldest first.
+numbers() {
+    before=
+    for file in "$folder"/boot-[0-9]*-[0-9]*.log; do
+        number=${file##*/boot-}
+        number=${number%%-*}
+        [ ! -e "$file" ] || [ "$number" = "$before" ] || echo "$number"
+        before=$number
+    done
+}
 
 # The first save of a boot: its number, and room for it.
 begin_boot() {
@@ -94,9 +106,13 @@ begin_boot() {
 # Removes the oldest files of this boot that are not needed for its last 64 KiB.
 drop_old_parts() {
     sum=0
-    for file in $(ls -r "$folder" | grep "^boot-$boot-"); do
-        [ $sum -lt $keep ] || rm -f "$folder/$file"
-        sum=$((sum + $(size "$folder/$file")))
+    number=$files
+    while [ "$number" -gt 0 ]; do
+        name=$folder/boot-$boot-$(printf %03d "$number").log
+        [ -e "$name" ] || break
+        [ $sum -lt $keep ] || rm -f "$name"
+        sum=$((sum + $(size "$name")))
+        number=$((number - 1))
     done
 }
 
@@ -149,10 +165,10 @@ consider() {
             alarmed=1
         fi
     fi
-    if [ $alarmed = 1 ] && [ $since -ge $alarm_pause ]; then
+    if [ "$alarmed" = 1 ] && [ "$since" -ge $alarm_pause ]; then
         alarmed=0
         save $((capacity / 4))
-    elif [ $since -ge "$every" ] || { [ -z "$boot" ] && [ $since -ge $first_save ]; }; then
+    elif [ "$since" -ge "$every" ] || { [ -z "$boot" ] && [ "$since" -ge $first_save ]; }; then
         save $((capacity / 2))
     fi
 }
@@ -172,10 +188,19 @@ pass_on() {
 # comparison and the emptying is lost; the counter in the trace shows it.
 empty() {
     wait # for the copy to the console
-    while cp "$feed" "$old.new" && [ "$(size "$old.new")" != "$(size "$feed")" ]; do :; done
+    gone=$(size "$feed")
+    if cp "$feed" "$old.new"; then
+        while gone=$(size "$old.new") && [ "$gone" != "$(size "$feed")" ]; do
+            cp "$feed" "$old.new" || break
+        done
+        mv "$old.new" "$old"
+    else
+        # The RAM disk is full, because this script did not run for a long time.
+        rm -f "$old.new"
+        : >"$old"
+    fi
     : >"$feed"
-    mv "$old.new" "$old"
-    base=$((base + $(size "$old")))
+    base=$((base + gone))
     remember
 }
 

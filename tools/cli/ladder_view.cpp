@@ -115,7 +115,7 @@ std::string PeriodText(const Period& period) {
 }
 
 std::string EventLine(const Event& event) {
-    const std::string seen = event.seen ? "  (log: " + ladder::TimeText(*event.seen) + ")" : "";
+    const std::string seen = event.seen ? "  (log " + ladder::TimeText(*event.seen) + ")" : "";
     return Columns(event.at, ladder::EventText(event) + seen);
 }
 
@@ -124,7 +124,11 @@ std::vector<std::string> BootLines(const Boot& boot) {
     std::vector<std::string> lines;
     auto event = boot.events.begin();
     for (const Period& period : boot.periods) {
-        for (; event != boot.events.end() && event->at < period.from; ++event) {
+        const auto before = [&period](const Event& other) {
+            return other.at < period.from ||
+                   (other.at == period.from && other.kind == EventKind::kStarted);
+        };
+        for (; event != boot.events.end() && before(*event); ++event) {
             lines.push_back(EventLine(*event));
         }
         if (const std::string text = PeriodText(period); !text.empty()) {
@@ -166,19 +170,17 @@ void PrintMargins(std::ostream& out, const Boot& boot, size_t width) {
         if (missed.step == EventKind::kOffline) {
             continue;  // each of them is the silence of a heartbeat above or of a step below
         }
-        const std::string late =
-            missed.late ? "the next one was " + ladder::SpanText(*missed.late) + " too late"
-                        : "no other one came";
-        out << Shortened(Columns(missed.at, std::string(EventName(missed.step)) +
-                                                ": a heartbeat by now prevents it; " + late),
-                         width)
-            << '\n';
+        const std::string text = missed.late ? ": the next heartbeat came " +
+                                                   ladder::SpanText(*missed.late) +
+                                                   " too late to prevent it"
+                                             : ": no heartbeat came that could prevent it";
+        out << Columns(missed.at, EventName(missed.step) + text) << '\n';
     }
 }
 
 void PrintBoot(std::ostream& out, const Boot& boot, size_t width) {
     out << "boot " << boot.number << ", " << (boot.marker ? "with" : "without")
-        << " the reboot marker, " << ladder::SpanText(boot.length) << '\n';
+        << " the reboot marker, lasts " << ladder::TimeText(boot.length) << '\n';
     for (const std::string& note : boot.notes) {
         out << Shortened("  assumed: " + note, width) << '\n';
     }

@@ -36,6 +36,7 @@ text { font: 11px system-ui, "Segoe UI", Roboto, Helvetica, Arial, sans-serif; f
 .step { stroke: #1f2328; stroke-width: 1.5 }
 .flag { stroke: #818b98; stroke-dasharray: 2 2 }
 .break { fill: #fff }
+.label { paint-order: stroke; stroke: #fff; stroke-width: 3px }
 .ready { fill: #1a7f37 } .not_ready { fill: #0e7490 } .silent { fill: #d1d9e0 } .offline { fill: #f2b84b }
 .recovery { fill: #0969da } .upgrade { fill: #8250df } .button { fill: #9a6700 } .marker { fill: #cf222e }
 .lane { fill: #f0f2f4 }
@@ -49,6 +50,7 @@ text { fill: #e6edf3 }
 .step { stroke: #e6edf3 }
 .flag { stroke: #656c76 }
 .break { fill: #0d1117 }
+.label { stroke: #0d1117 }
 .ready { fill: #238636 } .not_ready { fill: #0e7490 } .silent { fill: #8b949e } .offline { fill: #d29922 }
 .recovery { fill: #1f6feb } .upgrade { fill: #8957e5 } .button { fill: #e3b341 } .marker { fill: #f85149 }
 .lane { fill: #1c2129 }
@@ -217,7 +219,7 @@ class BootPicture {
     double X(Ms at) const { return kLeft + scale_.Place(at) * unit_; }
     std::vector<Label> Labels() const;
     std::string Heading() const;
-    void Flags(const std::vector<Label>& labels, double top, double bottom);
+    void Flags(const std::vector<Label>& labels, double bottom);
     void Application(double y);
     void Owned(double y, const char* name, const char* style,
                const std::vector<std::pair<Ms, Ms>>& spans);
@@ -273,13 +275,19 @@ std::vector<Label> BootPicture::Labels() const {
     return labels;
 }
 
-void BootPicture::Flags(const std::vector<Label>& labels, double top, double bottom) {
+void BootPicture::Flags(const std::vector<Label>& labels, double bottom) {
+    const auto y = [bottom](const Label& label) {
+        return bottom - kGap - static_cast<double>(label.row) * kLabelHeight;
+    };
     for (const Label& label : labels) {
-        const double y = bottom - kGap - static_cast<double>(label.row) * kLabelHeight;
-        out_ += Line(label.x, y - 9, label.x, top, label.big ? "step" : "flag");
+        out_ +=
+            Line(label.x, y(label) - 9, label.x, bottom + kLaneHeight, label.big ? "step" : "flag");
+    }
+    // All texts after all lines: a text covers the line of a label above it.
+    for (const Label& label : labels) {
         const bool left = label.from < label.x;
-        out_ += Text(left ? label.x - 4 : label.x + 4, y, label.text, label.big ? "" : "soft",
-                     left ? "end" : "");
+        out_ += Text(left ? label.x - 4 : label.x + 4, y(label), label.text,
+                     label.big ? "label" : "label soft", left ? "end" : "");
     }
 }
 
@@ -393,7 +401,7 @@ std::string BootPicture::Draw(double* y) {
     Application(top);
     Owned(top + kLaneHeight + kGap, "button", "button", ButtonSpans());
     Owned(top + kLaneHeight + kThinHeight + 2 * kGap, "marker", "marker", MarkerSpans());
-    Flags(labels, top + kLaneHeight, top);
+    Flags(labels, top);
     const double axis = top + kLaneHeight + 2 * kThinHeight + 3 * kGap;
     Axis(axis);
     *y = axis + 34;
@@ -443,6 +451,16 @@ std::string Description(const Timeline& timeline) {
     return text + "Result: " + ResultText(timeline) + ".";
 }
 
+// The title as it is seen: at most as wide as the picture.
+std::string SeenTitle(const std::string& title) {
+    constexpr size_t kMost = 100;
+    size_t length = std::min(title.size(), kMost);
+    while (length < title.size() && (static_cast<unsigned char>(title[length]) & 0xC0U) == 0x80) {
+        --length;
+    }
+    return length < title.size() ? title.substr(0, length) + "…" : title;
+}
+
 }  // namespace
 
 std::string Picture(const Timeline& timeline, const std::string& title) {
@@ -465,7 +483,7 @@ std::string Picture(const Timeline& timeline, const std::string& title) {
            "\" role=\"img\" aria-labelledby=\"title desc\">\n<title id=\"title\">" +
            MarkupText(title) + "</title>\n<desc id=\"desc\">" + MarkupText(Description(timeline)) +
            "</desc>\n" + kStyle + Rect(0.5, 0.5, kWidth - 1, height - 1, "page", 6) +
-           Text(16, 24, title, "title") + body + "</svg>\n";
+           Text(16, 24, SeenTitle(title), "title") + body + "</svg>\n";
 }
 
 }  // namespace kvtool::ladder

@@ -48,7 +48,7 @@ std::string TimeText(Ms time) {
 }
 
 std::string SpanText(Ms span) {
-    if (span < 2 * kMinute) {
+    if (span < 10 * kMinute) {
         return Format("%lld", span / kSecond) +
                (span % kSecond == 0 ? "" : Format(".%lld", span % kSecond / 100)) + " s";
     }
@@ -67,11 +67,11 @@ std::string SpanText(Ms span) {
 }
 
 std::string EventText(const Event& event) {
-    const std::string after =
-        event.silence > 0 ? " after " + SpanText(event.silence * kSecond) + " of silence" : "";
+    const std::string cause =
+        event.silence > 0 ? ": " + SpanText(event.silence * kSecond) + " of silence" : "";
     switch (event.kind) {
         case EventKind::kOffline:
-            return "offline" + after + "; the supervisor takes the button";
+            return "offline" + cause + "; the supervisor has the button";
         case EventKind::kOnline:
             return "heartbeat: online again";
         case EventKind::kButtonReturned:
@@ -79,13 +79,13 @@ std::string EventText(const Event& event) {
         case EventKind::kMarkerRemoved:
             return "the heartbeat removes the reboot marker";
         case EventKind::kRestart:
-            return "restart, the only one in this boot" + after;
+            return "restart" + cause + "; the only one in this boot";
         case EventKind::kStarted:
             return "startapp.sh";
         case EventKind::kReboot:
-            return "reboot" + after + "; the marker is created";
+            return "reboot" + cause + "; the marker is created";
         case EventKind::kRecovery:
-            return event.silence > 0 ? "recovery" + after + "; the marker is removed" : "recovery";
+            return event.silence > 0 ? "recovery" + cause + "; the marker is removed" : "recovery";
         case EventKind::kUpgrade:
             return "flash is being written; the monitor rests";
         case EventKind::kPowerCut:

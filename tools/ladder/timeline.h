@@ -103,11 +103,11 @@ struct Timeline {
 
 // "1:35", "1:02:03", with tenths if it has any: "0:02.5".
 std::string TimeText(Ms time);
-// "95 s", "2.5 s", "3 min 10 s", "2 h".
+// "95 s", "2.5 s", "186 s", "13 min 10 s", "2 h".
 std::string SpanText(Ms span);
-// What an event means, for people: "restart of the application after 123 s of silence".
+// What an event means, for people: "offline: 6 s of silence; …".
 std::string EventText(const Event& event);
-// How a boot ends, and the whole: a short sentence without a full stop.
+// How it all ends, for people.
 std::string ResultText(const Timeline& timeline);
 
 }  // namespace kvtool::ladder

@@ -23,6 +23,9 @@ constexpr int kSequences = 100;
 // A supervisor at work traces something at least this often, or its watchdog resets the device.
 constexpr int64_t kLongestPause = kv::kWatchdogTimeoutSeconds;
 
+// The log keeper's line before each boot (packaging/scripts/upgrade_keep_log.sh).
+constexpr char kKeptBoot[] = "# upgrade_keep_log.sh: boot ";
+
 struct TraceLine {
     int64_t seconds = 0;
     int sequence = 0;
@@ -83,6 +86,7 @@ class BootReader {
   public:
     void Trace(const TraceLine& line);
     void Console(const std::string& text);
+    void SetMarker(bool exists) { boot_.facts.marker = exists; }
     // Whether the line is of a later run of the supervisor.
     bool BelongsToNext(const TraceLine& line) const;
     RecordedBoot Take();
@@ -176,7 +180,7 @@ void BootReader::Trace(const TraceLine& line) {
 }
 
 void BootReader::Console(const std::string& text) {
-    if (!monitored_ && Plain(text) == "# rm " + std::string(kv::kRebootMarker)) {
+    if (!monitored_ && text == "# rm " + std::string(kv::kRebootMarker)) {
         boot_.facts.marker = true;
     }
 }
@@ -228,7 +232,7 @@ void BootReader::Offline(Ms at, int silence, int timeout) {
     const bool moved =
         restart_ && std::abs(seen - (*restart_ - timeout / 2 * kSecond)) <= 2 * kSecond;
     const bool silent = lastOffline_ && (!lastBeat_ || *lastOffline_ > *lastBeat_);
-    if (!moved && seen > lastBeat_.value_or(0) + kSecond && (!silent || seen > *lastOffline_)) {
+    if (!moved && seen >= lastBeat_.value_or(0) + kSecond && (!silent || seen > *lastOffline_)) {
         Beat(seen, !silent);
     }
     if (!lastOffline_ || (lastBeat_ && *lastBeat_ > *lastOffline_)) {
@@ -264,7 +268,8 @@ void BootReader::Resolve(EventKind kind) {
     } else if (!lastBeat_ && !boot_.facts.marker) {
         boot_.facts.marker = false;
     }
-    boot_.length = std::max(boot_.length, *escalation_);
+    // The replay's step may come a little later than the log's end.
+    boot_.length = std::max(boot_.length, *escalation_ + kCheckPeriod + kSecond);
     escalation_.reset();
 }
 
@@ -300,25 +305,38 @@ Recording ReadTraceLog(const std::vector<LogLine>& lines) {
     Recording recording;
     recording.format = LogFormat::kTrace;
     std::optional<BootReader> boot;
+    std::optional<bool> marker;  // of the boot that begins with the next trace line
+    const auto end = [&recording, &boot] {
+        if (boot) {
+            recording.boots.push_back(boot->Take());
+            boot.reset();
+        }
+    };
     for (const LogLine& line : lines) {
         const std::optional<TraceLine> trace = ParseTraceLine(line.text);
         if (!trace) {
-            if (boot) {
-                boot->Console(line.text);
+            const std::string text = Plain(line.text);
+            if (StartsWith(text, kKeptBoot)) {
+                end();
+                marker = text.find("marker exists") != std::string::npos;
+            } else if (boot) {
+                boot->Console(text);
             }
             continue;
         }
-        if (!boot || boot->BelongsToNext(*trace)) {
-            if (boot) {
-                recording.boots.push_back(boot->Take());
-            }
+        if (boot && boot->BelongsToNext(*trace)) {
+            end();
+        }
+        if (!boot) {
             boot.emplace();
+            if (marker) {
+                boot->SetMarker(*marker);
+            }
+            marker.reset();
         }
         boot->Trace(*trace);
     }
-    if (boot) {
-        recording.boots.push_back(boot->Take());
-    }
+    end();
     return recording;
 }
 
