@@ -42,5 +42,5 @@ board status --json >"$work/status.json"
 board stop
 scripts/ladder_times.py "$state" "$speed" "$work/status.json"
 
-say "The same, as kvtool ladder reads it from the device's log"
+say "The same, as kvtool reads it from the device's log"
 "$bin/kvtool" ladder --log "$state"/boot-[12]/trace.log

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Checks format, shell scripts, texts, man pages, packaging and the tests' share of the code, and runs static analysis.
+# Checks format, shell scripts, texts, man pages, pictures, packaging and the tests' share of the code, and runs static analysis.
 # Stops at the first failing check.
 set -eu
 
@@ -15,6 +15,8 @@ echo "lint: texts"
 scripts/check_text.py
 echo "lint: man pages"
 scripts/check_man.sh
+echo "lint: pictures"
+scripts/pictures.sh --check
 echo "lint: packaging"
 scripts/check_packaging.sh
 echo "lint: mutants"

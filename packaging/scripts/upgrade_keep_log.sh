@@ -1,10 +1,11 @@
 #!/bin/sh
-# upgrade_keep_log.sh start OUTPUT | run OUTPUT | stop: keeps the last 64 KiB that the supervisor printed in this boot and
+# upgrade_keep_log.sh start OUTPUT | stop: keeps the last 64 KiB that the supervisor printed in this boot and
 # in each of the three boots before it. `kvtool ladder --log FOLDER/boot-*` reads them.
 #
 # Called by     the start script, before and after the supervisor. `start` prints the file to which the supervisor must
 #               append its output (trace and console), and returns at once. It fails if there can be no such file;
-#               then the output goes where it always went.
+#               then the output goes where it always went. OUTPUT gets a copy. Under systemd a unit calls `prepare`,
+#               which makes the file, and `run`, which does not return.
 # Variables     KEEP_LOG     the folder
 #               KEEP_KIND    "flash" (the default): few writes, within KEEP_BUDGET. "ram": the folder lies in memory that
 #                            survives a reset, and every line is written at once
@@ -116,14 +117,17 @@ drop_old_parts() {
     done
 }
 
-# Appends what is not saved yet, at most 64 KiB, and on flash only if that leaves RESERVE bytes of the budget.
+# Appends what is not saved yet: the last 64 KiB of it at most, and on flash no more than half of what is left of the
+# budget beyond RESERVE bytes.
 save() { # RESERVE
     want=$((total - saved))
     [ $want -gt 0 ] || return 0
     [ $want -le $keep ] || want=$keep
     if [ "$kind" = flash ]; then
         refill
-        [ $((tokens - overhead - $1)) -ge $want ] || want=$((tokens - overhead - $1))
+        # At most half, so that something is left for the reset after this one.
+        most=$(((tokens - overhead - $1) / 2))
+        [ $most -ge $want ] || want=$most
         [ $want -ge 512 ] || return 0
     fi
     [ -n "$boot" ] || begin_boot || return 0
@@ -252,9 +256,10 @@ stop() {
 }
 case "${1:-}" in
     start | run) "$1" "${2:-}" ;;
+    prepare) prepare ;;
     stop) stop ;;
     *)
-        echo "usage: $0 start OUTPUT | run OUTPUT | stop" >&2
+        echo "usage: $0 start OUTPUT | stop | prepare | run OUTPUT" >&2
         exit 2
         ;;
 esac
