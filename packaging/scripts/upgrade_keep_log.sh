@@ -136,15 +136,16 @@ save() { # RESERVE
         files=$((files + 1))
         file=$folder/boot-$boot-$(printf %03d "$files").log
     fi
+    if [ "$kind" = flash ]; then
+        # Before the bytes are written: a reset in between must not make them free.
+        tokens=$((tokens - want - overhead))
+        echo "$tokens" >"$folder/budget.new" && mv "$folder/budget.new" "$folder/budget" || return 0
+    fi
     slice $((total - want)) "$total" >>"$file" || return 0
     saved=$total
     saved_at=$(uptime)
     drop_old_parts
-    if [ "$kind" = flash ]; then
-        tokens=$((tokens - want - overhead))
-        echo "$tokens" >"$folder/budget.new" && mv "$folder/budget.new" "$folder/budget"
-        sync
-    fi
+    [ "$kind" != flash ] || sync
     remember
 }
 
@@ -177,11 +178,13 @@ consider() {
     fi
 }
 
+is_passing() { [ -n "$passing" ] && kill -0 "$passing" 2>/dev/null; }
+
 # Copies new output to where it went before. A console that blocks holds up this copy only.
 pass_on() {
     [ "$passed" -lt "$total" ] || return 0
     [ -n "$1" ] && [ "$1" != /dev/null ] || return 0
-    kill -0 "$passing" 2>/dev/null && return 0
+    is_passing && return 0
     [ "$passed" -ge "$base" ] || passed=$base
     { slice "$passed" "$total" >>"$1"; } 2>/dev/null &
     passing=$!
@@ -191,7 +194,8 @@ pass_on() {
 # Empties the feed. The supervisor appends to it, so its next line goes to the beginning. A line that comes between the
 # comparison and the emptying is lost; the counter in the trace shows it.
 empty() {
-    wait # for the copy to the console
+    # A copy that the console blocks must not hold up this script.
+    is_passing && kill "$passing"
     gone=$(size "$feed")
     if cp "$feed" "$old.new"; then
         while gone=$(size "$old.new") && [ "$gone" != "$(size "$feed")" ]; do
@@ -210,7 +214,7 @@ empty() {
 
 run() { # OUTPUT
     prepare || return 1
-    base=0 saved=0 passed=0 files=0 boot='' checked=0 alarmed=0 passing=0
+    base=0 saved=0 passed=0 files=0 boot='' checked=0 alarmed=0 passing=''
     saved_at=$(uptime)
     filled=$saved_at
     tokens=$(cat "$folder/budget" 2>/dev/null)
@@ -218,14 +222,17 @@ run() { # OUTPUT
     [ ! -s "$ram/state" ] || read -r base saved passed files boot <"$ram/state"
     checked=$base
     total=$((base + $(size "$feed")))
-    trap 'total=$((base + $(size "$feed"))); save 0; exit 0' TERM
-    while :; do
+    ending=0
+    trap ending=1 TERM
+    while [ $ending = 0 ]; do
         total=$((base + $(size "$feed")))
         consider
         pass_on "$1"
         [ $((total - base)) -lt $keep ] || empty
         sleep 1
     done
+    total=$((base + $(size "$feed")))
+    save 0
 }
 
 # Runs the keeper until `stop`, and again if it ends.

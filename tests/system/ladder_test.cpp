@@ -148,7 +148,7 @@ namespace {
 // Starts the supervisor as a board with busybox does: through the start script, with busybox's
 // shell and commands, and with the log keeper.
 constexpr char kBusyboxBoot[] = R"sh(#!/bin/sh
-for name in reboot startapp.sh sync wifi_reset.sh; do
+for name in reboot startapp.sh wifi_reset.sh; do
     ln -sf /opt/board/bin/$name /sbin/$name
     for folder in /usr/sbin /usr/bin; do
         [ ! -e $folder/$name ] || mount --bind /opt/board/bin/$name $folder/$name
@@ -157,6 +157,8 @@ done
 for name in cat cp grep head mkdir mv rm sleep tail wc dash; do
     mount --bind /usr/bin/busybox "$(command -v $name)"
 done
+# It would wait for the disks of the host.
+mount --bind /usr/bin/true /usr/bin/sync
 mkdir -p /etc/default
 echo 'PROGRAM=/param/bin/upgradeMain PREPARE= OUTPUT=/param/out' >/etc/default/upgrademain
 echo 'KEEPER=/param/bin/upgrade_keep_log.sh KEEP_LOG=/param/log KEEP_KIND=ram' \
