@@ -90,7 +90,8 @@ expect "Buildroot's recipe for busybox init" "$work/sysv" etc/init.d/S50upgradem
     usr/sbin/upgrade_keep_log.sh
 buildroot systemd "$top/INSTALL_INIT_SYSTEMD" >/dev/null
 expect "Buildroot's recipe for systemd" "$work/systemd" usr/lib/systemd/system/upgrademain.service \
-    usr/lib/systemd/system/upgrademain-log.service usr/sbin/upgrade_keep_log.sh usr/lib/systemd/system.conf.d/upgrademain.conf
+    usr/lib/systemd/system/upgrademain-log.service usr/sbin/upgrade_keep_log.sh \
+    usr/lib/systemd/system.conf.d/upgrademain.conf
 
 # OpenWrt.
 mkdir "$work/openwrt" "$work/include"

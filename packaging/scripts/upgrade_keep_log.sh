@@ -1,20 +1,20 @@
 #!/bin/sh
-# upgrade_keep_log.sh start OUTPUT | stop: keeps the last 64 KiB that the supervisor printed in this boot and
-# in each of the three boots before it. `kvtool ladder --log FOLDER/boot-*` reads them.
+# upgrade_keep_log.sh start OUTPUT | stop: keeps the last 64 KiB that the supervisor printed in this boot and in each of
+# the three boots before it. `kvtool ladder --log FOLDER/boot-*` reads them.
 #
 # Called by     the start script, before and after the supervisor. `start` prints the file to which the supervisor must
 #               append its output (trace and console), and returns at once. It fails if there can be no such file;
 #               then the output goes where it always went. OUTPUT gets a copy. Under systemd a unit calls `prepare`,
 #               which makes the file, and `run`, which does not return.
 # Variables     KEEP_LOG     the folder
-#               KEEP_KIND    "flash" (the default): few writes, within KEEP_BUDGET. "ram": the folder lies in memory that
-#                            survives a reset, and every line is written at once
+#               KEEP_KIND    "flash" (the default): few writes, within KEEP_BUDGET. "ram": the folder lies in memory
+#                            that survives a reset, and every line is written within two seconds
 #               KEEP_BUDGET  for flash: bytes a day, 1048576
 #               KEEP_EVERY   for flash: seconds between two saves while nothing happens, 21600
 #               KEEP_RAM     where to mount the RAM disk for the output, /tmp/upgrade_log
-# Must not      ever hold up the supervisor. That is why the output goes to a file and not to a pipe: a file has no reader
-#               that can stall or die. The file lies in a RAM disk of 256 KiB of its own. If nobody empties it, it fills
-#               up, and further lines are lost; nobody waits, and nobody gets a signal.
+# Must not      ever hold up the supervisor. That is why the output goes to a file and not to a pipe: a file has no
+#               reader that can stall or die. The file lies in a RAM disk of 256 KiB of its own. If nobody empties it,
+#               it fills up, and further lines are lost; nobody waits, and nobody gets a signal.
 #
 # Needs busybox with ash, cat, cp, grep, head, mkdir, mount, mv, rm, sleep, sync, tail, wc.
 

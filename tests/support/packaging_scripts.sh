@@ -57,8 +57,10 @@ keeper=/mnt/scripts/upgrade_keep_log.sh
 kept() { cat /tmp/kept/boot-*"$1"*.log 2>/dev/null; }
 is_kept() { kept "$1" | grep -q "$2"; }
 new_boot() { ! grep -q " /tmp/keep_ram " /proc/mounts || await umount /tmp/keep_ram || die "the RAM disk is in use"; }
-print() { # LINES TEXT
-    seq -f "%05.0f $2" "$1" >>/tmp/keep_ram/feed
+# One write, so the keeper sees all of it at once.
+print() { # LINES TEXT [LAST-LINE]
+    { seq -f "%05.0f $2" "$1" && [ -z "${3:-}" ] || echo "$3"; } >/tmp/lines
+    cat /tmp/lines >>/tmp/keep_ram/feed
 }
 end_keeper() {
     pid=$(cat /tmp/keep_ram/run.pid)
@@ -71,8 +73,7 @@ written=0
 for boot in 1 2 3 4 5; do
     new_boot
     [ "$(busy $keeper start /tmp/console)" = /tmp/keep_ram/feed ] || die "the keeper does not start"
-    print 2000 "boot $boot: Process [cameraMain] offline"
-    echo "# startapp.sh" >>/tmp/keep_ram/feed
+    print 2000 "boot $boot: Process [cameraMain] offline" "# startapp.sh"
     await is_kept "00000$boot-" startapp.sh || die "boot $boot: the keeper saves nothing"
     end_keeper
     written=$((written + $(kept "00000$boot-" | wc -c)))

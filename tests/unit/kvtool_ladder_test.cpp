@@ -266,6 +266,8 @@ TEST(Ladder, TheTraceOfALadderAgreesWithItsReplay) {
         if (boot == 0) {
             trace.Line(196, "flash/kv_fullhan_watdog:KV_FH_WDT_Reboot:98",
                        "Start to stop feeding the dog!");
+            trace.Line(196, "flash/kv_fullhan_watdog:KV_FH_WDT_Reboot:105",
+                       "Wait for the watchdog to restart!");
         } else {
             trace.Line(197, "mini/kv_mini_protocol:KV_MINI_ProtocolInit:1",
                        "MINI ProtocolInit Init Success!");

@@ -154,7 +154,7 @@ void BootReader::Started(const TraceLine& line) {
 
 void BootReader::Trace(const TraceLine& line) {
     const Ms at = Follow(line);
-    boot_.length = at;
+    boot_.length = std::max(boot_.length, at);
     if (line.function == "__KV_cameraMainProcessHandle") {
         Monitor(at, line.message);
     } else if (StartsWith(line.message, "app file exist!")) {
