@@ -124,7 +124,8 @@ TEST(Ladder, TakesTheStepsOfABoard) {
         SCOPED_TRACE(rows[i].script);
         Board& board = *boards[i];
         if (rows[i].boots == 2) {
-            ASSERT_TRUE(board.WaitTrace("MINI ProtocolInit Init Success!", 2, 60));
+            ASSERT_TRUE(board.WaitTrace("MINI ProtocolInit Init Success!", 2, 60))
+                << board.Status() << board.Trace(1) << board.Trace(2);
         } else {
             ASSERT_TRUE(board.WaitBoot(2, 60));
         }
