@@ -235,7 +235,7 @@ TEST(Ladder, ReadsTheSupervisorsTrace) {
     trace.Raw("# startapp.sh\r\n");
     // One heartbeat that is not logged ends the silence at 135.
     trace.Offline(142, 7);
-    trace.Raw("[   12.3] serial logger: ");
+    trace.Raw("host [   12.3] serial: ");
     trace.Online(144);
     trace.Start(1000);
     trace.Raw("# rm /param/var/miniserver_reboot\r\n");

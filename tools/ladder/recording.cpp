@@ -53,11 +53,11 @@ Recording ReadLogs(const std::vector<std::string>& files) {
     for (const std::string& file : files) {
         const Bytes bytes = ReadWholeFile(file);
         const std::string text(bytes.begin(), bytes.end());
+        const std::string name = Printable(file) + ":";
         int number = 0;
         for (size_t at = 0; at < text.size();) {
             const size_t end = std::min(text.find('\n', at), text.size());
-            lines.push_back({Printable(file) + ":" + std::to_string(++number) + ": ",
-                             text.substr(at, end - at)});
+            lines.push_back({name + std::to_string(++number) + ": ", text.substr(at, end - at)});
             at = end + 1;
         }
     }

@@ -32,7 +32,7 @@ struct Token {
     const std::string where =
         token.text.empty() ? "at the end" : "at '" + Printable(token.text) + "'";
     throw ToolError(ExitCode::kUsage,
-                    "script: " + where + ": " + what + ", character " + std::to_string(token.at));
+                    where + ": " + what + ", character " + std::to_string(token.at));
 }
 
 bool IsPunctuation(char c) {

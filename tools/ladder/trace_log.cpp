@@ -55,22 +55,26 @@ std::string Plain(const std::string& text) {
 // logger puts before it.
 std::optional<TraceLine> ParseTraceLine(const std::string& raw) {
     const std::string text = Plain(raw);
-    const size_t bracket = text.find(" [");
     constexpr size_t kStamp = 19;
-    if (bracket == std::string::npos || bracket < kStamp) {
+    struct tm when {};
+    size_t bracket = text.find(" [");
+    for (; bracket != std::string::npos; bracket = text.find(" [", bracket + 1)) {
+        const std::string stamp = bracket < kStamp ? "" : text.substr(bracket - kStamp, kStamp);
+        const char* const end = strptime(stamp.c_str(), "%Y-%m-%d %H:%M:%S", &when);
+        if (end != nullptr && *end == '\0') {
+            break;
+        }
+    }
+    if (bracket == std::string::npos) {
         return std::nullopt;
     }
-    struct tm when {};
-    const std::string stamp = text.substr(bracket - kStamp, kStamp);
-    const char* const end = strptime(stamp.c_str(), "%Y-%m-%d %H:%M:%S", &when);
     TraceLine line;
     std::array<char, 8> level{};
     std::array<char, 64> file{};
     std::array<char, 64> function{};
     unsigned place = 0;
     int used = 0;
-    if (end == nullptr || *end != '\0' ||
-        sscanf(text.c_str() + bracket, " [%2d] %ld %7s %63[^:]:%63[^:]:%u %n", &line.sequence,
+    if (sscanf(text.c_str() + bracket, " [%2d] %ld %7s %63[^:]:%63[^:]:%u %n", &line.sequence,
                &line.process, level.data(), file.data(), function.data(), &place, &used) != 6 ||
         used == 0 || line.sequence < 0) {
         return std::nullopt;
