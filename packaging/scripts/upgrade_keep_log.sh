@@ -185,7 +185,6 @@ pass_on() {
     [ "$passed" -lt "$total" ] || return 0
     [ -n "$1" ] && [ "$1" != /dev/null ] || return 0
     is_passing && return 0
-    [ "$passed" -ge "$base" ] || passed=$base
     { slice "$passed" "$total" >>"$1"; } 2>/dev/null &
     passing=$!
     passed=$total
@@ -194,8 +193,6 @@ pass_on() {
 # Empties the feed. The supervisor appends to it, so its next line goes to the beginning. A line that comes between the
 # comparison and the emptying is lost; the counter in the trace shows it.
 empty() {
-    # A copy that the console blocks must not hold up this script.
-    is_passing && kill "$passing"
     gone=$(size "$feed")
     if cp "$feed" "$old.new"; then
         while gone=$(size "$old.new") && [ "$gone" != "$(size "$feed")" ]; do
@@ -227,8 +224,13 @@ run() { # OUTPUT
     while [ $ending = 0 ]; do
         total=$((base + $(size "$feed")))
         consider
+        # The copy to the console reads the feed. Wait for it, but not for a console that blocks.
+        held=$((total - base))
+        if [ $held -ge $((keep + keep / 4)) ] || { [ $held -ge $keep ] && ! is_passing; }; then
+            empty
+            total=$((base + $(size "$feed")))
+        fi
         pass_on "$1"
-        [ $((total - base)) -lt $keep ] || empty
         sleep 1
     done
     total=$((base + $(size "$feed")))
