@@ -4,9 +4,7 @@ JOBS ?= $(shell expr 4 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder bench bench-discovery \
-        bench-fleet client-kit board board-shell test test-ansible test-fleet unit mutants fuzz fuzz-coverage lint \
-        format sanitize packaging-check install deb clean
+.PHONY: $(shell sed -n 's/^\([a-z-]*\):.*## .*/\1/p' $(firstword $(MAKEFILE_LIST)))
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
@@ -45,6 +43,9 @@ demo: build ## Watch a dead camera come back: recovery, upgrade, reboot (under a
 demo-ladder: build ## Watch a silent application: restart, reboot, recovery (under a minute)
 	@scripts/setup.sh vboard scripts
 	@scripts/demo_ladder.sh
+
+pictures: build ## Draw the pictures of docs/heartbeat.md into docs/pictures
+	@scripts/pictures.sh
 
 bench: build ## Measure an upload against socat on the same virtual link
 	@scripts/setup.sh vboard scripts bench

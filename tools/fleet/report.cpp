@@ -104,29 +104,6 @@ std::string CsvCell(const std::string& text) {
     return quoted + "\"";
 }
 
-std::string HtmlText(const std::string& text) {
-    std::string out;
-    for (const char c : text) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            default:
-                out += c;
-        }
-    }
-    return out;
-}
-
 std::string Summary(const JournalContents& journal) {
     const Counts counts = Count(journal.members);
     return DevicesText(journal.members.size()) + ": " + std::to_string(counts.done) + " done, " +
@@ -209,7 +186,7 @@ void WriteHtml(std::ostream& out, const JournalContents& journal) {
                             const char* kind) {
         out << "<tr class=\"" << kind << "\">";
         for (const std::string& cell : cells) {
-            out << '<' << tag << '>' << HtmlText(cell) << "</" << tag << '>';
+            out << '<' << tag << '>' << MarkupText(cell) << "</" << tag << '>';
         }
         out << "</tr>\n";
     };
@@ -217,7 +194,7 @@ void WriteHtml(std::ostream& out, const JournalContents& journal) {
            "upgrade</title>\n<style>body{font-family:sans-serif}table{border-collapse:collapse}"
            "td,th{border:1px solid #aaa;padding:.2em .5em;text-align:left}.failed{background:#fdd}"
            ".done{background:#dfd}</style></head><body>\n<p>"
-        << HtmlText(PackageText(journal)) << "</p>\n<p>" << HtmlText(Summary(journal))
+        << MarkupText(PackageText(journal)) << "</p>\n<p>" << MarkupText(Summary(journal))
         << "</p>\n<table>\n";
     row(Headings(), "th", "heading");
     for (const Member& member : journal.members) {
