@@ -5,7 +5,7 @@ PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
 .PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder bench bench-discovery \
-        bench-fleet board board-shell test test-ansible test-fleet unit mutants lint format sanitize packaging-check \
+        bench-fleet powercut board board-shell test test-ansible test-fleet unit mutants lint format sanitize packaging-check \
         install deb clean
 
 help: ## List the targets
@@ -61,6 +61,10 @@ bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one air 
 bench-discovery: build ## Compare the rate of discovery answers with that of a bare UDP echo
 	@scripts/setup.sh vboard scripts
 	@scripts/bench_discovery.sh
+
+powercut: build ## Cut the power at every step of an upgrade; rewrites the figures in docs/powercut.md (20 minutes)
+	@scripts/setup.sh vboard scripts
+	@bench/powercut/__main__.py build/bin --docs docs
 
 board: build ## Test the program on emulated ARM boards with a real kernel (3 minutes; docs/board.md)
 	@scripts/board.sh run

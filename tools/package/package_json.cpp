@@ -1,5 +1,9 @@
 #include "tools/package/package_json.h"
 
+#include <cmath>
+
+#include "tools/package/flash_time.h"
+
 namespace kvtool {
 
 namespace {
@@ -36,6 +40,21 @@ Json FindingsJson(const PackageReport& report) {
     return findings;
 }
 
+double Milliseconds(double seconds) {
+    return std::round(seconds * 1000) / 1000;
+}
+
+Json FlashTimeJson(const FlashTime& time) {
+    Json windows = Json::array();
+    for (const PowerWindow& window : time.windows) {
+        windows.push_back({{"partition", window.partition},
+                           {"risk", CutRiskName(window.risk)},
+                           {"from", Milliseconds(window.from)},
+                           {"seconds", Milliseconds(window.seconds)}});
+    }
+    return {{"seconds", Milliseconds(time.seconds)}, {"windows", windows}};
+}
+
 Json PlaceJson(const std::optional<ImagePlace>& place) {
     if (!place) {
         return {};
@@ -67,6 +86,7 @@ Json PackageJson(const PackageReport& report) {
     for (const EntryReport& entry : report.entries) {
         json["entries"].push_back(EntryJson(entry));
     }
+    json["power"] = FlashTimeJson(ForeseeFlashTime(report));
     json["findings"] = FindingsJson(report);
     return json;
 }
