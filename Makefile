@@ -5,8 +5,8 @@ PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
 .PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder bench bench-discovery \
-        bench-fleet powercut board board-shell test test-ansible test-fleet unit mutants lint format sanitize packaging-check \
-        install deb clean
+        bench-fleet powercut board board-shell test test-ansible test-fleet unit mutants lint format sanitize \
+        packaging-check install deb clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18

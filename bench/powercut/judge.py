@@ -20,6 +20,7 @@ class Judge:
     """Compares with the firmware `versions`, a Firmware for each name. Not for several threads at once."""
 
     def __init__(self, folder, versions):
+        folder.mkdir()
         self._folder = folder / "unpacked"
         self._images = {version: firmware.images for version, firmware in versions.items()}
         self._applications = {}
@@ -78,6 +79,7 @@ class Judge:
             return RESCUE
         return None
 
-    def mixture(self, state):
-        """The versions of all images, for example "old" or "new+old"."""
-        return "+".join(sorted({str(self.image(state, name)) for name in BOOT_CHAIN} | {str(self.application(state))}))
+    def version(self, state, names):
+        """The version of these images if they have one in common, otherwise "mixed"."""
+        found = {self.application(state) if name == "app" else self.image(state, name) for name in names}
+        return found.pop() if len(found) == 1 else "mixed"

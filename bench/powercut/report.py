@@ -17,10 +17,9 @@ def _table(heads, rows):
 
 
 def _count(outcomes):
-    """Counts per class, with the versions of what runs: old, new, or images of both."""
+    """Counts per class, with the versions of what runs."""
     counts = collections.Counter(outcome.what for outcome in outcomes)
-    kinds = collections.Counter(outcome.mixture if outcome.mixture in ("old", "new") else "mixed"
-                                for outcome in outcomes if outcome.what == RUNS)
+    kinds = collections.Counter(outcome.version for outcome in outcomes if outcome.what == RUNS)
     runs = str(counts[RUNS])
     if kinds:
         runs += " (" + ", ".join(f"{kinds[kind]} {kind}" for kind in ("old", "new", "mixed") if kinds[kind]) + ")"
@@ -39,28 +38,30 @@ def _spans(spans):
 
 def figures(orders, full, minutes, cores):
     """The generated part of the page."""
-    lines = [f"{sum(len(order.cuts) for order in orders)} cuts left "
-             f"{sum(len(order.distinct) for order in orders)} different flash contents. Each of these, and each of the "
-             f"{sum(len(order.failures) for order in orders)} failures, was a run of its own. All runs took "
-             f"{minutes:.1f} minutes on {cores} cores.", "", "### Power cuts", ""]
+    lines = ["## Figures", "",
+             f"{sum(len(order.cuts) for order in orders)} cuts left "
+             f"{sum(len(order.distinct) for order in orders)} different flash contents.",
+             f"Each of these, and each of the {sum(len(order.failures) for order in orders)} failures, was a run of its "
+             "own.", f"All runs took {minutes:.1f} minutes on {cores} cores.", "", "### Power cuts", ""]
     lines += _table(["order of the images", "cuts", "flash contents", *CLASSES], cut_rows(orders))
     lines += ["", "### When the power must hold", "",
-              "Seconds at the speed of a typical chip, counted from the first erasure, for the small package of the "
-              "sweep.", ""]
+              "For the small package of the sweep. Seconds at the speed of a typical chip, from the first erasure on.",
+              ""]
     rows = []
     for order in orders:
         windows = order.windows()
         rows.append([order.name, f"{order.seconds():.2f} s", _spans(windows[RESCUE]), _spans(windows[DEAD])])
     lines += _table(["order of the images", "writing takes", f"a cut {RESCUE}", "a cut kills"], rows)
-    lines += ["", "A camera with the standard layout (boot loader 300 KiB, kernel 1.8 MiB, root file system 3.5 MiB, "
-              "application 3 MiB), as `kvtool inspect` foresees it:", "", "```", *full["text"], "```", "",
-              "### Failures that are not cuts", ""]
+    lines += ["", "A camera with the standard layout, as `kvtool inspect` foresees it. The boot loader has 300 KiB, the "
+              "kernel 1.8 MiB,", "the root file system 3.5 MiB, the application 3 MiB.", "", "```", *full["text"], "```",
+              "", "### Failures that are not cuts", ""]
     rows = []
-    for order in orders:
+    for name, part in ((orders[0].name, orders[:1]), ("all orders together", orders)):
         for kind in ("erase error", "write error", "short write"):
-            outcomes = [order.outcomes[failure] for failure in order.failures if str(failure).startswith(kind)]
-            rows.append([order.name, kind, len(outcomes), *_count(outcomes)])
-    return lines + _table(["order of the images", "failure", "runs", *CLASSES], rows)
+            outcomes = [order.outcomes[failure] for order in part for failure in order.failures
+                        if str(failure).startswith(kind)]
+            rows.append([name, kind, len(outcomes), *_count(outcomes)])
+    return lines + _table(["order of the images", "failure", "failures", *CLASSES], rows)
 
 
 def replace_figures(page, lines):

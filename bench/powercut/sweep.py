@@ -15,8 +15,10 @@ SHORT = 4096
 
 
 class Outcome:
-    def __init__(self, what, mixture):
-        self.what, self.mixture = what, mixture
+    """`what`: a class of judge.py. `version`: what the package's images then are: "old", "new" or "mixed"."""
+
+    def __init__(self, what, version):
+        self.what, self.version = what, version
 
 
 class Order:
@@ -31,7 +33,8 @@ class Order:
                         if any(device in PLACES[image] for image in images)}
         self.cuts = []  # (Cut, key of the flash that it leaves)
         self.distinct = {}  # key -> (the first Cut that leaves this flash, the flash)
-        for cut, state, key in cuts(self.writer.requests, self.old):
+        self.foreseen = json.loads(self.package.inspect())["power"]
+        for cut, state, key in cuts(self.writer.requests, self.old, self.foreseen["chip"]):
             self.cuts.append((cut, key))
             self.distinct.setdefault(key, (cut, state))
         self.failures = self._failures()
@@ -128,25 +131,26 @@ class Bench:
 
     def aftermath(self, order, flash):
         """The board is off. Looks at the flash, then switches the board on if it would boot."""
-        mixture = self.judge.mixture(flash)
+        version = self.judge.version(flash, order.package.names)
         torn = self.judge.boot_chain(flash)
         if torn:
-            return Outcome(torn, mixture)
+            return Outcome(torn, version)
         application = self.judge.application(flash)
         self.camera.on()
-        if not self.camera.recovers():
-            self.camera.await_log(ONLINE)
-            self.camera.off()
-            return Outcome(DECEIVES if application in (None, "damaged") else RUNS, mixture)
-        if application in ("old", "new"):
+        recovers = self.camera.recovers()
+        if recovers and application in ("old", "new"):
             raise Problem("recovery, although the application is whole")
+        if not recovers:
+            self.camera.await_log(ONLINE)
         self.camera.start_writer(order.package)
         self.camera.await_reboot()
         if self.camera.dump() != flash | order.flashed:
             raise Problem("the second upgrade does not leave the package's firmware")
         self.camera.await_log(ONLINE)
         self.camera.off()
-        return Outcome(RECOVERS, mixture)
+        if recovers:
+            return Outcome(RECOVERS, version)
+        return Outcome(DECEIVES if application in (None, "damaged") else RUNS, version)
 
 
 class Sweep:
@@ -221,7 +225,7 @@ def tasks_of(order, kvtool, sample=None):
 
 def check_inspect(order):
     """The time and the windows that `kvtool inspect` foresees must be those of the sweep."""
-    foreseen = json.loads(order.package.inspect())["power"]
+    foreseen = order.foreseen
     if abs(foreseen["seconds"] - order.seconds()) > 0.001:
         raise Problem(f"{order.name}: kvtool foresees {foreseen['seconds']} s, the sweep took {order.seconds():.3f} s")
     names = {"dead": DEAD, "rescue": RESCUE}

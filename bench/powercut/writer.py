@@ -7,9 +7,6 @@ import hashlib
 
 from firmware import BLOCK, PAGE, PLACES, SIZES, UNIT
 
-ERASE_SECONDS = 0.150  # of a block; compared with `kvtool inspect`, which takes the times of the virtual chip
-PAGE_SECONDS = 0.0007
-
 
 class Request:
     """One call of the device: the erasure of a block (data is None) or a write."""
@@ -142,12 +139,14 @@ class Cut:
         return f"cut {where} step {self.step}, {self.request.kind} of {self.request.image}"
 
 
-def cuts(requests, state):
-    """Yields every possible cut with the flash that it leaves and that flash's key. Flash with equal keys is equal."""
+def cuts(requests, state, chip):
+    """`chip`: the times of its steps, as `kvtool inspect --json` has them.
+
+    Yields every possible cut with the flash that it leaves and that flash's key. Flash with equal keys is equal."""
     keys = {device: _key(cells) for device, cells in state.items()}
     step, now = 0, 0.0
     for request in requests:
-        seconds = ERASE_SECONDS if request.kind == "erase" else PAGE_SECONDS
+        seconds = chip["block_seconds" if request.kind == "erase" else "page_seconds"]
         for offset, length in request.steps():
             step += 1
             half = offset + length // 2

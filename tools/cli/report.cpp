@@ -60,8 +60,12 @@ void PrintFlashTime(std::ostream& out, const FlashTime& time) {
     }
     out << "power while the device writes (typical flash chip; from the first erasure on)\n";
     Row(out, "writing takes", SecondsText(time.seconds));
-    for (const PowerWindow& window : time.windows) {
-        Row(out, window.partition.c_str(), PowerWindowText(window));
+    const size_t shown = std::min(time.windows.size(), kMostEntries);
+    for (size_t i = 0; i < shown; ++i) {
+        Row(out, time.windows[i].partition.c_str(), PowerWindowText(time.windows[i]));
+    }
+    if (shown < time.windows.size()) {
+        out << "… and " << time.windows.size() - shown << " more times\n";
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "tools/base/nor_times.h"
 #include "tools/package/flash_time.h"
 
 namespace kvtool {
@@ -44,6 +45,10 @@ double Milliseconds(double seconds) {
     return std::round(seconds * 1000) / 1000;
 }
 
+double ChipSeconds(std::chrono::microseconds time) {
+    return std::chrono::duration<double>(time).count();
+}
+
 Json FlashTimeJson(const FlashTime& time) {
     Json windows = Json::array();
     for (const PowerWindow& window : time.windows) {
@@ -52,7 +57,11 @@ Json FlashTimeJson(const FlashTime& time) {
                            {"from", Milliseconds(window.from)},
                            {"seconds", Milliseconds(window.seconds)}});
     }
-    return {{"seconds", Milliseconds(time.seconds)}, {"windows", windows}};
+    const Json chip = {{"page_bytes", kv::kNorPageBytes},
+                       {"page_seconds", ChipSeconds(kv::kNorPageProgram)},
+                       {"block_bytes", kv::kNorLargestErase.bytes},
+                       {"block_seconds", ChipSeconds(kv::kNorLargestErase.typical)}};
+    return {{"seconds", Milliseconds(time.seconds)}, {"windows", windows}, {"chip", chip}};
 }
 
 Json PlaceJson(const std::optional<ImagePlace>& place) {
