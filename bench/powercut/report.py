@@ -38,11 +38,10 @@ def _spans(spans):
 
 def figures(orders, full, minutes, cores):
     """The generated part of the page."""
-    lines = ["## Figures", "",
-             f"{sum(len(order.cuts) for order in orders)} cuts left "
-             f"{sum(len(order.distinct) for order in orders)} different flash contents.",
-             f"Each of these, and each of the {sum(len(order.failures) for order in orders)} failures, was a run of its "
-             "own.", f"All runs took {minutes:.1f} minutes on {cores} cores.", "", "### Power cuts", ""]
+    cuts, contents, failures = (sum(len(part) for part in parts) for parts in zip(
+        *((order.cuts, order.distinct, order.failures) for order in orders)))
+    lines = ["## Figures", "", f"{cuts} cuts left {contents} different flash contents.",
+             f"Each of these, and each of the {failures} failures, was a run of its own.", f"All runs took {minutes:.1f} minutes on {cores} cores.", "", "### Power cuts", ""]
     lines += _table(["order of the images", "cuts", "flash contents", *CLASSES], cut_rows(orders))
     lines += ["", "### When the power must hold", "",
               "For the small package of the sweep. Seconds at the speed of a typical chip, from the first erasure on.",
@@ -52,9 +51,9 @@ def figures(orders, full, minutes, cores):
         windows = order.windows()
         rows.append([order.name, f"{order.seconds():.2f} s", _spans(windows[RESCUE]), _spans(windows[DEAD])])
     lines += _table(["order of the images", "writing takes", f"a cut {RESCUE}", "a cut kills"], rows)
-    lines += ["", "A camera with the standard layout, as `kvtool inspect` foresees it. The boot loader has 300 KiB, the "
-              "kernel 1.8 MiB,", "the root file system 3.5 MiB, the application 3 MiB.", "", "```", *full["text"], "```",
-              "", "### Failures that are not cuts", ""]
+    lines += ["", "A camera with the standard layout, as `kvtool inspect` foresees it. The boot loader has 300 KiB,",
+              "the kernel 1.8 MiB, the root file system 3.5 MiB, the application 3 MiB.", "", "```", *full["text"],
+              "```", "", "### Failures that are not cuts", ""]
     rows = []
     for name, part in ((orders[0].name, orders[:1]), ("all orders together", orders)):
         for kind in ("erase error", "write error", "short write"):
