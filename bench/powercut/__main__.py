@@ -3,7 +3,7 @@
 
 powercut BIN [--sample N] [--jobs N] [--docs DIR]
 
-BIN holds the programs. With --sample, only N cuts and N failures of today's order. With --docs, rewrites the figures
+BIN holds the programs. With --sample, only N cuts and N failures of the usual order. With --docs, rewrites the figures
 in DIR/powercut.md and the picture DIR/powercut.svg. See docs/powercut.md.
 """
 
@@ -17,7 +17,7 @@ import tempfile
 import time
 
 import report
-from firmware import KIB, ORDERS, TODAY, Firmware, run
+from firmware import KIB, ORDERS, USUAL, Firmware, run
 from judge import DECEIVES
 from sweep import Order, Problem, Sweep, check_inspect, tasks_of
 from writer import Cut
@@ -72,7 +72,7 @@ def sweep(options, folder):
     kvtool = options.bin / "kvtool"
     old = Firmware(folder / "old", options.bin / "cameraMain", seed=1)
     new = Firmware(folder / "new", options.bin / "cameraMain", seed=2)
-    names = ORDERS if options.sample is None else [TODAY]
+    names = ORDERS if options.sample is None else [USUAL]
     orders = [Order(name, kvtool, old, new, ORDERS[name]) for name in names]
     runs = Sweep(options.bin, folder, options.jobs, {"old": old, "new": new})
     for order in orders:
@@ -101,7 +101,7 @@ def sweep(options, folder):
 def main():
     parser = argparse.ArgumentParser(prog="powercut", description=__doc__.splitlines()[0])
     parser.add_argument("bin", type=pathlib.Path, help="folder of the programs")
-    parser.add_argument("--sample", type=int, help="only so many cuts and failures of today's order")
+    parser.add_argument("--sample", type=int, help="only so many cuts and failures of the usual order")
     parser.add_argument("--jobs", type=int, default=3 * os.cpu_count(), help="boards at once")
     parser.add_argument("--docs", type=pathlib.Path, help="folder whose powercut.md and powercut.svg are rewritten")
     options = parser.parse_args()
@@ -111,7 +111,7 @@ def main():
     with tempfile.TemporaryDirectory(prefix="kv-powercut-") as folder:
         try:
             sweep(options, pathlib.Path(folder))
-        except Problem as problem:
+        except (Problem, OSError, RuntimeError) as problem:
             print(f"powercut: {problem}", file=sys.stderr)
             return 1
         except KeyboardInterrupt:

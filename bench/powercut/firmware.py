@@ -23,14 +23,14 @@ LENGTHS = {"uboot": 70 * KIB - 100, "kernel": 72 * KIB - 90, "rootfs": 72 * KIB 
 # The orders of the images, as the table of the package has them. `kvtool pack` keeps the order that it is given, but
 # puts the boot loader last.
 ORDERS = {
-    "today, with boot loader": ["kernel", "rootfs", "app", "uboot"],
-    "today, without boot loader": ["kernel", "rootfs", "app"],
+    "usual order, with boot loader": ["kernel", "rootfs", "app", "uboot"],
+    "usual order, without boot loader": ["kernel", "rootfs", "app"],
     "application first, with boot loader": ["app", "kernel", "rootfs", "uboot"],
     "application first, without boot loader": ["app", "kernel", "rootfs"],
     "boot loader first": ["uboot", "kernel", "rootfs", "app"],
     "application alone": ["app"],
 }
-TODAY = "today, with boot loader"
+USUAL = "usual order, with boot loader"
 
 
 def run(*command):

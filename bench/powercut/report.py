@@ -41,7 +41,8 @@ def figures(orders, full, minutes, cores):
     cuts, contents, failures = (sum(len(part) for part in parts) for parts in zip(
         *((order.cuts, order.distinct, order.failures) for order in orders)))
     lines = ["## Figures", "", f"{cuts} cuts left {contents} different flash contents.",
-             f"Each of these, and each of the {failures} failures, was a run of its own.", f"All runs took {minutes:.1f} minutes on {cores} cores.", "", "### Power cuts", ""]
+             f"Each of these, and each of the {failures} failures, was a run of its own.",
+             f"All runs took {minutes:.1f} minutes on {cores} cores.", "", "### Power cuts", ""]
     lines += _table(["order of the images", "cuts", "flash contents", *CLASSES], cut_rows(orders))
     lines += ["", "### When the power must hold", "",
               "For the small package of the sweep. Seconds at the speed of a typical chip, from the first erasure on.",
@@ -147,5 +148,5 @@ def picture(orders, full):
     drawing.panel("Small package of the sweep: when the power is cut, and what becomes of the device",
                   [(order.name, _segments(order)) for order in orders], 0.5)
     drawing.panel("A camera with the standard layout, foreseen by kvtool inspect",
-                  [("today, with boot loader", _foreseen_segments(full["power"]))], 5)
+                  [("usual order, with boot loader", _foreseen_segments(full["power"]))], 5)
     return drawing.render()
