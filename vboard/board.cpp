@@ -231,7 +231,11 @@ void Board::CutPower(const std::string& reason) {
         return;
     }
     cutReason_ = reason;
-    (void)kill(init_, SIGKILL);
+    if (reason == kPowerCut) {
+        KillBoard(init_);  // so that nothing on the board sees the power go
+    } else {
+        (void)kill(init_, SIGKILL);
+    }
     // A process inside a device operation dies only when the operation ends, so the devices lose
     // power, too.
     devices_->Detach();
