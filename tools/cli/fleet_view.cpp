@@ -279,7 +279,7 @@ void FleetView::TellUnderWay(Clock::time_point now) {
     text += left > 0 ? "\nabout " + Duration(left) +
                            (total.followed > 0 ? "" : " of uploads, then their restart")
                      : "\nthe time that they need is not known";
-    Print(text + "; Ctrl-C again leaves at once");
+    Print(text + "; Ctrl-C again ends kvtool at once");
 }
 
 void FleetView::Tick() {

@@ -90,9 +90,10 @@ class Planner {
             return;
         }
         if (device.reply.mac.empty()) {
-            plan_.warnings.push_back(device.senders.front() +
-                                     " does not tell its MAC address and is left out: kvtool could "
-                                     "not recognize it later (kvtool upgrade takes it)");
+            plan_.warnings.push_back(
+                device.senders.front() +
+                " does not report its MAC address and is left out: kvtool could "
+                "not recognize it later (kvtool upgrade takes it)");
             return;
         }
         Add(MemberOf(device, request_.port));

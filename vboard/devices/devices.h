@@ -67,7 +67,7 @@ class Devices {
     Devices(const Devices&) = delete;
     Devices& operator=(const Devices&) = delete;
 
-    // Called on the watchdog's thread when the watchdog starved; at most once per attachment.
+    // Called on the watchdog's thread when the watchdog has starved; at most once per attachment.
     void OnWatchdogReset(std::function<void()> callback);
     // Called on the chip's thread when a PowerCut happens. From then on the flash changes nothing
     // and answers nothing until the attachment ends, so that no program sees the cut.
