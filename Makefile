@@ -63,6 +63,10 @@ bench-discovery: build ## Compare the rate of discovery answers with that of a b
 	@scripts/setup.sh vboard scripts
 	@scripts/bench_discovery.sh
 
+powercut: build ## Cut the power at every step of an upgrade; rewrites the figures in docs/powercut.md (20 minutes)
+	@scripts/setup.sh vboard scripts
+	@bench/powercut/__main__.py build/bin --docs docs
+
 client-kit: build ## Write the transcripts in docs/client-kit.md from a virtual board (a minute)
 	@scripts/setup.sh vboard scripts
 	@scripts/client_kit.py

@@ -9,6 +9,7 @@
 #include "tools/base/named_file.h"
 #include "tools/cli/report.h"
 #include "tools/package/builder.h"
+#include "tools/package/flash_time.h"
 #include "tools/package/package_json.h"
 #include "tools/package/recipe.h"
 #include "tools/package/signer.h"
@@ -126,6 +127,13 @@ ExitCode RunPack(const PackCommand& command, const LayoutOptions& layout, Json* 
     if (request.ic != kv::kIcType || request.sensor != kv::kSensorType) {
         result.warnings.push_back(std::string("a device of chip ") + kv::kIcType + " and sensor " +
                                   kv::kSensorType + " will refuse this package");
+    }
+    for (const PowerWindow& window :
+         ForeseeFlashTime(CheckPackage(result.bytes, request.layout, {})).windows) {
+        if (window.risk == CutRisk::kDead) {
+            result.warnings.push_back("boot loader: power " + PowerWindowText(window) +
+                                      "; leave it out if it has not changed");
+        }
     }
     for (const std::string& warning : result.warnings) {
         std::cerr << "warning: " << warning << '\n';

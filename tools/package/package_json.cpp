@@ -1,5 +1,10 @@
 #include "tools/package/package_json.h"
 
+#include <cmath>
+
+#include "tools/base/nor_times.h"
+#include "tools/package/flash_time.h"
+
 namespace kvtool {
 
 namespace {
@@ -36,6 +41,29 @@ Json FindingsJson(const PackageReport& report) {
     return findings;
 }
 
+double Milliseconds(double seconds) {
+    return std::round(seconds * 1000) / 1000;
+}
+
+double ChipSeconds(std::chrono::microseconds time) {
+    return std::chrono::duration<double>(time).count();
+}
+
+Json FlashTimeJson(const FlashTime& time) {
+    Json windows = Json::array();
+    for (const PowerWindow& window : time.windows) {
+        windows.push_back({{"partition", window.partition},
+                           {"risk", CutRiskName(window.risk)},
+                           {"from", Milliseconds(window.from)},
+                           {"seconds", Milliseconds(window.seconds)}});
+    }
+    const Json chip = {{"page_bytes", kv::kNorPageBytes},
+                       {"page_seconds", ChipSeconds(kv::kNorPageProgram)},
+                       {"block_bytes", kv::kNorLargestErase.bytes},
+                       {"block_seconds", ChipSeconds(kv::kNorLargestErase.typical)}};
+    return {{"seconds", Milliseconds(time.seconds)}, {"windows", windows}, {"chip", chip}};
+}
+
 Json PlaceJson(const std::optional<ImagePlace>& place) {
     if (!place) {
         return {};
@@ -70,6 +98,7 @@ Json PackageJson(const PackageReport& report) {
     for (const EntryReport& entry : report.entries) {
         json["entries"].push_back(EntryJson(entry));
     }
+    json["power"] = FlashTimeJson(ForeseeFlashTime(report));
     json["findings"] = FindingsJson(report);
     return json;
 }
