@@ -31,9 +31,8 @@ class Announcer : public page::ServeListener {
                       << std::endl;
             return;
         }
-        std::cout << "The page is at\n\n  " << address
-                  << "\n\nIts journal is " << Printable(request_.journal)
-                  << ". Ctrl-C ends kvtool.\n"
+        std::cout << "The page is at\n\n  " << address << "\n\nIts journal is "
+                  << Printable(request_.journal) << ". Ctrl-C ends kvtool.\n"
                   << std::flush;
     }
 

@@ -136,10 +136,9 @@ HttpReply Api::Dispatch(HttpCall* call) {
     const std::string_view path = call->Path();
     const bool entrance = path == "/";
     std::string why;
-    const Credentials request = {call->Method(),         call->Header("Host"),
-                                 call->Header("Origin"), call->Header("Cookie"),
-                                 call->Header("Content-Type"),
-                                 call->Header("Sec-Fetch-Site")};
+    const Credentials request = {
+        call->Method(),         call->Header("Host"),         call->Header("Origin"),
+        call->Header("Cookie"), call->Header("Content-Type"), call->Header("Sec-Fetch-Site")};
     const bool hasToken = entrance && !call->Query("token").empty();
     const unsigned refused = gate_->Refuse(request, !hasToken, &why);
     if (refused != 0 && !(entrance && refused == 403)) {
@@ -165,7 +164,8 @@ HttpReply Api::Dispatch(HttpCall* call) {
         }
     }
     for (const Asset& asset : Assets()) {
-        if (reads && (entrance ? asset.name == "index.html" : path == "/" + std::string(asset.name))) {
+        if (reads &&
+            (entrance ? asset.name == "index.html" : path == "/" + std::string(asset.name))) {
             return File(asset, *call);
         }
     }

@@ -69,8 +69,7 @@ void Archive::BeginNew() {
     const std::string name = NumberedPath(Numbered() + 1);
     if (rename(path_.c_str(), name.c_str()) != 0) {
         throw ToolError(ExitCode::kInternal, "cannot rename the journal " + Printable(path_) +
-                                                 " to " + Printable(name) + ": " +
-                                                 strerror(errno));
+                                                 " to " + Printable(name) + ": " + strerror(errno));
     }
     journal_ = Open(path_);
     (void)unlink((path_ + ".package").c_str());

@@ -30,8 +30,8 @@ class Archive {
     fleet::JournalContents Read() const { return fleet::ReadJournal(path_); }
     fleet::Journal* Writer() { return journal_.get(); }
 
-    // Begins a new journal; the present one gets the next number. The package beside it goes. Throws
-    // ToolError(kInternal).
+    // Begins a new journal; the present one gets the next number. The package beside it goes.
+    // Throws ToolError(kInternal).
     void BeginNew();
 
     // Keeps the bytes beside the journal. Throws ToolError(kInternal).

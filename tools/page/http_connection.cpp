@@ -11,6 +11,7 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
 #include <cerrno>
+#include <limits>
 
 #include "tools/base/errors.h"
 #include "tools/base/json.h"
@@ -281,13 +282,15 @@ std::string Head(const HttpReply& reply, bool keep) {
 bool ServeRequest(Socket* socket, beast::flat_buffer* buffer, const HttpHandler& handler) {
     Parser parser;
     parser.header_limit(kHeadLimit);
-    parser.body_limit(boost::none);  // ReadBody has its own
+    // ReadBody has its own. Here, "none" would count as smaller than any length.
+    parser.body_limit(std::numeric_limits<uint64_t>::max());
     socket->ReadUntil(Clock::now() + kHeadTime);
     ErrorCode error;
     (void)http::read_header(*socket, *buffer, parser, error);
     if (error) {
-        const bool broken = error.category() == http::make_error_code(http::error::bad_target).category() &&
-                            error != http::error::end_of_stream && error != http::error::partial_message;
+        const bool broken =
+            error.category() == http::make_error_code(http::error::bad_target).category() &&
+            error != http::error::end_of_stream && error != http::error::partial_message;
         if (broken) {
             const HttpReply refusal = ErrorReply(400, "not a request that this server understands");
             (void)socket->Write(Head(refusal, false) + refusal.body);

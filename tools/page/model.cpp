@@ -21,8 +21,7 @@ std::string With(const std::string& object, const std::string& key, const std::s
 
 // The object with the keys of the other one behind its own.
 std::string Joined(const std::string& object, const std::string& more) {
-    return more.size() <= 2 ? object
-                            : object.substr(0, object.size() - 1) + "," + more.substr(1);
+    return more.size() <= 2 ? object : object.substr(0, object.size() - 1) + "," + more.substr(1);
 }
 
 std::string Event(const char* name, const std::string& data) {
@@ -187,7 +186,8 @@ std::string Model::EventsSince(uint64_t* seq) const {
             if (member.item.changed > had) {
                 events += Event("member", MemberText(member));
             } else if (member.progress.changed > had) {
-                progress.push_back(Joined("{\"device\":" + member.name + "}", member.progress.text));
+                progress.push_back(
+                    Joined("{\"device\":" + member.name + "}", member.progress.text));
             }
         }
         if (!progress.empty()) {
@@ -202,8 +202,7 @@ std::string Model::EventsSince(uint64_t* seq) const {
     return events;
 }
 
-Model::Reader::Reader(Model* model)
-    : model_(model), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+Model::Reader::Reader(Model* model) : model_(model), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (!wake_) {
         throw ToolError(ExitCode::kInternal, "no descriptors are left");
     }

@@ -41,8 +41,8 @@ RunControl::RunControl(const RunSettings& settings, Archive* archive, Model* mod
         return;
     }
     journalMd5_ = contents.package.md5;
-    view_ = std::make_shared<RunView>(
-        RunFacts{runs_, contents.package, 0, contents.started}, model_, nullptr);
+    view_ = std::make_shared<RunView>(RunFacts{runs_, contents.package, 0, contents.started},
+                                      model_, nullptr);
     for (size_t i = 0; i < contents.members.size(); ++i) {
         view_->Changed(i, contents.members[i]);
     }
@@ -241,9 +241,9 @@ Json RunControl::Start(int plan) {
     }
     const std::shared_ptr<Ready> ready = plan_;
     const std::vector<Member> all = Record(*ready);
-    view_ = std::make_shared<RunView>(
-        RunFacts{runs_, ready->package->name, ready->options.jobs, Now()}, model_,
-        &ready->startNothing);
+    view_ =
+        std::make_shared<RunView>(RunFacts{runs_, ready->package->name, ready->options.jobs, Now()},
+                                  model_, &ready->startNothing);
     flying_ = ready;
     plan_.reset();
     model_->SetPlan(nullptr);

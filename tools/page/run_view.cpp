@@ -25,7 +25,8 @@ Json ViewJson(const TrackedMember& row) {
     const Member& member = row.member;
     const bool failed = member.progress.state == State::kFailed;
     Json json = fleet::MemberJson(member);
-    json["phase_started"] = member.history.empty() ? Json() : TimeOrNull(member.history.back().second);
+    json["phase_started"] =
+        member.history.empty() ? Json() : TimeOrNull(member.history.back().second);
     json["last"] = row.last;
     json["may_retry"] = failed && fleet::MayRetry(member);
     json["not_begun"] = member.progress.state == State::kPlanned;
@@ -52,11 +53,10 @@ void RunView::ShowProgress(size_t member) {
     const uint64_t total = facts_.package.size + kv::kMd5TrailerSize;
     const bool sent = row.member.progress.reached >= State::kFinishing;
     const bool uploads = row.member.progress.state == State::kUploading;
-    model_->SetProgress(
-        member, {{"bytes_acknowledged", sent ? total : row.upload.acknowledged},
-                 {"bytes_total", total},
-                 {"rate", uploads ? static_cast<uint64_t>(row.rate.Rate()) : 0},
-                 {"seconds_left", SecondsOrNull(fleet::SecondsLeft(row))}});
+    model_->SetProgress(member, {{"bytes_acknowledged", sent ? total : row.upload.acknowledged},
+                                 {"bytes_total", total},
+                                 {"rate", uploads ? static_cast<uint64_t>(row.rate.Rate()) : 0},
+                                 {"seconds_left", SecondsOrNull(fleet::SecondsLeft(row))}});
 }
 
 void RunView::Changed(size_t member, const Member& what) {
@@ -133,7 +133,9 @@ Json RunView::RunJsonLocked() const {
     const fleet::RunTotal total = tracker_.Total(Clock::now());
     const bool stopping = stopping_ != nullptr && stopping_->Raised();
     return {{"id", facts_.id},
-            {"state", over_ ? "ended" : stopping || !stopped_.empty() ? "stopping" : "running"},
+            {"state", over_                           ? "ended"
+                      : stopping || !stopped_.empty() ? "stopping"
+                                                      : "running"},
             {"started", fleet::TimeText(facts_.started)},
             {"ended", TimeOrNull(ended_)},
             {"package", fleet::PackageNameJson(facts_.package)},

@@ -1,9 +1,9 @@
 #include "tools/page/service.h"
 
+#include <fcntl.h>
 #include <kv_version.h>
 #include <poll.h>
 #include <signal.h>
-#include <fcntl.h>
 #include <spawn.h>
 #include <unistd.h>
 

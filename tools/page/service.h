@@ -25,9 +25,9 @@ class ServeListener {
     virtual void Warn(const std::string& text) = 0;
 };
 
-// Serves until Ctrl-C. If upgrades are under way, the first Ctrl-C starts nothing more and waits for
-// them, and a second one, or SIGTERM, abandons them. Returns kDone, or kInterrupted if upgrades were
-// abandoned. Throws ToolError if it cannot begin. Call it from the main thread.
+// Serves until Ctrl-C. If upgrades are under way, the first Ctrl-C starts nothing more and waits
+// for them, and a second one, or SIGTERM, abandons them. Returns kDone, or kInterrupted if upgrades
+// were abandoned. Throws ToolError if it cannot begin. Call it from the main thread.
 ExitCode Serve(const ServeRequest& request, ServeListener* listener);
 
 }  // namespace kvtool::page

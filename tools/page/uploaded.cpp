@@ -65,8 +65,8 @@ Bytes ReceiveFile(HttpCall* call, const std::string& folder) {
     Bytes bytes(size);
     size_t done = 0;
     while (done < bytes.size()) {
-        const ssize_t n = pread(fd.Get(), bytes.data() + done, bytes.size() - done,
-                                static_cast<off_t>(done));
+        const ssize_t n =
+            pread(fd.Get(), bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
         if (n == 0 || (n < 0 && errno != EINTR)) {
             FailStore(n == 0 ? EIO : errno);
         }
