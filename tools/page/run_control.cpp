@@ -244,11 +244,15 @@ Json RunControl::Start(int plan) {
     view_ =
         std::make_shared<RunView>(RunFacts{runs_, ready->package->name, ready->options.jobs, Now()},
                                   model_, &ready->startNothing);
+    for (size_t i = 0; i < all.size(); ++i) {
+        view_->Changed(i, all[i]);
+    }
     flying_ = ready;
     plan_.reset();
     model_->SetPlan(nullptr);
-    Json json = view_->RunJson();
-    model_->SetRun(json);
+    model_->SetRun(view_->RunJson());
+    Json json = {{"schema", kJsonSchema}};
+    json.update(view_->RunJson());
     thread_ = std::thread([this, ready, all] { Fly(ready, all); });
     return json;
 }
