@@ -60,6 +60,8 @@ class Runner {
     // Adds a device to upgrade. A device of an earlier run continues where that run left it. May be
     // called on any thread, before Run or during it.
     void Add(Member member);
+    // Lists a device that this run leaves as it is. Before Run.
+    void AddIdle(Member member);
     // Blocks until there is nothing left to do and nothing under way. May be called once.
     void Run();
 
@@ -68,6 +70,8 @@ class Runner {
     const std::string& Stopped() const { return stopped_; }
     // After Run: why the journal could not be written; empty: it is complete.
     const std::string& JournalTrouble() const { return journalTrouble_; }
+    // After Run: the exit code of the run.
+    ExitCode Result() const;
     // A copy of the member, or nothing if there is none. May be called on any thread.
     std::optional<Member> Find(const std::string& id);
 

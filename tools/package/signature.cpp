@@ -34,8 +34,7 @@ struct SignatureBlock {
     throw ToolError(ExitCode::kRefused, Printable(file) + ": " + why);
 }
 
-std::vector<std::string> TextLines(const std::string& file) {
-    const Bytes bytes = ReadWholeFile(file);
+std::vector<std::string> TextLines(const Bytes& bytes) {
     std::vector<std::string> lines(1);
     for (const uint8_t byte : bytes) {
         if (byte == '\n') {
@@ -61,7 +60,7 @@ bool StartsWith(const std::string& text, const char* start) {
 }
 
 PublicKey ReadKey(const std::string& file) {
-    const std::vector<std::string> lines = TextLines(file);
+    const std::vector<std::string> lines = TextLines(ReadWholeFile(file));
     PublicKey key{};
     if (lines.size() < 2 || !StartsWith(lines[0], kUntrusted) || !Decode(lines[1], &key) ||
         memcmp(key.algorithm, "Ed", 2) != 0) {
@@ -98,12 +97,17 @@ bool SignsComment(const SignatureBlock& block, const PublicKey& key, const std::
 }  // namespace
 
 Signature VerifySignature(const Bytes& package, const std::string& file, const Trust& trust) {
+    const std::string path = trust.signature.empty() ? file + ".minisig" : trust.signature;
+    return VerifySignature(package, file, trust.key, path, ReadWholeFile(path));
+}
+
+Signature VerifySignature(const Bytes& package, const std::string& file, const std::string& keyFile,
+                          const std::string& path, const Bytes& signature) {
     if (sodium_init() < 0) {
         throw ToolError(ExitCode::kInternal, "cannot start libsodium");
     }
-    const std::string path = trust.signature.empty() ? file + ".minisig" : trust.signature;
-    const PublicKey key = ReadKey(trust.key);
-    const std::vector<std::string> lines = TextLines(path);
+    const PublicKey key = ReadKey(keyFile);
+    const std::vector<std::string> lines = TextLines(signature);
     SignatureBlock block{};
     std::array<uint8_t, crypto_sign_BYTES> commentSignature{};
     if (lines.size() < 4 || !StartsWith(lines[0], kUntrusted) || !Decode(lines[1], &block) ||
