@@ -5,8 +5,8 @@ PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
 .PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder bench bench-discovery \
-        bench-fleet board board-shell test test-ansible test-fleet unit mutants lint format sanitize packaging-check \
-        install deb clean
+        bench-fleet board board-shell test test-ansible test-fleet test-page screenshots unit mutants lint format \
+        sanitize packaging-check install deb clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
@@ -77,6 +77,14 @@ test-fleet: tests-build ## Upgrade a site of 20 boards with a tool that is kille
 test-ansible: build ## Run the Ansible collection against a site of six virtual boards (under three minutes)
 	@scripts/setup.sh vboard scripts ansible
 	@tests/ansible/site_test.py
+
+test-page: build ## Use the page of kvtool with real browsers on a site of five boards (under two minutes)
+	@scripts/setup.sh vboard scripts page
+	@tests/page/run.sh
+
+screenshots: build ## Do the same, and take the pictures of docs/page.md
+	@scripts/setup.sh vboard scripts page pictures
+	@tests/page/run.sh docs/page
 
 unit: tests-build ## Run the unit tests only
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS) -L unit

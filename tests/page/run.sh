@@ -24,4 +24,11 @@ ip link set wlan0 up
 exec udhcpc -i wlan0
 SCRIPT
 open_site --shape 16mbit
-site exec -- env KV_BIN="$bin" KV_SITE="$site" KV_WORK="$work" KV_PICTURES="${1:-}" node tests/page/page_test.mjs
+pictures=
+if [ $# -gt 0 ]; then
+    mkdir -p "$1"
+    pictures=$(realpath "$1")
+fi
+site exec -- env KV_BIN="$bin" KV_SITE="$site" KV_WORK="$work" KV_PICTURES="$pictures" \
+    node tests/page/page_test.mjs
+[ -z "$pictures" ] || pngquant --force --ext .png --strip "$pictures"/*.png

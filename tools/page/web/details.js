@@ -25,6 +25,7 @@ const kFields = [
 const besides = matchMedia("(min-width: 70rem)");
 let shown = null; // the id of the camera
 let history = null; // { journals } or { error }; null while it is asked for
+let painted = ""; // what the pane shows, as JSON
 let opener = null;
 
 const pane = () => byId("details");
@@ -122,8 +123,8 @@ function paint() {
     member && { ...member, bytes_acknowledged: 0, rate: 0, seconds_left: 0 },
     history,
   ]);
-  if (body.dataset.key !== key) {
-    body.dataset.key = key;
+  if (painted !== key) {
+    painted = key;
     body.replaceChildren(
       ...[
         member ? upgradeOf(member) : null,
@@ -132,7 +133,7 @@ function paint() {
         el("h3", {}, "History"),
         historyList(),
       ]
-        .flat()
+        .flat(Infinity)
         .filter(Boolean),
     );
   }
@@ -166,6 +167,7 @@ export function openDetails(id) {
   opener = pane().open ? opener : document.activeElement;
   shown = id;
   history = null;
+  painted = "";
   pane().replaceChildren(
     el(
       "div",
