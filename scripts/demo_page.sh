@@ -1,7 +1,7 @@
 #!/bin/bash
-# demo_page.sh [--check]: serves the page of kvtool for a site of five virtual cameras, until Ctrl-C. The address works in
-# a browser of this PC. The folder that it prints has packages to drop on the page. With --check, the script asks for the
-# page itself, waits until it shows the cameras, and ends.
+# demo_page.sh [--check]: serves the page of kvtool for a site of five virtual cameras, until Ctrl-C. The address works
+# in a browser of this PC. The folder that it prints has packages to drop on the page. With --check, the script asks for
+# the page itself, waits until it shows the cameras, and ends.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
