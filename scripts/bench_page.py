@@ -162,8 +162,8 @@ def use(work, seconds):
 
 
 async def main(seconds):
-    for command in ["link set lo up", "link add lan type dummy", "address add 10.7.0.1/16 brd + dev lan",
-                    "link set lan up", "route add local 10.7.8.0/21 dev lo"]:
+    for command in ["link set lo up", "link add lan type veth peer name far", "address add 10.7.0.1/16 brd + dev lan",
+                    "link set lan up", "link set far up", "route add local 10.7.8.0/21 dev lo"]:
         subprocess.run(["ip", *command.split()], check=True)
     _ = Discovery()
     await asyncio.start_server(serve_device, "0.0.0.0", 80, limit=RATE)
