@@ -4,9 +4,9 @@ JOBS ?= $(shell expr 2 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder bench bench-discovery \
-        bench-fleet board board-shell test test-ansible test-fleet test-page screenshots unit mutants lint format \
-        sanitize packaging-check install deb clean
+.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder demo-page bench \
+        bench-discovery bench-fleet bench-page board board-shell test test-ansible test-fleet test-page screenshots \
+        unit mutants lint format sanitize packaging-check install deb clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
@@ -53,6 +53,14 @@ bench: build ## Measure an upload against socat on the same virtual link
 demo-fleet: build ## Watch eight cameras being upgraded at once: two fail, the tool is killed and goes on (90 seconds)
 	@scripts/setup.sh vboard scripts
 	@scripts/demo_fleet.sh
+
+demo-page: build ## Upgrade five virtual cameras in your browser, until Ctrl-C (PORT=8765)
+	@scripts/setup.sh vboard scripts bench
+	@scripts/demo_page.sh
+
+bench-page: build ## Measure the page's server with 500 devices, 20 upgrades under way and two open pages (two minutes)
+	@scripts/setup.sh scripts
+	@scripts/bench_page.py
 
 bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one air (5 minutes)
 	@scripts/setup.sh vboard scripts

@@ -1,7 +1,8 @@
 #!/usr/bin/python3
-"""bench_page.py [SECONDS]: measures the CPU time and the memory of `kvtool serve` while 500 devices answer its searches,
-20 of them are being upgraded and two pages are open, one of which never reads. Everything runs in a network namespace
-of its own. It plays the devices itself; each takes its upload slowly. The exit status is 1 above 5 % of one core.
+"""bench_page.py [SECONDS]: measures the CPU time and the memory of `kvtool serve` while 500 devices answer its
+searches, 20 of them are being upgraded and two pages are open, one of which never reads. Everything runs in a network
+namespace of its own. It plays the devices itself; each takes its upload slowly. The exit status is 1 above 5 % of one
+core.
 """
 import asyncio
 import http.client
@@ -66,7 +67,8 @@ def reply(command, payload=b""):
 
 
 async def serve_device(reader, writer):
-    record = struct.pack("4s64s100s200s64s16s16s", b"\0\x1b", b"PRT7K", b"12345678", b"ZH8C4", FIRMWARE, b"PRT7K", b"38QX")
+    record = struct.pack("4s64s100s200s64s16s16s", b"\0\x1b", b"PRT7K", b"12345678", b"ZH8C4", FIRMWARE, b"PRT7K",
+                         b"38QX")
     try:
         while True:
             command, = struct.unpack_from("<H", await reader.readexactly(32), 4)
@@ -94,7 +96,8 @@ class Client:
 
     def open_page(self):
         page = socket.create_connection(("127.0.0.1", self.port))
-        page.sendall(f"GET /api/events HTTP/1.1\r\nHost: 127.0.0.1:{self.port}\r\nCookie: {self.cookie}\r\n\r\n".encode())
+        page.sendall((f"GET /api/events HTTP/1.1\r\nHost: 127.0.0.1:{self.port}\r\n"
+                      f"Cookie: {self.cookie}\r\n\r\n").encode())
         return page
 
 
@@ -133,10 +136,11 @@ def measure(client, process, what, page, seconds):
 def use(work, seconds):
     image = work / "image"
     image.write_bytes(os.urandom(RATE * (seconds + 120)))
-    subprocess.run([TOOL, "pack", "--force", "-o", work / "package", f"rootfs={image}", "--size", "rootfs=64M"], check=True,
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    tool = subprocess.Popen([TOOL, "serve", "--json", "--no-browser", "--journal", work / "journal", "--stall-timeout", "60",
-                             "--size", "rootfs=64M"], stdout=subprocess.PIPE, text=True)
+    large = ["--size", "rootfs=64M"]
+    subprocess.run([TOOL, "pack", "-o", work / "package", f"rootfs={image}", *large], check=True,
+                   stdout=subprocess.DEVNULL)
+    tool = subprocess.Popen([TOOL, "serve", "--json", "--no-browser", "--journal", work / "journal",
+                             "--stall-timeout", "60", *large], stdout=subprocess.PIPE, text=True)
     try:
         client = Client(json.loads(tool.stdout.readline())["address"])
         page, sleeper = client.open_page(), client.open_page()
@@ -144,7 +148,7 @@ def use(work, seconds):
             time.sleep(0.5)
         measure(client, tool.pid, f"{DEVICES} devices are listed", page, seconds)
         client.ask("POST", "/api/package?name=package", (work / "package").read_bytes(), "application/octet-stream")
-        plan = client.ask("POST", "/api/plan", json.dumps({"devices": [mac_of(n) for n in range(UPGRADES)], "force": True}))
+        plan = client.ask("POST", "/api/plan", json.dumps({"devices": [mac_of(n) for n in range(UPGRADES)]}))
         client.ask("POST", "/api/run", json.dumps({"plan": plan["id"]}))
         while sum(one["state"] == "uploading" for one in client.ask("GET", "/api/state")["run"]["members"]) < UPGRADES:
             time.sleep(0.5)
@@ -158,8 +162,8 @@ def use(work, seconds):
 
 
 async def main(seconds):
-    for command in ["link set lo up", "link add lan type dummy", "address add 10.7.0.1/16 brd + dev lan",
-                    "link set lan up", "route add local 10.7.8.0/21 dev lo"]:
+    for command in ["link set lo up", "link add lan type veth peer name far", "address add 10.7.0.1/16 brd + dev lan",
+                    "link set lan up", "link set far up", "route add local 10.7.8.0/21 dev lo"]:
         subprocess.run(["ip", *command.split()], check=True)
     _ = Discovery()
     await asyncio.start_server(serve_device, "0.0.0.0", 80, limit=RATE)

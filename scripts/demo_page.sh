@@ -1,7 +1,7 @@
 #!/bin/bash
-# demo_page.sh [--check]: serves the page of kvtool for a site of five virtual cameras, until Ctrl-C. The address works in
-# a browser of this PC. The folder that it prints has packages to drop on the page. With --check, the script asks for the
-# page itself, waits until it shows the cameras, and ends.
+# demo_page.sh [--check]: serves the page of kvtool for a site of five virtual cameras, until Ctrl-C. The address works
+# in a browser of this PC. The folder that it prints has packages to drop on the page. With --check, the script asks for
+# the page itself, waits until it shows the cameras, and ends.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -38,8 +38,9 @@ open_site --shape 20mbit
 site start "$cameras" --no-eth --nor-timing -- "$bin/upgradeMain"
 board_of 4 fault mtd5 open --errno EIO --count 1000
 
+# Not through the function "site": the shell around it would be what is ended.
 # The laptop of the site has a network of its own. Two relays carry connections to it, over a socket in the file system.
-site exec -- socat "UNIX-LISTEN:$work/page,fork" "TCP:127.0.0.1:$port" &
+"$bin/vboard" site exec --state "$site" -- socat "UNIX-LISTEN:$work/page,fork" "TCP:127.0.0.1:$port" &
 relays+=($!)
 socat "TCP-LISTEN:$port,bind=127.0.0.1,reuseaddr,fork" "UNIX-CONNECT:$work/page" &
 relays+=($!)
@@ -53,14 +54,14 @@ recovery mode. Packages to try are in $work/packages:
   broken.FLS      with an error: it needs an override
 
 TEXT
-serve=(exec -- "$bin/kvtool" serve --no-browser --port "$port" --journal "$work/journal" --back-timeout 20)
+serve=(exec --state "$site" -- "$bin/kvtool" serve --no-browser --port "$port" --journal "$work/journal" --back-timeout 20)
 if [ "${1:-}" != --check ]; then
     trap : INT
     status=0
-    site "${serve[@]}" || status=$?
+    "$bin/vboard" site "${serve[@]}" || status=$?
     exit "$status"
 fi
-site "${serve[@]}" >"$work/said" 2>&1 &
+"$bin/vboard" site "${serve[@]}" >"$work/said" 2>&1 &
 relays+=($!)
 for _ in $(seq 100); do
     address=$(grep -o 'http://[^ ]*' "$work/said" || true)
