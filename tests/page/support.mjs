@@ -112,20 +112,24 @@ export async function lyingDevice(address, firmware, serial) {
 const kWcag = { type: "tag", values: ["wcag2a", "wcag2aa", "wcag21a", "wcag21aa"] };
 const kContrast = { type: "rule", values: ["color-contrast"] };
 
-async function show(page, width, theme) {
+export async function show(page, width, theme) {
   await page.setViewportSize({ width, height: width === 360 ? 740 : 900 });
   await page.emulateMedia({ colorScheme: theme, reducedMotion: "reduce" });
 }
 
-// What must hold of the page in every state: no violation of WCAG 2.1 AA and no sideways scrolling, at both widths and
-// in both themes. Takes the pictures of the state first.
-export async function inspect(page, name, picture = false) {
-  for (const width of picture && pictures ? [360, 1280] : []) {
+// Takes the pictures of a state for the documents, if they are wanted.
+export async function photograph(page, name, widths = [360, 1280]) {
+  for (const width of pictures ? widths : []) {
     for (const theme of ["light", "dark"]) {
       await show(page, width, theme);
       await page.screenshot({ path: path.join(pictures, `${name}-${width}-${theme}.png`) });
     }
   }
+}
+
+// What must hold of the page in every state: no violation of WCAG 2.1 AA and no sideways scrolling, at both widths and
+// in both themes.
+export async function inspect(page, name) {
   for (const [width, theme, rules] of [
     [360, "light", kWcag],
     [1280, "dark", kContrast],

@@ -190,7 +190,6 @@ function paint() {
 function fold(yes) {
   byId("package-body").hidden = yes;
   setAttribute(byId("fold-package"), "aria-expanded", yes ? "false" : "true");
-  setText(byId("fold-package"), yes ? "▸ Contents" : "▾ Contents");
 }
 
 function paintUpload(name, loaded, total) {

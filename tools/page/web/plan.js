@@ -1,6 +1,6 @@
 // The dialog between choosing cameras and upgrading them: options, what will happen to each camera, and the start.
 import { button, byId, count, el, foreign, setAttribute, setText, size } from "./base.js";
-import { ask, on, state } from "./server.js";
+import { ask, on, state, tell } from "./server.js";
 
 // Name, title, explanation, attributes of the input. An empty field leaves the option to the server.
 const kNumbers = [
@@ -35,6 +35,7 @@ let request = null; // { path, devices } of the plan; null while the dialog is c
 let plan = null; // what the dialog shows
 let stage = ""; // setup, planning, ready, stale, starting
 let trouble = "";
+let dismissed = null; // the plan that was cancelled here; the server keeps it
 
 const dialog = () => byId("plan-dialog");
 
@@ -259,13 +260,10 @@ function close() {
   dialog().close();
 }
 
-async function cancel() {
-  const discard = plan && stage !== "starting" && state.plan?.id === plan.id;
+function cancel() {
+  dismissed = plan?.id;
   close();
-  if (discard) {
-    // Without it the plan stays on offer, which does no harm.
-    await ask("DELETE", "/api/plan").catch(() => {});
-  }
+  tell("plan");
 }
 
 function open(what, ready) {
@@ -329,6 +327,9 @@ export function openAgain(which) {
     makePlan();
   }
 }
+
+// The plan of the server, if it is worth offering.
+export const offeredPlan = () => (state.plan?.id === dismissed ? null : state.plan);
 
 // Shows the plan that the server has.
 export function reviewPlan() {

@@ -18,7 +18,7 @@ import {
   soon,
 } from "./base.js";
 import { openDetails } from "./details.js";
-import { openAgain, reviewPlan } from "./plan.js";
+import { offeredPlan, openAgain, reviewPlan } from "./plan.js";
 import { ask, on, state } from "./server.js";
 
 const kPhases = {
@@ -40,7 +40,7 @@ const kGroups = {
 };
 // By the exit code that `kvtool upgrade` would have had.
 const kAdvice = {
-  3: "Nothing was sent. Use the package for this model, or override the check in the plan.",
+  3: "Nothing was sent. Use the package for this model.",
   4: "Nothing was sent. Check that the camera is switched on, in recovery mode and in this network, then retry.",
   5: "Switch the camera off and on. If this happens again, note its firmware and look at its log.",
   6: "The camera has flashed nothing and waits in recovery mode. Check the radio link, then retry.",
@@ -150,7 +150,9 @@ function paintRow(member) {
   const key = JSON.stringify([member.state, member.text, member.observed, member.assumed, member.last, member.code]);
   if (row.key !== key) {
     row.key = key;
-    const lists = member.state === "failed" ? [] : knownLists(member, true);
+    // What was assumed on the way is of no use any more when the camera has been seen alive.
+    const known = knownLists(member, true);
+    const lists = { failed: [], done: known.slice(0, 1) }[member.state] ?? known;
     row.known.replaceChildren(
       ...[
         member.text && (member.state === "failed" || lists.every((list) => !list))
@@ -190,13 +192,14 @@ function paintRows() {
 }
 
 function totalText(run) {
-  const parts = [`${run.done} of ${state.members.size} done`];
-  if (run.failed > 0) {
-    parts.push(`${run.failed} failed`);
+  const members = [...state.members.values()];
+  const number = (key) => members.filter(kGroups[key][1]).length;
+  const parts = [`${number("done")} of ${members.length} done`];
+  if (number("failed") > 0) {
+    parts.push(`${number("failed")} failed`);
   }
-  const busy = [...state.members.values()].filter(isBusy).length;
   if (run.state !== "ended") {
-    parts.push(`${busy} under way`);
+    parts.push(`${number("busy")} under way`);
     if (typeof run.seconds_left === "number") {
       parts.push(`about ${duration(run.seconds_left)} left`);
     }
@@ -262,7 +265,8 @@ function again(run) {
 
 // The buttons depend on the state of the run only, so they keep the focus while numbers change.
 function paintActions() {
-  const { run, plan } = state;
+  const { run } = state;
+  const plan = offeredPlan();
   const next = again(run);
   const place = byId("run-actions");
   const key = JSON.stringify([run?.id, run?.state, plan?.id, next]);
@@ -295,7 +299,8 @@ function paintActions() {
 }
 
 function build() {
-  const { run, plan } = state;
+  const { run } = state;
+  const plan = offeredPlan();
   byId("run").hidden = !run && !plan;
   const body = byId("run-body");
   const key = run ? `run ${run.id}` : plan ? "plan" : "";

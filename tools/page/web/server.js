@@ -24,7 +24,7 @@ export function on(topics, listener) {
     listeners.set(topic, [...(listeners.get(topic) ?? []), listener]);
   }
 }
-const tell = (topic, what) => (listeners.get(topic) ?? []).forEach((listener) => listener(what));
+export const tell = (topic, what) => (listeners.get(topic) ?? []).forEach((listener) => listener(what));
 
 const receive = {
   state(all) {
