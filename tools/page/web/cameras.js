@@ -71,7 +71,7 @@ function seenText(device) {
   return device.present
     ? "now"
     : minutes < 1
-      ? "under 1 min ago"
+      ? "< 1 min ago"
       : minutes < 60
         ? `${minutes} min ago`
         : clock(device.last_seen);

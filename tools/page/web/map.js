@@ -125,8 +125,11 @@ function fate(partition, entries) {
 const kindOf = (partition) =>
   partition.stays ? "stays" : partition.written.some((part) => part.length > 0) ? "image" : "erased";
 
+const deviceNumber = (partition) => Number(/\d+/.exec(partition.device)?.[0] ?? 0);
+
 // The figure for a package's `map` and `entries`.
-export function flashMap(map, entries) {
+export function flashMap(unordered, entries) {
+  const map = [...unordered].sort((a, b) => deviceNumber(a) - deviceNumber(b));
   const total = map.reduce((sum, partition) => sum + partition.size, 0);
   const written = map.filter((partition) => !partition.stays);
   const picture = draw(

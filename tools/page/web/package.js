@@ -164,7 +164,7 @@ function paint() {
   summary.replaceChildren(
     foreign(what.file, { class: "file" }),
     el("span", {}, size(what.size)),
-    what.acceptable ? pill("good", "the camera accepts this") : pill("bad", count(number("error"), "error")),
+    what.acceptable ? pill("good", "no errors") : pill("bad", count(number("error"), "error")),
     ...(number("warning") > 0 ? [pill("warn", count(number("warning"), "warning"))] : []),
     ...(state.server.trusted_key && !what.signature ? [pill("bad", "not trusted")] : []),
   );
@@ -190,7 +190,7 @@ function paint() {
 function fold(yes) {
   byId("package-body").hidden = yes;
   setAttribute(byId("fold-package"), "aria-expanded", yes ? "false" : "true");
-  setText(byId("fold-package"), yes ? "Show contents" : "Hide contents");
+  setText(byId("fold-package"), yes ? "▸ Contents" : "▾ Contents");
 }
 
 function paintUpload(name, loaded, total) {
