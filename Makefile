@@ -1,6 +1,6 @@
 # Kept thin: each target is a line of help and little more. `make help` lists the targets.
-# Most tests wait for clocks, so run twice as many at once as there are cores.
-JOBS ?= $(shell expr 2 \* $$(nproc))
+# Most tests wait for clocks, so run four times as many at once as there are cores.
+JOBS ?= $(shell expr 4 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help

@@ -18,6 +18,7 @@ import time
 
 TOOL = pathlib.Path(__file__).resolve().parent.parent / "build/bin/kvtool"
 DEVICES, UPGRADES, GOAL = 500, 20, 5.0
+IP_PKTINFO = 8  # of linux/in.h, which the socket module lacks
 RATE = 30000  # bytes a second that a device takes
 # The part of an answer that is enciphered, for a device with the account "admin".
 CIPHER = bytes.fromhex("DA35085C06730268B031E200540590A8DE88003A00D34F7EAF3EE93901675B9A")
@@ -49,7 +50,7 @@ class Discovery(asyncio.Protocol):
     def __init__(self):
         self.answers = {address_of(n): answer_of(n) for n in range(DEVICES)}
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_PKTINFO, 1)
+        self.socket.setsockopt(socket.IPPROTO_IP, IP_PKTINFO, 1)
         self.socket.bind(("0.0.0.0", 6789))
         self.socket.setblocking(False)
         asyncio.get_running_loop().add_reader(self.socket, self.take)
@@ -59,7 +60,7 @@ class Discovery(asyncio.Protocol):
         asked = socket.inet_ntoa(notes[0][2][8:12])
         for address in [asked] if asked in self.answers else self.answers:
             info = struct.pack("=I4s4s", 0, socket.inet_aton(address), b"\0" * 4)
-            self.socket.sendmsg([self.answers[address]], [(socket.IPPROTO_IP, socket.IP_PKTINFO, info)], 0, peer)
+            self.socket.sendmsg([self.answers[address]], [(socket.IPPROTO_IP, IP_PKTINFO, info)], 0, peer)
 
 
 def reply(command, payload=b""):
