@@ -54,7 +54,8 @@ recovery mode. Packages to try are in $work/packages:
   broken.FLS      with an error: it needs an override
 
 TEXT
-serve=(exec --state "$site" -- "$bin/kvtool" serve --no-browser --port "$port" --journal "$work/journal" --back-timeout 20)
+serve=(exec --state "$site" -- "$bin/kvtool" serve --no-browser --port "$port" --journal "$work/journal")
+serve+=(--back-timeout 20)
 if [ "${1:-}" != --check ]; then
     trap : INT
     status=0

@@ -348,6 +348,12 @@ TEST_F(PageServer, RefusesWhatIsNotItsPage) {
         }
         EXPECT_EQ(one.status == 303, Contains(answer.head, "HttpOnly; SameSite=Strict; Path=/"));
     }
+    // The address is clicked on another page: a redirect would come without the cookie.
+    const Answer clicked = Exchange(served.port_, served.Head("GET /?token=" + served.token_) +
+                                                      "Sec-Fetch-Site: cross-site\r\n\r\n");
+    EXPECT_EQ(clicked.status, 200);
+    EXPECT_TRUE(Contains(clicked.body, "content=\"0;url=/\"") &&
+                Contains(clicked.head, "HttpOnly"));
     const Answer page = served.Get("/");
     EXPECT_EQ(page.status, 200);
     EXPECT_TRUE(Contains(page.head, "Cache-Control: no-cache") && Contains(page.head, "ETag: \""));

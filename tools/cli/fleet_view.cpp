@@ -143,6 +143,22 @@ std::vector<size_t> RowsToShow(const std::vector<FleetRow>& rows, size_t lines) 
     return order;
 }
 
+std::string UnderWayText(const std::vector<FleetRow>& rows, const FleetTotal& total,
+                         Clock::time_point now) {
+    std::string text = std::to_string(total.underWay) + " under way will finish";
+    double left = 0;
+    for (const FleetRow& row : rows) {
+        if (UnderWay(row.member)) {
+            left = std::max(left, fleet::SecondsLeft(row) + total.followed);
+            text += "\n  " + FleetRowText(row, now, kPlainColumns);
+        }
+    }
+    text += left > 0 ? "\nabout " + Duration(left) +
+                           (total.followed > 0 ? "" : " of uploads, then their restart")
+                     : "\nthe time that they need is not known";
+    return text + "; Ctrl-C again leaves at once";
+}
+
 FleetView::FleetView(bool json, uint64_t streamSize, const Interrupt& interrupted)
     : json_(json),
       terminal_(!json && IsTerminal(stdout)),
@@ -206,28 +222,11 @@ void FleetView::Written(const Json& line) {
     }
 }
 
-// After Ctrl-C: lists the devices under way and estimates the time that they need.
-void FleetView::TellUnderWay(Clock::time_point now) {
-    toldUnderWay_ = true;
-    const FleetTotal total = tracker_.Total(now);
-    std::string text = std::to_string(total.underWay) + " under way will finish";
-    double left = 0;
-    for (const FleetRow& row : tracker_.Rows()) {
-        if (UnderWay(row.member)) {
-            left = std::max(left, fleet::SecondsLeft(row) + total.followed);
-            text += "\n  " + FleetRowText(row, now, kPlainColumns);
-        }
-    }
-    text += left > 0 ? "\nabout " + Duration(left) +
-                           (total.followed > 0 ? "" : " of uploads, then their restart")
-                     : "\nthe time that they need is not known";
-    Print(text + "; Ctrl-C again leaves at once");
-}
-
 void FleetView::Tick() {
     const Clock::time_point now = Clock::now();
     if (interrupted_.Raised() && !toldUnderWay_) {
-        TellUnderWay(now);
+        toldUnderWay_ = true;
+        Print(UnderWayText(tracker_.Rows(), tracker_.Total(now), now));
     }
     if (json_ || Seconds(shown_, now) < (terminal_ ? kTerminalEvery : kPlainEvery)) {
         return;

@@ -21,6 +21,10 @@ std::string FleetTotalText(const FleetTotal& total, size_t columns);
 // have priority, then those that failed.
 std::vector<size_t> RowsToShow(const std::vector<FleetRow>& rows, size_t lines);
 
+// After Ctrl-C: lists the devices under way and estimates the time that they need.
+std::string UnderWayText(const std::vector<FleetRow>& rows, const FleetTotal& total,
+                         Clock::time_point now);
+
 class FleetView : public fleet::RunListener, public fleet::JournalWatcher {
   public:
     // Once `interrupted` is raised, the view lists the devices under way. `streamSize`: bytes of
@@ -37,7 +41,6 @@ class FleetView : public fleet::RunListener, public fleet::JournalWatcher {
     void Clear();
 
   private:
-    void TellUnderWay(Clock::time_point now);
     void Print(const std::string& text);
 
     bool json_;

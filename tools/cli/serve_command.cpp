@@ -4,6 +4,7 @@
 
 #include "common/kv_platform.h"
 #include "tools/cli/command_line.h"
+#include "tools/cli/fleet_view.h"
 #include "tools/page/service.h"
 
 namespace kvtool {
@@ -37,14 +38,7 @@ class Announcer : public page::ServeListener {
     }
 
     void Ending(const page::Flying& flying) override {
-        std::cerr << flying.count << " under way will finish, then kvtool ends\n";
-        for (const std::string& line : flying.lines) {
-            std::cerr << "  " << line << '\n';
-        }
-        if (flying.secondsLeft > 0) {
-            std::cerr << "about " << SecondsText(flying.secondsLeft) << "; ";
-        }
-        std::cerr << "Ctrl-C again leaves at once" << std::endl;
+        std::cerr << UnderWayText(flying.rows, flying.total, Clock::now()) << std::endl;
     }
 
     void Warn(const std::string& text) override { std::cerr << "kvtool: " << text << std::endl; }

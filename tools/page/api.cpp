@@ -23,6 +23,11 @@ constexpr char kNoEntry[] =
     "<body><h1>This page needs its key</h1><p>Open the address that kvtool printed. It ends with "
     "\"?token=\" and a long number, and it is new each time kvtool is started.</p></body></html>\n";
 
+constexpr char kWayIn[] =
+    "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>kvtool</title>"
+    "<meta http-equiv=\"refresh\" content=\"0;url=/\"></head>"
+    "<body><p><a href=\"/\">To the page</a></p></body></html>\n";
+
 std::string TypeOf(std::string_view name) {
     const std::string_view suffix = name.substr(name.rfind('.') + 1);
     return suffix == "html"  ? kHtmlType
@@ -174,11 +179,19 @@ HttpReply Api::Dispatch(HttpCall* call) {
 }
 
 // The token in the address becomes a cookie, so it does not stay in the address.
-HttpReply Api::Enter(HttpCall*) {
+HttpReply Api::Enter(HttpCall* call) {
     HttpReply reply;
-    reply.status = 303;
-    reply.headers.emplace_back("Location", "/");
     reply.headers.emplace_back("Set-Cookie", gate_->SetCookie());
+    const std::string_view site = call->Header("Sec-Fetch-Site");
+    if (site.empty() || site == "none" || site == "same-origin") {
+        reply.status = 303;
+        reply.headers.emplace_back("Location", "/");
+    } else {
+        // Somebody clicked the address on another page. After a redirect from there, the browser
+        // would not send the cookie.
+        reply.type = kHtmlType;
+        reply.body = kWayIn;
+    }
     return reply;
 }
 

@@ -20,7 +20,7 @@ namespace {
 // Time to listen for the devices of a plan.
 constexpr Millis kPlanSearch{2000};
 
-double Now() {
+double SecondsNow() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
         .count();
 }
@@ -241,9 +241,9 @@ Json RunControl::Start(int plan) {
     }
     const std::shared_ptr<Ready> ready = plan_;
     const std::vector<Member> all = Record(*ready);
-    view_ =
-        std::make_shared<RunView>(RunFacts{runs_, ready->package->name, ready->options.jobs, Now()},
-                                  model_, &ready->startNothing);
+    view_ = std::make_shared<RunView>(
+        RunFacts{runs_, ready->package->name, ready->options.jobs, SecondsNow()}, model_,
+        &ready->startNothing);
     for (size_t i = 0; i < all.size(); ++i) {
         view_->Changed(i, all[i]);
     }
@@ -297,7 +297,7 @@ void RunControl::Fly(const std::shared_ptr<Ready>& ready, const std::vector<Memb
     const std::lock_guard<std::mutex> guard(mutex_);
     members_ = runner.Members();
     flying_.reset();
-    view_->End(Now(), static_cast<int>(code));
+    view_->End(SecondsNow(), static_cast<int>(code));
 }
 
 void RunControl::Stop() {
@@ -316,9 +316,9 @@ void RunControl::StopForEnd() {
     }
 }
 
-Flying RunControl::UnderWay() {
+Flying RunControl::Now() {
     const std::lock_guard<std::mutex> guard(mutex_);
-    return flying_ ? view_->UnderWay() : Flying();
+    return flying_ ? view_->Now() : Flying();
 }
 
 bool RunControl::Running() {

@@ -57,7 +57,8 @@ class RunControl {
     // The same, and no other run begins.
     void StopForEnd();
 
-    Flying UnderWay();
+    // The run that is under way. Without one, nothing.
+    Flying Now();
     // The run ends without waiting for what is under way.
     void Abandon();
     bool Running();

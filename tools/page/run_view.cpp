@@ -106,22 +106,9 @@ void RunView::End(std::optional<double> ended, std::optional<int> code) {
     model_->SetRun(RunJsonLocked());
 }
 
-Flying RunView::UnderWay() {
+Flying RunView::Now() {
     const std::lock_guard<std::mutex> guard(mutex_);
-    Flying flying;
-    double uploads = 0;
-    for (const TrackedMember& row : tracker_.Rows()) {
-        if (over_ || !fleet::UnderWay(row.member)) {
-            continue;
-        }
-        ++flying.count;
-        uploads = std::max(uploads, fleet::SecondsLeft(row));
-        flying.lines.push_back(row.member.id + "  " + StateName(row.member.progress.state) +
-                               (row.last.empty() ? "" : "  " + row.last));
-    }
-    const fleet::RunTotal total = tracker_.Total(Clock::now());
-    flying.secondsLeft = flying.count > 0 ? uploads + total.followed : 0;
-    return flying;
+    return {tracker_.Rows(), tracker_.Total(Clock::now())};
 }
 
 Json RunView::RunJson() {

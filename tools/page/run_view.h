@@ -18,11 +18,10 @@ struct RunFacts {
     double started = 0;
 };
 
-// Devices whose upgrade is under way.
+// A run at one moment.
 struct Flying {
-    size_t count = 0;
-    std::vector<std::string> lines;  // a device each, for people
-    double secondsLeft = 0;          // 0: not known
+    std::vector<fleet::TrackedMember> rows;
+    fleet::RunTotal total;
 };
 
 class RunView : public fleet::RunListener {
@@ -38,7 +37,7 @@ class RunView : public fleet::RunListener {
 
     // The run is over. `code`: empty if it was cut off.
     void End(std::optional<double> ended, std::optional<int> code);
-    Flying UnderWay();
+    Flying Now();
     // The run without its members.
     Json RunJson();
 

@@ -88,14 +88,14 @@ ExitCode Serve(const ServeRequest& request, ServeListener* listener) {
     (void)WaitFor(first.Fd(), POLLIN, Clock::time_point::max());
     if (runs.Running() && !second.Raised()) {
         runs.StopForEnd();
-        const Flying flying = runs.UnderWay();
-        model.SetEnding(flying.count);
+        const Flying flying = runs.Now();
+        model.SetEnding(flying.total.underWay);
         listener->Ending(flying);
         while (runs.Running() && WaitFor(second.Fd(), POLLIN, Clock::now() + kTick) == 0) {
         }
     }
     const bool abandons = runs.Running();
-    model.SetEnding(runs.UnderWay().count);
+    model.SetEnding(runs.Now().total.underWay);
     runs.Abandon();
     server.Stop();
     return abandons ? ExitCode::kInterrupted : ExitCode::kDone;
