@@ -17,7 +17,8 @@ constexpr char kJsonType[] = "application/json";
 constexpr char kHtmlType[] = "text/html; charset=utf-8";
 constexpr char kPolicy[] =
     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
-    "connect-src 'self'; form-action 'none'; base-uri 'none'; frame-ancestors 'none'";
+    "connect-src 'self'; form-action 'none'; base-uri 'none'; frame-ancestors 'none'; "
+    "require-trusted-types-for 'script'";
 constexpr char kNoEntry[] =
     "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>kvtool</title></head>"
     "<body><h1>This page needs its key</h1><p>Open the address that kvtool printed. It ends with "
