@@ -144,7 +144,7 @@ await step("texts of a package stay texts, and its errors stop it", async () => 
   await inspect(page, "override");
   await page.getByLabel("Send the package in spite of its errors").check();
   await go.click();
-  await page.getByRole("button", { name: "Upgrade 1 camera" }).waitFor();
+  await page.getByRole("button", { name: "Start with 1 camera" }).waitFor();
   await page.getByRole("button", { name: "Cancel" }).click();
   await page.getByLabel(`Select ${mac(1)}`).uncheck();
 });
@@ -205,14 +205,14 @@ await step("sort, filter, select and details with the keyboard only", async () =
 
 await step("plan and start; a second tab stops what has not begun", async () => {
   await page.getByRole("button", { name: "Plan upgrade of 3 cameras" }).click();
-  await page.getByRole("button", { name: "Upgrade 3 cameras" }).waitFor();
+  await page.getByRole("button", { name: "Start with 3 cameras" }).waitFor();
   await photograph(page, "plan");
   await inspect(page, "plan");
   await page.locator("#plan-options summary").click();
   await page.getByLabel("Cameras at a time").fill("2");
   const second = await openPage(context, new URL(address).origin);
   await page.getByRole("button", { name: "Plan again" }).click();
-  await page.getByRole("button", { name: "Upgrade 3 cameras" }).click();
+  await page.getByRole("button", { name: "Start with 3 cameras" }).click();
   await inState(2, "uploading");
   assert.equal(await focused(), "run-title");
   await second.getByRole("button", { name: "Stop what has not begun" }).click();
@@ -256,13 +256,13 @@ await step("a camera fails and is tried again; the server is killed and goes on 
     await page.getByLabel(`Select ${mac(number)}`).uncheck();
   }
   await page.getByRole("button", { name: "Plan upgrade of 1 camera" }).click();
-  await page.getByRole("button", { name: "Upgrade 1 camera" }).click();
+  await page.getByRole("button", { name: "Start with 1 camera" }).click();
   await until("some bytes", () => sent(4));
   board(4, "reset");
   await inState(4, "failed");
   board(4, "wait", "--boot", "2", "--log", "app file not exist!");
   await page.getByRole("button", { name: "Retry 1 failed camera" }).click();
-  await page.getByRole("button", { name: "Upgrade 1 camera" }).click();
+  await page.getByRole("button", { name: "Start with 1 camera" }).click();
   await inState(4, "uploading");
   await until("some bytes", () => sent(4));
   await server.end("SIGKILL");
@@ -273,7 +273,7 @@ await step("a camera fails and is tried again; the server is killed and goes on 
   await sees("kvtool was started anew.");
   await page.goto(address);
   await page.getByRole("button", { name: "Continue with 1 camera" }).click();
-  await page.getByRole("button", { name: "Upgrade 1 camera" }).click();
+  await page.getByRole("button", { name: "Start with 1 camera" }).click();
   await inState(4, "done");
   await sees("4 of 4 done");
 });

@@ -1,5 +1,5 @@
 // The dialog between choosing cameras and upgrading them: options, what will happen to each camera, and the start.
-import { button, byId, count, el, foreign, setAttribute, setText, size } from "./base.js";
+import { button, byId, count, el, foreign, setAttribute, setText, size, soon } from "./base.js";
 import { ask, on, state, tell } from "./server.js";
 
 // Name, title, explanation, attributes of the input. An empty field leaves the option to the server.
@@ -60,6 +60,15 @@ function field(name, title, explanation, attributes) {
   );
 }
 
+function box(name, title, explanation) {
+  return el(
+    "label",
+    { class: "box-label" },
+    el("input", { type: "checkbox", name, onchange: changed }),
+    el("span", {}, `${title} `, el("span", { class: "hint" }, `(${explanation})`)),
+  );
+}
+
 function optionFields() {
   const bad = state.package && !state.package.acceptable;
   return el(
@@ -78,17 +87,13 @@ function optionFields() {
         spellcheck: "false",
       }),
     ),
+    box("again", "Upgrade cameras again that have this package", "in a new journal"),
     bad
       ? el(
           "fieldset",
           { class: "overrides" },
           el("legend", {}, "Override"),
-          el(
-            "label",
-            {},
-            el("input", { type: "checkbox", name: "force", onchange: changed }),
-            el("span", {}, "Send the package in spite of its errors ", el("span", { class: "hint" }, "(as --force)")),
-          ),
+          box("force", "Send the package in spite of its errors", "as --force"),
         )
       : null,
   );
@@ -120,7 +125,7 @@ function planTable() {
     el(
       "p",
       {},
-      el("strong", {}, `${count(starting, "camera")} will be upgraded`),
+      el("strong", {}, `${count(starting, "camera")} will take part`),
       others > 0 ? `, ${others} will not.` : ".",
     ),
     plan.warnings.length > 0
@@ -182,7 +187,7 @@ function paint() {
   what.classList.toggle("old", stage !== "ready");
   const starting = plan?.devices.filter((member) => member.will_start).length ?? 0;
   const go = byId("plan-go");
-  setText(go, stage === "ready" ? `Upgrade ${count(starting, "camera")}` : plan ? "Plan again" : "Plan");
+  setText(go, stage === "ready" ? `Start with ${count(starting, "camera")}` : plan ? "Plan again" : "Plan");
   setAttribute(go, "aria-disabled", obstacle(starting) ? "true" : null);
 }
 
@@ -218,7 +223,7 @@ async function makePlan() {
       ...options(),
     });
     if (mine === request) {
-      plan = made;
+      plan = state.plan = made; // the event with it may come later
       enter("ready");
     }
   } catch (error) {
@@ -235,10 +240,11 @@ async function makePlan() {
 async function startRun() {
   enter("starting");
   try {
-    await ask("POST", "/api/run", { plan: plan.id });
+    state.run = await ask("POST", "/api/run", { plan: plan.id });
     close();
-    byId("run-title").focus();
-    byId("run").scrollIntoView({ block: "start" });
+    tell("run", state.run);
+    // With the next frame the section is there.
+    soon(() => byId("run-title").focus());
   } catch (error) {
     enter("stale", error.message);
   }
@@ -276,7 +282,6 @@ function open(what, ready) {
       "form",
       {
         method: "dialog",
-        novalidate: false,
         onsubmit: (event) => {
           event.preventDefault();
           go();
@@ -304,6 +309,12 @@ function open(what, ready) {
       ),
     ),
   );
+  for (const [name, value] of Object.entries(ready?.options ?? {})) {
+    const input = dialog().querySelector(`[name=${name}]`);
+    if (input && value !== null) {
+      input[input.type === "checkbox" ? "checked" : "value"] = value;
+    }
+  }
   dialog().showModal();
 }
 

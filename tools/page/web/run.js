@@ -368,39 +368,25 @@ function paint() {
   paintActions();
 }
 
-function tellProgress() {
-  const { run } = state;
-  if (run) {
-    announce(
-      "run",
-      run.state === "ended" ? `The upgrade has ended: ${totalText(run)}.` : `Upgrade: ${totalText(run)}.`,
-    );
-  }
-}
-
 export function startRun() {
   on("state run plan member progress", () => soon(paint));
   let told = "";
+  let noted = null; // the run that the notes are about
   on("run", (run) => {
-    if (!run || !run.started) {
-      return;
+    if (run && run.id !== noted) {
+      noted = run.id;
+      notes = [];
     }
-    const key = JSON.stringify([run.id, run.state, run.done, run.failed]);
-    if (key !== told) {
+    const key = JSON.stringify(run && [run.id, run.state, run.done, run.failed]);
+    if (run && key !== told) {
       told = key;
-      tellProgress();
+      announce("run", `${run.state === "ended" ? "The upgrade has ended" : "Upgrade"}: ${totalText(run)}.`);
     }
   });
   on("note", (note) => {
     notes = [...notes, note.text].slice(-5);
     announce("note", note.text);
     soon(paint);
-  });
-  on("run", (run) => {
-    if (run && run.id !== startRun.of) {
-      startRun.of = run.id;
-      notes = [];
-    }
   });
   on("ending", (what) =>
     banner(
