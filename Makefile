@@ -1,12 +1,12 @@
 # Kept thin: each target is a line of help and little more. `make help` lists the targets.
-# Most tests wait for clocks, so run four times as many at once as there are cores.
+# Tests mostly wait, so run four times as many at once as there are cores.
 JOBS ?= $(shell expr 4 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
 .PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder demo-page bench \
-        bench-discovery bench-fleet bench-page board board-shell test test-ansible test-fleet test-page screenshots \
-        unit mutants lint format sanitize packaging-check install deb clean
+        bench-discovery bench-fleet bench-page client-kit board board-shell test test-ansible test-fleet test-page \
+        screenshots unit mutants lint format sanitize packaging-check install deb clean
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
@@ -50,7 +50,7 @@ bench: build ## Measure an upload against socat on the same virtual link
 	@scripts/setup.sh vboard scripts bench
 	@scripts/bench_upload.sh
 
-demo-fleet: build ## Watch eight cameras being upgraded at once: two fail, the tool is killed and goes on (90 seconds)
+demo-fleet: build ## Watch eight cameras being upgraded at once: two fail, the tool is killed and resumes (90 seconds)
 	@scripts/setup.sh vboard scripts
 	@scripts/demo_fleet.sh
 
@@ -69,6 +69,10 @@ bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one air 
 bench-discovery: build ## Compare the rate of discovery answers with that of a bare UDP echo
 	@scripts/setup.sh vboard scripts
 	@scripts/bench_discovery.sh
+
+client-kit: build ## Write the transcripts in docs/client-kit.md from a virtual board (a minute)
+	@scripts/setup.sh vboard scripts
+	@scripts/client_kit.py
 
 board: build ## Test the program on emulated ARM boards with a real kernel (3 minutes; docs/board.md)
 	@scripts/board.sh run

@@ -1,5 +1,5 @@
 #!/bin/sh
-# device_tree.sh IN OUT: writes the kernel's device tree of the board with the camera's flash partitions.
+# device_tree.sh IN OUT: copies the kernel's device tree of the board and adds the camera's flash partitions.
 set -eu
 
 here=$(dirname "$0")

@@ -9,7 +9,7 @@ out=$1
 programs=$2
 PATH=$PATH:/usr/sbin:/sbin # an ordinary user's PATH lacks depmod and modprobe
 
-# Installs the packages' programs and libraries, without plug-ins, into one /usr, as in a merged Debian.
+# Installs the packages' programs and libraries, without plug-ins, into one /usr, as on a Debian with merged /usr.
 install_packages() { # ROOT
     local root=$1 arch=arm-linux-gnueabihf
     mkdir -p "$root"/usr/{bin,sbin,lib/"$arch"} "$root"/{dev,proc,sys,run,tmp,param,opt/app,root,etc}

@@ -11,7 +11,7 @@ install(CODE [[
     include("${CMAKE_CURRENT_LIST_DIR}/components.cmake")
     if(CMAKE_INSTALL_COMPONENT AND NOT CMAKE_INSTALL_COMPONENT IN_LIST components)
         list(JOIN components ", " known)
-        message(FATAL_ERROR "No component is called '${CMAKE_INSTALL_COMPONENT}'. There are: ${known}.")
+        message(FATAL_ERROR "No component is called '${CMAKE_INSTALL_COMPONENT}'. The components are: ${known}.")
     endif()
 ]] ALL_COMPONENTS)
 

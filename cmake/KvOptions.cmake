@@ -13,7 +13,7 @@ endif()
 # Debian's libevent was built with 32-bit ones there.
 target_compile_definitions(kv_options INTERFACE _FILE_OFFSET_BITS=64)
 
-# The device program throws nothing.
+# The device program throws no exceptions.
 set(KV_DAEMON_FLAGS -fno-exceptions -fno-rtti)
 
 if(KV_SANITIZE)

@@ -113,7 +113,7 @@ void WritePackage() {
 
 void KV_UPGRADE_Proc(int signal) {
     (void)signal;
-    // A starved watchdog resets the device within seconds. Nothing may be erased before that.
+    // A starved watchdog resets the device within 30 s. Nothing may be erased before that.
     if (KV_FH_WDT_IsStarving() != 0) {
         return;
     }

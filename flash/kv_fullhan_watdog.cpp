@@ -128,7 +128,7 @@ int KV_FH_WDT_Reboot(void) {
     KV_INFO_AT(98, "Start to stop feeding the dog!");
     (void)pthread_mutex_lock(&g_keeperLock);
     if (g_running.load() == 0) {
-        // Kept: the lock stays held, because nothing of the keeper may run after a reboot request.
+        // Kept: the lock stays held, so a later stop or reboot request blocks.
         return 0;
     }
     g_starving.store(1);

@@ -10,13 +10,13 @@ int KV_FH_WDT_Start(void);
 
 // Disarms and closes the device and ends the feeder. Any thread; blocks for one feed and one second
 // at most, but for ever if KV_FH_WDT_Reboot has kept the lock. Returns 0. A later KV_FH_WDT_Start
-// is refused. A second stop logs the same and changes nothing.
+// is refused. A second stop logs the same and changes nothing. Without a start, a stop only logs.
 int KV_FH_WDT_Stop(void);
 
 // Ends the feeder at once and leaves the device armed. The hardware then resets the board within
 // the time-out even if everything else hangs. Any thread; blocks only for a feed in progress.
-// Returns 0. If the feeder is not running, the keeper's lock stays held and a later stop blocks, so
-// call it only before a reboot.
+// Returns 0. If the feeder is not running, the keeper's lock stays held, and a later stop or
+// reboot request blocks. So call it only before a reboot.
 int KV_FH_WDT_Reboot(void);
 
 // Returns 1 once KV_FH_WDT_Reboot has stopped the feeder: the hardware is about to reset the

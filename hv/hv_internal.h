@@ -2,7 +2,7 @@
 //
 // One rule keeps it free of races: only a loop's own thread touches its event base and the ios
 // registered with it. Other threads put a node on the loop's queue. The queue's lock also publishes
-// what they wrote into the io before. libevent therefore runs without locks, and its thread support
+// what they have written to the io. libevent therefore runs without locks, and its thread support
 // is not linked.
 #pragma once
 

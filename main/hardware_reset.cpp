@@ -19,7 +19,7 @@ constexpr int kTriggerCount = 10;
 
 constexpr const char* kFactoryReset[] = {
     "sync",
-    // Kept: 1 here, although a restart of the application writes 3.
+    // Kept: 1 here, while a restart of the application writes 3.
     "echo 1 > /proc/sys/vm/drop_caches",
     "rm -rf /param/var/*",
     "rm /param/*debug*",

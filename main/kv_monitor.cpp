@@ -72,7 +72,7 @@ bool MayAct() {
 void RestartApplication() {
     KV_ShellEcho("killall -9 wpa_supplicant");
     KV_ShellEcho("sync");
-    // Kept: 3 here, although the factory reset writes 1.
+    // Kept: 3 here, while the factory reset writes 1.
     KV_ShellEcho("echo 3 > /proc/sys/vm/drop_caches");
     KV_ShellEcho("sleep 3");
     // If the flash writer has started, it has killed the application on purpose.

@@ -39,7 +39,7 @@ void upgreade_fun_sig(int signal) {
         return;
     }
     KV_DEBUG_AT(300, "Start Exit!");
-    // First, so a slow shutdown is not cut short by a reset.
+    // First, so no reset cuts a slow shutdown short.
     (void)KV_FH_WDT_Stop();
     (void)KV_WIFI_StaStop();
     (void)KV_MINI_ServiceStop();
@@ -80,7 +80,7 @@ void ChooseMode(const char* function) {
         KV_RECOVERY_Start();
         KV_Trace(KV_LEVEL_INFO, KV_TRACE_NAME, 327, function, "app file not exist!");
     } else if (access(kv::kDebugMarker, F_OK) == 0) {
-        // Removed first: the marker asks for recovery on one boot only.
+        // Removed first: the marker requests recovery for one boot only.
         KV_ShellEchoFormat("rm %s", kv::kDebugMarker);
         KV_RECOVERY_Start();
     } else {

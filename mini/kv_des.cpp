@@ -2,8 +2,8 @@
 
 namespace {
 
-// The standard's tables. Each entry of a permutation is the number of the input bit for that place;
-// bit 1 is the most significant.
+// The standard's tables. Each entry of a permutation is the number of the input bit that goes to
+// its place; bit 1 is the most significant.
 constexpr uint8_t kPermutedChoice1[56] = {57, 49, 41, 33, 25, 17, 9,  1,  58, 50, 42, 34, 26, 18,
                                           10, 2,  59, 51, 43, 35, 27, 19, 11, 3,  60, 52, 44, 36,
                                           63, 55, 47, 39, 31, 23, 15, 7,  62, 54, 46, 38, 30, 22,

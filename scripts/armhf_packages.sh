@@ -4,7 +4,7 @@
 #   armhf_packages.sh fetch PACKAGE...        downloads missing packages and prints the path of each package file
 #   armhf_packages.sh unpack DIR PACKAGE...   fetches the packages and replaces DIR with their files
 #   armhf_packages.sh env                     prints shell assignments of KV_CACHE and APT_CONFIG; with APT_CONFIG,
-#                                             apt-cache answers about armhf once something was fetched
+#                                             apt-cache answers about armhf once something has been fetched
 #
 # Only the named packages are fetched, not their dependencies. A cached package is never looked up again, so a filled
 # cache needs no network. Remove the cache to get newer packages. KV_CACHE names the cache.

@@ -1,6 +1,7 @@
 #!/bin/bash
-# Compares the rate of discovery answers with that of a bare UDP echo on the same board. The same client asks both in
-# turn: first one search at a time, as a tool does, then eight at a time, which shows the device's cost per answer.
+# Compares the rate of discovery answers with that of a bare UDP echo on the same board. The same client asks both,
+# alternately: first one search at a time, as a tool does, then eight at a time, which shows the device's cost per
+# answer.
 # The goal is a quarter of the echo's rate, one at a time. The exit status is 1 if the goal is missed.
 set -euo pipefail
 

@@ -1,7 +1,7 @@
 #!/bin/bash
 # bench_fleet.sh [JOBS...]: measures how long `kvtool fleet upgrade` takes for 1, 5 and 20 boards, and its CPU time and
-# memory. The boards share a radio channel of 40 Mbit/s. Their flash is as slow as a real chip. With JOBS, it measures
-# 20 boards with each of these numbers of jobs.
+# memory. The boards share a radio channel of 40 Mbit/s. Their flash is as slow as a real chip. With JOBS, the script
+# measures 20 boards with each of these numbers of jobs.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."

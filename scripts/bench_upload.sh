@@ -1,7 +1,7 @@
 #!/bin/bash
-# Measures how fast the recovery server receives a package. In turn, socat writes the same bytes to the same place on
-# the same virtual board over the same link. The first part runs at a camera's 100 Mbit/s, the second as fast as this
-# machine goes. The exit status is 1 if the server has less than 0.95 of socat's rate at 100 Mbit/s.
+# Measures how fast the recovery server receives a package, in alternation with socat, which writes the same bytes to
+# the same folder on the same virtual board over the same link. The first part runs at a camera's 100 Mbit/s, the second
+# as fast as this machine can. The exit status is 1 if the server's rate is below 0.95 of socat's at 100 Mbit/s.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."

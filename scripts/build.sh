@@ -1,5 +1,5 @@
 #!/bin/sh
-# build.sh PRESET [CMAKE-BUILD-ARG...]: builds a preset, after configuring it if that was not done before.
+# build.sh PRESET [CMAKE-BUILD-ARG...]: configures a preset if necessary, and builds it.
 set -eu
 
 cd "$(dirname "$0")/.."

@@ -1,7 +1,7 @@
 #!/bin/bash
-# Checks the man pages: mandoc finds no fault, each command and option in --help of the programs in build/bin is in the
-# page, and each option in the page is in some --help. Defaults in the pages and in the documents must be those of
-# --help.
+# Checks the man pages: mandoc must find no fault, each command and option in --help of the programs in build/bin must
+# be in the page, and each option in the page must be in some --help. Defaults in the pages and in docs/kvtool.md must
+# be those of --help.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."

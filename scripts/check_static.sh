@@ -1,7 +1,7 @@
 #!/bin/bash
 # Runs build/kvtool-static/bin/kvtool in an otherwise empty system: a root folder with this file and the two files of
-# /etc that name look-up reads, in its own network namespace. /etc/nsswitch.conf names a missing module, as on a foreign
-# system.
+# /etc that name look-up reads, in its own network namespace. /etc/nsswitch.conf names missing modules, as on another
+# distribution.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."

@@ -19,7 +19,7 @@ def c_lines(text):
 
 
 def python_lines(text):
-    """Counts lines with a token. A string that is a statement of its own is a comment."""
+    """Counts lines with a token. A string that is a statement of its own counts as a comment."""
     lines, first = set(), True
     skip = (tokenize.COMMENT, tokenize.NL, tokenize.INDENT, tokenize.DEDENT, tokenize.ENDMARKER, tokenize.NEWLINE)
     tokens = list(tokenize.generate_tokens(io.StringIO(text).readline))

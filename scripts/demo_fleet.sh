@@ -48,7 +48,7 @@ kill -KILL "$(sed -n '1s/.*"process":\([0-9]*\).*/\1/p' "$journal")"
 wait "$run" || true
 kvtool fleet report "$journal" | cut -c1-150
 
-say "kvtool resumes; camera 3 is still away, camera 5 could not write its application"
+say "kvtool resumes; camera 3 is still away, camera 5 could not write its application to flash"
 status=0
 kvtool "${upgrade[@]}" --resume 2>&1 | grep -vE ': (connect|login|identify|upload|trailer|verification):' || status=$?
 [ "$status" = 13 ]

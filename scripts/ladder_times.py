@@ -3,7 +3,7 @@
 
 STATUS is a file with the board's last `vboard status --json`. The supervisor checks every 3 s. Each step must come at
 the first check that finds the silence longer than 5 s (offline) or 120 s (restart, then 60 s later reboot or recovery).
-The exit status is 1 if a step came at another time.
+The exit status is 1 if a step comes at another time.
 """
 import datetime
 import json

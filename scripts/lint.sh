@@ -1,6 +1,6 @@
 #!/bin/sh
-# Checks format, shell scripts, texts, man pages, packaging and the tests' share of the code, and runs static analysis.
-# Stops at the first failing check.
+# Checks format, shell scripts, texts, man pages, packaging, mutant rules and the tests' share of the code, and runs
+# static analysis. Stops at the first failing check.
 set -eu
 
 cd "$(dirname "$0")/.."

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """mutants.py [--module NAME] [--name NAME] [--all] [--check]: breaks the programs on purpose, one small fault at a
-time, and tells which tests notice. docs/testing.md says how to read the output.
+time, and shows which tests notice. docs/testing.md says how to read the output.
 
 The rules in tests/mutants/MODULE.toml describe the faults. A copy of the tree in build/mutants gets one fault at a time
 and is built; then the tests that the rule names run until one fails. The exit status is 0 if at least 95 % of the
@@ -56,7 +56,7 @@ def fits_a_test(test):
 
 
 def read_rules(module, name):
-    """The rules of that module and name, or all rules. Raises RuleError if one does not fit the sources."""
+    """Reads the rules of that module and name, or all rules. Raises RuleError if one does not fit the sources."""
     mutants = []
     for path in sorted(RULES.glob(f"{module or '*'}.toml")):
         rules = tomllib.loads(path.read_text())
@@ -68,15 +68,15 @@ def read_rules(module, name):
                 raise RuleError(f"{path.name}: {entry.get('name', '?')}: {error}") from error
     mutants = [mutant for mutant in mutants if (name or "") in mutant.name]
     if not mutants:
-        raise RuleError("no rule of that name")
+        raise RuleError("no rule has that name")
     faults = []
     for number, mutant in enumerate(mutants):
         where = f"{mutant.module}: {mutant.name}"
         if any((m.module, m.name) == (mutant.module, mutant.name) for m in mutants[:number]):
-            faults.append(f"{where}: two rules of this name")
+            faults.append(f"{where}: two rules have this name")
         count = (ROOT / mutant.file).read_text().count(mutant.find) if (ROOT / mutant.file).is_file() else 0
         if count != 1:
-            faults.append(f"{where}: its text stands {count} times in {mutant.file}, not once")
+            faults.append(f"{where}: its text occurs {count} times in {mutant.file}, not once")
         if not mutant.tests and not mutant.equivalent:
             faults.append(f"{where}: names no test")
         faults += [f"{where}: no test fits '{test}'" for test in mutant.tests if not fits_a_test(test)]
@@ -251,7 +251,7 @@ def main():
     parser.add_argument("--module", help="only the faults of tests/mutants/MODULE.toml")
     parser.add_argument("--name", help="only the faults whose name contains this")
     parser.add_argument("--all", action="store_true", help="run every named test, not only up to the first that fails")
-    parser.add_argument("--check", action="store_true", help="only see whether each rule still fits the sources")
+    parser.add_argument("--check", action="store_true", help="only check whether each rule still fits the sources")
     parser.add_argument("--jobs", type=int, default=2, help="compilers at a time")
     options = parser.parse_args()
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Runs the unit tests under AddressSanitizer and UndefinedBehaviorSanitizer, and under ThreadSanitizer. The tests mostly
-# wait, so both runs go on side by side.
+# wait, so both runs take place side by side.
 set -eu
 
 cd "$(dirname "$0")/.."

@@ -1,7 +1,8 @@
 #!/bin/bash
 # setup.sh LIST...: installs the missing packages of the lists scripts/packages/LIST.txt. A package counts as missing if
-# one of its probes fails. A command or library that did not come from the package satisfies the probe too. apt installs
-# the missing packages, as root or through sudo. Without apt or root the script names them and exits with status 1.
+# one of its probes fails. A command or library from elsewhere satisfies the probe too. apt installs the missing
+# packages, as root or through sudo. Without apt, or without root and sudo, the script names them and exits with status
+# 1.
 #
 # A probe looks for:
 #   command:NAME   a program in PATH or in the system's program folders

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """size.py [--update] BUILD...: prints the sizes of the device program's builds and what takes the space in them.
 
-BUILD is "host", "armhf" or "armhf-static" and must be built before. The exit status is 1 if a build is more than 5 %
+BUILD is "host", "armhf" or "armhf-static" and must have been built. The exit status is 1 if a build is more than 5 %
 above its figure in scripts/size.txt. --update writes the figures instead.
 """
 import collections

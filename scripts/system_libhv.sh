@@ -1,6 +1,6 @@
 #!/bin/sh
-# Builds and tests the daemon on an installed libhv. KV_LIBHV_PREFIX names its prefix; /usr/local and
-# /usr are tried after it.
+# Builds and tests the daemon on an installed libhv. KV_LIBHV_PREFIX names its prefix; /usr/local and /usr are tried
+# after it.
 set -eu
 
 cd "$(dirname "$0")/.."

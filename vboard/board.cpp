@@ -203,7 +203,7 @@ void Board::CutPower(const std::string& reason) {
     cutReason_ = reason;
     (void)kill(init_, SIGKILL);
     // A process inside a device operation dies only when the operation ends, so the devices lose
-    // power, too.
+    // power too.
     devices_->Detach();
 }
 
@@ -278,7 +278,8 @@ void Board::AddFault(const json& request) {
     const std::string operation = request.at("operation");
     if (device == "trace") {
         if (operation != "block" && operation != "off") {
-            throw std::runtime_error("the trace can be made to \"block\", or \"off\" again");
+            throw std::runtime_error("not a fault of the trace: \"" + operation +
+                                     "\" (use block or off)");
         }
         console_->HoldTrace(operation == "block");
         return;
@@ -290,7 +291,8 @@ void Board::AddFault(const json& request) {
         return;
     }
     if (operation != "fail" && operation != "hang" && operation != "off") {
-        throw std::runtime_error("reboot can be made to \"fail\" or \"hang\", or \"off\" again");
+        throw std::runtime_error("not a fault of reboot: \"" + operation +
+                                 "\" (use fail, hang or off)");
     }
     WriteText(state_.RebootFault(), operation);
 }
@@ -364,7 +366,7 @@ json Board::Handle(int connection, const json& request) {
     } else if (command == "link") {
         network_->WlanLink(init_, request.at("action") == "up");
     } else {
-        throw std::runtime_error("the runner knows no command \"" + command + "\"");
+        throw std::runtime_error("unknown request to the runner: \"" + command + "\"");
     }
     return json::object();
 }

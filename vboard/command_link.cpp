@@ -77,7 +77,8 @@ int CommandLinkMain(int argc, char** argv) {
     const std::string name = fs::path(argv[0]).filename();
     const std::optional<std::string> message = Message(argc, argv, name);
     if (!message) {
-        (void)fprintf(stderr, "command_link: the name takes %zu bytes, all arguments %zu\n",
+        (void)fprintf(stderr,
+                      "command_link: the name may have %zu bytes, all arguments together %zu\n",
                       kNameSize - 1, kArgumentsSize);
         return 101;
     }

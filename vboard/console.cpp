@@ -30,8 +30,8 @@ void Console::Open(Stream* stream, const std::string& file, int terminal) {
     stream->readEnd.Reset(ends[0]);
     stream->writeEnd.Reset(ends[1]);
     (void)fcntl(ends[0], F_SETFL, O_NONBLOCK);
-    // Room for output that comes while the loop ignores the pipe. If this fails, the board only
-    // waits a little.
+    // Room for output that comes while the loop ignores the pipe. If this fails, the board waits a
+    // little at times.
     (void)fcntl(ends[0], F_SETPIPE_SZ, 1 << 20);
     stream->log.Reset(open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     if (!stream->log) {
@@ -67,7 +67,7 @@ void Console::CloseBoardEnds() {
 bool Console::Drain(const Stream& stream) {
     char buffer[4096];
     ssize_t length = 0;
-    // Bounded, so that a board that writes without end does not keep the runner here.
+    // Bounded, so that a board that never stops writing does not keep the runner here.
     for (int i = 0; i < 512; ++i) {
         length = read(stream.readEnd.Get(), buffer, sizeof(buffer));
         if (length <= 0) {

@@ -103,7 +103,8 @@ void ControlServer::HangUp(int connection) {
 ControlClient::ControlClient(const StateDir& state) : socket_(UnixSocket()) {
     const sockaddr_un address = Address(state);
     if (connect(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        throw std::runtime_error("no board runs on the state folder " + state.Path().string() +
+        throw std::runtime_error("no board is running with the state folder " +
+                                 state.Path().string() +
                                  " (start one with: vboard run -- PROGRAM)");
     }
 }

@@ -47,7 +47,7 @@ class ControlServer {
 
 class ControlClient {
   public:
-    // Throws when no board runs on the state folder.
+    // Throws when no board is running with the state folder.
     explicit ControlClient(const StateDir& state);
 
     // Returns the reply or throws its error. Blocks until the runner answers.

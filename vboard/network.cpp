@@ -218,7 +218,7 @@ void BenchNetwork::AccessPoint(const std::string& action) {
     } else if (action == "no-dhcp") {
         dhcp_.Stop();
     } else {
-        throw std::runtime_error("the access point knows no \"" + action + "\"");
+        throw std::runtime_error("unknown request to the access point: \"" + action + "\"");
     }
 }
 

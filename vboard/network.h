@@ -60,7 +60,7 @@ class DhcpServer {
     DhcpServer(const DhcpServer&) = delete;
     DhcpServer& operator=(const DhcpServer&) = delete;
 
-    // Does nothing when it runs already.
+    // Does nothing if it already runs.
     void Start();
     void Stop();
     bool Running() const { return pid_ > 0; }

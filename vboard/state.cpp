@@ -67,7 +67,8 @@ UniqueFd StateDir::Lock() const {
         throw SysError("cannot open the lock of the state folder " + path_.string());
     }
     if (flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
-        throw std::runtime_error("another board runs on the state folder " + path_.string());
+        throw std::runtime_error("another board is running with the state folder " +
+                                 path_.string());
     }
     return lock;
 }
@@ -75,7 +76,7 @@ UniqueFd StateDir::Lock() const {
 void StateDir::AwaitUnlocked() const {
     const UniqueFd lock(open((path_ / "lock").c_str(), O_RDONLY | O_CLOEXEC));
     if (lock && flock(lock.Get(), LOCK_SH) != 0) {
-        throw SysError("cannot wait for the runner's end");
+        throw SysError("cannot wait for the runner to end");
     }
 }
 

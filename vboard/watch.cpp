@@ -140,7 +140,8 @@ void WaitForLog(const StateDir& state, const WaitOptions& options) {
     while (!(board = Connect(state))) {
         (void)watch.Wait(-1, deadline);
         if (Clock::now() >= deadline) {
-            throw std::runtime_error("no board runs on the state folder " + state.Path().string());
+            throw std::runtime_error("no board is running with the state folder " +
+                                     state.Path().string());
         }
     }
     const bool any = options.trace.empty() && options.console.empty();

@@ -1,7 +1,7 @@
 // Writes the supplicant's configuration file.
 #pragma once
 
-// The names in the log for a write: the caller's module and function.
+// The names under which a write is logged: the caller's module and function.
 struct KV_WIFI_REPORTER {
     const char* trace;
     const char* function;

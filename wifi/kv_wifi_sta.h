@@ -1,8 +1,8 @@
 // The Wi-Fi station: one thread that joins "wlan0" to a network through the supplicant, gives the
 // interface an address, and guards the link by pinging the gateway.
 //
-// Different threads may start, replace and stop it at once. The calls take turns, and each thread
-// is joined once.
+// Several threads may start, replace and stop it at the same time. The calls take turns, and each
+// station thread is joined once.
 #pragma once
 
 #include <cstdint>
@@ -26,8 +26,8 @@ struct KV_WIFI_STA_PARAM {
 int KV_WIFI_StaConnect(const KV_WIFI_STA_PARAM* param);
 
 // Writes the configuration of the service network into the service work directory and starts the
-// station on it. If the file cannot be written, that is logged and the station starts all the same:
-// an older file may exist. Returns the result of KV_WIFI_StaConnect and blocks like it. Any thread
+// station on it. If the file cannot be written, logs that and starts the station anyway: an older
+// file may exist. Returns the result of KV_WIFI_StaConnect and blocks like it. Any thread
 // but the station's own.
 int __KV_WIFI_StaSupplicant();
 

@@ -42,7 +42,7 @@ std::atomic<int> g_openCount{0};
 std::atomic<const char*> g_workPath{nullptr};
 
 // Each listener thread takes a number. `wanted` holds the number of the one that should run (0:
-// none), so a stopped thread cannot mistake its successor's flag for its own.
+// none), so a stopped thread cannot take its successor's start for its own.
 struct Listener {
     pthread_mutex_t lock;  // for starting and stopping
     std::atomic<uint32_t> wanted;
@@ -132,8 +132,8 @@ bool IsWanted(uint32_t number) {
     return g_listener.wanted == number;
 }
 
-// Logs the messages that have arrived. Checks the flag between messages too: a supplicant that
-// floods the socket must not keep a stopped listener alive.
+// Logs the messages that have arrived. Checks between messages whether this listener is still
+// wanted: a supplicant that floods the socket must not keep a stopped listener alive.
 void TraceEvents(wpa_ctrl* ctrl, uint32_t number) {
     char message[2048] = {};
     size_t length = sizeof(message) - 1;
@@ -167,7 +167,7 @@ void* __KV_wifi_ctrlProc(void* argument) {
     (void)prctl(PR_SET_NAME, "__KV_wifi_ctrlProc");
     uint32_t number = ++g_listener.taken;
     Listen(number);
-    // A listener that could not start clears the flag, so the next call starts another.
+    // A listener that could not start withdraws its number, so the next call starts another.
     (void)g_listener.wanted.compare_exchange_strong(number, 0);
     KV_DEBUG("__KV_wifi_ctrlProc Exit");
     return nullptr;

@@ -35,8 +35,8 @@ bool StartsWith(const char* text, const char* prefix) {
     return strncmp(text, prefix, strlen(prefix)) == 0;
 }
 
-// Kept: a key is searched anywhere in the reply, so "id" is found inside "bssid" and "address"
-// inside "ip_address" if those come first.
+// Kept: a key is found anywhere in the reply, so "id" is found inside "bssid" and "address" inside
+// "ip_address" if those come first.
 void CopyValue(const char* reply, const char* key, char* out, size_t outSize) {
     const char* found = strstr(reply, key);
     const char* equals = found != nullptr ? strchr(found, '=') : nullptr;

@@ -1,6 +1,6 @@
 """Boots emulated boards and tests the program on them: see docs/board.md.
 
-acceptance run IMAGE KVTOOL APPLICATION [A|B|C...]   runs the acceptance test on all boards or some
+acceptance run IMAGE KVTOOL APPLICATION [A|B|C...]   runs the acceptance test on all boards or on those named
 acceptance shell IMAGE                               opens the console of one board
 """
 

@@ -12,7 +12,7 @@ SUPERVISOR = "$(pidof upgradeMain)"
 
 
 def memory(machine):
-    """Returns resident and anonymous KiB, from smaps: the counters in status are off by up to 63 pages per thread."""
+    """Returns resident and anonymous KiB, from smaps: those in status are off by up to 63 pages per thread."""
     text = machine.run(f"cat /proc/{SUPERVISOR}/smaps_rollup")
     return tuple(int(re.search(rf"^{name}:\s+(\d+) kB", text, re.MULTILINE)[1]) for name in ("Rss", "Anonymous"))
 

@@ -125,7 +125,7 @@ def button_story(board, report, firmware):
     _show_figures(board, report, "normal")
     with report.step(board, "the debug marker and a reboot: recovery, joined"):
         resets = board.machine.reset_count()
-        # Delayed by a second, which lets the bench line answer.
+        # Wait a second before the reboot, so that the bench line can answer.
         board.machine.run(f"touch {DEBUG_MARKER}; (sleep 1; reboot) &")
         board.machine.wait_reset(resets + 1, 30)
         _recover_by_marker(board)

@@ -6,9 +6,9 @@
 #               `sync`, drops the caches and waits 3 s.
 # Arguments     none
 # Afterwards    one cameraMain runs in the background. The old one may hang: this script must end it.
-# Time          a few seconds. It MUST return. The supervisor's main loop waits for it and does not count the silence,
+# Time          a few seconds. It MUST return. The supervisor's main loop waits for it and checks nothing meanwhile,
 #               while another thread feeds the watchdog: nobody would watch an application started in the foreground.
-# Status        ignored; the supervisor waits 60 s from here for heartbeats
+# Status        ignored. The supervisor waits for heartbeats until 60 s after the check that found the 120 s of silence.
 # Must not      be called cameraMain or leave a script of that name running: an upgrade runs `killall -9 cameraMain`
 app=/opt/app/bin/cameraMain
 patience=5

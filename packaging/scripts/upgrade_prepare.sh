@@ -1,8 +1,8 @@
 #!/bin/sh
 # upgrade_prepare.sh: prepares the board before the supervisor starts.
 #
-# Called by     the start script, the inittab or the unit, once per boot, as root, before upgradeMain. The board's own
-#               scripts have mounted /param, /tmp and /opt/app before.
+# Called by     the start script, the inittab or the unit, once per boot, as root, before upgradeMain. By then the
+#               board's own scripts have mounted /param, /tmp and /opt/app.
 # Afterwards    127.0.0.1 answers; the reset button's value file exists and is an input; /param/var and the pipes of the
 #               debugging console exist
 # Time          returns at once

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""answering_app.py FIRMWARE: answers searches as an application does that tells its firmware. Part of a test image."""
+"""answering_app.py FIRMWARE: answers searches, as an application may, and names FIRMWARE. Part of a test image."""
 import fcntl
 import socket
 import struct

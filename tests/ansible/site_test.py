@@ -1,9 +1,9 @@
 #!/usr/bin/python3
-"""site_test.py: the Ansible collection against a site of six virtual boards.
+"""site_test.py: tests the Ansible collection against a site of six virtual boards.
 
-Builds the collection, installs it into a folder of its own, and runs ansible-playbook on the site's laptop: a canary
-that fails, a run in which one of six fails, and a run that upgrades only that one. A stand-in for kvtool plays the
-searches that a site cannot.
+Builds the collection, installs it into a folder of its own, and runs ansible-playbook on the site's laptop: check mode,
+a package that is refused, a canary that fails, a run in which one of six fails, and a run that upgrades only that one.
+A stand-in for kvtool plays the searches that a site cannot.
 """
 import contextlib
 import json
@@ -120,7 +120,7 @@ class Site:
         return json.loads(self.on_laptop("ansible-inventory", "-i", self.work / source, "--list").stdout)
 
     def play(self, *words, package="firmware.FLS"):
-        """Runs the example playbook; the exit status, what it printed, and the module's result for each host."""
+        """Runs the example playbook. Returns its exit status, its output, and the module's result for each host."""
         shutil.rmtree(self.work / "tree", ignore_errors=True)
         done = self.on_laptop(
             "ansible-playbook", "-i", self.work / "cameras.kvtool.yml", "upgrademain.kvtool.upgrade", "-f", BOARDS,
@@ -130,7 +130,7 @@ class Site:
         return done.returncode, done.stdout, results
 
     def module(self, parameters, *words):
-        """Runs the module alone; its result."""
+        """Runs the module alone. Returns its result."""
         text = self.on_laptop("ansible", "localhost", "-o", "-m", "upgrademain.kvtool.kvtool_upgrade", "-a",
                               f"package={self.work / 'firmware.FLS'} executable={BIN / 'kvtool'} {parameters}", *words,
                               check=False).stdout
@@ -155,7 +155,7 @@ def running_site(work):
 
 def test_check_mode(site):
     status, text, results = site.play("--check")
-    expect(status == 0 and len(results) == BOARDS, "check mode says what would happen to all", text)
+    expect(status == 0 and len(results) == BOARDS, "check mode says what would happen to each camera", text)
     for result in results.values():
         expect(result["changed"] and result["reason"] == "would_upgrade" and result["before"]["recovery"],
                "each would be upgraded", result)
@@ -170,7 +170,7 @@ def test_check_mode(site):
 def test_absent_camera(site):
     for check in ([], ["--check"]):
         result = site.module(f"host={name(BOARDS + 1)} version={VERSION} search_timeout=0.5", *check)
-        expect(result["reason"] == "not_found" and result["after"] is None, f"it is named so {check}", result)
+        expect(result["reason"] == "not_found" and result["after"] is None, f"the reason is named {check}", result)
 
 
 def test_recovery_with_the_wanted_version(site):
@@ -182,7 +182,7 @@ def test_recovery_with_the_wanted_version(site):
 def test_failing_canary(site):
     site.fail_next_write(1)
     status, text, results = site.play()
-    expect(status != 0 and list(results) == [name(1)], "after the canary's failure no other is touched", text)
+    expect(status != 0 and list(results) == [name(1)], "after the canary's failure no other camera is touched", text)
     result = results[name(1)]
     expect(result["reason"] == "back_in_recovery" and result["exit_code"] == 9 and result["changed"],
            "the failure is named", result)

@@ -49,9 +49,9 @@ int ReceiveDescriptor(int channel) {
     return descriptor;
 }
 
-// Opens a socket where it runs and passes it over the Unix socket CHANNEL, so that a test can use
-// it as if it ran there. "tcp" and "udp" are connected to HOST. "broadcast" is not, because answers
-// come from other addresses. "icmp" receives all packets of that protocol.
+// Opens a socket in the network where this script runs and passes it over the Unix socket CHANNEL,
+// so that a test can use it as if it ran there. "tcp" and "udp" are connected to HOST. "broadcast"
+// is not, because answers come from other addresses. "icmp" receives all packets of that protocol.
 constexpr char kOpenSocket[] = R"(
 import socket, sys
 channel, kind, host, port = sys.argv[1:]

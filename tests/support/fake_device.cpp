@@ -155,6 +155,7 @@ Device::Next Device::Command(int fd) {
             Reply(fd, command, 0);
             session_ = session_ == 0 ? 0x5A000000 + starts_ : session_;
             return Next::kGoOn;
+        case 0x0001:
         case 0x0006:
             Reply(fd, command, 0);
             return Next::kGoOn;

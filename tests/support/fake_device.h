@@ -25,9 +25,9 @@ struct Script {
     size_t replyPiece = 0;         // send replies in pieces of this size, 0: whole
     size_t readStep = 8192;        // bytes of the stream to read at once
     milliseconds readPause{0};
-    std::optional<size_t> closeAfter;  // reset the connection after so many stream bytes
-    std::optional<size_t> stopAfter;   // read nothing more after so many stream bytes
-    std::optional<size_t> busyAfter;   // answer each read with 0xFFFF after so many stream bytes
+    std::optional<size_t> closeAfter;  // reset the connection after this many stream bytes
+    std::optional<size_t> stopAfter;   // read nothing more after this many stream bytes
+    std::optional<size_t> busyAfter;   // answer each read with 0xFFFF after this many stream bytes
     Verdict verdict = Verdict::kAnswer;
     uint16_t verdictStatus = 0;
     // Changes the reply to a command before it is sent. An empty reply is not sent.
@@ -36,7 +36,7 @@ struct Script {
     // back after that time, as after a restart.
     bool leaves = false;
     std::optional<milliseconds> backAfter;
-    // So long after it has closed them its application opens alivePort.
+    // The application opens alivePort this long after the device has closed them.
     std::optional<milliseconds> aliveAfter;
     uint16_t alivePort = 0;
     // After the verdict it sends busy replies for ever.
@@ -94,8 +94,8 @@ class Device {
     std::thread thread_;
 };
 
-// Answers every search with the same datagrams: the first from an address of this host, the next
-// from the address after it, and so on. It takes searches at all addresses unless told otherwise.
+// Answers every search with the same datagrams: the first from `address` of this host, the next
+// from the address after it, and so on. It takes searches at all addresses unless `at` names one.
 class Responder {
   public:
     Responder(const std::string& address, uint16_t port, std::vector<Bytes> replies,

@@ -1,4 +1,4 @@
-// What this process holds. Must be the same before and after code that should leave nothing behind.
+// What this process holds. It must be the same before and after code that should leave nothing.
 #pragma once
 
 #include <fcntl.h>

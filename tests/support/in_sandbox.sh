@@ -1,6 +1,5 @@
 #!/bin/sh
-# in_sandbox.sh PROGRAM [ARG...]: runs a test program where it can do no harm and sees a device's
-# paths.
+# in_sandbox.sh PROGRAM [ARG...]: runs a test program where it can do no harm and sees a device's paths.
 #
 # The program gets its own user, mount, network and PID namespaces, and a private /tmp, /root,
 # /etc/resolv.conf and drop_caches file. Loopback is up. The device's commands are stand-ins in

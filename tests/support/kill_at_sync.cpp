@@ -1,5 +1,5 @@
-// Loaded into a program ahead of its libraries: kills it right behind its KILL_AT_SYNC-th fdatasync
-// of a file, so with that on the disk and nothing done of what comes next.
+// Loaded into a program ahead of its libraries: kills it right after its KILL_AT_SYNC-th fdatasync
+// of a file. The data is then on the disk, and the program has done nothing of what comes next.
 #include <sys/syscall.h>
 #include <unistd.h>
 

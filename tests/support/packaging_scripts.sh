@@ -1,7 +1,6 @@
 #!/bin/sh
-# packaging_scripts.sh FOLDER: tests the scripts of packaging/ (FOLDER) under busybox's shell, in
-# their own namespaces, with stand-ins for programs, devices and commands. Each script must do what
-# its head comment promises.
+# packaging_scripts.sh FOLDER: tests the scripts of packaging/ (FOLDER) under busybox's shell, in their own namespaces,
+# with stand-ins for programs, devices and commands. Each script must do what its head comment promises.
 set -eu
 KV_PACKAGING=$1
 export KV_PACKAGING
@@ -34,7 +33,7 @@ printf '#!/bin/sh\necho prepared >>/tmp/prepared\nexit 1\n' >/tmp/prepare
 chmod +x /tmp/upgradeMain /tmp/prepare
 printf 'PROGRAM=/tmp/upgradeMain\nPREPARE=/tmp/prepare\nOUTPUT=/tmp/output\n' >/etc/default/upgrademain
 init=/mnt/init/S50upgrademain
-! busy $init status >/dev/null || die "status of a supervisor that does not run"
+! busy $init status >/dev/null || die "status reports a supervisor that does not run"
 busy $init start 2>/dev/null || die "start fails"
 pid=$(cat /var/run/upgradeMain.pid)
 await test -e /tmp/ready || die "the supervisor does not run"
@@ -44,15 +43,15 @@ is_called "$pid" upgradeMain || die "the supervisor is called $(name_of "$pid")"
 busy $init start >/dev/null || die "second start fails"
 [ "$(cat /var/run/upgradeMain.pid)" = "$pid" ] || die "a second supervisor was started"
 [ "$(wc -l </tmp/prepared)" = 1 ] || die "the board is not prepared exactly once"
-busy $init status >/dev/null || die "status of a running supervisor"
+busy $init status >/dev/null || die "status does not report a running supervisor"
 busy $init stop || die "stop fails"
 [ "$(cat /tmp/ended)" = ended ] || die "the supervisor got no SIGTERM"
 [ -z "$(name_of "$pid")" ] || die "stop returned before the supervisor had ended"
 echo $$ >/var/run/upgradeMain.pid
 busy $init stop >/dev/null || die "stop fails when the PID file names another process"
 
-# Preparation: without a button line it does the rest and then fails. With one it sets up everything, also when it runs
-# again.
+# Preparation: without a button line it does the rest and then fails. With one it sets up everything, even when it runs
+# a second time.
 export PATH="/tmp/stubs:$PATH"
 if busy /mnt/scripts/upgrade_prepare.sh 2>/dev/null; then die "preparation without a button line succeeds"; fi
 [ -p /tmp/bin/cmd_link_snd ] && [ -p /tmp/bin/cmd_link_ack ] || die "no console pipes"

@@ -19,8 +19,8 @@ class FlashWriter : public testing::Test {
     void SetUp() override { board_.Start(kLayout); }
 
     // Installs `package`, raises SIGUSR2 and waits for the next boot. Returns the run's messages
-    // without the progress lines. "reboot -f" resets at once, so the last entry's messages are the
-    // last.
+    // without the progress lines. "reboot -f" resets at once, so no message follows the last
+    // entry's.
     Lines Flash(const std::string& package, const std::vector<Lines>& faults = {}) {
         EXPECT_TRUE(board_.WaitRecovery(boot_));
         if (!package.empty()) {

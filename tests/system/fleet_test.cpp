@@ -127,7 +127,7 @@ class FleetSite : public testing::Test {
     std::unique_ptr<Child> site_;
 };
 
-TEST_F(FleetSite, EachTroubleIsToldAndTheOthersAreServed) {
+TEST_F(FleetSite, EachFailureIsReportedAndTheOthersAreUpgraded) {
     Start(5);
     // Board 4 cannot write its application's partition, and gets another address after the restart.
     OnBoard(4, {"fault", "mtd5", "open", "--errno", "EIO", "--count", "1000"});
@@ -198,7 +198,7 @@ TEST_F(FleetSite, EachTroubleIsToldAndTheOthersAreServed) {
     }
 }
 
-TEST_F(FleetSite, ALineUpgradesWhatAppears) {
+TEST_F(FleetSite, AProductionLineUpgradesWhatAppears) {
     Start(1);
     Child watch(Tool({"watch", folder_.Path("good"), "--journal", Journal()}),
                 folder_.Path("output"));
@@ -317,7 +317,7 @@ TEST_F(FleetBigSite, TwentyBoardsSurviveKills) {
             const json event = json::parse(text);
             process = event.at("event") == "run" ? event.at("process").get<pid_t>() : process;
         }
-        // The laptop's processes have their own numbers only if it had a PID namespace.
+        // The laptop has no PID namespace, so its processes have the same numbers here.
         ASSERT_TRUE(Contains(ReadFile("/proc/" + std::to_string(process) + "/cmdline"), "kvtool"));
         (void)kill(process, SIGKILL);
         EXPECT_EQ(run.Await(), 137);

@@ -61,7 +61,7 @@ TEST_F(ResetButton, NineSamplesAndTwoBeatsDoNothing) {
     EXPECT_EQ(board_.Echoes(), Lines{"rm /param/var/miniserver_reboot"});
 }
 
-TEST_F(ResetButton, TenSamplesResetAlsoWithTheLineGone) {
+TEST_F(ResetButton, TenSamplesResetEvenWithTheLineGone) {
     for (const char* const name :
          {"var/a", "var/miniserver_reboot", "x.debug.y", "wpa_supplicant.conf", "kept"}) {
         WriteFile(board_.Path("param/") + name, "");

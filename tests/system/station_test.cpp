@@ -123,7 +123,7 @@ TEST(Station, MuteAccessPointIsStillPinged) {
     ASSERT_TRUE(board.WaitTrace(kGuard));
     (void)board.Do({"ap", "mute"});
     ASSERT_TRUE(WaitMessages(board, 1, Miss(1), 2));
-    // The link is fine, so the count starts again and nothing else happens.
+    // The link is fine, so the count starts over and nothing else happens.
     EXPECT_EQ(Count(board.Messages(), Miss(6)), 1U);
     EXPECT_EQ(Count(board.Messages(), Miss(7)), 0U);
     EXPECT_NE(board.Console().find("wlan0 LINK up\n"), std::string::npos);
@@ -144,7 +144,7 @@ TEST(Station, LostLinkIsResetAndJoinedAgain) {
     } rows[] = {
         {"carrier", {"ap", "down"}, "", {"ap", "up"}, "wlan0 LINK down\n", {"reset"}},
         {"interface", {"link", "down"}, "", {}, "wlan0 LINK down\n", {"reset"}},
-        // Up with a carrier, but kept from running. The new sequence gets it running again.
+        // Up and with a carrier, but not running. The new sequence gets it running again.
         {"dormant",
          {"ap", "mute"},
          "ip link set wlan0 state dormant",

@@ -42,7 +42,7 @@ TEST(Supervisor, RecoveryStartsInOrderAndChildrenInheritNothing) {
     }
     EXPECT_TRUE(InOrder(all, expected));
 
-    // A shell child of the program has three standard descriptors; the fourth is the listing's own.
+    // A shell child of the program has three standard descriptors; the fourth is opened by ls.
     board.ReplaceCommand("killall", "ls /proc/self/fd >/param/descriptors");
     board.Signal(SIGUSR2);
     ASSERT_TRUE(board.WaitBoot(2, 60));

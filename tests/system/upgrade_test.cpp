@@ -32,7 +32,7 @@ class Upload {
         EXPECT_TRUE(WaitUntil([&] { return Traced("CMD_SYS_UPGRADE") > before; }));
     }
     bool Send(const std::string& bytes) { return client_.Send(bytes); }
-    // The device's answer to a piece, without the session's bytes: status, then zeros.
+    // The device's answer to a piece, without the session's bytes: the status, then zeros.
     std::string Answer() {
         const std::string reply = client_.Receive(32);
         EXPECT_EQ(reply.substr(std::min<size_t>(reply.size(), 12)),

@@ -89,7 +89,7 @@ TEST_F(Vboard, EachResetHasItsReasonAndKeepsPersistentData) {
 TEST_F(Vboard, AnAcceleratedClockAppliesToTheWholeBoardAndTheLastBootEndsTheRunner) {
     Run({"--no-wifi", "--max-boots", "2", "--speed", "10"}, {g_self, "feed", "60"});
     EXPECT_TRUE(Contains(board_.Do({"status"}), "boot 1, clock 10 times as fast ("));
-    // Applies to a command on the board and to the processes it starts.
+    // The clock applies to a command on the board and to the processes that it starts.
     const auto before = Clock::now();
     EXPECT_EQ(OnBoard("sleep 10; sh -c 'sleep 10'"), "");
     EXPECT_LT(SecondsSince(before), 8);
@@ -195,7 +195,7 @@ TEST_F(Vboard, RefusesInOneSentence) {
     EXPECT_EQ(board_.Try({"status"}).status, 1);
     Run({"--no-wifi"});
     EXPECT_EQ(board_.Try({"run", "--", "/bin/true"}).output,
-              "vboard: another board runs on the state folder " + board_.Folder() + "\n");
+              "vboard: another board is running with the state folder " + board_.Folder() + "\n");
     EXPECT_EQ(board_.Try({"wait", "--log", "nothing", "--timeout", "0.2"}).status, 1);
     EXPECT_EQ(board_.Try({"ap", "up"}).output,
               "vboard: this board has no Wi-Fi (it runs with --no-wifi)\n");

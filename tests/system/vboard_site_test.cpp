@@ -148,7 +148,7 @@ TEST_F(VboardSite, RefusesInOneSentence) {
                   .status,
               1);
     EXPECT_EQ(RunCommand({BinDir() + "/vboard", "site", "status", "--state", other.Path()}).output,
-              "vboard: no site runs on the state folder " + other.Path() +
+              "vboard: no site is running with the state folder " + other.Path() +
                   " (start one with: vboard site run)\n");
     EXPECT_EQ(
         RunCommand({BinDir() + "/vboard", "run", "--site", other.Path(), "--", "/bin/true"}).status,

@@ -16,7 +16,7 @@ TEST(HvLoop, RunsEarlierPostsInOrderAndStops) {
     ASSERT_NE(loop, nullptr);
     for (int i = 0; i < 5; ++i) {
         events[i] = {&order, i};
-        // The posted event goes out of scope at once: posting copies it.
+        // The event may go out of scope at once, because posting copies it.
         Post(
             loop,
             [](hevent_t* posted) {

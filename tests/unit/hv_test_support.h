@@ -73,7 +73,7 @@ class LoopThread {
     std::thread thread_;
 };
 
-// Counts events on one thread, so another can wait for them.
+// Counts events on one thread, so that another thread can wait for them.
 class Tally {
   public:
     void Add(size_t n = 1) {

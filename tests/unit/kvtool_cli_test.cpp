@@ -86,7 +86,7 @@ TEST_F(KvtoolCli, UsageErrorsHaveTheirOwnCode) {
     }
 }
 
-TEST_F(KvtoolCli, PackIsDeterministicAndRefusesWhole) {
+TEST_F(KvtoolCli, PackIsDeterministicAndARefusalChangesNothing) {
     EXPECT_EQ(RunTool({"pack", "-o", Path("again"), "app=" + Path("app")}), 0);
     EXPECT_EQ(Read("again"), Read("good"));
     EXPECT_EQ(RunTool({"pack", "-o", Path("again"), "ap=" + Path("app")}), 3);

@@ -35,7 +35,7 @@ TEST(KvtoolDiscover, ReadsEveryField) {
     EXPECT_EQ(reply.commandPort, 80);
     EXPECT_EQ(reply.rtspPort, 554);
     EXPECT_EQ(reply.httpPort, 80);
-    // Settings that the device could not read are no fault.
+    // Settings that the device could not read are not a fault.
     const Bytes empty = ExpectedReply({});
     EXPECT_EQ(kvtool::ParseDiscoveryReply(empty.data(), empty.size(), &reply), "");
     EXPECT_EQ(reply.mac, "");
@@ -94,8 +94,8 @@ TEST(KvtoolDiscover, AHostsOwnAnswerEndsTheSearch) {
     }
 }
 
-// The reader stops at the first answer, so the others wait in the sockets: 500, or, where a socket
-// is granted much, more than one takes.
+// The reader stops at the first answer, so the others wait in the sockets: 500 of them or, where
+// the system grants a socket much memory, more than fit in one socket.
 TEST(KvtoolDiscover, LosesNoneOfFiveHundredAnswersAtOnce) {
     const UniqueFd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     int room = 1 << 20;
@@ -204,9 +204,9 @@ TEST(KvtoolDiscover, AWatchTellsWhatHasChanged) {
     kvtool::Presence presence{kvtool::Millis(3000)};
     EXPECT_EQ(Changes(&presence, {Found("A", "1"), Found("B", "2")}), "+A/1 +B/2");
     EXPECT_EQ(Changes(&presence, {Found("B", "2"), Found("A", "1")}), "");
-    // Another address is no other device.
+    // A device with a new address is still the same device.
     EXPECT_EQ(Changes(&presence, {Found("B", "3"), Found("A", "1")}), "~B/3");
-    // A second device with the same MAC address is one, whichever answers first.
+    // A second device with the same MAC address is a device of its own, whichever answers first.
     EXPECT_EQ(Changes(&presence, {Found("A", "4", true), Found("A", "1", true), Found("B", "3")}),
               "~A/1 +A/4");
     // Silence, also after a single answer, while this PC could search.
@@ -219,7 +219,7 @@ TEST(KvtoolDiscover, AWatchTellsWhatHasChanged) {
     // Without a MAC address a device is known by where it answers from.
     EXPECT_EQ(Changes(&presence, {Found("", "5"), Found("", "6")}), "+/5 +/6");
     EXPECT_EQ(Changes(&presence, {Found("", "6"), Found("", "5")}, 1000), "");
-    // One that answers over two interfaces keeps its address until that one is silent.
+    // A device that answers over two interfaces keeps its address until that address is silent.
     kvtool::FoundDevice twice = Found("C", "7");
     for (const auto& [senders, changes] :
          {std::pair<std::vector<std::string>, const char*>{{"8", "9"}, "+C/7"},
@@ -231,7 +231,7 @@ TEST(KvtoolDiscover, AWatchTellsWhatHasChanged) {
     }
 }
 
-TEST(KvtoolDiscover, AWatchGoesOnWhenNobodyAnswers) {
+TEST(KvtoolDiscover, AWatchContinuesWhenNobodyAnswers) {
     std::optional<fake::Responder> responder(std::in_place, "127.0.0.2", 0, SearchReply());
     kvtool::WatchRequest request;
     request.search.host = "127.0.0.2";

@@ -138,7 +138,7 @@ TEST(FleetState, NobodyIsUpgradedTwice) {
     EXPECT_EQ(NextFor(progress), Next::kLook);
     EXPECT_THROW(progress.Enter(State::kConnecting), std::logic_error);
     progress.Enter(State::kFailed);
-    EXPECT_EQ(NextFor(progress), Next::kLook) << "it may have accepted all the same";
+    EXPECT_EQ(NextFor(progress), Next::kLook) << "it may have accepted in spite of the failure";
     EXPECT_THROW(progress.Enter(State::kConnecting), std::logic_error);
     progress.Enter(State::kLooking);
     EXPECT_EQ(NextFor(progress), Next::kLook);
@@ -150,7 +150,7 @@ TEST(FleetState, NobodyIsUpgradedTwice) {
     EXPECT_THROW(progress.Enter(State::kFailed), std::logic_error);
 }
 
-TEST(FleetJournal, ATornLineIsNoLineAndADamagedOneIsRefused) {
+TEST(FleetJournal, ATornLineIsIgnoredAndADamagedOneIsRefused) {
     const kv_test::Folder folder;
     const std::string path = folder.Path("journal");
     Member member;
@@ -213,7 +213,7 @@ TEST(FleetRun, TheRestWaitsForTheCanary) {
     EXPECT_LT(at("0done"), at("1connecting"));
 }
 
-TEST(FleetRun, FailuresEndTheStartsAndHarmlessOnesAreTriedAgain) {
+TEST(FleetRun, FailuresStopNewStartsAndHarmlessOnesAreRetried) {
     Script other;
     other.ic = "OTHER";
     Script resets;
@@ -227,7 +227,8 @@ TEST(FleetRun, FailuresEndTheStartsAndHarmlessOnesAreTriedAgain) {
     flight.request.retries = 2;
     flight.Fly({wrong.AsMember(), unlucky.AsMember(), good.AsMember()});
     EXPECT_EQ(flight.members[0].code, ExitCode::kRefused);
-    EXPECT_EQ(flight.members[0].progress.attempts, 1) << "another identity does not change";
+    EXPECT_EQ(flight.members[0].progress.attempts, 1)
+        << "a wrong identity stays wrong, so no second attempt";
     EXPECT_TRUE(wrong.device.UpgradeRequest().empty());
     EXPECT_EQ(flight.members[1].code, ExitCode::kLost);
     EXPECT_EQ(flight.members[1].progress.attempts, 3);
@@ -381,13 +382,13 @@ TEST(FleetTool, ResumesAfterAKillAtEachChangeOfState) {
     }
 }
 
-TEST(FleetTool, SaysNoBeforeAnythingIsSent) {
+TEST(FleetTool, RefusesBeforeAnythingIsSent) {
     kv_test::WriteFile("/tmp/app", std::string(20000, 'a'));
     ASSERT_EQ(kv_test::Run(KVTOOL_PATH " pack -o /tmp/good app=/tmp/app").status, 0);
     kv_test::WriteFile("/tmp/damaged", "no journal\n");
     Camera camera(1);
     const std::string one = "upgrade /tmp/good " + camera.address + " --journal /tmp/j1 ";
-    EXPECT_EQ(Tool(one).status, 2) << "no terminal to ask at";
+    EXPECT_EQ(Tool(one).status, 2) << "no terminal on which to ask";
     EXPECT_EQ(Tool("upgrade /tmp/good --yes").status, 2) << "no device is named";
     EXPECT_EQ(Tool(one + "--yes --resume").status, 2) << "nothing to resume";
     EXPECT_EQ(Tool(one + "--yes --match colour=red").status, 2);

@@ -217,7 +217,7 @@ TEST(KvtoolInspect, ManyOverlappingEntriesTakeOnePass) {
 }
 
 TEST(KvtoolInspect, WarnsOfBytesThatBelongToNoImage) {
-    // Without the second entry, its place in the table belongs to nothing. Padding is fine.
+    // Without the second entry, its place in the table belongs to no image. Padding is fine.
     Bytes bytes = HandMade();
     bytes.resize(0x10218);
     Put(&bytes, 20, std::string("\x01\x00\x00\x00", 4));
@@ -307,7 +307,7 @@ TEST(KvtoolVerify, ExpectsWhatTheWriterLeaves) {
         EXPECT_EQ(verdict.difference.count, 1U);
     }
 
-    // The boot loader spans three devices. Its 100,000 bytes are not all equal.
+    // The boot loader spans three devices. Its 100,000 bytes vary.
     Bytes image(100000);
     for (size_t i = 0; i < image.size(); ++i) {
         image[i] = static_cast<uint8_t>(i * 7 + i / 251);

@@ -99,7 +99,7 @@ kvtool::UpgradeTimes TestTimes() {
     return times;
 }
 
-// A byte pattern whose period is no read or send size.
+// A byte pattern whose period is not the size of a read or a send.
 Bytes Pattern(size_t size) {
     Bytes bytes(size);
     for (size_t i = 0; i < size; ++i) {
@@ -170,7 +170,7 @@ TEST(KvtoolUpgrade, SendsThePackageAndItsTrailerWhole) {
         }
         const bool watchesChunks = size == 8123;
         if (watchesChunks) {
-            // A slow device, but not as slow as the gap is long.
+            // A slow device, but its pause is shorter than the gap.
             script.commandPause = Millis(50);
             times.headerGap = times.firstLook = Millis(2000);
         }
@@ -207,7 +207,7 @@ TEST(KvtoolUpgrade, TellsFailuresOfTheTransferApart) {
     // More than a socket buffers for sending (4 MiB), so that a refusal comes before the end.
     constexpr size_t kLarge = 8 << 20;
     const Case cases[] = {
-        {"reset in front of everything", [](Script* s) { s->closeAfter = 0; }, ExitCode::kLost},
+        {"reset before everything", [](Script* s) { s->closeAfter = 0; }, ExitCode::kLost},
         {"reset in the middle", [](Script* s) { s->closeAfter = 500000; }, ExitCode::kLost},
         {"device stops reading", [](Script* s) { s->stopAfter = 10000; }, ExitCode::kLost, 2 << 20,
          kShort},
@@ -218,7 +218,7 @@ TEST(KvtoolUpgrade, TellsFailuresOfTheTransferApart) {
         {"closes for verdict", [](Script* s) { s->verdict = Verdict::kClose; },
          ExitCode::kNoVerdict},
         {"other status", [](Script* s) { s->verdictStatus = 7; }, ExitCode::kBadReply},
-        // Ends at its limit, but must have read an answer before.
+        // The wait ends at its limit, after at least one answer has been read.
         {"busy for verdict", [](Script* s) { s->verdictStatus = 0xFFFF; }, ExitCode::kBusy, 2 << 20,
          kLong, Millis(2000)},
         {"half a verdict",
@@ -359,14 +359,14 @@ TEST(KvtoolFollow, TellsLeavingStayingAndComingBackApart) {
              run->target.version = "2";
          },
          "alive: port", ExitCode::kNotSeenAlive},
-        // A port that was open all the time does not show that the application has started.
+        // A port that has been open from the start does not show that the application has started.
         {"port open all the time",
          [](Journey* run, Script*, auto application) {
              application->Start();
              run->times.back = kShort;
          },
          "never seen closed", ExitCode::kNotSeenAlive},
-        // Neither holds it up nor fills the record.
+        // Such a device neither delays kvtool nor fills the record.
         {"talks for ever",
          [](Journey* run, Script* s, auto) {
              s->leaves = false;

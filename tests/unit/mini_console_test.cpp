@@ -69,7 +69,7 @@ TEST(MiniConsoleDeathTest, MissingPipeIsReportedOnceAndNotRetried) {
         testing::ExitedWithCode(0), "");
 }
 
-// After a reboot request nothing of the watchdog keeper may run, not even a second request.
+// After such a reboot request the lock stays held, so a second request blocks.
 TEST(KeeperDeathTest, RebootRequestWithoutAFeederHoldsTheLock) {
     EXPECT_EXIT(
         {

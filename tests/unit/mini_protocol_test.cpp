@@ -261,7 +261,7 @@ TEST_F(MiniProtocol, AClientThatAsksAndNeverReadsCostsOneReply) {
     }
     ASSERT_TRUE(WaitUntil([&] { return CountOf(log_.Text(), "io write failed:0 errno:11!") > 0; }));
     EXPECT_LT(PrivateKib() - before, 1024);
-    // A client that finally reads gets what is there, and is served again.
+    // A client that finally reads gets what is queued, and is served again.
     const TcpClient& late = clients.front();
     while (late.Readable(200)) {
         ASSERT_FALSE(late.Receive(1).empty());

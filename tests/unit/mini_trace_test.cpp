@@ -74,8 +74,8 @@ TEST(MiniTrace, MacrosNameFunctionAndGivenLine) {
 }
 
 TEST(MiniTrace, LongLineIsCutAt510Characters) {
-    // Text length with the header, and what follows at most 510 characters of it. The slot's end is
-    // always set, so a line of 509 characters ends twice.
+    // The text's length with the header, and what follows its first 510 characters. The slot's end
+    // is always set, so a line of 509 characters ends twice.
     const struct {
         size_t length;
         const char* end;

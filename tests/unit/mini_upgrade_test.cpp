@@ -22,7 +22,7 @@ constexpr uint32_t kSessionId = 0x42000001;
 constexpr uint32_t kLarge = 0x600000;
 constexpr char kHandOver[] = "killall -SIGUSR2 upgradeMain\n";
 
-// A package of `size` bytes. The receiver looks only at its header.
+// A package of `size` bytes. The receiver examines only its header and its digest.
 std::string Package(size_t size, const PackageOptions& header = {"PRT7K", "38QX", 1, 1}) {
     return BuildPackage({}, header) + Noise(size - 24, 5);
 }
@@ -182,7 +182,7 @@ TEST_F(MiniUpgrade, KeepsAtMostThirtyNineTrailerBytesAndDropsLongPieces) {
         {"two pieces", {trailer.substr(0, 20), trailer.substr(20)}, true},
         {"39 bytes", {trailer + "\r\n"}, true},
         {"40 bytes", {trailer + "\r\n\n"}, false},
-        {"the right one behind one that was dropped", {std::string(40, 'x'), trailer}, true},
+        {"the right one after one that was dropped", {std::string(40, 'x'), trailer}, true},
         {"a piece too much in the middle",
          {trailer.substr(0, 20), std::string(20, 'x'), trailer.substr(20)},
          true},

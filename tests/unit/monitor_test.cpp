@@ -111,7 +111,7 @@ TEST(Monitor, FiveSecondsAreNotSilenceAndSixAre) {
     EXPECT_EQ(boot.Tick(220).step, MonitorStep::kNone);
     EXPECT_EQ(boot.Tick(221).step, MonitorStep::kRestart);
     EXPECT_EQ(boot.Record().last_seen, 221U - 60U);
-    // Quiet time is no silence, and nothing is logged or done in it.
+    // Quiet time does not count as silence, and nothing is logged or done during it.
     boot.quiet = true;
     const MonitorDecision quiet = boot.Tick(300);
     EXPECT_FALSE(quiet.logOffline || quiet.startButton || quiet.step != MonitorStep::kNone);

@@ -97,7 +97,7 @@ TEST(Shell, ChildStartsWithDefaultSignalsAndAnEmptyMask) {
         text = out.Text();
     }
     (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    // The shell of this machine empties its mask itself, others do not.
+    // The shell of this machine empties its own mask; other shells do not.
     EXPECT_TRUE((g_flags & POSIX_SPAWN_SETSIGMASK) != 0 && sigisemptyset(&g_mask) != 0);
     // Signals 32 and 33 belong to the C library, which leaves them ignored in a child.
     EXPECT_EQ(StatusMask(text, "SigIgn:") & ~0x180000000ULL, 0U);

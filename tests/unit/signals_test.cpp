@@ -53,7 +53,7 @@ constexpr SignalRoute kRoutes[] = {
 
 }  // namespace
 
-TEST(SignalsDeathTest, AFullPipeHoldsNobodyUp) {
+TEST(SignalsDeathTest, AFullPipeBlocksNobody) {
     EXPECT_EXIT(
         {
             (void)KV_SIGNAL_Install(kRoutes, 2);
@@ -82,7 +82,7 @@ TEST(Signals, ProceduresRunOutsideSignalContextAndSideBySide) {
     for (int i = 0; i < 4; ++i) {
         (void)raise(SIGUSR2);
     }
-    // The other route's runs are not held up, and each gets its own thread. The pipe keeps the
+    // The other route's runs are not delayed, and each gets its own thread. The pipe keeps the
     // order, so the four arrivals above have been read when this one runs.
     (void)raise(SIGTERM);
     ASSERT_TRUE(Entered());

@@ -169,7 +169,7 @@ TEST_F(Station, StopsWithinASecondAndTouchesNothingAfterwards) {
         std::function<bool()> reached;
         std::function<bool()> stopped;
     } cases[] = {
-        // During the sleep before the commands: none is started.
+        // During the sleep before the commands: no command starts.
         {"connecting", "SCANNING",
          [] {
              std::this_thread::sleep_for(milliseconds(100));

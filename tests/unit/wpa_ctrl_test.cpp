@@ -238,7 +238,7 @@ TEST(WifiRunCmd, AFullReplyIsTerminatedInTheSpareByte) {
 TEST(WpaListener, TracesEventsUntilStopped) {
     const Capture trace(2);
     const auto traced = [&trace](const char* text) { return CountOf(trace.Text(), text); };
-    // Without a supplicant the thread ends, and the next call starts another.
+    // Without a supplicant the thread ends, and the next call starts another one.
     EXPECT_EQ(KV_WIFI_CtrlListen(), 0);
     EXPECT_TRUE(WaitUntil([&] { return traced("__KV_wifi_ctrlProc Exit\n") == 1U; }));
     EXPECT_EQ(traced("Err: wpa_ctrl_open():/tmp/wpa_supplicant/wlan0\n"), 1U);

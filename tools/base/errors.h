@@ -10,19 +10,19 @@ namespace kvtool {
 enum class ExitCode : int {
     kDone = 0,
     kInternal = 1,
-    kDifferent = 1,  // of commands that compare; these give 2 for any trouble
+    kDifferent = 1,  // of commands that compare; these use 2 for any trouble
     kUsage = 2,
     kRefused = 3,         // file unusable, or the device would refuse it
     kUnreachable = 4,     // nothing found, or no connection
     kBadReply = 5,        // the device broke the protocol or failed
     kLost = 6,            // the connection broke or stalled
-    kBusy = 7,            // an upgrade is under way, as the device says or another kvtool
+    kBusy = 7,            // an upgrade is under way, according to the device or another kvtool
     kNoVerdict = 8,       // everything was sent, but the device gave no answer
     kBackInRecovery = 9,  // accepted; the device restarted into recovery mode
     kNeverLeft = 10,      // accepted; the device was not seen to leave recovery mode
     kNoReply = 11,        // connected, but a request got no answer in time
     kNotSeenAlive = 12,   // accepted; left recovery mode, but was not seen alive
-    kSomeFailed = 13,     // of a fleet: not every device is done; each has a code of its own
+    kSomeFailed = 13,     // of a fleet: not all devices are done; each has a code of its own
     kInterrupted = 130,
 };
 

@@ -26,7 +26,7 @@ void WriteToStandardOutput(const Bytes& bytes);
 // Whether both paths name the same existing file.
 bool SameFile(const std::string& a, const std::string& b);
 
-// A line of a text file without comment and surrounding spaces.
+// A line of a text file, without its comment and surrounding spaces.
 struct SourceLine {
     std::string where;  // "FILE:LINE: ", safe to print
     std::string text;   // never empty

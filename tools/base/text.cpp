@@ -160,7 +160,7 @@ uint64_t ParseSize(const std::string& text) {
     const std::string suffix = text.substr(end);
     static constexpr std::string_view kSuffixes = "KkMmGg";
     const size_t unit = suffix.size() == 1 ? kSuffixes.find(suffix[0]) : std::string_view::npos;
-    // Any number of so many digits fits 64 bits with each suffix.
+    // Any number with at most this many digits fits 64 bits with each suffix.
     if (number.empty() || number.size() > (hexadecimal ? 8 : 10) ||
         (!suffix.empty() && unit == std::string_view::npos)) {
         throw ToolError(ExitCode::kUsage,

@@ -44,8 +44,8 @@ std::string Md5Hex(const uint8_t* data, size_t size);
 // Lower-case SHA-256 of the bytes, 64 digits.
 std::string Sha256Hex(const uint8_t* data, size_t size);
 
-// Bytes from a decimal or hexadecimal number (0x10000) with an optional suffix K, M or G of either
-// case (powers of 1024). Throws ToolError(kUsage).
+// The number of bytes in a decimal or hexadecimal text (0x10000) with an optional suffix K, M or G
+// in either case (powers of 1024). Throws ToolError(kUsage).
 uint64_t ParseSize(const std::string& text);
 
 }  // namespace kvtool

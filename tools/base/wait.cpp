@@ -16,13 +16,12 @@ namespace kvtool {
 
 namespace {
 
-// A byte in the pipe means interrupted; it is never read, so the state stays. Never freed: a signal
-// may come while the process ends.
+// Never freed: a signal may arrive while the process exits.
 const Interrupt* g_signalled = nullptr;
 std::atomic<const Interrupt*> g_first{nullptr};
 std::atomic<const Interrupt*> g_second{nullptr};
 
-// What ends this thread's waits; -1: the signals.
+// Descriptor of the interrupt that ends this thread's waits; -1: the signals end them.
 thread_local int g_interruptFd = -1;
 
 int InterruptFd() {
@@ -77,6 +76,7 @@ Interrupt::~Interrupt() {
     (void)close(pipe_[1]);
 }
 
+// A byte in the pipe means interrupted. Nobody reads it, so the state stays.
 void Interrupt::Raise() const {
     const int saved = errno;
     const ssize_t ignored = write(pipe_[1], "x", 1);

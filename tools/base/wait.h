@@ -20,7 +20,7 @@ inline double SecondsSince(Clock::time_point start) {
 // these waits (a name look-up) blocks it. Call once, before any wait, from the main thread.
 void CatchInterrupts();
 
-// Ends waits of the threads that look at it, once it is raised and from then on.
+// Once raised, ends the waits of the threads that look at it. It stays raised.
 class Interrupt {
   public:
     // Throws ToolError(kInternal) when there are no descriptors left.
@@ -56,8 +56,8 @@ class InterruptedBy {
 int ThreadInterrupt();
 
 // While it lives, the first SIGINT raises `first`; the second one, or a SIGTERM, raises both. One
-// more of the same kind ends the process in the usual way. Afterwards CatchInterrupts holds again.
-// One at a time, from the main thread.
+// more of the same kind ends the process in the usual way. Its end restores what CatchInterrupts
+// set up. Only one may exist at a time, on the main thread.
 class InterruptsInSteps {
   public:
     InterruptsInSteps(const Interrupt& first, const Interrupt& second);
@@ -66,7 +66,8 @@ class InterruptsInSteps {
     InterruptsInSteps& operator=(const InterruptsInSteps&) = delete;
 };
 
-// Throws ToolError(kInterrupted) once a signal has come, or what ends this thread's waits.
+// Throws ToolError(kInterrupted) if a signal has arrived or, on a thread with InterruptedBy, if its
+// interrupt has been raised.
 void ThrowIfInterrupted();
 
 // Waits for one of the poll events on the descriptor, at most until the deadline.

@@ -95,7 +95,7 @@ OpenDevice WaitForDevice(const UpgradeCommand& command, UpgradeListener* listene
     }
 }
 
-// What is needed to follow the device. Asks a device that was not searched for now: after the
+// What is needed to follow the device. A device that was not searched for is asked now: after the
 // acceptance it may be too late.
 FollowTarget TargetToFollow(const UpgradeCommand& command, const OpenDevice& device,
                             UpgradeListener* listener, UpgradeRecord* record) {
@@ -157,7 +157,7 @@ std::string StateLeft(const UpgradeRecord& record) {
         case Sent::kNothing:
             return "nothing of the package was sent; the device stays as it is";
         case Sent::kPart:
-            return "the device has only a part of the package and flashes nothing; repeat the "
+            return "the device has only part of the package and flashes nothing; repeat the "
                    "upgrade once it answers in recovery mode";
         case Sent::kAll:
             break;

@@ -44,8 +44,8 @@ struct DiscoverCommand {
 };
 
 // Each prints its result to standard output unless the command asks for JSON, and returns the exit
-// code of the command. Each throws ToolError if it cannot go on. *json gets each fact as soon as it
-// is known, so it is true after a failure too.
+// code of the command. Each throws ToolError if it cannot continue. *json gets each fact as soon as
+// it is known, so it is correct after a failure too.
 ExitCode RunInfo(const DeviceCommand& command, const UpgradeTimes& times, Json* json);
 ExitCode RunUpgrade(const UpgradeCommand& command, const Layout& layout, Json* json);
 ExitCode RunDiscover(const DiscoverCommand& command, Json* json);

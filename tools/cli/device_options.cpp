@@ -4,6 +4,7 @@
 #include "common/kv_platform.h"
 #include "tools/cli/command_line.h"
 #include "tools/cli/commands.h"
+#include "tools/cli/conform_command.h"
 #include "tools/device/match.h"
 
 namespace kvtool {
@@ -147,6 +148,42 @@ void AddDiscover(CLI::App* root, Chosen* chosen) {
     });
 }
 
+void AddConform(CLI::App* root, Chosen* chosen) {
+    const auto command = std::make_shared<ConformCommand>();
+    conform::ConformRequest& request = command->request;
+    request.commandPort = kv::kProtocolPort;
+    request.discoveryPort = kv::kDiscoveryPort;
+    CLI::App* app = root->add_subcommand(
+        "conform", "Try the protocol's rules on a device in recovery mode, or on an imitation");
+    app->add_option("host", request.host, "Address or name")->required()->type_name("HOST");
+    app->add_option("--port", request.commandPort, "TCP port of the commands")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 65535));
+    app->add_option("--discovery-port", request.discoveryPort, "UDP port of discovery")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 65535));
+    AddSeconds(app, "--connect-timeout", &request.times.connect, "Seconds to connect");
+    AddSeconds(app, "--reply-timeout", &request.times.reply, "Seconds for each answer");
+    CLI::Option* destructive =
+        app->add_flag("--destructive", request.destructive, "Try uploads too; the device restarts");
+    app->add_option(
+           "--package", command->package,
+           "Package to upload, which the device flashes (default: one that writes nothing)")
+        ->type_name("FILE")
+        ->needs(destructive);
+    AddSeconds(app, "--back-timeout", &request.restart,
+               "Seconds for the device to restart after a refused upload");
+    app->add_option("--transcript", command->transcript, "Write all bytes exchanged to a file")
+        ->type_name("FILE");
+    app->add_flag("--json", chosen->json, "Print JSON");
+    app->callback([command, chosen] {
+        chosen->run = [command, chosen](Json* json) {
+            command->json = chosen->json;
+            return RunConform(*command, json);
+        };
+    });
+}
+
 }  // namespace
 
 void AddSeconds(CLI::App* app, const char* name, Millis* value, const char* help) {
@@ -175,6 +212,7 @@ void AddDeviceCommands(CLI::App* root, Chosen* chosen) {
     AddInfo(root, chosen);
     AddUpgrade(root, chosen);
     AddDiscover(root, chosen);
+    AddConform(root, chosen);
 }
 
 }  // namespace kvtool

@@ -31,7 +31,7 @@ ExitCode RunWatch(const DiscoverCommand& command, const Matcher& matcher) {
         view.End();
         return ExitCode::kDone;
     }
-    // Standard output has no reader any more. kvtool reports this when it ends.
+    // Standard output has lost its reader. kvtool reports this when it ends.
     std::cout.setstate(std::ios::badbit);
     return ExitCode::kInternal;
 }

@@ -42,20 +42,20 @@ std::string JournalPath(const FleetCommand& command) {
                : command.journal;
 }
 
-// Reads the journal of earlier runs. Throws ToolError(kRefused) if it is about another package.
+// Reads the journal of earlier runs. Throws ToolError(kRefused) if it is for another package.
 JournalContents ReadEarlier(const std::string& path, const fleet::PackageName& package) {
     JournalContents earlier = fleet::ReadJournal(path);
     if (earlier.package.md5 != package.md5) {
-        throw ToolError(ExitCode::kRefused,
-                        "the journal " + Printable(path) + " is about another package, " +
-                            earlier.package.file + " with MD5 " + earlier.package.md5);
+        throw ToolError(ExitCode::kRefused, "the journal " + Printable(path) +
+                                                " is for another package, " + earlier.package.file +
+                                                " with MD5 " + earlier.package.md5);
     }
     return earlier;
 }
 
 void PrintPlan(std::ostream& out, const Plan& plan, const fleet::PackageName& package) {
     out << "plan for " << Printable(package.file) << ", " << SizeText(package.size)
-        << " (device, address, firmware that it runs now, what will happen):\n";
+        << " (device, address, present firmware, what will happen):\n";
     for (const Member& member : plan.members) {
         out << member.id;
         if (!member.address.empty() && member.address != member.id) {
@@ -160,7 +160,7 @@ bool HasRun(const std::string& path) {
 
 void CheckUsage(const FleetUpgradeCommand& command, const std::string& journal) {
     if (!command.all && command.from.empty() && command.hosts.empty() && !command.resume) {
-        throw ToolError(ExitCode::kUsage, "say which devices: --all, --from LIST or HOST…");
+        throw ToolError(ExitCode::kUsage, "name the devices: --all, --from LIST or HOST…");
     }
     if (!command.yes && !command.dryRun && isatty(STDIN_FILENO) != 1) {
         throw ToolError(ExitCode::kUsage,
@@ -169,7 +169,7 @@ void CheckUsage(const FleetUpgradeCommand& command, const std::string& journal) 
     }
     if (command.resume && !HasRun(journal)) {
         throw ToolError(ExitCode::kUsage, "there is no run to resume in the journal " +
-                                              Printable(journal) + ": leave out --resume");
+                                              Printable(journal) + ": start without --resume");
     }
     if (!command.resume && HasRun(journal)) {
         throw ToolError(ExitCode::kUsage,
@@ -275,7 +275,7 @@ class LineWatcher {
         there_ = there;
     }
 
-    // A device that failed without accepting anything is tried again after it was away.
+    // A device that failed without accepting anything is tried again once it has been away.
     void Offer(const FoundDevice& device) {
         Member member = fleet::MemberOf(device, command_.port);
         const auto known = runner_->Find(member.id);

@@ -32,7 +32,8 @@ void AddCommon(CLI::App* app, FleetCommand* command, LayoutOptions* layout, Chos
     app->add_option("--journal", command->journal,
                     "Journal (default: the package's name with .journal, in this folder)")
         ->type_name("FILE");
-    app->add_flag("--force", command->package.force, "Send in spite of objections to the package");
+    app->add_flag("--force", command->package.force,
+                  "Send in spite of errors found in the package");
     app->add_flag("--json", chosen->json, "Print events and the result as lines of JSON");
     AddLayout(app, layout);
     AddTrust(app, &command->package.trust);
@@ -42,7 +43,7 @@ void AddCommon(CLI::App* app, FleetCommand* command, LayoutOptions* layout, Chos
     AddPort(app, "--expect-port", &command->alivePort,
             "TCP port that the running application opens (default: RTSP, as discovered)");
     app->add_option("--expect-version", command->expectVersion,
-                    "Firmware version that the running application tells a search");
+                    "Firmware version that the running application must name in a search reply");
     AddAnswerTimes(app, &command->times);
     AddUpgradeTimes(app, &command->times);
 }
@@ -56,11 +57,11 @@ void AddFleetUpgrade(CLI::App* fleet, Chosen* chosen) {
     app->add_flag("--all", command.all, "Every device that answers a search");
     app->add_option("--from", command.from, "File with one HOST per line")->type_name("FILE");
     app->add_option("--canary", command.canaries,
-                    "Start the others only after so many were seen alive")
+                    "Start the others only after this many were seen alive")
         ->capture_default_str()
         ->check(CLI::Range(0, kMostJobs));
     app->add_option("--max-failures", command.maxFailures,
-                    "Start no more once so many have failed (0: no limit)")
+                    "Start no more once this many have failed (0: no limit)")
         ->capture_default_str()
         ->check(CLI::Range(0, 100000));
     app->add_flag("--resume", command.resume, "Continue the run in the journal");

@@ -156,7 +156,7 @@ std::string UnderWayText(const std::vector<FleetRow>& rows, const FleetTotal& to
     text += left > 0 ? "\nabout " + Duration(left) +
                            (total.followed > 0 ? "" : " of uploads, then their restart")
                      : "\nthe time that they need is not known";
-    return text + "; Ctrl-C again leaves at once";
+    return text + "; Ctrl-C again ends kvtool at once";
 }
 
 FleetView::FleetView(bool json, uint64_t streamSize, const Interrupt& interrupted)

@@ -1,5 +1,5 @@
-// Shows a fleet run while it goes on: a table that updates itself on a terminal, lines elsewhere,
-// events for programs.
+// Shows a running fleet upgrade: a table that updates itself on a terminal, lines elsewhere, events
+// for programs.
 #pragma once
 
 #include <cstdio>
@@ -17,7 +17,7 @@ using FleetTotal = fleet::RunTotal;
 // One line, narrower than `columns`. Leaves out what does not fit, least important parts first.
 std::string FleetRowText(const FleetRow& row, Clock::time_point now, size_t columns);
 std::string FleetTotalText(const FleetTotal& total, size_t columns);
-// The rows that a window of so many lines shows, in the order of the devices. Devices under way
+// The rows that a window of `lines` lines shows, in the order of the devices. Devices under way
 // have priority, then those that failed.
 std::vector<size_t> RowsToShow(const std::vector<FleetRow>& rows, size_t lines);
 

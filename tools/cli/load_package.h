@@ -1,4 +1,4 @@
-// The package of a command that sends it: read, trusted and found fit, or refused.
+// Loads and checks the package that a command is to send.
 #pragma once
 
 #include <string>
@@ -13,9 +13,9 @@ namespace kvtool {
 
 struct PackageChoice {
     std::string file;
-    bool force = false;  // in spite of what the check says
+    bool force = false;  // in spite of errors found in the package
     Trust trust;
-    bool json = false;  // what there is to say goes to standard error
+    bool json = false;  // messages go to standard error
 };
 
 struct LoadedPackage {
@@ -23,8 +23,8 @@ struct LoadedPackage {
     PackageReport report;
 };
 
-// Says whose signature it bears and what the check found; *json takes the same. Throws
-// ToolError(kRefused) for a package that is not to be sent.
+// Prints the signature and the findings and adds them to *json. Throws ToolError(kRefused) if the
+// package must not be sent.
 LoadedPackage LoadPackage(const PackageChoice& choice, const Layout& layout, Json* json);
 
 }  // namespace kvtool

@@ -27,8 +27,8 @@ std::string Shortened(const std::string& text, size_t width);
 std::vector<std::string> TableLines(const std::vector<std::vector<std::string>>& rows,
                                     size_t yields, size_t width);
 
-// Lines at the bottom of a terminal that are replaced as a whole. They are cut to the window, which
-// keeps it from scrolling.
+// A block of lines at the bottom of a terminal, replaced all at once. Lines are cut to the window's
+// width, which keeps the window from scrolling.
 class LiveLines {
   public:
     explicit LiveLines(FILE* out) : out_(out) {}

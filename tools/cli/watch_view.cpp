@@ -35,7 +35,7 @@ const char* KindName(Kind kind) {
 Json Before(const DeviceChange& change) {
     Json now = FoundJson(change.device);
     Json before = FoundJson(change.before);
-    // It is no change if the device also answers from other addresses than before.
+    // It is not a change if the device answers from additional addresses.
     if (change.device.Address() == change.before.Address()) {
         before.erase("senders");
     }

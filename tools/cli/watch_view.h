@@ -1,4 +1,4 @@
-// Shows a watch of the devices: a live table on a terminal, else a line for each change.
+// Shows what a watch sees: a live table on a terminal, elsewhere a line for each change.
 #pragma once
 
 #include <cstdio>

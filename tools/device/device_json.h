@@ -21,7 +21,7 @@ struct InfoReport {
 Json InfoJson(const InfoReport& report);
 
 Json FoundJson(const FoundDevice& device);
-// Of the devices only those that match; how many others there are.
+// Lists only the devices that match, and counts the others.
 Json DiscoveryJson(const DiscoveryResult& result, const Matcher& matcher);
 
 // `result` is the text after "result:", or the error.

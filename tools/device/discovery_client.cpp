@@ -100,7 +100,7 @@ void RequireEach(const std::vector<std::string>& interfaces, const std::vector<T
     }
     if (targets.empty()) {
         throw ToolError(ExitCode::kUnreachable,
-                        "no interface is up that has an IPv4 address and can broadcast");
+                        "no interface that is up and has an IPv4 address can broadcast");
     }
 }
 
@@ -235,7 +235,7 @@ FoundDevice* Searcher::Take(const uint8_t* data, size_t size, const std::string&
         ++result_.malformed[sender + ": " + fault];
         return nullptr;
     }
-    // A device that tells no MAC address is known by the senders of its replies.
+    // A device that reports no MAC address is recognized by the senders of its replies.
     for (FoundDevice& known : result_.devices) {
         const bool sameSender =
             std::find(known.senders.begin(), known.senders.end(), sender) != known.senders.end();

@@ -41,7 +41,7 @@ struct DiscoveryResult {
     int sent = 0;                          // search datagrams sent
 };
 
-// Blocks for the whole time, until `enough` (may be empty) returns true for a device found, or
+// Blocks for the whole time, or until `enough` (may be empty) returns true for a device found, or
 // until the one host of the request has answered. Lists each device once, however many replies it
 // sends. Throws ToolError(kUnreachable) if no interface can carry a broadcast or the host has no
 // IPv4 address.

@@ -139,8 +139,8 @@ class Follower {
         return expected;
     }
 
-    // Whether the application runs: its port was closed after the acceptance and is open now, and
-    // the device does not answer in recovery mode.
+    // Whether the application runs: its port has been seen closed and is open now, and the device
+    // does not answer in recovery mode.
     bool IsAlive(const ProbeResult& probe) {
         if (target_.alivePort == 0 || (!left_ && portWasClosed_)) {
             return false;
@@ -193,7 +193,7 @@ class Follower {
     }
 
     // The exit code once time is up without a decision. Time in which this PC could not look does
-    // not count, up to the sum of both limits.
+    // not count against a limit, but the sum of both limits ends every wait.
     std::optional<ExitCode> EndOfTime(const ProbeResult& probe) {
         const Clock::time_point now = Clock::now();
         const bool last = now - start_ >= times_.leave + times_.back;
@@ -240,7 +240,7 @@ class Follower {
         }
     }
 
-    // Reports once that the device goes on sending. Discards the rest, a bounded amount each time.
+    // Reports once that the device is still sending. Discards the rest, a bounded amount each time.
     void WatchConnection(Clock::time_point until) {
         size_t budget = kMostThrownAway;
         while (upgradeFd_ >= 0 && budget > 0 && Clock::now() < until &&

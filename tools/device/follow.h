@@ -21,8 +21,8 @@ struct FollowTarget {
 
 // Follows the device until it is seen alive, is back in recovery mode, or time is up. `upgradeFd`
 // is the connection of the upgrade; nothing is sent on it. Adds what it sees to record->observed
-// and what it concludes to record->assumed. It reports trouble of this PC's own network and waits
-// for its end, but concludes nothing from it. Blocks for at most times.leave + times.back and one
+// and what it concludes to record->assumed. It reports trouble with this PC's own network and waits
+// for it to end, but concludes nothing from it. Blocks for at most times.leave + times.back and one
 // look. Returns kDone (seen to leave, then alive as `target` says), kBackInRecovery, kNotSeenAlive
 // or kNeverLeft.
 ExitCode Follow(const FollowTarget& target, int upgradeFd, const UpgradeTimes& times,

@@ -75,7 +75,7 @@ void ProtocolClient::ReceiveExactly(uint8_t* data, size_t size, const char* what
 ProtocolClient::Reply ProtocolClient::Request(uint16_t command, const char* what,
                                               size_t payloadSize) {
     const Clock::time_point deadline = Clock::now() + replyTimeout_;
-    // Unexpected bytes would be taken for the start of this reply.
+    // Otherwise unexpected bytes would count as the start of this reply.
     uint8_t stale = 0;
     if (ReceiveNow(fd_.Get(), &stale, 1).state == ReceiveState::kData) {
         BadReply(what, "bytes arrived before the request was sent");

@@ -76,7 +76,7 @@ bool SearchSockets::Drain(const Take& take) const {
             socklen_t length = sizeof from;
             const ssize_t n = recvfrom(fd.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT,
                                        reinterpret_cast<sockaddr*>(&from), &length);
-            // An error may be the ICMP refusal of an earlier search, which is no answer.
+            // An error may be the ICMP refusal of an earlier search, which is not an answer.
             if (n < 0) {
                 break;
             }

@@ -88,8 +88,8 @@ void UpgradeSession::Upload(const Bytes& package) {
         kv::FillFrameHeader(request.data(), kv::kCmdUpgrade, 0, record_->session,
                             static_cast<uint32_t>(record_->total), 1);
         record_->sent = Sent::kPart;
-        // What is left of this upload must not reach the device during the next one: the device
-        // would take both for one.
+        // The rest of an upload that ends early must not reach the device during the next one: the
+        // device would mistake both for one upload.
         DropUnsentAtEnd(Fd(), true);
         if (SendNow(Fd(), request.data(), request.size()) != request.size()) {
             Lost("the upgrade request could not be sent");

@@ -68,7 +68,7 @@ struct UploadProgress {
 // What an upgrade is about to do.
 enum class UpgradeStep {
     kUpload,  // sends the request and the package
-    kFinish,  // sends the trailer: from here on the device may accept, whatever is seen of it
+    kFinish,  // sends the trailer: from now on the device may accept, even if nothing shows it
 };
 
 // Receives events as they happen, on the calling thread.
@@ -78,7 +78,7 @@ class UpgradeListener {
     virtual void Line(const std::string& text) = 0;
     // About every 100 ms during the upload, even while the device acknowledges nothing.
     virtual void Progress(const UploadProgress& progress) = 0;
-    // Comes back before anything of the step is done. What it throws ends the upgrade there.
+    // Called before the step begins. An exception from it ends the upgrade there.
     virtual void Before(UpgradeStep step) { (void)step; }
 };
 
@@ -127,8 +127,8 @@ class UpgradeSession {
     bool busySeen_ = false;
 };
 
-// A device takes any package that names its own chip and sensor type, and only such a one.
-// Throws ToolError(kRefused) for the types of a package that are not the device's.
+// A device takes a package only if it names the device's own chip and sensor type.
+// Throws ToolError(kRefused) if the package's types are not the device's.
 void CheckIdentity(const std::string& ic, const std::string& sensor, const DeviceInfo& device);
 
 // The trailer to send after this package.

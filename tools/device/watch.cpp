@@ -8,7 +8,7 @@ namespace kvtool {
 
 namespace {
 
-// Two devices that tell no MAC address are the same if they have a sender in common.
+// Two devices that report no MAC address are the same if they have a sender in common.
 bool IsSame(const FoundDevice& a, const FoundDevice& b) {
     if (a.reply.mac != b.reply.mac || a.reply.ip != b.reply.ip) {
         return false;

@@ -25,13 +25,13 @@ struct DeviceChange {
 // Compares the answers of one search with earlier ones. Uses no clock and no network.
 class Presence {
   public:
-    // A device is gone after it was silent for this time.
+    // A device is gone once it has been silent for this time.
     explicit Presence(Millis goneAfter) : goneAfter_(goneAfter) {}
 
     // Takes the answers of a search that lasted `listened`, and returns what they change. A device
-    // is known by its MAC address: with a new address it is still the same device. While several
-    // devices answer with one MAC address, each is known by its address as well. If `listened` is
-    // zero, no device becomes silent.
+    // is recognized by its MAC address: with a new address it is still the same device. While
+    // several devices answer with one MAC address, their addresses tell them apart. If `listened`
+    // is zero, no device becomes silent.
     std::vector<DeviceChange> Take(const std::vector<FoundDevice>& answers, Millis listened);
 
     const std::vector<WatchedDevice>& Devices() const { return devices_; }

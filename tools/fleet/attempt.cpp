@@ -97,9 +97,10 @@ void Attempt::Send() {
         throw ToolError(ExitCode::kUnreachable, "it answers no search; nothing was sent");
     }
     if (member_.mac.empty()) {
-        throw ToolError(ExitCode::kRefused,
-                        "it does not tell its MAC address, so kvtool could not recognize it later; "
-                        "nothing was sent");
+        throw ToolError(
+            ExitCode::kRefused,
+            "it does not report its MAC address, so kvtool could not recognize it later; "
+            "nothing was sent");
     }
     record_.mac = member_.mac;
     lock_.emplace(member_.mac);

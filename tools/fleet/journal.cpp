@@ -231,7 +231,7 @@ JournalContents ReadJournal(const std::string& path) {
     contents.torn = torn;
     contents.whole = whole;
     if (contents.runs == 0 && whole > 0) {
-        throw ToolError(ExitCode::kRefused, Printable(path) + " is no journal of a fleet run");
+        throw ToolError(ExitCode::kRefused, Printable(path) + " is not the journal of a fleet run");
     }
     return contents;
 }
@@ -251,7 +251,8 @@ Journal Journal::Open(const std::string& path) {
                         "cannot open the journal " + Printable(path) + ": " + strerror(errno));
     }
     if (flock(fd.Get(), LOCK_EX | LOCK_NB) != 0) {
-        throw ToolError(ExitCode::kBusy, "another process writes the journal " + Printable(path));
+        throw ToolError(ExitCode::kBusy,
+                        "another process is writing the journal " + Printable(path));
     }
     const uint64_t whole = ReadJournal(path).whole;
     Journal journal(path, std::move(fd), whole);

@@ -55,11 +55,11 @@ struct JournalContents {
 };
 
 // The contents have no run if the first run ended before its first line. Throws
-// ToolError(kRefused) if the file is no journal, or is damaged anywhere but in its last line.
+// ToolError(kRefused) if the file is not a journal, or is damaged anywhere but in its last line.
 JournalContents ReadJournal(const std::string& path);
 
-// Gets each line after it was written, on the thread that wrote it and under the lock of the
-// journal.
+// Gets each line once it has been written, on the thread that wrote it and under the journal's
+// lock.
 class JournalWatcher {
   public:
     virtual ~JournalWatcher() = default;
@@ -71,7 +71,7 @@ class JournalWatcher {
 class Journal {
   public:
     // Creates the file, or opens it and removes an incomplete last line. Throws ToolError(kBusy)
-    // while another process writes the journal.
+    // while another process is writing the journal.
     static Journal Open(const std::string& path);
     Journal(Journal&& other) noexcept
         : path_(std::move(other.path_)), fd_(std::move(other.fd_)), size_(other.size_) {}

@@ -91,9 +91,10 @@ class Planner {
             return;
         }
         if (device.reply.mac.empty()) {
-            plan_.warnings.push_back(device.senders.front() +
-                                     " does not tell its MAC address and is left out: kvtool could "
-                                     "not recognize it later (kvtool upgrade takes it)");
+            plan_.warnings.push_back(
+                device.senders.front() +
+                " does not report its MAC address and is left out: kvtool could "
+                "not recognize it later (kvtool upgrade takes it)");
             return;
         }
         Add(MemberOf(device, request_.port));
@@ -182,7 +183,8 @@ std::string Intention(const Member& member) {
         return "upgrade again: an earlier run ended while " +
                std::string(StateName(progress.reached));
     }
-    return member.address.empty() ? "upgrade, if it answers then: it does not now" : "upgrade";
+    return member.address.empty() ? "upgrade if it answers by then; it does not answer now"
+                                  : "upgrade";
 }
 
 Json PlanJson(const Plan& plan) {

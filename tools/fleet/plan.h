@@ -24,7 +24,7 @@ struct PlanRequest {
 
 struct Plan {
     // A member whose code is not kDone will not be upgraded; its text says why. A member that
-    // answered no search has no address. The run tries to upgrade it all the same.
+    // answered no search has no address. The run still tries to upgrade it.
     std::vector<Member> members;
     std::vector<std::string> warnings;
 };

@@ -32,7 +32,7 @@ struct RunRequest {
     std::optional<uint16_t> alivePort;  // port of the running application; empty: as discovered
     std::string expectVersion;          // empty: any
     bool keepOpen = false;              // wait for more devices until `startNothing` is raised
-    const Interrupt& startNothing;      // once raised, no upgrade starts; those under way go on
+    const Interrupt& startNothing;      // once raised, no upgrade starts; those under way continue
     const Interrupt& stopNow;           // once raised, upgrades under way are abandoned
 };
 

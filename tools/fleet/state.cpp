@@ -78,7 +78,7 @@ Next NextFor(const Progress& progress) {
 const char* LeftText(State reached) {
     switch (reached) {
         case State::kUploading:
-            return "it has only a part of the package, flashes nothing, and waits in recovery mode "
+            return "it has only part of the package, flashes nothing, and waits in recovery mode "
                    "for a new upgrade";
         case State::kFinishing:
             return "in doubt: the whole package may have been sent; if the device accepts it, it "

@@ -6,7 +6,7 @@
 namespace kvtool::fleet {
 
 enum class State {
-    kPlanned,     // in the plan; nothing was done yet
+    kPlanned,     // in the plan; nothing has been done yet
     kConnecting,  // about to connect and ask for its identity
     kUploading,   // about to send the package
     kFinishing,   // about to send the trailer; from now on the device may accept

@@ -30,7 +30,7 @@ std::string Joined(const std::vector<std::string>& lines) {
     return text;
 }
 
-// Refuses what no package can express.
+// Refuses names and types that do not fit a package's fields, and a request without images.
 void RequireExpressible(const BuildRequest& request) {
     std::vector<std::string> problems;
     for (const std::string* text : {&request.ic, &request.sensor}) {

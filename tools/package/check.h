@@ -12,7 +12,7 @@
 
 namespace kvtool {
 
-// What is known about the device. Nothing else is compared.
+// What is known about the device. A package is compared with nothing else.
 struct Identity {
     std::optional<std::string> ic;
     std::optional<std::string> sensor;

@@ -1,5 +1,5 @@
 // The partitions of the camera as kvtool assumes them. The names are those of the device's own
-// table; the true sizes are known only to the device.
+// table; only the device knows the true sizes.
 #pragma once
 
 #include <cstdint>

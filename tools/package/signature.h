@@ -18,8 +18,8 @@ struct Signature {
 };
 
 // Verifies that the trusted key has signed the package that was read from `file`.
-// Throws ToolError(kRefused) if the key or the signature is malformed, or if the signature is of
-// another key or of other bytes.
+// Throws ToolError(kRefused) if the key or the signature is malformed, or if the signature was made
+// with another key or for other bytes.
 Signature VerifySignature(const Bytes& package, const std::string& file, const Trust& trust);
 
 // The same with the bytes of the signature. `signatureFile` and `file` are names for the messages.

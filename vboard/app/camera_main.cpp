@@ -1,11 +1,11 @@
-// A stand-in for cameraMain: does what the supervisor watches for, and has the faults of a real
-// one.
+// A stand-in for cameraMain: sends what the supervisor watches for, and shows the faults of a real
+// application when told to.
 //
 // Once a second it sends a heartbeat datagram: the process name as NUL-terminated text in 32 bytes,
 // then the ready flag. It accepts connections on the video port, so that it can be seen from
 // outside, and closes them. If the image contains bin/network, it runs that script once at the
-// start: an application sets up its own network. Before every beat it reads its mode from a file
-// that `vboard app` writes:
+// start, because an application sets up its own network. Before every beat it reads its mode from a
+// file that `vboard app` writes:
 //
 //     beat         heartbeats with the ready flag set (the default, without a file)
 //     not-ready    heartbeats with the ready flag clear

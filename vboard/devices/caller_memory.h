@@ -8,9 +8,9 @@
 
 namespace vboard {
 
-// The int that the caller's argument points to. None if it cannot be read, or if process `call.pid`
-// is not waiting for this request; the latter prints a message on stderr. The caller must be
-// waiting for the reply. Blocks for a few milliseconds, or up to 100 when something is wrong.
+// The int that the caller's argument points to. The caller must be waiting for the reply. None if
+// the int cannot be read, or if process `call.pid` is not waiting for this request; the latter
+// prints a message on stderr. Blocks for a few milliseconds, or up to 100 when something is wrong.
 std::optional<int> ReadCallerInt(const IoctlCall& call, const StopSignal& stop);
 
 }  // namespace vboard

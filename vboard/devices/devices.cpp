@@ -44,8 +44,8 @@ struct Attachment {
         server = std::make_unique<FuseServer>(fuseFd, std::move(served), stop);
     }
 
-    // The order matters: first no more requests come in, then those taken are answered, and last
-    // the session that carries the answers ends.
+    // The order matters: first stop taking requests, then answer those that were taken, and then
+    // end the session that carries the answers.
     ~Attachment() {
         stop.Raise();
         if (server) {

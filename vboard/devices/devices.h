@@ -55,7 +55,7 @@ class Devices {
     Devices(const Devices&) = delete;
     Devices& operator=(const Devices&) = delete;
 
-    // Called on the watchdog's thread when the watchdog starved; at most once per attachment.
+    // Called on the watchdog's thread when the watchdog has starved; at most once per attachment.
     void OnWatchdogReset(std::function<void()> callback);
 
     // Serves one boot on `fuseFd`, an open /dev/fuse that the caller has mounted, and takes

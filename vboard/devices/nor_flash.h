@@ -33,7 +33,7 @@ std::chrono::microseconds NorEraseDuration(uint32_t blockBytes);
 
 struct ProgramResult {
     int64_t result = 0;      // bytes programmed, or -errno
-    uint64_t bitsKept = 0;   // bits that should have gone from 0 to 1 and stayed 0
+    uint64_t bitsKept = 0;   // bits that `data` would have changed from 0 to 1; they stay 0
     uint64_t firstKept = 0;  // offset of the first byte with such a bit, if bitsKept > 0
 };
 
@@ -48,10 +48,10 @@ class NorFlash {
     uint64_t Size() const { return size_; }
     uint32_t EraseBlock() const { return eraseBlock_; }
 
-    // Returns the bytes read, 0 at or behind the end of the device, or -EIO.
+    // Returns the number of bytes read, 0 at or past the end of the device, or -EIO.
     int64_t Read(uint64_t offset, void* data, size_t length) const;
 
-    // Clears the bits that are 0 in `data`. -ENOSPC at or behind the end of the device; a write
+    // Clears the bits that are 0 in `data`. -ENOSPC at or past the end of the device; a write
     // across the end is cut there. -ENODEV if power is lost; the pages before that are programmed.
     ProgramResult Program(uint64_t offset, const void* data, size_t length,
                           const BusyWait& busy = {});

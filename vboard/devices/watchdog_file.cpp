@@ -158,8 +158,8 @@ WatchdogFile::Answer WatchdogFile::Execute(const IoctlCall& call) {
         case WDIOC_GETBOOTSTATUS:
             return given(0);
         case WDIOC_KEEPALIVE:
-            // By its number this request returns an int, but callers pass no place for one. So
-            // return nothing.
+            // According to its number this request returns an int, but callers pass no place for
+            // one. So return nothing.
             return Do([](WatchdogTimer& timer, Time now) {
                 timer.KeepAlive(now);
                 return Answer{};

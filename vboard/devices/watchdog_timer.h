@@ -14,7 +14,7 @@ constexpr int kWatchdogDefaultTimeout = 60;  // seconds, the default of most Lin
 constexpr int kWatchdogMaxTimeout = 255;     // seconds
 
 // Behaves like a Linux watchdog device with WDIOF_MAGICCLOSE and without "nowayout". Results are 0
-// or -errno. Once starved, it stays so until PowerOn: the board is being reset. Not locked.
+// or -errno. Once starved, it stays starved until PowerOn: the board is being reset. Not locked.
 class WatchdogTimer {
   public:
     using Time = std::chrono::steady_clock::time_point;

@@ -26,8 +26,8 @@ json SiteStatus(const StateDir& site) {
     try {
         return ControlClient(site).Request({{"command", "status"}});
     } catch (const std::runtime_error&) {
-        throw std::runtime_error("no site runs on the state folder " + site.Path().string() +
-                                 " (start one with: vboard site run)");
+        throw std::runtime_error("no site is running with the state folder " +
+                                 site.Path().string() + " (start one with: vboard site run)");
     }
 }
 

@@ -19,7 +19,7 @@ struct StartOptions {
 };
 // Starts boards under the lowest free numbers. They belong to the site, not to the caller.
 // Returns when wlan0 of each has an address; with `noWait`, when each program was started. Throws
-// when one ends before that or when time is up; the others go on running.
+// when one ends before that or when time is up; the others keep running.
 void StartBoards(const StateDir& site, const StartOptions& options);
 
 // Makes the DHCP server give wlan0 of this board `address` with its next request.

@@ -176,7 +176,7 @@ json Site::Handle(int connection, const json& request) {
     } else if (command == "ap" && request.at("action") == "no-dhcp") {
         dhcp_->Stop();
     } else {
-        throw std::runtime_error("the site knows no command \"" + command + "\"");
+        throw std::runtime_error("unknown request to the site: \"" + command + "\"");
     }
     return json::object();
 }
@@ -201,7 +201,7 @@ json Site::Join(int connection, int number) {
         number = FreeNumbers(1).front();
     }
     if (stopping_ || !boards_.emplace(number, connection).second) {
-        throw std::runtime_error("board " + std::to_string(number) + " is on the site already");
+        throw std::runtime_error("board " + std::to_string(number) + " is already on the site");
     }
     return {{"number", number}, {"runnerPid", getpid()}, {"air", PathOf(air_)}};
 }

@@ -1,7 +1,7 @@
 // The runner of a site. It owns two network namespaces: the air, with the access point, its DHCP
-// server and the wired bridge, and the laptop's, in which it runs itself. Boards are processes of
-// their own, started by the site or by anybody else. They join through its control socket and end
-// when that connection closes.
+// server and the wired bridge, and the laptop's, in which the runner itself runs. Boards are
+// processes of their own, started by the site or by anybody else. They join through its control
+// socket and end when that connection closes.
 #pragma once
 
 #include <map>

@@ -39,7 +39,7 @@ std::filesystem::path SiteLink::Folder() const {
 
 void SiteLink::Create() {
     if (!ethAddress_.empty()) {
-        (void)BenchAddress(ethAddress_);  // throws if this is no address
+        (void)BenchAddress(ethAddress_);  // throws if this is not an address
     }
     if (geteuid() != 0) {
         EnterNamespace(OpenNamespace(runner_, "user"), CLONE_NEWUSER);

@@ -84,7 +84,7 @@ hio_t* hloop_create_udp_server(hloop_t* loop, const char* host, int port);
 // Null removes the callback.
 void hio_setcb_read(hio_t* io, hread_cb cb);
 void hio_setcb_close(hio_t* io, hclose_cb cb);
-// Called after the loop has sent queued bytes; hio_write_bufsize tells what is left. libhv also
+// Called after the loop has sent queued bytes; hio_write_bufsize returns what is left. libhv also
 // calls it for bytes that hio_write sent at once. Do not use `buf` and `writebytes`.
 void hio_setcb_write(hio_t* io, hwrite_cb cb);
 // One pointer for each io, for the caller's use.

@@ -1,4 +1,4 @@
-"""What the inventory plugin and the module share: they run kvtool, read its JSON, and compare MACs and versions."""
+"""Shared by the inventory plugin and the module: runs kvtool, reads its JSON, and compares MACs and versions."""
 from __future__ import annotations
 
 import json
@@ -45,7 +45,7 @@ class Outcome:
 
 
 def run_kvtool(executable, arguments):
-    """Runs a command of kvtool with --json until it ends by itself; kvtool bounds all its waits.
+    """Runs a command of kvtool with --json and waits for it to end; kvtool bounds all its waits.
 
     A failure that kvtool reports is an Outcome. Raises KvtoolError if there is no report.
     """
@@ -68,7 +68,7 @@ def run_kvtool(executable, arguments):
 
 
 def plain_mac(text):
-    """The 12 hex digits of a MAC address in one of kvtool's spellings, or None if the text is no MAC address."""
+    """The 12 hex digits of a MAC address in one of kvtool's spellings, or None if the text is not a MAC address."""
     if not re.fullmatch(r"[0-9A-Fa-f]{12}|[0-9A-Fa-f]{2}([:-][0-9A-Fa-f]{2}){5}", text):
         return None
     return re.sub("[:-]", "", text).lower()

@@ -85,7 +85,7 @@ options:
     description: Seconds to see the camera leave recovery mode. The default is kvtool's.
     type: float
   back_timeout:
-    description: Seconds from there to see it alive. The default is kvtool's.
+    description: Seconds after that to see it alive. The default is kvtool's.
     type: float
   executable:
     description: The kvtool program. A name without a folder is looked for in C(PATH).
@@ -117,7 +117,7 @@ changed:
   type: bool
 reason:
   description:
-    - A stable word for the end. After success C(done), C(already_there), or in check mode C(would_upgrade).
+    - A stable word for the outcome. After success C(done), C(already_there), or in check mode C(would_upgrade).
     - After a failure the word for kvtool's exit code. See the collection's README.
   returned: always
   type: str
@@ -127,7 +127,7 @@ exit_code:
   returned: when kvtool was run
   type: int
 before:
-  description: The camera before. C(null) if it was not found.
+  description: The camera before the upgrade. C(null) if it was not found.
   returned: always
   type: dict
   contains:
@@ -141,7 +141,7 @@ before:
       description: Name and version of the firmware.
       type: str
     recovery:
-      description: Whether it takes logins for an upgrade.
+      description: Whether it is in recovery mode, so that it can be upgraded.
       type: bool
     ic:
       description: Chip type, in recovery mode.
@@ -175,7 +175,7 @@ class Upgrade:
         return run_kvtool(self.params["executable"], arguments)
 
     def options(self, **names):
-        """Options of kvtool for the parameters that are given: parameter=option."""
+        """kvtool's options for the parameters that are set. Takes parameter=option."""
         words = []
         for name, option in names.items():
             value = self.params[name]
@@ -186,7 +186,7 @@ class Upgrade:
         return words
 
     def search(self):
-        """The device of the discovery report that the host means, or None."""
+        """The device in the discovery report that `host` names, or None."""
         mac = plain_mac(self.params["host"])
         report = self.kvtool("discover", f"--timeout={self.params['search_timeout']}",
                              *([] if mac else ["--", self.params["host"]])).report
@@ -249,7 +249,7 @@ class Upgrade:
             self.fail(package)
         self.result["changed"] = True
         self.finish("would_upgrade", "would be upgraded" if recovery else
-                    "not in recovery mode now; would be waited for and upgraded", outcome=package)
+                    "not in recovery mode now; kvtool would wait for it and upgrade it", outcome=package)
 
     @staticmethod
     def may_force(report):
