@@ -55,6 +55,14 @@ demo-fleet: build ## Watch eight cameras being upgraded at once: two fail, the t
 	@scripts/setup.sh vboard scripts
 	@scripts/demo_fleet.sh
 
+demo-page: build ## Upgrade five virtual cameras in your browser, until Ctrl-C (PORT=8765)
+	@scripts/setup.sh vboard scripts bench
+	@scripts/demo_page.sh
+
+bench-page: build ## Measure the page's server with 500 devices, 20 upgrades under way and two open pages (two minutes)
+	@scripts/setup.sh scripts
+	@scripts/bench_page.py
+
 bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one air (5 minutes)
 	@scripts/setup.sh vboard scripts
 	@scripts/bench_fleet.sh
@@ -86,6 +94,14 @@ test-fleet: tests-build ## Upgrade a site of 20 boards with a tool that is kille
 test-ansible: build ## Run the Ansible collection against a site of six virtual boards (under three minutes)
 	@scripts/setup.sh vboard scripts ansible
 	@tests/ansible/site_test.py
+
+test-page: build ## Use the page of kvtool with real browsers on a site of five boards (under two minutes)
+	@scripts/setup.sh vboard scripts page
+	@tests/page/run.sh
+
+screenshots: build ## Do the same, and take the pictures of docs/page.md
+	@scripts/setup.sh vboard scripts page pictures
+	@tests/page/run.sh docs/page
 
 unit: tests-build ## Run the unit tests only
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS) -L unit

@@ -1,4 +1,4 @@
-// kvtool fleet on a site of virtual boards, each with a different fault.
+// kvtool fleet and kvtool serve on a site of virtual boards, each with a different fault.
 #include <csignal>
 #include <set>
 
@@ -336,6 +336,98 @@ TEST_F(FleetSite, AProductionLineUpgradesWhatAppears) {
     }
     watch.Signal(SIGINT);
     EXPECT_EQ(watch.Await(), 0) << ReadFile(folder_.Path("output"));
+}
+
+// A browser's requests to `kvtool serve` on the laptop.
+class FleetPage : public FleetSite {
+  protected:
+    // Starts the server and enters its page.
+    std::unique_ptr<Child> Serve() {
+        Lines command = {BinDir() + "/vboard", "site", "exec", "--state", SiteFolder(), "--",
+                         BinDir() + "/kvtool", "serve"};
+        for (const char* const word : {"--no-browser", "--json", "--port", "8765",
+                                       "--stall-timeout", "5", "--back-timeout", "20"}) {
+            command.emplace_back(word);
+        }
+        command.insert(command.end(), {"--journal", Journal()});
+        const std::string said = folder_.Path("said");
+        (void)unlink(said.c_str());
+        auto server = std::make_unique<Child>(command, said);
+        EXPECT_TRUE(WaitUntil([&] { return Contains(ReadFile(said), "\"ready\""); }));
+        const json ready = json::parse(ReadFile(said), nullptr, false);
+        (void)Ask({"-c", folder_.Path("cookies"), ready.value("address", "")});
+        return server;
+    }
+    json Ask(const Lines& arguments) const {
+        Lines command = {BinDir() + "/vboard",
+                         "site",
+                         "exec",
+                         "--state",
+                         SiteFolder(),
+                         "--",
+                         "curl",
+                         "-s",
+                         "-b",
+                         folder_.Path("cookies"),
+                         "-H",
+                         "Origin: http://127.0.0.1:8765"};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        return json::parse(RunCommand(command).output, nullptr, false);
+    }
+    json Post(const std::string& path, const std::string& body, const char* type = "json") const {
+        return Ask({"-H", std::string("Content-Type: application/") + type, "--data-binary", body,
+                    "http://127.0.0.1:8765/api/" + path});
+    }
+    json State() const { return Ask({"http://127.0.0.1:8765/api/state"}); }
+    void Begin(const std::string& path, const std::string& request) const {
+        const json plan = Post(path, request);
+        ASSERT_TRUE(plan.contains("id")) << plan;
+        EXPECT_EQ(Post("run", "{\"plan\":" + plan["id"].dump() + "}")["state"], "running");
+    }
+    bool WaitPresent(size_t count) const {
+        return WaitUntil(
+            [&] { return CountOf(State()["devices"].dump(), "\"present\":true") == count; }, 60);
+    }
+    bool WaitEnd() const {
+        return WaitUntil([this] { return State()["run"]["state"] == "ended"; }, 120);
+    }
+};
+
+TEST_F(FleetPage, OneFailsIsTriedAgainAndTheServerIsKilledMeanwhile) {
+    Start(3);
+    std::unique_ptr<Child> server = Serve();
+    EXPECT_TRUE(WaitPresent(3));
+    EXPECT_EQ(Post("package?name=good", "@" + folder_.Path("good"), "octet-stream")["acceptable"],
+              true);
+    const std::string all = "[\"" + MacOf(1) + "\",\"" + MacOf(2) + "\",\"" + MacOf(3) + "\"]";
+    Begin("plan", "{\"devices\":" + all + "}");
+    EXPECT_TRUE(WaitEntered(MacOf(2), "uploading"));
+    OnBoard(2, {"ap", "down"});
+    ASSERT_TRUE(WaitEnd());
+    json run = State()["run"];
+    EXPECT_EQ(run["done"], 2) << run;
+    EXPECT_EQ(run["members"][1]["code"], 6) << run;
+    EXPECT_EQ(run["members"][1]["may_retry"], true) << run;
+
+    OnBoard(2, {"ap", "up"});
+    EXPECT_TRUE(WaitUntil([this] { return State()["devices"][1]["present"] == true; }, 60));
+    Begin("run/retry", "{}");
+    EXPECT_TRUE(WaitUntil([this] { return Entered(MacOf(2), "uploading") == 2; }, 60));
+    server->Signal(SIGKILL);
+    EXPECT_EQ(server->Await(), 128 + SIGKILL);
+    server = Serve();
+    run = State()["run"];
+    EXPECT_EQ(run["open"], 1) << run;
+    EXPECT_EQ(run["exit_code"], nullptr) << run;
+    Begin("run/resume", "{}");
+    ASSERT_TRUE(WaitEnd());
+    run = State()["run"];
+    EXPECT_EQ(run["done"], 3) << run;
+    for (int number = 1; number <= 3; ++number) {
+        EXPECT_EQ(Entered(MacOf(number), "accepted"), 1U) << number;
+    }
+    server->Signal(SIGINT);
+    EXPECT_EQ(server->Await(), 0);
 }
 
 class FleetBigSite : public FleetSite {};

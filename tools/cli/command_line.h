@@ -26,6 +26,7 @@ void AddToolboxCommands(CLI::App* root, Chosen* chosen);
 void AddDeviceCommands(CLI::App* root, Chosen* chosen);
 void AddFleetCommands(CLI::App* root, Chosen* chosen);
 void AddLadderCommand(CLI::App* root, Chosen* chosen);
+void AddServeCommand(CLI::App* root, Chosen* chosen);
 
 // Adds --layout and --size.
 void AddLayout(CLI::App* command, LayoutOptions* options);

@@ -53,28 +53,6 @@ JournalContents ReadEarlier(const std::string& path, const fleet::PackageName& p
     return earlier;
 }
 
-// What will happen to a device.
-std::string Intention(const Member& member) {
-    const fleet::Progress& progress = member.progress;
-    if (progress.state == State::kDone) {
-        return "nothing: it was seen alive in an earlier run";
-    }
-    if (NextFor(progress) == Next::kLook) {
-        return progress.reached == State::kAccepted
-                   ? "look at it again, do not upgrade: it accepted in an earlier run"
-                   : "look at it first: in doubt since an earlier run";
-    }
-    if (member.code == ExitCode::kRefused && progress.attempts == 0) {
-        return "it will not be upgraded: " + member.text;
-    }
-    if (progress.attempts > 0) {
-        return "upgrade again: an earlier run ended while " +
-               std::string(StateName(progress.reached));
-    }
-    return member.address.empty() ? "upgrade if it answers by then; it does not answer now"
-                                  : "upgrade";
-}
-
 void PrintPlan(std::ostream& out, const Plan& plan, const fleet::PackageName& package) {
     out << "plan for " << Printable(package.file) << ", " << SizeText(package.size)
         << "\n(device, address, present firmware, what will happen):\n";
@@ -86,23 +64,13 @@ void PrintPlan(std::ostream& out, const Plan& plan, const fleet::PackageName& pa
         if (!member.firmware.empty()) {
             out << "  " << Printable(member.firmware);
         }
-        out << "  " << Intention(member) << '\n';
+        out << "  " << fleet::Intention(member) << '\n';
     }
     for (const std::string& warning : plan.warnings) {
         out << "warning: " << warning << '\n';
     }
     out << fleet::DevicesText(plan.members.size()) << '\n';
     out.flush();
-}
-
-Json PlanJson(const Plan& plan) {
-    Json devices = Json::array();
-    for (const Member& member : plan.members) {
-        Json device = fleet::MemberJson(member);
-        device["intention"] = Intention(member);
-        devices.push_back(std::move(device));
-    }
-    return {{"devices", devices}, {"warnings", plan.warnings}};
 }
 
 // Throws ToolError(kInterrupted) unless the answer is yes.
@@ -151,14 +119,10 @@ RunRequest RequestOf(const FleetCommand& command, const LoadedPackage& package,
 }
 
 // Prints the table of devices that are not done, fills the JSON result, returns the exit code.
-ExitCode Sum(const Runner& runner, const Flight& flight, bool watch, bool asJson, Json* json) {
+ExitCode Sum(const Runner& runner, bool asJson, Json* json) {
     const std::vector<Member>& members = runner.Members();
     const fleet::Counts counts = fleet::Count(members);
-    Json devices = Json::array();
-    for (const Member& member : members) {
-        devices.push_back(fleet::MemberJson(member));
-    }
-    (*json)["devices"] = devices;
+    (*json)["devices"] = fleet::MembersJson(members);
     (*json)["done"] = counts.done;
     (*json)["failed"] = counts.failed;
     (*json)["open"] = counts.open;
@@ -170,16 +134,11 @@ ExitCode Sum(const Runner& runner, const Flight& flight, bool watch, bool asJson
     if (!runner.JournalTrouble().empty()) {
         throw ToolError(ExitCode::kInternal, runner.JournalTrouble());
     }
-    const bool all = counts.done == members.size();
-    if (flight.stopNow.Raised() || (flight.startNothing.Raised() && !all && !watch)) {
-        return ExitCode::kInterrupted;
-    }
-    return all ? ExitCode::kDone : ExitCode::kSomeFailed;
+    return runner.Result();
 }
 
-ExitCode End(Journal* journal, int run, const Runner& runner, const Flight& flight, bool watch,
-             bool asJson, Json* json) {
-    const ExitCode code = Sum(runner, flight, watch, asJson, json);
+ExitCode End(Journal* journal, int run, const Runner& runner, bool asJson, Json* json) {
+    const ExitCode code = Sum(runner, asJson, json);
     journal->WriteEnd(run, code);
     return code;
 }
@@ -244,7 +203,7 @@ ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layou
                         std::move(earlier.members));
     std::ostream& out = command.json ? std::cerr : std::cout;
     PrintPlan(out, plan, name);
-    (*json)["plan"] = PlanJson(plan);
+    (*json)["plan"] = fleet::PlanJson(plan);
     if (plan.members.empty()) {
         throw ToolError(ExitCode::kUnreachable, "none of the wanted devices answers a search");
     }
@@ -274,7 +233,7 @@ ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layou
         runner.Run();
     }
     view.Clear();
-    return End(&journal, run, runner, flight, false, command.json, json);
+    return End(&journal, run, runner, command.json, json);
 }
 
 namespace {
@@ -400,7 +359,7 @@ ExitCode RunFleetWatch(const FleetCommand& command, const Layout& layout, Json* 
         watching.join();
     }
     view.Clear();
-    return End(&journal, run, runner, flight, true, command.json, json);
+    return End(&journal, run, runner, command.json, json);
 }
 
 ExitCode RunFleetReport(const FleetReportCommand& command, Json* json) {
@@ -417,16 +376,7 @@ ExitCode RunFleetReport(const FleetReportCommand& command, Json* json) {
     } else if (!command.json) {
         fleet::WriteTable(std::cout, journal, IsTerminal(stdout) ? SizeOf(stdout).columns - 1 : 0);
     }
-    Json devices = Json::array();
-    for (const Member& member : journal.members) {
-        devices.push_back(fleet::MemberJson(member));
-    }
-    (*json)["package"] = {{"file", journal.package.file},
-                          {"size", journal.package.size},
-                          {"md5", journal.package.md5}};
-    (*json)["runs"] = journal.runs;
-    (*json)["torn"] = journal.torn;
-    (*json)["devices"] = devices;
+    json->update(fleet::ReportJson(journal));
     return ExitCode::kDone;
 }
 

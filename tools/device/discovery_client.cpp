@@ -290,6 +290,16 @@ DiscoveryResult Discover(const SearchSockets& sockets, const DiscoveryRequest& r
     return Searcher(sockets, request, std::move(targets)).Run(enough);
 }
 
+std::vector<SearchInterface> SearchInterfaces(const std::vector<std::string>& wanted) {
+    std::vector<SearchInterface> interfaces;
+    for (const Target& target : BroadcastTargets(wanted)) {
+        if (target.destination.s_addr == INADDR_BROADCAST) {
+            interfaces.push_back({Printable(target.label), AddressText(target.source)});
+        }
+    }
+    return interfaces;
+}
+
 std::vector<std::string> Conflicts(const DiscoveryResult& result) {
     std::map<std::string, std::vector<std::string>> byMac;
     std::map<std::string, std::vector<std::string>> byAddress;

@@ -52,6 +52,13 @@ DiscoveryResult Discover(const DiscoveryRequest& request,
 DiscoveryResult Discover(const SearchSockets& sockets, const DiscoveryRequest& request,
                          const std::function<bool(const FoundDevice&)>& enough);
 
+struct SearchInterface {
+    std::string name;
+    std::string address;
+};
+// The interfaces that a broadcast goes out on, of `wanted` or, if that is empty, of all.
+std::vector<SearchInterface> SearchInterfaces(const std::vector<std::string>& wanted);
+
 // One sentence for each MAC address that more than one of the devices names, and for each address
 // that more than one names or answers from.
 std::vector<std::string> Conflicts(const DiscoveryResult& result);

@@ -27,6 +27,8 @@ std::string Attempt::Outcome(ExitCode code) const {
 void Attempt::End(ExitCode code, const std::string& text) {
     member_.code = code;
     member_.text = text;
+    member_.observed = record_.observed;
+    member_.assumed = record_.assumed;
     runner_->Enter(index_, &member_, code == ExitCode::kDone ? State::kDone : State::kFailed);
 }
 

@@ -21,6 +21,8 @@ class Attempt : private UpgradeListener {
     Attempt(Runner* runner, size_t index, Member member)
         : runner_(runner), request_(runner->request_), index_(index), member_(std::move(member)) {
         record_.mac = member_.mac;
+        member_.observed.clear();
+        member_.assumed.clear();
     }
 
     // Leaves the member done or failed. Throws ToolError(kInterrupted).

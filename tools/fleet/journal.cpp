@@ -43,6 +43,13 @@ Json PlannedJson(const Member& member) {
     return planned;
 }
 
+void AddFindings(const Member& member, Json* details) {
+    if (!member.observed.empty() || !member.assumed.empty()) {
+        (*details)["observed"] = member.observed;
+        (*details)["assumed"] = member.assumed;
+    }
+}
+
 Json StateDetails(const Member& member) {
     const Progress& progress = member.progress;
     Json details = {{"device", member.id}, {"state", StateName(progress.state)}};
@@ -65,12 +72,14 @@ Json StateDetails(const Member& member) {
         case State::kDone:
             details["address"] = member.address;
             details["text"] = member.text;
+            AddFindings(member, &details);
             break;
         case State::kFailed:
             details["address"] = member.address;
             details["code"] = static_cast<int>(member.code);
             details["text"] = member.text;
             details["left"] = LeftText(progress.reached);
+            AddFindings(member, &details);
             break;
         default:
             break;
@@ -95,6 +104,8 @@ void TakeMember(const Json& line, Member* member) {
     Take(line, "alive_port_closed", &member->alivePortClosed);
     Take(line, "session", &member->session);
     Take(line, "text", &member->text);
+    Take(line, "observed", &member->observed);
+    Take(line, "assumed", &member->assumed);
     if (line.contains("code")) {
         member->code = static_cast<ExitCode>(line.at("code").get<int>());
     }
@@ -109,6 +120,9 @@ class Reader {
         const auto event = line.at("event").get<std::string>();
         if (event == "run") {
             const Json& package = line.at("package");
+            contents_.started = TimeOf(line);
+            contents_.ended.reset();
+            contents_.exitCode.reset();
             if (contents_.runs++ == 0) {
                 contents_.package = {package.at("file"), package.at("size"), package.at("md5")};
             }
@@ -119,11 +133,22 @@ class Reader {
             TakePlanned(line);
         } else if (event == "state") {
             TakeState(line);
+        } else if (event == "end") {
+            contents_.ended = TimeOf(line);
+            contents_.exitCode = line.at("exit_code").get<int>();
         }
     }
     JournalContents Take() { return std::move(contents_); }
 
   private:
+    static double TimeOf(const Json& line) {
+        const std::optional<double> time = ParseTime(line.at("time").get<std::string>());
+        if (!time) {
+            throw std::runtime_error("its time is invalid");
+        }
+        return *time;
+    }
+
     void TakePlanned(const Json& device) {
         Member member;
         member.id = device.at("device");
@@ -135,12 +160,15 @@ class Reader {
     void TakeState(const Json& line) {
         Member& member = contents_.members.at(index_.at(line.at("device").get<std::string>()));
         State state = State::kPlanned;
-        const std::optional<double> time = ParseTime(line.at("time").get<std::string>());
-        if (!ParseState(line.at("state").get<std::string>(), &state) || !time) {
-            throw std::runtime_error("its state or its time is invalid");
+        if (!ParseState(line.at("state").get<std::string>(), &state)) {
+            throw std::runtime_error("its state is invalid");
         }
         member.progress.Enter(state);
-        member.history.emplace_back(state, *time);
+        member.history.emplace_back(state, TimeOf(line));
+        if (state == State::kConnecting || state == State::kLooking) {
+            member.observed.clear();
+            member.assumed.clear();
+        }
         TakeMember(line, &member);
     }
 

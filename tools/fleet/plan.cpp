@@ -4,6 +4,7 @@
 #include <map>
 
 #include "tools/fleet/parallel.h"
+#include "tools/fleet/report.h"
 
 namespace kvtool::fleet {
 
@@ -163,7 +164,49 @@ class Planner {
     size_t known_ = 0;  // members from the journal
 };
 
+// Refused before anything was tried.
+bool Refused(const Member& member) {
+    return member.code == ExitCode::kRefused && member.progress.attempts == 0;
+}
+
 }  // namespace
+
+bool WillStart(const Member& member) {
+    return NextFor(member.progress) == Next::kLook ||
+           (NextFor(member.progress) == Next::kUpgrade && !Refused(member));
+}
+
+std::string Intention(const Member& member) {
+    const fleet::Progress& progress = member.progress;
+    if (progress.state == State::kDone) {
+        return "nothing: it was seen alive in an earlier run";
+    }
+    if (NextFor(progress) == Next::kLook) {
+        return progress.reached == State::kAccepted
+                   ? "look at it again, do not upgrade: it accepted in an earlier run"
+                   : "look at it first: in doubt since an earlier run";
+    }
+    if (Refused(member)) {
+        return "it will not be upgraded: " + member.text;
+    }
+    if (progress.attempts > 0) {
+        return "upgrade again: an earlier run ended while " +
+               std::string(StateName(progress.reached));
+    }
+    return member.address.empty() ? "upgrade if it answers by then; it does not answer now"
+                                  : "upgrade";
+}
+
+Json PlanJson(const Plan& plan) {
+    Json devices = Json::array();
+    for (const Member& member : plan.members) {
+        Json device = MemberJson(member);
+        device["intention"] = Intention(member);
+        device["will_start"] = WillStart(member);
+        devices.push_back(std::move(device));
+    }
+    return {{"devices", devices}, {"warnings", plan.warnings}};
+}
 
 Member MemberOf(const FoundDevice& device, std::optional<uint16_t> port) {
     Member member;

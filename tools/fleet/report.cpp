@@ -233,7 +233,9 @@ Json MemberJson(const Member& member) {
                  {"reached", StateName(member.progress.reached)},
                  {"attempts", member.progress.attempts},
                  {"code", static_cast<int>(member.code)},
-                 {"text", member.text}};
+                 {"text", member.text},
+                 {"observed", member.observed},
+                 {"assumed", member.assumed}};
     Json phases = Json::array();
     for (const PhaseRow& phase : kPhases) {
         if (const auto seconds = PhaseSeconds(member, phase.state)) {
@@ -242,6 +244,25 @@ Json MemberJson(const Member& member) {
     }
     json["phases"] = phases;
     return json;
+}
+
+Json MembersJson(const std::vector<Member>& members) {
+    Json devices = Json::array();
+    for (const Member& member : members) {
+        devices.push_back(MemberJson(member));
+    }
+    return devices;
+}
+
+Json PackageNameJson(const PackageName& package) {
+    return {{"file", package.file}, {"size", package.size}, {"md5", package.md5}};
+}
+
+Json ReportJson(const JournalContents& journal) {
+    return {{"package", PackageNameJson(journal.package)},
+            {"runs", journal.runs},
+            {"torn", journal.torn},
+            {"devices", MembersJson(journal.members)}};
 }
 
 }  // namespace kvtool::fleet

@@ -32,5 +32,9 @@ void WriteHtml(std::ostream& out, const JournalContents& journal);
 void WriteTroubles(std::ostream& out, const std::vector<Member>& members);
 
 Json MemberJson(const Member& member);
+Json MembersJson(const std::vector<Member>& members);
+Json PackageNameJson(const PackageName& package);
+// The keys `package`, `runs` and `devices`.
+Json ReportJson(const JournalContents& journal);
 
 }  // namespace kvtool::fleet

@@ -117,6 +117,26 @@ void Runner::TryAgain(const std::string& id, const std::string& address) {
     }
 }
 
+void Runner::AddIdle(Member member) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    members_.push_back(std::move(member));
+    listener_->Changed(members_.size() - 1, members_.back());
+}
+
+ExitCode Runner::Result() const {
+    if (!journalTrouble_.empty()) {
+        return ExitCode::kInternal;
+    }
+    const bool all = std::all_of(members_.begin(), members_.end(), [](const Member& member) {
+        return member.progress.state == State::kDone;
+    });
+    const bool cutShort = request_.startNothing.Raised() && !all && !request_.keepOpen;
+    if (request_.stopNow.Raised() || cutShort) {
+        return ExitCode::kInterrupted;
+    }
+    return all ? ExitCode::kDone : ExitCode::kSomeFailed;
+}
+
 std::optional<Member> Runner::Find(const std::string& id) {
     const std::lock_guard<std::mutex> guard(mutex_);
     const auto known = Known(id);

@@ -68,6 +68,8 @@ class Runner {
     void Note(const std::string& text) {
         Tell([&text](RunListener* listener) { listener->Note(text); });
     }
+    // Lists a device that this run leaves as it is. Before Run.
+    void AddIdle(Member member);
     // Blocks until there is nothing left to do and nothing under way. May be called once.
     void Run();
 
@@ -76,6 +78,8 @@ class Runner {
     const std::string& Stopped() const { return stopped_; }
     // After Run: why the journal could not be written; empty: it is complete.
     const std::string& JournalTrouble() const { return journalTrouble_; }
+    // After Run: the exit code of the run.
+    ExitCode Result() const;
     // A copy of the member, or nothing if there is none. May be called on any thread.
     std::optional<Member> Find(const std::string& id);
 

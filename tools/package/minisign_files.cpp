@@ -26,8 +26,7 @@ static_assert(sizeof(PublicKey) == 42 && sizeof(SignatureBlock) == 74, "sizes of
     throw ToolError(ExitCode::kRefused, Printable(file) + ": " + why);
 }
 
-std::vector<std::string> TextLines(const std::string& file) {
-    const Bytes bytes = ReadWholeFile(file);
+std::vector<std::string> TextLines(const Bytes& bytes) {
     std::vector<std::string> lines(1);
     for (const uint8_t byte : bytes) {
         if (byte == '\n') {
@@ -61,7 +60,7 @@ std::string KeyIdText(KeyId id) {
 
 std::vector<PublicKey> ReadPublicKeys(const std::string& file) {
     std::vector<PublicKey> keys;
-    for (const std::string& line : TextLines(file)) {
+    for (const std::string& line : TextLines(ReadWholeFile(file))) {
         if (line.empty() || line.front() == '#' || StartsWith(line, kUntrusted)) {
             continue;
         }
@@ -78,7 +77,11 @@ std::vector<PublicKey> ReadPublicKeys(const std::string& file) {
 }
 
 DetachedSignature ReadDetachedSignature(const std::string& file) {
-    const std::vector<std::string> lines = TextLines(file);
+    return ParseDetachedSignature(ReadWholeFile(file), file);
+}
+
+DetachedSignature ParseDetachedSignature(const Bytes& bytes, const std::string& file) {
+    const std::vector<std::string> lines = TextLines(bytes);
     SignatureBlock block{};
     DetachedSignature signature{};
     if (lines.size() < 4 || !StartsWith(lines[0], kUntrusted) || !Decode(lines[1], &block) ||

@@ -36,4 +36,8 @@ std::vector<PublicKey> ReadPublicKeys(const std::string& file);
 // Throws ToolError(kRefused).
 DetachedSignature ReadDetachedSignature(const std::string& file);
 
+// The signature in the bytes of a file. `file` is its name for the message. Throws
+// ToolError(kRefused).
+DetachedSignature ParseDetachedSignature(const Bytes& bytes, const std::string& file);
+
 }  // namespace kvtool

@@ -1,7 +1,9 @@
 #include "tools/package/package_json.h"
 
+#include <algorithm>
 #include <cmath>
 
+#include "flash/kv_upgrade_package.h"
 #include "tools/base/nor_times.h"
 #include "tools/package/flash_time.h"
 
@@ -101,6 +103,34 @@ Json PackageJson(const PackageReport& report) {
     json["power"] = FlashTimeJson(ForeseeFlashTime(report));
     json["findings"] = FindingsJson(report);
     return json;
+}
+
+Json FlashMapJson(const PackageReport& report, const Layout& layout) {
+    Json map = Json::array();
+    for (const LayoutRow& row : layout.Rows()) {
+        Json written = Json::array();
+        for (const EntryReport& entry : report.entries) {
+            const bool selects =
+                std::any_of(entry.targets.begin(), entry.targets.end(),
+                            [&row](const LayoutRow& target) { return target.name == row.name; });
+            // The device stops at a bad check code and skips an image that is too large.
+            if (selects && entry.reached && entry.checkCode == kv::kEntryCheckCode &&
+                report.totalLen != 0 && entry.dataLen <= row.size) {
+                written.push_back({{"entry", entry.index},
+                                   {"offset", 0},
+                                   {"length", entry.inFile},
+                                   {"behind", entry.behind}});
+            }
+        }
+        const bool stays = written.empty();
+        map.push_back({{"name", row.name},
+                       {"device", row.device},
+                       {"size", row.size},
+                       {"assumed", true},
+                       {"written", std::move(written)},
+                       {"stays", stays}});
+    }
+    return map;
 }
 
 Json SignatureJson(const Signature& signature) {

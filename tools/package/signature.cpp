@@ -8,6 +8,7 @@
 
 #include "common/kv_le.h"
 #include "tools/base/errors.h"
+#include "tools/base/files.h"
 #include "tools/package/minisign_files.h"
 
 namespace kvtool {
@@ -65,6 +66,13 @@ void VerifyComment(const DetachedSignature& signature, const PublicKey& key,
     }
 }
 
+std::vector<PublicKey> TrustedKeys(const std::string& file) {
+    if (sodium_init() < 0) {
+        throw ToolError(ExitCode::kInternal, "cannot start libsodium");
+    }
+    return ReadPublicKeys(file);
+}
+
 Signature VerifyEmbedded(const Bytes& package, const std::string& file,
                          const EmbeddedSignature& embedded, const std::vector<PublicKey>& keys) {
     const kv::PackageSignatureBytes& bytes = embedded.bytes;
@@ -84,8 +92,7 @@ Signature VerifyEmbedded(const Bytes& package, const std::string& file,
 }
 
 Signature VerifyDetached(const Bytes& package, const std::string& file, const std::string& path,
-                         const std::vector<PublicKey>& keys) {
-    const DetachedSignature signature = ReadDetachedSignature(path);
+                         const DetachedSignature& signature, const std::vector<PublicKey>& keys) {
     const PublicKey& key = FindKey(keys, signature.id, path);
     const Digest digest = DigestOf(package, nullptr);
     const bool good = signature.prehashed
@@ -129,17 +136,19 @@ std::optional<EmbeddedSignature> FindEmbeddedSignature(const Bytes& package) {
 }
 
 Signature VerifySignature(const Bytes& package, const std::string& file, const Trust& trust) {
-    if (sodium_init() < 0) {
-        throw ToolError(ExitCode::kInternal, "cannot start libsodium");
-    }
-    const std::vector<PublicKey> keys = ReadPublicKeys(trust.key);
     if (trust.signature.empty()) {
         if (const auto embedded = FindEmbeddedSignature(package)) {
-            return VerifyEmbedded(package, file, *embedded, keys);
+            return VerifyEmbedded(package, file, *embedded, TrustedKeys(trust.key));
         }
     }
-    return VerifyDetached(package, file,
-                          trust.signature.empty() ? file + ".minisig" : trust.signature, keys);
+    const std::string path = trust.signature.empty() ? file + ".minisig" : trust.signature;
+    return VerifySignature(package, file, trust.key, path, ReadWholeFile(path));
+}
+
+Signature VerifySignature(const Bytes& package, const std::string& file, const std::string& keyFile,
+                          const std::string& path, const Bytes& signature) {
+    return VerifyDetached(package, file, path, ParseDetachedSignature(signature, path),
+                          TrustedKeys(keyFile));
 }
 
 }  // namespace kvtool

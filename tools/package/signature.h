@@ -38,4 +38,8 @@ std::optional<EmbeddedSignature> FindEmbeddedSignature(const Bytes& package);
 // signature was made with another key or for other bytes.
 Signature VerifySignature(const Bytes& package, const std::string& file, const Trust& trust);
 
+// The same with the bytes of the signature. `signatureFile` and `file` are names for the messages.
+Signature VerifySignature(const Bytes& package, const std::string& file, const std::string& key,
+                          const std::string& signatureFile, const Bytes& signature);
+
 }  // namespace kvtool
