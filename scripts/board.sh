@@ -1,5 +1,5 @@
 #!/bin/sh
-# board.sh fetch | run [A|B|C...] | shell: runs the program on emulated ARM boards with a real kernel (docs/board.md).
+# board.sh fetch | run [--program KIND] [A|B|C...] | shell: runs the program on emulated ARM boards with a real kernel (docs/board.md).
 # fetch only installs and downloads what the other two commands need. They fetch it themselves if it is missing.
 set -eu
 
@@ -13,6 +13,7 @@ if [ ! -d "$cache/board-packages" ]; then
 fi
 scripts/setup.sh build arm board scripts
 scripts/arm_sysroot.sh >/dev/null
+scripts/musl_sysroot.sh >/dev/null
 board/packages.sh >/dev/null
 [ "$1" != fetch ] || exit 0
 
@@ -21,9 +22,11 @@ shift
 scripts/build_arm.sh
 mkdir -p "$out"
 arm-linux-gnueabihf-g++ -std=c++17 -Os -static -s -I. -o "$out/cameraMain" vboard/app/camera_main.cpp
+arm-linux-gnueabihf-g++ -std=c++17 -Os -static -s -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64 -o "$out/set_clock" \
+    board/set_clock.cpp
 board/image.sh "$out" build/arm
 case $command in
     run) exec python3 -B board/acceptance run "$out" build/bin/kvtool "$out/cameraMain" "$@" ;;
     shell) exec python3 -B board/acceptance shell "$out" ;;
-    *) echo "usage: board.sh fetch | run [A|B|C...] | shell" >&2 && exit 2 ;;
+    *) echo "usage: board.sh fetch | run [--program KIND] [A|B|C...] | shell" >&2 && exit 2 ;;
 esac

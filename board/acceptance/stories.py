@@ -1,12 +1,15 @@
 """The tests on the boards. The stories run side by side, each on its own board."""
 
+import calendar
 import re
 import time
 
 import figures
 import nor
 from channel import Failure
+from machine import BOOT_TIMEOUT
 
+LOG_TIME = r"^(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d) \["
 REBOOT_MARKER = "/param/var/miniserver_reboot"
 DEBUG_MARKER = "/param/miniserver.debug"
 WATCHDOG_SECONDS = 30
@@ -17,6 +20,7 @@ WATCHDOG_SLACK = 5
 def life_story(board, report, firmware):
     """Empty flash, recovery, upgrade, normal operation, and a hanging program."""
     _recover(board, report)
+    _check_dates(board, report)
     with report.step(board, "kvtool discover and kvtool info, from the host over the radio") as details:
         mac = board.machine.run("cat /sys/class/net/wlan0/address").strip()
         if mac.upper() not in board.discover().upper():
@@ -35,6 +39,15 @@ def _recover(board, report):
         board.power_on()
         board.boot_into_recovery()
         details.append(f"address by DHCP: {board.join_network()}")
+
+
+def _check_dates(board, report):
+    with report.step(board, "the log's dates follow the board's clock, which is set to 2040") as details:
+        found = board.machine.console.wait(LOG_TIME, 10, 0)
+        logged = calendar.timegm(time.strptime(found[1], "%Y-%m-%d %H:%M:%S"))
+        if not 0 <= logged - board.clock < BOOT_TIMEOUT:
+            raise Failure(f"the log has {found[1]}")
+        details.append(f"logged at {found[1]}")
 
 
 def _show_figures(board, report, mode):
