@@ -11,12 +11,11 @@ RESET_TIMEOUT = 60
 
 
 class Board:
-    """program names one of the programs in the image: dynamic, static or musl. clock: see Machine."""
+    """program names one of the programs in the image: dynamic, static or musl."""
 
-    def __init__(self, name, program, clock, image, kvtool, folder):
+    def __init__(self, name, program, image, kvtool, folder):
         self.name = name
         self.program = program
-        self.clock = clock
         self.flash = folder / f"{name}.nor"
         self.machine = None
         self.since = 0  # position in the console where the current step began
@@ -29,7 +28,7 @@ class Board:
         if self._abandoned:
             raise Failure("abandoned")
         self.since = 0
-        self.machine = Machine(self._image, self.flash, self.program, self.clock)
+        self.machine = Machine(self._image, self.flash, self.program)
 
     def power_off(self):
         if self.machine:
