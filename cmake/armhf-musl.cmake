@@ -32,7 +32,9 @@ set(CMAKE_C_FLAGS_INIT "-mmusl -nostdinc ${KV_C_FLAGS}")
 string(CONCAT CMAKE_CXX_FLAGS_INIT
        "-mmusl -nostdinc -isystem ${KV_CXX_HEADERS} -isystem ${KV_CXX_HEADERS}/arm-linux-gnueabihf ${KV_C_FLAGS} "
        "-D_GLIBCXX_OS_DEFINES -D_GLIBCXX_GTHREAD_USE_WEAK=0")
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-nodefaultlibs -Wl,--no-dynamic-linker -B${KV_SYSROOT}/usr/lib -L${KV_SYSROOT}/usr/lib")
+# The compiler's -static-pie does not keep the linker from naming a dynamic linker on ARM.
+string(CONCAT CMAKE_EXE_LINKER_FLAGS_INIT
+       "-nodefaultlibs -Wl,--no-dynamic-linker -B${KV_SYSROOT}/usr/lib -L${KV_SYSROOT}/usr/lib")
 set(CMAKE_C_STANDARD_LIBRARIES_INIT "-Wl,--start-group -lc -lgcc -Wl,--end-group")
 set(CMAKE_CXX_STANDARD_LIBRARIES_INIT "${CMAKE_C_STANDARD_LIBRARIES_INIT}")
 

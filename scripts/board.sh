@@ -1,5 +1,6 @@
 #!/bin/sh
-# board.sh fetch | run [A|B|C...] [--program KIND] | shell: runs the program on emulated ARM boards with a real kernel (docs/board.md).
+# board.sh fetch | run [A|B|C...] [--program KIND] | shell: runs the program on emulated ARM boards with a real kernel
+# (docs/board.md).
 # fetch only installs and downloads what the other two commands need. They fetch it themselves if it is missing.
 set -eu
 

@@ -10,7 +10,10 @@ cd "$(dirname "$0")/.."
 # calls no C library.
 check_archives() { # MAP
     foreign=$(grep -o '^/[^(]*\.a(' "$1" | grep -v -e "^$sysroot/" -e '/libgcc\.a($' | sort -u)
-    [ -z "$foreign" ] || { echo "build_arm: libraries made for glibc are in the program on musl: $foreign" >&2 && exit 1; }
+    [ -z "$foreign" ] || {
+        echo "build_arm: libraries made for glibc are in the program on musl: $foreign" >&2
+        exit 1
+    }
 }
 
 [ $# -gt 0 ] || set -- dynamic static musl
