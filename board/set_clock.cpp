@@ -1,5 +1,5 @@
-// set_clock SECONDS: sets the board's clock, in seconds since 1970, also to times after 2038. Debian's
-// busybox for armhf has 32-bit times and cannot.
+// set_clock SECONDS: sets the board's clock, in seconds since 1970, also to times after 2038.
+// Debian's busybox for armhf has 32-bit times and cannot.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -11,7 +11,7 @@ int main(int argc, char** argv) {
     char* end = nullptr;
     const timespec now = {argc == 2 ? strtoll(argv[1], &end, 10) : 0, 0};
     if (end == nullptr || *end != '\0') {
-        fprintf(stderr, "usage: set_clock SECONDS\n");
+        (void)fprintf(stderr, "usage: set_clock SECONDS\n");
         return 2;
     }
     if (clock_settime(CLOCK_REALTIME, &now) != 0) {
