@@ -131,6 +131,18 @@ cmake -G Ninja -S "$work/openwrt/build" -B "$work/configured" $(openwrt options)
 ! grep -q 'not used by the project' "$work/log" ||
     die "the recipes set unknown options: $(cat "$work/log")"
 
+# With the same options, compile and link it against musl, OpenWrt's C library.
+if [ -d "${KV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/upgrademain}/musl-sysroot" ]; then
+    # shellcheck disable=SC2046 # one word per option
+    cmake -G Ninja -S "$work/openwrt/build" -B "$work/musl" -DCMAKE_TOOLCHAIN_FILE="$top/cmake/armhf-musl.cmake" \
+        $(openwrt options) >"$work/log" 2>&1 ||
+        die "the recipes' options do not configure with musl: $(cat "$work/log")"
+    cmake --build "$work/musl" >"$work/log" 2>&1 ||
+        die "the recipes' options do not build with musl: $(cat "$work/log")"
+else
+    echo "check_packaging: no libraries for musl (make arm makes them); the recipes' options were not built with it"
+fi
+
 # systemd.
 if command -v systemd-analyze >/dev/null; then
     mkdir -p "$work/root/usr/sbin" "$work/root/etc/systemd/system"
