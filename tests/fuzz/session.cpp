@@ -20,6 +20,7 @@ namespace {
 struct Device {
     Input& in = *g_world.in;
     std::string outgoing;  // on its way to the tool
+    std::string spoken;    // all of that so far
     std::string received;  // since the upgrade request
     bool upgrading = false;
     bool closed = false;
@@ -29,7 +30,9 @@ struct Device {
             reply[in.Byte() % reply.size()] = static_cast<char>(in.Byte());
         }
         const uint8_t fate = in.Byte();
-        outgoing += fate > 245 ? in.Piece() : reply.substr(0, fate > 235 ? fate % 32 : reply.npos);
+        reply = fate > 245 ? in.Piece() : reply.substr(0, fate > 235 ? fate % 32 : reply.npos);
+        outgoing += reply;
+        spoken += reply;
     }
 
     void Take(const std::string& bytes) {
@@ -92,6 +95,8 @@ void Upgrade(const Device& device, const char* ic, size_t size) {
     const auto trailer = MakeTrailer(package);
     const std::string all = std::string(size, 'p') + std::string(trailer.begin(), trailer.end());
     Require(done == record.accepted && (!done || device.received == all));
+    // The start of the reply that accepts.
+    Require(!done || device.spoken.find(std::string("\0\0\1\1\2\x20\0\0", 8)) != all.npos);
     Require(record.sent != Sent::kNothing || !device.upgrading);
     (void)JsonLine(UpgradeJson(record, ""));
 }

@@ -150,13 +150,6 @@ void KV_ShellEchoFormat(const char* format, ...) {
     KV_ShellEcho(command);
 }
 
-// The fuzzer itself calls these too.
-#define WRAP(result, name, parameters, arguments, inside)     \
-    result __real_##name parameters;                          \
-    result __wrap_##name parameters {                         \
-        return IsInside() ? inside : __real_##name arguments; \
-    }
-
 extern "C" {
 WRAP(int, socket, (int a, int b, int c), (a, b, c), Refuses(64) ? -1 : kFd)
 WRAP(int, bind, (int a, const sockaddr* b, socklen_t c), (a, b, c), Outcome(64, EADDRINUSE))
