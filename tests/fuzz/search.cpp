@@ -86,7 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Require(done || g_world.refusals > 0 || !request.interfaces.empty());
     Require(g_nowMs - start <= request.timeout.count());
     // Exactly as large as the datagram, so that a read beyond it is seen.
-    const std::string text = Reply(&in).substr(0, in.Below(4) == 3 ? in.Short() : 544);
+    const std::string text = Reply(&in).substr(0, 552 - size_t{in.Byte()});
     const Bytes datagram(text.begin(), text.end());
     DiscoveryReply reply;
     const bool valid = ParseDiscoveryReply(datagram.data(), datagram.size(), &reply).empty();
