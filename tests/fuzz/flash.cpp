@@ -39,9 +39,9 @@ void RequireForeseen(const std::string& package) {
         if (untouched && package.find(row.name) == package.npos) {
             continue;
         }
-        Require(untouched || Try([&] {
-                    Require(kvtool::VerifyDump(bytes, layout, dump).difference.count == 0);
-                }));
+        const bool written =
+            Try([&] { Require(kvtool::VerifyDump(bytes, layout, dump).difference.count == 0); });
+        Require(written || untouched);
     }
 }
 
