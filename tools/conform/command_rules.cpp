@@ -144,6 +144,7 @@ void Ignored(const ConformRequest& request, Known* known, Trial* trial) {
 void Connections(const ConformRequest& request, Known* known, Trial* trial) {
     constexpr int kLines = 8;
     std::vector<Line> lines;
+    lines.reserve(kLines);
     for (int i = 0; i < kLines; ++i) {
         lines.push_back(Open(request, trial));
     }
