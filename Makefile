@@ -119,7 +119,7 @@ fuzz-coverage: ## Print how many lines of each parsing file the fuzzers' inputs 
 	@scripts/fuzz.sh coverage
 
 lint: tests-build ## Check format, code, scripts, texts, man pages, packaging; print the tests' share of the code
-	@scripts/setup.sh lint
+	@scripts/setup.sh lint fuzz
 	@scripts/lint.sh
 
 packaging-check: build ## Check the recipes and scripts of packaging/ and what they install

@@ -25,6 +25,10 @@ echo "lint: share of the tests"
 scripts/code_share.py "$tests_ceiling"
 # clang's -Wconversion includes sign conversions; GCC's does not.
 echo "lint: clang-tidy"
-git ls-files '*.cpp' | xargs -P "$(nproc)" -n 2 \
-    clang-tidy -quiet -p build/dev --extra-arg=-Wno-sign-conversion 2>/dev/null
+tidy() { # BUILD: checks the files named on standard input, compiled as in that build
+    xargs -P "$(nproc)" -n 2 clang-tidy -quiet -p "$1" --extra-arg=-Wno-sign-conversion 2>/dev/null
+}
+git ls-files '*.cpp' ':!tests/fuzz' | tidy build/dev
+[ -f build/fuzz/build.ninja ] || cmake --preset fuzz >/dev/null
+git ls-files 'tests/fuzz/*.cpp' | tidy build/fuzz
 echo "lint: clean"

@@ -30,12 +30,6 @@ std::string Message() {
 
 }  // namespace
 
-#define WRAP(result, name, parameters, arguments, inside)     \
-    result __real_##name parameters;                          \
-    result __wrap_##name parameters {                         \
-        return IsInside() ? inside : __real_##name arguments; \
-    }
-
 extern "C" {
 WRAP(int, open64, (const char* a, int b, int c), (a, b, c), Refuses(16) ? -1 : kFd)
 WRAP(int, dup3, (int a, int b, int c), (a, b, c), b)

@@ -18,8 +18,8 @@ namespace {
 
 constexpr uint32_t kEraseSize = 0x2000;
 constexpr size_t kSizes[] = {0, kEraseSize, 0x6000, 0x10000, 0x18000, 0x22000};
-const kvtool::Bytes g_old(0x22000, 0xA5);
-const kvtool::Bytes g_erased(0x22000, 0xFF);
+const kvtool::Bytes kOld(0x22000, 0xA5);
+const kvtool::Bytes kErased(0x22000, 0xFF);
 
 std::array<kvtool::Bytes, 8> g_devices;
 size_t g_position;
@@ -33,15 +33,15 @@ void RequireForeseen(const std::string& package) {
         const kvtool::PartitionDump dump{row.name, {first, first + (row.IsBoot() ? 3 : 1)}};
         const bool untouched =
             std::all_of(dump.devices.begin(), dump.devices.end(), [](const kvtool::Bytes& device) {
-                return std::equal(device.begin(), device.end(), g_old.begin());
+                return std::equal(device.begin(), device.end(), kOld.begin());
             });
         // The comparison takes long, so it is left out where no entry can select the partition.
         if (untouched && package.find(row.name) == package.npos) {
             continue;
         }
-        Require(untouched || Try([&] {
-                    Require(kvtool::VerifyDump(bytes, layout, dump).difference.count == 0);
-                }));
+        const bool written =
+            Try([&] { Require(kvtool::VerifyDump(bytes, layout, dump).difference.count == 0); });
+        Require(written || untouched);
     }
 }
 
@@ -65,7 +65,7 @@ ssize_t Program(kvtool::Bytes* device, const uint8_t* bytes, size_t size) {
     }
     size = std::min(size, device->size() - g_position);
     uint8_t* const to = device->data() + g_position;
-    Require(g_world.refusals > 0 || memcmp(to, g_erased.data(), size) == 0);
+    Require(g_world.refusals > 0 || memcmp(to, kErased.data(), size) == 0);
     memcpy(to, bytes, size);
     return static_cast<ssize_t>(size);
 }
@@ -109,8 +109,8 @@ void __wrap_MD5Update(void*, const uint8_t*, size_t) {}
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Scope scope(data, size);
     for (kvtool::Bytes& device : g_devices) {
-        device.assign(g_old.begin(),
-                      g_old.begin() + static_cast<ptrdiff_t>(kSizes[scope.in.Below(6)]));
+        device.assign(kOld.begin(),
+                      kOld.begin() + static_cast<ptrdiff_t>(kSizes[scope.in.Below(6)]));
     }
     // Bytes that differ everywhere, so that a misplaced one is seen.
     static const std::string images = kv_test::Noise(size_t{256} << 10, 1);

@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <net/if.h>
+#include <netpacket/packet.h>
 
 #include <array>
 #include <set>
@@ -49,15 +50,16 @@ void RequireSound(const DiscoveryResult& result) {
 
 }  // namespace
 
-// Three rows of one interface: the first is up, the second has no address, the third is down.
+// Three rows of one interface: the first is up, the second is its hardware, the third is down.
 extern "C" int __wrap_getifaddrs(ifaddrs** list) {
     static sockaddr_in address{AF_INET, 0, {htonl(0xC00002FF)}, {}};
+    static sockaddr_ll link{AF_PACKET, 0, 0, 0, 0, 6, {2, 0, 0, 0, 0, 1}};
     static std::array<ifaddrs, 3> rows;
     for (ifaddrs& row : rows) {
         row = {&row + 1, const_cast<char*>("lo"), IFF_UP | IFF_BROADCAST, nullptr, nullptr, {}, {}};
         row.ifa_addr = row.ifa_broadaddr = reinterpret_cast<sockaddr*>(&address);
     }
-    rows[1].ifa_addr = nullptr;
+    rows[1].ifa_addr = reinterpret_cast<sockaddr*>(&link);
     rows[2].ifa_next = nullptr;
     rows[2].ifa_flags = 0;
     *list = rows.data();
@@ -85,6 +87,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool done = Try([&] { RequireSound(Discover(sockets, request, isEnough)); });
     Require(done || g_world.refusals > 0 || !request.interfaces.empty());
     Require(g_nowMs - start <= request.timeout.count());
+    // Exactly as large as the datagram, so that a read beyond it is seen.
+    const std::string text = Reply(&in).substr(0, 552 - size_t{in.Byte()});
+    const Bytes datagram(text.begin(), text.end());
+    DiscoveryReply reply;
+    const bool valid = ParseDiscoveryReply(datagram.data(), datagram.size(), &reply).empty();
+    Require(!valid || datagram.size() == 544);
     (void)ParseMacAddress(in.Rest());
     return 0;
 }

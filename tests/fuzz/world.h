@@ -95,3 +95,10 @@ std::string Put(const std::string& path, const std::string& text);
 std::string Get(const std::string& path);
 
 }  // namespace fuzz
+
+// Replaces a function of the system. The fuzzer itself calls some of them too.
+#define WRAP(result, name, parameters, arguments, inside)       \
+    result __real_##name parameters;                            \
+    result __wrap_##name parameters {                           \
+        return IsInside() ? (inside) : __real_##name arguments; \
+    }
