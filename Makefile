@@ -16,7 +16,7 @@ build: ## Build the device program and the PC tools into build/bin
 	@scripts/setup.sh build
 	@scripts/build.sh release
 
-arm: ## Build the device program for ARM, dynamic, static and musl, into build/arm (TRUSTED_KEY=: for signed packages only)
+arm: ## Build the device program for ARM into build/arm: dynamic, static, musl (TRUSTED_KEY=: for signed packages)
 	@TRUSTED_KEY="$(TRUSTED_KEY)" scripts/build_arm.sh
 
 kvtool-static: ## Build kvtool as one file for any Linux on this machine's architecture, into build/kvtool-static/bin
