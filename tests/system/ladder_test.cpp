@@ -22,8 +22,10 @@ void InstallLife(Board* board, const std::string& steps) {
 kill $(cat /tmp/life.pid 2>/dev/null) 2>/dev/null
 killall -9 beater 2>/dev/null
 echo $$ >/tmp/life.pid
-mode() { echo "$1" >/run/board/app; sleep "${2:-infinity}"; }
-echo silent >/run/board/app
+# The beater would beat once if it found the file empty.
+set_mode() { echo "$1" >/run/board/app.new; mv /run/board/app.new /run/board/app; }
+mode() { set_mode "$1"; sleep "${2:-infinity}"; }
+set_mode silent
 /opt/app/bin/beater </dev/null &
 )" + steps + "\n");
     std::filesystem::permissions(bin + "/cameraMain", std::filesystem::perms(0755));
