@@ -29,6 +29,9 @@ TEST(PageGate, KnowsItsOwnPage) {
     };
     const char* const type = "application/json; charset=utf-8";
     const std::string wrong = "kvtool_8080=" + std::string(32, '0');
+    const std::string shorter = cookie.substr(0, cookie.size() - 1);
+    const std::string longer = cookie + "0";
+    const std::string otherPort = "kvtool_8081=" + gate.Token();
     const Case cases[] = {
         {{"GET", "127.0.0.1:8080", "", cookie, "", ""}, 0},
         {{"GET", "LocalHost:8080", "", cookie, "", "same-origin"}, 0},
@@ -42,9 +45,9 @@ TEST(PageGate, KnowsItsOwnPage) {
         // Keys.
         {{"GET", "127.0.0.1:8080", "", "", "", ""}, 403},
         {{"GET", "127.0.0.1:8080", "", wrong, "", ""}, 403},
-        {{"GET", "127.0.0.1:8080", "", cookie.substr(0, cookie.size() - 1), "", ""}, 403},
-        {{"GET", "127.0.0.1:8080", "", cookie + "0", "", ""}, 403},
-        {{"GET", "127.0.0.1:8080", "", "kvtool_8081=" + gate.Token(), "", ""}, 403},
+        {{"GET", "127.0.0.1:8080", "", shorter, "", ""}, 403},
+        {{"GET", "127.0.0.1:8080", "", longer, "", ""}, 403},
+        {{"GET", "127.0.0.1:8080", "", otherPort, "", ""}, 403},
         // Other pages. One on another port of this PC counts as the same site for cookies.
         {{"POST", "127.0.0.1:8080", "", cookie, type, ""}, 403},
         {{"POST", "127.0.0.1:8080", "null", cookie, type, ""}, 403},
@@ -191,24 +194,24 @@ Answer Exchange(uint16_t port, const std::string& bytes) {
 class Served {
   public:
     explicit Served(const std::string& options = "") {
-        const std::string out = folder_.Path("out");
+        const std::string out = WorkFolder().Path("out");
         (void)unlink(out.c_str());
         pid_ = fork();
         if (pid_ == 0) {
             const std::string line = std::string("exec " KVTOOL_PATH
                                                  " serve --no-browser --json --interface lo "
                                                  "--leave-timeout 3 --back-timeout 20 --journal ") +
-                                     folder_.Path("j") + " " + options + " >" + out + " 2>" +
-                                     folder_.Path("err");
+                                     WorkFolder().Path("j") + " " + options + " >" + out + " 2>" +
+                                     WorkFolder().Path("err");
             (void)execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
             _exit(127);
         }
         EXPECT_TRUE(kv_test::WaitUntil([&] { return Contains(kv_test::ReadFile(out), "\n"); }))
-            << kv_test::ReadFile(folder_.Path("err"));
+            << kv_test::ReadFile(WorkFolder().Path("err"));
         const json ready = json::parse(kv_test::ReadFile(out), nullptr, false);
-        port_ = ready.value("port", uint16_t{0});
-        token_ = ready.value("address", std::string("="));
-        token_ = token_.substr(token_.find('=') + 1);
+        port = ready.value("port", uint16_t{0});
+        token = ready.value("address", std::string("="));
+        token = token.substr(token.find('=') + 1);
     }
     ~Served() { (void)End(SIGKILL); }
     Served(const Served&) = delete;
@@ -229,21 +232,21 @@ class Served {
     }
     void Signal(int signal) const { (void)kill(pid_, signal); }
 
-    std::string Own() const { return "127.0.0.1:" + std::to_string(port_); }
+    std::string Own() const { return "127.0.0.1:" + std::to_string(port); }
     std::string Cookie() const {
-        return "Cookie: kvtool_" + std::to_string(port_) + "=" + token_ + "\r\n";
+        return "Cookie: kvtool_" + std::to_string(port) + "=" + token + "\r\n";
     }
     std::string Head(const std::string& line) const {
         return line + " HTTP/1.1\r\nHost: " + Own() + "\r\nConnection: close\r\n";
     }
     Answer Get(const std::string& path) const {
-        return Exchange(port_, Head("GET " + path) + Cookie() + "\r\n");
+        return Exchange(port, Head("GET " + path) + Cookie() + "\r\n");
     }
     Answer Post(const std::string& path, const std::string& body,
                 const std::string& type = "application/json") const {
-        return Exchange(port_, Head("POST " + path) + Cookie() + "Origin: http://" + Own() +
-                                   "\r\nContent-Type: " + type + "\r\nContent-Length: " +
-                                   std::to_string(body.size()) + "\r\n\r\n" + body);
+        return Exchange(port, Head("POST " + path) + Cookie() + "Origin: http://" + Own() +
+                                  "\r\nContent-Type: " + type + "\r\nContent-Length: " +
+                                  std::to_string(body.size()) + "\r\n\r\n" + body);
     }
     json State() const { return Get("/api/state").Json(); }
     // A plan, and then its run.
@@ -259,20 +262,22 @@ class Served {
         return kv_test::WaitUntil([this] { return State()["run"]["state"] == "ended"; });
     }
 
-    static kv_test::Folder folder_;
-    uint16_t port_ = 0;
-    std::string token_;
+    static const kv_test::Folder& WorkFolder() {
+        static const kv_test::Folder folder;
+        return folder;
+    }
+    uint16_t port = 0;
+    std::string token;
 
   private:
     pid_t pid_ = -1;
 };
-kv_test::Folder Served::folder_;
 
 class PageServer : public testing::Test {
   protected:
     void SetUp() override {
         kv_test::RequireSandbox();
-        for (const auto& entry : std::filesystem::directory_iterator(Served::folder_.Path())) {
+        for (const auto& entry : std::filesystem::directory_iterator(Served::WorkFolder().Path())) {
             std::filesystem::remove(entry.path());
         }
         kv_test::WriteFile("/tmp/app", std::string(400000, 'a'));
@@ -300,10 +305,10 @@ TEST_F(PageServer, RefusesWhatIsNotItsPage) {
         {403, served.Head("GET /api/state") + "\r\n"},
         {403, served.Head("GET /") + "\r\n"},
         {403, served.Head("GET /?token=" + std::string(32, '0')) + "\r\n"},
-        {303, served.Head("GET /?token=" + served.token_) + "\r\n"},
+        {303, served.Head("GET /?token=" + served.token) + "\r\n"},
         {421, "GET /api/state HTTP/1.1\r\nHost: evil.example\r\nConnection: close\r\n" + cookie +
                   "\r\n"},
-        {421, "GET /?token=" + served.token_ +
+        {421, "GET /?token=" + served.token +
                   " HTTP/1.1\r\nHost: evil.example\r\n"
                   "Connection: close\r\n\r\n"},
         {421, served.Head("GET /api/state") + "Host: evil.example\r\n" + cookie + "\r\n"},
@@ -336,10 +341,10 @@ TEST_F(PageServer, RefusesWhatIsNotItsPage) {
         {400, served.Head("GET /api/state") + " folded: header\r\n\r\n"},
     };
     for (const Case& one : cases) {
-        const Answer answer = Exchange(served.port_, one.bytes);
+        const Answer answer = Exchange(served.port, one.bytes);
         EXPECT_EQ(answer.status, one.status) << one.bytes << "\n" << answer.head << answer.body;
         EXPECT_FALSE(Contains(answer.head, "Access-Control-")) << answer.head;
-        EXPECT_TRUE(one.status == 303 || !Contains(answer.head + answer.body, served.token_));
+        EXPECT_TRUE(one.status == 303 || !Contains(answer.head + answer.body, served.token));
         for (const char* const header :
              {"Content-Security-Policy: default-src 'none'; script-src 'self';",
               "X-Content-Type-Options: nosniff", "Referrer-Policy: no-referrer",
@@ -349,8 +354,8 @@ TEST_F(PageServer, RefusesWhatIsNotItsPage) {
         EXPECT_EQ(one.status == 303, Contains(answer.head, "HttpOnly; SameSite=Strict; Path=/"));
     }
     // The address is clicked on another page: a redirect would come without the cookie.
-    const Answer clicked = Exchange(served.port_, served.Head("GET /?token=" + served.token_) +
-                                                      "Sec-Fetch-Site: cross-site\r\n\r\n");
+    const Answer clicked = Exchange(served.port, served.Head("GET /?token=" + served.token) +
+                                                     "Sec-Fetch-Site: cross-site\r\n\r\n");
     EXPECT_EQ(clicked.status, 200);
     EXPECT_TRUE(Contains(clicked.body, "content=\"0;url=/\"") &&
                 Contains(clicked.head, "HttpOnly"));
@@ -358,9 +363,9 @@ TEST_F(PageServer, RefusesWhatIsNotItsPage) {
     EXPECT_EQ(page.status, 200);
     EXPECT_TRUE(Contains(page.head, "Cache-Control: no-cache") && Contains(page.head, "ETag: \""));
     const kv_test::CommandResult listening = kv_test::Run("ss -Hltn");
-    EXPECT_EQ(CountOf(listening.output, ":" + std::to_string(served.port_)),
-              CountOf(listening.output, "127.0.0.1:" + std::to_string(served.port_)) +
-                  CountOf(listening.output, "[::1]:" + std::to_string(served.port_)))
+    EXPECT_EQ(CountOf(listening.output, ":" + std::to_string(served.port)),
+              CountOf(listening.output, "127.0.0.1:" + std::to_string(served.port)) +
+                  CountOf(listening.output, "[::1]:" + std::to_string(served.port)))
         << listening.output;
 }
 
@@ -369,17 +374,17 @@ TEST_F(PageServer, BoundsConnectionsAndOpenPages) {
     const std::string events = served.Head("GET /api/events") + served.Cookie() + "\r\n";
     std::vector<kv_test::TcpClient> pages;
     for (int i = 0; i < 32; ++i) {
-        pages.emplace_back(served.port_);
+        pages.emplace_back(served.port);
         EXPECT_TRUE(Contains(pages.back().Ask(events, 15), "200")) << i;
     }
-    EXPECT_EQ(Exchange(served.port_, events).status, 503) << "one page too many";
+    EXPECT_EQ(Exchange(served.port, events).status, 503) << "one page too many";
     EXPECT_EQ(served.Get("/api/state").status, 200) << "other requests pass";
     std::vector<kv_test::TcpClient> idle;
     while (idle.size() < 32) {
-        idle.emplace_back(served.port_);
+        idle.emplace_back(served.port);
         EXPECT_TRUE(idle.back().Send("GET /"));
     }
-    EXPECT_TRUE(kv_test::WaitUntil([&] { return Exchange(served.port_, events).status == 503; }));
+    EXPECT_TRUE(kv_test::WaitUntil([&] { return Exchange(served.port, events).status == 503; }));
     const Answer full = served.Get("/api/state");
     EXPECT_EQ(full.status, 503);
     EXPECT_EQ(full.body, "");
@@ -406,7 +411,7 @@ TEST_F(PageServer, TakesAPackageOrSaysWhyNot) {
     EXPECT_EQ(served.Post("/api/plan", "{\"devices\":[\"127.1.0.2\"],\"force\":true}").status, 200);
     // An upload that breaks off leaves the package before it, and no file.
     {
-        const kv_test::TcpClient client(served.port_);
+        const kv_test::TcpClient client(served.port);
         (void)client.Send(served.Head("POST /api/package?name=half") + served.Cookie() +
                           "Origin: http://" + served.Own() +
                           "\r\nContent-Type: application/octet-stream\r\n"
@@ -424,7 +429,8 @@ TEST_F(PageServer, TakesAPackageOrSaysWhyNot) {
     EXPECT_EQ(served.Post("/api/run", "{\"plan\":7}").status, 409);
     EXPECT_EQ(served.Post("/api/run", "{}").status, 400);
     EXPECT_EQ(served.End(SIGINT), 0);
-    EXPECT_FALSE(std::filesystem::exists(Served::folder_.Path("j"))) << "a journal without a run";
+    EXPECT_FALSE(std::filesystem::exists(Served::WorkFolder().Path("j")))
+        << "a journal without a run";
 
     (void)kv_test::Shell(
         "cd /tmp && minisign -G -f -W -p key.pub -s key >/dev/null && "
@@ -530,7 +536,7 @@ TEST_F(PageServer, GoesOnAfterAKill) {
             [&] { return served.State()["run"]["members"][0]["bytes_acknowledged"] > 50000; }));
         EXPECT_EQ(served.State()["run"]["members"][0]["state"], "uploading");
         const Served other;  // the same journal
-        EXPECT_EQ(other.port_, 0) << "two servers on one journal";
+        EXPECT_EQ(other.port, 0) << "two servers on one journal";
         EXPECT_EQ(served.End(SIGKILL), 128 + SIGKILL);
     }
     const Served served;
@@ -550,7 +556,7 @@ TEST_F(PageServer, EndsInTwoStepsWhileADeviceIsWritten) {
     Camera second(6, Camera::Slow());
     Served served;
     (void)Upload(served, "good");
-    const kv_test::TcpClient page(served.port_);
+    const kv_test::TcpClient page(served.port);
     (void)page.Send(served.Head("GET /api/events") + served.Cookie() + "\r\n");
     (void)served.Begin("/api/plan", "{\"devices\":[\"127.1.0.5\",\"127.1.0.6\"],\"jobs\":1}");
     ASSERT_TRUE(kv_test::WaitUntil(
@@ -558,7 +564,8 @@ TEST_F(PageServer, EndsInTwoStepsWhileADeviceIsWritten) {
     EXPECT_EQ(served.Post("/api/plan", "{\"devices\":[\"127.1.0.6\"]}").status, 409);
     served.Signal(SIGINT);
     ASSERT_TRUE(kv_test::WaitUntil([&] {
-        return Contains(kv_test::ReadFile(Served::folder_.Path("err")), "1 under way will finish");
+        return Contains(kv_test::ReadFile(Served::WorkFolder().Path("err")),
+                        "1 under way will finish");
     }));
     EXPECT_TRUE(kv_test::WaitUntil([&] { return served.State()["run"]["state"] == "stopping"; }));
     EXPECT_EQ(served.End(SIGINT), 130);
@@ -579,7 +586,7 @@ TEST_F(PageServer, EndsInTwoStepsWhileADeviceIsWritten) {
 
     const Served listening;
     const auto taken = kv_test::Run(KVTOOL_PATH " serve --no-browser --journal /tmp/other --port " +
-                                    std::to_string(listening.port_));
+                                    std::to_string(listening.port));
     EXPECT_EQ(taken.status, 1) << taken.output;
     EXPECT_TRUE(Contains(taken.output, "cannot listen on port")) << taken.output;
 }
