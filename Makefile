@@ -4,9 +4,7 @@ JOBS ?= $(shell expr 4 \* $$(nproc))
 PREFIX ?= /usr/local
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build arm kvtool-static clang size tests-build demo demo-fleet demo-ladder bench bench-discovery \
-        bench-fleet client-kit board board-shell test test-ansible test-fleet unit mutants fuzz fuzz-coverage lint \
-        format sanitize packaging-check install deb clean
+.PHONY: $(shell sed -n 's/^\([a-z-]*\):.*## .*/\1/p' $(firstword $(MAKEFILE_LIST)))
 
 help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
@@ -18,8 +16,8 @@ build: ## Build the device program and the PC tools into build/bin
 	@scripts/setup.sh build
 	@scripts/build.sh release
 
-arm: ## Build the device program for ARM, dynamic and static, into build/arm
-	@scripts/build_arm.sh
+arm: ## Build the device program for ARM into build/arm: dynamic, static, musl (TRUSTED_KEY=: for signed packages)
+	@TRUSTED_KEY="$(TRUSTED_KEY)" scripts/build_arm.sh
 
 kvtool-static: ## Build kvtool as one file for any Linux on this machine's architecture, into build/kvtool-static/bin
 	@scripts/setup.sh build
@@ -46,6 +44,9 @@ demo-ladder: build ## Watch a silent application: restart, reboot, recovery (und
 	@scripts/setup.sh vboard scripts
 	@scripts/demo_ladder.sh
 
+pictures: build ## Draw the pictures of docs/heartbeat.md into docs/pictures
+	@scripts/pictures.sh
+
 bench: build ## Measure an upload against socat on the same virtual link
 	@scripts/setup.sh vboard scripts bench
 	@scripts/bench_upload.sh
@@ -54,6 +55,14 @@ demo-fleet: build ## Watch eight cameras being upgraded at once: two fail, the t
 	@scripts/setup.sh vboard scripts
 	@scripts/demo_fleet.sh
 
+demo-page: build ## Upgrade five virtual cameras in your browser, until Ctrl-C (PORT=8765)
+	@scripts/setup.sh vboard scripts bench
+	@scripts/demo_page.sh
+
+bench-page: build ## Measure the page's server with 500 devices, 20 upgrades under way and two open pages (two minutes)
+	@scripts/setup.sh scripts
+	@scripts/bench_page.py
+
 bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one air (5 minutes)
 	@scripts/setup.sh vboard scripts
 	@scripts/bench_fleet.sh
@@ -61,6 +70,10 @@ bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one air 
 bench-discovery: build ## Compare the rate of discovery answers with that of a bare UDP echo
 	@scripts/setup.sh vboard scripts
 	@scripts/bench_discovery.sh
+
+powercut: build ## Cut the power at every step of an upgrade; rewrites the figures in docs/powercut.md (20 minutes)
+	@scripts/setup.sh vboard scripts
+	@bench/powercut/__main__.py build/bin --docs docs
 
 client-kit: build ## Write the transcripts in docs/client-kit.md from a virtual board (a minute)
 	@scripts/setup.sh vboard scripts
@@ -81,6 +94,14 @@ test-fleet: tests-build ## Upgrade a site of 20 boards with a tool that is kille
 test-ansible: build ## Run the Ansible collection against a site of six virtual boards (under three minutes)
 	@scripts/setup.sh vboard scripts ansible
 	@tests/ansible/site_test.py
+
+test-page: build ## Use the page of kvtool with real browsers on a site of five boards (under two minutes)
+	@scripts/setup.sh vboard scripts page
+	@tests/page/run.sh
+
+screenshots: build ## Do the same, and take the pictures of docs/page.md
+	@scripts/setup.sh vboard scripts page pictures
+	@tests/page/run.sh docs/page
 
 unit: tests-build ## Run the unit tests only
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS) -L unit

@@ -1,6 +1,7 @@
 #!/bin/bash
 # image.sh OUT PROGRAMS: makes the files that the emulated board boots, in the folder OUT: kernel, device tree
-# (board.dtb) and root file system (initramfs). PROGRAMS is a folder with static/upgradeMain and dynamic/upgradeMain.
+# (board.dtb) and root file system (initramfs). PROGRAMS is a folder with dynamic/upgradeMain, static/upgradeMain and
+# musl/upgradeMain. OUT already holds set_clock.
 # Packages come from the cache; a filled cache needs no network.
 set -euo pipefail
 
@@ -41,6 +42,7 @@ make_root() { # ROOT
     cp -r "$here/rootfs/." "$root/"
     ln -s ../usr/bin/busybox "$root/sbin/init"
     ln -s usr/bin/busybox "$root/init"
+    cp "$out/set_clock" "$root/usr/sbin/"
     cp -r "$programs" "$root/usr/lib/supervisor"
 }
 

@@ -1,5 +1,5 @@
 # KV_INIT chooses the start files that are installed with the daemon, in component device. They name the program below
-# the installation's prefix, and run upgrade_prepare.sh, which is installed with them.
+# the installation's prefix, and run upgrade_prepare.sh and upgrade_keep_log.sh, which are installed with them.
 set(KV_INIT none CACHE STRING "Init system to install start files for: none, busybox or systemd")
 set_property(CACHE KV_INIT PROPERTY STRINGS none busybox systemd)
 
@@ -24,10 +24,12 @@ if(KV_INIT STREQUAL "busybox")
 elseif(KV_INIT STREQUAL "systemd")
     # systemd reads both folders, below /usr and below /usr/local.
     kv_install_start(systemd/upgrademain.service lib/systemd/system ${kv_data})
+    kv_install_start(systemd/upgrademain-log.service lib/systemd/system ${kv_data})
     kv_install_start(systemd/upgrademain.conf lib/systemd/system.conf.d ${kv_data})
 elseif(NOT KV_INIT STREQUAL "none")
     message(FATAL_ERROR "KV_INIT is '${KV_INIT}'; it must be none, busybox or systemd.")
 endif()
 if(NOT KV_INIT STREQUAL "none")
-    install(PROGRAMS packaging/scripts/upgrade_prepare.sh DESTINATION "${CMAKE_INSTALL_SBINDIR}" COMPONENT device)
+    install(PROGRAMS packaging/scripts/upgrade_prepare.sh packaging/scripts/upgrade_keep_log.sh
+            DESTINATION "${CMAKE_INSTALL_SBINDIR}" COMPONENT device)
 endif()

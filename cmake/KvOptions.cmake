@@ -34,11 +34,15 @@ if(KV_HARDEN)
     list(APPEND KV_DAEMON_FLAGS -fno-unwind-tables -fno-asynchronous-unwind-tables)
 endif()
 
-# Debian has no start file for a static program at a random address on armhf.
+# Debian's glibc has no start file for a static program at a random address on armhf. musl has one.
 if(KV_STATIC)
     set(CMAKE_FIND_LIBRARY_SUFFIXES .a)
-    set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
-    target_link_options(kv_options INTERFACE -static)
+    if(KV_STATIC_PIE)
+        target_link_options(kv_options INTERFACE -static-pie)
+    else()
+        set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
+        target_link_options(kv_options INTERFACE -static)
+    endif()
 elseif(KV_HARDEN)
     target_link_options(kv_options INTERFACE -pie)
 endif()

@@ -19,7 +19,7 @@ set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME upgrademain-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS upgrademain-doc)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "minisign, upgrademain-doc, xdg-utils")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
     "tools for cameras supervised by upgradeMain
 kvtool builds and checks upgrade packages, finds cameras in recovery mode and

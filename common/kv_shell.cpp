@@ -1,16 +1,25 @@
 #include "common/kv_shell.h"
 
+#include <dirent.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 
 #include "common/kv_time.h"
+
+#ifdef __GLIBC__
+#define KV_HAS_CLOSEFROM __GLIBC_PREREQ(2, 34)
+#else
+#define KV_HAS_CLOSEFROM 0
+#endif
 
 extern char** environ;
 
@@ -18,6 +27,42 @@ namespace {
 
 constexpr int kShellNotFound = 127 << 8;
 constexpr int kPollMs = 20;
+
+#if KV_HAS_CLOSEFROM
+
+void AddCloseOthers(posix_spawn_file_actions_t* actions) {
+    (void)posix_spawn_file_actions_addclosefrom_np(actions, STDERR_FILENO + 1);
+}
+
+#else
+
+// How many descriptors other threads may open between the look at /proc and the start of the child.
+constexpr int kDescriptorReserve = 16;
+
+// Returns -1 without /proc.
+int HighestDescriptor() {
+    DIR* folder = opendir("/proc/self/fd");
+    if (folder == nullptr) {
+        return -1;
+    }
+    int highest = -1;
+    while (const dirent* entry = readdir(folder)) {
+        highest = std::max(highest, atoi(entry->d_name));
+    }
+    (void)closedir(folder);
+    return highest;
+}
+
+// Other C libraries close single descriptors only, and do not mind those that are not open. A new
+// descriptor gets the lowest free number.
+void AddCloseOthers(posix_spawn_file_actions_t* actions) {
+    const int highest = HighestDescriptor();
+    for (int i = STDERR_FILENO + 1; highest >= 0 && i <= highest + kDescriptorReserve; ++i) {
+        (void)posix_spawn_file_actions_addclose(actions, i);
+    }
+}
+
+#endif
 
 // posix_spawn is as cheap as vfork but without its traps: no handler of ours can run in the child,
 // and a failed exec cannot return into our code.
@@ -34,15 +79,9 @@ int SpawnShell(const char* command, bool closeOthers, pid_t* pid) {
     (void)posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawn_file_actions_t actions;
     (void)posix_spawn_file_actions_init(&actions);
-    (void)closeOthers;
-// Two conditions, because other C libraries lack the macro in the second one.
-#ifdef __GLIBC__
-#if __GLIBC_PREREQ(2, 34)
     if (closeOthers) {
-        (void)posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+        AddCloseOthers(&actions);
     }
-#endif
-#endif
     const char* const arguments[] = {"sh", "-c", command, nullptr};
     const int error = posix_spawn(pid, "/bin/sh", &actions, &attributes,
                                   const_cast<char* const*>(arguments), environ);

@@ -91,7 +91,7 @@ void WriteEntries(FILE* package, uint32_t fileNum) {
 }
 
 void WritePackage() {
-    const UniqueFile package(fopen(kv::kPackagePath, "rbe"));
+    const UniqueFile package(kv::kOpenPackage(kv::kPackagePath, "rbe"));
     if (!package) {
         KV_ERROR_IN(kProc, "open %s error", kv::kPackagePath);
         return;

@@ -35,6 +35,21 @@ static_assert(offsetof(UpgradeFileEntryBytes, checkCode) == 140, "offset of the 
 constexpr size_t kPackageHeaderSize = sizeof(UpgradeFileHeaderBytes);
 constexpr size_t kPackageEntrySize = sizeof(UpgradeFileEntryBytes);
 
+// A signed package has this as entry 0. The name selects no partition, so a program without trusted
+// keys skips the entry. Its image starts directly after the table: a PackageSignatureBytes, then
+// the trusted comment. docs/package-format.md says what is signed.
+constexpr char kSignatureName[] = "signature";
+
+// A minisign signature without its text form.
+struct PackageSignatureBytes {
+    uint8_t algorithm[2];  // "ED": Ed25519 over the BLAKE2b-512 digest
+    uint8_t keyId[8];
+    uint8_t signature[64];         // of the package with the signature's image zeroed
+    uint8_t commentSignature[64];  // of `signature`, then the trusted comment
+};
+static_assert(sizeof(PackageSignatureBytes) == 138, "size of a package signature");
+constexpr size_t kMaxSignatureComment = 255;
+
 }  // namespace kv
 
 // Layout in memory: texts always terminated (one byte longer than in the file), integers in host
@@ -53,6 +68,13 @@ struct UpgradeFileEntry {
     uint32_t checkCode;
 };
 
+// Opens a signed package for reading. First reads the whole file, which blocks for as long, and
+// logs whose signature it bears. The stream then gives only bytes that were signed: if the file
+// changes meanwhile, reading fails with an ERROR in the log. Returns null if the file cannot be
+// opened, or if no trusted key has signed it. `mode` is "r" with any of fopen's letters for
+// reading. Only in a program with trusted keys. Any thread; the stream, one thread at a time.
+FILE* KV_PACKAGE_OpenSigned(const char* path, const char* mode);
+
 // Reads the header from the file's current position, which must be its start. Returns the number of
 // bytes read. *header changes only if that is kv::kPackageHeaderSize.
 size_t KV_PACKAGE_ReadHeader(FILE* package, UpgradeFileHeader* header);
@@ -66,3 +88,17 @@ bool KV_PACKAGE_HeaderAccepted(const UpgradeFileHeader* header);
 
 // Whether `fileName` selects a partition: it begins with the partition's name.
 bool KV_PACKAGE_NameSelects(const char* fileName, const char* partitionName);
+
+namespace kv {
+
+// Whether this program accepts only packages that a compiled-in key has signed, and how it opens
+// them. A constant, so a program without keys has no trace of this.
+#ifdef KV_SIGNED_ONLY
+constexpr bool kSignedOnly = true;
+constexpr auto kOpenPackage = KV_PACKAGE_OpenSigned;
+#else
+constexpr bool kSignedOnly = false;
+constexpr auto kOpenPackage = fopen;
+#endif
+
+}  // namespace kv

@@ -20,46 +20,10 @@ namespace {
 // Offset of the ready flag in a heartbeat.
 constexpr int kReadyOffset = 32;
 
-MonitoredProcess g_cameraMain = {kv::kAppName, 0, 5, 120, 1, 1, 0, 0};
+MonitoredProcess g_cameraMain = KV_MONITOR_NewRecord(0);
 
 uint32_t Now() {
     return static_cast<uint32_t>(kv::MonotonicSeconds());
-}
-
-MonitorDecision DecideOnHeartbeat(MonitoredProcess* process, const MonitorInput& input) {
-    MonitorDecision decision = {};
-    // The first heartbeat after a silence does not stop the button thread. Only the second in a row
-    // shows that the application owns the button again.
-    decision.stopButton = process->online == 1;
-    if (input.ready) {
-        process->restart_hold = 0;
-        process->ready_time = input.now;
-    }
-    process->last_seen = input.now;
-    process->online = 1;
-    decision.removeMarker = input.marker;
-    // Kept: logged in one second out of four, however often heartbeats arrive.
-    decision.logOnline = (process->last_seen & 3U) == 0;
-    return decision;
-}
-
-MonitorDecision DecideOnSilence(MonitoredProcess* process, const MonitorInput& input) {
-    MonitorDecision decision = {};
-    decision.startButton = process->online == 1;
-    decision.logOffline = true;
-    decision.offTime = input.now - process->last_seen;
-    if (process->restart_hold == 0 && decision.offTime > process->start_timeout) {
-        if (process->restart_budget != 0) {
-            --process->restart_budget;
-            decision.step = MonitorStep::kRestart;
-            // The next step follows after half a start time-out, not a whole one.
-            process->last_seen = input.now - process->start_timeout / 2U;
-        } else {
-            decision.step = input.marker ? MonitorStep::kRecover : MonitorStep::kReboot;
-        }
-    }
-    process->online = 0;
-    return decision;
 }
 
 // Whether the monitor may act: only while no flash writer runs. Ask before each step, because the
@@ -153,14 +117,6 @@ void __KV_cameraMainProcessHandle(int online, MonitoredProcess* process, const u
 
 }  // namespace
 
-MonitorDecision KV_MONITOR_Decide(MonitoredProcess* process, const MonitorInput& input) {
-    if (input.quiet) {
-        process->last_seen = input.now;
-        return {};
-    }
-    return input.heartbeat ? DecideOnHeartbeat(process, input) : DecideOnSilence(process, input);
-}
-
 void KV_MONITOR_Begin(void) {
     const uint32_t now = Now();
     g_cameraMain.last_seen = now;
@@ -184,7 +140,7 @@ void __KV_cameraMainHeartbeatRead(hio_t* io, void* buf, int readbytes) {
 
 void __KV_cameraMainCheckTimer(htimer_t* timer) {
     (void)timer;
-    if (Now() - g_cameraMain.last_seen > g_cameraMain.heartbeat_timeout) {
+    if (KV_MONITOR_IsSilent(g_cameraMain, Now())) {
         __KV_cameraMainProcessHandle(0, &g_cameraMain, nullptr);
     }
 }

@@ -28,7 +28,7 @@
 
 namespace {
 
-constexpr uint32_t kCheckPeriodMs = 3000;
+constexpr uint32_t kCheckPeriodMs = kMonitorCheckPeriodMs;
 
 std::atomic<uint8_t> g_exiting = {0};
 

@@ -309,6 +309,13 @@ void __KV_KorvanUpgradeRead(hio_t* io, void* buf, int len) {
             }
             break;
         case Outcome::kComplete:
+            if constexpr (kv::kSignedOnly) {
+                if (__KV_CheckUpgradeFileSignature() != 0) {
+                    KV_ERROR_IN(kRead, "signature check fail!");
+                    FailTransfer();
+                    break;
+                }
+            }
             CheckAndAccept(io);
             break;
         case Outcome::kFailed:

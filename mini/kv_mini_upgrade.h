@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include "flash/kv_upgrade_package.h"
 #include "hv/hloop.h"
 
 // Starts a transfer on `io`: `fileLength` bytes of package, then the trailer. `data` holds the
@@ -32,3 +33,8 @@ int __KV_CheckUpgradeFileMd5(void);
 // Checks whether the stored package is for this device. Returns 0; otherwise deletes the package
 // and returns -1. Any thread; does not block.
 int __KV_CheckUpgradeFileHeader(void);
+
+// Checks whether a key that this program trusts has signed the stored package. Returns 0; otherwise
+// -1. Only in a program with trusted keys. Changes no file. Blocks while it reads the package. Any
+// thread.
+int __KV_CheckUpgradeFileSignature(void);

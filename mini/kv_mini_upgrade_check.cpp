@@ -107,3 +107,10 @@ int __KV_CheckUpgradeFileHeader(void) {
     (void)unlink(kv::kPackagePath);
     return -1;
 }
+
+#ifdef KV_SIGNED_ONLY
+int __KV_CheckUpgradeFileSignature(void) {
+    const UniqueFile package(kv::kOpenPackage(kv::kPackagePath, "rbe"));
+    return package ? 0 : -1;
+}
+#endif

@@ -3,6 +3,7 @@
 #
 #   armhf_packages.sh fetch PACKAGE...        downloads missing packages and prints the path of each package file
 #   armhf_packages.sh unpack DIR PACKAGE...   fetches the packages and replaces DIR with their files
+#   armhf_packages.sh source NAME...          downloads missing source packages and prints the folder of each
 #   armhf_packages.sh env                     prints shell assignments of KV_CACHE and APT_CONFIG; with APT_CONFIG,
 #                                             apt-cache answers about armhf once something has been fetched
 #
@@ -13,6 +14,7 @@ shopt -s inherit_errexit
 
 cache=${KV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/upgrademain}
 packages=$cache/armhf-packages
+sources=$cache/sources
 apt=$cache/armhf-apt
 export APT_CONFIG=$apt/apt.conf
 
@@ -39,6 +41,23 @@ END
 
 # The host's post-update hooks are for its own package system.
 quiet_apt() { apt-get -q -o APT::Update::Post-Invoke-Success= "$@" >&2; }
+
+# The host's package sources, asked for source packages only. Sets source_options.
+prepare_sources() {
+    local file name
+    rm -rf "$apt/sources"
+    mkdir -p "$apt/sources"
+    for file in /etc/apt/sources.list /etc/apt/sources.list.d/*; do
+        [ -f "$file" ] || continue
+        name=$(basename "$file")
+        case $file in
+            *.list) sed -n 's/^deb /deb-src /p' "$file" >"$apt/sources/$name" ;;
+            *.sources) sed 's/^Types:.*/Types: deb-src/' "$file" >"$apt/sources/$name" ;;
+        esac
+    done
+    source_options=(-o "Dir::Etc::sourceparts=$apt/sources" -o Dir::Etc::sourcelist=/dev/null
+        -o Acquire::IndexTargets::deb-src::Sources::DefaultEnabled=true)
+}
 
 file_of() { # PACKAGE: prints its file in the cache, or nothing
     find "$packages" -maxdepth 1 -name "$1_*.deb" | sort | tail -n 1
@@ -79,6 +98,48 @@ fetch() {
     done
 }
 
+# apt checks what it downloads against the signed package lists. A folder without .dsc holds the upstream archive alone.
+fetch_missing_sources() { # NAME...
+    local name partial missing=()
+    for name in "$@"; do
+        [ -d "$sources/$name" ] || missing+=("$name")
+    done
+    [ ${#missing[@]} -gt 0 ] || return 0
+    command -v apt-get >/dev/null || die "this system has no apt; missing source packages: ${missing[*]}"
+    prepare_apt
+    prepare_sources
+    echo "armhf_packages: reading the lists of source packages (about 10 MB the first time)" >&2
+    quiet_apt "${source_options[@]}" update ||
+        echo "armhf_packages: some package lists are missing; trying with the others" >&2
+    for name in "${missing[@]}"; do
+        partial=$sources/$name.new
+        rm -rf "$partial"
+        mkdir -p "$partial"
+        (cd "$partial" && quiet_apt "${source_options[@]}" source --download-only "$name") ||
+            fetch_upstream_archive "$name" "$partial"
+        mv "$partial" "$sources/$name"
+    done
+}
+
+# Only for packages whose upstream archive may be built without Debian's patches (scripts/musl_sysroot.sh).
+fetch_upstream_archive() { # NAME DIR
+    [ "$1" = liboping ] || die "download of the source package failed: $1"
+    echo "armhf_packages: $1: Debian's patches are not available; taking the upstream archive alone" >&2
+    rm -f "$2"/*
+    (cd "$2" && quiet_apt "${source_options[@]}" source --download-only --tar-only "$1") ||
+        die "download of the source package failed: $1"
+    rm -f "$2"/*.dsc
+}
+
+fetch_sources() { # NAME...
+    local name
+    with_lock
+    fetch_missing_sources "$@"
+    for name in "$@"; do
+        echo "$sources/$name"
+    done
+}
+
 # DIR/.packages lists the unpacked files once DIR is complete. A different list makes unpack recreate DIR.
 unpack() { # DIR PACKAGE...
     local dir=$1 files
@@ -99,6 +160,7 @@ command=${1:-}
 case $command in
     fetch) fetch "$@" ;;
     unpack) unpack "$@" ;;
+    source) fetch_sources "$@" ;;
     env) printf 'KV_CACHE=%q\nAPT_CONFIG=%q\n' "$cache" "$APT_CONFIG" ;;
-    *) die "usage: armhf_packages.sh fetch PACKAGE... | unpack DIR PACKAGE... | env" ;;
+    *) die "usage: armhf_packages.sh fetch PACKAGE... | unpack DIR PACKAGE... | source NAME... | env" ;;
 esac

@@ -1,7 +1,7 @@
 #!/bin/bash
-# bench_fleet.sh [JOBS...]: measures how long `kvtool fleet upgrade` takes for 1, 5 and 20 boards, and its CPU time and
-# memory. The boards share a radio channel of 40 Mbit/s. Their flash is as slow as a real chip. With JOBS, the script
-# measures 20 boards with each of these numbers of jobs.
+# bench_fleet.sh [JOBS...]: measures how long 1, 5 and 20 boards take to join a site, how long `kvtool fleet upgrade`
+# takes for them, and its CPU time and memory. The boards share a radio channel of 40 Mbit/s. Their flash is as slow as
+# a real chip. With JOBS, it measures 20 boards with each of these numbers of jobs.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -21,7 +21,10 @@ single=
 
 measure() { # BOARDS JOBS
     open_site --shape 40mbit
+    local began=$EPOCHREALTIME
     site start "$1" --no-eth --nor-timing -- "$bin/upgradeMain"
+    awk -v boards="$1" -v began="$began" -v now="$EPOCHREALTIME" \
+        'BEGIN { printf "%3s boards joined in %.1f s\n", boards, now - began }'
     site exec -- python3 - "$bin/kvtool" "$work/fw.FLS" "$work/journal.$1.$2" "$2" "$1" "$size" "$single" <<'PYTHON'
 import resource, subprocess, sys, time
 tool, package, journal, jobs, boards, size, single = sys.argv[1:]

@@ -1,5 +1,6 @@
 #!/bin/sh
-# board.sh fetch | run [A|B|C...] | shell: runs the program on emulated ARM boards with a real kernel (docs/board.md).
+# board.sh fetch | run [A|B|C...] [--program KIND] | shell: runs the program on emulated ARM boards with a real kernel
+# (docs/board.md).
 # fetch only installs and downloads what the other two commands need. They fetch it themselves if it is missing.
 set -eu
 
@@ -8,11 +9,12 @@ cache=${KV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/upgrademain}
 out=$PWD/build/board
 
 if [ ! -d "$cache/board-packages" ]; then
-    echo "board: the first run downloads about 130 MB: an emulator and a cross compiler, which become packages of this"
+    echo "board: the first run downloads about 140 MB: an emulator and a cross compiler, which become packages of this"
     echo "board: system, and ARM packages, which stay in $cache for later runs"
 fi
 scripts/setup.sh build arm board scripts
 scripts/arm_sysroot.sh >/dev/null
+scripts/musl_sysroot.sh >/dev/null
 board/packages.sh >/dev/null
 [ "$1" != fetch ] || exit 0
 
@@ -21,9 +23,11 @@ shift
 scripts/build_arm.sh
 mkdir -p "$out"
 arm-linux-gnueabihf-g++ -std=c++17 -Os -static -s -I. -o "$out/cameraMain" vboard/app/camera_main.cpp
+arm-linux-gnueabihf-g++ -std=c++17 -Os -static -s -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64 -o "$out/set_clock" \
+    board/set_clock.cpp
 board/image.sh "$out" build/arm
 case $command in
     run) exec python3 -B board/acceptance run "$out" build/bin/kvtool "$out/cameraMain" "$@" ;;
     shell) exec python3 -B board/acceptance shell "$out" ;;
-    *) echo "usage: board.sh fetch | run [A|B|C...] | shell" >&2 && exit 2 ;;
+    *) echo "usage: board.sh fetch | run [A|B|C...] [--program KIND] | shell" >&2 && exit 2 ;;
 esac

@@ -31,11 +31,15 @@ for init in busybox systemd none; do
     DESTDIR=$work/$init cmake --install build/release --prefix /opt --component device >"$work/log" ||
         die "$(cat "$work/log")"
 done
-expect "INIT=busybox" "$work/busybox" opt/sbin/upgradeMain opt/sbin/upgrade_prepare.sh etc/init.d/S50upgrademain
+expect "INIT=busybox" "$work/busybox" opt/sbin/upgradeMain opt/sbin/upgrade_prepare.sh \
+    opt/sbin/upgrade_keep_log.sh etc/init.d/S50upgrademain
 expect "INIT=systemd" "$work/systemd" opt/sbin/upgradeMain opt/sbin/upgrade_prepare.sh \
-    opt/lib/systemd/system/upgrademain.service opt/lib/systemd/system.conf.d/upgrademain.conf
+    opt/sbin/upgrade_keep_log.sh opt/lib/systemd/system/upgrademain.service \
+    opt/lib/systemd/system/upgrademain-log.service opt/lib/systemd/system.conf.d/upgrademain.conf
 grep -qx PROGRAM=/opt/sbin/upgradeMain "$work/busybox/etc/init.d/S50upgrademain" ||
     die "S50upgrademain ignores the prefix"
+grep -qx KEEPER=/opt/sbin/upgrade_keep_log.sh "$work/busybox/etc/init.d/S50upgrademain" ||
+    die "S50upgrademain ignores the prefix of its log keeper"
 grep -qx ExecStart=/opt/sbin/upgradeMain "$work/systemd/opt/lib/systemd/system/upgrademain.service" ||
     die "upgrademain.service ignores the prefix"
 rm -r "$work/systemd"
@@ -82,9 +86,11 @@ buildroot target "$top/INSTALL_TARGET_CMDS" >/dev/null
 expect "Buildroot's recipe" "$work/target" usr/sbin/upgradeMain usr/sbin/upgrade_prepare.sh root/wifi_connect.sh \
     usr/bin/wifi_reset.sh usr/bin/startapp.sh
 buildroot sysv "$top/INSTALL_INIT_SYSV" >/dev/null
-expect "Buildroot's recipe for busybox init" "$work/sysv" etc/init.d/S50upgrademain
+expect "Buildroot's recipe for busybox init" "$work/sysv" etc/init.d/S50upgrademain \
+    usr/sbin/upgrade_keep_log.sh
 buildroot systemd "$top/INSTALL_INIT_SYSTEMD" >/dev/null
 expect "Buildroot's recipe for systemd" "$work/systemd" usr/lib/systemd/system/upgrademain.service \
+    usr/lib/systemd/system/upgrademain-log.service usr/sbin/upgrade_keep_log.sh \
     usr/lib/systemd/system.conf.d/upgrademain.conf
 
 # OpenWrt.
@@ -125,15 +131,29 @@ cmake -G Ninja -S "$work/openwrt/build" -B "$work/configured" $(openwrt options)
 ! grep -q 'not used by the project' "$work/log" ||
     die "the recipes set unknown options: $(cat "$work/log")"
 
+# With the same options, compile and link it against musl, OpenWrt's C library.
+if [ -d "${KV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/upgrademain}/musl-sysroot" ]; then
+    # shellcheck disable=SC2046 # one word per option
+    cmake -G Ninja -S "$work/openwrt/build" -B "$work/musl" -DCMAKE_TOOLCHAIN_FILE="$top/cmake/armhf-musl.cmake" \
+        $(openwrt options) >"$work/log" 2>&1 ||
+        die "the recipes' options do not configure with musl: $(cat "$work/log")"
+    cmake --build "$work/musl" >"$work/log" 2>&1 ||
+        die "the recipes' options do not build with musl: $(cat "$work/log")"
+else
+    echo "check_packaging: no libraries for musl (make arm makes them); the recipes' options were not built with it"
+fi
+
 # systemd.
 if command -v systemd-analyze >/dev/null; then
     mkdir -p "$work/root/usr/sbin" "$work/root/etc/systemd/system"
-    cp "$work/target/usr/sbin/"* "$work/root/usr/sbin/"
-    sed "s:=\(-\?\)/usr/sbin:=\1$work/root/usr/sbin:" packaging/systemd/upgrademain.service \
-        >"$work/root/etc/systemd/system/upgrademain.service"
-    found=$(systemd-analyze verify --man=no "$work/root/etc/systemd/system/upgrademain.service" 2>&1 |
-        grep upgrademain || true)
-    [ -z "$found" ] || die "the unit: $found"
+    cp "$work/target/usr/sbin/"* "$work/systemd/usr/sbin/"* "$work/root/usr/sbin/"
+    for unit in upgrademain upgrademain-log; do
+        sed "s:=\(-\?\)/usr/sbin:=\1$work/root/usr/sbin:" "packaging/systemd/$unit.service" \
+            >"$work/root/etc/systemd/system/$unit.service"
+        found=$(systemd-analyze verify --man=no "$work/root/etc/systemd/system/$unit.service" 2>&1 |
+            grep upgrademain || true)
+        [ -z "$found" ] || die "the unit $unit: $found"
+    done
 else
     echo "check_packaging: systemd-analyze is not installed; the unit was not checked"
 fi

@@ -41,3 +41,6 @@ say "Timeline, in seconds of the board's clock"
 board status --json >"$work/status.json"
 board stop
 scripts/ladder_times.py "$state" "$speed" "$work/status.json"
+
+say "The same, as kvtool reads it from the device's log"
+"$bin/kvtool" ladder --log "$state"/boot-[12]/trace.log

@@ -25,8 +25,9 @@ FILES = {
     "session": ["tools/device/protocol_client.cpp", "tools/device/upgrade_session.cpp", "tools/device/probe.cpp"],
     "package": ["tools/package/check.cpp", "tools/package/compare.cpp", "tools/package/extract.cpp",
                 "tools/package/builder.cpp", "tools/package/package_json.cpp"],
-    "recipe": ["tools/package/recipe.cpp", "tools/package/layout.cpp", "tools/package/signature.cpp",
+    "recipe": ["tools/package/recipe.cpp", "tools/package/layout.cpp", "tools/package/minisign_files.cpp",
                "tools/base/text.cpp"],
+    "signature": ["flash/kv_package_signature.cpp", "tools/package/signature.cpp"],
     "journal": ["tools/fleet/journal.cpp", "tools/fleet/state.cpp"],
 }
 

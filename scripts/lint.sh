@@ -1,6 +1,6 @@
 #!/bin/sh
-# Checks format, shell scripts, texts, man pages, packaging, mutant rules and the tests' share of the code, and runs
-# static analysis. Stops at the first failing check.
+# Checks format, shell scripts, texts, man pages, pictures, packaging, mutant rules and the tests' share of the code.
+# Runs static analysis. Stops at the first failing check.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -15,6 +15,8 @@ echo "lint: texts"
 scripts/check_text.py
 echo "lint: man pages"
 scripts/check_man.sh
+echo "lint: pictures"
+scripts/pictures.sh --check
 echo "lint: packaging"
 scripts/check_packaging.sh
 echo "lint: mutants"

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """size.py [--update] BUILD...: prints the sizes of the device program's builds and what takes the space in them.
 
-BUILD is "host", "armhf" or "armhf-static" and must have been built. The exit status is 1 if a build is more than 5 %
-above its figure in scripts/size.txt. --update writes the figures instead.
+BUILD is "host", "armhf", "armhf-static" or "armhf-musl" and must have been built. The exit status is 1 if a build is
+more than 5 % above its figure in scripts/size.txt. --update writes the figures instead.
 """
 import collections
 import os
@@ -18,6 +18,7 @@ BUILDS = {
     "host": (platform.machine(), "build/bin/upgradeMain", "build/release", ""),
     "armhf": ("armhf", "build/arm/dynamic/upgradeMain", "build/armhf", "arm-linux-gnueabihf-"),
     "armhf-static": ("armhf-static", "build/arm/static/upgradeMain", "build/armhf-static", "arm-linux-gnueabihf-"),
+    "armhf-musl": ("armhf-musl", "build/arm/musl/upgradeMain", "build/armhf-musl", "arm-linux-gnueabihf-"),
 }
 HEADER = """\
 # Bytes of code, constants and initialised data (text + data of size(1)) of the device program, as Debian 12's compilers

@@ -7,8 +7,14 @@ set -eu
 cd "$(dirname "$0")/.."
 builds=host
 if scripts/setup.sh arm && scripts/arm_sysroot.sh >/dev/null; then
-    scripts/build_arm.sh
+    scripts/build_arm.sh dynamic static
     builds="host armhf armhf-static"
+    if scripts/musl_sysroot.sh >/dev/null; then
+        scripts/build_arm.sh musl
+        builds="$builds armhf-musl"
+    else
+        echo "SKIPPED: the ARM build on musl was not measured: its libraries could not be fetched or built" >&2
+    fi
 else
     echo "SKIPPED: the ARM builds were not measured: no cross compiler or ARM libraries, and no way to fetch them" >&2
 fi

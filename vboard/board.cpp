@@ -26,6 +26,7 @@ using nlohmann::json;
 namespace {
 
 constexpr char kPowerOn[] = "power-on";
+constexpr char kPowerCut[] = "power cut";
 constexpr char kStopped[] = "stopped";
 // The application's partition. The platform unpacks it at boot.
 constexpr char kAppPartition[] = "mtd5";
@@ -71,7 +72,9 @@ Board::Board(const BoardOptions& options, const StateDir& state,
     watchdogEvent_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     devices_ = std::make_unique<Devices>(DevicesConfig{
         partitions_, options.eraseBlock, options.norTiming, state.OpLog(), options.speed});
+    powerEvent_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     devices_->OnWatchdogReset([this] { (void)eventfd_write(watchdogEvent_.Get(), 1); });
+    devices_->OnPowerCut([this] { (void)eventfd_write(powerEvent_.Get(), 1); });
 }
 
 Board::~Board() {
@@ -84,6 +87,7 @@ Board::~Board() {
 int Board::Run() {
     loop_.Add(signals_.Get(), [this] { OnSignal(); });
     loop_.Add(watchdogEvent_.Get(), [this] { OnWatchdog(); });
+    loop_.Add(powerEvent_.Get(), [this] { OnPowerCut(); });
     if (network_->EndFd() >= 0) {
         loop_.Add(network_->EndFd(), [this] {
             loop_.Remove(network_->EndFd());
@@ -151,7 +155,7 @@ void Board::StartBoot(const std::string& reason) {
             config.appFlash = partition.file;
         }
     }
-    config.devices.emplace_back("watchdog");
+    config.devices.emplace_back(kWatchdog);
 
     network_->Attach(init_);
     DevicesMount mount = MountDevices();
@@ -196,12 +200,42 @@ void Board::OnWatchdog() {
     CutPower("watchdog");
 }
 
+void Board::OnPowerCut() {
+    eventfd_t count = 0;
+    (void)eventfd_read(powerEvent_.Get(), &count);
+    // The event may be left of a boot that has ended otherwise.
+    if (init_ > 0 && cutReason_.empty()) {
+        SetPower("off");
+    }
+}
+
+void Board::SetPower(const std::string& action) {
+    if (action == "off") {
+        powered_ = false;
+        CutPower(kPowerCut);
+    } else if (action != "on") {
+        throw std::runtime_error("the power can be switched \"on\" or \"off\"");
+    } else if (powered_) {
+        throw std::runtime_error("the board is on");
+    } else {
+        powered_ = true;
+        // If the boot is still ending, FinishBoot starts the next one.
+        if (init_ < 0) {
+            StartBoot(kPowerOn);
+        }
+    }
+}
+
 void Board::CutPower(const std::string& reason) {
     if (init_ < 0 || !cutReason_.empty()) {
         return;
     }
     cutReason_ = reason;
-    (void)kill(init_, SIGKILL);
+    if (reason == kPowerCut) {
+        KillBoard(init_);  // so that nothing on the board sees the power go
+    } else {
+        (void)kill(init_, SIGKILL);
+    }
     // A process inside a device operation dies only when the operation ends, so the devices lose
     // power too.
     devices_->Detach();
@@ -243,9 +277,11 @@ void Board::FinishBoot(int waitStatus) {
     }
     loop_.Remove(initSocket_.Get());
     devices_->Detach();
-    // A watchdog that fired while the board went down must not reset the next boot.
+    // A watchdog that fired, or a chip that lost its power, while the board went down must not
+    // reset the next boot.
     eventfd_t count = 0;
     (void)eventfd_read(watchdogEvent_.Get(), &count);
+    (void)eventfd_read(powerEvent_.Get(), &count);
     network_->Detach();
 
     const std::string reason = ResetReason(waitStatus);
@@ -261,7 +297,9 @@ void Board::FinishBoot(int waitStatus) {
         loop_.Stop();
         return;
     }
-    StartBoot(reason);
+    if (powered_) {
+        StartBoot(reason == kPowerCut ? kPowerOn : reason);
+    }
 }
 
 void Board::PressButton(int connection, bool pressed) {
@@ -281,7 +319,12 @@ void Board::AddFault(const json& request) {
             throw std::runtime_error("not a fault of the trace: \"" + operation +
                                      "\" (use block or off)");
         }
+        RequirePower();
         console_->HoldTrace(operation == "block");
+        return;
+    }
+    if (device == "power") {
+        AddPowerFault(request);
         return;
     }
     if (device != "reboot") {
@@ -295,6 +338,28 @@ void Board::AddFault(const json& request) {
                                  "\" (use fail, hang or off)");
     }
     WriteText(state_.RebootFault(), operation);
+}
+
+void Board::AddPowerFault(const json& request) {
+    PowerCut cut;
+    cut.step = request.value("step", uint64_t{0});
+    const std::string place = request.at("operation");
+    if (place == "first") {
+        cut.place = PowerCut::Place::kFirstHalf;
+    } else if (place == "second") {
+        cut.place = PowerCut::Place::kSecondHalf;
+    } else if (place == "off") {
+        cut.step = 0;
+    } else if (place != "after") {
+        throw std::runtime_error("the power can fail \"after\" an operation or inside it");
+    }
+    devices_->SetPowerCut(cut);
+}
+
+void Board::RequirePower() const {
+    if (init_ < 0) {
+        throw std::runtime_error("the board has no power (switch it on with: vboard power on)");
+    }
 }
 
 json Board::Brief() const {
@@ -354,7 +419,10 @@ json Board::Handle(int connection, const json& request) {
         return Brief();
     }
     if (command == "reset") {
+        RequirePower();
         CutPower("reset");
+    } else if (command == "power") {
+        SetPower(request.at("action"));
     } else if (command == "stop") {
         Stop(0);
     } else if (command == "fault") {
@@ -364,6 +432,7 @@ json Board::Handle(int connection, const json& request) {
     } else if (command == "ap") {
         network_->AccessPoint(request.at("action"));
     } else if (command == "link") {
+        RequirePower();
         network_->WlanLink(init_, request.at("action") == "up");
     } else {
         throw std::runtime_error("unknown request to the runner: \"" + command + "\"");

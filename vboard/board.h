@@ -46,7 +46,7 @@ class Board {
   private:
     void StartBoot(const std::string& reason);
     void FinishBoot(int waitStatus);
-    // Cuts the power; the boot ends with `reason`. Only the first reason counts.
+    // Cuts the power for a moment; the boot ends with `reason`. Only the first reason counts.
     void CutPower(const std::string& reason);
     void Stop(int exitStatus);
     std::string ResetReason(int waitStatus) const;
@@ -54,12 +54,17 @@ class Board {
     void OnSignal();
     void OnInitMessage();
     void OnWatchdog();
+    void OnPowerCut();
+    void SetPower(const std::string& action);
     nlohmann::json Handle(int connection, const nlohmann::json& request);
     nlohmann::json Status();
     // A short status, cheap enough to be asked often.
     nlohmann::json Brief() const;
     void AddFault(const nlohmann::json& request);
+    void AddPowerFault(const nlohmann::json& request);
     void PressButton(int connection, bool pressed);
+    // Throws if the board is off.
+    void RequirePower() const;
 
     BoardOptions options_;
     std::string self_;  // path of this program
@@ -70,6 +75,7 @@ class Board {
     std::vector<PartitionConfig> partitions_;
     UniqueFd signals_;
     UniqueFd watchdogEvent_;
+    UniqueFd powerEvent_;
     std::unique_ptr<Devices> devices_;
     std::unique_ptr<ControlServer> control_;
 
@@ -83,6 +89,7 @@ class Board {
     int programCode_ = -1;   // its exit code, -1 while it runs
 
     std::vector<std::string> reasons_;  // of all boots, in order
+    bool powered_ = true;               // false from a power cut until the power is on again
     int buttonHolder_ = -1;             // connection that holds the button down
     bool stopping_ = false;
     int exitStatus_ = 0;

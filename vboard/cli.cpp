@@ -193,15 +193,32 @@ struct Cli {
         CLI::App* const add =
             Add(&app, "fault", "Make the next operations of a device, or reboot, fail",
                 [this](const StateDir& where) { vboard::AddFault(where, fault); });
-        add->add_option("device", fault.device, "mtd0 … mtd7, watchdog, reboot, trace")->required();
+        add->add_option("device", fault.device,
+                        "mtd0 … mtd7, flash (any of them), watchdog, reboot, trace, power")
+            ->required();
         add->add_option("operation", fault.operation,
                         "open, ioctl, erase, write, read; for reboot: fail, hang, off; for "
-                        "trace: block, off")
-            ->required();
+                        "trace: block, off; for power: none, or off");
         CLI::Option* const error = add->add_option("--errno", fault.errorName, "EIO, ENOSPC, …");
         add->add_option("--short", fault.shortBytes, "Write only this many bytes")->excludes(error);
-        add->add_option("--skip", fault.skip, "Let this many succeed first");
+        CLI::Option* const skip =
+            add->add_option("--skip", fault.skip, "Let this many succeed first");
+        add->add_option("--at", fault.at, "The first one to fail, counted from 1")
+            ->excludes(skip)
+            ->check(CLI::PositiveNumber);
         add->add_option("--count", fault.count, "Then fail this many")->capture_default_str();
+        CLI::Option* const after =
+            add->add_option("--after", fault.after,
+                            "power: fail after this many block erasures and page programmings")
+                ->check(CLI::PositiveNumber);
+        CLI::Option* const inside =
+            add->add_option("--inside", fault.inside, "power: fail inside this one")
+                ->check(CLI::PositiveNumber)
+                ->excludes(after);
+        add->add_option("--half", fault.half, "The half of it that is done: first, second")
+            ->check(CLI::IsMember({"first", "second"}))
+            ->needs(inside)
+            ->capture_default_str();
 
         CLI::App* const press = Add(&app, "press", "Press the reset button",
                                     [this](const StateDir& where) { Press(where); });
@@ -217,8 +234,13 @@ struct Cli {
             ->check(CLI::IsMember({"beat", "not-ready", "silent", "late", "crash", "never"}));
         behave->add_option("seconds", lateSeconds, "late: how long it is silent after its start");
 
-        Add(&app, "reset", "Cut the power; the board boots again",
+        Add(&app, "reset", "Cut the power for a moment; the board boots again",
             [](const StateDir& where) { vboard::Reset(where); });
+        Add(&app, "power", "Cut the power, or switch the board on again",
+            [this](const StateDir& where) { vboard::SetPower(where, action); })
+            ->add_option("action", action, "off, on")
+            ->required()
+            ->check(CLI::IsMember({"off", "on"}));
         Add(&app, "stop", "Switch the board off and end its runner",
             [](const StateDir& where) { vboard::Stop(where); });
         Add(&app, "ap", "Control the access point",
@@ -237,12 +259,14 @@ struct Cli {
         CLI::App* const group =
             app.add_subcommand("site", "Many boards on one service network, with one laptop");
         group->require_subcommand(1);
-        Add(group, "run", "Set up the network; stays in the foreground",
-            [this](const StateDir& where) {
-                exitStatus = vboard::site::Site(siteOptions, where).Run();
-            })
-            ->add_option("--shape", siteOptions.rate,
-                         "Rate that all boards share in each direction, e.g. 40mbit");
+        CLI::App* const run = Add(group, "run", "Set up the network; stays in the foreground",
+                                  [this](const StateDir& where) {
+                                      exitStatus = vboard::site::Site(siteOptions, where).Run();
+                                  });
+        run->add_option("--shape", siteOptions.rate,
+                        "Rate that all boards share in each direction, e.g. 40mbit");
+        run->add_flag("--wired", siteOptions.wired,
+                      "Plug the laptop into the boards' wired network too");
         CLI::App* const start = Add(group, "start", "Start boards; returns when all have joined",
                                     [this](const StateDir& where) { StartBoards(where); });
         start->add_option("count", boards.count, "How many boards")

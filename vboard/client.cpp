@@ -61,6 +61,20 @@ int ErrorNumber(const std::string& name) {
     throw std::runtime_error("not an error name: " + name + " (use EIO, ENOSPC, …)");
 }
 
+// Words of the runner for a power cut.
+json PowerFaultRequest(const FaultOptions& options) {
+    const bool off = options.operation == "off";
+    if ((options.after > 0) + (options.inside > 0) + (off ? 1 : 0) != 1 ||
+        (!off && !options.operation.empty())) {
+        throw std::runtime_error("specify when the power fails: --after N or --inside N, or off");
+    }
+    const std::string place = off ? "off" : (options.after > 0 ? "after" : options.half);
+    return {{"command", "fault"},
+            {"device", options.device},
+            {"operation", place},
+            {"step", options.after + options.inside}};
+}
+
 std::filesystem::path RequireFlash(const StateDir& state, const std::string& mtd) {
     std::filesystem::path file = state.Flash(mtd);
     if (!std::filesystem::exists(file)) {
@@ -123,9 +137,19 @@ void ShowOperations(const StateDir& state, bool asJson) {
 }
 
 void AddFault(const StateDir& state, const FaultOptions& options) {
-    json request = {
-        {"command", "fault"},          {"device", options.device}, {"operation", options.operation},
-        {"short", options.shortBytes}, {"skip", options.skip},     {"count", options.count}};
+    if (options.device == "power") {
+        (void)ControlClient(state).Request(PowerFaultRequest(options));
+        return;
+    }
+    if (options.operation.empty() || options.after + options.inside > 0) {
+        throw std::runtime_error("specify the operation that fails");
+    }
+    json request = {{"command", "fault"},
+                    {"device", options.device},
+                    {"operation", options.operation},
+                    {"short", options.shortBytes},
+                    {"skip", options.at > 0 ? options.at - 1 : options.skip},
+                    {"count", options.count}};
     if (!options.errorName.empty()) {
         request["errno"] = ErrorNumber(options.errorName);
     } else if (options.shortBytes == 0 && options.device != "reboot" && options.device != "trace") {
@@ -198,6 +222,19 @@ void Reset(const StateDir& state) {
     next.boot = board.Request({{"command", "status"}}).at("boot").get<int>() + 1;
     (void)board.Request({{"command", "reset"}});
     WaitForLog(state, next);
+}
+
+void SetPower(const StateDir& state, const std::string& action) {
+    ControlClient board(state);
+    WaitOptions change;
+    change.boot = board.Request({{"command", "status"}}).at("boot").get<int>();
+    if (action == "on") {
+        ++change.boot;
+    } else {
+        change.console = "board: down: ";
+    }
+    (void)board.Request({{"command", "power"}, {"action", action}});
+    WaitForLog(state, change);
 }
 
 void Stop(const StateDir& state) {

@@ -17,7 +17,11 @@ struct FaultOptions {
     std::string errorName;  // "EIO"; empty with shortBytes
     uint32_t shortBytes = 0;
     uint32_t skip = 0;
+    uint32_t at = 0;  // the first one to fail, counted from 1; 0: as `skip` says
     uint32_t count = 1;
+    uint64_t after = 0;   // device "power": the chip's step after which the power fails,
+    uint64_t inside = 0;  // or inside which; 0: not given
+    std::string half = "first";
 };
 void AddFault(const StateDir& state, const FaultOptions& options);
 
@@ -35,8 +39,11 @@ void WriteFlash(const StateDir& state, const std::string& mtd, const std::string
 // the end, and also when this process is killed.
 void Press(const StateDir& state, const std::vector<double>& seconds);
 
-// Cuts the power. Returns when the next boot has started its program.
+// Cuts the power for a moment. Returns when the next boot has started its program.
 void Reset(const StateDir& state);
+// "off" cuts the power and returns when nothing of the board runs any more. "on" returns when the
+// next boot has started its program.
+void SetPower(const StateDir& state, const std::string& action);
 // Returns when the runner has ended.
 void Stop(const StateDir& state);
 // Sends a request whose reply does not matter: "ap", "link".

@@ -1,9 +1,15 @@
 #include "vboard/process_list.h"
 
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <filesystem>
+#include <set>
 #include <sstream>
 
+#include "common/kv_raii.h"
 #include "vboard/state.h"
 
 namespace vboard {
@@ -29,6 +35,20 @@ std::string Name(const fs::path& process) {
     return name;
 }
 
+fs::path PidNamespace(const fs::path& process) {
+    std::error_code gone;
+    return fs::read_symlink(process / "ns/pid", gone);
+}
+
+// The descriptor is opened before the look at the namespace, so that the signal cannot reach
+// another process that got the same id meanwhile.
+bool KillIfInside(const fs::path& process, const fs::path& space) {
+    const UniqueFd handle(
+        static_cast<int>(syscall(SYS_pidfd_open, std::atoi(process.filename().c_str()), 0)));
+    return handle && PidNamespace(process) == space &&
+           syscall(SYS_pidfd_send_signal, handle.Get(), SIGKILL, nullptr, 0) == 0;
+}
+
 BoardProcess Describe(const fs::path& process) {
     BoardProcess found;
     found.hostPid = std::atoi(process.filename().c_str());
@@ -46,20 +66,35 @@ BoardProcess Describe(const fs::path& process) {
 
 std::vector<BoardProcess> ListBoard(pid_t init) {
     std::vector<BoardProcess> list;
-    std::error_code gone;
-    const fs::path space = fs::read_symlink("/proc/" + std::to_string(init) + "/ns/pid", gone);
-    if (gone) {
+    const fs::path space = PidNamespace("/proc/" + std::to_string(init));
+    if (space.empty()) {
         return list;
     }
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
-        if (std::atoi(entry.path().filename().c_str()) > 0 &&
-            fs::read_symlink(entry.path() / "ns/pid", gone) == space) {
+        if (std::atoi(entry.path().filename().c_str()) > 0 && PidNamespace(entry.path()) == space) {
             list.push_back(Describe(entry.path()));
         }
     }
     std::sort(list.begin(), list.end(),
               [](const BoardProcess& a, const BoardProcess& b) { return a.pid < b.pid; });
     return list;
+}
+
+void KillBoard(pid_t init) {
+    const fs::path space = PidNamespace("/proc/" + std::to_string(init));
+    (void)kill(init, SIGKILL);
+    // A process that forks just before its signal leaves a child for the next round. Killed
+    // processes start no others.
+    std::set<fs::path> killed;
+    for (size_t before = 1; !space.empty() && before != killed.size();) {
+        before = killed.size();
+        for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
+            if (std::atoi(entry.path().filename().c_str()) > 0 && killed.count(entry.path()) == 0 &&
+                KillIfInside(entry.path(), space)) {
+                (void)killed.insert(entry.path());
+            }
+        }
+    }
 }
 
 }  // namespace vboard

@@ -11,7 +11,7 @@ RESET_TIMEOUT = 60
 
 
 class Board:
-    """program names one of the programs in the image: static or dynamic."""
+    """program names one of the programs in the image: dynamic, static or musl."""
 
     def __init__(self, name, program, image, kvtool, folder):
         self.name = name

@@ -1,5 +1,6 @@
 """The tests on the boards. The stories run side by side, each on its own board."""
 
+import calendar
 import re
 import time
 
@@ -7,6 +8,8 @@ import figures
 import nor
 from channel import Failure
 
+LOG_TIME = r"^(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d) \["
+IN_2040 = calendar.timegm((2040, 2, 29, 12, 0, 0))
 REBOOT_MARKER = "/param/var/miniserver_reboot"
 DEBUG_MARKER = "/param/miniserver.debug"
 WATCHDOG_SECONDS = 30
@@ -24,7 +27,7 @@ def life_story(board, report, firmware):
         details.append(f"found {mac}")
         details.append(re.search(r"firmware +(\S+)", board.info())[0])
         board.see("__KV_KorvanProtocolClose", 10)  # the figures are for an idle program
-    _show_figures(board, report, "recovery")
+    _live_in_2040(board, report)
     _upgrade(board, report, firmware)
     _show_figures(board, report, "normal")
     _starve(board, report)
@@ -40,6 +43,25 @@ def _recover(board, report):
 def _show_figures(board, report, mode):
     with report.step(board, f"figures in {mode} mode, {board.program} program") as details:
         details += figures.report(board.machine)
+
+
+def _live_in_2040(board, report):
+    """The rest of the platform has 32-bit times, so the clock is set back afterwards."""
+    machine = board.machine
+    with report.step(board, "the clock is set to 2040: kvtool info, the log's dates") as details:
+        before, begin = int(machine.run("date +%s")), time.monotonic()
+        machine.run(f"set_clock {IN_2040}")
+        since = board.machine.console.position()
+        board.info()
+        logged = board.see(LOG_TIME, 10)[1]
+        if not 0 <= calendar.timegm(time.strptime(logged, "%Y-%m-%d %H:%M:%S")) - IN_2040 < 60:
+            raise Failure(f"the log has {logged}")
+        details.append(f"logged at {logged}")
+        board.see("__KV_KorvanProtocolClose", 10)  # the figures are for an idle program
+    _show_figures(board, report, "recovery")
+    with report.step(board, "the pings of these seconds succeeded; the clock is set back"):
+        board.never_saw("NetWork ping failed", since)
+        machine.run(f"set_clock {before + time.monotonic() - begin:.0f}")
 
 
 def _upgrade(board, report, firmware):

@@ -385,6 +385,11 @@ local port80 = Proto("kvmini_or_http", "Camera command protocol or HTTP")
 local http = Dissector.get("http")
 function port80.dissector(tvb, pinfo, root)
     local used = dissect(tvb, pinfo, root)
-    return used > 0 and used or http:call(tvb, pinfo, root)
+    if used == 0 then
+        -- Malformed HTTP is not a fault of this script.
+        local done, taken = pcall(http.call, http, tvb, pinfo, root)
+        used = done and taken or 0
+    end
+    return used
 end
 DissectorTable.get("tcp.port"):add(PORT, port80)

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 
 #include <csignal>
+#include <ctime>
 #include <iterator>
 #include <regex>
 #include <sstream>
@@ -203,6 +204,23 @@ Lines Board::Messages(int boot) const {
         }
     }
     return messages;
+}
+
+std::vector<Board::TimedLine> Board::Timed(int boot) const {
+    std::vector<TimedLine> lines;
+    std::istringstream trace(Trace(boot));
+    // Time, counter, process ID, level and place, text.
+    static const std::regex form(
+        "\033\\[[0-9;]*m(\\S+ \\S+) \\[\\d\\d\\] \\d+ +(\\S+ \\S+) \033\\[m(.*)");
+    std::smatch match;
+    for (std::string line; std::getline(trace, line);) {
+        tm when{};
+        if (std::regex_match(line, match, form) &&
+            strptime(match[1].str().c_str(), "%Y-%m-%d %H:%M:%S", &when) != nullptr) {
+            lines.push_back({timegm(&when), match[2].str() + " " + match[3].str()});
+        }
+    }
+    return lines;
 }
 
 std::string Board::Console(int boot) const {

@@ -81,6 +81,13 @@ class Board {
     // The trace's messages, one "LEVEL function: message" a line, without colours, times and line
     // numbers.
     Lines Messages(int boot = 1) const;
+    // The trace's lines with their times on the board's clock, "LEVEL source:function:line
+    // message".
+    struct TimedLine {
+        long at;  // seconds
+        std::string text;
+    };
+    std::vector<TimedLine> Timed(int boot = 1) const;
     std::string Console(int boot = 1) const;
     // The commands that the program has echoed, in order.
     Lines Echoes(int boot = 1) const;

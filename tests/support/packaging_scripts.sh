@@ -50,6 +50,63 @@ busy $init stop || die "stop fails"
 echo $$ >/var/run/upgradeMain.pid
 busy $init stop >/dev/null || die "stop fails when the PID file names another process"
 
+# Log keeper: the output goes to its RAM disk. On flash it stays within its budget, across boots too. It keeps the
+# present boot and three before it. Its end, or a console that blocks, does not hold up who prints.
+keeper=/mnt/scripts/upgrade_keep_log.sh
+kept() { cat /tmp/kept/boot-*"$1"*.log 2>/dev/null; }
+is_kept() { kept "$1" | grep -q "$2"; }
+new_boot() { ! grep -q " /tmp/keep_ram " /proc/mounts || await umount /tmp/keep_ram || die "the RAM disk is in use"; }
+# One write, so the keeper sees all of it at once.
+print() { # LINES TEXT [LAST-LINE]
+    { seq -f "%05.0f $2" "$1" && [ -z "${3:-}" ] || echo "$3"; } >/tmp/lines
+    cat /tmp/lines >>/tmp/keep_ram/feed
+}
+end_keeper() {
+    pid=$(cat /tmp/keep_ram/run.pid)
+    busy $keeper stop
+    await test ! -e "/proc/$pid" || die "the keeper does not end"
+}
+export KEEP_LOG=/tmp/kept KEEP_RAM=/tmp/keep_ram KEEP_BUDGET=131072
+mkfifo /tmp/console
+written=0
+for boot in 1 2 3 4 5; do
+    new_boot
+    [ "$(busy $keeper start /tmp/console)" = /tmp/keep_ram/feed ] || die "the keeper does not start"
+    print 2000 "boot $boot: Process [cameraMain] offline" "# startapp.sh"
+    await is_kept "00000$boot-" startapp.sh || die "boot $boot: the keeper saves nothing"
+    end_keeper
+    written=$((written + $(kept "00000$boot-" | wc -c)))
+done
+[ "$(ls /tmp/kept | sed -n 's/^boot-0*\([0-9]*\)-.*/\1/p' | sort -u | paste -sd ' ')" = "2 3 4 5" ] ||
+    die "the keeper has $(ls /tmp/kept)"
+kept 000005- | head -n 1 | grep -qx '# upgrade_keep_log.sh: boot 000005, no marker' || die "no line begins the boot"
+grep -q 'boot 5: .*offline' /tmp/kept/boot-000005-001.log || die "what came before the restart is missing"
+# Without a pause between the boots all of them share half of the budget.
+[ "$written" -le 65536 ] || die "the keeper wrote $written bytes"
+[ "$written" -ge 32768 ] || die "the keeper wrote only $written bytes"
+# The last 64 KiB, without gaps, although the feed is emptied.
+new_boot
+KEEP_KIND=ram
+export KEEP_KIND
+: >/tmp/copy
+busy $keeper start /tmp/copy >/dev/null
+for round in 1 2 3 4; do
+    print 1500 "round $round"
+    await is_kept 000006- "01500 round $round" || die "round $round is not kept"
+done
+kept 000006- >/tmp/all
+[ "$(wc -c </tmp/all)" -ge 65536 ] || die "less than 64 KiB are kept"
+for round in 1 2 3 4; do seq -f "%05.0f round $round" 1500; done >/tmp/printed
+tail -c 65536 /tmp/printed >/tmp/wanted
+tail -c 65536 /tmp/all | cmp - /tmp/wanted || die "what is kept is not what was printed"
+await cmp -s /tmp/printed /tmp/copy || die "the console has gaps"
+# While no keeper runs, printing neither blocks nor ends the process that prints.
+kill -9 "$(cat /tmp/keep_ram/start.pid)" "$(cat /tmp/keep_ram/run.pid)"
+timeout 10 sh -c 'seq 100000 >>/tmp/keep_ram/feed; echo "$?" >/tmp/printed' 2>/dev/null || die "printing blocks"
+[ "$(cat /tmp/printed)" = 1 ] || die "the RAM disk has no limit"
+new_boot
+unset KEEP_LOG KEEP_RAM KEEP_BUDGET KEEP_KIND
+
 # Preparation: without a button line it does the rest and then fails. With one it sets up everything, even when it runs
 # a second time.
 export PATH="/tmp/stubs:$PATH"

@@ -1,9 +1,6 @@
 // Supervision of the application on a board with the stand-in application, mostly on an accelerated
 // clock.
 #include <csignal>
-#include <ctime>
-#include <regex>
-#include <sstream>
 
 #include "tests/support/board.h"
 
@@ -30,28 +27,6 @@ Lines operator+(Lines left, const Lines& right) {
     return left;
 }
 
-struct Line {
-    long at;           // seconds on the board's clock
-    std::string text;  // "LEVEL source:function:line message"
-};
-
-std::vector<Line> Timed(const Board& board, int boot) {
-    std::vector<Line> lines;
-    std::istringstream trace(board.Trace(boot));
-    // Time, counter, process ID, level and place, text.
-    static const std::regex form(
-        "\033\\[[0-9;]*m(\\S+ \\S+) \\[\\d\\d\\] \\d+ +(\\S+ \\S+) \033\\[m(.*)");
-    std::smatch match;
-    for (std::string line; std::getline(trace, line);) {
-        tm when{};
-        if (std::regex_match(line, match, form) &&
-            strptime(match[1].str().c_str(), "%Y-%m-%d %H:%M:%S", &when) != nullptr) {
-            lines.push_back({timegm(&when), match[2].str() + " " + match[3].str()});
-        }
-    }
-    return lines;
-}
-
 // A check that found the application silent.
 struct Check {
     long at;
@@ -60,7 +35,7 @@ struct Check {
 
 std::vector<Check> Checks(const Board& board, int boot) {
     std::vector<Check> checks;
-    for (const Line& line : Timed(board, boot)) {
+    for (const Board::TimedLine& line : board.Timed(boot)) {
         int silence = 0;
         if (sscanf(line.text.c_str(),
                    "DEBUG upgrade_main:__KV_cameraMainProcessHandle:216 Proces->start_timeout = "
@@ -93,9 +68,10 @@ void ExpectLadder(const Board& board, int boot) {
     EXPECT_EQ(checks.back().at, escalations[1].at);
     EXPECT_GE(escalations[1].at - escalations[0].at, 60);
     EXPECT_LE(escalations[1].at - escalations[0].at, 60 + kTick + kLag);
-    const std::vector<Line> lines = Timed(board, boot);
-    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(),
-                            [](const Line& line) { return line.text == kOfflineLine; }));
+    const std::vector<Board::TimedLine> lines = board.Timed(boot);
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const Board::TimedLine& line) {
+        return line.text == kOfflineLine;
+    }));
 }
 
 }  // namespace
@@ -136,7 +112,7 @@ TEST(Monitor, FlashingKeepsItQuiet) {
     ASSERT_TRUE(board.WaitBoot(2));
     EXPECT_EQ(board.Reason(2), "reboot -f\n");
     EXPECT_TRUE(board.Echoes().empty());
-    const std::vector<Line> timed = Timed(board, 1);
+    const std::vector<Board::TimedLine> timed = board.Timed(1);
     EXPECT_GE(timed.back().at - timed.front().at, 200) << board.Trace();
 }
 

@@ -86,6 +86,52 @@ TEST_F(Vboard, EachResetHasItsReasonAndKeepsPersistentData) {
     }
 }
 
+TEST_F(Vboard, AfterAPowerCutTheBoardStaysOffUntilItIsSwitchedOn) {
+    Run({"--no-wifi"});
+    (void)OnBoard("touch /param/var/kept /tmp/lost");
+    for (const Lines& wrong :
+         std::vector<Lines>{{"fault", "power"},
+                            {"fault", "power", "--after", "0"},
+                            {"fault", "power", "--after", "1", "--inside", "1"},
+                            {"fault", "power", "off", "--after", "1"},
+                            {"fault", "power", "--after", "1", "--half", "first"},
+                            {"fault", "mtd6", "--errno", "EIO"},
+                            {"power", "on"}}) {
+        EXPECT_NE(board_.Try(wrong).status, 0) << testing::PrintToString(wrong);
+    }
+    board_.Fault({"power", "--inside", "1"});
+    board_.Fault({"power", "off"});
+    (void)OnBoard("printf abc | dd of=/dev/mtd7 conv=notrunc");
+    // Three pages in one write. Nothing on the board sees the cut.
+    board_.Fault({"power", "--inside", "2", "--half", "second"});
+    (void)board_.OnBoard(
+        "head -c 768 /dev/zero | dd of=/dev/mtd6 bs=768 conv=notrunc; echo after >/param/var/seen");
+    ASSERT_TRUE(board_.WaitConsole("board: down: power cut"));
+    EXPECT_TRUE(board_.Flash("mtd6").substr(0, 768) ==
+                std::string(256, '\0') + std::string(128, '\xFF') + std::string(128, '\0') +
+                    std::string(256, '\xFF'));
+    EXPECT_FALSE(fs::exists(board_.Path("param/var/seen")));
+    EXPECT_EQ(board_.Status().at("state"), "off");
+    for (const Lines& needsPower : std::vector<Lines>{{"reset"},
+                                                      {"link", "up"},
+                                                      {"fault", "trace", "block"},
+                                                      {"exec", "--board", "--", "true"}}) {
+        EXPECT_EQ(board_.Try(needsPower).status, 1) << needsPower[0];
+    }
+    board_.Fault({"power", "--after", "1"});
+    (void)board_.Do({"power", "on"});
+    EXPECT_EQ(board_.Reason(2), "power-on\n");
+    EXPECT_EQ(OnBoard("ls /param/var /tmp"), "/param/var:\nkept\n\n/tmp:\nbin\n");
+    // A cut that is due survives a reset.
+    (void)board_.Do({"reset"});
+    (void)board_.OnBoard("printf abc | dd of=/dev/mtd5 conv=notrunc");
+    ASSERT_TRUE(board_.WaitConsole("board: down: power cut", 3));
+    EXPECT_EQ(board_.Flash("mtd5").substr(0, 4), "abc\xFF");
+    (void)board_.Do({"power", "on"});
+    (void)board_.Do({"power", "off"});
+    EXPECT_EQ(board_.Status().at("state"), "off");
+}
+
 TEST_F(Vboard, AnAcceleratedClockAppliesToTheWholeBoardAndTheLastBootEndsTheRunner) {
     Run({"--no-wifi", "--max-boots", "2", "--speed", "10"}, {g_self, "feed", "60"});
     EXPECT_TRUE(Contains(board_.Do({"status"}), "boot 1, clock 10 times as fast ("));

@@ -47,6 +47,8 @@ expect "read write" vboard flash ""
 expect "read" vboard --state somewhere flash r
 expect "--state" vboard flash read --st
 expect "mute" vboard ap mu
+expect "first" vboard fault power --inside 3 --half fi
+expect "off on" vboard power o
 expect "camera.fls" vboard flash read mtd3 cam
 
 # A zsh on a pseudo terminal gets the keys that a person would type.

@@ -196,6 +196,65 @@ TEST_F(KvtoolCli, TrustsWhatMinisignSigned) {
     std::filesystem::remove_all(Path("out"));
 }
 
+TEST_F(KvtoolCli, SignsPackagesInside) {
+    std::filesystem::create_directory(Path("out"));
+    (void)kv_test::Shell("cd " + Path("out") +
+                         " && minisign -G -W -p key.pub -s key && "
+                         "minisign -G -W -p other.pub -s other && cat other.pub key.pub >both");
+    const auto pack = [this](const Arguments& more) {
+        Arguments arguments = {"pack", "-o", Path("again"), "--sign", Path("out/key")};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        arguments.push_back("app=" + Path("app"));
+        return arguments;
+    };
+    const auto made = JsonOf(pack({"--json"}), 0)["signature"];
+    EXPECT_EQ(made["trusted_comment"], "PRT7K 38QX");
+    EXPECT_EQ(made["form"], "embedded");
+    const std::string first = Read("again");
+    std::string piped;
+    EXPECT_EQ(RunTool({"pack", "-o", "-", "--sign", Path("out/key"), "app=" + Path("app")}, &piped),
+              0);
+    EXPECT_TRUE(piped == first) << "the same arguments give the same bytes, and only those";
+    EXPECT_EQ(JsonOf({"inspect", "--json", Path("again")}, 0)["embedded_signature"], made);
+    EXPECT_EQ(JsonOf({"inspect", "--json", Path("again")}, 0).count("signature"), 0U)
+        << "this key is for verified signatures";
+    for (const char* keys : {"key.pub", "both"}) {
+        EXPECT_EQ(
+            JsonOf({"inspect", "--json", "--trusted-key", Path("out") + "/" + keys, Path("again")},
+                   0)["signature"],
+            made);
+    }
+    EXPECT_EQ(RunTool({"inspect", "--trusted-key", Path("out/other.pub"), Path("again")}), 3);
+    EXPECT_EQ(RunTool({"inspect", "--trusted-key", Path("out/key"), Path("again")}), 3);
+    // The signature inside the package comes before a detached one that nobody asked for.
+    WriteFile(Path("again.minisig"), "no signature");
+    EXPECT_EQ(RunTool({"inspect", "--trusted-key", Path("out/key.pub"), Path("again")}), 0);
+    EXPECT_EQ(RunTool({"inspect", "--trusted-key", Path("out/key.pub"), "--signature",
+                       Path("again.minisig"), Path("again")}),
+              3);
+    (void)unlink(Path("again.minisig").c_str());
+
+    EXPECT_EQ(RunTool(pack({"--comment", std::string(255, 'c')})), 0);
+    const std::string last = Read("again");
+    for (const auto& [more, code] : std::vector<std::pair<Arguments, int>>{
+             {{"--comment", std::string(256, 'c')}, 3},
+             {{"--comment", ""}, 3},
+             {{"--comment", "two\nlines"}, 3},
+             {{"--manifest", Path("out/key")}, 2},
+         }) {
+        EXPECT_EQ(RunTool(pack(more)), code) << testing::PrintToString(more);
+    }
+    for (const char* wrong : {"app", "missing", "out/key.pub"}) {
+        EXPECT_EQ(
+            RunTool({"pack", "-o", Path("again"), "--sign", Path(wrong), "app=" + Path("app")}), 3)
+            << wrong;
+    }
+    EXPECT_EQ(RunTool({"pack", "-o", Path("again"), "--comment", "x", "app=" + Path("app")}), 2);
+    EXPECT_EQ(kv_test::Run("PATH= " + Line(pack({})) + " 2>&1").status, 1) << "no minisign";
+    EXPECT_TRUE(Read("again") == last) << "a failure must not change the file";
+    std::filesystem::remove_all(Path("out"));
+}
+
 TEST_F(KvtoolCli, UnknownCommandsAreNamed) {
     for (const auto& [arguments, text] : std::vector<std::pair<std::string, std::string>>{
              {"upgrad", "unknown command 'upgrad' (did you mean 'upgrade'?)"},
@@ -343,7 +402,7 @@ TEST_F(KvtoolCli, DiscoverListsAndWatches) {
                   "02:00:5E:00:00:02  127.0.0.3  " +
                   firmware +
                   "  conflict\n"
-                  "warning: address 10.7.0.1 is named by 2 devices, with the MAC addresses "
+                  "warning: address 10.7.0.1 belongs to 2 devices, with the MAC addresses "
                   "02:00:5E:00:00:01, 02:00:5E:00:00:02\n"
                   "2 found\n");
     EXPECT_EQ(run({"--timeout", "0.3", "--match", "mac=*:03"}, &output), 4);

@@ -131,11 +131,11 @@ TEST(KvtoolDiscover, LosesNoneOfFiveHundredAnswersAtOnce) {
 
 TEST(KvtoolDiscover, NamesWhatTwoDevicesShare) {
     kvtool::DiscoveryResult result;
-    const auto add = [&result](const char* mac, const char* address) {
+    const auto add = [&result](const char* mac, const char* address, const char* sender = "") {
         kvtool::DiscoveryReply reply;
         reply.mac = mac;
         reply.ip = address;
-        result.devices.push_back({reply, {address}, false});
+        result.devices.push_back({reply, {*sender != '\0' ? sender : address}, false});
     };
     add("02:00:5E:00:00:01", "10.7.0.1");
     add("", "");
@@ -144,11 +144,26 @@ TEST(KvtoolDiscover, NamesWhatTwoDevicesShare) {
     add("02:00:5E:00:00:01", "10.7.0.2");
     add("02:00:5E:00:00:02", "10.7.0.2");
     const std::vector<std::string> expected = {
-        "MAC address 02:00:5E:00:00:01 is named by 2 devices, with the addresses 10.7.0.1, "
+        "MAC address 02:00:5E:00:00:01 belongs to 2 devices, with the addresses 10.7.0.1, "
         "10.7.0.2",
-        "address 10.7.0.2 is named by 2 devices, with the MAC addresses 02:00:5E:00:00:01, "
+        "address 10.7.0.2 belongs to 2 devices, with the MAC addresses 02:00:5E:00:00:01, "
         "02:00:5E:00:00:02"};
     EXPECT_EQ(kvtool::Conflicts(result), expected);
+    // Only devices that share a MAC address, or an address that they answer from, can be confused.
+    result.devices.clear();
+    add("", "10.7.0.8");
+    add("", "10.7.0.9");
+    add("02:00:5E:00:00:01", "10.7.0.1", "10.8.0.1");
+    add("02:00:5E:00:00:02", "10.7.0.1", "10.8.0.2");
+    EXPECT_TRUE(kvtool::Confusable(result).empty());
+    add("02:00:5E:00:00:03", "10.7.0.3", "10.8.0.2");
+    add("02:00:5E:00:00:04", "10.7.0.4");
+    add("02:00:5E:00:00:04", "10.7.0.5");
+    const std::map<std::string, std::string> confusable = {
+        {"02:00:5E:00:00:02", "another device also answers from 10.8.0.2"},
+        {"02:00:5E:00:00:03", "another device also answers from 10.8.0.2"},
+        {"02:00:5E:00:00:04", "two devices answer with this MAC address"}};
+    EXPECT_EQ(kvtool::Confusable(result), confusable);
 }
 
 TEST(KvtoolDiscover, MatchesByPatternsOfFields) {

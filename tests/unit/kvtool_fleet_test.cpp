@@ -175,16 +175,46 @@ TEST(FleetJournal, ATornLineIsIgnoredAndADamagedOneIsRefused) {
     }
     (void)Journal::Open(path);
     EXPECT_EQ(kv_test::ReadFile(path), whole) << "the torn line is cut off";
-    for (const std::string& text :
-         {"x\n" + whole, whole + "{\"schema\":2}\n", whole + whole.substr(whole.find('\n') + 1),
-          std::string("\n")}) {
+    kv_test::WriteFile(path, whole + whole.substr(whole.find('\n') + 1));
+    EXPECT_EQ(ReadJournal(path).members.at(0).progress.attempts, 2);
+    // A file that is not a journal keeps its bytes, even if it has no line end.
+    for (const std::string& text : {"x\n" + whole, whole + "{\"schema\":2}\n", std::string("\n"),
+                                    std::string("firmware"), std::string("{\"schemes")}) {
         kv_test::WriteFile(path, text);
-        if (text.find("x\n") == 0 || text == "\n" || Contains(text, "\"schema\":2")) {
-            EXPECT_THROW((void)ReadJournal(path), ToolError) << text;
-        } else {
-            EXPECT_EQ(ReadJournal(path).members.at(0).progress.attempts, 2);
-        }
+        EXPECT_THROW((void)Journal::Open(path), ToolError) << text;
+        EXPECT_EQ(kv_test::ReadFile(path), text);
     }
+    EXPECT_THROW((void)ReadJournal(folder.Path()), ToolError) << "a folder";
+}
+
+// However often somebody asks for another attempt at a device that has failed, there is one at a
+// time, and none once the device is done.
+TEST(FleetRun, OneAttemptAtATimeAtADevice) {
+    std::optional<Camera> camera(std::in_place, 1);
+    const Member member = camera->AsMember();
+    camera.reset();
+    Flight flight;
+    flight.request.retries = 100;
+    flight.request.keepOpen = true;
+    Journal journal = Journal::Open(flight.path);
+    journal.WriteRun(1, {"package", flight.package.size(), "md5"}, {member});
+    Runner runner(flight.request, &journal, &flight.listener);
+    runner.Add(member);
+    std::thread run([&runner] { runner.Run(); });
+    EXPECT_TRUE(kv_test::WaitUntil([&] {
+        runner.TryAgain(member.id, member.address);
+        const Progress now = runner.Find(member.id)->progress;
+        if (now.attempts == 3 && !camera) {
+            camera.emplace(1);
+        }
+        return now.state == State::kDone;
+    }));
+    flight.startNothing.Raise();
+    run.join();
+    EXPECT_EQ(camera->device.Accepted(), 1);
+    EXPECT_EQ(ReadJournal(flight.path).members.at(0).progress.state, State::kDone);
+    EXPECT_EQ(kv_test::CountOf(kv_test::ReadFile(flight.path), "process"), 1U)
+        << "an attempt met the lock of another one";
 }
 
 TEST(FleetRun, TheRestWaitsForTheCanary) {
@@ -393,7 +423,9 @@ TEST(FleetTool, RefusesBeforeAnythingIsSent) {
     EXPECT_EQ(Tool(one + "--yes --resume").status, 2) << "nothing to resume";
     EXPECT_EQ(Tool(one + "--yes --match colour=red").status, 2);
     EXPECT_EQ(Tool("upgrade /tmp/app --yes " + camera.address).status, 3);
+    EXPECT_EQ(Tool("upgrade /tmp/good --yes --from /dev/null").status, 2) << "an empty list";
     EXPECT_EQ(Tool("report /tmp/damaged").status, 3);
+    EXPECT_EQ(Tool("report /dev/null").status, 3);
     const auto plan = Tool(one + "--dry-run");
     EXPECT_EQ(plan.status, 0);
     EXPECT_TRUE(kv_test::InOrder(plan.output, {camera.mac, camera.address, "_V1.0.0", "upgrade"}))
@@ -414,10 +446,21 @@ TEST(FleetTool, RefusesBeforeAnythingIsSent) {
     EXPECT_EQ(last["command"], "fleet upgrade");
     EXPECT_EQ(last["done"], 1) << some.output;
     EXPECT_EQ(last["devices"][0]["code"], 4);
-    EXPECT_EQ(Tool(one + "--yes --journal /tmp/j2").status, 2) << "the journal has a run";
+    EXPECT_EQ(Tool("upgrade /tmp/good --yes --journal /tmp/j2 " + camera.address).status, 2)
+        << "the journal has a run";
     const auto report = Tool("report /tmp/j2 --csv");
     EXPECT_EQ(kv_test::CountOf(report.output, "\r\n"), 3U) << report.output;
     EXPECT_TRUE(Contains(Tool("report /tmp/j2 --html").output, "<td>" + camera.mac + "</td>"));
+    const JournalContents journal = ReadJournal("/tmp/j2");
+    for (const size_t width : {size_t{80}, size_t{120}, size_t{400}}) {
+        std::ostringstream table;
+        WriteTable(table, journal, width);
+        EXPECT_TRUE(kv_test::InOrder(table.str(), {"device ", "state ", "answers no search"}));
+        std::istringstream rows(table.str());
+        for (std::string row; std::getline(rows, row) && !Contains(row, "failed (4)");) {
+            EXPECT_LE(row.size(), width) << row;
+        }
+    }
 }
 
 TEST(FleetView, RowsFitTheWindow) {

@@ -61,15 +61,16 @@ TEST(NorFlash, TakesTheChipsTimeAndCanBeCutShort) {
     const std::string file = folder.Path("nor");
     NorFlash flash(file, 2 * kBlock, kBlock);
     int steps = 0;
+    StepEnd third = StepEnd::kCut;
     std::chrono::microseconds busy{0};
-    const BusyWait powerFailsAtStep3 = [&](std::chrono::microseconds step) {
+    const StepGate powerFailsAtStep3 = [&](std::chrono::microseconds step) {
         busy += step;
-        return ++steps < 3;
+        return ++steps < 3 ? StepEnd::kWhole : third;
     };
     // 100 … 899 covers pages 0 … 3. The power fails in page 2.
     EXPECT_EQ(flash.Program(100, std::string(800, 'x').data(), 800, powerFailsAtStep3).result,
               -ENODEV);
-    EXPECT_EQ(busy, 3 * kNorPageProgram);
+    EXPECT_EQ(busy, 3 * kv::kNorPageProgram);
     EXPECT_EQ(ReadFile(file).substr(0, 600),
               std::string(100, '\xFF') + std::string(412, 'x') + std::string(88, '\xFF'));
 
@@ -80,6 +81,33 @@ TEST(NorFlash, TakesTheChipsTimeAndCanBeCutShort) {
     EXPECT_EQ(flash.Erase(0, 2 * kBlock, powerFailsAtStep3), -ENODEV);
     EXPECT_EQ(busy, 300ms);
     EXPECT_EQ(ReadFile(file), std::string(kBlock * 3 / 2, '\xFF') + std::string(kBlock / 2, '\0'));
+
+    // The same block and the last 12 bytes of a page, cut at a chosen place.
+    const struct {
+        StepEnd end;
+        std::string block;
+        std::string page;
+    } rows[] = {
+        {StepEnd::kFirstHalf, std::string(kBlock / 2, '\xFF') + std::string(kBlock / 2, 'b'),
+         "aaaaaa\xFF\xFF\xFF\xFF\xFF\xFF"},
+        {StepEnd::kSecondHalf, std::string(kBlock / 2, 'b') + std::string(kBlock / 2, '\xFF'),
+         "\xFF\xFF\xFF\xFF\xFF\xFF"
+         "aaaaaa"},
+        {StepEnd::kLast, std::string(kBlock, '\xFF'), "aaaaaaaaaaaa"},
+    };
+    for (const auto& row : rows) {
+        third = row.end;
+        ASSERT_EQ(flash.Erase(0, 2 * kBlock), 0);
+        ASSERT_GT(flash.Program(0, std::string(kBlock, 'b').data(), kBlock).result, 0);
+        steps = 2;
+        EXPECT_EQ(flash.Erase(0, kBlock, powerFailsAtStep3), -ENODEV);
+        EXPECT_TRUE(ReadFile(file).substr(0, kBlock) == row.block);
+        steps = 2;
+        EXPECT_EQ(flash.Program(kBlock + 244, std::string(300, 'a').data(), 300, powerFailsAtStep3)
+                      .result,
+                  -ENODEV);
+        EXPECT_EQ(ReadFile(file).substr(kBlock + 244, 14), row.page + "\xFF\xFF");
+    }
 }
 
 class WatchdogTimerTest : public ::testing::Test {
@@ -160,8 +188,30 @@ TEST(FaultsTest, CountSeparately) {
     EXPECT_EQ(next(), std::make_pair(EIO, 0U));
     EXPECT_EQ(next(), std::make_pair(0, 100U));
     EXPECT_EQ(next(), std::make_pair(-1, 0U));
+    // Any partition, but not the watchdog.
+    faults.Add({kAnyPartition, "write", EIO, 0, 1});
+    EXPECT_FALSE(faults.Take("mtd3", "write") || faults.Take(kWatchdog, "write"));
+    EXPECT_TRUE(faults.Take("mtd5", "write"));
     EXPECT_THROW(faults.Add({"mtd3", "wirte", EIO}), std::runtime_error);
     EXPECT_THROW(faults.Add({"mtd3", "erase", 0}), std::runtime_error);
+}
+
+TEST(PowerFaultTest, HappensAtItsStepOnce) {
+    PowerFault power;
+    EXPECT_FALSE(power.Armed());
+    EXPECT_EQ(power.Next(), StepEnd::kWhole);
+    for (const auto& [place, end] :
+         {std::pair(PowerCut::Place::kAfter, StepEnd::kLast),
+          std::pair(PowerCut::Place::kFirstHalf, StepEnd::kFirstHalf),
+          std::pair(PowerCut::Place::kSecondHalf, StepEnd::kSecondHalf)}) {
+        power.Set({5, PowerCut::Place::kAfter});
+        power.Set({2, place});  // replaces it
+        EXPECT_TRUE(power.Armed());
+        EXPECT_EQ(power.Next(), StepEnd::kWhole);
+        EXPECT_EQ(power.Next(), end);
+        EXPECT_FALSE(power.Armed());
+        EXPECT_EQ(power.Next(), StepEnd::kWhole);
+    }
 }
 
 }  // namespace

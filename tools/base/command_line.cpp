@@ -3,29 +3,12 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
-#include <numeric>
 
 #include "tools/base/text.h"
 
 namespace kvtool {
 
 namespace {
-
-// How many letters to insert, drop or replace to turn one word into the other.
-size_t EditDistance(const std::string& a, const std::string& b) {
-    std::vector<size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{0});
-    for (size_t i = 0; i < a.size(); ++i) {
-        size_t diagonal = row[0];
-        row[0] = i + 1;
-        for (size_t j = 0; j < b.size(); ++j) {
-            const size_t replaced = diagonal + (a[i] == b[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, row[j] + 1, row[j + 1] + 1});
-        }
-    }
-    return row.back();
-}
 
 // The command that requires a subcommand but was given none.
 CLI::App* CommandWithoutChoice(CLI::App* app) {
@@ -45,17 +28,13 @@ std::string UnknownCommand(CLI::App* app) {
     if (parent == nullptr || word == rest.end()) {
         return "";
     }
-    std::string nearest;
-    size_t best = std::max<size_t>(word->size() / 2, 1) + 1;
+    std::vector<std::string> names;
     for (const CLI::App* command : parent->get_subcommands([](CLI::App*) { return true; })) {
-        const size_t distance = EditDistance(*word, command->get_name());
-        if (!command->get_group().empty() && distance < best) {
-            best = distance;
-            nearest = command->get_name();
+        if (!command->get_group().empty()) {
+            names.push_back(command->get_name());
         }
     }
-    return "unknown command '" + Printable(*word) + "'" +
-           (nearest.empty() ? "" : " (did you mean '" + nearest + "'?)");
+    return "unknown command '" + Printable(*word) + "'" + DidYouMean(*word, names);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstring>
 #include <iterator>
+#include <numeric>
 
 #include "tools/base/errors.h"
 
@@ -47,6 +48,22 @@ size_t Utf8Length(std::string_view text, uint32_t* point) {
     const bool wrong = (length == 3 && *point < 0x800) || (length == 4 && *point < 0x10000) ||
                        (*point >= 0xD800 && *point <= 0xDFFF) || *point > 0x10FFFF;
     return wrong ? 0 : length;
+}
+
+// How many letters to insert, drop or replace to turn one word into the other.
+size_t EditDistance(const std::string& a, const std::string& b) {
+    std::vector<size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < a.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i + 1;
+        for (size_t j = 0; j < b.size(); ++j) {
+            const size_t replaced = diagonal + (a[i] == b[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({replaced, row[j] + 1, row[j + 1] + 1});
+        }
+    }
+    return row.back();
 }
 
 struct CodeRange {
@@ -91,6 +108,42 @@ std::string Printable(std::string_view text) {
         text.remove_prefix(length);
     }
     return out;
+}
+
+std::string MarkupText(const std::string& text) {
+    std::string out;
+    for (const char c : text) {
+        switch (c) {
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out += c;
+        }
+    }
+    return out;
+}
+
+std::string DidYouMean(const std::string& word, const std::vector<std::string>& known) {
+    std::string nearest;
+    size_t best = std::max<size_t>(word.size() / 2, 1) + 1;
+    for (const std::string& name : known) {
+        const size_t distance = EditDistance(word, name);
+        if (distance < best) {
+            best = distance;
+            nearest = name;
+        }
+    }
+    return nearest.empty() ? "" : " (did you mean '" + nearest + "'?)";
 }
 
 std::string Trimmed(std::string_view text) {

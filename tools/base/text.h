@@ -23,6 +23,12 @@ FieldText ReadField(const void* field, size_t size);
 // backslash become \xNN, byte by byte. The result is valid UTF-8.
 std::string Printable(std::string_view text);
 
+// The text for HTML, SVG and XML, also inside an attribute.
+std::string MarkupText(const std::string& text);
+
+// " (did you mean 'NAME'?)" with the name that is most like the word; empty if none is like it.
+std::string DidYouMean(const std::string& word, const std::vector<std::string>& known);
+
 // The text without spaces, tabs and carriage returns at its ends.
 std::string Trimmed(std::string_view text);
 

@@ -88,8 +88,8 @@ bool Interrupt::Raised() const {
     return Readable(pipe_[0]);
 }
 
-InterruptedBy::InterruptedBy(const Interrupt& interrupt)
-    : before_(std::exchange(g_interruptFd, interrupt.Fd())) {}
+InterruptedBy::InterruptedBy(int threadInterrupt)
+    : before_(std::exchange(g_interruptFd, threadInterrupt)) {}
 
 InterruptedBy::~InterruptedBy() {
     g_interruptFd = before_;
@@ -105,6 +105,10 @@ InterruptsInSteps::~InterruptsInSteps() {
     Handle(OnInterrupt, SA_RESETHAND);
     g_first = nullptr;
     g_second = nullptr;
+}
+
+int ThreadInterrupt() {
+    return g_interruptFd;
 }
 
 void CatchInterrupts() {

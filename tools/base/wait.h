@@ -41,7 +41,9 @@ class Interrupt {
 // While it lives, `interrupt` ends the waits of this thread, and signals do not.
 class InterruptedBy {
   public:
-    explicit InterruptedBy(const Interrupt& interrupt);
+    explicit InterruptedBy(const Interrupt& interrupt) : InterruptedBy(interrupt.Fd()) {}
+    // By what ends the waits of the thread that gave it.
+    explicit InterruptedBy(int threadInterrupt);
     ~InterruptedBy();
     InterruptedBy(const InterruptedBy&) = delete;
     InterruptedBy& operator=(const InterruptedBy&) = delete;
@@ -49,6 +51,9 @@ class InterruptedBy {
   private:
     int before_;
 };
+
+// What ends this thread's waits, for a thread that works for it.
+int ThreadInterrupt();
 
 // While it lives, the first SIGINT raises `first`; the second one, or a SIGTERM, raises both. One
 // more of the same kind ends the process in the usual way. Its end restores what CatchInterrupts

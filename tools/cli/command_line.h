@@ -25,6 +25,8 @@ void AddPackageCommands(CLI::App* root, Chosen* chosen);
 void AddToolboxCommands(CLI::App* root, Chosen* chosen);
 void AddDeviceCommands(CLI::App* root, Chosen* chosen);
 void AddFleetCommands(CLI::App* root, Chosen* chosen);
+void AddLadderCommand(CLI::App* root, Chosen* chosen);
+void AddServeCommand(CLI::App* root, Chosen* chosen);
 
 // Adds --layout and --size.
 void AddLayout(CLI::App* command, LayoutOptions* options);

@@ -53,31 +53,9 @@ JournalContents ReadEarlier(const std::string& path, const fleet::PackageName& p
     return earlier;
 }
 
-// What will happen to a device.
-std::string Intention(const Member& member) {
-    const fleet::Progress& progress = member.progress;
-    if (progress.state == State::kDone) {
-        return "nothing: it was seen alive in an earlier run";
-    }
-    if (NextFor(progress) == Next::kLook) {
-        return progress.reached == State::kAccepted
-                   ? "look at it again, do not upgrade: it accepted in an earlier run"
-                   : "look at it first: in doubt since an earlier run";
-    }
-    if (member.code == ExitCode::kRefused && progress.attempts == 0) {
-        return "it will not be upgraded: " + member.text;
-    }
-    if (progress.attempts > 0) {
-        return "upgrade again: an earlier run ended while " +
-               std::string(StateName(progress.reached));
-    }
-    return member.address.empty() ? "upgrade if it answers by then; it does not answer now"
-                                  : "upgrade";
-}
-
 void PrintPlan(std::ostream& out, const Plan& plan, const fleet::PackageName& package) {
     out << "plan for " << Printable(package.file) << ", " << SizeText(package.size)
-        << " (device, address, present firmware, what will happen):\n";
+        << "\n(device, address, present firmware, what will happen):\n";
     for (const Member& member : plan.members) {
         out << member.id;
         if (!member.address.empty() && member.address != member.id) {
@@ -86,23 +64,13 @@ void PrintPlan(std::ostream& out, const Plan& plan, const fleet::PackageName& pa
         if (!member.firmware.empty()) {
             out << "  " << Printable(member.firmware);
         }
-        out << "  " << Intention(member) << '\n';
+        out << "  " << fleet::Intention(member) << '\n';
     }
     for (const std::string& warning : plan.warnings) {
         out << "warning: " << warning << '\n';
     }
-    out << plan.members.size() << " devices\n";
+    out << fleet::DevicesText(plan.members.size()) << '\n';
     out.flush();
-}
-
-Json PlanJson(const Plan& plan) {
-    Json devices = Json::array();
-    for (const Member& member : plan.members) {
-        Json device = fleet::MemberJson(member);
-        device["intention"] = Intention(member);
-        devices.push_back(std::move(device));
-    }
-    return {{"devices", devices}, {"warnings", plan.warnings}};
 }
 
 // Throws ToolError(kInterrupted) unless the answer is yes.
@@ -151,14 +119,10 @@ RunRequest RequestOf(const FleetCommand& command, const LoadedPackage& package,
 }
 
 // Prints the table of devices that are not done, fills the JSON result, returns the exit code.
-ExitCode Sum(const Runner& runner, const Flight& flight, bool watch, bool asJson, Json* json) {
+ExitCode Sum(const Runner& runner, bool asJson, Json* json) {
     const std::vector<Member>& members = runner.Members();
     const fleet::Counts counts = fleet::Count(members);
-    Json devices = Json::array();
-    for (const Member& member : members) {
-        devices.push_back(fleet::MemberJson(member));
-    }
-    (*json)["devices"] = devices;
+    (*json)["devices"] = fleet::MembersJson(members);
     (*json)["done"] = counts.done;
     (*json)["failed"] = counts.failed;
     (*json)["open"] = counts.open;
@@ -170,16 +134,11 @@ ExitCode Sum(const Runner& runner, const Flight& flight, bool watch, bool asJson
     if (!runner.JournalTrouble().empty()) {
         throw ToolError(ExitCode::kInternal, runner.JournalTrouble());
     }
-    const bool all = counts.done == members.size();
-    if (flight.stopNow.Raised() || (flight.startNothing.Raised() && !all && !watch)) {
-        return ExitCode::kInterrupted;
-    }
-    return all ? ExitCode::kDone : ExitCode::kSomeFailed;
+    return runner.Result();
 }
 
-ExitCode End(Journal* journal, int run, const Runner& runner, const Flight& flight, bool watch,
-             bool asJson, Json* json) {
-    const ExitCode code = Sum(runner, flight, watch, asJson, json);
+ExitCode End(Journal* journal, int run, const Runner& runner, bool asJson, Json* json) {
+    const ExitCode code = Sum(runner, asJson, json);
     journal->WriteEnd(run, code);
     return code;
 }
@@ -187,7 +146,11 @@ ExitCode End(Journal* journal, int run, const Runner& runner, const Flight& flig
 std::vector<std::string> HostsOf(const FleetUpgradeCommand& command) {
     std::vector<std::string> hosts = command.hosts;
     if (!command.from.empty()) {
-        for (const SourceLine& line : ReadLines(command.from)) {
+        const std::vector<SourceLine> lines = ReadLines(command.from);
+        if (lines.empty()) {
+            throw ToolError(ExitCode::kUsage, "no device in the list " + Printable(command.from));
+        }
+        for (const SourceLine& line : lines) {
             hosts.push_back(line.text);
         }
     }
@@ -240,7 +203,7 @@ ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layou
                         std::move(earlier.members));
     std::ostream& out = command.json ? std::cerr : std::cout;
     PrintPlan(out, plan, name);
-    (*json)["plan"] = PlanJson(plan);
+    (*json)["plan"] = fleet::PlanJson(plan);
     if (plan.members.empty()) {
         throw ToolError(ExitCode::kUnreachable, "none of the wanted devices answers a search");
     }
@@ -252,7 +215,8 @@ ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layou
     }
     const Flight flight;
     Journal journal = Journal::Open(path);
-    FleetView view(command.json, name.size + kv::kMd5TrailerSize, flight.startNothing);
+    FleetView view(command.json, name.size + kv::kMd5TrailerSize,
+                   Seconds(command.times.leave + command.times.back), flight.startNothing);
     journal.Tell(&view);
     const int run = earlier.runs + 1;
     journal.WriteRun(run, name,
@@ -269,7 +233,7 @@ ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layou
         runner.Run();
     }
     view.Clear();
-    return End(&journal, run, runner, flight, false, command.json, json);
+    return End(&journal, run, runner, command.json, json);
 }
 
 namespace {
@@ -292,8 +256,10 @@ class LineWatcher {
                 Look();
                 WaitUntil(next);
             }
-        } catch (const ToolError&) {
-            // Interrupted, or the journal cannot be written. The runner will notice that too.
+        } catch (const ToolError& error) {
+            if (error.Code() != ExitCode::kInterrupted) {
+                runner_->Note(error.what());
+            }
             flight_.startNothing.Raise();
         }
     }
@@ -302,36 +268,54 @@ class LineWatcher {
     void Look() {
         std::set<std::string> there;
         try {
-            for (const FoundDevice& device : Discover(command_.discovery, nullptr).devices) {
-                if (!device.reply.mac.empty() && matcher_.Matches(device)) {
-                    there.insert(device.reply.mac);
-                    Offer(device);
+            const DiscoveryResult result = Discover(command_.discovery, nullptr);
+            const auto confusable = Confusable(result);
+            for (const FoundDevice& device : result.devices) {
+                const std::string& mac = device.reply.mac;
+                if (!mac.empty() && matcher_.Matches(device) && there.insert(mac).second) {
+                    const auto reason = confusable.find(mac);
+                    Offer(device, reason == confusable.end() ? "" : reason->second);
                 }
             }
+            Trouble(result.problems.empty() ? "" : result.problems.front());
         } catch (const ToolError& error) {
             if (error.Code() != ExitCode::kUnreachable) {
                 throw;
             }
+            Trouble(error.what());
         }
         there_ = there;
     }
 
+    // Tells why this PC cannot search, once.
+    void Trouble(const std::string& text) {
+        if (!text.empty() && text != trouble_) {
+            runner_->Note("this PC cannot search: " + text);
+        }
+        trouble_ = text;
+    }
+
     // A device that failed without accepting anything is tried again once it has been away.
-    void Offer(const FoundDevice& device) {
+    // `refusal`: why the device must not be upgraded; empty: it may.
+    void Offer(const FoundDevice& device, const std::string& refusal) {
         Member member = fleet::MemberOf(device, command_.port);
         const auto known = runner_->Find(member.id);
         if (!known) {
+            member.code = refusal.empty() ? ExitCode::kDone : ExitCode::kRefused;
+            member.text = refusal;
             journal_->WritePlanned(member);
             runner_->Add(std::move(member));
             return;
         }
-        const fleet::Progress& progress = known->progress;
-        const bool again = progress.state == State::kFailed &&
-                           NextFor(progress) == Next::kUpgrade && there_.count(member.id) == 0;
-        if (again) {
-            Member copy = *known;
-            copy.address = member.address;
-            runner_->Add(std::move(copy));
+        if (there_.count(member.id) != 0) {
+            return;
+        }
+        runner_->TryAgain(member.id, member.address);
+        if (known->progress.state == State::kDone && known->firmware == member.firmware) {
+            runner_->Note(member.id +
+                          " is done, but has appeared with its former firmware: it is "
+                          "back in recovery mode, or another device has its MAC "
+                          "address; it is not upgraded again");
         }
     }
 
@@ -341,6 +325,7 @@ class LineWatcher {
     Journal* journal_;
     Runner* runner_;
     std::set<std::string> there_;  // those that answered the previous search
+    std::string trouble_;          // why the previous search could not be sent
 };
 
 }  // namespace
@@ -355,7 +340,8 @@ ExitCode RunFleetWatch(const FleetCommand& command, const Layout& layout, Json* 
     JournalContents earlier = HasRun(path) ? ReadEarlier(path, name) : JournalContents();
     const Flight flight;
     Journal journal = Journal::Open(path);
-    FleetView view(command.json, name.size + kv::kMd5TrailerSize, flight.startNothing);
+    FleetView view(command.json, name.size + kv::kMd5TrailerSize,
+                   Seconds(command.times.leave + command.times.back), flight.startNothing);
     journal.Tell(&view);
     const int run = earlier.runs + 1;
     journal.WriteRun(run, name, {});
@@ -373,28 +359,24 @@ ExitCode RunFleetWatch(const FleetCommand& command, const Layout& layout, Json* 
         watching.join();
     }
     view.Clear();
-    return End(&journal, run, runner, flight, true, command.json, json);
+    return End(&journal, run, runner, command.json, json);
 }
 
 ExitCode RunFleetReport(const FleetReportCommand& command, Json* json) {
     (*json)["journal"] = Printable(command.journal);
     const JournalContents journal = fleet::ReadJournal(command.journal);
+    if (journal.runs == 0) {
+        throw ToolError(ExitCode::kRefused,
+                        "there is no run in the journal " + Printable(command.journal));
+    }
     if (command.csv) {
         fleet::WriteCsv(std::cout, journal);
     } else if (command.html) {
         fleet::WriteHtml(std::cout, journal);
     } else if (!command.json) {
-        fleet::WriteTable(std::cout, journal);
+        fleet::WriteTable(std::cout, journal, IsTerminal(stdout) ? SizeOf(stdout).columns - 1 : 0);
     }
-    Json devices = Json::array();
-    for (const Member& member : journal.members) {
-        devices.push_back(fleet::MemberJson(member));
-    }
-    (*json)["package"] = {{"file", journal.package.file},
-                          {"size", journal.package.size},
-                          {"md5", journal.package.md5}};
-    (*json)["runs"] = journal.runs;
-    (*json)["devices"] = devices;
+    json->update(fleet::ReportJson(journal));
     return ExitCode::kDone;
 }
 

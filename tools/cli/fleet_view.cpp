@@ -9,6 +9,7 @@ namespace kvtool {
 
 using fleet::Member;
 using fleet::State;
+using fleet::UnderWay;
 
 namespace {
 
@@ -41,10 +42,6 @@ std::string Percent(uint64_t part, uint64_t whole) {
 std::string Bar(uint64_t part, uint64_t whole) {
     const size_t full = whole > 0 ? static_cast<size_t>(part * kBar / whole) : 0;
     return "[" + std::string(full, '#') + std::string(kBar - full, ' ') + "]";
-}
-
-bool UnderWay(const Member& member) {
-    return member.progress.state != State::kPlanned && !member.progress.Over();
 }
 
 // The first parts that fit.
@@ -146,20 +143,35 @@ std::vector<size_t> RowsToShow(const std::vector<FleetRow>& rows, size_t lines) 
     return order;
 }
 
-FleetView::FleetView(bool json, uint64_t streamSize, const Interrupt& interrupted)
+std::string UnderWayText(const std::vector<FleetRow>& rows, const FleetTotal& total,
+                         double restartLimit, Clock::time_point now) {
+    std::string text = std::to_string(total.underWay) + " under way will finish";
+    double left = 0;
+    for (const FleetRow& row : rows) {
+        if (UnderWay(row.member)) {
+            left = std::max(left, fleet::SecondsLeft(row) + total.followed);
+            text += "\n  " + FleetRowText(row, now, kPlainColumns);
+        }
+    }
+    text += "\n";
+    text += left > 0 ? "about " + Duration(left) : "";
+    // Until a device has been seen alive, only the limit of a restart is known.
+    if (total.followed == 0) {
+        text += left > 0 ? " of uploads, then " : "";
+        text += "at most " + Duration(restartLimit) + " for the restart of each";
+    }
+    return text + "; Ctrl-C again ends kvtool at once";
+}
+
+FleetView::FleetView(bool json, uint64_t streamSize, double restartLimit,
+                     const Interrupt& interrupted)
     : json_(json),
       terminal_(!json && IsTerminal(stdout)),
       out_(json ? stderr : stdout),
       area_(out_),
-      streamSize_(streamSize),
-      interrupted_(interrupted) {}
-
-FleetRow& FleetView::Row(size_t member) {
-    if (rows_.size() <= member) {
-        rows_.resize(member + 1);
-    }
-    return rows_[member];
-}
+      restartLimit_(restartLimit),
+      interrupted_(interrupted),
+      tracker_(streamSize) {}
 
 void FleetView::Clear() {
     if (terminal_) {
@@ -174,20 +186,8 @@ void FleetView::Print(const std::string& text) {
 }
 
 void FleetView::Changed(size_t member, const Member& what) {
-    FleetRow& row = Row(member);
-    const Clock::time_point now = Clock::now();
-    const State before = row.member.progress.state;
+    tracker_.Changed(member, what);
     const State state = what.progress.state;
-    if (state == State::kDone && before == State::kAccepted) {
-        followedSum_ += Seconds(row.since, now);
-        ++followedCount_;
-    }
-    if (state == State::kUploading) {
-        row.upload = UploadProgress();
-        row.rate = RateMeter();
-    }
-    row.member = what;
-    row.since = now;
     if (!terminal_ && !json_ && state != State::kPlanned) {
         Print(what.id + ": " + PhaseName(state) +
               (what.progress.Over() ? ": " + what.text : std::string()));
@@ -195,16 +195,14 @@ void FleetView::Changed(size_t member, const Member& what) {
 }
 
 void FleetView::Progress(size_t member, const UploadProgress& progress) {
-    FleetRow& row = Row(member);
-    moved_ += progress.acknowledged - std::min(progress.acknowledged, row.upload.acknowledged);
-    row.upload = progress;
-    row.rate.Add(progress.seconds, progress.acknowledged);
+    tracker_.Progress(member, progress);
     const Clock::time_point now = Clock::now();
-    if (json_ && Seconds(row.reported, now) >= kEventEvery) {
-        row.reported = now;
+    reported_.resize(std::max(reported_.size(), member + 1));
+    if (json_ && Seconds(reported_[member], now) >= kEventEvery) {
+        reported_[member] = now;
         const Json event = {{"schema", kJsonSchema},
                             {"event", "progress"},
-                            {"device", row.member.id},
+                            {"device", tracker_.Rows()[member].member.id},
                             {"bytes_acknowledged", progress.acknowledged},
                             {"bytes_total", progress.total}};
         (void)printf("%s\n", JsonLine(event).c_str());
@@ -213,10 +211,9 @@ void FleetView::Progress(size_t member, const UploadProgress& progress) {
 }
 
 void FleetView::Line(size_t member, const std::string& text) {
-    FleetRow& row = Row(member);
-    row.last = text;
+    tracker_.Line(member, text);
     if (!terminal_) {
-        Print(row.member.id + ": " + text);
+        Print(tracker_.Rows()[member].member.id + ": " + text);
     }
 }
 
@@ -231,78 +228,36 @@ void FleetView::Written(const Json& line) {
     }
 }
 
-FleetTotal FleetView::Total(Clock::time_point now) const {
-    FleetTotal total;
-    total.rate = rate_.Rate();
-    total.followed = followedCount_ > 0 ? followedSum_ / static_cast<double>(followedCount_) : 0;
-    double left = 0;  // for the devices that are followed already
-    for (const FleetRow& row : rows_) {
-        const State state = row.member.progress.state;
-        if (state == State::kDone) {
-            ++total.done;
-        } else if (state == State::kFailed) {
-            ++total.failed;
-            continue;
-        } else {
-            ++(state == State::kPlanned ? total.waiting : total.underWay);
-        }
-        const bool sent = state == State::kDone || row.member.progress.reached >= State::kFinishing;
-        total.size += streamSize_;
-        total.sent += sent ? streamSize_ : row.upload.acknowledged;
-        left = state == State::kAccepted ? std::max(left, total.followed - Seconds(row.since, now))
-                                         : left;
-    }
-    const auto rest = static_cast<double>(total.size - std::min(total.sent, total.size));
-    if (rest > 0) {
-        total.secondsLeft = total.rate > 0 ? rest / total.rate + total.followed : 0;
-    } else {
-        total.secondsLeft = left;
-    }
-    return total;
-}
-
-// After Ctrl-C: lists the devices under way and estimates the time that they need.
-void FleetView::TellUnderWay(Clock::time_point now) {
-    toldUnderWay_ = true;
-    const FleetTotal total = Total(now);
-    std::string text = std::to_string(total.underWay) + " under way will finish";
-    double left = 0;
-    for (const FleetRow& row : rows_) {
-        if (UnderWay(row.member)) {
-            const double rate = row.rate.Rate();
-            const auto bytes = static_cast<double>(row.upload.total - row.upload.acknowledged);
-            const bool uploads = row.member.progress.state == State::kUploading && rate > 0;
-            left = std::max(left, (uploads ? bytes / rate : 0) + total.followed);
-            text += "\n  " + FleetRowText(row, now, kPlainColumns);
-        }
-    }
-    text += left > 0 ? "\nabout " + Duration(left) +
-                           (total.followed > 0 ? "" : " of uploads, then their restart")
-                     : "\nthe time that they need is not known";
-    Print(text + "; Ctrl-C again ends kvtool at once");
-}
-
 void FleetView::Tick() {
     const Clock::time_point now = Clock::now();
     if (interrupted_.Raised() && !toldUnderWay_) {
-        TellUnderWay(now);
+        toldUnderWay_ = true;
+        const FleetTotal total = tracker_.Total(now);
+        if (total.underWay > 0) {
+            Print(UnderWayText(tracker_.Rows(), total, restartLimit_, now));
+        }
     }
     if (json_ || Seconds(shown_, now) < (terminal_ ? kTerminalEvery : kPlainEvery)) {
         return;
     }
     shown_ = now;
-    rate_.Add(Seconds(start_, now), moved_);
+    tracker_.Measure(now);
     if (!terminal_) {
-        Print(FleetTotalText(Total(now), kPlainColumns));
+        const std::string total = FleetTotalText(tracker_.Total(now), kPlainColumns);
+        if (total != total_) {
+            Print(total);
+        }
+        total_ = total;
         return;
     }
     const auto [columns, lines] = SizeOf(out_);
+    const std::vector<FleetRow>& rows = tracker_.Rows();
     std::vector<std::string> text;
     // One line for the total, one for the cursor.
-    for (const size_t i : RowsToShow(rows_, lines > 3 ? lines - 2 : 1)) {
-        text.push_back(FleetRowText(rows_[i], now, columns));
+    for (const size_t i : RowsToShow(rows, lines > 3 ? lines - 2 : 1)) {
+        text.push_back(FleetRowText(rows[i], now, columns));
     }
-    text.push_back(FleetTotalText(Total(now), columns));
+    text.push_back(FleetTotalText(tracker_.Total(now), columns));
     area_.Show(text);
 }
 

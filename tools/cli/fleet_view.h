@@ -3,38 +3,16 @@
 #pragma once
 
 #include <cstdio>
-#include <map>
 #include <string>
 #include <vector>
 
-#include "tools/cli/progress.h"
 #include "tools/cli/terminal.h"
-#include "tools/fleet/runner.h"
+#include "tools/fleet/tracker.h"
 
 namespace kvtool {
 
-// What the view knows of one device.
-struct FleetRow {
-    fleet::Member member;
-    UploadProgress upload;
-    RateMeter rate;
-    std::string last;            // the latest message about it
-    Clock::time_point since;     // when it entered its state
-    Clock::time_point reported;  // when the last progress event was printed
-};
-
-// The total of all rows.
-struct FleetTotal {
-    size_t done = 0;
-    size_t failed = 0;
-    size_t underWay = 0;
-    size_t waiting = 0;
-    uint64_t sent = 0;    // bytes acknowledged by all devices
-    uint64_t size = 0;    // bytes to send to all devices
-    double rate = 0;      // bytes a second over all uploads; 0: not known
-    double followed = 0;  // average seconds from acceptance to being seen alive; 0: none seen yet
-    double secondsLeft = 0;  // 0: not known
-};
+using FleetRow = fleet::TrackedMember;
+using FleetTotal = fleet::RunTotal;
 
 // One line, narrower than `columns`. Leaves out what does not fit, least important parts first.
 std::string FleetRowText(const FleetRow& row, Clock::time_point now, size_t columns);
@@ -43,11 +21,16 @@ std::string FleetTotalText(const FleetTotal& total, size_t columns);
 // have priority, then those that failed.
 std::vector<size_t> RowsToShow(const std::vector<FleetRow>& rows, size_t lines);
 
+// After Ctrl-C: lists the devices under way and estimates the time that they need. `restartLimit`:
+// seconds that a device is followed at most.
+std::string UnderWayText(const std::vector<FleetRow>& rows, const FleetTotal& total,
+                         double restartLimit, Clock::time_point now);
+
 class FleetView : public fleet::RunListener, public fleet::JournalWatcher {
   public:
     // Once `interrupted` is raised, the view lists the devices under way. `streamSize`: bytes of
-    // one upload.
-    FleetView(bool json, uint64_t streamSize, const Interrupt& interrupted);
+    // one upload. `restartLimit`: seconds that a device is followed at most.
+    FleetView(bool json, uint64_t streamSize, double restartLimit, const Interrupt& interrupted);
 
     void Changed(size_t member, const fleet::Member& what) override;
     void Progress(size_t member, const UploadProgress& progress) override;
@@ -59,25 +42,19 @@ class FleetView : public fleet::RunListener, public fleet::JournalWatcher {
     void Clear();
 
   private:
-    FleetTotal Total(Clock::time_point now) const;
-    void TellUnderWay(Clock::time_point now);
     void Print(const std::string& text);
-    FleetRow& Row(size_t member);
 
     bool json_;
     bool terminal_;
     FILE* out_;
     LiveLines area_;
-    uint64_t streamSize_;
+    double restartLimit_;
     const Interrupt& interrupted_;
     bool toldUnderWay_ = false;
-    std::vector<FleetRow> rows_;
-    Clock::time_point start_ = Clock::now();
-    Clock::time_point shown_ = start_;
-    uint64_t moved_ = 0;  // bytes acknowledged in this run, failed uploads included
-    RateMeter rate_;
-    double followedSum_ = 0;
-    size_t followedCount_ = 0;
+    fleet::Tracker tracker_;
+    std::vector<Clock::time_point> reported_;  // when each device's last progress event was printed
+    std::string total_;                        // as printed last, where there is no terminal
+    Clock::time_point shown_ = Clock::now();
 };
 
 }  // namespace kvtool

@@ -74,6 +74,8 @@ int Run(int argc, char** argv) {
     kvtool::AddToolboxCommands(&app, &chosen);
     kvtool::AddDeviceCommands(&app, &chosen);
     kvtool::AddFleetCommands(&app, &chosen);
+    kvtool::AddLadderCommand(&app, &chosen);
+    kvtool::AddServeCommand(&app, &chosen);
     kvtool::AddCompletion(&app);
     std::vector<std::string> words = JoinWaitTime(argc, argv);
     std::vector<char*> arguments;

@@ -9,8 +9,10 @@
 #include "tools/base/named_file.h"
 #include "tools/cli/report.h"
 #include "tools/package/builder.h"
+#include "tools/package/flash_time.h"
 #include "tools/package/package_json.h"
 #include "tools/package/recipe.h"
+#include "tools/package/signer.h"
 
 namespace kvtool {
 
@@ -49,6 +51,10 @@ class PackInputs {
         for (const std::string& text : command_.images) {
             const NamedFile image = ParseNamedFile(text);
             AddImage(image.name, image.file, image.file, &request);
+        }
+        if (!command_.sign.empty()) {
+            RefuseInputAsOutput(command_.sign, command_);
+            request.signatureComment = command_.comment.value_or(request.ic + " " + request.sensor);
         }
         return request;
     }
@@ -122,12 +128,27 @@ ExitCode RunPack(const PackCommand& command, const LayoutOptions& layout, Json* 
         result.warnings.push_back(std::string("a device of chip ") + kv::kIcType + " and sensor " +
                                   kv::kSensorType + " will refuse this package");
     }
+    for (const PowerWindow& window :
+         ForeseeFlashTime(CheckPackage(result.bytes, request.layout, {})).windows) {
+        if (window.risk == CutRisk::kDead) {
+            result.warnings.push_back("boot loader: power " + PowerWindowText(window) +
+                                      "; leave it out if it has not changed");
+        }
+    }
     for (const std::string& warning : result.warnings) {
         std::cerr << "warning: " << warning << '\n';
     }
-    const Json package = {{"size", result.bytes.size()},
-                          {"md5", Md5Hex(result.bytes.data(), result.bytes.size())},
-                          {"sha256", Sha256Hex(result.bytes.data(), result.bytes.size())}};
+    if (!command.sign.empty()) {
+        SignPackage(&result.bytes, command.sign);
+    }
+    Json package = {{"size", result.bytes.size()},
+                    {"md5", Md5Hex(result.bytes.data(), result.bytes.size())},
+                    {"sha256", Sha256Hex(result.bytes.data(), result.bytes.size())}};
+    const auto signature = command.sign.empty() ? std::optional<EmbeddedSignature>()
+                                                : FindEmbeddedSignature(result.bytes);
+    if (signature) {
+        package["signature"] = SignatureJson(signature->text);
+    }
     json->update(package);
     (*json)["warnings"] = result.warnings;
     if (command.output == "-") {
@@ -140,6 +161,9 @@ ExitCode RunPack(const PackCommand& command, const LayoutOptions& layout, Json* 
     }
     TextStream(command) << Printable(command.output) << ": " << SizeText(result.bytes.size())
                         << ", MD5 " << package["md5"].get<std::string>() << '\n';
+    if (signature) {
+        TextStream(command) << SignatureText(signature->text) << '\n';
+    }
     return ExitCode::kDone;
 }
 
@@ -156,6 +180,9 @@ ExitCode RunInspect(const InspectCommand& command, const Layout& layout, Json* j
     if (!command.json) {
         if (signature) {
             std::cout << SignatureText(*signature) << '\n';
+        } else if (report.signature) {
+            std::cout << "signature not checked, give --trusted-key: "
+                      << SignatureText(report.signature->text) << '\n';
         }
         PrintPackage(std::cout, report);
     }

@@ -17,9 +17,11 @@ struct PackCommand {
     std::string output;  // "-": standard output
     std::optional<std::string> ic;
     std::optional<std::string> sensor;
-    std::string recipe;               // empty: none
-    std::string manifest;             // empty: none
-    std::vector<std::string> images;  // NAME=FILE
+    std::string recipe;                  // empty: none
+    std::string manifest;                // empty: none
+    std::string sign;                    // file of a secret key; empty: no signature
+    std::optional<std::string> comment;  // of the signature
+    std::vector<std::string> images;     // NAME=FILE
     bool force = false;
     bool json = false;
 };

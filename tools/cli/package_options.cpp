@@ -26,6 +26,14 @@ void AddPack(CLI::App* root, Chosen* chosen) {
     app->add_option("--manifest", command.manifest,
                     "Write sizes and SHA-256 of all inputs and the package as JSON")
         ->type_name("FILE");
+    CLI::Option* const sign =
+        app->add_option("--sign", command.sign,
+                        "Sign with this secret key of minisign, for devices that accept only "
+                        "signed packages")
+            ->type_name("FILE");
+    app->add_option("--comment", command.comment,
+                    "Text that is signed with the package (default: chip and sensor type)")
+        ->needs(sign);
     app->add_option("images", command.images,
                     "NAME=IMAGE: entry name and image file, after those of a recipe")
         ->type_name("NAME=FILE");
@@ -71,9 +79,11 @@ void AddTrust(CLI::App* command, Trust* trust) {
     CLI::Option* const key =
         command
             ->add_option("--trusted-key", trust->key,
-                         "minisign public key; refuse a package that it has not signed")
+                         "minisign public keys; refuse a package that none of them has signed")
             ->type_name("FILE");
-    command->add_option("--signature", trust->signature, "Signature file (default: FILE.minisig)")
+    command
+        ->add_option("--signature", trust->signature,
+                     "Signature file (default: the signature in the package, or FILE.minisig)")
         ->type_name("FILE")
         ->needs(key);
 }

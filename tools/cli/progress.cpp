@@ -9,32 +9,13 @@ namespace kvtool {
 
 namespace {
 
-constexpr double kWindow = 5.0;    // seconds over which the rate is measured
-constexpr double kShortest = 0.5;  // seconds below which there is no rate yet
-constexpr double kStalls = 3.0;    // seconds without progress that the line reports
+constexpr double kStalls = 3.0;  // seconds without progress that the line reports
 
 std::string WholeSeconds(double seconds) {
     return std::to_string(std::lround(seconds)) + " s";
 }
 
 }  // namespace
-
-void RateMeter::Add(double seconds, uint64_t bytes) {
-    samples_.push_back({seconds, bytes});
-    while (samples_.size() > 2 && samples_[1].seconds <= seconds - kWindow) {
-        samples_.pop_front();
-    }
-}
-
-double RateMeter::Rate() const {
-    if (samples_.empty()) {
-        return 0;
-    }
-    const Sample& first = samples_.front();
-    const Sample& last = samples_.back();
-    const double span = last.seconds - first.seconds;
-    return span < kShortest ? 0 : static_cast<double>(last.bytes - first.bytes) / span;
-}
 
 std::string ProgressText(const UploadProgress& progress, double rate, size_t columns) {
     const uint64_t percent = progress.total > 0 ? progress.acknowledged * 100 / progress.total : 0;

@@ -1,27 +1,12 @@
 // The progress line of an upload.
 #pragma once
 
-#include <deque>
 #include <string>
 
+#include "tools/device/rate_meter.h"
 #include "tools/device/upgrade_session.h"
 
 namespace kvtool {
-
-// The rate over the last seconds, so that it follows the speed of the link.
-class RateMeter {
-  public:
-    void Add(double seconds, uint64_t bytes);
-    // Bytes per second; 0 while there is too little data.
-    double Rate() const;
-
-  private:
-    struct Sample {
-        double seconds;
-        uint64_t bytes;
-    };
-    std::deque<Sample> samples_;
-};
 
 // At most `columns` wide. Leaves out the least important parts first.
 std::string ProgressText(const UploadProgress& progress, double rate, size_t columns);

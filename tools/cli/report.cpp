@@ -7,6 +7,7 @@
 
 #include "flash/kv_upgrade_package.h"
 #include "tools/cli/terminal.h"
+#include "tools/package/flash_time.h"
 
 namespace kvtool {
 
@@ -51,6 +52,21 @@ void PrintEntry(std::ostream& out, const EntryReport& entry) {
                                  : ""));
     Row(out, "written after it",
         SizeText(entry.behind) + (entry.behind > 0 && entry.behindBlank ? ", all 0xFF" : ""));
+}
+
+void PrintFlashTime(std::ostream& out, const FlashTime& time) {
+    if (time.seconds == 0) {
+        return;
+    }
+    out << "power while the device writes (typical flash chip; from the first erasure on)\n";
+    Row(out, "writing takes", SecondsText(time.seconds));
+    const size_t shown = std::min(time.windows.size(), kMostEntries);
+    for (size_t i = 0; i < shown; ++i) {
+        Row(out, time.windows[i].partition.c_str(), PowerWindowText(time.windows[i]));
+    }
+    if (shown < time.windows.size()) {
+        out << "… and " << time.windows.size() - shown << " more times\n";
+    }
 }
 
 // Senders other than the address in the device's reply.
@@ -127,13 +143,15 @@ void PrintPackage(std::ostream& out, const PackageReport& report) {
     if (reached < entries.size()) {
         out << "entries from " << reached << " on: the device never reaches them\n";
     }
+    PrintFlashTime(out, ForeseeFlashTime(report));
     PrintFindings(out, report);
     out << (report.Acceptable() ? "the device would install this package\n"
                                 : "NOT fit for the device: see the errors above\n");
 }
 
 std::string SignatureText(const Signature& signature) {
-    return "signed by key " + signature.keyId + ": " + Printable(signature.comment);
+    return "signed by key " + signature.keyId + ": " + Printable(signature.comment) +
+           (signature.form == SignatureForm::kEmbedded ? "" : " (detached signature)");
 }
 
 void PrintInfo(std::ostream& out, const InfoReport& report) {

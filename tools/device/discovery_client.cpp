@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <set>
 
 #include "tools/base/errors.h"
 #include "tools/device/tcp.h"
@@ -116,17 +117,30 @@ std::vector<Target> HostTargets(const std::string& host, uint16_t port) {
     throw ToolError(ExitCode::kUnreachable, "'" + Printable(host) + "' has no IPv4 address");
 }
 
+// The addresses that the device names and answers from.
+std::set<std::string> AddressesOf(const FoundDevice& device) {
+    std::set<std::string> addresses(device.senders.begin(), device.senders.end());
+    if (!device.reply.ip.empty()) {
+        addresses.insert(device.reply.ip);
+    }
+    return addresses;
+}
+
 void MarkConflicts(std::vector<FoundDevice>* devices) {
     std::map<std::string, int> byMac;
     std::map<std::string, int> byAddress;
     for (const FoundDevice& device : *devices) {
         ++byMac[device.reply.mac];
-        ++byAddress[device.reply.ip];
+        for (const std::string& address : AddressesOf(device)) {
+            ++byAddress[address];
+        }
     }
     for (FoundDevice& device : *devices) {
-        const DiscoveryReply& reply = device.reply;
-        device.conflict = (!reply.mac.empty() && byMac[reply.mac] > 1) ||
-                          (!reply.ip.empty() && byAddress[reply.ip] > 1);
+        const std::set<std::string> addresses = AddressesOf(device);
+        device.conflict =
+            (!device.reply.mac.empty() && byMac[device.reply.mac] > 1) ||
+            std::any_of(addresses.begin(), addresses.end(),
+                        [&](const std::string& address) { return byAddress[address] > 1; });
     }
 }
 
@@ -276,12 +290,24 @@ DiscoveryResult Discover(const SearchSockets& sockets, const DiscoveryRequest& r
     return Searcher(sockets, request, std::move(targets)).Run(enough);
 }
 
+std::vector<SearchInterface> SearchInterfaces(const std::vector<std::string>& wanted) {
+    std::vector<SearchInterface> interfaces;
+    for (const Target& target : BroadcastTargets(wanted)) {
+        if (target.destination.s_addr == INADDR_BROADCAST) {
+            interfaces.push_back({Printable(target.label), AddressText(target.source)});
+        }
+    }
+    return interfaces;
+}
+
 std::vector<std::string> Conflicts(const DiscoveryResult& result) {
     std::map<std::string, std::vector<std::string>> byMac;
     std::map<std::string, std::vector<std::string>> byAddress;
     for (const FoundDevice& device : result.devices) {
         byMac[device.reply.mac].push_back(device.reply.ip);
-        byAddress[device.reply.ip].push_back(device.reply.mac);
+        for (const std::string& address : AddressesOf(device)) {
+            byAddress[address].push_back(device.reply.mac);
+        }
     }
     std::vector<std::string> conflicts;
     const auto add = [&conflicts](auto& groups, const char* what, const char* others) {
@@ -291,7 +317,7 @@ std::vector<std::string> Conflicts(const DiscoveryResult& result) {
             }
             // The order of the answers differs from search to search.
             std::sort(values.begin(), values.end());
-            std::string text = std::string(what) + " " + key + " is named by " +
+            std::string text = std::string(what) + " " + key + " belongs to " +
                                std::to_string(values.size()) + " devices, with the " + others;
             for (const std::string& value : values) {
                 text += (&value == &values.front() ? " " : ", ") + (value.empty() ? "-" : value);
@@ -302,6 +328,33 @@ std::vector<std::string> Conflicts(const DiscoveryResult& result) {
     add(byMac, "MAC address", "addresses");
     add(byAddress, "address", "MAC addresses");
     return conflicts;
+}
+
+std::map<std::string, std::string> Confusable(const DiscoveryResult& result) {
+    std::map<std::string, int> byMac;
+    std::map<std::string, int> bySender;
+    for (const FoundDevice& device : result.devices) {
+        ++byMac[device.reply.mac];
+        for (const std::string& sender : device.senders) {
+            ++bySender[sender];
+        }
+    }
+    std::map<std::string, std::string> reasons;
+    for (const FoundDevice& device : result.devices) {
+        const std::string& mac = device.reply.mac;
+        if (mac.empty()) {
+            continue;
+        }
+        if (byMac[mac] > 1) {
+            reasons[mac] = "two devices answer with this MAC address";
+        }
+        for (const std::string& sender : device.senders) {
+            if (bySender[sender] > 1) {
+                (void)reasons.emplace(mac, "another device also answers from " + sender);
+            }
+        }
+    }
+    return reasons;
 }
 
 std::optional<DiscoveryReply> AskAt(const std::string& host, uint16_t port, Millis timeout) {

@@ -25,7 +25,7 @@ struct DiscoveryRequest {
 struct FoundDevice {
     DiscoveryReply reply;
     std::vector<std::string> senders;  // addresses that its replies came from
-    bool conflict = false;             // another device names its MAC address or its address
+    bool conflict = false;             // another device has its MAC address or one of its addresses
 
     // Where to reach it: the address that it names if it answered from there, otherwise one that it
     // did answer from.
@@ -52,8 +52,20 @@ DiscoveryResult Discover(const DiscoveryRequest& request,
 DiscoveryResult Discover(const SearchSockets& sockets, const DiscoveryRequest& request,
                          const std::function<bool(const FoundDevice&)>& enough);
 
-// One sentence for each MAC address and each address that more than one of the devices names.
+struct SearchInterface {
+    std::string name;
+    std::string address;
+};
+// The interfaces that a broadcast goes out on, of `wanted` or, if that is empty, of all.
+std::vector<SearchInterface> SearchInterfaces(const std::vector<std::string>& wanted);
+
+// One sentence for each MAC address that more than one of the devices names, and for each address
+// that more than one names or answers from.
 std::vector<std::string> Conflicts(const DiscoveryResult& result);
+
+// The devices whose upgrade could go to another one, by MAC address, with the reason: a device
+// names the same MAC address or answers from the same address.
+std::map<std::string, std::string> Confusable(const DiscoveryResult& result);
 
 // The device with this MAC address among those that answer a broadcast, or null.
 const FoundDevice* FindMac(const DiscoveryResult& result, const std::string& mac);

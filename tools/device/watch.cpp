@@ -111,7 +111,7 @@ void Watch(const WatchRequest& request, const std::function<bool(const WatchRoun
                       devices.end());
         std::vector<DeviceChange> changes =
             presence.Take(devices, result.sent > 0 ? request.search.timeout : Millis(0));
-        if (!round({presence.Devices(), std::move(changes), std::move(warnings)})) {
+        if (!round({presence.Devices(), std::move(changes), std::move(warnings), result})) {
             return;
         }
     }

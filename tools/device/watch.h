@@ -52,6 +52,7 @@ struct WatchRound {
     std::vector<DeviceChange> changes;
     // Conflicts of all devices, and what kept this PC from searching.
     std::vector<std::string> warnings;
+    const DiscoveryResult& search;  // of this round; only the devices that match
 };
 
 // Searches round by round. Calls `round` after each, until it returns false. Time in which this PC

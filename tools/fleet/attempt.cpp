@@ -27,6 +27,8 @@ std::string Attempt::Outcome(ExitCode code) const {
 void Attempt::End(ExitCode code, const std::string& text) {
     member_.code = code;
     member_.text = text;
+    member_.observed = record_.observed;
+    member_.assumed = record_.assumed;
     runner_->Enter(index_, &member_, code == ExitCode::kDone ? State::kDone : State::kFailed);
 }
 
@@ -51,34 +53,51 @@ void Attempt::Take(const FoundDevice& device) {
     member_.alivePort = request_.alivePort.value_or(found.alivePort);
 }
 
-// Asks at the last known address, then searches for the MAC address.
+// A device that was refused may have a double. Only a search among all devices shows that.
 bool Attempt::Locate() {
+    const bool refused = member_.code == ExitCode::kRefused;
+    return refused ? SearchFor(true) || AskThere() : AskThere() || SearchFor(false);
+}
+
+// Asks at the last known address.
+bool Attempt::AskThere() {
     const std::string& host = member_.address.empty() ? member_.id : member_.address;
-    if (host != member_.mac) {
-        const auto reply = AskAt(host, request_.discovery.port, request_.times.ask);
-        if (reply && (member_.mac.empty() || reply->mac == member_.mac)) {
-            Take({*reply, {host}});
-            return true;
-        }
+    if (host == member_.mac) {
+        return false;
     }
+    const auto reply = AskAt(host, request_.discovery.port, request_.times.ask);
+    const bool found = reply && (member_.mac.empty() || reply->mac == member_.mac);
+    if (found) {
+        Take({*reply, {host}});
+    }
+    return found;
+}
+
+// Searches for the MAC address. The search ends with the first answer unless it is among all.
+bool Attempt::SearchFor(bool amongAll) {
     if (member_.mac.empty()) {
         return false;
     }
+    DiscoveryResult result;
     try {
-        const DiscoveryResult result =
-            Discover(request_.discovery,
-                     [this](const FoundDevice& device) { return device.reply.mac == member_.mac; });
-        const FoundDevice* const device = FindMac(result, member_.mac);
-        if (device != nullptr) {
-            Take(*device);
-        }
-        return device != nullptr;
+        result = Discover(request_.discovery, [&](const FoundDevice& device) {
+            return !amongAll && device.reply.mac == member_.mac;
+        });
     } catch (const ToolError& error) {
         if (error.Code() != ExitCode::kUnreachable) {
             throw;
         }
-        return false;
     }
+    const auto reasons = Confusable(result);
+    const auto reason = reasons.find(member_.mac);
+    if (reason != reasons.end()) {
+        throw ToolError(ExitCode::kRefused, reason->second);
+    }
+    const FoundDevice* const device = FindMac(result, member_.mac);
+    if (device != nullptr) {
+        Take(*device);
+    }
+    return device != nullptr;
 }
 
 // An open port proves life only if it was closed in recovery mode.

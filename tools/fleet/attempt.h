@@ -21,6 +21,8 @@ class Attempt : private UpgradeListener {
     Attempt(Runner* runner, size_t index, Member member)
         : runner_(runner), request_(runner->request_), index_(index), member_(std::move(member)) {
         record_.mac = member_.mac;
+        member_.observed.clear();
+        member_.assumed.clear();
     }
 
     // Leaves the member done or failed. Throws ToolError(kInterrupted).
@@ -38,6 +40,8 @@ class Attempt : private UpgradeListener {
     void Send();
     void Take(const FoundDevice& device);
     bool Locate();
+    bool AskThere();
+    bool SearchFor(bool amongAll);
     void SeePortClosed(const UpgradeSession& session);
     ExitCode FollowOn(const Endpoint& endpoint, const Endpoint& local, int fd);
     bool CertainlyNotAccepted(const Endpoint& endpoint);

@@ -15,6 +15,7 @@
 #include <fstream>
 #include <map>
 #include <stdexcept>
+#include <string_view>
 
 #include "tools/base/text.h"
 
@@ -23,6 +24,7 @@ namespace kvtool::fleet {
 namespace {
 
 constexpr int kSchema = 1;
+constexpr std::string_view kLineBegin = "{\"schema\":";  // of every line
 
 double Now() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
@@ -39,6 +41,13 @@ Json PlannedJson(const Member& member) {
         planned.update({{"code", static_cast<int>(member.code)}, {"text", member.text}});
     }
     return planned;
+}
+
+void AddFindings(const Member& member, Json* details) {
+    if (!member.observed.empty() || !member.assumed.empty()) {
+        (*details)["observed"] = member.observed;
+        (*details)["assumed"] = member.assumed;
+    }
 }
 
 Json StateDetails(const Member& member) {
@@ -63,12 +72,14 @@ Json StateDetails(const Member& member) {
         case State::kDone:
             details["address"] = member.address;
             details["text"] = member.text;
+            AddFindings(member, &details);
             break;
         case State::kFailed:
             details["address"] = member.address;
             details["code"] = static_cast<int>(member.code);
             details["text"] = member.text;
             details["left"] = LeftText(progress.reached);
+            AddFindings(member, &details);
             break;
         default:
             break;
@@ -93,6 +104,8 @@ void TakeMember(const Json& line, Member* member) {
     Take(line, "alive_port_closed", &member->alivePortClosed);
     Take(line, "session", &member->session);
     Take(line, "text", &member->text);
+    Take(line, "observed", &member->observed);
+    Take(line, "assumed", &member->assumed);
     if (line.contains("code")) {
         member->code = static_cast<ExitCode>(line.at("code").get<int>());
     }
@@ -107,6 +120,9 @@ class Reader {
         const auto event = line.at("event").get<std::string>();
         if (event == "run") {
             const Json& package = line.at("package");
+            contents_.started = TimeOf(line);
+            contents_.ended.reset();
+            contents_.exitCode.reset();
             if (contents_.runs++ == 0) {
                 contents_.package = {package.at("file"), package.at("size"), package.at("md5")};
             }
@@ -117,11 +133,22 @@ class Reader {
             TakePlanned(line);
         } else if (event == "state") {
             TakeState(line);
+        } else if (event == "end") {
+            contents_.ended = TimeOf(line);
+            contents_.exitCode = line.at("exit_code").get<int>();
         }
     }
     JournalContents Take() { return std::move(contents_); }
 
   private:
+    static double TimeOf(const Json& line) {
+        const std::optional<double> time = ParseTime(line.at("time").get<std::string>());
+        if (!time) {
+            throw std::runtime_error("its time is invalid");
+        }
+        return *time;
+    }
+
     void TakePlanned(const Json& device) {
         Member member;
         member.id = device.at("device");
@@ -133,12 +160,15 @@ class Reader {
     void TakeState(const Json& line) {
         Member& member = contents_.members.at(index_.at(line.at("device").get<std::string>()));
         State state = State::kPlanned;
-        const std::optional<double> time = ParseTime(line.at("time").get<std::string>());
-        if (!ParseState(line.at("state").get<std::string>(), &state) || !time) {
-            throw std::runtime_error("its state or its time is invalid");
+        if (!ParseState(line.at("state").get<std::string>(), &state)) {
+            throw std::runtime_error("its state is invalid");
         }
         member.progress.Enter(state);
-        member.history.emplace_back(state, *time);
+        member.history.emplace_back(state, TimeOf(line));
+        if (state == State::kConnecting || state == State::kLooking) {
+            member.observed.clear();
+            member.assumed.clear();
+        }
         TakeMember(line, &member);
     }
 
@@ -175,10 +205,17 @@ std::optional<double> ParseTime(const std::string& text) {
 }
 
 JournalContents ReadJournal(const std::string& path) {
+    const auto unreadable = [&path] {
+        return ToolError(ExitCode::kRefused,
+                         "cannot read the journal " + Printable(path) + ": " + strerror(errno));
+    };
+    const auto invalid = [&path](int line, const std::string& why) {
+        return ToolError(ExitCode::kRefused, Printable(path) + ":" + std::to_string(line) +
+                                                 ": not a line of a journal" + why);
+    };
     std::ifstream file(path, std::ios::binary);
     if (!file) {
-        throw ToolError(ExitCode::kRefused,
-                        "cannot read the journal " + Printable(path) + ": " + strerror(errno));
+        throw unreadable();
     }
     Reader reader;
     uint64_t whole = 0;
@@ -193,16 +230,23 @@ JournalContents ReadJournal(const std::string& path) {
         whole += text.size() + 1;
         try {
             reader.Line(Json::parse(text));
-        } catch (const std::exception& error) {
-            throw ToolError(ExitCode::kRefused,
-                            Printable(path) + ":" + std::to_string(number) +
-                                ": not a line of a journal: " + Printable(error.what()));
+        } catch (const std::runtime_error& error) {
+            throw invalid(number, std::string(": ") + error.what());
+        } catch (const std::exception&) {
+            throw invalid(number, "");  // no JSON, a key of another type, a step that cannot be
         }
+    }
+    if (file.bad()) {
+        throw unreadable();
     }
     JournalContents contents = reader.Take();
     contents.torn = torn;
     contents.whole = whole;
-    if (contents.runs == 0 && whole > 0) {
+    // Without a complete run only the beginning of its line shows that this is a journal. Any other
+    // file must not be cut.
+    const size_t compared = std::min(text.size(), kLineBegin.size());
+    const bool begins = text.compare(0, compared, kLineBegin, 0, compared) == 0;
+    if (contents.runs == 0 && (whole > 0 || (torn && !begins))) {
         throw ToolError(ExitCode::kRefused, Printable(path) + " is not the journal of a fleet run");
     }
     return contents;

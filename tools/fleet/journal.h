@@ -29,6 +29,9 @@ struct Member {
     Progress progress;
     ExitCode code = ExitCode::kDone;  // of the latest end
     std::string text;                 // of the latest end, or why the device will not be upgraded
+    // What the latest attempt saw of the device afterwards, and what it concludes.
+    std::vector<std::string> observed;
+    std::vector<std::string> assumed;
     // The states that it entered, with the times in seconds since 1970.
     std::vector<std::pair<State, double>> history;
 };
@@ -42,6 +45,10 @@ struct PackageName {
 struct JournalContents {
     PackageName package;  // of the first run
     int runs = 0;
+    // Of the latest run, in seconds since 1970. Without an end it was cut off, or goes on.
+    double started = 0;
+    std::optional<double> ended;
+    std::optional<int> exitCode;
     std::vector<Member> members;
     bool torn = false;   // the last line is incomplete; the step that it announces was not taken
     uint64_t whole = 0;  // bytes of the complete lines

@@ -7,13 +7,16 @@
 #include <thread>
 #include <vector>
 
+#include "tools/base/wait.h"
+
 namespace kvtool::fleet {
 
 void ForEach(size_t count, size_t jobs, const std::function<void(size_t)>& work) {
     std::atomic<size_t> next{0};
     std::mutex mutex;
     std::exception_ptr failure;
-    const auto run = [&] {
+    const auto run = [&, interrupt = ThreadInterrupt()] {
+        const InterruptedBy interrupted(interrupt);
         for (size_t i = next++; i < count; i = next++) {
             try {
                 work(i);

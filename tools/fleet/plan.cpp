@@ -4,6 +4,7 @@
 #include <map>
 
 #include "tools/fleet/parallel.h"
+#include "tools/fleet/report.h"
 
 namespace kvtool::fleet {
 
@@ -29,7 +30,7 @@ class Planner {
             found_ = Discover(request_.discovery, nullptr);
         }
         AskNamed();
-        RefuseSharedMacs();
+        RefuseConfusable();
         ForEach(plan_.members.size() - known_, kAskers,
                 [this](size_t i) { AskIdentity(&plan_.members.at(known_ + i)); });
         return std::move(plan_);
@@ -53,6 +54,7 @@ class Planner {
         for (size_t i = 0; i < answers.size(); ++i) {
             if (answers[i]) {
                 Take(*answers[i]);
+                Include(*answers[i]);
             } else {
                 AddAbsent(request_.hosts[i]);
             }
@@ -99,6 +101,17 @@ class Planner {
         Add(MemberOf(device, request_.port));
     }
 
+    // Adds the answer to those of the search, so that two named devices are compared too.
+    void Include(const FoundDevice& answer) {
+        const auto known = std::find_if(
+            found_.devices.begin(), found_.devices.end(), [&answer](const FoundDevice& device) {
+                return device.reply.mac == answer.reply.mac && device.reply.ip == answer.reply.ip;
+            });
+        if (known == found_.devices.end()) {
+            found_.devices.push_back(answer);
+        }
+    }
+
     void AddAbsent(const std::string& host) {
         Member member;
         const auto mac = ParseMacAddress(host);
@@ -108,16 +121,14 @@ class Planner {
         Add(std::move(member));
     }
 
-    void RefuseSharedMacs() {
-        std::map<std::string, int> count;
-        for (const FoundDevice& device : found_.devices) {
-            ++count[device.reply.mac];
-        }
+    void RefuseConfusable() {
+        const std::map<std::string, std::string> reasons = Confusable(found_);
         for (size_t i = known_; i < plan_.members.size(); ++i) {
             Member& member = plan_.members[i];
-            if (count[member.mac] > 1) {
+            const auto reason = reasons.find(member.mac);
+            if (reason != reasons.end()) {
                 member.code = ExitCode::kRefused;
-                member.text = "two devices answer with this MAC address";
+                member.text = reason->second;
             }
         }
         for (std::string& text : Conflicts(found_)) {
@@ -153,7 +164,49 @@ class Planner {
     size_t known_ = 0;  // members from the journal
 };
 
+// Refused before anything was tried.
+bool Refused(const Member& member) {
+    return member.code == ExitCode::kRefused && member.progress.attempts == 0;
+}
+
 }  // namespace
+
+bool WillStart(const Member& member) {
+    return NextFor(member.progress) == Next::kLook ||
+           (NextFor(member.progress) == Next::kUpgrade && !Refused(member));
+}
+
+std::string Intention(const Member& member) {
+    const fleet::Progress& progress = member.progress;
+    if (progress.state == State::kDone) {
+        return "nothing: it was seen alive in an earlier run";
+    }
+    if (NextFor(progress) == Next::kLook) {
+        return progress.reached == State::kAccepted
+                   ? "look at it again, do not upgrade: it accepted in an earlier run"
+                   : "look at it first: in doubt since an earlier run";
+    }
+    if (Refused(member)) {
+        return "it will not be upgraded: " + member.text;
+    }
+    if (progress.attempts > 0) {
+        return "upgrade again: an earlier run ended while " +
+               std::string(StateName(progress.reached));
+    }
+    return member.address.empty() ? "upgrade if it answers by then; it does not answer now"
+                                  : "upgrade";
+}
+
+Json PlanJson(const Plan& plan) {
+    Json devices = Json::array();
+    for (const Member& member : plan.members) {
+        Json device = MemberJson(member);
+        device["intention"] = Intention(member);
+        device["will_start"] = WillStart(member);
+        devices.push_back(std::move(device));
+    }
+    return {{"devices", devices}, {"warnings", plan.warnings}};
+}
 
 Member MemberOf(const FoundDevice& device, std::optional<uint16_t> port) {
     Member member;

@@ -35,6 +35,13 @@ struct Plan {
 // Throws ToolError(kUnreachable) if no search is possible.
 Plan MakePlan(const PlanRequest& request, std::vector<Member> members);
 
+// Whether a run does anything with the device but report why it is refused.
+bool WillStart(const Member& member);
+// What will happen to a device, in words.
+std::string Intention(const Member& member);
+// The keys `devices`, each with `intention` and `will_start`, and `warnings`.
+Json PlanJson(const Plan& plan);
+
 // The member for a device that a search found.
 Member MemberOf(const FoundDevice& device, std::optional<uint16_t> port);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <numeric>
 #include <optional>
 
 #include "tools/base/text.h"
@@ -75,6 +76,23 @@ std::vector<std::string> Headings() {
     return names;
 }
 
+constexpr size_t kGap = 2;  // between columns
+
+// Sets the widths of columns to 0, the least important first, until a line of `width` characters
+// (0: no limit) holds the others. The reason goes first: it needs a line of its own. Returns
+// whether all columns fit.
+bool FitColumns(std::vector<size_t>* widths, size_t width) {
+    constexpr std::array<size_t, 10> kLeastImportant = {12, 2, 6, 7, 8, 10, 5, 9, 11, 1};
+    for (const size_t column : kLeastImportant) {
+        const size_t all = std::accumulate(widths->begin(), widths->end(), size_t{0});
+        if (width == 0 || all <= width + kGap) {
+            return column == kLeastImportant.front();
+        }
+        widths->at(column) = 0;
+    }
+    return false;
+}
+
 std::string CsvCell(const std::string& text) {
     if (text.find_first_of(",\"\r\n") == std::string::npos) {
         return text;
@@ -86,34 +104,12 @@ std::string CsvCell(const std::string& text) {
     return quoted + "\"";
 }
 
-std::string HtmlText(const std::string& text) {
-    std::string out;
-    for (const char c : text) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            default:
-                out += c;
-        }
-    }
-    return out;
-}
-
 std::string Summary(const JournalContents& journal) {
     const Counts counts = Count(journal.members);
-    return std::to_string(journal.members.size()) + " devices: " + std::to_string(counts.done) +
-           " done, " + std::to_string(counts.failed) + " failed, " + std::to_string(counts.open) +
-           " open; " + std::to_string(journal.runs) + (journal.runs == 1 ? " run" : " runs");
+    return DevicesText(journal.members.size()) + ": " + std::to_string(counts.done) + " done, " +
+           std::to_string(counts.failed) + " failed, " + std::to_string(counts.open) + " open; " +
+           std::to_string(journal.runs) + (journal.runs == 1 ? " run" : " runs") +
+           (journal.torn ? "; a crash has cut off the last line" : "");
 }
 
 std::string PackageText(const JournalContents& journal) {
@@ -122,6 +118,10 @@ std::string PackageText(const JournalContents& journal) {
 }
 
 }  // namespace
+
+std::string DevicesText(size_t count) {
+    return std::to_string(count) + (count == 1 ? " device" : " devices");
+}
 
 Counts Count(const std::vector<Member>& members) {
     Counts counts;
@@ -141,7 +141,7 @@ const char* HasText(const Member& member) {
     return member.progress.reached >= State::kFinishing ? "not known" : "as before";
 }
 
-void WriteTable(std::ostream& out, const JournalContents& journal) {
+void WriteTable(std::ostream& out, const JournalContents& journal, size_t width) {
     std::vector<std::vector<std::string>> rows = {Headings()};
     for (const Member& member : journal.members) {
         rows.push_back(Cells(member));
@@ -149,17 +149,21 @@ void WriteTable(std::ostream& out, const JournalContents& journal) {
     std::vector<size_t> widths(rows.front().size());
     for (const auto& row : rows) {
         for (size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], row[i].size());
+            widths[i] = std::max(widths[i], row[i].size() + kGap);
         }
     }
+    const bool whole = FitColumns(&widths, width);
     out << PackageText(journal) << '\n';
     for (const auto& row : rows) {
         std::string line;
         for (size_t i = 0; i < row.size(); ++i) {
-            line += row[i] + std::string(widths[i] - row[i].size() + 2, ' ');
+            line += widths[i] > 0 ? row[i] + std::string(widths[i] - row[i].size(), ' ') : "";
         }
         line.erase(line.find_last_not_of(' ') + 1);
         out << line << '\n';
+    }
+    if (!whole) {
+        WriteTroubles(out, journal.members);
     }
     out << Summary(journal) << '\n';
 }
@@ -182,7 +186,7 @@ void WriteHtml(std::ostream& out, const JournalContents& journal) {
                             const char* kind) {
         out << "<tr class=\"" << kind << "\">";
         for (const std::string& cell : cells) {
-            out << '<' << tag << '>' << HtmlText(cell) << "</" << tag << '>';
+            out << '<' << tag << '>' << MarkupText(cell) << "</" << tag << '>';
         }
         out << "</tr>\n";
     };
@@ -190,7 +194,7 @@ void WriteHtml(std::ostream& out, const JournalContents& journal) {
            "upgrade</title>\n<style>body{font-family:sans-serif}table{border-collapse:collapse}"
            "td,th{border:1px solid #aaa;padding:.2em .5em;text-align:left}.failed{background:#fdd}"
            ".done{background:#dfd}</style></head><body>\n<p>"
-        << HtmlText(PackageText(journal)) << "</p>\n<p>" << HtmlText(Summary(journal))
+        << MarkupText(PackageText(journal)) << "</p>\n<p>" << MarkupText(Summary(journal))
         << "</p>\n<table>\n";
     row(Headings(), "th", "heading");
     for (const Member& member : journal.members) {
@@ -229,7 +233,9 @@ Json MemberJson(const Member& member) {
                  {"reached", StateName(member.progress.reached)},
                  {"attempts", member.progress.attempts},
                  {"code", static_cast<int>(member.code)},
-                 {"text", member.text}};
+                 {"text", member.text},
+                 {"observed", member.observed},
+                 {"assumed", member.assumed}};
     Json phases = Json::array();
     for (const PhaseRow& phase : kPhases) {
         if (const auto seconds = PhaseSeconds(member, phase.state)) {
@@ -238,6 +244,25 @@ Json MemberJson(const Member& member) {
     }
     json["phases"] = phases;
     return json;
+}
+
+Json MembersJson(const std::vector<Member>& members) {
+    Json devices = Json::array();
+    for (const Member& member : members) {
+        devices.push_back(MemberJson(member));
+    }
+    return devices;
+}
+
+Json PackageNameJson(const PackageName& package) {
+    return {{"file", package.file}, {"size", package.size}, {"md5", package.md5}};
+}
+
+Json ReportJson(const JournalContents& journal) {
+    return {{"package", PackageNameJson(journal.package)},
+            {"runs", journal.runs},
+            {"torn", journal.torn},
+            {"devices", MembersJson(journal.members)}};
 }
 
 }  // namespace kvtool::fleet

@@ -78,33 +78,68 @@ void Runner::Settle(size_t index, const Member& member) {
 
 // A device whose upload was cut off still reads the bytes that had arrived. It would take them for
 // the first bytes of the next upload.
-Clock::time_point Runner::EarliestStart(const Member& member) const {
-    const bool cutOff = member.progress.reached == State::kUploading;
-    return Clock::now() + (cutOff ? request_.retryPause : Millis(0));
+Millis Runner::PauseBefore(const Member& member) const {
+    return member.progress.reached == State::kUploading ? request_.retryPause : Millis(0);
 }
 
-void Runner::Add(Member member) {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    const auto known = std::find_if(members_.begin(), members_.end(),
-                                    [&](const Member& other) { return other.id == member.id; });
-    const auto index = static_cast<size_t>(known - members_.begin());
-    if (known == members_.end()) {
-        members_.push_back(std::move(member));
-    } else {
-        *known = std::move(member);
-    }
-    const Member& added = members_[index];
-    listener_->Changed(index, added);
-    if (NextFor(added.progress) != Next::kNothing) {
-        waiting_.push_back({index, EarliestStart(added)});
+// A device waits for one attempt at most.
+void Runner::Queue(size_t index, Millis pause) {
+    if (std::none_of(waiting_.begin(), waiting_.end(),
+                     [index](const Waiting& waiting) { return waiting.member == index; })) {
+        waiting_.push_back({index, Clock::now() + pause});
         changed_.notify_all();
     }
 }
 
+std::vector<Member>::iterator Runner::Known(const std::string& id) {
+    return std::find_if(members_.begin(), members_.end(),
+                        [&id](const Member& member) { return member.id == id; });
+}
+
+void Runner::Add(Member member) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const size_t index = members_.size();
+    members_.push_back(std::move(member));
+    const Member& added = members_[index];
+    listener_->Changed(index, added);
+    if (NextFor(added.progress) != Next::kNothing) {
+        Queue(index, PauseBefore(added));
+    }
+}
+
+void Runner::TryAgain(const std::string& id, const std::string& address) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto known = Known(id);
+    if (known != members_.end() && known->progress.state == State::kFailed &&
+        NextFor(known->progress) == Next::kUpgrade) {
+        known->address = address;
+        Queue(static_cast<size_t>(known - members_.begin()), PauseBefore(*known));
+    }
+}
+
+void Runner::AddIdle(Member member) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    members_.push_back(std::move(member));
+    listener_->Changed(members_.size() - 1, members_.back());
+}
+
+ExitCode Runner::Result() const {
+    if (!journalTrouble_.empty()) {
+        return ExitCode::kInternal;
+    }
+    const bool all = std::all_of(members_.begin(), members_.end(), [](const Member& member) {
+        return member.progress.state == State::kDone;
+    });
+    const bool cutShort = request_.startNothing.Raised() && !all && !request_.keepOpen;
+    if (request_.stopNow.Raised() || cutShort) {
+        return ExitCode::kInterrupted;
+    }
+    return all ? ExitCode::kDone : ExitCode::kSomeFailed;
+}
+
 std::optional<Member> Runner::Find(const std::string& id) {
     const std::lock_guard<std::mutex> guard(mutex_);
-    const auto known = std::find_if(members_.begin(), members_.end(),
-                                    [&id](const Member& member) { return member.id == id; });
+    const auto known = Known(id);
     return known == members_.end() ? std::nullopt : std::optional<Member>(*known);
 }
 
@@ -134,7 +169,7 @@ bool Runner::Held(size_t index) const {
 std::optional<size_t> Runner::TakeWaiting(Clock::time_point* wake) {
     const Clock::time_point now = Clock::now();
     for (auto item = waiting_.begin(); item != waiting_.end(); ++item) {
-        if (Held(item->member)) {
+        if (Held(item->member) || underWay_.count(item->member) != 0) {
             continue;
         }
         if (item->notBefore <= now) {
@@ -156,10 +191,10 @@ std::optional<size_t> Runner::NextMember() {
         }
         Clock::time_point wake = Clock::now() + std::chrono::hours(1);
         if (const auto member = TakeWaiting(&wake)) {
-            ++underWay_;
+            underWay_.insert(*member);
             return member;
         }
-        if (waiting_.empty() && underWay_ == 0 && !request_.keepOpen) {
+        if (waiting_.empty() && underWay_.empty() && !request_.keepOpen) {
             changed_.notify_all();
             return std::nullopt;
         }
@@ -189,7 +224,7 @@ void Runner::Perform(size_t index) {
 
 void Runner::ConcludeFailure(const Member& member, size_t index) {
     if (MayRetry(member) && member.progress.attempts <= request_.retries) {
-        waiting_.push_back({index, Clock::now() + request_.retryPause});
+        Queue(index, request_.retryPause);
         listener_->Line(
             index, "next attempt in " + std::to_string(request_.retryPause.count() / 1000) + " s");
         return;
@@ -204,12 +239,12 @@ void Runner::ConcludeFailure(const Member& member, size_t index) {
 
 void Runner::Conclude(size_t index) {
     const std::lock_guard<std::mutex> guard(mutex_);
-    --underWay_;
+    underWay_.erase(index);
     const Member& member = members_[index];
     if (member.progress.state == State::kFailed) {
         ConcludeFailure(member, index);
     } else if (member.progress.state == State::kLooking) {
-        waiting_.push_back({index, Clock::now()});
+        Queue(index, Millis(0));
     } else if (canaries_.count(index) != 0) {
         canaries_[index] = true;
         if (std::all_of(canaries_.begin(), canaries_.end(),
@@ -231,7 +266,7 @@ void Runner::Work() {
                 Tell([&](RunListener* listener) { listener->Line(*index, error.what()); });
             } else {
                 const std::lock_guard<std::mutex> guard(mutex_);
-                --underWay_;
+                underWay_.erase(*index);
                 changed_.notify_all();
                 return;
             }

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -40,7 +41,7 @@ struct RunRequest {
 class RunListener {
   public:
     virtual ~RunListener() = default;
-    // The member is new, has entered a state, or will be tried again.
+    // The member is new or has entered a state.
     virtual void Changed(size_t member, const Member& what) = 0;
     virtual void Progress(size_t member, const UploadProgress& progress) = 0;
     // What happens to the member, in words.
@@ -57,9 +58,18 @@ class Runner {
     Runner(const RunRequest& request, Journal* journal, RunListener* listener)
         : request_(request), journal_(journal), listener_(listener) {}
 
-    // Adds a device to upgrade. A device of an earlier run continues where that run left it. May be
-    // called on any thread, before Run or during it.
+    // Adds a device to upgrade. A device of an earlier run continues where that run left it. Each
+    // device is added once. May be called on any thread, before Run or during it.
     void Add(Member member);
+    // Makes another attempt at a device that has failed without accepting anything, at this
+    // address. Does nothing in other states. May be called on any thread.
+    void TryAgain(const std::string& id, const std::string& address);
+    // Passes a message about the run as a whole to the listener. May be called on any thread.
+    void Note(const std::string& text) {
+        Tell([&text](RunListener* listener) { listener->Note(text); });
+    }
+    // Lists a device that this run leaves as it is. Before Run.
+    void AddIdle(Member member);
     // Blocks until there is nothing left to do and nothing under way. May be called once.
     void Run();
 
@@ -68,6 +78,8 @@ class Runner {
     const std::string& Stopped() const { return stopped_; }
     // After Run: why the journal could not be written; empty: it is complete.
     const std::string& JournalTrouble() const { return journalTrouble_; }
+    // After Run: the exit code of the run.
+    ExitCode Result() const;
     // A copy of the member, or nothing if there is none. May be called on any thread.
     std::optional<Member> Find(const std::string& id);
 
@@ -86,7 +98,9 @@ class Runner {
     void ConcludeFailure(const Member& member, size_t index);
     void ChooseCanaries();
     bool Held(size_t index) const;
-    Clock::time_point EarliestStart(const Member& member) const;
+    std::vector<Member>::iterator Known(const std::string& id);
+    void Queue(size_t index, Millis pause);
+    Millis PauseBefore(const Member& member) const;
     void Stop(const std::string& why);
 
     // An attempt enters a state. Writes the journal first, then tells the listener.
@@ -104,7 +118,7 @@ class Runner {
     std::vector<Member> members_;
     std::deque<Waiting> waiting_;
     std::map<size_t, bool> canaries_;  // whether each was seen alive; empty: nobody has to wait
-    size_t underWay_ = 0;
+    std::set<size_t> underWay_;
     size_t failures_ = 0;
     std::string stopped_;
     std::string journalTrouble_;

@@ -22,6 +22,12 @@ bool FitsField(const std::string& text, size_t field) {
            std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
 }
 
+bool IsComment(const std::string& text) {
+    return !text.empty() && text.size() <= kv::kMaxSignatureComment &&
+           std::all_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<uint8_t>(c) >= ' ' && c != '\x7F'; });
+}
+
 std::string Joined(const std::vector<std::string>& lines) {
     std::string text;
     for (const std::string& line : lines) {
@@ -47,6 +53,10 @@ void RequireExpressible(const BuildRequest& request) {
     }
     if (request.images.empty()) {
         problems.emplace_back("no image given");
+    }
+    if (request.signatureComment && !IsComment(*request.signatureComment)) {
+        problems.push_back("a comment has 1 to " + std::to_string(kv::kMaxSignatureComment) +
+                           " bytes and no control characters");
     }
     if (!problems.empty()) {
         throw ToolError(ExitCode::kRefused, Joined(problems));
@@ -94,20 +104,30 @@ bool IsBoot(const Layout& layout, const ImageSpec& image) {
     return std::any_of(rows.begin(), rows.end(), [](const LayoutRow& row) { return row.IsBoot(); });
 }
 
-void PutEntry(uint8_t* at, const ImageSpec& image, uint64_t offset) {
+void PutEntry(uint8_t* at, const std::string& name, uint64_t size, uint64_t offset) {
     using Entry = kv::UpgradeFileEntryBytes;
-    std::copy(image.name.begin(), image.name.end(), at + offsetof(Entry, fileName));
-    kv::PutLe32(at + offsetof(Entry, dataLen), static_cast<uint32_t>(image.bytes.size()));
+    std::copy(name.begin(), name.end(), at + offsetof(Entry, fileName));
+    kv::PutLe32(at + offsetof(Entry, dataLen), static_cast<uint32_t>(size));
     kv::PutLe32(at + offsetof(Entry, dataOffset), static_cast<uint32_t>(offset));
     kv::PutLe32(at + offsetof(Entry, checkCode), kv::kEntryCheckCode);
 }
 
-void PutHeader(uint8_t* at, const BuildRequest& request, uint64_t total) {
+void PutHeader(uint8_t* at, const BuildRequest& request, size_t entries, uint64_t total) {
     using Header = kv::UpgradeFileHeaderBytes;
     std::copy(request.ic.begin(), request.ic.end(), at + offsetof(Header, icType));
     std::copy(request.sensor.begin(), request.sensor.end(), at + offsetof(Header, sensorType));
     kv::PutLe32(at + offsetof(Header, upgrateDataLen), static_cast<uint32_t>(total));
-    kv::PutLe32(at + offsetof(Header, fileNum), static_cast<uint32_t>(request.images.size()));
+    kv::PutLe32(at + offsetof(Header, fileNum), static_cast<uint32_t>(entries));
+}
+
+size_t SignatureSize(const BuildRequest& request) {
+    return request.signatureComment
+               ? sizeof(kv::PackageSignatureBytes) + request.signatureComment->size()
+               : 0;
+}
+
+uint8_t* EntryAt(uint8_t* package, size_t index) {
+    return package + kv::kPackageHeaderSize + index * kv::kPackageEntrySize;
 }
 
 }  // namespace
@@ -127,7 +147,10 @@ BuildResult BuildPackage(const BuildRequest& request) {
         order.begin(), order.end(),
         [&request](const ImageSpec* image) { return !IsBoot(request.layout, *image); });
 
-    const size_t dataStart = kv::kPackageHeaderSize + order.size() * kv::kPackageEntrySize;
+    const size_t first = request.signatureComment ? 1 : 0;  // entry of the first image
+    const size_t entries = first + order.size();
+    const size_t tableEnd = kv::kPackageHeaderSize + entries * kv::kPackageEntrySize;
+    const size_t dataStart = tableEnd + SignatureSize(request);
     uint64_t total = dataStart;
     std::vector<uint64_t> offsets;
     for (auto image = order.begin(); image != order.end(); ++image) {
@@ -140,13 +163,18 @@ BuildResult BuildPackage(const BuildRequest& request) {
         throw ToolError(ExitCode::kRefused, "the package would be too large: " + SizeText(total));
     }
     result.bytes.assign(total, 0xFF);
-    std::fill_n(result.bytes.begin(), dataStart, uint8_t{0});
-    PutHeader(result.bytes.data(), request, total);
+    uint8_t* const package = result.bytes.data();
+    std::fill_n(package, dataStart, uint8_t{0});
+    PutHeader(package, request, entries, total);
+    if (request.signatureComment) {
+        PutEntry(EntryAt(package, 0), kv::kSignatureName, SignatureSize(request), tableEnd);
+        std::copy(request.signatureComment->begin(), request.signatureComment->end(),
+                  package + tableEnd + sizeof(kv::PackageSignatureBytes));
+    }
     for (size_t i = 0; i < order.size(); ++i) {
-        PutEntry(result.bytes.data() + kv::kPackageHeaderSize + i * kv::kPackageEntrySize,
-                 *order[i], offsets[i]);
-        std::copy(order[i]->bytes.begin(), order[i]->bytes.end(),
-                  result.bytes.begin() + static_cast<ptrdiff_t>(offsets[i]));
+        const ImageSpec& image = *order[i];
+        PutEntry(EntryAt(package, first + i), image.name, image.bytes.size(), offsets[i]);
+        std::copy(image.bytes.begin(), image.bytes.end(), package + offsets[i]);
     }
     return result;
 }

@@ -62,6 +62,7 @@ class Checker {
     PackageReport Run() {
         report_.size = package_.size();
         report_.md5 = Md5Hex(package_.data(), package_.size());
+        report_.signature = FindEmbeddedSignature(package_);
         if (CheckHeader()) {
             ReadEntries();
             CheckOverlaps();
@@ -87,6 +88,7 @@ class Checker {
                    const std::optional<std::string>& wanted);
     void ReadEntries();
     void CheckEntry(EntryReport* entry);
+    void CheckSignatureEntry(const EntryReport& entry);
     void CheckImage(EntryReport* entry, const LayoutRow& target);
     void MeasureBehind(EntryReport* entry, const LayoutRow& target);
     void CheckOverlaps();
@@ -197,7 +199,9 @@ void Checker::CheckEntry(EntryReport* entry) {
               "bad check code: the device stops here and reboots; earlier entries stay written");
         return;
     }
-    if (entry->targets.empty()) {
+    if (entry->name == kv::kSignatureName) {
+        CheckSignatureEntry(*entry);
+    } else if (entry->targets.empty()) {
         Warn(*entry, "no_partition",
              "the name selects no partition: the device skips the entry silently");
     }
@@ -207,6 +211,14 @@ void Checker::CheckEntry(EntryReport* entry) {
     }
     for (const LayoutRow& target : entry->targets) {
         CheckImage(entry, target);
+    }
+}
+
+void Checker::CheckSignatureEntry(const EntryReport& entry) {
+    if (entry.index != 0 || !report_.signature) {
+        Warn(entry, "no_signature",
+             "not a signature as a device looks for it: first in the table, its image directly "
+             "after the table");
     }
 }
 

@@ -9,6 +9,7 @@
 
 #include "tools/base/text.h"
 #include "tools/package/layout.h"
+#include "tools/package/signature.h"
 
 namespace kvtool {
 
@@ -54,7 +55,8 @@ struct PackageReport {
     std::string sensor;
     uint32_t totalLen = 0;
     uint32_t fileNum = 0;
-    std::vector<EntryReport> entries;  // those with at least one byte in the file
+    std::optional<EmbeddedSignature> signature;  // not verified here
+    std::vector<EntryReport> entries;            // those with at least one byte in the file
     std::vector<Finding> findings;
 
     // Whether nothing of severity kError was found.

@@ -1,5 +1,12 @@
 #include "tools/package/package_json.h"
 
+#include <algorithm>
+#include <cmath>
+
+#include "flash/kv_upgrade_package.h"
+#include "tools/base/nor_times.h"
+#include "tools/package/flash_time.h"
+
 namespace kvtool {
 
 namespace {
@@ -36,6 +43,29 @@ Json FindingsJson(const PackageReport& report) {
     return findings;
 }
 
+double Milliseconds(double seconds) {
+    return std::round(seconds * 1000) / 1000;
+}
+
+double ChipSeconds(std::chrono::microseconds time) {
+    return std::chrono::duration<double>(time).count();
+}
+
+Json FlashTimeJson(const FlashTime& time) {
+    Json windows = Json::array();
+    for (const PowerWindow& window : time.windows) {
+        windows.push_back({{"partition", window.partition},
+                           {"risk", CutRiskName(window.risk)},
+                           {"from", Milliseconds(window.from)},
+                           {"seconds", Milliseconds(window.seconds)}});
+    }
+    const Json chip = {{"page_bytes", kv::kNorPageBytes},
+                       {"page_seconds", ChipSeconds(kv::kNorPageProgram)},
+                       {"block_bytes", kv::kNorLargestErase.bytes},
+                       {"block_seconds", ChipSeconds(kv::kNorLargestErase.typical)}};
+    return {{"seconds", Milliseconds(time.seconds)}, {"windows", windows}, {"chip", chip}};
+}
+
 Json PlaceJson(const std::optional<ImagePlace>& place) {
     if (!place) {
         return {};
@@ -63,16 +93,50 @@ Json PackageJson(const PackageReport& report) {
         json["total_length"] = report.totalLen;
         json["file_num"] = report.fileNum;
     }
+    if (report.signature) {
+        json["embedded_signature"] = SignatureJson(report.signature->text);
+    }
     json["entries"] = Json::array();
     for (const EntryReport& entry : report.entries) {
         json["entries"].push_back(EntryJson(entry));
     }
+    json["power"] = FlashTimeJson(ForeseeFlashTime(report));
     json["findings"] = FindingsJson(report);
     return json;
 }
 
+Json FlashMapJson(const PackageReport& report, const Layout& layout) {
+    Json map = Json::array();
+    for (const LayoutRow& row : layout.Rows()) {
+        Json written = Json::array();
+        for (const EntryReport& entry : report.entries) {
+            const bool selects =
+                std::any_of(entry.targets.begin(), entry.targets.end(),
+                            [&row](const LayoutRow& target) { return target.name == row.name; });
+            // The device stops at a bad check code and skips an image that is too large.
+            if (selects && entry.reached && entry.checkCode == kv::kEntryCheckCode &&
+                report.totalLen != 0 && entry.dataLen <= row.size) {
+                written.push_back({{"entry", entry.index},
+                                   {"offset", 0},
+                                   {"length", entry.inFile},
+                                   {"behind", entry.behind}});
+            }
+        }
+        const bool stays = written.empty();
+        map.push_back({{"name", row.name},
+                       {"device", row.device},
+                       {"size", row.size},
+                       {"assumed", true},
+                       {"written", std::move(written)},
+                       {"stays", stays}});
+    }
+    return map;
+}
+
 Json SignatureJson(const Signature& signature) {
-    return {{"key_id", signature.keyId}, {"trusted_comment", Printable(signature.comment)}};
+    return {{"key_id", signature.keyId},
+            {"trusted_comment", Printable(signature.comment)},
+            {"form", signature.form == SignatureForm::kEmbedded ? "embedded" : "detached"}};
 }
 
 Json ComparisonJson(const PackageComparison& comparison) {

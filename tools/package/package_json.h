@@ -13,6 +13,9 @@ Json PackageJson(const PackageReport& report);
 // Without the entries.
 Json PackageSummaryJson(const PackageReport& report);
 
+// The partitions of the layout, each with what the package writes to it.
+Json FlashMapJson(const PackageReport& report, const Layout& layout);
+
 Json SignatureJson(const Signature& signature);
 Json ComparisonJson(const PackageComparison& comparison);
 Json VerdictJson(const DumpVerdict& verdict);

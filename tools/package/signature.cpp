@@ -3,125 +3,152 @@
 #include <sodium.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
+#include <iterator>
 
+#include "common/kv_le.h"
 #include "tools/base/errors.h"
 #include "tools/base/files.h"
+#include "tools/package/minisign_files.h"
 
 namespace kvtool {
 
 namespace {
 
-constexpr char kUntrusted[] = "untrusted comment: ";
-constexpr char kTrusted[] = "trusted comment: ";
-
-using KeyId = std::array<uint8_t, 8>;
-
-struct PublicKey {
-    uint8_t algorithm[2];  // "Ed"
-    KeyId id;
-    uint8_t key[crypto_sign_PUBLICKEYBYTES];
-};
-
-struct SignatureBlock {
-    uint8_t algorithm[2];  // "Ed": of the file itself, "ED": of its BLAKE2b digest
-    KeyId id;
-    uint8_t signature[crypto_sign_BYTES];
-};
+using Digest = std::array<uint8_t, crypto_generichash_BYTES_MAX>;
 
 [[noreturn]] void Refuse(const std::string& file, const std::string& why) {
     throw ToolError(ExitCode::kRefused, Printable(file) + ": " + why);
 }
 
-std::vector<std::string> TextLines(const std::string& file) {
-    const Bytes bytes = ReadWholeFile(file);
-    std::vector<std::string> lines(1);
-    for (const uint8_t byte : bytes) {
-        if (byte == '\n') {
-            lines.emplace_back();
-        } else if (byte != '\r') {
-            lines.back() += static_cast<char>(byte);
+// The bytes of a signature that a package carries count as zero.
+Digest DigestOf(const Bytes& package, const EmbeddedSignature* embedded) {
+    crypto_generichash_state state;
+    Digest digest{};
+    (void)crypto_generichash_init(&state, nullptr, 0, digest.size());
+    size_t rest = 0;
+    if (embedded != nullptr) {
+        const Bytes zeros(embedded->Size());
+        (void)crypto_generichash_update(&state, package.data(), embedded->offset);
+        (void)crypto_generichash_update(&state, zeros.data(), zeros.size());
+        rest = embedded->offset + zeros.size();
+    }
+    (void)crypto_generichash_update(&state, package.data() + rest, package.size() - rest);
+    (void)crypto_generichash_final(&state, digest.data(), digest.size());
+    return digest;
+}
+
+const PublicKey& FindKey(const std::vector<PublicKey>& keys, const KeyId& id,
+                         const std::string& file) {
+    const auto key = std::find_if(keys.begin(), keys.end(),
+                                  [&id](const PublicKey& trusted) { return trusted.id == id; });
+    if (key == keys.end()) {
+        std::string trusted;
+        for (const PublicKey& other : keys) {
+            trusted += (trusted.empty() ? "" : ", ") + KeyIdText(other.id);
         }
+        Refuse(file, "signed by key " + KeyIdText(id) + ", but trusted is " + trusted);
     }
-    return lines;
+    return *key;
 }
 
-template <typename Block>
-bool Decode(const std::string& base64, Block* block) {
-    size_t size = 0;
-    return sodium_base642bin(reinterpret_cast<unsigned char*>(block), sizeof *block, base64.c_str(),
-                             base64.size(), nullptr, &size, nullptr,
-                             sodium_base64_VARIANT_ORIGINAL) == 0 &&
-           size == sizeof *block;
+bool Signs(const Ed25519Signature& signature, const uint8_t* bytes, size_t size,
+           const PublicKey& key) {
+    return crypto_sign_verify_detached(signature.data(), bytes, size, key.key.data()) == 0;
 }
 
-bool StartsWith(const std::string& text, const char* start) {
-    return text.rfind(start, 0) == 0;
-}
-
-PublicKey ReadKey(const std::string& file) {
-    const std::vector<std::string> lines = TextLines(file);
-    PublicKey key{};
-    if (lines.size() < 2 || !StartsWith(lines[0], kUntrusted) || !Decode(lines[1], &key) ||
-        memcmp(key.algorithm, "Ed", 2) != 0) {
-        Refuse(file, "not a minisign public key");
+void VerifyComment(const DetachedSignature& signature, const PublicKey& key,
+                   const std::string& file) {
+    Bytes text(signature.signature.begin(), signature.signature.end());
+    text.insert(text.end(), signature.comment.begin(), signature.comment.end());
+    if (!Signs(signature.commentSignature, text.data(), text.size(), key)) {
+        Refuse(file, "its trusted comment has been changed");
     }
-    return key;
 }
 
-// minisign shows the bytes as one little-endian number.
-std::string IdText(KeyId id) {
-    std::reverse(id.begin(), id.end());
-    return Hex(id.data(), id.size());
-}
-
-bool SignsPackage(const SignatureBlock& block, const PublicKey& key, const Bytes& package) {
-    if (memcmp(block.algorithm, "Ed", 2) == 0) {
-        return crypto_sign_verify_detached(block.signature, package.data(), package.size(),
-                                           key.key) == 0;
+std::vector<PublicKey> TrustedKeys(const std::string& file) {
+    if (sodium_init() < 0) {
+        throw ToolError(ExitCode::kInternal, "cannot start libsodium");
     }
-    std::array<uint8_t, crypto_generichash_BYTES_MAX> digest{};
-    return memcmp(block.algorithm, "ED", 2) == 0 &&
-           crypto_generichash(digest.data(), digest.size(), package.data(), package.size(), nullptr,
-                              0) == 0 &&
-           crypto_sign_verify_detached(block.signature, digest.data(), digest.size(), key.key) == 0;
+    return ReadPublicKeys(file);
 }
 
-bool SignsComment(const SignatureBlock& block, const PublicKey& key, const std::string& comment,
-                  const std::array<uint8_t, crypto_sign_BYTES>& signature) {
-    Bytes text(block.signature, block.signature + sizeof block.signature);
-    text.insert(text.end(), comment.begin(), comment.end());
-    return crypto_sign_verify_detached(signature.data(), text.data(), text.size(), key.key) == 0;
+Signature VerifyEmbedded(const Bytes& package, const std::string& file,
+                         const EmbeddedSignature& embedded, const std::vector<PublicKey>& keys) {
+    const kv::PackageSignatureBytes& bytes = embedded.bytes;
+    DetachedSignature signature{true, {}, {}, embedded.text.comment, {}};
+    std::copy(std::begin(bytes.keyId), std::end(bytes.keyId), signature.id.begin());
+    std::copy(std::begin(bytes.signature), std::end(bytes.signature), signature.signature.begin());
+    std::copy(std::begin(bytes.commentSignature), std::end(bytes.commentSignature),
+              signature.commentSignature.begin());
+    const PublicKey& key = FindKey(keys, signature.id, file);
+    const Digest digest = DigestOf(package, &embedded);
+    if (memcmp(bytes.algorithm, "ED", sizeof bytes.algorithm) != 0 ||
+        !Signs(signature.signature, digest.data(), digest.size(), key)) {
+        Refuse(file, "changed after key " + KeyIdText(key.id) + " signed it");
+    }
+    VerifyComment(signature, key, file);
+    return embedded.text;
+}
+
+Signature VerifyDetached(const Bytes& package, const std::string& file, const std::string& path,
+                         const DetachedSignature& signature, const std::vector<PublicKey>& keys) {
+    const PublicKey& key = FindKey(keys, signature.id, path);
+    const Digest digest = DigestOf(package, nullptr);
+    const bool good = signature.prehashed
+                          ? Signs(signature.signature, digest.data(), digest.size(), key)
+                          : Signs(signature.signature, package.data(), package.size(), key);
+    if (!good) {
+        Refuse(path, "not a signature of " + Printable(file) + " by key " + KeyIdText(key.id));
+    }
+    VerifyComment(signature, key, path);
+    return {KeyIdText(key.id), signature.comment, SignatureForm::kDetached};
 }
 
 }  // namespace
 
+std::optional<EmbeddedSignature> FindEmbeddedSignature(const Bytes& package) {
+    if (package.size() < kv::kPackageHeaderSize + kv::kPackageEntrySize) {
+        return {};
+    }
+    kv::UpgradeFileHeaderBytes header;
+    kv::UpgradeFileEntryBytes entry;
+    memcpy(&header, package.data(), sizeof header);
+    memcpy(&entry, package.data() + sizeof header, sizeof entry);
+    const uint64_t offset =
+        kv::kPackageHeaderSize + uint64_t{kv::kPackageEntrySize} * kv::GetLe32(header.fileNum);
+    const uint64_t length = kv::GetLe32(entry.dataLen);
+    EmbeddedSignature found{offset, {}, {}};
+    if (ReadField(entry.fileName, sizeof entry.fileName).text != kv::kSignatureName ||
+        kv::GetLe32(entry.checkCode) != kv::kEntryCheckCode ||
+        kv::GetLe32(entry.dataOffset) != offset || length < sizeof found.bytes ||
+        length > sizeof found.bytes + kv::kMaxSignatureComment ||
+        offset + length > package.size()) {
+        return {};
+    }
+    memcpy(&found.bytes, package.data() + offset, sizeof found.bytes);
+    const auto image = package.begin() + static_cast<ptrdiff_t>(offset);
+    KeyId id;
+    std::copy(std::begin(found.bytes.keyId), std::end(found.bytes.keyId), id.begin());
+    found.text.keyId = KeyIdText(id);
+    found.text.comment.assign(image + sizeof found.bytes, image + static_cast<ptrdiff_t>(length));
+    return found;
+}
+
 Signature VerifySignature(const Bytes& package, const std::string& file, const Trust& trust) {
-    if (sodium_init() < 0) {
-        throw ToolError(ExitCode::kInternal, "cannot start libsodium");
+    if (trust.signature.empty()) {
+        if (const auto embedded = FindEmbeddedSignature(package)) {
+            return VerifyEmbedded(package, file, *embedded, TrustedKeys(trust.key));
+        }
     }
     const std::string path = trust.signature.empty() ? file + ".minisig" : trust.signature;
-    const PublicKey key = ReadKey(trust.key);
-    const std::vector<std::string> lines = TextLines(path);
-    SignatureBlock block{};
-    std::array<uint8_t, crypto_sign_BYTES> commentSignature{};
-    if (lines.size() < 4 || !StartsWith(lines[0], kUntrusted) || !Decode(lines[1], &block) ||
-        !StartsWith(lines[2], kTrusted) || !Decode(lines[3], &commentSignature)) {
-        Refuse(path, "not a minisign signature");
-    }
-    if (block.id != key.id) {
-        Refuse(path,
-               "made by key " + IdText(block.id) + ", but the trusted key is " + IdText(key.id));
-    }
-    if (!SignsPackage(block, key, package)) {
-        Refuse(path, "not a signature of " + Printable(file) + " by key " + IdText(key.id));
-    }
-    const std::string comment = lines[2].substr(strlen(kTrusted));
-    if (!SignsComment(block, key, comment, commentSignature)) {
-        Refuse(path, "its trusted comment has been changed");
-    }
-    return {IdText(key.id), comment};
+    return VerifySignature(package, file, trust.key, path, ReadWholeFile(path));
+}
+
+Signature VerifySignature(const Bytes& package, const std::string& file, const std::string& keyFile,
+                          const std::string& path, const Bytes& signature) {
+    return VerifyDetached(package, file, path, ParseDetachedSignature(signature, path),
+                          TrustedKeys(keyFile));
 }
 
 }  // namespace kvtool

@@ -16,8 +16,6 @@
 namespace vboard {
 namespace {
 
-constexpr char kWatchdogName[] = "watchdog";
-
 struct Partition {
     std::string name;
     NorFlash flash;
@@ -25,12 +23,13 @@ struct Partition {
 
 // Everything that lives from one Attach to its Detach.
 struct Attachment {
-    Attachment(std::vector<Partition>& partitions, bool norTiming, SharedWatchdog& sharedWatchdog,
-               OpLog& log, Faults& faults, const BoardClock& clock, std::function<void()> starved)
+    Attachment(std::vector<Partition>& partitions, SharedWatchdog& sharedWatchdog, OpLog& log,
+               Faults& faults, const BoardClock& clock, const ChipConditions& conditions,
+               std::function<void()> starved)
         : watchdog(sharedWatchdog, Bench{log, faults, stop, clock}, std::move(starved)) {
         files.reserve(partitions.size());
         for (Partition& partition : partitions) {
-            files.emplace_back(partition.name, partition.flash, norTiming, chip,
+            files.emplace_back(partition.name, partition.flash, conditions, chip,
                                Bench{log, faults, stop, clock});
         }
     }
@@ -82,16 +81,16 @@ class Devices::Impl {
     }
 
     bool IsDevice(const std::string& name) const {
-        return name == kWatchdogName ||
+        return name == kWatchdog ||
                std::any_of(partitions.begin(), partitions.end(),
                            [&](const Partition& partition) { return partition.name == name; });
     }
 
-    void CallOnReset() {
+    void Call(const std::function<void()>& which) {
         std::function<void()> callback;
         {
             const std::lock_guard<std::mutex> lock(callbackMutex);
-            callback = onReset;
+            callback = which;
         }
         if (callback) {
             callback();
@@ -102,6 +101,7 @@ class Devices::Impl {
     const BoardClock clock;
     OpLog log;
     Faults faults;
+    PowerFault powerFault;
     std::vector<Partition> partitions;
     mutable SharedWatchdog watchdog;
 
@@ -111,6 +111,7 @@ class Devices::Impl {
 
     std::mutex callbackMutex;
     std::function<void()> onReset;
+    std::function<void()> onPowerCut;
 };
 
 Devices::Devices(const DevicesConfig& config) : impl_(std::make_unique<Impl>(config)) {}
@@ -124,14 +125,21 @@ void Devices::OnWatchdogReset(std::function<void()> callback) {
     impl_->onReset = std::move(callback);
 }
 
+void Devices::OnPowerCut(std::function<void()> callback) {
+    const std::lock_guard<std::mutex> lock(impl_->callbackMutex);
+    impl_->onPowerCut = std::move(callback);
+}
+
 void Devices::Attach(int fuseFd, int boot) {
     UniqueFd fd(fuseFd);
     const std::lock_guard<std::mutex> lock(impl_->mutex);
     impl_->attachment.reset();
     impl_->log.SetBoot(boot);
-    auto attachment = std::make_unique<Attachment>(impl_->partitions, impl_->norTiming,
-                                                   impl_->watchdog, impl_->log, impl_->faults,
-                                                   impl_->clock, [this] { impl_->CallOnReset(); });
+    const ChipConditions conditions{impl_->norTiming, impl_->powerFault,
+                                    [this] { impl_->Call(impl_->onPowerCut); }};
+    auto attachment = std::make_unique<Attachment>(impl_->partitions, impl_->watchdog, impl_->log,
+                                                   impl_->faults, impl_->clock, conditions,
+                                                   [this] { impl_->Call(impl_->onReset); });
     attachment->Serve(fd.Release());
     impl_->attachment = std::move(attachment);
 }
@@ -142,10 +150,14 @@ void Devices::Detach() {
 }
 
 void Devices::AddFault(const Fault& fault) {
-    if (!impl_->IsDevice(fault.device)) {
+    if (!impl_->IsDevice(fault.device) && fault.device != kAnyPartition) {
         throw std::runtime_error("unknown device '" + fault.device + "'");
     }
     impl_->faults.Add(fault);
+}
+
+void Devices::SetPowerCut(const PowerCut& cut) {
+    impl_->powerFault.Set(cut);
 }
 
 WatchdogStatus Devices::Watchdog() const {

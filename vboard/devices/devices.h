@@ -10,6 +10,9 @@
 
 namespace vboard {
 
+constexpr char kWatchdog[] = "watchdog";
+constexpr char kAnyPartition[] = "flash";  // in a Fault: whichever partition comes next
+
 struct PartitionConfig {
     std::string name;   // "mtd0" … "mtd7"
     std::string file;   // backing file; created full of 0xFF if absent, never resized
@@ -29,12 +32,21 @@ struct DevicesConfig {
 // of them). A failed operation changes nothing. What is left of a fault carries over to the next
 // boot.
 struct Fault {
-    std::string device;  // "mtd0" … or "watchdog"
+    std::string device;  // "mtd0" …, kAnyPartition or kWatchdog
     std::string operation;
     int error = 0;            // errno of the failure; 0 with shortBytes for a short write
     uint32_t shortBytes = 0;  // "write": accept only this many bytes
     uint32_t skip = 0;        // let this many matching operations succeed first
     uint32_t count = 1;       // then fail this many
+};
+
+// Cuts the power at a step of the flash chip. A step is the erasure of a block or the programming
+// of a page (256 bytes), on whichever partition. They are counted from 1 from the moment this is
+// set, across boots.
+struct PowerCut {
+    enum class Place { kAfter, kFirstHalf, kSecondHalf };
+    uint64_t step = 0;  // 0: no cut
+    Place place = Place::kAfter;
 };
 
 struct WatchdogStatus {
@@ -57,6 +69,9 @@ class Devices {
 
     // Called on the watchdog's thread when the watchdog has starved; at most once per attachment.
     void OnWatchdogReset(std::function<void()> callback);
+    // Called on the chip's thread when a PowerCut happens. From then on the flash changes nothing
+    // and answers nothing until the attachment ends, so that no program sees the cut.
+    void OnPowerCut(std::function<void()> callback);
 
     // Serves one boot on `fuseFd`, an open /dev/fuse that the caller has mounted, and takes
     // ownership of it. The root of that file system holds a file for each partition and "watchdog".
@@ -81,6 +96,8 @@ class Devices {
 
     // Throws std::runtime_error for a device or operation that does not exist.
     void AddFault(const Fault& fault);
+    // Replaces an earlier cut that has not happened yet.
+    void SetPowerCut(const PowerCut& cut);
     WatchdogStatus Watchdog() const;
     // Adds a note to the operation log, for example a boot or a reset with its reason. op_log.h
     // describes the lines.

@@ -23,7 +23,8 @@ std::optional<Fault> Faults::Take(std::string_view device, std::string_view oper
     const std::lock_guard<std::mutex> lock(mutex_);
     std::optional<Fault> taken;
     for (Fault& fault : faults_) {
-        if (fault.device != device || fault.operation != operation) {
+        const bool any = fault.device == kAnyPartition && device != kWatchdog;
+        if ((!any && fault.device != device) || fault.operation != operation) {
             continue;
         }
         if (fault.skip > 0) {
@@ -37,6 +38,32 @@ std::optional<Fault> Faults::Take(std::string_view device, std::string_view oper
                                  [](const Fault& fault) { return fault.count == 0; }),
                   faults_.end());
     return taken;
+}
+
+void PowerFault::Set(const PowerCut& cut) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    cut_ = cut;
+}
+
+bool PowerFault::Armed() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return cut_.step > 0;
+}
+
+StepEnd PowerFault::Next() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (cut_.step == 0 || --cut_.step > 0) {
+        return StepEnd::kWhole;
+    }
+    switch (cut_.place) {
+        case PowerCut::Place::kFirstHalf:
+            return StepEnd::kFirstHalf;
+        case PowerCut::Place::kSecondHalf:
+            return StepEnd::kSecondHalf;
+        case PowerCut::Place::kAfter:
+            break;
+    }
+    return StepEnd::kLast;
 }
 
 }  // namespace vboard

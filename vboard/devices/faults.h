@@ -1,4 +1,4 @@
-// Decides which operations fail.
+// Decides which operations fail, and at which step of the flash chip the power fails.
 #pragma once
 
 #include <mutex>
@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "vboard/devices/devices.h"
+#include "vboard/devices/nor_flash.h"
 
 namespace vboard {
 
@@ -24,6 +25,21 @@ class Faults {
   private:
     std::mutex mutex_;
     std::vector<Fault> faults_;
+};
+
+// Any thread.
+class PowerFault {
+  public:
+    // Replaces an earlier one that has not happened yet.
+    void Set(const PowerCut& cut);
+    bool Armed() const;
+    // Call it once for each step. Never kCut. After the cut, the chip's later steps are not this
+    // object's business: its user stops the chip.
+    StepEnd Next();
+
+  private:
+    mutable std::mutex mutex_;
+    PowerCut cut_;  // `step` is counted down; 0: none
 };
 
 }  // namespace vboard

@@ -12,9 +12,13 @@
 
 namespace vboard {
 
-FlashFile::FlashFile(std::string name, NorFlash& flash, bool norTiming, WorkQueue& chip,
+FlashFile::FlashFile(std::string name, NorFlash& flash, ChipConditions conditions, WorkQueue& chip,
                      Bench bench)
-    : name_(std::move(name)), flash_(flash), norTiming_(norTiming), chip_(chip), bench_(bench) {}
+    : name_(std::move(name)),
+      flash_(flash),
+      conditions_(std::move(conditions)),
+      chip_(chip),
+      bench_(bench) {}
 
 int FlashFile::Open() {
     const auto fault = bench_.faults.Take(name_, "open");
@@ -39,14 +43,28 @@ void FlashFile::Post(fuse_req_t request, std::function<void()> job) {
 
 // Times all steps from the start of the operation, so that the overhead of many short steps does
 // not add up.
-BusyWait FlashFile::Busy() const {
-    if (!norTiming_) {
+StepGate FlashFile::Gate() {
+    if (!conditions_.norTiming && !conditions_.powerFault.Armed()) {
         return {};
     }
     return [this, until = bench_.clock.Now()](std::chrono::microseconds step) mutable {
         until += step;
-        return !bench_.stop.RaisedBefore(bench_.clock.ToHost(until));
+        if (conditions_.norTiming && bench_.stop.RaisedBefore(bench_.clock.ToHost(until))) {
+            return StepEnd::kCut;
+        }
+        const StepEnd end = conditions_.powerFault.Next();
+        powerFails_ = end != StepEnd::kWhole;
+        return end;
     };
+}
+
+// After a power cut, returns only when the attachment ends: by then the board's programs are being
+// killed.
+void FlashFile::AwaitEnd() {
+    if (powerFails_) {
+        conditions_.powerCut();
+        (void)bench_.stop.RaisedBefore(std::chrono::steady_clock::time_point::max());
+    }
 }
 
 void FlashFile::Read(fuse_req_t request, size_t length, uint64_t offset) {
@@ -83,13 +101,14 @@ void FlashFile::RunWrite(fuse_req_t request, const std::string& data, uint64_t o
     } else {
         const size_t accepted =
             fault ? std::min<size_t>(data.size(), fault->shortBytes) : data.size();
-        done = flash_.Program(offset, data.data(), accepted, Busy());
+        done = flash_.Program(offset, data.data(), accepted, Gate());
     }
     LogEntry entry{name_, "write", offset, data.size(), done.result};
     if (done.bitsKept > 0) {
         entry.more = {{"bitsKept", done.bitsKept}, {"firstKept", done.firstKept}};
     }
     Log(entry);
+    AwaitEnd();
     if (done.result < 0) {
         (void)fuse_reply_err(request, static_cast<int>(-done.result));
     } else {
@@ -121,9 +140,10 @@ void FlashFile::RunErase(fuse_req_t request, uint64_t start, uint64_t length, bo
     const auto fault = bench_.faults.Take(name_, "erase");
     int result = fault ? -fault->error : -EPERM;
     if (!fault && writable) {
-        result = flash_.Erase(start, length, Busy());
+        result = flash_.Erase(start, length, Gate());
     }
     Log({name_, "erase", start, length, result});
+    AwaitEnd();
     if (result < 0) {
         (void)fuse_reply_err(request, -result);
     } else {

@@ -22,12 +22,20 @@ struct Bench {
     const BoardClock& clock;
 };
 
+// What the chip's surroundings do to it.
+struct ChipConditions {
+    bool norTiming;  // the chip is as slow as a real one
+    PowerFault& powerFault;
+    std::function<void()> powerCut;  // called when the power fails
+};
+
 // All partitions are on one chip, so every read, program and erase waits for its turn on `chip`.
 // When the attachment ends, the operation under way is cut short and the waiting ones fail with
 // ENODEV.
 class FlashFile : public DeviceFile {
   public:
-    FlashFile(std::string name, NorFlash& flash, bool norTiming, WorkQueue& chip, Bench bench);
+    FlashFile(std::string name, NorFlash& flash, ChipConditions conditions, WorkQueue& chip,
+              Bench bench);
 
     const std::string& Name() const override { return name_; }
     uint64_t Size() const override { return flash_.Size(); }
@@ -41,7 +49,8 @@ class FlashFile : public DeviceFile {
 
   private:
     void Post(fuse_req_t request, std::function<void()> job);
-    BusyWait Busy() const;
+    StepGate Gate();
+    void AwaitEnd();
     void Log(const LogEntry& entry) { bench_.log.Write(entry); }
 
     void RunRead(fuse_req_t request, size_t length, uint64_t offset);
@@ -51,9 +60,10 @@ class FlashFile : public DeviceFile {
 
     std::string name_;
     NorFlash& flash_;
-    bool norTiming_;
+    ChipConditions conditions_;
     WorkQueue& chip_;
     Bench bench_;
+    bool powerFails_ = false;  // for the chip's thread
 };
 
 }  // namespace vboard

@@ -63,17 +63,30 @@ void CreateErased(const std::string& file, uint64_t size) {
     }
 }
 
-}  // namespace
+// The bytes of a step that change.
+struct Part {
+    size_t first;
+    size_t length;
+};
 
-std::chrono::microseconds NorEraseDuration(uint32_t blockBytes) {
-    for (const NorEraseTime& time : kNorEraseTimes) {
-        if (blockBytes <= time.bytes) {
-            return time.typical;
-        }
+// `cut`: how many bytes from the start change if the power fails at no chosen place.
+Part PartOf(StepEnd end, size_t length, size_t cut) {
+    const size_t half = length / 2;
+    switch (end) {
+        case StepEnd::kFirstHalf:
+            return {0, half};
+        case StepEnd::kSecondHalf:
+            return {half, length - half};
+        case StepEnd::kCut:
+            return {0, cut};
+        case StepEnd::kWhole:
+        case StepEnd::kLast:
+            break;
     }
-    const NorEraseTime& largest = *(std::end(kNorEraseTimes) - 1);
-    return largest.typical * (blockBytes / largest.bytes);
+    return {0, length};
 }
+
+}  // namespace
 
 NorFlash::NorFlash(const std::string& file, uint64_t size, uint32_t eraseBlock)
     : size_(size), eraseBlock_(eraseBlock) {
@@ -118,8 +131,25 @@ int64_t NorFlash::Read(uint64_t offset, void* data, size_t length) const {
     return Load(offset, data, length) ? static_cast<int64_t>(length) : -EIO;
 }
 
+bool NorFlash::ProgramCells(uint64_t at, const uint8_t* wanted, size_t length, ProgramResult* out) {
+    std::array<uint8_t, kChunk> cells;
+    if (!Load(at, cells.data(), length)) {
+        return false;
+    }
+    for (size_t i = 0; i < length; ++i) {
+        const uint8_t target = wanted[i];
+        const auto raised = static_cast<unsigned>(target & ~cells[i]) & 0xFFU;
+        if (raised != 0) {
+            out->firstKept = out->bitsKept == 0 ? at + i : out->firstKept;
+            out->bitsKept += static_cast<uint64_t>(__builtin_popcount(raised));
+        }
+        cells[i] = static_cast<uint8_t>(cells[i] & target);
+    }
+    return Store(at, cells.data(), length);
+}
+
 ProgramResult NorFlash::Program(uint64_t offset, const void* data, size_t length,
-                                const BusyWait& busy) {
+                                const StepGate& gate) {
     ProgramResult out;
     if (offset >= size_) {
         out.result = -ENOSPC;
@@ -127,30 +157,18 @@ ProgramResult NorFlash::Program(uint64_t offset, const void* data, size_t length
     }
     const auto* wanted = static_cast<const uint8_t*>(data);
     length = static_cast<size_t>(std::min<uint64_t>(length, size_ - offset));
-    const size_t unit = busy ? kNorPageBytes : kChunk;
-    std::array<uint8_t, kChunk> cells;
+    const size_t unit = gate ? kv::kNorPageBytes : kChunk;
     for (size_t done = 0; done < length;) {
         const uint64_t at = offset + done;
         const size_t step = std::min<size_t>(unit - at % unit, length - done);
-        if (busy && !busy(kNorPageProgram)) {
+        const StepEnd end = gate ? gate(kv::kNorPageProgram) : StepEnd::kWhole;
+        const Part part = PartOf(end, step, 0);
+        if (!ProgramCells(at + part.first, wanted + done + part.first, part.length, &out)) {
+            out.result = -EIO;
+            return out;
+        }
+        if (end != StepEnd::kWhole) {
             out.result = -ENODEV;
-            return out;
-        }
-        if (!Load(at, cells.data(), step)) {
-            out.result = -EIO;
-            return out;
-        }
-        for (size_t i = 0; i < step; ++i) {
-            const uint8_t target = wanted[done + i];
-            const auto raised = static_cast<unsigned>(target & ~cells[i]) & 0xFFU;
-            if (raised != 0) {
-                out.firstKept = out.bitsKept == 0 ? at + i : out.firstKept;
-                out.bitsKept += static_cast<uint64_t>(__builtin_popcount(raised));
-            }
-            cells[i] = static_cast<uint8_t>(cells[i] & target);
-        }
-        if (!Store(at, cells.data(), step)) {
-            out.result = -EIO;
             return out;
         }
         done += step;
@@ -159,20 +177,21 @@ ProgramResult NorFlash::Program(uint64_t offset, const void* data, size_t length
     return out;
 }
 
-int NorFlash::Erase(uint64_t offset, uint64_t length, const BusyWait& busy) {
+int NorFlash::Erase(uint64_t offset, uint64_t length, const StepGate& gate) {
     if (offset >= size_ || length > size_ - offset || offset % eraseBlock_ != 0 ||
         length % eraseBlock_ != 0) {
         return -EINVAL;
     }
     for (uint64_t at = offset; at < offset + length; at += eraseBlock_) {
-        if (busy && !busy(NorEraseDuration(eraseBlock_))) {
-            // On a real chip the block is undefined now. Erase half of it, to catch programs that
-            // rely on old or blank contents.
-            (void)Blank(at, eraseBlock_ / 2);
-            return -ENODEV;
-        }
-        if (!Blank(at, eraseBlock_)) {
+        const StepEnd end = gate ? gate(kv::NorEraseDuration(eraseBlock_)) : StepEnd::kWhole;
+        // On a real chip, a block whose erasure was cut is undefined. Erase half of it, to catch
+        // programs that rely on old or blank contents.
+        const Part part = PartOf(end, eraseBlock_, eraseBlock_ / 2);
+        if (!Blank(at + part.first, part.length)) {
             return -EIO;
+        }
+        if (end != StepEnd::kWhole) {
+            return -ENODEV;
         }
     }
     return 0;

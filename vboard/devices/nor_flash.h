@@ -8,28 +8,23 @@
 #include <string>
 
 #include "common/kv_raii.h"
+#include "tools/base/nor_times.h"
 
 namespace vboard {
 
-// Waits as long as the chip is busy with one step. False when the board lost its power during the
-// step. An empty function means a chip that is never busy.
-using BusyWait = std::function<bool(std::chrono::microseconds)>;
-
-// Typical times of a 16 MiB SPI NOR, from data sheets of such parts.
-constexpr size_t kNorPageBytes = 256;
-constexpr std::chrono::microseconds kNorPageProgram{700};
-struct NorEraseTime {
-    uint32_t bytes;
-    std::chrono::milliseconds typical;
-};
-constexpr NorEraseTime kNorEraseTimes[] = {
-    {4096, std::chrono::milliseconds{45}},    // sector erase
-    {32768, std::chrono::milliseconds{120}},  // half block erase
-    {65536, std::chrono::milliseconds{150}},  // block erase
+// What becomes of a step of the chip: the erasure of a block or the programming of a page.
+enum class StepEnd {
+    kWhole,       // the chip goes on
+    kLast,        // whole, but the power fails right after it
+    kFirstHalf,   // the power fails inside it: only the first half of its bytes has changed
+    kSecondHalf,  // the same with the second half
+    kCut,         // the power fails at no chosen place: a block is half erased, a page unchanged
 };
 
-// Time to erase one block of `blockBytes`; blocks above 64 KiB are erased 64 KiB at a time.
-std::chrono::microseconds NorEraseDuration(uint32_t blockBytes);
+// Called before each step with the time that the chip is busy with it; waits that long if the chip
+// is to be as slow as a real one. An empty function means a chip that is never busy and never loses
+// its power.
+using StepGate = std::function<StepEnd(std::chrono::microseconds)>;
 
 struct ProgramResult {
     int64_t result = 0;      // bytes programmed, or -errno
@@ -54,13 +49,14 @@ class NorFlash {
     // Clears the bits that are 0 in `data`. -ENOSPC at or past the end of the device; a write
     // across the end is cut there. -ENODEV if power is lost; the pages before that are programmed.
     ProgramResult Program(uint64_t offset, const void* data, size_t length,
-                          const BusyWait& busy = {});
+                          const StepGate& gate = {});
 
     // Sets whole blocks to 0xFF. Returns 0; -EINVAL if not aligned or not in the device; -ENODEV if
-    // power is lost, which leaves the current block half erased.
-    int Erase(uint64_t offset, uint64_t length, const BusyWait& busy = {});
+    // power is lost; the blocks before that are erased.
+    int Erase(uint64_t offset, uint64_t length, const StepGate& gate = {});
 
   private:
+    bool ProgramCells(uint64_t at, const uint8_t* wanted, size_t length, ProgramResult* out);
     bool Load(uint64_t offset, void* data, size_t length) const;
     bool Store(uint64_t offset, const void* data, size_t length);
     bool Blank(uint64_t offset, uint64_t length);

@@ -53,7 +53,7 @@ class WatchdogFile : public DeviceFile {
     Answer Execute(const IoctlCall& call);
     void Watch();
 
-    const std::string name_ = "watchdog";
+    const std::string name_ = kWatchdog;
     SharedWatchdog& watchdog_;
     Bench bench_;
     std::function<void()> starved_;

@@ -62,7 +62,8 @@ void PrintTable(const json& status) {
     std::cout << "site " << status.at("stateDir").get<std::string>() << " (runner "
               << status.at("runnerPid") << "), air "
               << (status.at("rate") == "" ? "unlimited" : status.at("rate").get<std::string>())
-              << (status.at("dhcp").get<bool>() ? ", dhcp" : ", no dhcp") << ", "
+              << (status.at("dhcp").get<bool>() ? ", dhcp" : ", no dhcp")
+              << (status.at("wired").get<bool>() ? ", laptop wired" : "") << ", "
               << status.at("boards").size() << " boards\n";
     const auto row = [](const char* number, const char* mac, const char* wlan, const char* eth,
                         const char* state, const std::string& boot) {

@@ -2,7 +2,8 @@
 //
 //     172.20.18.0/23   the service network: 172.20.18.1 access point and DHCP server, .2 laptop,
 //                      172.20.18.10 to 172.20.19.253 the boards' wlan0, by DHCP
-//     192.168.10.0/23  the wired network of the boards' eth0; the laptop is not on it
+//     192.168.10.0/23  the wired network of the boards' eth0; 192.168.11.254 the laptop, if it is
+//                      on this network too
 #pragma once
 
 #include <filesystem>

@@ -31,9 +31,18 @@ constexpr char kDhcpConfig[] =
     "option router 172.20.18.1\n"
     "option dns 172.20.18.1\n"
     "option lease 3600\n";
-// The laptop's end of its link to the access point, and the access point's end.
+constexpr char kLaptopWiredAddress[] = "192.168.11.254/23";
+// The laptop's ends of its links, and the ends in the air.
 constexpr char kLaptop[] = "wlan0";
 constexpr char kLaptopPort[] = "laptop";
+constexpr char kLaptopWired[] = "eth0";
+constexpr char kLaptopWiredPort[] = "laptopeth";
+
+// ip(8) commands that give the laptop's interface an address and set it up.
+std::string SetUp(const std::string& interface, const std::string& address) {
+    return "address add " + address + " brd + dev " + interface + "\nlink set " + interface +
+           " up\n";
+}
 
 UniqueFd OwnNetwork() {
     UniqueFd network(open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
@@ -66,21 +75,27 @@ void Site::CreateNetwork() {
     EnterNewNetwork();
     air_ = OwnNetwork();
     EnterNewNetwork();  // the laptop's, where this process stays
-    Ip("link set lo up\n" + AddBridge(kAccessPoint, "02:76:62:00:01:01", kApAddress) +
-           AddBridge(kWired, "02:76:62:00:00:01", kWiredAddress) +
-           AddCable(kAccessPoint, kLaptopPort, getpid(), kLaptop, "02:76:62:00:01:03", true),
-       air_.Get());
-    Ip(std::string("link set lo up\n") + "address add " + kLaptopAddress + " brd + dev " + kLaptop +
-       "\nlink set " + kLaptop + " up\n" +
-       // Lets tools that search by limited broadcast find the boards without naming an interface.
-       "route add broadcast 255.255.255.255 dev " + kLaptop + "\n");
+    std::string air =
+        "link set lo up\n" + AddBridge(kAccessPoint, "02:76:62:00:01:01", kApAddress) +
+        AddBridge(kWired, "02:76:62:00:00:01", kWiredAddress) +
+        AddCable(kAccessPoint, kLaptopPort, getpid(), kLaptop, "02:76:62:00:01:03", true);
+    // Lets tools that search by limited broadcast find the boards without naming an interface.
+    std::string laptop = "link set lo up\n" + SetUp(kLaptop, kLaptopAddress) +
+                         "route add broadcast 255.255.255.255 dev " + kLaptop + "\n";
+    if (options_.wired) {
+        air +=
+            AddCable(kWired, kLaptopWiredPort, getpid(), kLaptopWired, "02:76:62:00:00:03", true);
+        laptop += SetUp(kLaptopWired, kLaptopWiredAddress);
+    }
+    Ip(air, air_.Get());
+    Ip(laptop);
     if (!options_.rate.empty()) {
         Shape();
     }
 }
 
 void Site::Shape() {
-    // All traffic between the laptop and the boards passes this link.
+    // All traffic between the laptop and wlan0 of the boards passes this link.
     const auto limit = [this](const char* interface, int network) {
         Command command{{"tc", "qdisc", "add", "dev", interface, "root", "tbf", "rate",
                          options_.rate, "burst", "64kb", "latency", "50ms"}};
@@ -255,9 +270,10 @@ json Site::Status() const {
     for (const auto& board : started_) {
         started.push_back(board.first);
     }
-    return {{"runnerPid", getpid()},    {"initPid", -1},         {"boards", numbers},
-            {"started", started},       {"rate", options_.rate}, {"dhcp", dhcp_->Running()},
-            {"stateDir", state_.Path()}};
+    return {{"runnerPid", getpid()},   {"initPid", -1},
+            {"boards", numbers},       {"started", started},
+            {"rate", options_.rate},   {"dhcp", dhcp_->Running()},
+            {"wired", options_.wired}, {"stateDir", state_.Path()}};
 }
 
 }  // namespace vboard::site

@@ -17,7 +17,8 @@
 namespace vboard::site {
 
 struct SiteOptions {
-    std::string rate;  // of the air in each direction, as tc(8) writes it; empty: no limit
+    std::string rate;    // of the air in each direction, as tc(8) writes it; empty: no limit
+    bool wired = false;  // the laptop is on the wired network too
 };
 
 class Site {

@@ -37,10 +37,16 @@ endef
 endif
 
 define UPGRADEMAIN_INSTALL_INIT_SYSV
+	$(INSTALL) -D -m 0755 $(UPGRADEMAIN_FILES)/scripts/upgrade_keep_log.sh \
+		$(TARGET_DIR)/usr/sbin/upgrade_keep_log.sh
 	$(INSTALL) -D -m 0755 $(UPGRADEMAIN_FILES)/init/S50upgrademain $(TARGET_DIR)/etc/init.d/S50upgrademain
 endef
 
 define UPGRADEMAIN_INSTALL_INIT_SYSTEMD
+	$(INSTALL) -D -m 0755 $(UPGRADEMAIN_FILES)/scripts/upgrade_keep_log.sh \
+		$(TARGET_DIR)/usr/sbin/upgrade_keep_log.sh
+	$(INSTALL) -D -m 0644 $(UPGRADEMAIN_FILES)/systemd/upgrademain-log.service \
+		$(TARGET_DIR)/usr/lib/systemd/system/upgrademain-log.service
 	$(INSTALL) -D -m 0644 $(UPGRADEMAIN_FILES)/systemd/upgrademain.service \
 		$(TARGET_DIR)/usr/lib/systemd/system/upgrademain.service
 	$(INSTALL) -D -m 0644 $(UPGRADEMAIN_FILES)/systemd/upgrademain.conf \

@@ -1,0 +1,224 @@
+// Signed packages, as the device opens them and as kvtool trusts them. The fuzzer signs packages
+// with a key of its own, changes some, and knows what both must say. It also changes the file
+// behind an open stream: the device must never read a byte that was not signed.
+#include <sodium.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "common/kv_raii.h"
+#include "flash/kv_upgrade_package.h"
+#include "tests/fuzz/world.h"
+#include "tests/support/wire.h"
+#include "tools/base/errors.h"
+#include "tools/package/builder.h"
+#include "tools/package/package_json.h"
+
+using namespace fuzz;
+using namespace kvtool;
+using kv_test::Little;
+using kv_test::Noise;
+using kv_test::Padded;
+
+namespace {
+
+constexpr size_t kFixed = 138;  // size of a signature without its comment
+
+// A file in memory with a path that any code can open.
+class MemoryFile {
+  public:
+    const std::string& Put(const std::string& text) {
+        Require(ftruncate(fd_, 0) == 0);
+        Change(0, text);
+        return path_;
+    }
+    void Change(size_t at, const std::string& text) {
+        Require(pwrite(fd_, text.data(), text.size(), static_cast<off_t>(at)) ==
+                static_cast<ssize_t>(text.size()));
+    }
+    void Resize(size_t size) { Require(ftruncate(fd_, static_cast<off_t>(size)) == 0); }
+
+  private:
+    int fd_ = memfd_create("package", 0);
+    std::string path_ = "/proc/self/fd/" + std::to_string(fd_);
+};
+
+const uint8_t* Raw(const std::string& bytes) {
+    return reinterpret_cast<const uint8_t*>(bytes.data());
+}
+
+// Signs as the key in signature.pub, which everybody can make.
+std::string Sign(const std::string& bytes) {
+    static const std::vector<uint8_t> secret = [] {
+        const std::string seed(crypto_sign_SEEDBYTES, 'f');
+        std::vector<uint8_t> key(crypto_sign_SECRETKEYBYTES);
+        uint8_t open[crypto_sign_PUBLICKEYBYTES];
+        (void)crypto_sign_seed_keypair(open, key.data(), Raw(seed));
+        return key;
+    }();
+    std::string signature(crypto_sign_BYTES, '\0');
+    (void)crypto_sign_detached(reinterpret_cast<uint8_t*>(signature.data()), nullptr, Raw(bytes),
+                               bytes.size(), secret.data());
+    return signature;
+}
+
+struct Made {
+    std::string bytes;
+    size_t image = 0;   // offset of the signature
+    bool good = false;  // whether a device must accept it
+};
+
+// A table whose first entry is that of a signature, but sometimes not quite.
+std::string Table(Input* in, size_t entries, size_t imageSize, bool* odd) {
+    const size_t end = 24 + 256 * entries;
+    const auto number = [in, odd](size_t right) {
+        if (in->Below(32) != 31) {
+            return Little(static_cast<uint32_t>(right));
+        }
+        const auto other = static_cast<uint32_t>(right + in->Short());
+        *odd = *odd || other != right;
+        return Little(other);
+    };
+    std::string name = "signature";
+    if (in->Below(32) == 31) {
+        name = in->Piece();
+        *odd = *odd || std::string(name.c_str()) != "signature";
+    }
+    std::string table = Padded(in->Piece(), 16) + Little(1) +
+                        Little(static_cast<uint32_t>(entries)) + Padded(name, 128);
+    table += number(imageSize);
+    table += number(end) + Little(0);
+    table += number(0x12345) + std::string(112, '\0');
+    for (size_t i = 1; i < entries; ++i) {
+        table += Padded(in->Piece(), 128);
+        table += Padded(in->Text(16), 128);
+    }
+    return table;
+}
+
+// Signs what has room for a signature at `image`.
+void SignInside(Made* made, const std::string& comment) {
+    std::string digest(crypto_generichash_BYTES_MAX, '\0');
+    (void)crypto_generichash(reinterpret_cast<uint8_t*>(digest.data()), digest.size(),
+                             Raw(made->bytes), made->bytes.size(), nullptr, 0);
+    const std::string signature = Sign(digest);
+    (void)made->bytes.replace(made->image, kFixed + comment.size(),
+                              "EDfuzzers!" + signature + Sign(signature + comment) + comment);
+}
+
+// A package of kvtool's own, without the signature.
+Made Build(Input* in) {
+    BuildRequest request{"PRT7K", "38QX", {}, Layout::Default(), true};
+    for (const char* name : {"uboot", "kern"}) {
+        const std::string image = in->Piece();
+        request.images.push_back({name, Bytes(image.begin(), image.end())});
+    }
+    request.signatureComment = in->Text(in->Byte());
+    Made made;
+    try {
+        const Bytes bytes = BuildPackage(request).bytes;
+        const auto room = FindEmbeddedSignature(bytes);
+        Require(room && room->text.comment == *request.signatureComment);
+        made.bytes.assign(bytes.begin(), bytes.end());
+        made.image = room->offset;
+        made.good = true;
+        (void)made.bytes.replace(made.image, room->Size(), std::string(room->Size(), '\0'));
+        SignInside(&made, *request.signatureComment);
+    } catch (const ToolError& error) {
+        Require(error.Code() == ExitCode::kRefused);
+    }
+    return made;
+}
+
+Made Make(Input* in) {
+    if (in->Below(8) == 7) {
+        return Build(in);
+    }
+    Made made;
+    const size_t entries = 1 + in->Below(80);
+    const std::string comment = in->Text(in->Below(16) == 15 ? in->Byte() + 200 : in->Below(32));
+    const size_t size = kFixed + comment.size();
+    bool odd = comment.size() > kv::kMaxSignatureComment;
+    const std::string table = Table(in, entries, size, &odd);
+    made.image = table.size();
+    made.bytes = table + std::string(size, '\0') + in->Piece();
+    made.bytes += Noise(in->Short(), 3);
+    SignInside(&made, comment);
+    made.good = !odd;
+    return made;
+}
+
+// Changes the package. Returns whether it is another one now.
+bool Change(Input* in, Made* made) {
+    const std::string before = made->bytes;
+    for (size_t left = in->Below(4); left > 0; --left) {
+        // Half of the changes hit the signature or its neighbours.
+        const size_t at = in->Below(2) == 0 ? in->Number(3) : made->image + in->Below(250);
+        const size_t kind = in->Below(8);
+        if (kind == 0) {
+            made->bytes.resize(std::min(made->bytes.size(), at));
+        } else if (kind == 1) {
+            made->bytes += in->Text(1 + in->Below(8));
+        } else if (kind == 2 && at < made->bytes.size()) {
+            (void)made->bytes.insert(at, std::string(256, '\0'));
+        } else if (!made->bytes.empty()) {
+            made->bytes[at % made->bytes.size()] ^= static_cast<char>(in->Byte());
+        }
+    }
+    return made->bytes != before;
+}
+
+bool KvtoolTrusts(const std::string& package, const std::string& keys) {
+    const Bytes bytes(package.begin(), package.end());
+    if (const auto found = FindEmbeddedSignature(bytes)) {
+        RequireSafe(SignatureJson(found->text).dump(-1, ' ', true));
+        Require(found->offset + found->Size() <= bytes.size());
+    }
+    try {
+        return VerifySignature(bytes, "/nowhere/package", {keys, ""}).keyId == "217372657A7A7566";
+    } catch (const ToolError& error) {
+        Require(error.Code() == ExitCode::kRefused);
+        RequireSafe(error.what());
+        return false;
+    }
+}
+
+// Reads here and there while the file changes. What is read must be what was signed.
+void ReadWhileItChanges(Input* in, FILE* stream, MemoryFile* file, const std::string& package) {
+    std::string piece(40000, '\0');
+    bool changed = false;
+    for (size_t left = in->Below(8); left > 0; --left) {
+        if (in->Below(4) == 3) {
+            changed = true;
+            file->Change(in->Number(3) % package.size(), in->Piece());
+        } else if (in->Below(16) == 15) {
+            changed = true;
+            file->Resize(in->Number(3) % (2 * package.size()));
+        }
+        const size_t at = in->Number(3) % (package.size() + 8);
+        Require(fseeko(stream, static_cast<off_t>(at), SEEK_SET) == 0);
+        const size_t got = fread(piece.data(), 1, 1 + in->Short() % piece.size(), stream);
+        Require(at + got <= package.size() || got == 0);
+        Require(package.compare(std::min(at, package.size()), got, piece, 0, got) == 0);
+        Require(changed || got > 0 || at >= package.size());
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static MemoryFile file;
+    Scope scope(data, size);
+    Made made = Make(&scope.in);
+    if (Change(&scope.in, &made)) {
+        made.good = false;
+    }
+    Require(KvtoolTrusts(made.bytes, KV_FUZZ_KEYS) == made.good);
+    const UniqueFile stream(kv::kOpenPackage(file.Put(made.bytes).c_str(), "rb"));
+    Require(static_cast<bool>(stream) == made.good);
+    if (stream) {
+        ReadWhileItChanges(&scope.in, stream.Get(), &file, made.bytes);
+    }
+    return 0;
+}

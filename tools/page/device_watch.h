@@ -1,0 +1,58 @@
+// Looks for devices all the time and puts them into the model.
+#pragma once
+
+#include <map>
+#include <string>
+#include <thread>
+
+#include "tools/device/watch.h"
+#include "tools/page/model.h"
+
+namespace kvtool::page {
+
+// The devices that were ever seen, as the page shows them. Uses no clock and no network.
+class DeviceList {
+  public:
+    explicit DeviceList(Model* model) : model_(model) {}
+
+    // Takes a round of the watch. `time`: "2026-11-25T21:26:47Z".
+    void Take(const WatchRound& round, const std::string& time);
+
+    // Of devices that are gone, so many are kept in all with those that are there.
+    static constexpr size_t kMost = 4096;
+
+  private:
+    struct Known {
+        Json json;
+        std::string firstSeen;
+        std::string lastSeen;
+        bool present = true;
+    };
+    void Show(const std::string& id, const Known& known);
+    void Forget();
+
+    Model* model_;
+    std::map<std::string, Known> known_;
+};
+
+class DeviceWatch {
+  public:
+    // Searches on a thread of its own until it is destroyed.
+    DeviceWatch(const DiscoveryRequest& search, Model* model);
+    ~DeviceWatch();
+    DeviceWatch(const DeviceWatch&) = delete;
+    DeviceWatch& operator=(const DeviceWatch&) = delete;
+
+  private:
+    void Run();
+    void Show(const DiscoveryResult& result, bool running, const std::string& trouble);
+
+    WatchRequest request_;
+    Model* model_;
+    DeviceList list_;
+    uint64_t sent_ = 0;
+    Interrupt stop_;
+    std::thread thread_;
+};
+
+}  // namespace kvtool::page

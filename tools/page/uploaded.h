@@ -1,0 +1,46 @@
+// The package that the page was given.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "tools/base/json.h"
+#include "tools/base/text.h"
+#include "tools/fleet/journal.h"
+#include "tools/package/check.h"
+#include "tools/package/layout.h"
+#include "tools/page/http_server.h"
+
+namespace kvtool::page {
+
+// Larger packages are not taken: they would stay in memory. A device's flash has 12 MiB.
+constexpr uint64_t kUploadLimit = 256ULL << 20;
+constexpr size_t kSignatureLimit = 4096;
+
+struct UploadedPackage {
+    fleet::PackageName name;
+    Bytes bytes;
+    PackageReport report;
+    bool trusted = false;  // signed by the trusted key, or there is none
+    Json json;             // PACKAGE of docs/kvtool-json.md
+};
+using PackagePtr = std::shared_ptr<const UploadedPackage>;
+
+// Reads the body of the request into a file without a name in `folder`, which nobody else can open
+// and which goes with this process, then into memory. Throws HttpError.
+Bytes ReceiveFile(HttpCall* call, const std::string& folder);
+
+// Checks a package. `file` is the name that its owner gave it; it is never used as a path.
+// `trustedKey` is the file of a key, or empty.
+PackagePtr Inspect(const std::string& file, Bytes bytes, const Layout& layout,
+                   const std::string& trustedKey);
+
+// The same package with a signature, good or bad. Throws HttpError(409) without a trusted key.
+PackagePtr WithSignature(const UploadedPackage& package, const std::string& trustedKey,
+                         const std::string& signature);
+
+// Why it may not be sent to a device; empty: it may. `force` overrides what the check says, never a
+// missing signature.
+std::string Objection(const UploadedPackage& package, bool force);
+
+}  // namespace kvtool::page
