@@ -55,6 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Layout layout = Layout::Default();
     layout.SetSize(choice % 4 < 2 ? "app=0x100" : "uboot=0x80");
     const PackageReport report = CheckPackage(package, layout, {"PRT7K", "38QX"});
+    RequireSafe(JsonLine(FlashMapJson(report, layout)));
     RequireSafe(JsonLine(PackageJson(report)) + JsonLine(PackageSummaryJson(report)));
     for (const EntryReport& entry : report.entries) {
         Require(entry.inFile <= entry.dataLen);

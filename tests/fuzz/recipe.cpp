@@ -28,6 +28,8 @@ void ReadTexts(const std::string& text) {
     }
     (void)Try([&] { RequireSafe(SizeText(ParseSize(text)) + ShortSizeText(text.size() << 10)); });
     RequireSafe(Printable(text));
+    Require(MarkupText(text).find('<') == std::string::npos);
+    (void)DidYouMean(text.substr(0, 20), {"kernel", "sensor"});
 }
 
 // Whatever is signed, one byte more is not.

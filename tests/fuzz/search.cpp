@@ -45,6 +45,7 @@ void RequireSound(const DiscoveryResult& result) {
         conflict = conflict || device.conflict;
     }
     Require(conflict == !Conflicts(result).empty());
+    Require(conflict || result.devices.size() > 1 || Confusable(result).empty());
     RequireSafe(JsonLine(DiscoveryJson(result, Matcher())));
 }
 
