@@ -22,7 +22,8 @@ class DeviceList {
     static constexpr size_t kMost = 4096;
 
   private:
-    struct Known {
+    // The JSON library allocates in its destructor. Without memory kvtool ends anyway.
+    struct Known {  // NOLINT(bugprone-exception-escape)
         Json json;
         std::string firstSeen;
         std::string lastSeen;

@@ -17,7 +17,8 @@ namespace kvtool::page {
 constexpr uint64_t kUploadLimit = 256ULL << 20;
 constexpr size_t kSignatureLimit = 4096;
 
-struct UploadedPackage {
+// The JSON library allocates in its destructor. Without memory kvtool ends anyway.
+struct UploadedPackage {  // NOLINT(bugprone-exception-escape)
     fleet::PackageName name;
     Bytes bytes;
     PackageReport report;
