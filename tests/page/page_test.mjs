@@ -55,7 +55,8 @@ async function step(name, body) {
   } catch (error) {
     await page?.screenshot({ path: `${bin}/../page-failure.png`, fullPage: true }).catch(() => {});
     const shown = await page?.innerText("body").catch(() => "");
-    console.error(`FAILED ${name}\n${shown}\n${server?.output}\n${error.stack}`);
+    console.error(`FAILED ${name}\n${shown}\n${server?.output}\n${[...outside, ...trouble]}\n${error.stack}`);
+    await server?.end("SIGKILL");
     process.exit(1);
   }
   console.log(`ok ${((Date.now() - start) / 1000).toFixed(1).padStart(5)} s  ${name}`);
@@ -117,6 +118,17 @@ await step("the address lets in and the empty list helps", async () => {
   const paint = await page.evaluate(() => performance.getEntriesByName("first-contentful-paint")[0].startTime);
   console.log(`   first paint after ${Math.round(paint)} ms`);
   await inspect(page, "empty");
+});
+
+await step("a page whose files were lost on their way asks again", async () => {
+  const fresh = await browser.newContext();
+  await fresh.addCookies(await context.cookies());
+  // Twice: the preload, and then the import.
+  await fresh.route("**/run.js", (route) => route.abort("internetdisconnected"), { times: 2 });
+  const second = await fresh.newPage();
+  await second.goto(address);
+  await sees("Connected", second);
+  await fresh.close();
 });
 
 await step("cameras appear by themselves", async () => {
