@@ -1,7 +1,7 @@
 #!/bin/bash
-# Drives real browsers through the page of `kvtool serve`, on the laptop of a site of virtual boards. Browsers, server
-# and test run in the laptop's network, so nothing leaves it. With a folder as argument, pictures for the documents are
-# written there.
+# run.sh [--fetch | FOLDER]: drives real browsers through the page of `kvtool serve`, on the laptop of a site of virtual
+# boards. Browsers, server and test run in the laptop's network, so nothing leaves it. With FOLDER, pictures for the
+# documents are written there. With --fetch it only downloads the test's npm packages, if they are missing.
 set -euo pipefail
 
 cd "$(dirname "$0")/../.."
@@ -14,9 +14,15 @@ if ! cmp -s tests/page/package-lock.json "$modules/package-lock.json"; then
     mkdir -p "$modules"
     # The test drives the installed browsers, so none is fetched.
     cp tests/page/package.json tests/page/package-lock.json "$modules"
-    PLAYWRIGHT_SKIP_BROWSER_DOWNLOAD=1 npm ci --prefix "$modules" --no-audit --no-fund --silent ||
-        { rm -rf "$modules"; exit 1; }
+    # npm brings certificates of its own; this adds those that the system trusts.
+    NODE_EXTRA_CA_CERTS=${NODE_EXTRA_CA_CERTS:-/etc/ssl/certs/ca-certificates.crt} \
+        PLAYWRIGHT_SKIP_BROWSER_DOWNLOAD=1 npm ci --prefix "$modules" --no-audit --no-fund --loglevel=error || {
+        rm -rf "$modules"
+        echo "tests/page: the npm packages of the test are not available" >&2
+        exit 1
+    }
 fi
+[ "${1-}" != --fetch ] || exit 0
 
 make_application bin/network <<'SCRIPT' >"$work/app.log"
 #!/bin/sh
