@@ -168,6 +168,13 @@ bool Runner::Held(size_t index) const {
 
 std::optional<size_t> Runner::TakeWaiting(Clock::time_point* wake) {
     const Clock::time_point now = Clock::now();
+    // Another attempt may have been asked for while one was beginning that has ended well since.
+    waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(),
+                                  [this](const Waiting& item) {
+                                      return NextFor(members_[item.member].progress) ==
+                                             Next::kNothing;
+                                  }),
+                   waiting_.end());
     for (auto item = waiting_.begin(); item != waiting_.end(); ++item) {
         if (Held(item->member) || underWay_.count(item->member) != 0) {
             continue;
