@@ -201,6 +201,7 @@ void Close(Link* link) {
         return Post(link->loop, Mark::kAfterClose, link);
     }
     Require(hio_close(io) == 0 && hio_close(io) == 0 && hio_write(io, "", 1) < 0);
+    hio_set_read_timeout(io, 1);  // too late
     Require((link->io != nullptr) == queued);
     link->BeginClosing();
 }
