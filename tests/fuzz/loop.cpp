@@ -192,6 +192,8 @@ void Read(Link* link) {
     link->settled = link->reading = true;
 }
 
+void HandOver(Link* link);
+
 void Close(Link* link) {
     hio_t* const io = link->io;
     const bool queued = link->Queued() > 0 && !link->failed;
@@ -204,6 +206,9 @@ void Close(Link* link) {
     hio_set_read_timeout(io, 1);  // too late
     Require((link->io != nullptr) == queued);
     link->BeginClosing();
+    if (queued && g_world.in->Below(4) == 3) {
+        HandOver(link);
+    }
 }
 
 void Write(Link* link, size_t size) {
@@ -274,6 +279,7 @@ Link* Adopt(hio_t* io, Kind kind, size_t loop) {
 void HandOver(Link* link) {
     hio_t* const io = link->io;
     link->moving = link->MayBeClosing() && hio_read(io) != 0;
+    link->closing = false;
     hio_detach(io);
     link->settled = link->reading = false;
     Require(hio_read(io) < 0 && errno == ENOTCONN && hio_write(io, "", 1) < 0);
@@ -376,7 +382,7 @@ void Use(Link* link, size_t what) {
             }
             return;
         case 6:
-            return stream && !link->doomed && !link->Lost() ? HandOver(link) : (void)0;
+            return stream && !link->doomed ? HandOver(link) : (void)0;
         case 7:
             link->queueMax = size_t{g_world.in->Short()} * 16;
             return hio_set_max_write_bufsize(link->io, static_cast<uint32_t>(link->queueMax));
