@@ -31,7 +31,7 @@ struct Folder {
 };
 Folder g_folder;
 FILE* g_file;                // that the code under test has opened last
-thread_local bool t_inside;  // this thread runs the code under test
+thread_local bool g_inside;  // this thread runs the code under test
 
 std::string Place(const std::string& path) {
     return g_folder.path + path.substr(path.rfind('/'));
@@ -93,11 +93,11 @@ Scope::Scope(const uint8_t* data, size_t size) : in(data, size) {
     }
     g_world = World();
     g_world.in = &in;
-    t_inside = true;
+    g_inside = true;
 }
 
 bool IsInside() {
-    return g_world.in != nullptr && t_inside;
+    return g_world.in != nullptr && g_inside;
 }
 
 bool Refuses(size_t odds) {
