@@ -1,8 +1,10 @@
 #include "tests/fuzz/world.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sanitizer/asan_interface.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -108,8 +110,13 @@ bool Refuses(size_t odds) {
 
 std::string Put(const std::string& path, const std::string& text) {
     g_folder.used = true;
-    std::ofstream(Place(path), std::ios::binary) << text;
-    return Place(path);
+    const std::string place = Place(path);
+    // Fuzzers replace the functions for this.
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC;
+    const auto fd = syscall(SYS_openat, AT_FDCWD, place.c_str(), kFlags, 0600);
+    Require(syscall(SYS_write, fd, text.data(), text.size()) == static_cast<long>(text.size()));
+    (void)syscall(SYS_close, fd);
+    return place;
 }
 
 std::string Get(const std::string& path) {
@@ -121,6 +128,11 @@ std::string Get(const std::string& path) {
 }  // namespace fuzz
 
 using namespace fuzz;
+
+// Keeps freed memory for the length of an input, not for thousands. That is up to a third faster.
+extern "C" const char* __asan_default_options() {
+    return "quarantine_size_mb=8";
+}
 
 // Formats as the log does, and lets no text from outside forge a line. A message may end with a
 // line feed of its own.
