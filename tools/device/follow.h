@@ -14,7 +14,7 @@ struct FollowTarget {
     std::string mac;             // "AA:BB:CC:DD:EE:FF"; empty: not known, so no search for it
     uint16_t discoveryPort = 0;  // where searches go
     uint16_t alivePort = 0;      // TCP port that the running application opens; 0: not known
-    // It was seen closed while the device was in recovery mode, before the upload.
+    // Whether that port was seen closed while the device was in recovery mode, before the upload.
     bool alivePortClosed = false;
     std::string version;  // firmware that a search reply must also name; empty: any
 };
