@@ -11,7 +11,7 @@ namespace kvtool::ladder {
 namespace {
 
 constexpr double kWidth = 800;
-constexpr double kLeft = 96;  // of the lanes; their names stand before it
+constexpr double kLeft = 96;  // where the lanes begin, behind their names
 constexpr double kRight = 24;
 constexpr double kLabelHeight = 16;
 constexpr double kLaneHeight = 26;
@@ -201,7 +201,7 @@ bool IsBigStep(EventKind kind) {
 
 struct Label {
     double x;
-    double from;  // of its text
+    double from;  // where its text begins
     std::string text;
     size_t row;
     bool big;
@@ -229,7 +229,7 @@ class BootPicture {
 
     const Boot& boot_;
     Scale scale_;
-    double unit_;  // pixels a millisecond
+    double unit_;  // pixels per millisecond
     std::string out_;
 };
 
@@ -325,7 +325,7 @@ void BootPicture::Owned(double y, const char* name, const char* style,
     }
 }
 
-// While the supervisor watches the button.
+// The times in which the supervisor watches the button.
 std::vector<std::pair<Ms, Ms>> BootPicture::ButtonSpans() const {
     std::vector<std::pair<Ms, Ms>> spans;
     bool open = false;
@@ -432,7 +432,7 @@ std::string Legend(const Timeline& timeline, double y) {
     return out;
 }
 
-// The picture in words, for those who do not see it.
+// The picture in words, for people who cannot see it.
 std::string Description(const Timeline& timeline) {
     std::string text;
     size_t sentences = 0;
@@ -451,7 +451,7 @@ std::string Description(const Timeline& timeline) {
     return text + "Result: " + ResultText(timeline) + ".";
 }
 
-// The title as it is seen: at most as wide as the picture.
+// The title cut to the width of the picture.
 std::string SeenTitle(const std::string& title) {
     constexpr size_t kMost = 100;
     size_t length = std::min(title.size(), kMost);
