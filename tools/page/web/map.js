@@ -45,7 +45,7 @@ function drawPartition(partition, start, total) {
   return box;
 }
 
-// Only where there is room: the table names all of them.
+// Names a partition only where there is room. The table names all of them.
 function drawName(partition, start, total) {
   const share = partition.size / total;
   return share < 0.03
@@ -81,7 +81,7 @@ function drawScale(total) {
   return scale;
 }
 
-// The pattern of what stays: told from the others without colours too.
+// The pattern of what stays. It differs from the others even without colours.
 function pattern() {
   return draw(
     "defs",
