@@ -203,7 +203,7 @@ void Board::OnWatchdog() {
 void Board::OnPowerCut() {
     eventfd_t count = 0;
     (void)eventfd_read(powerEvent_.Get(), &count);
-    // The event may be left of a boot that has ended otherwise.
+    // The event may be left over from a boot that ended for another reason.
     if (init_ > 0 && cutReason_.empty()) {
         SetPower("off");
     }
