@@ -342,7 +342,7 @@ TEST(FleetRun, ADeviceThatSomebodyElseUpgradesIsLeftAlone) {
     EXPECT_TRUE(camera.device.UpgradeRequest().empty());
 }
 
-// The disk becomes full at different lines. kvtool makes no step that it could not announce. It
+// The disk becomes full at different lines. kvtool takes no step that it could not announce. It
 // still follows what the device does by itself.
 TEST(FleetRun, AFullDiskUnderTheJournalSendsNothingMore) {
     kv_test::RequireSandbox();

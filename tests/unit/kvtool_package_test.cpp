@@ -339,8 +339,8 @@ TEST(KvtoolFlashTime, ForeseesWhenThePowerMustHold) {
         return kvtool::ForeseeFlashTime(kvtool::CheckPackage(
             kvtool::BuildPackage(Request(std::move(images))).bytes, Layout::Default(), {}));
     };
-    // 32 blocks of the kernel's partition, the image's 390.6 and with the padding 512 pages; then
-    // 64 blocks and 256 pages of the application's, and 9 blocks and 4 pages of the boot loader's.
+    // The kernel's partition has 32 blocks. Its image has 390.6 pages, with the padding 512. Then
+    // come 64 blocks and 256 pages of the application, 9 blocks and 4 pages of the boot loader.
     const kvtool::FlashTime time =
         foresee({{"uboot", Bytes(1000)}, {"kernel", Bytes(100000)}, {"app", Bytes(1)}});
     ASSERT_EQ(time.windows.size(), 2U);
