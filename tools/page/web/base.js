@@ -42,6 +42,32 @@ export function setAttribute(element, name, value) {
 export const button = (text, onclick, attributes = {}) =>
   el("button", { type: "button", onclick, ...attributes }, text);
 
+// A table that the reader unfolds. An empty heading is a plain cell.
+export const foldedTable = (summary, headings, rows) =>
+  el(
+    "details",
+    {},
+    el("summary", {}, summary),
+    el(
+      "div",
+      { class: "wide" },
+      el(
+        "table",
+        { class: "plain" },
+        el(
+          "thead",
+          {},
+          el(
+            "tr",
+            {},
+            headings.map((text) => (text ? el("th", { scope: "col" }, text) : el("td"))),
+          ),
+        ),
+        el("tbody", {}, rows),
+      ),
+    ),
+  );
+
 export const pill = (kind, text) => el("span", { class: "pill", "data-kind": kind }, text);
 
 export function size(bytes) {

@@ -1,6 +1,6 @@
 // A picture of the flash to scale: what the package writes, what it erases, what stays. The table below the picture
 // says the same in words.
-import { count, el, foreign, size } from "./base.js";
+import { count, el, foldedTable, foreign, size } from "./base.js";
 
 const kSvg = "http://www.w3.org/2000/svg";
 const kTop = 18; // the names stand above the bar
@@ -187,28 +187,6 @@ export function flashMap(unordered, entries) {
       key("erased", "erased"),
       key("stays", "stays"),
     ),
-    el(
-      "details",
-      {},
-      el("summary", {}, "Partition by partition"),
-      el(
-        "div",
-        { class: "wide" },
-        el(
-          "table",
-          { class: "plain" },
-          el(
-            "thead",
-            {},
-            el(
-              "tr",
-              {},
-              ["Partition", "Device", "Size", "What happens to it"].map((text) => el("th", { scope: "col" }, text)),
-            ),
-          ),
-          el("tbody", {}, rows),
-        ),
-      ),
-    ),
+    foldedTable("Partition by partition", ["Partition", "Device", "Size", "What happens to it"], rows),
   );
 }

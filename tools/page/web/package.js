@@ -7,6 +7,7 @@ import {
   count,
   banner,
   el,
+  foldedTable,
   foreign,
   pill,
   setAttribute,
@@ -78,30 +79,10 @@ function entriesTable(what) {
       el("td", { class: "code" }, entry.md5 ?? ""),
     ),
   );
-  return el(
-    "details",
-    {},
-    el("summary", {}, `${count(what.entries.length, "image")} in the package`),
-    el(
-      "div",
-      { class: "wide" },
-      el(
-        "table",
-        { class: "plain" },
-        el(
-          "thead",
-          {},
-          el(
-            "tr",
-            {},
-            ["#", "Name", "Partition", "Size", "", "MD5"].map((text) =>
-              text ? el("th", { scope: "col" }, text) : el("td"),
-            ),
-          ),
-        ),
-        el("tbody", {}, rows),
-      ),
-    ),
+  return foldedTable(
+    `${count(what.entries.length, "image")} in the package`,
+    ["#", "Name", "Partition", "Size", "", "MD5"],
+    rows,
   );
 }
 
