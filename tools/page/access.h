@@ -51,7 +51,7 @@ class Gate {
     uint16_t port_;
     std::string token_;
     std::string cookieName_;
-    std::mutex mutex_;  // for the next
+    std::mutex mutex_;  // for the next member
     std::string once_;
 };
 

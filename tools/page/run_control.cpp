@@ -137,7 +137,7 @@ std::vector<Member> RunControl::KnownDevices(Which which, const PlanOptions& opt
                                     : NextFor(member.progress) != Next::kNothing;
                      });
         if (known.empty()) {
-            throw HttpError(409, "there is no device to go on with");
+            throw HttpError(409, "there is no device to continue with");
         }
         return known;
     }

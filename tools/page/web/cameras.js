@@ -1,4 +1,4 @@
-// The list of cameras. Rows are kept and changed in place, so the list stays quick with hundreds of cameras, and focus
+// The list of cameras. Rows are kept and changed in place, so the list stays fast with hundreds of cameras, and focus
 // and selection stay where they are.
 import { announce, byId, clock, count, el, foreign, pill, setAttribute, setText, since, soon } from "./base.js";
 import { openDetails } from "./details.js";

@@ -38,7 +38,7 @@ const kGroups = {
   failed: ["Failed", (member) => member.state === "failed"],
   done: ["Done", (member) => member.state === "done"],
 };
-// By the exit code that `kvtool upgrade` would have had.
+// What to do after each exit code that `kvtool upgrade` would have had.
 const kAdvice = {
   3: "Nothing was sent. Use the package for this model.",
   4: "Nothing was sent. Check that the camera is switched on, in recovery mode and in this network, then retry.",
