@@ -268,11 +268,11 @@ ssize_t ReadStream(void* cookie, char* buffer, size_t size) {
     return static_cast<ssize_t>(got);
 }
 
-int SeekStream(void* cookie, off64_t* offset, int whence) {
+int SeekStream(void* cookie, off_t* offset, int whence) {
     auto* const package = static_cast<CheckedPackage*>(cookie);
-    const off64_t base = whence == SEEK_SET   ? 0
-                         : whence == SEEK_CUR ? static_cast<off64_t>(package->position)
-                                              : static_cast<off64_t>(package->size);
+    const off_t base = whence == SEEK_SET   ? 0
+                       : whence == SEEK_CUR ? static_cast<off_t>(package->position)
+                                            : static_cast<off_t>(package->size);
     if (*offset < -base) {
         return -1;
     }
