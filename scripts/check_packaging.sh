@@ -142,7 +142,8 @@ cmake -G Ninja -S "$work/openwrt/build" -B "$work/configured" $(openwrt options)
 key=$work/camera.pub
 signed=$(buildroot - options SIGNED=y KEY="$key")
 [[ " $signed " == *" -DKV_TRUSTED_KEY=$key "* ]] || die "Buildroot's recipe loses the trusted key: $signed"
-[[ $(buildroot - dependencies SIGNED=y KEY="$key") == *libsodium* ]] || die "Buildroot's recipe does not build libsodium"
+[[ $(buildroot - dependencies SIGNED=y KEY="$key") == *libsodium* ]] ||
+    die "Buildroot's recipe does not build libsodium"
 [ "$signed" = "$(openwrt options CONFIG_UPGRADEMAIN_SIGNED=y CONFIG_UPGRADEMAIN_TRUSTED_KEY="\"$key\"")" ] ||
     die "OpenWrt's recipe loses the trusted key"
 ! (buildroot - options SIGNED=y) >/dev/null 2>&1 || die "Buildroot's recipe accepts SIGNED without a file of keys"
