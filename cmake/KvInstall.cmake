@@ -1,5 +1,5 @@
 # What `cmake --install` installs. Components let an image take only what it needs:
-#   device  the daemon; with KV_INIT also the init system's start file and its script
+#   device  the daemon; with KV_INIT also the init system's start files and the scripts that they run
 #   tools   the PC programs with their man pages, and the stand-in application
 #   doc     the daemon's man page, documents, example scripts of a board
 include(GNUInstallDirs)

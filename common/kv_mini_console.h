@@ -1,7 +1,7 @@
 // Debugging console: runs commands that a developer types in the device's shell. They arrive over
 // the platform's command link ("/tmp/bin/cmd_link_snd" in, "/tmp/bin/cmd_link_ack" out). Nothing in
 // this program calls KV_Console_Init or KV_Console_DeInit; to use the console, call them with a
-// debugger. It reports on standard output.
+// debugger. The console prints its messages on standard output.
 //
 // A message runs no command if its argument count is negative or above 8, or if its arguments do
 // not end inside it. The answer is then only "reply:\n".
