@@ -13,9 +13,9 @@
 // created.
 int KV_Console_Init(void);
 
-// Stops the thread. Blocks for up to one second and for a command in progress. Pipes and links
-// stay. Returns 0, or -1 with a log line if the console is not running. The console cannot be
-// started again.
+// Stops the thread. Blocks for up to one second and for a command in progress. The pipes stay open
+// and the links stay. Returns 0, or -1 with a log line if the console is not running. The console
+// cannot be started again.
 int KV_Console_DeInit(void);
 
 // Links one command name to the client and replaces an existing file. Returns the result of
