@@ -16,7 +16,7 @@ build: ## Build the device program and the PC tools into build/bin
 	@scripts/setup.sh build
 	@scripts/build.sh release
 
-arm: ## Build the device program for ARM into build/arm: dynamic, static, musl (TRUSTED_KEY=: for signed packages)
+arm: ## Build the device program for ARM into build/arm: dynamic, static, musl (TRUSTED_KEY=FILE: signed)
 	@TRUSTED_KEY="$(TRUSTED_KEY)" scripts/build_arm.sh
 
 kvtool-static: ## Build kvtool as one file for any Linux on this machine's architecture, into build/kvtool-static/bin
@@ -63,7 +63,7 @@ bench-page: build ## Measure the page's server with 500 devices, 20 upgrades und
 	@scripts/setup.sh scripts
 	@scripts/bench_page.py
 
-bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one air (5 minutes)
+bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one Wi-Fi channel (5 minutes)
 	@scripts/setup.sh vboard scripts
 	@scripts/bench_fleet.sh
 
@@ -71,7 +71,7 @@ bench-discovery: build ## Compare the rate of discovery answers with that of a b
 	@scripts/setup.sh vboard scripts
 	@scripts/bench_discovery.sh
 
-powercut: build ## Cut the power at every step of an upgrade; rewrites the figures in docs/powercut.md (20 minutes)
+powercut: build ## Cut the power at every step of an upgrade, and rewrite the figures in docs/powercut.md (20 minutes)
 	@scripts/setup.sh vboard scripts
 	@bench/powercut/__main__.py build/bin --docs docs
 
@@ -82,7 +82,7 @@ client-kit: build ## Write the transcripts in docs/client-kit.md from a virtual 
 board: build ## Test the program on emulated ARM boards with a real kernel (3 minutes; docs/board.md)
 	@scripts/board.sh run
 
-board-shell: build ## Open the console of such a board
+board-shell: build ## Open the console of an emulated board
 	@scripts/board.sh shell
 
 test: tests-build ## Run all unit and system tests
@@ -99,7 +99,7 @@ test-page: build ## Use the page of kvtool with real browsers on a site of five 
 	@scripts/setup.sh vboard scripts page
 	@tests/page/run.sh
 
-screenshots: build ## Do the same, and take the pictures of docs/page.md
+screenshots: build ## Do what test-page does, and take the pictures of docs/page.md
 	@scripts/setup.sh vboard scripts page pictures
 	@tests/page/run.sh docs/page
 

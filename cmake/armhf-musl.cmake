@@ -2,8 +2,8 @@
 set(KV_SYSROOT_SCRIPT musl_sysroot.sh)
 include("${CMAKE_CURRENT_LIST_DIR}/armhf-common.cmake")
 
-# The compiler is made for glibc. None of its include folders but its own and those of the C++ headers is used, and no
-# library but libgcc: what the program uses of the C++ library is all in headers.
+# The compiler is made for glibc. Use only its own include folder and those of the C++ headers, and only libgcc of its
+# libraries: everything that the program uses of the C++ library is in headers.
 execute_process(COMMAND arm-linux-gnueabihf-gcc -print-file-name=include
                 OUTPUT_VARIABLE KV_COMPILER_HEADERS OUTPUT_STRIP_TRAILING_WHITESPACE)
 execute_process(COMMAND arm-linux-gnueabihf-gcc -dumpversion
@@ -11,8 +11,8 @@ execute_process(COMMAND arm-linux-gnueabihf-gcc -dumpversion
 set(KV_CXX_HEADERS "/usr/arm-linux-gnueabihf/include/c++/${KV_COMPILER_VERSION}")
 set(KV_C_FLAGS "-isystem ${KV_SYSROOT}/usr/include -isystem ${KV_COMPILER_HEADERS}")
 set(CMAKE_C_FLAGS_INIT "-mmusl -nostdinc ${KV_C_FLAGS}")
-# The two macros replace the header in which GCC adapts its C++ library to glibc. They are what its header for musl
-# says: no adaptation, and threads are always there instead of being looked for by weak symbols.
+# The two macros replace the header in which GCC adapts its C++ library to glibc. They say what its header for musl
+# says: no adaptation, and threads always exist, so no weak symbol has to look for them.
 string(CONCAT CMAKE_CXX_FLAGS_INIT
        "-mmusl -nostdinc -isystem ${KV_CXX_HEADERS} -isystem ${KV_CXX_HEADERS}/arm-linux-gnueabihf ${KV_C_FLAGS} "
        "-D_GLIBCXX_OS_DEFINES -D_GLIBCXX_GTHREAD_USE_WEAK=0")

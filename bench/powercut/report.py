@@ -52,7 +52,7 @@ def figures(orders, full, minutes, cores):
         windows = order.windows()
         rows.append([order.name, f"{order.seconds():.2f} s", _spans(windows[RESCUE]), _spans(windows[DEAD])])
     lines += _table(["order of the images", "writing takes", f"a cut {RESCUE}", "a cut kills"], rows)
-    lines += ["", "A camera with the standard layout, as `kvtool inspect` foresees it. The boot loader has 300 KiB,",
+    lines += ["", "A camera with the standard layout, as `kvtool inspect` predicts it. The boot loader has 300 KiB,",
               "the kernel 1.8 MiB, the root file system 3.5 MiB, the application 3 MiB.", "", "```", *full["text"],
               "```", "", "### Failures that are not cuts", ""]
     rows = []
@@ -147,6 +147,6 @@ def picture(orders, full):
     drawing.legend()
     drawing.panel("Small package of the sweep: when the power is cut, and what becomes of the device",
                   [(order.name, _segments(order)) for order in orders], 0.5)
-    drawing.panel("A camera with the standard layout, foreseen by kvtool inspect",
+    drawing.panel("A camera with the standard layout, predicted by kvtool inspect",
                   [("usual order, with boot loader", _foreseen_segments(full["power"]))], 5)
     return drawing.render()
