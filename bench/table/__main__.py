@@ -87,10 +87,9 @@ def main():
     parser.add_argument("bin", type=pathlib.Path)
     parser.add_argument("--docs", type=pathlib.Path)
     parser.add_argument("--only", nargs="+", choices=[*ARM_PARTS, *PARTS], metavar="PART")
-    parser.add_argument("--budgets", type=pathlib.Path, default=budgets.FILE)
     options = parser.parse_args()
     options.bin = options.bin.resolve()
-    limits = budgets.load(options.budgets)
+    limits = budgets.load()
     # SIGTERM must run the same clean-up as Ctrl-C.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     sys.stdout.reconfigure(line_buffering=True)

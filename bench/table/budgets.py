@@ -7,9 +7,9 @@ import tomllib
 FILE = pathlib.Path(__file__).with_name("budgets.toml")
 
 
-def load(file=FILE):
+def load():
     """Maps each row's key to its budget."""
-    with open(file, "rb") as text:
+    with open(FILE, "rb") as text:
         return {budget["row"]: budget for budget in tomllib.load(text)["budget"]}
 
 

@@ -70,10 +70,11 @@ def _block(name, rows):
 
 def _bars(title, name, rows, script=""):
     """A panel with a bar for each row: label, value, 1 for the program itself."""
-    return (_block(name, [(f'"{label}"', value, "0x1f6fb2" if own else "0x9a9a9a") for label, value, own in rows]) +
+    colours = {True: "0x1f6fb2", False: "0x9a9a9a"}
+    return (_block(name, [(f'"{label}"', value, colours[own], show(value, "")) for label, value, own in rows]) +
             f'set title "{title}"\nset xtics rotate by -30\nset boxwidth 0.7\n{script}'
             f'plot ${name} using 0:2:3:xtic(1) with boxes lc rgb variable notitle, '
-            f'${name} using 0:2:(sprintf("%.4g", $2)) with labels offset 0,0.6 font ",10" notitle\n')
+            f'${name} using 0:2:4 with labels offset 0,0.6 font ",10" notitle\n')
 
 
 def draw_peers(file, data):
@@ -97,13 +98,12 @@ def draw_growth(file, data):
                                     for point in connections])
     script += _block("packages", [(point["mib"], point["anonymous"], point["stored"] + point["check"])
                                   for point in packages])
-    script += "set multiplot layout 1,4\nset yrange [0:*]\nset logscale x\nset pointsize 0.8\n"
+    script += "set multiplot layout 1,4\nset yrange [0:*]\nset xrange [0:*]\nset pointsize 0.8\nset rmargin 4\n"
     for name, column, title, axis in (("connections", 2, "KiB of own memory", "connections"),
                                       ("connections", 3, "µs of processor time an answer", "connections"),
                                       ("packages", 2, "KiB of own memory", "package, MiB"),
                                       ("packages", 3, "s to receive and check", "package, MiB")):
-        logarithmic = "set logscale y\nset yrange [*:*]\n" if title.startswith("s ") else ""
-        script += (f'{logarithmic}set title "{title}"\nset xlabel "{axis}"\n'
+        script += (f'set title "{title}"\nset xlabel "{axis}"\n'
                    f'plot ${name} using 1:{column} with linespoints lw 2 pt 7 lc rgb "#1f6fb2" notitle\n')
     _gnuplot(file, 1000, 280, script)
 
