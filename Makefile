@@ -47,16 +47,16 @@ demo-ladder: build ## Watch a silent application: restart, reboot, recovery (und
 pictures: build ## Draw the pictures of docs/heartbeat.md into docs/pictures
 	@scripts/pictures.sh
 
-bench: build ## Measure an upload against socat on the same virtual link
+bench: build ## Measure the program against peers and limits; rewrites docs/performance.md (15 minutes; ROWS=)
 	@scripts/setup.sh vboard scripts bench
-	@scripts/bench_upload.sh
+	@bench/table/__main__.py build/bin $(if $(ROWS),--only $(ROWS),--docs docs)
 
 demo-fleet: build ## Watch eight cameras being upgraded at once: two fail, the tool is killed and resumes (90 seconds)
 	@scripts/setup.sh vboard scripts
 	@scripts/demo_fleet.sh
 
 demo-page: build ## Upgrade five virtual cameras in your browser, until Ctrl-C (PORT=8765)
-	@scripts/setup.sh vboard scripts bench
+	@scripts/setup.sh vboard scripts demo-page
 	@scripts/demo_page.sh
 
 bench-page: build ## Measure the page's server with 500 devices, 20 upgrades under way and two open pages (two minutes)
@@ -66,10 +66,6 @@ bench-page: build ## Measure the page's server with 500 devices, 20 upgrades und
 bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one Wi-Fi channel (5 minutes)
 	@scripts/setup.sh vboard scripts
 	@scripts/bench_fleet.sh
-
-bench-discovery: build ## Compare the rate of discovery answers with that of a bare UDP echo
-	@scripts/setup.sh vboard scripts
-	@scripts/bench_discovery.sh
 
 powercut: build ## Cut the power at every step of an upgrade, and rewrite the figures in docs/powercut.md (20 minutes)
 	@scripts/setup.sh vboard scripts
