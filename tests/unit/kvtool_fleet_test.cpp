@@ -133,8 +133,11 @@ TEST(FleetJournal, ATornLineIsIgnoredAndADamagedOneIsRefused) {
     kv_test::WriteFile(path, whole + whole.substr(whole.find('\n') + 1));
     EXPECT_EQ(ReadJournal(path).members.at(0).progress.attempts, 2);
     // A file that is not a journal keeps its bytes, even if it has no line end.
-    for (const std::string& text : {"x\n" + whole, whole + "{\"schema\":2}\n", std::string("\n"),
-                                    std::string("firmware"), std::string("{\"schemes")}) {
+    std::string late = whole;
+    (void)late.insert(late.rfind("Z\""), "e99");
+    for (const std::string& text :
+         {"x\n" + whole, late, whole + "{\"schema\":2}\n", std::string("\n"),
+          std::string("firmware"), std::string("{\"schemes")}) {
         kv_test::WriteFile(path, text);
         EXPECT_THROW((void)Journal::Open(path), ToolError) << text;
         EXPECT_EQ(kv_test::ReadFile(path), text);

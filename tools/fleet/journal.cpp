@@ -198,7 +198,8 @@ std::optional<double> ParseTime(const std::string& text) {
     }
     char* end = nullptr;
     const double fraction = strtod(rest, &end);
-    if (std::string(end) != "Z") {
+    // An exponent would make it more.
+    if (std::string(end) != "Z" || fraction >= 1) {
         return std::nullopt;
     }
     return static_cast<double>(timegm(&parts)) + fraction;
