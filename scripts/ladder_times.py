@@ -84,4 +84,5 @@ def watchdog_opened(name):
     return times
 
 
-main()
+if __name__ == "__main__":
+    main()
