@@ -4,8 +4,10 @@ import contextlib
 import json
 import os
 import pathlib
+import re
 import signal
 import subprocess
+import sys
 import time
 
 READY = "MINI ProtocolInit Init Success!"
@@ -61,12 +63,23 @@ class Board:
         program = self.status()["program"]
         return program["hostPid"] if program["running"] else 0
 
-    def text(self, boot, name):
-        """What the program ("trace.log") or the board's console ("console.log") has printed in a boot."""
+    def text(self, boot, name, start=0):
+        """What the program ("trace.log") or the board's console ("console.log") has printed in a boot, from byte
+        `start` on."""
         try:
-            return (self.state / f"boot-{boot}/{name}").read_text(encoding="utf-8", errors="replace")
+            with open(self.state / f"boot-{boot}/{name}", "rb") as file:
+                file.seek(start)
+                return file.read().decode("utf-8", errors="replace")
         except FileNotFoundError:
             return ""
+
+    def size(self, boot, name):
+        return (self.state / f"boot-{boot}/{name}").stat().st_size
+
+    def last_lines(self, boot):
+        """The end of the program's log, fit for a terminal."""
+        lines = re.sub(r"\x1b\[[0-9;]*m", "", self.text(boot, "trace.log", max(0, self.size(boot, "trace.log") - 4096)))
+        return re.sub(r"[^\n -~]", "?", "\n".join(lines.splitlines()[-8:]))
 
     def reasons(self):
         return [boot["reason"] for boot in self.status()["boots"]]
@@ -89,8 +102,8 @@ class Board:
 
 
 class Feeds:
-    """The times between feeds of the watchdog, in seconds of the board. A gap begins and ends while the watchdog is
-    armed and in one boot. `clock` names the operation's member that has the time: "t" the host's, "board" the board's."""
+    """The times between feeds of the watchdog. A gap begins and ends while the watchdog is armed and in one boot.
+    `clock` names the operation's member that has the time: "t" the host's, "board" the board's."""
 
     def __init__(self, board, clock):
         self._board, self._clock = board, clock
@@ -145,6 +158,23 @@ def take_real_time(wanted):
     except PermissionError:
         return False
     return True
+
+
+@contextlib.contextmanager
+def ticking(seconds):
+    """A bare process that wakes up in this rhythm. Yields a function that tells by how many seconds it was late at most
+    since the last call."""
+    def lateness():
+        process.stdin.write("\n")
+        return float(process.stdout.readline())
+
+    command = [sys.executable, pathlib.Path(__file__).with_name("metronome.py"), str(seconds)]
+    with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1,
+                          start_new_session=True) as process:
+        try:
+            yield lateness
+        finally:
+            process.kill()
 
 
 def interruptible():

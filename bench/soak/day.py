@@ -9,7 +9,6 @@ in DIR/soak.md. See docs/soak.md.
 """
 
 import argparse
-import contextlib
 import json
 import os
 import pathlib
@@ -17,11 +16,12 @@ import signal
 import subprocess
 import sys
 import tempfile
+import textwrap
 import time
 
 import page
 from board import (READY, Board, Feeds, Footprint, Problem, interruptible, load_average, switched_on,
-                   take_real_time)
+                   take_real_time, ticking)
 from plan import HOUR, QUIET, OUTAGE_SLOT, Outages, Watched
 
 ADDRESS = "192.168.10.2"
@@ -58,8 +58,8 @@ def script_of(steps):
 
 
 class Day:
-    def __init__(self, options, board, metronome):
-        self.options, self.board, self._metronome = options, board, metronome
+    def __init__(self, options, board, lateness):
+        self.options, self.board, self._lateness = options, board, lateness
         self.speed = options.speed
         self._lag = 0.3 * self.speed + 1  # the host's scheduling, and a clock of whole seconds: as in ladder_times.py
         self._feeds = Feeds(board, "board")
@@ -91,8 +91,7 @@ class Day:
 
     def expect(self, good, what):
         if not good:
-            raise Problem(f"boot {self.boot}: {what}; the log ends with:\n"
-                          + "\n".join(self.board.text(self.boot, "trace.log").splitlines()[-8:]))
+            raise Problem(f"boot {self.boot}: {what}; the log ends with:\n{self.board.last_lines(self.boot)}")
 
     def next_boot(self, reason):
         """Waits for the boot that must follow the present one."""
@@ -103,18 +102,20 @@ class Day:
 
     def measure(self, what, kind):
         """Adds a row. The footprint must be that of the first one of its kind."""
-        self._metronome.stdin.write("\n")
-        late = float(self._metronome.stdout.readline()) * self.speed
+        late = self._lateness() * self.speed
         process = self.board.process()
         self.expect(process, "the program has ended")
         first = self._first.setdefault(kind, Footprint(process))
         held = self.board.settled(process, first, SLACK, timeout=1)
-        self.missed += [f"{what}, boot {self.boot}: not flat: {text}" for text in held.grown(first, SLACK)]
+        grown = [f"{what}, boot {self.boot}: not flat: {text}" for text in held.grown(first, SLACK)]
         gaps = self._feeds.take()
         hour = Hour(what, self.boot, held, gaps, late)
         self.hours.append(hour)
-        print(f"{what:16} boot {self.boot:2}: {held.descriptors} descriptors, {held.threads} threads, "
-              f"{held.anonymous} KiB; feed gap {max(gaps, default=0):.2f} s", flush=True)
+        print(f"{what:24} boot {self.boot:2}: {held.descriptors} fd, {held.threads} threads, "
+              f"{held.anonymous} KiB, feed gap {max(gaps, default=0):.2f} s", flush=True)
+        for text in grown:
+            print(f"MISSED: {text}", flush=True)
+        self.missed += grown
 
     def steps(self, *arguments):
         answer = subprocess.run([self.options.bin / "kvtool", "ladder", "--json", *map(str, arguments)],
@@ -124,10 +125,10 @@ class Day:
     def check_ladder(self, expected, boot):
         """The log of a boot must show the events of `kvtool ladder`'s answer to the script, at their times."""
         replay = self.steps("--log", self.board.state / f"boot-{boot}/trace.log")
-        self.expect(not replay["differences"], f"the log differs from its replay: {replay['differences']}")
         names = ("offline", "online", "restart", "reboot", "recovery")
+        # "seen" is when the log shows a step. It shows the first heartbeat after a silence only indirectly.
         seen = [(event["event"], event.get("seen", event["at"])) for event in replay["boots"][0]["events"]
-                if event["event"] in names]
+                if "seen" in event or event["event"] == "online"]
         wanted = [(event["event"], event["at"]) for event in expected["events"] if event["event"] in names]
         self.expect([name for name, _ in seen] == [name for name, _ in wanted],
                     f"the log of boot {boot} shows {seen}, expected {wanted}")
@@ -245,22 +246,12 @@ class Day:
         late = max(hour.late for hour in self.hours)
         over = sum(gap > GAP for gap in gaps) / len(gaps)
         if max(gaps) > min(GAP + 2 * late, STALL) or over > RARE:
-            self.missed.append(f"feeds: the largest gap is {max(gaps):.2f} s, {100 * over:.2f} % are above {GAP} s")
+            self.missed.append("feeds")
+            print(f"MISSED: feeds: the largest gap is {max(gaps):.2f} s, {100 * over:.2f} % are above {GAP} s")
         return [", ".join(f"{count} {what}" for what, count in self.counts.items()) + ".",
                 f"{len(gaps)} feeds in {sum(gaps) / HOUR:.1f} h of an armed watchdog. The largest gap was "
                 f"{max(gaps):.2f} s; {100 * over:.3f} % of all were above {GAP} s.",
                 f"A bare process with the same rhythm was late by up to {late:.2f} s of the board's clock."]
-
-
-@contextlib.contextmanager
-def ticking(speed):
-    command = [sys.executable, pathlib.Path(__file__).with_name("metronome.py"), str(1 / speed)]
-    with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1,
-                          start_new_session=True) as process:
-        try:
-            yield process
-        finally:
-            process.kill()
 
 
 def make_application(programs, folder):
@@ -280,8 +271,8 @@ def run(options, folder):
     Board(options.bin, state).do("flash", "write", "mtd5", make_application(options.bin, folder))
     began, loads = time.monotonic(), [load_average()]
     with switched_on(options.bin, options.program or options.bin / "upgradeMain", state,
-                     ["--speed", options.speed]) as board, ticking(options.speed) as metronome:
-        day = Day(options, board, metronome)
+                     ["--speed", options.speed]) as board, ticking(1 / options.speed) as lateness:
+        day = Day(options, board, lateness)
         day.run()
     minutes = (time.monotonic() - began) / 60
     loads.append(load_average())
@@ -289,14 +280,13 @@ def run(options, folder):
            f"{os.cpu_count()} cores with a load of {loads[0]:.1f} at the start and {loads[1]:.1f} at the end, "
            f"{'with' if prompt else 'without'} real-time priority.")
     lines = [how, *day.summary()]
-    print("\n".join(lines))
-    for text in day.missed:
-        print(f"MISSED: {text}")
+    for text in lines:
+        print(textwrap.fill(text, 80))
     if options.docs and not day.missed:
         heads = ["measured", "boot", "descriptors", "threads", "Rss, KiB", "Anonymous, KiB", "largest feed gap",
                  "the machine's part"]
         page.replace(options.docs / "soak.md", "day",
-                     [lines[0], "", *lines[1:], "", *page.table(heads, [hour.cells() for hour in day.hours])])
+                     [*page.prose(lines), "", *page.table(heads, [hour.cells() for hour in day.hours])])
     return 1 if day.missed else 0
 
 

@@ -14,10 +14,11 @@ import pathlib
 import subprocess
 import sys
 import tempfile
+import textwrap
 import time
 
 import page
-from board import Problem, interruptible, load_average, switched_on, take_real_time
+from board import Problem, interruptible, load_average, switched_on, take_real_time, ticking
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 # The program finds these files in /param; reports do not end it, so that one run shows all.
@@ -38,6 +39,17 @@ def findings(state):
     return [file.read_text(encoding="utf-8", errors="replace") for file in sorted((state / "param").glob("report.*"))]
 
 
+def run_to_the_end(command):
+    """An interrupt lets the command clean up."""
+    with subprocess.Popen(command, stdin=subprocess.DEVNULL, start_new_session=True) as process:
+        try:
+            return process.wait()
+        except KeyboardInterrupt:
+            process.terminate()
+            process.wait()
+            raise
+
+
 def run(options, folder):
     state = folder / "board"
     (state / "param").mkdir(parents=True)
@@ -47,26 +59,29 @@ def run(options, folder):
     began, loads = time.monotonic(), [load_average()]
     # The clients stand for other computers, which cannot take the device's processor.
     prompt = take_real_time(True)
-    with switched_on(options.bin, options.program or options.bin / "upgradeMain", state, settings):
+    program = options.program or options.bin / "upgradeMain"
+    with switched_on(options.bin, program, state, settings), ticking(1) as lateness:
         take_real_time(False)
-        command = [options.bin / "vboard", "--state", state, "exec", "--", sys.executable,
-                   pathlib.Path(__file__).with_name("journey.py"), options.bin, state, report]
+        journey = pathlib.Path(__file__).with_name("journey.py")
+        command = ["setpriv", "--pdeathsig", "TERM", options.bin / "vboard", "--state", state, "exec", "--",
+                   sys.executable, journey, options.bin, state, report]
         command += ["--relaxed"] if options.sanitizer else []
         command += ["--only", options.only] if options.only else []
-        status = subprocess.run([str(word) for word in command], check=False).returncode
+        status = run_to_the_end([str(word) for word in command])
+        late = lateness()
     minutes = (time.monotonic() - began) / 60
     loads.append(load_average())
     for text in findings(state):
         print(f"MISSED: the sanitizer reports:\n{text}", flush=True)
         status = status or 1
     how = (f"{minutes:.1f} minutes on {os.cpu_count()} cores with a load of {loads[0]:.1f} at the start and "
-           f"{loads[1]:.1f} at the end, the board "
-           f"{'with' if prompt else 'without'} real-time priority.")
-    print(how)
+           f"{loads[1]:.1f} at the end, the board {'with' if prompt else 'without'} real-time priority. "
+           f"A bare process with the feeder's rhythm was late by up to {late:.2f} s.")
+    print(textwrap.fill(how, 80))
     if options.docs and status == 0 and not options.only:
         rows = json.loads(report.read_text(encoding="utf-8"))
         page.replace(options.docs / "soak.md", f"load {options.sanitizer or 'plain'}",
-                     [how, "", *page.table(HEADS, rows)])
+                     [*page.prose([how]), "", *page.table(HEADS, rows)])
     return status
 
 

@@ -1,5 +1,13 @@
 """The part of docs/soak.md that a run writes."""
 
+import textwrap
+
+WIDTH = 120
+
+
+def prose(sentences):
+    return textwrap.wrap(" ".join(sentences), WIDTH)
+
 
 def table(heads, rows):
     lines = ["| " + " | ".join(heads) + " |", "|---|" + "---:|" * (len(heads) - 1)]
