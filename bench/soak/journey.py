@@ -35,6 +35,16 @@ class Journey(Abuse, Storms):
                 self.few_descriptors, self.blocked_log, self.no_data, self.crowded_memory, self.no_memory,
                 self.small_tmp, self.disarming, self.flashing, self.ending, self.everything]
 
+    def run(self, only):
+        """Raises Problem if something happens that must not."""
+        try:
+            self.warm_up()
+            for phase in self.phases():
+                if not only or phase.__name__ in only:
+                    phase()
+        except (OSError, client.NoService) as error:
+            self.explain(str(error))
+
 
 def main():
     parser = argparse.ArgumentParser(prog="journey", description=__doc__.splitlines()[0])
@@ -45,14 +55,10 @@ def main():
     parser.add_argument("--only", help="phases whose method has one of these names, with commas")
     options = parser.parse_args()
     interruptible()
-    client.allow_descriptors(16_000)
     journey = Journey(Board(options.bin, options.state), options.relaxed, seed=1)
     try:
-        journey.warm_up()
-        for phase in journey.phases():
-            if not options.only or phase.__name__ in options.only.split(","):
-                phase()
-    except (Problem, OSError, client.NoService) as problem:
+        journey.run(options.only.split(",") if options.only else [])
+    except Problem as problem:
         print(f"load: {problem}", file=sys.stderr)
         return 1
     except KeyboardInterrupt:

@@ -17,6 +17,7 @@ import tempfile
 import textwrap
 import time
 
+import client
 import page
 from board import Problem, interruptible, load_average, switched_on, take_real_time, ticking
 
@@ -54,6 +55,8 @@ def run(options, folder):
     state = folder / "board"
     (state / "param").mkdir(parents=True)
     (state / "param/tsan.supp").write_bytes((TOP / "tests/support/tsan.supp").read_bytes())
+    # For the clients, and for the program: memory must run out first, not descriptors.
+    client.allow_descriptors(16_000)
     settings = [word for setting in SANITIZERS[options.sanitizer] for word in ("--env", setting)]
     report = folder / "report.json"
     began, loads = time.monotonic(), [load_average()]

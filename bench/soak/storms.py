@@ -80,6 +80,7 @@ class Storms(Judge):
                 self.board.wait(boot, console="upgradeMain ended with ")
             if "upgradeMain ended with status 0" not in self.board.text(boot, "console.log"):
                 self.explain("it did not end with status 0")
+            self.board.wait(boot, log="LoopPoolInit DeInit Success!", timeout=10)
             if self.trace_count("Start Exit!") != 1:
                 self.explain("it did not begin its end exactly once")
             row.notes = f"status 0; {self.trace_count('wait exit!')} refused; {len(answers)} answers"
