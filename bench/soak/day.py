@@ -205,7 +205,7 @@ class Day:
         for text in ("Watchdog Stop successful", "KV_WIFI_StaStop success!", "LoopPoolInit DeInit Success!"):
             self.board.wait(self.boot, log=text, timeout=10)
         self.expect(self.board.reasons() == self.reasons, f"resets are {self.board.reasons()}, not {self.reasons}")
-        self._feeds.take()
+        self.hours[-1].gaps += self._feeds.take()
         self.counts["service stops"] += 1
 
     def service(self, number):

@@ -24,6 +24,7 @@ class Journey(Abuse, Storms):
         self._idle_data = data_size(self.process)
         self.row.notes = "nobody has asked anything yet"
         self.rows.append(self.row)
+        self.row = Row("warming up")
         self.cut_upload(100_000, 50_000)
         for count in (1000, 5000, 1000, 5000):
             client.close_all(self.open_and_ask(count))

@@ -21,7 +21,7 @@ class Row:
         self.name, self.notes = name, ""
         self.before = self.after = None
         self.gaps, self.service = [], None
-        self.missed = []
+        self.missed = False
 
     def gap(self):
         return max(self.gaps, default=0.0)
@@ -63,7 +63,7 @@ class Judge:
             self._judge_flat(row)
         row.gaps = self._feeds.take()
         if row.gap() > GAP and not self.relaxed:
-            row.missed.append(f"{row.gap():.2f} s between two feeds, goal {GAP} s")
+            self._miss(f"{row.gap():.2f} s between two feeds, goal {GAP} s")
         if self.board.reasons() != self.reasons:
             self.explain("an unexpected reset")
         self.rows.append(row)
@@ -77,15 +77,18 @@ class Judge:
             if row.after.anonymous <= row.before.anonymous + slack:
                 break
             client.close_all(self.open_and_ask(1000))
-        row.missed += [f"not flat: {text}" for text in row.after.grown(row.before, slack)]
+        for text in row.after.grown(row.before, slack):
+            self._miss(f"not flat: {text}")
+
+    def _miss(self, text):
+        self.row.missed = True
+        print(f"MISSED: {self.row.name}: {text}", flush=True)
 
     def _print(self, row):
         held = row.after
         flat = f"{held.descriptors} fd, {held.threads} threads, {held.anonymous} KiB" if held else "new boot"
         gap = f"{row.gap():.2f} s" if row.gaps else "-"
         print(f"{row.name:22} {flat:28} gap {gap:6}  service {row.service:.2f} s\n{'':22} {row.notes}", flush=True)
-        for text in row.missed:
-            print(f"MISSED: {row.name}: {text}", flush=True)
 
     def serve_again(self):
         """Called at the moment when an abuse ends."""
@@ -94,7 +97,7 @@ class Judge:
         except client.NoService as failure:
             self.explain(f"no service for {PATIENCE} s after the end: {failure}")
         if self.row.service > SERVICE and not self.relaxed:
-            self.row.missed.append(f"service after {self.row.service:.2f} s, goal {SERVICE} s")
+            self._miss(f"service after {self.row.service:.2f} s, goal {SERVICE} s")
 
     def explain(self, what):
         reasons = self.board.reasons()

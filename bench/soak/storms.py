@@ -57,7 +57,9 @@ class Storms(Judge):
                 self.explain("the watchdog is still armed")
             row.notes = f"disarmed; {len(answers)} answers meanwhile"
             row.before.threads -= 1  # the feeder has ended
-        self._reset()
+            service = row.service
+        self._reset()  # arms the watchdog again
+        row.service = max(service, row.service)
 
     def flashing(self):
         """SIGUSR2 starts the flash writer once. It finds no whole package and reboots."""
