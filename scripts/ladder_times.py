@@ -84,5 +84,4 @@ def watchdog_opened(name):
     return times
 
 
-if __name__ == "__main__":
-    main()
+main()

@@ -32,9 +32,10 @@ class Journey(Abuse, Storms):
         client.await_service(PATIENCE)
 
     def phases(self):
+        """The first end is an orderly one: a sanitizer then looks for what all the clients before have left behind."""
         return [self.at_once, self.one_after_the_other, self.datagrams, self.slow_and_half_open, self.cut_uploads,
-                self.few_descriptors, self.blocked_log, self.no_data, self.crowded_memory, self.no_memory,
-                self.small_tmp, self.disarming, self.flashing, self.ending, self.everything]
+                self.few_descriptors, self.blocked_log, self.no_data, self.crowded_memory, self.ending,
+                self.no_memory, self.small_tmp, self.disarming, self.flashing, self.everything]
 
     def run(self, only):
         """Raises Problem if something happens that must not."""
