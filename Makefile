@@ -71,6 +71,14 @@ powercut: build ## Cut the power at every step of an upgrade, and rewrite the fi
 	@scripts/setup.sh vboard scripts
 	@bench/powercut/__main__.py build/bin --docs docs
 
+soak: build ## Let a day of a camera's clock pass; rewrites its figures in docs/soak.md (25 minutes; SPEED=60)
+	@scripts/setup.sh vboard scripts
+	@bench/soak/day.py build/bin --speed $(or $(SPEED),60) --docs docs
+
+load: build ## Abuse the device program in real time; rewrites docs/soak.md (7 minutes; SANITIZER=thread or address)
+	@scripts/setup.sh vboard scripts
+	@bench/soak/load.sh "$(SANITIZER)"
+
 client-kit: build ## Write the transcripts in docs/client-kit.md from a virtual board (a minute)
 	@scripts/setup.sh vboard scripts
 	@scripts/client_kit.py
