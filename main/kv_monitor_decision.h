@@ -6,7 +6,7 @@
 
 #include "common/kv_platform.h"
 
-// How often the supervisor looks whether the process is silent.
+// How often the supervisor checks whether the process is silent.
 constexpr uint32_t kMonitorCheckPeriodMs = 3000;
 
 struct MonitoredProcess {
