@@ -49,8 +49,7 @@ def run(options, folder):
         report.close()
         for board in boards:
             board.abandon()
-    print(f"total: {report.total():.1f} s")
-    print("Not real on this board: erasing takes no time, and the kernel is not booted from flash.")
+    report.print_end()
     return 1 if report.failed else 0
 
 
