@@ -74,6 +74,8 @@ bench-discovery: build ## Compare the rate of discovery answers with that of a b
 powercut: build ## Cut the power at every step of an upgrade; rewrites the figures in docs/powercut.md (20 minutes)
 	@scripts/setup.sh vboard scripts
 	@bench/powercut/__main__.py build/bin --docs docs
+	@if scripts/board.sh fetch; then scripts/board.sh run D; \
+	else echo "powercut: the emulated board was NOT RUN: its packages are neither cached nor available" >&2; fi
 
 client-kit: build ## Write the transcripts in docs/client-kit.md from a virtual board (a minute)
 	@scripts/setup.sh vboard scripts
