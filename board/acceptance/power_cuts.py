@@ -5,8 +5,8 @@ import random
 import nor
 from channel import Failure
 from firmware import FILLER, PLACES
+from stories import DEBUG_MARKER
 
-DEBUG_MARKER = "/param/miniserver.debug"
 BOOT_CHAIN = ("uboot", "kernel", "rootfs")
 BLOCK = 64 << 10
 HALF_WRITTEN = r"Write 64 Kibyte @ [0-9a-f]+ -- [3-5][0-9] %"
@@ -53,13 +53,14 @@ def power_cut_story(board, report, firmware):
         details += board.upgrade_to(firmware)
     with report.step(board, "the application is alive"):
         board.boot_into_application()
-    with report.step(board, "the second half of the application's first block is lost: its file system still mounts"):
+    with report.step(board, "the application's first block loses its second half: the board finds it, recovery"):
         board.power_off()
         image = nor.read(board.flash, "app")
         nor.write(board.flash, "app", image[:BLOCK // 2] + nor.ERASED * (BLOCK // 2) + image[BLOCK:])
         board.power_on()
         board.machine.wait_boot()
-        board.see("app file exist!", 10)
+        board.see("board: mtd5 is damaged", 10)
+        board.see("app file not exist!", 10)
 
 
 def _recover(board):
