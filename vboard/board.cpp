@@ -231,8 +231,13 @@ void Board::CutPower(const std::string& reason) {
         return;
     }
     cutReason_ = reason;
-    // Killing init alone would give the others time to see their flash fail, and to write /param.
-    KillBoard(init_);
+    if (reason == kStopped) {
+        (void)kill(init_, SIGKILL);  // the kernel kills the others; nobody looks at them any more
+    } else {
+        // Killing init alone would give the others time to see their flash fail, and to write
+        // /param.
+        KillBoard(init_);
+    }
     // A process inside a device operation dies only when the operation ends, so the devices lose
     // power too.
     devices_->Detach();
