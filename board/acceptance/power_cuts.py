@@ -20,7 +20,8 @@ CUTS = [
     # No application is on the flash, so erasing its partition changes nothing.
     ("between the root file system and the application", ["name: rootfs, end", "erase mtd: /dev/mtd5"],
      {"uboot": "old", "kernel": "new", "rootfs": "new"}),
-    ("while the boot loader is written", ["name: uboot, start", HALF_WRITTEN],
+    # It is short. The cut must come before its six chunks are written.
+    ("while the boot loader is written", ["name: uboot, start", "write mtd: /dev/mtd0"],
      {"uboot": "torn", "kernel": "new", "rootfs": "new"}),
 ]
 
