@@ -70,6 +70,8 @@ bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one Wi-F
 powercut: build ## Cut the power at every step of an upgrade, and rewrite the figures in docs/powercut.md (20 minutes)
 	@scripts/setup.sh vboard scripts
 	@bench/powercut/__main__.py build/bin --docs docs
+	@if scripts/board.sh fetch; then scripts/board.sh run D; \
+	else echo "powercut: the emulated board was NOT RUN: its packages are neither cached nor available" >&2; fi
 
 soak: build ## Let a day of a camera's clock pass; rewrites its figures in docs/soak.md (25 minutes; SPEED=60)
 	@scripts/setup.sh vboard scripts

@@ -198,7 +198,7 @@ std::optional<double> ParseTime(const std::string& text) {
     }
     char* end = nullptr;
     const double fraction = strtod(rest, &end);
-    // An exponent would make it more.
+    // An exponent could make it 1 or more.
     if (std::string(end) != "Z" || fraction >= 1) {
         return std::nullopt;
     }
