@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""fuzz_coverage.py NAME...: prints how many lines the fuzzers of these names reached in each file that parses data from
-outside. Reads the profiles in build/fuzz-coverage. Exits with 1 if a file is below 90 %."""
+"""fuzz_coverage.py NAME...: prints how many lines the fuzzers of these names reached in each file that takes data from
+outside apart. Reads the profiles in build/fuzz-coverage. Exits with 1 if a file is below 90 %."""
 import json
 import os
 import pathlib

@@ -31,10 +31,10 @@ struct FlashTime {
     std::vector<PowerWindow> windows;  // in the order of time
 };
 
-// For a chip that erases blocks of 64 KiB in the times of tools/base/nor_times.h. Takes the
-// partition sizes from the layout that the report was made with, and assumes that every image
-// differs from the one on the device. A device boots even if a partition without a window is torn.
-// If that is the application's, it comes up in recovery mode.
+// For a chip with the times in tools/base/nor_times.h that erases blocks of 64 KiB. It takes the
+// partition sizes from the layout that the report was made with, and supposes that every image
+// differs from the one on the device. Partitions without a window do no harm to the boot: if the
+// application is torn, the device comes up in recovery mode.
 FlashTime ForeseeFlashTime(const PackageReport& report);
 
 }  // namespace kvtool
