@@ -1,4 +1,4 @@
-// vboard: the virtual camera. Its command line.
+// vboard: a virtual camera. The command line.
 #include <fcntl.h>
 #include <kv_version.h>
 #include <unistd.h>
@@ -29,8 +29,8 @@ using vboard::StateDir;
 // The options of all commands. A command runs when its options have been read.
 struct Cli {
     CLI::App app{
-        "vboard: a virtual camera. Runs the unchanged supervisor on virtual flash, watchdog, "
-        "button, Ethernet and Wi-Fi."};
+        "vboard: a virtual camera. Runs the unchanged supervisor on virtual flash, "
+        "watchdog, button, Ethernet and Wi-Fi."};
     std::string state = StateDir::Default();
     int exitStatus = 0;
 

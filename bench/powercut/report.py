@@ -52,7 +52,7 @@ def figures(orders, full, minutes, cores):
         windows = order.windows()
         rows.append([order.name, f"{order.seconds():.2f} s",
                      *(_spans(windows[what]) for what in (RESCUE, DEAD, DECEIVES))])
-    lines += _table(["order of the images", "writing takes", f"a cut {RESCUE}", "a cut kills", "a cut can go unnoticed"],
+    lines += _table(["order of the images", "writing takes", f"a cut {RESCUE}", "a cut kills", "nobody notices a cut"],
                     rows)
     lines += ["", "A camera with the standard layout, as `kvtool inspect` predicts it. The boot loader has 300 KiB,",
               "the kernel 1.8 MiB, the root file system 3.5 MiB, the application 3 MiB.", "", "```", *full["text"],

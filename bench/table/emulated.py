@@ -39,7 +39,8 @@ def measure(results, image, kvtool, application, folder):
     for own in ("normal", "recovery"):
         results.add(f"wakeups.{own}", f"wake-ups in a minute, {own}", "", costs[own]["wakeups"], "what its work needs",
                     WORK)
-    results.add("flash.flashcp", f"writing the image of the {IMAGE}", "s", writer, "flashcp, without reading the image back", copy)
+    results.add("flash.flashcp", f"writing the image of the {IMAGE}", "s", writer,
+                "flashcp, without reading the image back", copy)
     results.curves["idle"] = costs
 
 
