@@ -45,7 +45,8 @@ def export(names):
     subprocess.run(["llvm-profdata", "merge", "-o", profile, *profiles], check=True)
     objects = [argument for name in names[1:] for argument in ("-object", BUILD / "bin" / f"fuzz_{name}")]
     exported = subprocess.run(["llvm-cov", "export", "-format=lcov", f"-instr-profile={profile}",
-                               BUILD / "bin" / f"fuzz_{names[0]}", *objects], check=True, capture_output=True, text=True)
+                               BUILD / "bin" / f"fuzz_{names[0]}", *objects],
+                              check=True, capture_output=True, text=True)
     lines, functions, file = {}, {}, ""
     for record in exported.stdout.splitlines():
         key, _, value = record.partition(":")

@@ -87,7 +87,7 @@ def _segments(order):
     return segments
 
 
-def _foreseen_segments(power):
+def _predicted_segments(power):
     segments, now = [], 0.0
     for window in power["windows"]:
         segments += [[RECOVERS, now, window["from"]], [RISKS[window["risk"]], window["from"],
@@ -149,5 +149,5 @@ def picture(orders, full):
     drawing.panel("Small package of the sweep: when the power is cut, and what becomes of the device",
                   [(order.name, _segments(order)) for order in orders], 0.5)
     drawing.panel("A camera with the standard layout, predicted by kvtool inspect",
-                  [("usual order, with boot loader", _foreseen_segments(full["power"]))], 5)
+                  [("usual order, with boot loader", _predicted_segments(full["power"]))], 5)
     return drawing.render()

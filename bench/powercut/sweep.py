@@ -35,8 +35,8 @@ class Order:
                         if any(device in PLACES[image] for image in images)}
         self.cuts = []  # (Cut, key of the flash that it leaves)
         self.distinct = {}  # key -> (the first Cut that leaves this flash, the flash)
-        self.foreseen = json.loads(self.package.inspect())["power"]
-        for cut, state, key in cuts(self.writer.requests, self.old, self.foreseen["chip"]):
+        self.predicted = json.loads(self.package.inspect())["power"]
+        for cut, state, key in cuts(self.writer.requests, self.old, self.predicted["chip"]):
             self.cuts.append((cut, key))
             self.distinct.setdefault(key, (cut, state))
         self.failures = self._failures()
@@ -228,15 +228,15 @@ def tasks_of(order, kvtool, sample=None):
 
 
 def check_inspect(order):
-    """The time and the windows that `kvtool inspect` foresees must be those of the sweep."""
-    foreseen = order.foreseen
-    if abs(foreseen["seconds"] - order.seconds()) > 0.001:
-        raise Problem(f"{order.name}: kvtool foresees {foreseen['seconds']} s, the sweep took {order.seconds():.3f} s")
+    """The time and the windows that `kvtool inspect` predicts must be those of the sweep."""
+    predicted = order.predicted
+    if abs(predicted["seconds"] - order.seconds()) > 0.001:
+        raise Problem(f"{order.name}: kvtool predicts {predicted['seconds']} s, the sweep took {order.seconds():.3f} s")
     expected = [(RISKS[window["risk"]], window["partition"], window["from"], window["from"] + window["seconds"])
-                for window in foreseen["windows"]]
+                for window in predicted["windows"]]
     found = sorted(((what, image, start, end) for what, spans in order.windows().items()
                     for start, end, image in spans), key=lambda window: window[2])
     close = len(found) == len(expected) and all(
         a[:2] == b[:2] and abs(a[2] - b[2]) < 0.002 and abs(a[3] - b[3]) < 0.002 for a, b in zip(found, expected))
     if not close:
-        raise Problem(f"{order.name}: kvtool foresees the windows {expected}, the sweep found {found}")
+        raise Problem(f"{order.name}: kvtool predicts the windows {expected}, the sweep found {found}")

@@ -129,7 +129,7 @@ ExitCode RunPack(const PackCommand& command, const LayoutOptions& layout, Json* 
                                   kv::kSensorType + " will refuse this package");
     }
     for (const PowerWindow& window :
-         ForeseeFlashTime(CheckPackage(result.bytes, request.layout, {})).windows) {
+         PredictFlashTime(CheckPackage(result.bytes, request.layout, {})).windows) {
         if (window.risk == CutRisk::kDead) {
             result.warnings.push_back("boot loader: power " + PowerWindowText(window) +
                                       "; leave it out if it has not changed");

@@ -78,7 +78,7 @@ std::string PowerWindowText(const PowerWindow& window) {
            " on: " + Consequence(window.risk);
 }
 
-FlashTime ForeseeFlashTime(const PackageReport& report) {
+FlashTime PredictFlashTime(const PackageReport& report) {
     FlashTime time;
     for (const EntryReport& entry : report.entries) {
         if (entry.checkCode != kv::kEntryCheckCode) {

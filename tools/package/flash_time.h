@@ -1,4 +1,4 @@
-// Foresees how long a device writes a package, and when a power cut does harm.
+// Predicts how long a device writes a package, and when a power cut does harm.
 #pragma once
 
 #include <string>
@@ -38,6 +38,6 @@ struct FlashTime {
 // partition sizes from the layout that the report was made with, and assumes that every image
 // differs from the one on the device. At any other time a cut does no lasting harm: if the
 // application does not mount, the device comes up in recovery mode.
-FlashTime ForeseeFlashTime(const PackageReport& report);
+FlashTime PredictFlashTime(const PackageReport& report);
 
 }  // namespace kvtool
