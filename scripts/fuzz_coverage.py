@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""fuzz_coverage.py NAME...: prints how many lines the fuzzers of these names reached in each file that takes data from
-outside apart, and writes the table into docs/testing.md if these are all fuzzers. Reads the profiles in
+"""fuzz_coverage.py NAME...: prints how many lines the fuzzers of these names reached in each file that parses data from
+outside, and writes the table into docs/testing.md if these are all fuzzers. Reads the profiles in
 build/fuzz-coverage. Exits with 1 if a file is below 90 %."""
 import os
 import pathlib
@@ -45,8 +45,8 @@ def export(names):
     subprocess.run(["llvm-profdata", "merge", "-o", profile, *profiles], check=True)
     objects = [argument for name in names[1:] for argument in ("-object", BUILD / "bin" / f"fuzz_{name}")]
     exported = subprocess.run(["llvm-cov", "export", "-format=lcov", f"-instr-profile={profile}",
-                               BUILD / "bin" / f"fuzz_{names[0]}", *objects], check=True, capture_output=True,
-                              text=True)
+                               BUILD / "bin" / f"fuzz_{names[0]}", *objects],
+                              check=True, capture_output=True, text=True)
     lines, functions, file = {}, {}, ""
     for record in exported.stdout.splitlines():
         key, _, value = record.partition(":")

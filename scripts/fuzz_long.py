@@ -1,8 +1,8 @@
 #!/usr/bin/python3
-"""fuzz_long.py [NAME...]: runs each fuzzer, or these, for 10,000,000 executions, but at most 30 minutes of processor
-time, however busy the machine is. Two run at a time, at the lowest priority. They start from the seeds and from what
-earlier runs have collected in build/fuzz/corpus. Logs are in build/fuzz/long. Rewrites the table of the runs in
-docs/testing.md. An input that ends a fuzzer stays in build/fuzz/crashes. Exits with 1 if there is one.
+"""fuzz_long.py [NAME...]: runs each fuzzer, or these, for 10,000,000 executions, but for at most 30 minutes of
+processor time, however busy the machine is. Two run at a time, at the lowest priority. They start from the seeds and
+from what earlier runs have collected in build/fuzz/corpus. Logs are in build/fuzz/long. Rewrites the table of the runs
+in docs/testing.md. An input that ends a fuzzer stays in build/fuzz/crashes. Exits with 1 if there is one.
 fuzz_long.py --table [FOLDER]: prints the table, also of runs that have not ended, from the logs there.
 """
 import concurrent.futures
