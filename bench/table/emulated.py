@@ -15,6 +15,7 @@ MEMORY = 512  # MiB: the image with the peers needs it
 # What both write: an image of the firmware, and where it belongs.
 IMAGE, DEVICE = "kernel", "/dev/mtd3"
 COPIES = 5
+COPY_BUFFER = 10240  # flashcp reads the flash back in pieces of this size
 # A minute of the program: 60 feeds and 20 checks; and 60 heartbeats, or 60 looks of the station at its link.
 WORK = 140
 
@@ -39,11 +40,12 @@ def measure(results, image, kvtool, application, folder):
     for own in ("normal", "recovery"):
         results.add(f"wakeups.{own}", f"wake-ups in a minute, {own}", "", costs[own]["wakeups"], "what its work needs",
                     WORK)
-    results.add("flash.flashcp", f"writing the image of the {IMAGE}", "s", writer, "flashcp, without reading the image back", copy)
+    results.add("flash.flashcp", f"writing the image of the {IMAGE}", "s", writer,
+                "flashcp, without reading the image back", copy)
     results.curves["idle"] = costs
 
 
-def _idle(machine, processes):
+def _costs(machine, processes):
     """Returns name -> resident KiB and wake-ups in a minute. `processes`: name -> shell words for its number."""
     seconds, threads = figures.wakeups(machine, SECONDS, tuple(processes.values()))
     return {name: {"resident": figures.memory(machine, process)[0],
@@ -86,19 +88,21 @@ class Bench:
         if name == "peers":
             board.machine.wait_boot()
             peers.start(board.machine)
-            return _idle(board.machine, {peer: peers.process(peer) for peer in peers.COMMANDS})
+            return _costs(board.machine, {peer: peers.process(peer) for peer in peers.COMMANDS})
         if name == "recovery":
             board.boot_into_recovery()
             board.join_network()
         else:
             board.boot_into_application()
-        return _idle(board.machine, {name: figures.SUPERVISOR})
+        return _costs(board.machine, {name: figures.SUPERVISOR})
 
     def _flash(self, board):
         size = self._firmware.images[IMAGE].stat().st_size
         board.machine.run(f"dd if=/dev/urandom of=/tmp/image bs={size} count=1 2>/dev/null")
         copy = median(self._time(board, f"flashcp /tmp/image {DEVICE}") for _ in range(COPIES))
-        verify = median(self._time(board, f"head -c {size} {DEVICE} | cmp - /tmp/image") for _ in range(COPIES))
+        blocks = -(-size // COPY_BUFFER)
+        verify = median(self._time(board, f"dd if={DEVICE} of=/dev/null bs={COPY_BUFFER} count={blocks} 2>/dev/null")
+                        for _ in range(COPIES))
         board.machine.run("rm /tmp/image")
         board.since = board.machine.console.position()
         board.send_package(self._firmware.package)
