@@ -35,6 +35,10 @@ double Cost(Call call) {
     return best;
 }
 
+void LogLine() {
+    KV_DEBUG("pInfo->ucFirmwareVersion = %s", kv::kDeviceName);
+}
+
 }  // namespace
 
 int main() {
@@ -42,7 +46,7 @@ int main() {
     char address[kv::kNetAddressSize];
     char mac[kv::kNetMacTextSize];
     char server[kv::kNetDnsSize] = {};
-    const double line = Cost([] { KV_DEBUG("pInfo->ucFirmwareVersion = %s", kv::kDeviceName); });
+    const double line = Cost(LogLine);
     const double interface = Cost([&] {
         (void)KV_NET_GetIpAddr(name, address);
         (void)KV_NET_GetNetmask(name, address);
