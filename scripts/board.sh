@@ -1,6 +1,6 @@
 #!/bin/sh
-# board.sh fetch | image | run [A|B|C...] [--program KIND] | shell: runs the program on emulated ARM boards with a real
-# kernel (docs/board.md).
+# board.sh fetch | image | run [A|B|C|D...] [--program KIND] | shell: runs the program on emulated ARM boards with a
+# real kernel (docs/board.md).
 # fetch only installs and downloads what the other commands need. They fetch it themselves if it is missing. image only
 # makes what the boards boot.
 set -eu
@@ -31,5 +31,5 @@ case $command in
     image) ;;
     run) exec python3 -B board/acceptance run "$out" build/bin/kvtool "$out/cameraMain" "$@" ;;
     shell) exec python3 -B board/acceptance shell "$out" ;;
-    *) echo "usage: board.sh fetch | image | run [A|B|C...] [--program KIND] | shell" >&2 && exit 2 ;;
+    *) echo "usage: board.sh fetch | image | run [A|B|C|D...] [--program KIND] | shell" >&2 && exit 2 ;;
 esac

@@ -35,8 +35,9 @@ def measure(results, image, kvtool, application, folder):
         mode = own.replace("-", ", ")
         results.add(f"memory.{peer}", f"resident memory, {mode}", "KiB", costs[own]["resident"], against,
                     costs[peer]["resident"])
-        results.add(f"wakeups.{peer}", f"wake-ups in a minute, {mode}", "", costs[own]["wakeups"], against,
-                    max(costs[peer]["wakeups"], 1))
+        theirs = costs[peer]["wakeups"]
+        results.add(f"wakeups.{peer}", f"wake-ups in a minute, {mode}", "", costs[own]["wakeups"],
+                    against if theirs else f"{against}, none, taken as 1", max(theirs, 1))
     for own in ("normal", "recovery"):
         results.add(f"wakeups.{own}", f"wake-ups in a minute, {own}", "", costs[own]["wakeups"], "what its work needs",
                     WORK)
