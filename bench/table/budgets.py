@@ -29,6 +29,7 @@ def broken(rows, budgets):
     return sentences
 
 
-def skipped(patterns, budgets):
-    """Expands patterns of rows that were not measured to rows. `patterns`: pattern -> reason."""
-    return {key: reason for pattern, reason in patterns.items() for key in fnmatch.filter(budgets, pattern)}
+def skipped(figures, budgets):
+    """Returns the rows that were not measured, with the reason."""
+    return {key: reason for pattern, reason in figures.not_run.items() for key in fnmatch.filter(budgets, pattern)
+            if key not in figures.rows}

@@ -15,8 +15,9 @@ class Figures:
                           "ratio": ours / theirs}
         print(f"  {key}: {show(ours, unit)} against {show(theirs, unit)} ({against}): {ours / theirs:.3f}")
 
-    def skip(self, key, reason):
-        self.not_run[key] = reason
+    def skip(self, patterns, reason):
+        """Notes that the rows whose keys match were not measured, unless they were."""
+        self.not_run |= dict.fromkeys(patterns, reason)
 
 
 def show(value, unit):

@@ -40,7 +40,7 @@ def finish(connection, data, process):
     return {"check": checked, "checkProcessor": processor_time(process) - before}
 
 
-def main(host, port, source, stored, process=None, *rest):
+def main(host, port, source, stored, process="", end=""):
     with open(source, "rb") as file:
         data = file.read()
     with socket.create_connection((host, int(port))) as connection:
@@ -54,7 +54,7 @@ def main(host, port, source, stored, process=None, *rest):
         result = {"stored": time.monotonic() - began}
         if process:
             result |= {"processor": processor_time(process) - before, "anonymous": anonymous(process)}
-        if rest:
+        if end:
             result |= finish(connection, data, process)
     print(json.dumps(result))
 

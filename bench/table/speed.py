@@ -102,7 +102,9 @@ def measure_discovery(figures, bin_folder, _folder):
         camera.in_recovery()
         # The board cannot see the build folder, only its /param.
         program = camera.state / "param/udp_bench"
-        shutil.copy(bin_folder / "udp_bench", program)
+        for helper in ("udp_bench", "answer_cost"):
+            shutil.copy(bin_folder / helper, camera.state / "param")
+        figures.curves["answer"] = json.loads(camera.do("exec", "--board", "--", "/param/answer_cost"))
         echo = camera.start("exec", "--board", "--", "/param/udp_bench", "echo", "7")
         processes = {"7": await_value(lambda: find(program)), "6789": camera.program()}
         for flight, text in ((1, "one at a time"), (8, "eight under way")):

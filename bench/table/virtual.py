@@ -20,7 +20,7 @@ class Board:
         self._folder = tempfile.TemporaryDirectory(prefix="kv-bench-")
         self.state = pathlib.Path(self._folder.name) / "board"
         self._vboard = [bin_folder / "vboard", "--state", self.state]
-        command = [bin_folder / program[0] if (bin_folder / program[0]).exists() else program[0], *program[1:]]
+        command = [bin_folder / program[0], *program[1:]]  # an absolute path stays as it is
         self._runner = subprocess.Popen(
             ["setpriv", "--pdeathsig", "TERM", *self._vboard, "run", "--quiet", "--no-wifi", *options, "--", *command],
             stdin=subprocess.DEVNULL, start_new_session=True)

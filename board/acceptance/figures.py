@@ -56,7 +56,7 @@ def report(machine):
                       f"the limits are {MOST_RESIDENT} and {MOST_ANONYMOUS}")
     if _restless(threads):
         # A slow board may have been answering the last search. If so, the next seconds are quiet.
-        seconds, threads = wakeups(machine)
+        seconds, [threads] = wakeups(machine)
     if restless := _restless(threads):
         raise Failure(f"woke up without work: {', '.join(restless)}")
     return [f"memory: {resident} KiB resident, {anonymous} KiB of it anonymous",
