@@ -4,6 +4,7 @@
 import argparse
 import json
 import pathlib
+import subprocess
 import sys
 
 import client
@@ -44,7 +45,7 @@ class Journey(Abuse, Storms):
             for phase in self.phases():
                 if not only or phase.__name__ in only:
                     phase()
-        except (OSError, client.NoService) as error:
+        except (OSError, subprocess.SubprocessError, client.NoService) as error:
             self.explain(str(error))
 
 
