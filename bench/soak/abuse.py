@@ -160,7 +160,8 @@ class Abuse(Judge):
             return
         with self.phase("out of memory, malloc") as row:
             self._starve()
-            row.before = Footprint(self.process)  # the allocator keeps some of the most that was ever used
+            # The allocator keeps some of the most that was ever used.
+            row.before = self.board.settled(self.process, row.before, ANYTHING, timeout=3)
             opened, full = self._starve()
             row.notes = f"{opened} open, {full.anonymous} KiB"
 
