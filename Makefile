@@ -16,7 +16,7 @@ build: ## Build the device program and the PC tools into build/bin
 	@scripts/setup.sh build
 	@scripts/build.sh release
 
-arm: ## Build the device program for ARM into build/arm: dynamic, static, musl (TRUSTED_KEY=: for signed packages)
+arm: ## Build the device program for ARM into build/arm: dynamic, static, musl (TRUSTED_KEY=FILE: signed)
 	@TRUSTED_KEY="$(TRUSTED_KEY)" scripts/build_arm.sh
 
 kvtool-static: ## Build kvtool as one file for any Linux on this machine's architecture, into build/kvtool-static/bin
@@ -47,33 +47,31 @@ demo-ladder: build ## Watch a silent application: restart, reboot, recovery (und
 pictures: build ## Draw the pictures of docs/heartbeat.md into docs/pictures
 	@scripts/pictures.sh
 
-bench: build ## Measure an upload against socat on the same virtual link
+bench: build ## Measure the program against peers and limits; rewrites docs/performance.md (15 minutes; ROWS=)
 	@scripts/setup.sh vboard scripts bench
-	@scripts/bench_upload.sh
+	@bench/table/__main__.py build/bin $(if $(ROWS),--only $(ROWS),--docs docs)
 
 demo-fleet: build ## Watch eight cameras being upgraded at once: two fail, the tool is killed and resumes (90 seconds)
 	@scripts/setup.sh vboard scripts
 	@scripts/demo_fleet.sh
 
 demo-page: build ## Upgrade five virtual cameras in your browser, until Ctrl-C (PORT=8765)
-	@scripts/setup.sh vboard scripts bench
+	@scripts/setup.sh vboard scripts demo-page
 	@scripts/demo_page.sh
 
 bench-page: build ## Measure the page's server with 500 devices, 20 upgrades under way and two open pages (two minutes)
 	@scripts/setup.sh scripts
 	@scripts/bench_page.py
 
-bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one air (5 minutes)
+bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one Wi-Fi channel (5 minutes)
 	@scripts/setup.sh vboard scripts
 	@scripts/bench_fleet.sh
 
-bench-discovery: build ## Compare the rate of discovery answers with that of a bare UDP echo
-	@scripts/setup.sh vboard scripts
-	@scripts/bench_discovery.sh
-
-powercut: build ## Cut the power at every step of an upgrade; rewrites the figures in docs/powercut.md (20 minutes)
+powercut: build ## Cut the power at every step of an upgrade, and rewrite the figures in docs/powercut.md (20 minutes)
 	@scripts/setup.sh vboard scripts
 	@bench/powercut/__main__.py build/bin --docs docs
+	@if scripts/board.sh fetch; then scripts/board.sh run D; \
+	else echo "powercut: the emulated board was NOT RUN: its packages are neither cached nor available" >&2; fi
 
 soak: build ## Let a day of a camera's clock pass; rewrites its figures in docs/soak.md (25 minutes; SPEED=60)
 	@scripts/setup.sh vboard scripts
@@ -90,7 +88,7 @@ client-kit: build ## Write the transcripts in docs/client-kit.md from a virtual 
 board: build ## Test the program on emulated ARM boards with a real kernel (3 minutes; docs/board.md)
 	@scripts/board.sh run
 
-board-shell: build ## Open the console of such a board
+board-shell: build ## Open the console of an emulated board
 	@scripts/board.sh shell
 
 test: tests-build ## Run all unit and system tests
@@ -107,7 +105,7 @@ test-page: build ## Use the page of kvtool with real browsers on a site of five 
 	@scripts/setup.sh vboard scripts page
 	@tests/page/run.sh
 
-screenshots: build ## Do the same, and take the pictures of docs/page.md
+screenshots: build ## Do what test-page does, and take the pictures of docs/page.md
 	@scripts/setup.sh vboard scripts page pictures
 	@tests/page/run.sh docs/page
 
@@ -122,7 +120,12 @@ fuzz: ## Fuzz every place where data comes in, each for SECONDS (30), or only FU
 	@scripts/setup.sh build fuzz
 	@scripts/fuzz.sh $(or $(SECONDS),30) $(FUZZ)
 
-fuzz-coverage: ## Print how many lines of each parsing file the fuzzers' inputs reach
+fuzz-long: ## Run each fuzzer for 10,000,000 executions or 30 minutes of processor time (docs/testing.md)
+	@scripts/setup.sh build fuzz
+	@scripts/build.sh fuzz --target fuzzers
+	@scripts/fuzz_long.py $(FUZZ)
+
+fuzz-coverage: ## See how many lines of each parsing file the fuzzers' seeds reach; rewrites a table of docs/testing.md
 	@scripts/setup.sh build fuzz
 	@scripts/fuzz.sh coverage
 

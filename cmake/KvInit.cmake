@@ -1,5 +1,5 @@
-# KV_INIT chooses the start files that are installed with the daemon, in component device. They name the program below
-# the installation's prefix, and run upgrade_prepare.sh and upgrade_keep_log.sh, which are installed with them.
+# KV_INIT chooses the start files that are installed with the device program, in component device. They name the program
+# below the installation's prefix, and run upgrade_prepare.sh and upgrade_keep_log.sh, which are installed with them.
 set(KV_INIT none CACHE STRING "Init system to install start files for: none, busybox or systemd")
 set_property(CACHE KV_INIT PROPERTY STRINGS none busybox systemd)
 

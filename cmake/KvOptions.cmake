@@ -47,7 +47,7 @@ elseif(KV_HARDEN)
     target_link_options(kv_options INTERFACE -pie)
 endif()
 
-# kv_module(NAME SOURCES files... [LINK targets...]): the library of one daemon module.
+# kv_module(NAME SOURCES files... [LINK targets...]): the library of one module of the device program.
 function(kv_module name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
     add_library(${name} STATIC ${ARG_SOURCES})

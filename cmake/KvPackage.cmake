@@ -1,5 +1,5 @@
 # `make deb`: CPack makes upgrademain-tools (component tools) and upgrademain-doc (component doc) from the release
-# build. There is no package of the daemon: it belongs in a device's image, not on a PC.
+# build. There is no package of the device program: it belongs in a device's image, not on a PC.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME upgrademain)
 set(CPACK_PACKAGE_VENDOR upgradeMain)

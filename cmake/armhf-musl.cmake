@@ -1,25 +1,9 @@
-# Tool chain for armhf with musl: Debian's cross compiler and the sysroot of scripts/musl_sysroot.sh, which fetches and
-# builds it if it is missing.
-set(CMAKE_SYSTEM_NAME Linux)
-set(CMAKE_SYSTEM_PROCESSOR armv7l)
+# Tool chain for armhf with musl.
+set(KV_SYSROOT_SCRIPT musl_sysroot.sh)
+include("${CMAKE_CURRENT_LIST_DIR}/armhf-common.cmake")
 
-# CMake's compiler checks read this file again. They get KV_SYSROOT from here.
-if(NOT KV_SYSROOT)
-    execute_process(COMMAND "${CMAKE_CURRENT_LIST_DIR}/../scripts/musl_sysroot.sh"
-                    OUTPUT_VARIABLE KV_SYSROOT OUTPUT_STRIP_TRAILING_WHITESPACE
-                    RESULT_VARIABLE KV_SYSROOT_RESULT)
-    if(NOT KV_SYSROOT_RESULT EQUAL 0)
-        message(FATAL_ERROR "scripts/musl_sysroot.sh could not make the ARM libraries.")
-    endif()
-endif()
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KV_SYSROOT)
-
-set(CMAKE_SYSROOT "${KV_SYSROOT}")
-set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
-set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
-
-# The compiler is made for glibc. None of its include folders but its own and those of the C++ headers is used, and no
-# library but libgcc: what the program uses of the C++ library is all in headers.
+# The compiler is made for glibc. Use only its own include folder and those of the C++ headers, and only libgcc of its
+# libraries: everything that the program uses of the C++ library is in headers.
 execute_process(COMMAND arm-linux-gnueabihf-gcc -print-file-name=include
                 OUTPUT_VARIABLE KV_COMPILER_HEADERS OUTPUT_STRIP_TRAILING_WHITESPACE)
 execute_process(COMMAND arm-linux-gnueabihf-gcc -dumpversion
@@ -27,8 +11,8 @@ execute_process(COMMAND arm-linux-gnueabihf-gcc -dumpversion
 set(KV_CXX_HEADERS "/usr/arm-linux-gnueabihf/include/c++/${KV_COMPILER_VERSION}")
 set(KV_C_FLAGS "-isystem ${KV_SYSROOT}/usr/include -isystem ${KV_COMPILER_HEADERS}")
 set(CMAKE_C_FLAGS_INIT "-mmusl -nostdinc ${KV_C_FLAGS}")
-# The two macros replace the header in which GCC adapts its C++ library to glibc. They are what its header for musl
-# says: no adaptation, and threads are always there instead of being looked for by weak symbols.
+# The two macros replace the header in which GCC adapts its C++ library to glibc. They say what its header for musl
+# says: no adaptation, and threads always exist, so no weak symbol has to look for them.
 string(CONCAT CMAKE_CXX_FLAGS_INIT
        "-mmusl -nostdinc -isystem ${KV_CXX_HEADERS} -isystem ${KV_CXX_HEADERS}/arm-linux-gnueabihf ${KV_C_FLAGS} "
        "-D_GLIBCXX_OS_DEFINES -D_GLIBCXX_GTHREAD_USE_WEAK=0")
@@ -37,8 +21,3 @@ string(CONCAT CMAKE_EXE_LINKER_FLAGS_INIT
        "-nodefaultlibs -Wl,--no-dynamic-linker -B${KV_SYSROOT}/usr/lib -L${KV_SYSROOT}/usr/lib")
 set(CMAKE_C_STANDARD_LIBRARIES_INIT "-Wl,--start-group -lc -lgcc -Wl,--end-group")
 set(CMAKE_CXX_STANDARD_LIBRARIES_INIT "${CMAKE_C_STANDARD_LIBRARIES_INIT}")
-
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)

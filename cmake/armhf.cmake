@@ -1,27 +1,7 @@
-# Tool chain for Debian's armhf (ARMv7, hard float): Debian's cross compiler and the sysroot of scripts/arm_sysroot.sh,
-# which fetches it if it is missing.
-set(CMAKE_SYSTEM_NAME Linux)
-set(CMAKE_SYSTEM_PROCESSOR armv7l)
+# Tool chain for armhf with glibc.
+set(KV_SYSROOT_SCRIPT arm_sysroot.sh)
+include("${CMAKE_CURRENT_LIST_DIR}/armhf-common.cmake")
 
-# CMake's compiler checks read this file again. They get KV_SYSROOT from here.
-if(NOT KV_SYSROOT)
-    execute_process(COMMAND "${CMAKE_CURRENT_LIST_DIR}/../scripts/arm_sysroot.sh"
-                    OUTPUT_VARIABLE KV_SYSROOT OUTPUT_STRIP_TRAILING_WHITESPACE
-                    RESULT_VARIABLE KV_SYSROOT_RESULT)
-    if(NOT KV_SYSROOT_RESULT EQUAL 0)
-        message(FATAL_ERROR "scripts/arm_sysroot.sh could not get the ARM libraries.")
-    endif()
-endif()
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KV_SYSROOT)
-
-set(CMAKE_SYSROOT "${KV_SYSROOT}")
-set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
-set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 # Link the sysroot's C library, not the one that comes with the compiler: that one gets no security updates.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-B${KV_SYSROOT}/usr/lib/arm-linux-gnueabihf")
-
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)

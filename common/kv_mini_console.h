@@ -1,7 +1,7 @@
 // Debugging console: runs commands that a developer types in the device's shell. They arrive over
 // the platform's command link ("/tmp/bin/cmd_link_snd" in, "/tmp/bin/cmd_link_ack" out). Nothing in
 // this program calls KV_Console_Init or KV_Console_DeInit; to use the console, call them with a
-// debugger. It reports on standard output.
+// debugger. The console prints its messages on standard output.
 //
 // A message runs no command if its argument count is negative or above 8, or if its arguments do
 // not end inside it. The answer is then only "reply:\n".
@@ -13,9 +13,9 @@
 // created.
 int KV_Console_Init(void);
 
-// Stops the thread. Blocks for up to one second and for a command in progress. Pipes and links
-// stay. Returns 0, or -1 with a log line if the console is not running. The console cannot be
-// started again.
+// Stops the thread. Blocks for up to one second and for a command in progress. The pipes stay open
+// and the links stay. Returns 0, or -1 with a log line if the console is not running. The console
+// cannot be started again.
 int KV_Console_DeInit(void);
 
 // Links one command name to the client and replaces an existing file. Returns the result of

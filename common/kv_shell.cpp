@@ -53,7 +53,7 @@ int HighestDescriptor() {
     return highest;
 }
 
-// Other C libraries close single descriptors only, and do not mind those that are not open. A new
+// Other C libraries can close only single descriptors, and ignore those that are not open. A new
 // descriptor gets the lowest free number.
 void AddCloseOthers(posix_spawn_file_actions_t* actions) {
     const int highest = HighestDescriptor();

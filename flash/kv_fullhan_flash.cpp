@@ -160,7 +160,7 @@ void KV_UPGRADE_KillallApp(void) {
 }
 
 void KV_UPGRADE_Reboot(void) {
-    // A reboot that hangs is left running: it may still finish before the watchdog resets.
+    // A reboot that hangs is left running: it may finish before the watchdog resets the device.
     if (Execute("reboot -f", kRebootMs) != 0) {
         KV_ERROR("do reboot failed!!!");
     }

@@ -2,11 +2,11 @@
 // KV_TRUSTED_KEY.
 //
 // One pass over the file verifies the signature and keeps a digest of each block. The stream that a
-// caller gets compares every block with its digest again before it gives out a byte of it. So a
+// caller gets compares every block with its digest again before it returns a byte of it. So a
 // program that writes to the file after the check gains nothing.
 //
-// sodium_init is not called. It seeds a random generator, which can block and which nothing here
-// uses, and chooses implementations, of which only the portable ones are linked.
+// Does not call sodium_init. That would seed a random generator, which can block and is not needed,
+// and choose among implementations, although only the portable ones are linked.
 #define KV_TRACE_NAME "kv_package_signature"
 #include <fcntl.h>
 #include <kv_trusted_keys.h>
@@ -128,7 +128,7 @@ struct SignatureImage {
     SignaturePlace place;
     uint8_t bytes[sizeof(kv::PackageSignatureBytes) + kv::kMaxSignatureComment];
 
-    // Takes what a block at `offset` holds of the image, and zeroes it there.
+    // Copies the part of the image that the block at `offset` has, and zeroes it in the block.
     void TakeFrom(uint8_t* block, uint64_t offset, size_t size) {
         const uint64_t first = std::max(offset, place.offset);
         const uint64_t end = std::min(offset + size, place.offset + place.size);
@@ -216,7 +216,7 @@ struct CheckedPackage {
         return digest;
     }
 
-    // Makes a block that was signed the loaded one.
+    // Loads a block. Returns false if it cannot be read or is not what was signed.
     bool Load(uint64_t number) {
         if (loaded != number) {
             if (!Read(number) || Digest(number) != Digests()[number]) {
@@ -228,7 +228,7 @@ struct CheckedPackage {
         return true;
     }
 
-    // The only look at the signature: it is found in the bytes that are hashed.
+    // Finds the signature in the same bytes that it hashes, and reads the file only once.
     bool Check() {
         crypto_generichash_state whole;
         (void)crypto_generichash_init(&whole, nullptr, 0, crypto_generichash_BYTES_MAX);
@@ -268,11 +268,11 @@ ssize_t ReadStream(void* cookie, char* buffer, size_t size) {
     return static_cast<ssize_t>(got);
 }
 
-int SeekStream(void* cookie, off64_t* offset, int whence) {
+int SeekStream(void* cookie, off_t* offset, int whence) {
     auto* const package = static_cast<CheckedPackage*>(cookie);
-    const off64_t base = whence == SEEK_SET   ? 0
-                         : whence == SEEK_CUR ? static_cast<off64_t>(package->position)
-                                              : static_cast<off64_t>(package->size);
+    const off_t base = whence == SEEK_SET   ? 0
+                       : whence == SEEK_CUR ? static_cast<off_t>(package->position)
+                                            : static_cast<off_t>(package->size);
     if (*offset < -base) {
         return -1;
     }

@@ -68,11 +68,11 @@ struct UpgradeFileEntry {
     uint32_t checkCode;
 };
 
-// Opens a signed package for reading. First reads the whole file, which blocks for as long, and
-// logs whose signature it bears. The stream then gives only bytes that were signed: if the file
+// Opens a signed package for reading. First reads the whole file, blocks for that long, and logs
+// the key that has signed it. The stream then gives only bytes that were signed: if the file
 // changes meanwhile, reading fails with an ERROR in the log. Returns null if the file cannot be
 // opened, or if no trusted key has signed it. `mode` is "r" with any of fopen's letters for
-// reading. Only in a program with trusted keys. Any thread; the stream, one thread at a time.
+// reading. Only in a program with trusted keys. Any thread; one thread at a time uses the stream.
 FILE* KV_PACKAGE_OpenSigned(const char* path, const char* mode);
 
 // Reads the header from the file's current position, which must be its start. Returns the number of
@@ -92,7 +92,7 @@ bool KV_PACKAGE_NameSelects(const char* fileName, const char* partitionName);
 namespace kv {
 
 // Whether this program accepts only packages that a compiled-in key has signed, and how it opens
-// them. A constant, so a program without keys has no trace of this.
+// them. Constants, so a program without keys contains none of the code for signatures.
 #ifdef KV_SIGNED_ONLY
 constexpr bool kSignedOnly = true;
 constexpr auto kOpenPackage = KV_PACKAGE_OpenSigned;

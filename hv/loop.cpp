@@ -8,10 +8,10 @@
 
 namespace {
 
-// No locks, because only the loop's thread uses the base. The environment must not choose the
-// polling method of a resident program. The precise clock, because the coarse one lags and a loop
-// would wake up twice for a timer. Not epoll, because with the precise clock it needs one more
-// descriptor, and the loops poll only a few.
+// Without locks, because only the loop's thread uses the base. Ignores the environment, which must
+// not choose the polling method of a resident program. Uses the precise clock, because the coarse
+// one lags, and a loop would wake up twice for a timer. Avoids epoll, which needs one more
+// descriptor with the precise clock; the loops poll only a few.
 event_base* NewBase() {
     event_config* config = event_config_new();
     if (config == nullptr) {

@@ -50,8 +50,8 @@ void RebootDevice() {
         KV_ShellEchoFormat("touch %s", kv::kRebootMarker);
     }
     // If a writer has started meanwhile, the marker stays: the partition that holds it may be the
-    // one being erased. The marker costs at most one forced reboot. If the new firmware stays
-    // silent, the next boot goes to recovery without that reboot; a heartbeat removes the marker.
+    // one being erased. At worst this skips one forced reboot: if the new firmware stays silent,
+    // the device goes to recovery instead. A heartbeat removes the marker.
     if (MayAct()) {
         (void)KV_FH_WDT_Reboot();
     }

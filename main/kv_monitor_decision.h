@@ -1,4 +1,4 @@
-// The decision of the cameraMain monitor: what a heartbeat, or its absence, leads to. It uses no
+// The decision of the cameraMain monitor: what to do on a heartbeat, or without one. It uses no
 // clock, shell, socket or other module, so tools on a PC use it too. kv_monitor.cpp acts on it.
 #pragma once
 
@@ -6,7 +6,7 @@
 
 #include "common/kv_platform.h"
 
-// How often the supervisor looks whether the process is silent.
+// How often the supervisor checks whether the process is silent.
 constexpr uint32_t kMonitorCheckPeriodMs = 3000;
 
 struct MonitoredProcess {
@@ -59,7 +59,7 @@ constexpr MonitoredProcess KV_MONITOR_NewRecord(uint32_t now) {
     return {kv::kAppName, now, 5, 120, 1, 1, 0, now};
 }
 
-// Whether a check at `now` finds the process silent. Only then a check asks KV_MONITOR_Decide.
+// Whether a check at `now` finds the process silent. If not, the check does nothing more.
 constexpr bool KV_MONITOR_IsSilent(const MonitoredProcess& process, uint32_t now) {
     return now - process.last_seen > process.heartbeat_timeout;
 }

@@ -2,8 +2,8 @@
 // gets no others.
 //
 // libevent and liboping call the C library's look-up, which loads modules at run time. The device's
-// modules may belong to another version of the library. That look-up would also take up an eighth
-// of the program.
+// modules may belong to another version of the library. In a static program on glibc that look-up
+// would also take up an eighth of the program.
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <net/if.h>

@@ -47,7 +47,7 @@ void StopOwnLoop(hevent_t* event) {
 
 void EmptySlot(LoopSlot* slot) {
     // A posted stop also reaches a loop whose thread has not entered hloop_run. It runs after every
-    // hand-over posted before.
+    // hand-over that was posted before it.
     hevent_t stop{};
     stop.cb = StopOwnLoop;
     hloop_post_event(slot->loop, &stop);

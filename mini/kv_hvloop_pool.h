@@ -34,7 +34,7 @@ hloop_t* KV_HV_GetAcceptLoop(void);
 // there is none; null if that fails.
 hloop_t* KV_HV_GetWorkLoop(void);
 
-// Moves a just accepted connection to the least loaded worker and calls `serve`, which sets the
+// Moves a newly accepted connection to the least loaded worker and calls `serve`, which sets the
 // callbacks and starts reading. Closes a connection that it cannot move. Call it only from accept
 // callbacks on the acceptor loop. Does not block. The bundled loop runs `serve` before this
 // function returns; libhv runs it later, on the worker's thread.

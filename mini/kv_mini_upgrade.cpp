@@ -48,8 +48,8 @@ enum class Outcome {
 
 UpgradeRecvState g_receive;
 // Two connections may transfer on two loops. Their bytes may mix, because all of them count for
-// this one state. The lock keeps one from using a stream that the other has closed. It is never
-// held across a sleep or a shell command.
+// this one state. The lock keeps a loop from using a stream that the other loop has closed. It is
+// never held across a sleep or a shell command.
 pthread_mutex_t g_receiveLock = PTHREAD_MUTEX_INITIALIZER;
 
 void CloseStream(FILE** stream) {

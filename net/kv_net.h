@@ -74,8 +74,8 @@ int KV_NET_GetGateway(const char* ifname, char* out);
 int KV_NET_SetGateway(const char* ifname, const char* gateway);
 
 // Looks for a route of the interface whose destination, as a dotted quad, contains `text`, and
-// prints it. Returns 0 if there is one, else -1. Lists the routes of other interfaces that it meets
-// on standard error.
+// prints it. Returns 0 if there is one, else -1. On the way it prints the routes of other
+// interfaces on standard error.
 int KV_NET_DetectRoutingAddr(const char* ifname, const char* text);
 
 // Reads the name server from the first line of the resolver's file into `out` (kv::kNetDnsSize); a

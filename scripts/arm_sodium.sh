@@ -1,7 +1,7 @@
 #!/bin/bash
 # Builds libsodium for ARM from Debian's source package and prints the folder that it is installed in. Debian's own
 # archive is built for speed and has one section per file: a program that only verifies signatures would take 132 KiB
-# of it. Built for size, with a section per function, it takes 40. A filled cache needs no network.
+# of it. Built for size, with a section per function, it takes 40 KiB. A filled cache needs no network.
 set -euo pipefail
 shopt -s inherit_errexit
 

@@ -45,7 +45,7 @@ def answer_of(number):
 
 
 class Discovery(asyncio.Protocol):
-    """Answers searches: all devices a broadcast, one device a search at its address."""
+    """Answers searches. All devices answer a broadcast; one device answers a search at its address."""
 
     def __init__(self):
         self.answers = {address_of(n): answer_of(n) for n in range(DEVICES)}

@@ -1,7 +1,8 @@
 #!/bin/sh
-# board.sh fetch | run [A|B|C...] [--program KIND] | shell: runs the program on emulated ARM boards with a real kernel
-# (docs/board.md).
-# fetch only installs and downloads what the other two commands need. They fetch it themselves if it is missing.
+# board.sh fetch | image | run [A|B|C|D...] [--program KIND] | shell: runs the program on emulated ARM boards with a
+# real kernel (docs/board.md).
+# fetch only installs and downloads what the other commands need. They fetch it themselves if it is missing. image only
+# makes what the boards boot.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -27,7 +28,8 @@ arm-linux-gnueabihf-g++ -std=c++17 -Os -static -s -D_FILE_OFFSET_BITS=64 -D_TIME
     board/set_clock.cpp
 board/image.sh "$out" build/arm
 case $command in
+    image) ;;
     run) exec python3 -B board/acceptance run "$out" build/bin/kvtool "$out/cameraMain" "$@" ;;
     shell) exec python3 -B board/acceptance shell "$out" ;;
-    *) echo "usage: board.sh fetch | run [A|B|C...] [--program KIND] | shell" >&2 && exit 2 ;;
+    *) echo "usage: board.sh fetch | image | run [A|B|C|D...] [--program KIND] | shell" >&2 && exit 2 ;;
 esac

@@ -13,7 +13,7 @@ SELECTS = ["PACKAGE_LIBEVENT", "PACKAGE_LIBMD", "PACKAGE_LIBOPING"]
 
 def main():
     with tempfile.NamedTemporaryFile("w", suffix=".in") as top:
-        for name in NEEDS + ["STATIC_LIBS"] + SELECTS:
+        for name in NEEDS + ["STATIC_LIBS", "PACKAGE_LIBSODIUM"] + SELECTS:
             top.write(f'config BR2_{name}\n\tbool "{name}"\n')
         top.write(f'source "{os.path.abspath(sys.argv[1])}"\n')
         top.flush()
@@ -29,6 +29,9 @@ def main():
     for name in SELECTS:
         if menu.syms[f"BR2_{name}"].tri_value != 2:
             problems.append(f"does not select {name}")
+    menu.syms["BR2_PACKAGE_UPGRADEMAIN_SIGNED"].set_value(2)
+    if menu.syms["BR2_PACKAGE_LIBSODIUM"].tri_value != 2:
+        problems.append("trusted keys do not select PACKAGE_LIBSODIUM")
     menu.syms["BR2_STATIC_LIBS"].set_value(2)
     if package.tri_value != 0:
         problems.append("can be chosen with static libraries")

@@ -69,15 +69,20 @@ INSTALL = install
 BR2_CMAKE = cmake
 BR2_PACKAGE_UPGRADEMAIN_SOURCE = "$(TOP)"
 BR2_PACKAGE_UPGRADEMAIN_EXAMPLES = y
+BR2_PACKAGE_UPGRADEMAIN_SIGNED = $(SIGNED)
+BR2_PACKAGE_UPGRADEMAIN_TRUSTED_KEY = "$(KEY)"
+BR_BUILDING = y
 include $(BR2_EXTERNAL_UPGRADEMAIN_PATH)/external.mk
 UPGRADEMAIN_BUILDDIR = $(TOP)/build/release
 options:
 	@echo $(UPGRADEMAIN_CONF_OPTS)
+dependencies:
+	@echo $(UPGRADEMAIN_DEPENDENCIES)
 $(UPGRADEMAIN_SITE)/%:
 	@$(UPGRADEMAIN_$*)
 END
-buildroot() { # TARGET-DIR GOAL
-    make -s -f "$work/buildroot.mk" --warn-undefined-variables TOP="$top" TARGET_DIR="$work/$1" "$2" \
+buildroot() { # TARGET-DIR GOAL [VARIABLE=VALUE...]
+    make -s -f "$work/buildroot.mk" --warn-undefined-variables TOP="$top" TARGET_DIR="$work/$1" SIGNED= KEY= "${@:2}" \
         >"$work/log" 2>&1 || die "Buildroot's recipe: $(cat "$work/log")"
     grep -q warning "$work/log" && die "Buildroot's recipe: $(cat "$work/log")"
     cat "$work/log"
@@ -100,16 +105,18 @@ INSTALL_DIR = install -d -m0755
 INSTALL_BIN = install -m0755
 PKG_BUILD_DIR = $(WORK)/openwrt/build
 PKG_INSTALL_DIR = $(WORK)/device
+qstrip = $(strip $(subst ",,$(1)))
 END
 # shellcheck disable=SC2016 # for make
 printf '%s\n' 'define BuildPackage' '$(if $(Package/$(1)),,$(error Package/$(1) is empty))' 'endef' \
     'options:' '	@echo $(CMAKE_OPTIONS)' \
+    'config:' '	$(info $(Package/upgrademain/config))' \
     'version:' '	@echo $(PKG_VERSION)' 'prepare:' '	$(Build/Prepare)' \
     'install:' '	$(call Package/upgrademain/install,$(WORK)/openwrt/target)' >"$work/include/package.mk"
 : >"$work/include/cmake.mk"
-openwrt() { # GOAL
+openwrt() { # GOAL [VARIABLE=VALUE...]
     make -s -C packaging/openwrt/upgrademain --no-print-directory WORK="$work" TOPDIR="$work" \
-        INCLUDE_DIR="$work/include" "$1" 2>&1 || die "OpenWrt's recipe fails at $1"
+        INCLUDE_DIR="$work/include" "$@" 2>&1 || die "OpenWrt's recipe fails at $1"
 }
 mkdir "$work/source"
 git ls-files -z --cached --others --exclude-standard | tar -C "$top" --null --files-from=- -cf - |
@@ -130,6 +137,31 @@ cmake -G Ninja -S "$work/openwrt/build" -B "$work/configured" $(openwrt options)
     die "the recipes' options do not configure: $(cat "$work/log")"
 ! grep -q 'not used by the project' "$work/log" ||
     die "the recipes set unknown options: $(cat "$work/log")"
+
+# With a trusted key both pass it on. Without a file both fail: nobody may get a program that installs anything.
+key=$work/camera.pub
+signed=$(buildroot - options SIGNED=y KEY="$key")
+[[ " $signed " == *" -DKV_TRUSTED_KEY=$key "* ]] || die "Buildroot's recipe loses the trusted key: $signed"
+[[ $(buildroot - dependencies SIGNED=y KEY="$key") == *libsodium* ]] ||
+    die "Buildroot's recipe does not build libsodium"
+[ "$signed" = "$(openwrt options CONFIG_UPGRADEMAIN_SIGNED=y CONFIG_UPGRADEMAIN_TRUSTED_KEY="\"$key\"")" ] ||
+    die "OpenWrt's recipe loses the trusted key"
+! (buildroot - options SIGNED=y) >/dev/null 2>&1 || die "Buildroot's recipe accepts SIGNED without a file of keys"
+! (openwrt options CONFIG_UPGRADEMAIN_SIGNED=y) >/dev/null 2>&1 ||
+    die "OpenWrt's recipe accepts SIGNED without a file of keys"
+{ printf 'config PACKAGE_upgrademain\n\tbool\n' && openwrt config; } >"$work/openwrt.in"
+parse='import kconfiglib, sys; sys.exit(bool(kconfiglib.Kconfig(sys.argv[1]).warnings))'
+KCONFIG_WARN_UNDEF=y /usr/bin/python3 -c "$parse" "$work/openwrt.in" || die "OpenWrt's menu"
+
+# The fragment has each command of busybox that the scripts run on a board.
+for command in $(busybox --list | grep -v '\['); do
+    name=${command^^}
+    if sed -E 's/(^|[[:space:]])#.*//' packaging/scripts/*.sh packaging/init/S50upgrademain |
+        grep -qE "(^|[;|&({!]|then|do|else) *$command( |$)"; then
+        grep -qx "CONFIG_${name//-/_}=y" $recipe/package/upgrademain/busybox.fragment ||
+            die "busybox.fragment lacks $command"
+    fi
+done
 
 # With the same options, compile and link it against musl, OpenWrt's C library.
 if [ -d "${KV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/upgrademain}/musl-sysroot" ]; then

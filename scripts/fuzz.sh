@@ -1,8 +1,9 @@
 #!/bin/bash
-# fuzz.sh SECONDS [NAME]: builds the fuzzers, or one of them, and runs each for so long after it has replayed the seeds
-# and what earlier runs have collected in build/fuzz/corpus. Two run at a time. SECONDS 0 only replays. An input that
+# fuzz.sh SECONDS [NAME]: builds the fuzzers, or one of them, and runs them, two at a time. Each replays the seeds and
+# what earlier runs have collected in build/fuzz/corpus, then runs for SECONDS. With 0 it only replays. An input that
 # ends a fuzzer stays in build/fuzz/crashes. Exits with 1 if there is one.
-# fuzz.sh coverage: replays the same inputs and prints how much of each file they reach (scripts/fuzz_coverage.py).
+# fuzz.sh coverage: replays the seeds, prints how much of each file they reach (scripts/fuzz_coverage.py), and rewrites
+# the table in docs/testing.md.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -19,7 +20,7 @@ run() { # SECONDS NAME
         -artifact_prefix="build/fuzz/crashes/$2-" "build/fuzz/corpus/$2" "tests/fuzz/seeds/$2" >"$log" 2>&1 &
     local pid=$!
     wait "$pid" || status=$?
-    # Its files in memory. It removes them itself, unless it found something.
+    # The fuzzer's files in memory. It removes them itself, unless it has found something.
     rm -rf "/dev/shm/fuzz-$pid"
     awk -v name="$2" '/^stat::number_of_executed_units/ { runs = $2 } /^stat::average_exec_per_sec/ { rate = $2 }
         $3 == "cov:" { edges = $4 }
@@ -35,10 +36,9 @@ if [ "$1" = coverage ]; then
     scripts/build.sh fuzz-coverage --target fuzzers >/dev/null
     export LLVM_PROFILE_FILE
     for name in "${names[@]}"; do
-        mkdir -p "build/fuzz/corpus/$name"
         LLVM_PROFILE_FILE=build/fuzz-coverage/$name.profraw
-        "build/fuzz-coverage/bin/fuzz_$name" "${options[@]}" -runs=0 "build/fuzz/corpus/$name" \
-            "tests/fuzz/seeds/$name" >"build/fuzz-coverage/$name.log" 2>&1
+        "build/fuzz-coverage/bin/fuzz_$name" "${options[@]}" -runs=0 "tests/fuzz/seeds/$name" \
+            >"build/fuzz-coverage/$name.log" 2>&1
     done
     exec scripts/fuzz_coverage.py "${names[@]}"
 fi

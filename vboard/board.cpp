@@ -203,7 +203,7 @@ void Board::OnWatchdog() {
 void Board::OnPowerCut() {
     eventfd_t count = 0;
     (void)eventfd_read(powerEvent_.Get(), &count);
-    // The event may be left of a boot that has ended otherwise.
+    // The event may be left over from a boot that ended for another reason.
     if (init_ > 0 && cutReason_.empty()) {
         SetPower("off");
     }
@@ -231,10 +231,12 @@ void Board::CutPower(const std::string& reason) {
         return;
     }
     cutReason_ = reason;
-    if (reason == kPowerCut) {
-        KillBoard(init_);  // so that nothing on the board sees the power go
+    if (reason == kStopped) {
+        (void)kill(init_, SIGKILL);  // the kernel kills the others; nobody looks at them any more
     } else {
-        (void)kill(init_, SIGKILL);
+        // Killing init alone would give the others time to see their flash fail, and to write
+        // /param.
+        KillBoard(init_);
     }
     // A process inside a device operation dies only when the operation ends, so the devices lose
     // power too.

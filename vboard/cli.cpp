@@ -1,4 +1,4 @@
-// vboard: a camera without the camera. The command line.
+// vboard: a virtual camera. The command line.
 #include <fcntl.h>
 #include <kv_version.h>
 #include <unistd.h>
@@ -29,7 +29,7 @@ using vboard::StateDir;
 // The options of all commands. A command runs when its options have been read.
 struct Cli {
     CLI::App app{
-        "vboard: a camera without the camera. Runs the unchanged supervisor on virtual flash, "
+        "vboard: a virtual camera. Runs the unchanged supervisor on virtual flash, "
         "watchdog, button, Ethernet and Wi-Fi."};
     std::string state = StateDir::Default();
     int exitStatus = 0;
@@ -158,14 +158,15 @@ struct Cli {
             ->add_flag("--json", asJson, "One JSON object a line");
         CLI::App* const show = Add(&app, "log", "Show the program's trace (standard error)",
                                    [this](const StateDir& where) { vboard::ShowLog(where, log); });
-        show->add_option("--boot", log.boot, "Of this boot; default: the newest");
+        show->add_option("--boot", log.boot, "Number of the boot; default: the newest");
         show->add_flag("--console", log.console,
                        "Show standard output and platform messages instead");
         show->add_flag("--follow", log.follow, "Continue until the board is stopped");
         CLI::App* const await =
             Add(&app, "wait", "Wait for a boot or for texts in its logs",
                 [this](const StateDir& where) { vboard::WaitForLog(where, wait); });
-        await->add_option("--boot", wait.boot, "In this boot; default: the present or a later one");
+        await->add_option("--boot", wait.boot,
+                          "Number of the boot; default: the present or a later one");
         await->add_option("--log", wait.trace, "Text in the trace");
         await->add_option("--console-log", wait.console, "Text on the console");
         await->add_option("--timeout", wait.timeout, "Seconds")->capture_default_str();
@@ -212,10 +213,11 @@ struct Cli {
                             "power: fail after this many block erasures and page programmings")
                 ->check(CLI::PositiveNumber);
         CLI::Option* const inside =
-            add->add_option("--inside", fault.inside, "power: fail inside this one")
+            add->add_option("--inside", fault.inside,
+                            "power: fail inside this erasure or programming")
                 ->check(CLI::PositiveNumber)
                 ->excludes(after);
-        add->add_option("--half", fault.half, "The half of it that is done: first, second")
+        add->add_option("--half", fault.half, "power: the half of it that is done: first, second")
             ->check(CLI::IsMember({"first", "second"}))
             ->needs(inside)
             ->capture_default_str();

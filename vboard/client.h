@@ -41,8 +41,8 @@ void Press(const StateDir& state, const std::vector<double>& seconds);
 
 // Cuts the power for a moment. Returns when the next boot has started its program.
 void Reset(const StateDir& state);
-// "off" cuts the power and returns when nothing of the board runs any more. "on" returns when the
-// next boot has started its program.
+// "off" cuts the power and returns when no process of the board is left. "on" returns when the next
+// boot has started its program.
 void SetPower(const StateDir& state, const std::string& action);
 // Returns when the runner has ended.
 void Stop(const StateDir& state);

@@ -105,7 +105,7 @@ std::string AddBridge(const std::string& name, const std::string& mac, const std
 // ip(8) commands for a cable from the bridge's `port` to `name`, which belongs to process `init`.
 std::string AddCable(const std::string& bridge, const std::string& port, pid_t init,
                      const std::string& name, const std::string& mac, bool up);
-// Sets wlan0 of the board whose process 1 is `init`.
+// Sets wlan0 of the board whose process 1 is `init` up or down.
 void SetWlan(pid_t init, bool up);
 // IPv4 address of an interface of the board, empty when it has none.
 std::string AddressOf(pid_t init, const std::string& interface);

@@ -40,8 +40,8 @@ fs::path PidNamespace(const fs::path& process) {
     return fs::read_symlink(process / "ns/pid", gone);
 }
 
-// The descriptor is opened before the look at the namespace, so that the signal cannot reach
-// another process that got the same id meanwhile.
+// Opens the descriptor before it looks at the namespace, so that the signal cannot reach another
+// process that got the same id meanwhile.
 bool KillIfInside(const fs::path& process, const fs::path& space) {
     const UniqueFd handle(
         static_cast<int>(syscall(SYS_pidfd_open, std::atoi(process.filename().c_str()), 0)));

@@ -28,8 +28,8 @@ std::vector<BoardProcess> ListBoard(pid_t init);
 
 // Kills `init` and all processes in its PID namespace. When it returns, each of them has the signal
 // and executes no more of its program, even if it must still wait for a device before it is gone.
-// Killing `init` alone would leave the others running until the kernel has come to them. Reads all
-// of the host's /proc: a few milliseconds.
+// Killing `init` alone would leave the others running until the kernel kills them. Reads all of the
+// host's /proc: a few milliseconds.
 void KillBoard(pid_t init);
 
 }  // namespace vboard

@@ -69,8 +69,8 @@ void BindPrograms(const fs::path& root) {
     }
 }
 
-// Makes /sbin a folder of links to the host's programs, so that this program can be in it too, as
-// the command link's client.
+// Makes /sbin a folder of links to the host's programs. So this program can be in it too, as the
+// command link's client.
 void FillSbin(const fs::path& root, const std::string& self) {
     Bind("/sbin", root / "run/sbin", true);
     fs::create_directory(root / "sbin");

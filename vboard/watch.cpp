@@ -56,8 +56,8 @@ class FolderWatch {
         Add(state.Path());
     }
 
-    // Number of the newest boot. Call it before looking at files: it starts to watch that boot's
-    // folder, so that Wait misses no change after the look.
+    // Returns the number of the newest boot. Call it before you look at files: it starts to watch
+    // that boot's folder, so that Wait misses no later change.
     int Refresh() {
         const int last = state_.LastBoot();
         if (last > 0) {

@@ -39,10 +39,10 @@ struct StaMachine {
     char lastState[32] = {};    // last wpa_state seen
 };
 
-// Counts the next connect sequence and enters the associating state. `from` tells whether it was
-// reached from the soft-reset point or directly. Three sequences make a round; after the last one
-// the soft-reset point is passed once more. Returns how often to run the soft reset before the
-// sequence, 0 to 2.
+// Counts the next connect sequence and enters the associating state. `from` tells whether the
+// thread comes from the soft-reset point or directly. Three sequences make a round; the first one
+// of a new round passes the soft-reset point once more. Returns how often to run the soft reset
+// before the sequence, 0 to 2.
 int StaPlanConnect(StaMachine* machine, StaGo from);
 
 // The connect sequence has run.

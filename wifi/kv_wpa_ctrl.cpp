@@ -42,7 +42,7 @@ std::atomic<int> g_openCount{0};
 std::atomic<const char*> g_workPath{nullptr};
 
 // Each listener thread takes a number. `wanted` holds the number of the one that should run (0:
-// none), so a stopped thread cannot take its successor's start for its own.
+// none), so a stopped thread cannot mistake its successor's start for its own.
 struct Listener {
     pthread_mutex_t lock;  // for starting and stopping
     std::atomic<uint32_t> wanted;

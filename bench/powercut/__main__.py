@@ -25,7 +25,7 @@ from writer import Cut
 FULL_SIZE = {"kernel": 1843 * KIB, "rootfs": 3584 * KIB, "app": 3072 * KIB, "uboot": 300 * KIB}
 
 
-def foresee_full_size(kvtool, folder):
+def predict_full_size(kvtool, folder):
     """What `kvtool inspect` says about the power for a package with the standard layout."""
     package = folder / "full.FLS"
     images = []
@@ -89,7 +89,7 @@ def sweep(options, folder):
     print_summary(orders)
     print(f"{runs.total} runs in {minutes:.1f} minutes")
     if options.docs:
-        full = foresee_full_size(kvtool, folder)
+        full = predict_full_size(kvtool, folder)
         report.replace_figures(options.docs / "powercut.md", report.figures(orders, full, minutes, os.cpu_count()))
         (options.docs / "powercut.svg").write_text(report.picture(orders, full), encoding="utf-8")
     for order, found in deceptions(orders):

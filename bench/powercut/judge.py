@@ -14,6 +14,8 @@ RESCUE = "needs the boot loader's rescue"
 DEAD = "dead"
 DECEIVES = "looks well and is not"
 CLASSES = (RUNS, RECOVERS, RESCUE, DEAD, DECEIVES)
+# What `kvtool inspect` calls them in its windows.
+RISKS = {"dead": DEAD, "rescue": RESCUE, "damage": DECEIVES}
 
 
 class Judge:

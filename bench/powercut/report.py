@@ -3,7 +3,7 @@
 import collections
 import html
 
-from judge import CLASSES, DEAD, DECEIVES, RECOVERS, RESCUE, RUNS
+from judge import CLASSES, DEAD, DECEIVES, RECOVERS, RESCUE, RISKS, RUNS
 
 BEGIN, END = "<!-- figures: begin -->", "<!-- figures: end -->"
 SEVERITY = [RUNS, RECOVERS, DECEIVES, RESCUE, DEAD]
@@ -50,16 +50,18 @@ def figures(orders, full, minutes, cores):
     rows = []
     for order in orders:
         windows = order.windows()
-        rows.append([order.name, f"{order.seconds():.2f} s", _spans(windows[RESCUE]), _spans(windows[DEAD])])
-    lines += _table(["order of the images", "writing takes", f"a cut {RESCUE}", "a cut kills"], rows)
-    lines += ["", "A camera with the standard layout, as `kvtool inspect` foresees it. The boot loader has 300 KiB,",
+        rows.append([order.name, f"{order.seconds():.2f} s",
+                     *(_spans(windows[what]) for what in (RESCUE, DEAD, DECEIVES))])
+    lines += _table(["order of the images", "writing takes", f"a cut {RESCUE}", "a cut kills", "nobody notices a cut"],
+                    rows)
+    lines += ["", "A camera with the standard layout, as `kvtool inspect` predicts it. The boot loader has 300 KiB,",
               "the kernel 1.8 MiB, the root file system 3.5 MiB, the application 3 MiB.", "", "```", *full["text"],
               "```", "", "### Failures that are not cuts", ""]
     rows = []
     for name, part in ((orders[0].name, orders[:1]), ("all orders together", orders)):
-        for kind in ("erase error", "write error", "short write"):
+        for kind in dict.fromkeys(failure.what() for failure in orders[0].failures):
             outcomes = [order.outcomes[failure] for order in part for failure in order.failures
-                        if str(failure).startswith(kind)]
+                        if failure.what() == kind]
             rows.append([name, kind, len(outcomes), *_count(outcomes)])
     return lines + _table(["order of the images", "failure", "failures", *CLASSES], rows)
 
@@ -85,11 +87,10 @@ def _segments(order):
     return segments
 
 
-def _foreseen_segments(power):
+def _predicted_segments(power):
     segments, now = [], 0.0
-    names = {"dead": DEAD, "rescue": RESCUE}
     for window in power["windows"]:
-        segments += [[RECOVERS, now, window["from"]], [names[window["risk"]], window["from"],
+        segments += [[RECOVERS, now, window["from"]], [RISKS[window["risk"]], window["from"],
                                                       window["from"] + window["seconds"]]]
         now = window["from"] + window["seconds"]
     return [segment for segment in [*segments, [RECOVERS, now, power["seconds"]]] if segment[2] - segment[1] > 1e-6]
@@ -147,6 +148,6 @@ def picture(orders, full):
     drawing.legend()
     drawing.panel("Small package of the sweep: when the power is cut, and what becomes of the device",
                   [(order.name, _segments(order)) for order in orders], 0.5)
-    drawing.panel("A camera with the standard layout, foreseen by kvtool inspect",
-                  [("usual order, with boot loader", _foreseen_segments(full["power"]))], 5)
+    drawing.panel("A camera with the standard layout, predicted by kvtool inspect",
+                  [("usual order, with boot loader", _predicted_segments(full["power"]))], 5)
     return drawing.render()

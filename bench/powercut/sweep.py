@@ -1,5 +1,6 @@
 """The runs: a real upgrade on a virtual board for each power cut and each failure."""
 
+import itertools
 import json
 import queue
 import re
@@ -7,11 +8,12 @@ import threading
 
 from camera import Camera
 from firmware import PLACES, Package, run
-from judge import DEAD, DECEIVES, RECOVERS, RESCUE, RUNS, Judge
+from judge import DECEIVES, RECOVERS, RISKS, RUNS, Judge
 from writer import Failure, Writer, cuts
 
 ONLINE = "Process cameraMain online"
-SHORT = 4096
+# What can fail, and how: with an error, or after so many bytes.
+FAILURES = [("open", None), ("ioctl", None), ("erase", None), ("write", None), ("write", 4096)]
 
 
 class Outcome:
@@ -33,21 +35,19 @@ class Order:
                         if any(device in PLACES[image] for image in images)}
         self.cuts = []  # (Cut, key of the flash that it leaves)
         self.distinct = {}  # key -> (the first Cut that leaves this flash, the flash)
-        self.foreseen = json.loads(self.package.inspect())["power"]
-        for cut, state, key in cuts(self.writer.requests, self.old, self.foreseen["chip"]):
+        self.predicted = json.loads(self.package.inspect())["power"]
+        for cut, state, key in cuts(self.writer.requests, self.old, self.predicted["chip"]):
             self.cuts.append((cut, key))
             self.distinct.setdefault(key, (cut, state))
         self.failures = self._failures()
         self.outcomes = {}  # key, or Failure -> Outcome
 
     def _failures(self):
-        counts = {kind: sum(request.kind == kind for request in self.writer.requests) for kind in ("erase", "write")}
-        return [*(Failure("erase", at) for at in range(1, counts["erase"] + 1)),
-                *(Failure("write", at, short) for short in (None, SHORT) for at in range(1, counts["write"] + 1))]
+        return [Failure(kind, at, short) for kind, short in FAILURES for at in range(1, self.writer.counts[kind] + 1)]
 
     def windows(self):
-        """Maps DEAD and RESCUE to the spans of time, from and to, in which a cut has this outcome."""
-        spans = {DEAD: [], RESCUE: []}
+        """Maps each harmful class to the spans of time, from and to, in which a cut has this outcome."""
+        spans = {what: [] for what in RISKS.values()}
         for cut, key in self.cuts:
             outcome = self.outcomes[key].what
             if outcome not in spans or cut.place == "after":
@@ -86,7 +86,7 @@ class Bench:
         and the time and the windows of `kvtool inspect` with its times."""
         self.start_old(order)
         self.camera.start_writer(order.package)
-        self.camera.await_reboot()
+        self.check_log(self.camera.await_reboot(), order.writer)
         flash = self.camera.dump()
         self.camera.off()
         if flash != order.old | order.flashed:
@@ -101,6 +101,15 @@ class Bench:
             for device in PLACES[image]:
                 dumps.append(f"{image}={self.camera.folder}/flash/{device}.bin")
         run(kvtool, "verify", order.package.path, *dumps)
+
+    @staticmethod
+    def check_log(trace, writer):
+        """Compares what the writer logged after its greeting, to the letter."""
+        logged = re.findall(r"\] \d+ +([A-Z]+) \S+:(KV_UPGRADE_\w+):\d+ \x1b\[m(.*)", trace)
+        start = next((i for i, line in enumerate(logged) if line[2].startswith("update file number")), -1)
+        if logged[start + 1:] != writer.log:
+            wrong = next(pair for pair in itertools.zip_longest(logged[start + 1:], writer.log) if pair[0] != pair[1])
+            raise Problem(f"logged {wrong[0]}, expected {wrong[1]}")
 
     def cut(self, order, cut, expected):
         self.camera.fault(cut.options())
@@ -121,12 +130,7 @@ class Bench:
         flash = self.camera.dump()
         if flash != writer.final(order.old):
             raise Problem("the failure leaves unexpected flash")
-        errors = re.findall(r"\] \d+ +ERROR \S+:KV_UPGRADE_\w+:\d+ \x1b\[m(.*)", trace)
-        if errors != writer.errors:
-            raise Problem(f"logged {errors}, expected {writer.errors}")
-        offsets = [int(at, 16) for at in re.findall(r"Write 64 Kibyte @ ([0-9a-f]+)", trace)]
-        if offsets != writer.offsets:
-            raise Problem(f"logged the offsets {offsets}, expected {writer.offsets}")
+        self.check_log(trace, writer)
         return self.aftermath(order, flash)
 
     def aftermath(self, order, flash):
@@ -224,16 +228,15 @@ def tasks_of(order, kvtool, sample=None):
 
 
 def check_inspect(order):
-    """The time and the windows that `kvtool inspect` foresees must be those of the sweep."""
-    foreseen = order.foreseen
-    if abs(foreseen["seconds"] - order.seconds()) > 0.001:
-        raise Problem(f"{order.name}: kvtool foresees {foreseen['seconds']} s, the sweep took {order.seconds():.3f} s")
-    names = {"dead": DEAD, "rescue": RESCUE}
-    expected = [(names[window["risk"]], window["partition"], window["from"], window["from"] + window["seconds"])
-                for window in foreseen["windows"]]
+    """The time and the windows that `kvtool inspect` predicts must be those of the sweep."""
+    predicted = order.predicted
+    if abs(predicted["seconds"] - order.seconds()) > 0.001:
+        raise Problem(f"{order.name}: kvtool predicts {predicted['seconds']} s, the sweep took {order.seconds():.3f} s")
+    expected = [(RISKS[window["risk"]], window["partition"], window["from"], window["from"] + window["seconds"])
+                for window in predicted["windows"]]
     found = sorted(((what, image, start, end) for what, spans in order.windows().items()
                     for start, end, image in spans), key=lambda window: window[2])
     close = len(found) == len(expected) and all(
         a[:2] == b[:2] and abs(a[2] - b[2]) < 0.002 and abs(a[3] - b[3]) < 0.002 for a, b in zip(found, expected))
     if not close:
-        raise Problem(f"{order.name}: kvtool foresees the windows {expected}, the sweep found {found}")
+        raise Problem(f"{order.name}: kvtool predicts the windows {expected}, the sweep found {found}")

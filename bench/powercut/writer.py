@@ -3,6 +3,7 @@
 The sweep compares this with what the real writer and the virtual chip did, so a mistake here shows.
 """
 
+import ctypes
 import hashlib
 
 from firmware import BLOCK, PAGE, PLACES, SIZES, UNIT
@@ -45,7 +46,7 @@ class Request:
 
 
 class Failure:
-    """The `at`-th erasure or write fails: with an error, or after `short` bytes."""
+    """The `at`-th operation of this kind fails: with an error, or a write after `short` bytes."""
 
     def __init__(self, kind, at, short=None):
         self.kind, self.at, self.short = kind, at, short
@@ -54,53 +55,118 @@ class Failure:
         how = ["--errno", "EIO"] if self.short is None else ["--short", self.short]
         return ["flash", self.kind, *how, "--at", self.at]
 
+    def what(self):
+        if self.short is not None:
+            return "short write"
+        return "query error" if self.kind == "ioctl" else f"{self.kind} error"
+
     def __str__(self):
-        what = "short write" if self.short is not None else f"{self.kind} error"
-        return f"{what} at number {self.at}"
+        return f"{self.what()} at number {self.at}"
 
 
 class Writer:
-    """Runs through a package. `requests` are its calls that had an effect, `offsets` what it logs after each write,
-    and `errors` the errors that it logs."""
+    """Runs through a package. `requests` are its calls that had an effect, `counts` how often it did what can fail, and
+    `log` what it logs, as level, function and text."""
 
     def __init__(self, package, failure=None):
         self._failure = failure
-        self._counts = {"erase": 0, "write": 0}
-        self.requests, self.offsets, self.errors = [], [], []
-        for name, length, offset in package.entries():
-            if self._erase(name):
-                self._write(name, length, package.data[offset:])
+        self.counts = {"open": 0, "ioctl": 0, "erase": 0, "write": 0}
+        self.requests, self.log = [], []
+        for number, (name, length, offset) in enumerate(package.entries()):
+            self._say("Proc", f"fileNum: {number}, fileName: {name}, dataLen: {length}")
+            self._image(name, length, package.data[offset:])
+
+    def _say(self, function, text, level="INFO"):
+        self.log.append((level, f"KV_UPGRADE_{function}", text))
+
+    def _complain(self, function, text):
+        """Always False, for a caller that gives up."""
+        self._say(function, text, "ERROR")
+        return False
 
     def _fails(self, kind):
-        self._counts[kind] += 1
-        return self._failure is not None and (kind, self._counts[kind]) == (self._failure.kind, self._failure.at)
+        self.counts[kind] += 1
+        return self._failure is not None and (kind, self.counts[kind]) == (self._failure.kind, self._failure.at)
 
-    def _erase(self, name):
-        for device in PLACES[name]:
-            for offset in range(0, SIZES[device], BLOCK):
-                if self._fails("erase"):
-                    self.errors += ["ioctl MEMERASE fail!!!", f"erase /dev/{PLACES[name][0]} failed!!"]
-                    return False
-                self.requests.append(Request(name, device, offset))
+    def _image(self, name, length, source):
+        device = f"/dev/{PLACES[name][0]}"
+        self._say("Proc", f"upgrate mtd: {device}, name: {name}, start...")
+        self._query_size(name)
+        if not self._erase(name):
+            self._complain("Proc", f"erase {device} failed!!")
+        elif not (self._write_boot if name == "uboot" else self._write)(name, length, source):
+            self._complain("Proc", f"write data to {device} failed!!!")
+        else:
+            self._say("Proc", f"upgrate mtd: {device}, name: {name}, end...")
+
+    def _open(self, name, device, function):
+        if self._fails("open"):
+            return self._complain(function, f"/dev/{device} open partiton fail!!!" if name == "uboot"
+                                  else f"open partiton:/dev/{device} fail!!!")
         return True
 
-    def _write(self, name, length, source):
-        """Keeps the device's 32-bit arithmetic, including what a failed write does to it."""
-        boot, left, position = name == "uboot", length, 0
+    def _query(self, name, device, function):
+        if self._fails("ioctl"):
+            return self._complain(function, (f"/dev/{device} " if name == "uboot" else "")
+                                  + "ioctl memgetinfo fail!!!")
+        return True
+
+    def _query_size(self, name):
+        """A failure here only leaves the image's size unchecked."""
+        function = "GetUbootPartitionSize" if name == "uboot" else "GetPartitionSize"
         for device in PLACES[name]:
-            if left == 0:
-                continue
-            offset = 0
-            while True:
-                chunk = source[position:position + UNIT]
-                position += len(chunk)
-                if not chunk:
-                    break
-                offset = (offset + self._write_chunk(name, device, offset, chunk)) % (1 << 32)
-                self.offsets.append(offset)
-                if offset >= left or (boot and offset >= SIZES[device]):
-                    break
-            left = (left - offset) % (1 << 32)
+            if not (self._open(name, device, function) and self._query(name, device, function)):
+                return
+
+    def _erase(self, name):
+        function, blank = ("EraseUbootPartition", " ") if name == "uboot" else ("ErasePartition", "")
+        for device in PLACES[name]:
+            self._say(function, f"erase mtd: /dev/{device}{blank}")
+            if not (self._open(name, device, function) and self._query(name, device, function)):
+                return False
+            for offset in range(0, SIZES[device], BLOCK):
+                if self._fails("erase"):
+                    return self._complain(function, "ioctl MEMERASE fail!!!")
+                self.requests.append(Request(name, device, offset))
+                self._progress(function, "Erase", offset + BLOCK, SIZES[device])
+            self._say(function, "")
+        return True
+
+    def _progress(self, function, what, done, whole):
+        """With the device's single-precision arithmetic."""
+        percent = _single(_single(_single(done) * 100) / _single(whole))
+        self._say(function, f"{what} 64 Kibyte @ {done:x} -- {min(percent, 100):.0f} % complete")
+
+    def _write(self, name, length, source):
+        device, function = PLACES[name][0], "WritePartition"
+        self._say(function, f"write mtd: /dev/{device}")
+        if self._fails("open"):
+            return self._complain(function, "open mtd error ")
+        self._write_chunks(name, device, length, 1 << 32, source, function)
+        return True
+
+    def _write_boot(self, name, length, source):
+        """Keeps the device's 32-bit arithmetic, including what a failed write does to it."""
+        left, function = length, "WriteUbootPartition"
+        for device in PLACES[name]:
+            self._say(function, f"write mtd: /dev/{device} ")
+            if not (self._open(name, device, function) and self._query(name, device, function)):
+                return False
+            if left > 0:
+                offset, source = self._write_chunks(name, device, left, SIZES[device], source, function)
+                left = (left - offset) % (1 << 32)
+        return True
+
+    def _write_chunks(self, name, device, wanted, room, source, function):
+        """Returns the end offset, and what is left of the source."""
+        offset = 0
+        while source:
+            chunk, source = source[:UNIT], source[UNIT:]
+            offset = (offset + self._write_chunk(name, device, offset, chunk)) % (1 << 32)
+            self._progress(function, "Write", offset, wanted)
+            if offset >= wanted or offset >= room:
+                break
+        return offset, source
 
     def _write_chunk(self, name, device, offset, chunk):
         """Returns what write(2) returns."""
@@ -158,6 +224,10 @@ def cuts(requests, state, chip):
                 keys[request.device] = _key(state[request.device])
                 yield Cut(step, place, request, now, seconds), state, tuple(keys.values())
             now += seconds
+
+
+def _single(number):
+    return ctypes.c_float(number).value
 
 
 def _key(cells):

@@ -115,8 +115,8 @@ def connect_many(count, **options):
 
 
 def flood(count, noise, pace=256):
-    """Sends datagrams: searches, cut and damaged ones, and noise. Returns how many were searches, and the answers.
-    `pace`: the answers are read after so many datagrams."""
+    """Sends datagrams: searches, cut and damaged ones, and noise. Returns how many must be answered, and how many
+    answers came. `pace`: the answers are read after so many datagrams."""
     searches = answers = 0
     with contextlib.closing(socket.socket(socket.AF_INET, socket.SOCK_DGRAM)) as sender:
         sender.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
@@ -126,7 +126,7 @@ def flood(count, noise, pace=256):
             kind = noise.randrange(4)
             datagram = (SEARCH, SEARCH[:noise.randrange(len(SEARCH))], noise.randbytes(noise.randrange(1400)),
                         SEARCH[:12] + noise.randbytes(120))[kind]
-            searches += kind == 0
+            searches += datagram.startswith(SEARCH[:SEARCH_MIN])
             with contextlib.suppress(OSError):
                 sender.send(datagram)
             if number % pace == 0:

@@ -11,11 +11,12 @@ RESET_TIMEOUT = 60
 
 
 class Board:
-    """program names one of the programs in the image: dynamic, static or musl."""
+    """program names one of the programs in the image: dynamic, static or musl. memory is in MiB."""
 
-    def __init__(self, name, program, image, kvtool, folder):
+    def __init__(self, name, program, image, kvtool, folder, memory=256):
         self.name = name
         self.program = program
+        self.memory = memory
         self.flash = folder / f"{name}.nor"
         self.machine = None
         self.since = 0  # position in the console where the current step began
@@ -28,7 +29,7 @@ class Board:
         if self._abandoned:
             raise Failure("abandoned")
         self.since = 0
-        self.machine = Machine(self._image, self.flash, self.program)
+        self.machine = Machine(self._image, self.flash, self.program, memory=self.memory)
 
     def power_off(self):
         if self.machine:

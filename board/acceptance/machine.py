@@ -63,15 +63,19 @@ class Qmp:
 
 
 class Machine:
-    """A new Machine boots at once. kill() cuts the power; the flash file stays, and another Machine may use it."""
+    """A new Machine boots at once. kill() cuts the power; the flash file stays, and another Machine may use it.
 
-    def __init__(self, image, flash, program, terminal=False):
+    program names one of the programs in the image, or is "none". memory is in MiB.
+    """
+
+    def __init__(self, image, flash, program, terminal=False, memory=256):
         self._resets = 0
         self._watchdog_struck = 0.0  # on the monotonic clock
         self._changed = threading.Condition()
         bench, bench_there = socket.socketpair()
         qmp, qmp_there = socket.socketpair()
-        command = self._command(image, flash, program, bench_there.fileno(), qmp_there.fileno(), terminal)
+        command = self._command(image, flash, f"program={program}", memory, bench_there.fileno(), qmp_there.fileno(),
+                                terminal)
         # The emulator dies with the thread that starts it, even if this program is killed.
         self.process = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", *command],
@@ -96,11 +100,11 @@ class Machine:
             raise
 
     @staticmethod
-    def _command(image, flash, program, bench, qmp, terminal):
+    def _command(image, flash, argument, memory, bench, qmp, terminal):
         return [
-            "qemu-system-arm", "-M", "ast2600-evb,fmc-model=s25fl129p1", "-m", "256", "-nodefaults", "-S",
+            "qemu-system-arm", "-M", "ast2600-evb,fmc-model=s25fl129p1", "-m", str(memory), "-nodefaults", "-S",
             "-display", "none", "-kernel", f"{image}/kernel", "-dtb", f"{image}/board.dtb",
-            "-initrd", f"{image}/initramfs", "-append", f"{KERNEL_ARGUMENTS} program={program}",
+            "-initrd", f"{image}/initramfs", "-append", f"{KERNEL_ARGUMENTS} {argument}",
             "-drive", f"file={flash},if=mtd,format=raw", "-watchdog-action", "reset",
             "-chardev", f"stdio,id=console,mux={'on' if terminal else 'off'},signal=off", "-serial", "chardev:console",
             *(["-mon", "chardev=console"] if terminal else []),

@@ -11,6 +11,7 @@ class Report:
     def __init__(self):
         self.failed = False
         self._closed = False
+        self._failure = ""
         self.began = time.monotonic()
         self._lock = threading.Lock()
 
@@ -34,15 +35,21 @@ class Report:
             if self.failed or self._closed:
                 return  # A step of another board, cut short because everything stops.
             self.failed = True
-            print(f"{board.name}  FAILED     {title}\n{failure}")
+            self._failure = f"{board.name}  FAILED     {title}\n{failure}"
+            print(self._failure)
             if board.machine:
                 print(f"--- the last {CONSOLE_LINES} lines of board {board.name}'s console:")
                 print("\n".join(board.machine.console.since(0).splitlines()[-CONSOLE_LINES:]))
+                print(f"--- end of the console. Why it is shown:\n{self._failure}")
 
     def close(self):
         """Silences later failures: they come from switching the boards off."""
         with self._lock:
             self._closed = True
 
-    def total(self):
-        return time.monotonic() - self.began
+    def print_end(self):
+        """Prints the time, and once more which step failed: the end of a log is what is looked at first."""
+        print(f"total: {time.monotonic() - self.began:.1f} s")
+        print("Not real on this board: erasing takes no time, and the kernel is not booted from flash.")
+        if self._failure:
+            print(self._failure)

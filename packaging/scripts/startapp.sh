@@ -2,8 +2,8 @@
 # startapp.sh: starts the camera application in the background. Found through PATH.
 #
 # Called by     the board once per boot, beside the supervisor. Also by the supervisor, once in its life, when the
-#               application has been silent for 120 s. Before it, the supervisor runs `killall -9 wpa_supplicant` and
-#               `sync`, drops the caches and waits 3 s.
+#               application has been silent for 120 s. Before that call the supervisor runs `killall -9 wpa_supplicant`
+#               and `sync`, drops the caches and waits 3 s.
 # Arguments     none
 # Afterwards    one cameraMain runs in the background. The old one may hang: this script must end it.
 # Time          a few seconds. It MUST return. The supervisor's main loop waits for it and checks nothing meanwhile,

@@ -3,9 +3,9 @@
 # the three boots before it. `kvtool ladder --log FOLDER/boot-*` reads them.
 #
 # Called by     the start script, before and after the supervisor. `start` prints the file to which the supervisor must
-#               append its output (trace and console), and returns at once. It fails if there can be no such file;
-#               then the output goes where it always went. OUTPUT gets a copy. Under systemd a unit calls `prepare`,
-#               which makes the file, and `run`, which does not return.
+#               append its output (trace and console), and returns at once. It fails if it cannot make such a file; the
+#               output then goes to OUTPUT. Otherwise OUTPUT gets a copy. Under systemd a unit calls `prepare`, which
+#               makes the file, and `run`, which does not return.
 # Variables     KEEP_LOG     the folder
 #               KEEP_KIND    "flash" (the default): few writes, within KEEP_BUDGET. "ram": the folder lies in memory
 #                            that survives a reset, and every line is written within two seconds
@@ -13,8 +13,9 @@
 #               KEEP_EVERY   for flash: seconds between two saves while nothing happens, 21600
 #               KEEP_RAM     where to mount the RAM disk for the output, /tmp/upgrade_log
 # Must not      ever hold up the supervisor. That is why the output goes to a file and not to a pipe: a file has no
-#               reader that can stall or die. The file lies in a RAM disk of 256 KiB of its own. If nobody empties it,
-#               it fills up, and further lines are lost; nobody waits, and nobody gets a signal.
+#               reader that can stall or die. The file is in its own RAM disk of 256 KiB. If the keeper does not empty
+#               the file, the RAM disk fills up, and further lines are lost; the supervisor does not wait for it, and
+#               gets no signal.
 #
 # Needs busybox with ash, cat, cp, grep, head, mkdir, mount, mv, rm, sleep, sync, tail, wc.
 
@@ -28,7 +29,7 @@ marker=/param/var/miniserver_reboot
 keep=65536       # bytes of a boot
 boots=3          # before this one
 part=32768       # a file of the log is closed once it is this large
-overhead=256     # bytes that a save costs beyond its own
+overhead=256     # bytes that the file system is assumed to write with each save
 alarm_pause=15   # seconds between two saves for an alarm
 first_save=60    # seconds after the start, so that every boot leaves something
 # Lines after which a reset is near, and lines that tell of trouble.
@@ -37,7 +38,7 @@ alarm='offline$|ERROR|FAILED|ASSERT|hard reset count|upgrate mtd'
 
 feed=$ram/feed
 old=$ram/old # what the feed held before it was emptied
-# half of the budget may be saved up; the other half comes back within a day
+# Half of the budget can be in reserve; the other half comes back within a day.
 capacity=$((budget / 2))
 
 size() { wc -c <"$1" 2>/dev/null || echo 0; }
@@ -180,7 +181,7 @@ consider() {
 
 is_passing() { [ -n "$passing" ] && kill -0 "$passing" 2>/dev/null; }
 
-# Copies new output to where it went before. A console that blocks holds up this copy only.
+# Copies new output to OUTPUT. A console that blocks holds up this copy only.
 pass_on() {
     [ "$passed" -lt "$total" ] || return 0
     [ -n "$1" ] && [ "$1" != /dev/null ] || return 0
@@ -191,7 +192,7 @@ pass_on() {
 }
 
 # Empties the feed. The supervisor appends to it, so its next line goes to the beginning. A line that comes between the
-# comparison and the emptying is lost; the counter in the trace shows it.
+# comparison and the emptying is lost; the counter in the trace shows the gap.
 empty() {
     gone=$(size "$feed")
     if cp "$feed" "$old.new"; then

@@ -58,7 +58,7 @@ local e = {
                            expert.severity.ERROR),
     unterminated = ProtoExpert.new("kvdisc.unterminated", "Text without a NUL byte", expert.group.MALFORMED,
                                    expert.severity.ERROR),
-    constant = ProtoExpert.new("kvdisc.constant", "Every device sends another value here",
+    constant = ProtoExpert.new("kvdisc.constant", "Real devices send a different value here",
                                expert.group.PROTOCOL, expert.severity.WARN),
     account = ProtoExpert.new("kvdisc.bad_account", "The enciphered account differs from the account",
                               expert.group.PROTOCOL, expert.severity.WARN),
@@ -89,7 +89,7 @@ end
 
 local function add_search(tvb, pinfo, tree)
     searches[tostring(pinfo.src) .. ":" .. pinfo.src_port] = pinfo.number
-    -- The texts are only logged, so short ones are in order.
+    -- The device only logs these texts, so short ones are allowed.
     for _, row in ipairs({{16, 16, f.source_address}, {32, 18, f.source_mac}}) do
         local size = math.min(row[2], tvb:len() - row[1])
         if size > 0 then

@@ -22,7 +22,7 @@ function beat.dissector(tvb, pinfo, root)
     pinfo.cols.info = "Heartbeat"
     if not text:find("cameraMain", 1, true) then
         tree:add_proto_expert_info(stranger)
-        pinfo.cols.info:append(" of a stranger")
+        pinfo.cols.info:append(" without the name")
     end
     if tvb:len() > NAME_SIZE then
         tree:add(ready, tvb(NAME_SIZE, 1))

@@ -73,7 +73,7 @@ local e = {
                            group.PROTOCOL, severity.WARN),
     early = ProtoExpert.new("kvmini.upload.early", "Package bytes in the request's own chunk",
                             group.PROTOCOL, severity.NOTE),
-    header = ProtoExpert.new("kvmini.package.refused", "The device refuses the package: nothing announced",
+    header = ProtoExpert.new("kvmini.package.refused", "The device refuses the package: a length or count is 0",
                              group.PROTOCOL, severity.ERROR),
     identity = ProtoExpert.new("kvmini.package.identity", "The device refuses the package: it is for another model",
                                group.PROTOCOL, severity.ERROR),
@@ -129,7 +129,7 @@ local function command_name(code)
     return commands[code] or string.format("Command 0x%04x", code)
 end
 
--- The package's header and those entries of its table that lie whole in this piece, which begins at `offset`.
+-- The package's header, and the entries of its table that are complete in this piece, which begins at `offset`.
 local function add_package(tvb, pinfo, tree, upload, offset)
     if offset == 0 and tvb:len() >= PACKAGE_HEADER then
         local part = tree:add(tvb(0, PACKAGE_HEADER), "Package header")
@@ -331,7 +331,8 @@ local function looks_like_request(tvb)
            and (commands[tvb(4, 2):le_uint()] and tvb(0, 2):uint() == 0 or tvb(2, 2):uint() == 0x0101)
 end
 
--- The connection of a packet, or nil if it is somebody else's. A login begins a new one when ports are used again.
+-- The connection of a packet, or nil if it belongs to another protocol. A login begins a new one when ports are used
+-- again.
 local function find_connection(tvb, pinfo)
     local here = tostring(pinfo.src) .. ":" .. pinfo.src_port .. " "
     local there = tostring(pinfo.dst) .. ":" .. pinfo.dst_port .. " "
@@ -351,7 +352,7 @@ local function find_connection(tvb, pinfo)
     return connection_of[pinfo.number], there
 end
 
--- Returns the number of bytes taken: all, or 0 of a connection that is somebody else's.
+-- Returns the number of bytes taken: all, or 0 if the connection belongs to another protocol.
 local function dissect(tvb, pinfo, root)
     local connection, receiver = find_connection(tvb, pinfo)
     if not connection then
@@ -380,7 +381,7 @@ mini:register_heuristic("tcp", function(tvb, pinfo, root)
     return true
 end)
 
--- On port 80 the table comes before the heuristics, so this decides there.
+-- On port 80 the table comes before the heuristics, so this dissector decides there.
 local port80 = Proto("kvmini_or_http", "Camera command protocol or HTTP")
 local http = Dissector.get("http")
 function port80.dissector(tvb, pinfo, root)

@@ -69,7 +69,7 @@ def device(number, mac):
 
 
 def test_doubtful_inventory(work):
-    """Two devices with one MAC address, one without any, and one that each of two searches finds."""
+    """Two devices with one MAC address, one without any, and one that both of two searches find."""
     report = {"schema": 1, "exit_code": 0, "devices": [
         device(1, "02:00:00:00:00:01"), device(2, "02:00:00:00:00:01"), device(3, ""), device(4, "02:00:00:00:00:04")]}
     stand_in = work / "kvtool"

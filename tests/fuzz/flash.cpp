@@ -1,4 +1,4 @@
-// The flash writer, against what kvtool foresees: writes a package to devices with the rules of NOR
+// The flash writer, compared with what kvtool predicts: writes a package to devices with the rules of NOR
 // flash, then compares each partition with kvtool's expectation.
 #include <mtd/mtd-user.h>
 #include <sys/ioctl.h>
@@ -25,7 +25,7 @@ std::array<kvtool::Bytes, 8> g_devices;
 size_t g_position;
 
 // kvtool takes a partition that is not written for one that nothing selects.
-void RequireForeseen(const std::string& package) {
+void RequirePredicted(const std::string& package) {
     const kvtool::Bytes bytes(package.begin(), package.end());
     const kvtool::Layout layout = kvtool::Layout::Default();
     for (const kvtool::LayoutRow& row : layout.Rows()) {
@@ -120,7 +120,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Require(KV_UPGRADE_IsUpgrading() == 1 || g_world.refusals > 0);
     Require(KV_UPGRADE_SystemCmd(nullptr) == -1);
     if (g_world.refusals == 0 && package.size() >= 24) {
-        RequireForeseen(package);
+        RequirePredicted(package);
     }
     return 0;
 }

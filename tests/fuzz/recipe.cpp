@@ -2,6 +2,7 @@
 #include "tools/package/recipe.h"
 #include "tests/fuzz/tool.h"
 #include "tools/package/layout.h"
+#include "tools/package/minisign_files.h"
 #include "tools/package/package_json.h"
 
 using namespace fuzz;
@@ -37,6 +38,7 @@ void Verify(Input* in) {
     Trust trust;
     trust.key = Put("/key", in->LongPiece());
     trust.signature = Put("/signature", in->LongPiece());
+    (void)Try([&] { (void)ReadDetachedSignature(trust.signature); });
     const std::string text = in->Rest();
     Bytes package(text.begin(), text.end());
     (void)Try([&] { RequireSafe(JsonLine(SignatureJson(VerifySignature(package, "p", trust)))); });

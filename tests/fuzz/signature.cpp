@@ -25,6 +25,9 @@ namespace {
 
 constexpr size_t kFixed = 138;  // size of a signature without its comment
 
+// Called before each of the device's reads of the file.
+std::function<void()> g_onRead;
+
 // A file in memory with a path that any code can open.
 class MemoryFile {
   public:
@@ -184,41 +187,80 @@ bool KvtoolTrusts(const std::string& package, const std::string& keys) {
     }
 }
 
+// Changes the file, but not what was signed.
+void Disturb(Input* in, MemoryFile* file, size_t size) {
+    if (in->Below(4) == 3) {
+        file->Resize(in->Number(3) % (2 * size));
+    } else {
+        file->Change(in->Number(3) % size, in->Piece());
+    }
+}
+
 // Reads here and there while the file changes. What is read must be what was signed.
-void ReadWhileItChanges(Input* in, FILE* stream, MemoryFile* file, const std::string& package) {
+void ReadWhileItChanges(Input* in, FILE* stream, MemoryFile* file, const std::string& package,
+                        bool changed) {
+    constexpr int kFrom[] = {SEEK_SET, SEEK_CUR, SEEK_END};
+    const auto size = static_cast<off_t>(package.size());
     std::string piece(40000, '\0');
-    bool changed = false;
     for (size_t left = in->Below(8); left > 0; --left) {
         if (in->Below(4) == 3) {
             changed = true;
-            file->Change(in->Number(3) % package.size(), in->Piece());
-        } else if (in->Below(16) == 15) {
-            changed = true;
-            file->Resize(in->Number(3) % (2 * package.size()));
+            Disturb(in, file, package.size());
         }
-        const size_t at = in->Number(3) % (package.size() + 8);
-        Require(fseeko(stream, static_cast<off_t>(at), SEEK_SET) == 0);
+        const off_t at = in->Number(3) % (package.size() + 8);
+        const size_t from = in->Below(8) % std::size(kFrom);
+        const off_t bases[] = {0, ftello(stream), size};
+        Require(fseeko(stream, at - bases[from], kFrom[from]) == 0 && ftello(stream) == at);
         const size_t got = fread(piece.data(), 1, 1 + in->Short() % piece.size(), stream);
-        Require(at + got <= package.size() || got == 0);
-        Require(package.compare(std::min(at, package.size()), got, piece, 0, got) == 0);
-        Require(changed || got > 0 || at >= package.size());
+        const auto start = std::min(static_cast<size_t>(at), package.size());
+        Require(start + got <= package.size());
+        Require(package.compare(start, got, piece, 0, got) == 0);
+        Require(changed || got > 0 || at >= size);
+        Require(fseeko(stream, -size - 1, SEEK_END) != 0);
     }
 }
 
 }  // namespace
 
+extern "C" ssize_t __real_pread64(int fd, void* to, size_t size, off_t at);
+extern "C" ssize_t __wrap_pread64(int fd, void* to, size_t size, off_t at) {
+    if (g_onRead) {
+        g_onRead();
+    }
+    return __real_pread64(fd, to, size, at);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static MemoryFile file;
     Scope scope(data, size);
-    Made made = Make(&scope.in);
-    if (Change(&scope.in, &made)) {
+    Input& in = scope.in;
+    Made made = Make(&in);
+    if (Change(&in, &made)) {
         made.good = false;
     }
     Require(KvtoolTrusts(made.bytes, KV_FUZZ_KEYS) == made.good);
-    const UniqueFile stream(kv::kOpenPackage(file.Put(made.bytes).c_str(), "rb"));
-    Require(static_cast<bool>(stream) == made.good);
+    const std::string& path = file.Put(made.bytes);
+    if (made.bytes.empty() || in.Below(64) == 63) {
+        // Not a file, or one with more bytes than offsets have.
+        file.Resize(size_t{5} << 30);
+        const char* const other = in.Below(2) == 0 ? "/dev/zero" : path.c_str();
+        Require(kv::kOpenPackage(other, "rb") == nullptr);
+        return 0;
+    }
+    // The file may change during the check too.
+    bool changed = false;
+    size_t quiet = in.Below(4) == 3 ? in.Below(4) : SIZE_MAX;
+    g_onRead = [&] {
+        if (made.good && quiet-- == 0) {
+            changed = true;
+            Disturb(&in, &file, made.bytes.size());
+        }
+    };
+    const UniqueFile stream(kv::kOpenPackage(path.c_str(), "rb"));
+    g_onRead = nullptr;
+    Require(static_cast<bool>(stream) == made.good || changed);
     if (stream) {
-        ReadWhileItChanges(&scope.in, stream.Get(), &file, made.bytes);
+        ReadWhileItChanges(&in, stream.Get(), &file, made.bytes, changed);
     }
     return 0;
 }

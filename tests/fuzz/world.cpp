@@ -30,7 +30,8 @@ struct Folder {
     ~Folder() { std::filesystem::remove_all(path); }
 };
 Folder g_folder;
-pthread_t g_thread;  // that runs the code under test
+FILE* g_file;                // that the code under test has opened last
+thread_local bool t_inside;  // this thread runs the code under test
 
 std::string Place(const std::string& path) {
     return g_folder.path + path.substr(path.rfind('/'));
@@ -46,14 +47,20 @@ int Outcome(size_t odds, int error) {
     return Refuses(odds) ? -1 : 0;
 }
 
-ssize_t Receive(void* to, size_t size) {
+ssize_t Receive(int fd, void* to, size_t size) {
+    g_world.fd = fd;
     const std::string bytes = g_world.receive ? g_world.receive(size)
                               : Refuses(16)   ? ""
                                               : g_world.in->LongPiece();
     if (bytes.empty()) {
         errno = Refuses(8) ? ECONNRESET : EAGAIN;
-        return Refuses(4) ? 0 : -1;
+        const int result = Refuses(4) ? 0 : -1;
+        if (result == 0 || errno == ECONNRESET) {
+            g_world.ended.insert(fd);
+        }
+        return result;
     }
+    ASAN_UNPOISON_MEMORY_REGION(to, size);
     const size_t got = bytes.copy(static_cast<char*>(to), size);
     if (g_world.poison && got + 1 < size) {
         ASAN_POISON_MEMORY_REGION(static_cast<char*>(to) + got + 1, size - got - 1);
@@ -61,9 +68,13 @@ ssize_t Receive(void* to, size_t size) {
     return static_cast<ssize_t>(got);
 }
 
-ssize_t Send(const void* bytes, size_t size, bool whole) {
+ssize_t Send(int fd, const void* bytes, size_t size, bool whole) {
+    g_world.fd = fd;
     if (Refuses(64)) {
         errno = g_world.in->Byte() < 128 ? EPIPE : EAGAIN;
+        if (errno == EPIPE) {
+            g_world.ended.insert(fd);
+        }
         return -1;
     }
     const size_t taken = !whole && Refuses(16) ? size / 2 : size;
@@ -82,11 +93,11 @@ Scope::Scope(const uint8_t* data, size_t size) : in(data, size) {
     }
     g_world = World();
     g_world.in = &in;
-    g_thread = pthread_self();
+    t_inside = true;
 }
 
 bool IsInside() {
-    return g_world.in != nullptr && pthread_equal(g_thread, pthread_self()) != 0;
+    return g_world.in != nullptr && t_inside;
 }
 
 bool Refuses(size_t odds) {
@@ -151,7 +162,10 @@ void KV_ShellEchoFormat(const char* format, ...) {
 }
 
 extern "C" {
-WRAP(int, socket, (int a, int b, int c), (a, b, c), Refuses(64) ? -1 : kFd)
+WRAP(int, socket, (int a, int b, int c), (a, b, c),
+     Refuses(64)    ? -1
+     : g_world.open ? g_world.open()
+                    : kFd)
 WRAP(int, bind, (int a, const sockaddr* b, socklen_t c), (a, b, c), Outcome(64, EADDRINUSE))
 WRAP(int, listen, (int a, int b), (a, b), 0)
 WRAP(int, connect, (int a, const sockaddr* b, socklen_t c), (a, b, c),
@@ -162,10 +176,10 @@ WRAP(int, ioctl, (int a, unsigned long b, void* c), (a, b, c),
      Refuses(32)       ? -1
      : g_world.control ? g_world.control(b, c)
                        : 0)
-WRAP(ssize_t, send, (int a, const void* b, size_t c, int d), (a, b, c, d), Send(b, c, false))
+WRAP(ssize_t, send, (int a, const void* b, size_t c, int d), (a, b, c, d), Send(a, b, c, false))
 WRAP(ssize_t, sendto, (int a, const void* b, size_t c, int d, const sockaddr* e, socklen_t f),
-     (a, b, c, d, e, f), Send(b, c, true))
-WRAP(ssize_t, recv, (int a, void* b, size_t c, int d), (a, b, c, d), Receive(b, c))
+     (a, b, c, d, e, f), Send(a, b, c, true))
+WRAP(ssize_t, recv, (int a, void* b, size_t c, int d), (a, b, c, d), Receive(a, b, c))
 WRAP(int, usleep, (useconds_t a), (a), (g_nowMs += a / 1000, 0))
 WRAP(unsigned, sleep, (unsigned a), (a), (Pause(int64_t{a} * 1000), 0U))
 WRAP(int, nanosleep, (const timespec* a, timespec* b), (a, b),
@@ -173,15 +187,15 @@ WRAP(int, nanosleep, (const timespec* a, timespec* b), (a, b),
 WRAP(int, unlink, (const char* a), (a), __real_unlink(Place(a).c_str()))
 WRAP(int, access, (const char* a, int b), (a, b), __real_access(Place(a).c_str(), b))
 WRAP(FILE*, fopen64, (const char* a, const char* b), (a, b),
-     (g_folder.used = true, Refuses(64)) ? nullptr : __real_fopen64(Place(a).c_str(), b))
+     g_file = (g_folder.used = true, Refuses(64)) ? nullptr : __real_fopen64(Place(a).c_str(), b))
 WRAP(size_t, fwrite, (const void* a, size_t b, size_t c, FILE* d), (a, b, c, d),
-     Refuses(64) ? 0 : __real_fwrite(a, b, c, d))
+     d == g_file && Refuses(64) ? 0 : __real_fwrite(a, b, c, d))
 
-ssize_t __wrap_recvfrom(int, void* to, size_t size, int, sockaddr* from, socklen_t*) {
+ssize_t __wrap_recvfrom(int fd, void* to, size_t size, int, sockaddr* from, socklen_t*) {
     auto* const sender = reinterpret_cast<sockaddr_in*>(from);
     sender->sin_family = AF_INET;
     sender->sin_addr.s_addr = htonl(0xC0000200 + g_world.in->Byte() % 4U);
-    return Receive(to, size);
+    return Receive(fd, to, size);
 }
 int __wrap_poll(pollfd* entries, nfds_t count, int timeoutMs) {
     const int events = entries[0].events;

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -63,10 +64,13 @@ constexpr int kFd = 1000;  // every descriptor that the system gives
 struct World {
     Input* in = nullptr;
     int refusals = 0;                     // how often the system has refused something
+    int fd = -1;                          // of the call that receives or sends
+    std::set<int> ended;                  // descriptors whose peer is gone
     bool poison = false;                  // the rest of a receive buffer must not be touched
     std::vector<std::string> commands;    // shell commands run
     std::function<void()> pause = [] {};  // runs inside each sleep and shell command
     // What the system does, unless the default below will do.
+    std::function<int()> open;                          // a descriptor for a new socket
     std::function<std::string(size_t room)> receive;    // the next bytes; empty: none so far
     std::function<void(const std::string& sent)> send;  // gets what the code sends
     std::function<int(int events)> ready;               // which of the events poll finds

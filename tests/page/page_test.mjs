@@ -282,7 +282,7 @@ await step("a camera fails and is tried again; the server is killed and goes on 
   await inspect(page, "lost");
   server = new Server("--port", new URL(address).port);
   address = await server.address();
-  await sees("kvtool was started anew.");
+  await sees("kvtool was started again.");
   await page.goto(address);
   await page.getByRole("button", { name: "Continue with 1 camera" }).click();
   await page.getByRole("button", { name: "Start with 1 camera" }).click();

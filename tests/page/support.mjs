@@ -22,7 +22,7 @@ export function run(command, ...words) {
 }
 export const board = (number, ...words) => run(`${bin}/vboard`, "--state", `${site}/boards/${number}`, ...words);
 
-// Waits until `ready` returns something true, at most so long.
+// Waits until `ready` returns something true, for at most `seconds`.
 export async function until(what, ready, seconds = 30) {
   const end = Date.now() + 1000 * seconds;
   for (;;) {

@@ -28,8 +28,8 @@ using Lines = std::vector<std::string>;
 
 constexpr double kPatienceSeconds = 30;
 
-// The file's bytes; empty if it cannot be read. In that case stream-buffer iterators would throw,
-// so the code uses none.
+// The file's bytes; empty if it cannot be read. Stream-buffer iterators would throw then, so the
+// code uses none.
 inline std::string ReadFile(const std::string& path) {
     const std::ifstream file(path, std::ios::binary);
     std::ostringstream text;

@@ -32,14 +32,14 @@ struct Script {
     uint16_t verdictStatus = 0;
     // Changes the reply to a command before it is sent. An empty reply is not sent.
     std::function<Bytes(uint16_t command, Bytes reply)> edit;
-    // Closes the listener and all connections after acceptance. With backAfter the listener comes
+    // Closes the listener and all connections after acceptance. With backAfter, the listener comes
     // back after that time, as after a restart.
     bool leaves = false;
     std::optional<milliseconds> backAfter;
     // The application opens alivePort this long after the device has closed them.
     std::optional<milliseconds> aliveAfter;
     uint16_t alivePort = 0;
-    // After the verdict it sends busy replies for ever.
+    // Sends busy replies for ever after the verdict.
     bool talks = false;
 };
 

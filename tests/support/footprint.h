@@ -59,7 +59,7 @@ inline long PrivateKib() {
     return 0;
 }
 
-// All of it at one moment.
+// What the process holds at one moment.
 struct Footprint {
     long descriptors = Descriptors();
     long threads = Threads();

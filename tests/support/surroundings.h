@@ -19,7 +19,7 @@ inline void RequireSandbox() {
     }
 }
 
-// Runs `ip` with these arguments.
+// Runs ip(8) with these arguments.
 inline void Ip(const std::string& arguments) {
     (void)Shell("ip " + arguments);
 }

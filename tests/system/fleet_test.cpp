@@ -302,7 +302,7 @@ TEST_F(FleetSite, TellsOneDeviceOverTwoInterfacesFromTwoDevicesWithOneAddress) {
     })) << found;
     EXPECT_TRUE(found.at("conflicts").empty()) << found;
 
-    // The disk becomes full under the journal, at the lines before the trailers. kvtool then begins
+    // The disk of the journal becomes full at the lines before the trailers. kvtool then begins
     // nothing more, and a later run ends what is left. Absent devices fill the journal's only page.
     const std::string disk = folder_.Path("disk");
     std::filesystem::create_directory(disk);
@@ -436,7 +436,7 @@ class FleetBigSite : public FleetSite {};
 TEST_F(FleetBigSite, TwentyBoardsSurviveKills) {
     constexpr int kBoards = 20;
     Start(kBoards);
-    // The state in which so many devices are when kvtool is killed.
+    // kvtool is killed once the journal has this state this often.
     const std::pair<const char*, size_t> kills[] = {
         {"connecting", 5}, {"uploading", 10}, {"finishing", 3}, {"accepted", 10}};
     for (const auto& [state, count] : kills) {

@@ -83,7 +83,7 @@ TEST_F(SignedPackages, AreAllThatAProgramWithKeysAccepts) {
         EXPECT_EQ(board_.Reason(boot), "reboot\n");
         EXPECT_EQ(Errors(boot - 1), refusal);
     }
-    // A package that comes to the flash writer on another way.
+    // A package that reaches the flash writer in another way.
     ASSERT_TRUE(board_.WaitRecovery(boot));
     WriteFile(board_.Path("param/package"), ReadFile(board_.Path("unsigned")));
     (void)board_.OnBoard("cp /param/package /tmp/upGradeFile.FLS");

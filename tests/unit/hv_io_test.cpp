@@ -350,6 +350,23 @@ TEST_F(HvIo, ADetachedIoBelongsToItsHolder) {
     hio_close(io);
     EXPECT_TRUE(second.Ends());
     EXPECT_TRUE(server_.closed.WaitFor(2));
+
+    // One that moves while it closes still sends everything.
+    handed = {};
+    const TcpClient third(PortOf(listener));
+    io = handed.get_future().get();
+    ShrinkSendBuffer(io);
+    hio_attach(worker.Get(), io);
+    worker.Do([&] {
+        EXPECT_LT(hio_write(io, big.data(), big.size()), 500000);
+        hio_close(io);
+        hio_detach(io);
+    });
+    hio_attach(loop_.Get(), io);
+    EXPECT_EQ(hio_read(io), 0);
+    EXPECT_TRUE(third.Receive(big.size()) == big);
+    EXPECT_TRUE(third.Ends());
+    EXPECT_TRUE(server_.closed.WaitFor(3));
 }
 
 TEST_F(HvIo, ARequestIsQueuedOnceAndDroppedWithItsIo) {

@@ -1,69 +1,11 @@
-// kvtool: the program itself, its exit codes and its standard output.
-#include <memory>
-#include <nlohmann/json.hpp>
-
-#include "tests/support/fake_device.h"
+// kvtool as a program, without a device: usage, packages, exit codes and output.
+#include "tests/support/kvtool_program.h"
 
 namespace {
 
-using kv_test::ReadFile;
-using kv_test::WriteFile;
-using Arguments = kv_test::Lines;
+using namespace kv_test;
 
-std::string Line(const Arguments& arguments) {
-    std::string line = KVTOOL_PATH;
-    for (const std::string& argument : arguments) {
-        line += " '" + argument + "'";
-    }
-    return line;
-}
-
-// Runs the tool to its end; `output` gets its standard output.
-int RunTool(const Arguments& arguments, std::string* output = nullptr) {
-    const auto result = kv_test::Run(Line(arguments) + " 2>/dev/null");
-    if (output != nullptr) {
-        *output = result.output;
-    }
-    return result.status;
-}
-
-// The JSON object that the tool prints; it must end with `code`.
-nlohmann::json JsonOf(const Arguments& arguments, int code) {
-    std::string output;
-    EXPECT_EQ(RunTool(arguments, &output), code) << testing::PrintToString(arguments);
-    return nlohmann::json::parse(output);
-}
-
-// Runs the tool, runs `then` once it has printed `text`, and returns its exit code.
-int RunTool(const Arguments& arguments, const std::string& text, const std::string& then) {
-    return kv_test::Run("rm -f /tmp/tool.out; " + Line(arguments) +
-                        " >/tmp/tool.out 2>/tmp/tool.err & tool=$!;"
-                        "until grep -q '" +
-                        text + "' /tmp/tool.out; do sleep 0.01; done;" + then + "; wait $tool")
-        .status;
-}
-
-class KvtoolCli : public testing::Test {
-  protected:
-    void SetUp() override {
-        (void)unlink("/tmp/tool.out");
-        WriteFile(Path("app"), std::string(200000, 'a'));
-        ASSERT_EQ(RunTool({"pack", "-o", Path("good"), "app=" + Path("app")}), 0);
-        ASSERT_EQ(RunTool({"pack", "-o", Path("other"), "--ic", "OTHER", "app=" + Path("app")}), 0);
-    }
-    void TearDown() override {
-        for (const char* name : {"app", "good", "other", "again", "layout", "manifest"}) {
-            (void)unlink(Path(name).c_str());
-        }
-        EXPECT_TRUE(std::filesystem::is_empty(folder_.Path()))
-            << "a temporary file was left behind";
-    }
-    std::string Path(const std::string& name) const { return folder_.Path(name); }
-    std::string Read(const std::string& name) const { return ReadFile(Path(name)); }
-
-    kv_test::Folder folder_;
-    std::unique_ptr<fake::Device> device_;
-};
+class KvtoolCli : public ToolTest {};
 
 TEST_F(KvtoolCli, UsageErrorsHaveTheirOwnCode) {
     EXPECT_EQ(RunTool({"--help"}), 0);
@@ -198,9 +140,9 @@ TEST_F(KvtoolCli, TrustsWhatMinisignSigned) {
 
 TEST_F(KvtoolCli, SignsPackagesInside) {
     std::filesystem::create_directory(Path("out"));
-    (void)kv_test::Shell("cd " + Path("out") +
-                         " && minisign -G -W -p key.pub -s key && "
-                         "minisign -G -W -p other.pub -s other && cat other.pub key.pub >both");
+    (void)Shell("cd " + Path("out") +
+                " && minisign -G -W -p key.pub -s key && "
+                "minisign -G -W -p other.pub -s other && cat other.pub key.pub >both");
     const auto pack = [this](const Arguments& more) {
         Arguments arguments = {"pack", "-o", Path("again"), "--sign", Path("out/key")};
         arguments.insert(arguments.end(), more.begin(), more.end());
@@ -306,143 +248,6 @@ TEST_F(KvtoolCli, InspectTellsFitFromUnfit) {
     EXPECT_EQ(RunTool({"inspect", Path("app")}), 3);
     WriteFile(Path("layout"), "# smaller\n\napp=128K\n");
     EXPECT_EQ(RunTool({"inspect", "--layout", Path("layout"), Path("good")}), 3);
-}
-
-TEST_F(KvtoolCli, InfoAndUpgrade) {
-    fake::Device device(fake::Script{});
-    const std::string port = std::to_string(device.Port());
-    nlohmann::json json = JsonOf({"info", "--json", "--port", port, "127.0.0.1"}, 0);
-    EXPECT_EQ(json["serial"], "1122334455667788");
-    EXPECT_EQ(json["session_before_login"], 0);
-    EXPECT_EQ(json["session"], 0x5A000001);
-
-    Arguments upgrade = {"upgrade", "--port",    port,         "--no-follow",
-                         "--json",  "127.0.0.1", Path("other")};
-    EXPECT_EQ(JsonOf(upgrade, 3)["accepted"], false);
-    EXPECT_TRUE(device.UpgradeRequest().empty());
-    upgrade.back() = Path("good");
-    json = JsonOf(upgrade, 0);
-    EXPECT_EQ(json["accepted"], true);
-    EXPECT_EQ(json["bytes_acknowledged"], Read("good").size() + 37);
-    const fake::Bytes stream = device.Stream();
-    EXPECT_EQ(std::string(stream.begin(), stream.end() - 37), Read("good"));
-}
-
-// The identity that the device reports decides; --force does not override it.
-TEST_F(KvtoolCli, UpgradeComparesWithWhatTheDeviceSays) {
-    fake::Script script;
-    script.ic = "OTHER";
-    fake::Device device(script);
-    Arguments upgrade = {"upgrade",     "--port",  std::to_string(device.Port()),
-                         "--no-follow", "--force", "127.0.0.1",
-                         Path("good")};
-    EXPECT_EQ(RunTool(upgrade), 3);
-    EXPECT_TRUE(device.UpgradeRequest().empty());
-    upgrade.back() = Path("other");
-    upgrade[4] = "--no-follow";
-    EXPECT_EQ(RunTool(upgrade), 0) << "a package for this device needs no force";
-    upgrade.back() = Path("good");
-    upgrade[4] = "--force-identity";
-    EXPECT_EQ(RunTool(upgrade), 0);
-}
-
-TEST_F(KvtoolCli, InterruptEndsAtOnceAndSaysHowTheDeviceIsLeft) {
-    struct Case {
-        const char* signal;
-        bool inUpload;
-        const char* left;
-    };
-    const Case cases[] = {{"INT", false, "stays as it is"},
-                          {"INT", true, "flashes nothing"},
-                          {"TERM", true, "flashes nothing"}};
-    for (const Case& c : cases) {
-        (void)unlink("/tmp/go");
-        fake::Script script;
-        script.stopAfter = 1000;
-        fake::Device device(script);
-        std::thread goes([&] {
-            EXPECT_TRUE(kv_test::WaitUntil(
-                [&] { return !c.inUpload || !device.UpgradeRequest().empty(); }));
-            WriteFile("/tmp/go", "");
-        });
-        EXPECT_EQ(
-            RunTool({"upgrade", "--port", std::to_string(device.Port()), "127.0.0.1", Path("good")},
-                    "identify:",
-                    std::string("until [ -e /tmp/go ]; do sleep 0.01; done; kill -") + c.signal +
-                        " $tool"),
-            130);
-        goes.join();
-        EXPECT_TRUE(kv_test::Contains(ReadFile("/tmp/tool.err"), c.left))
-            << ReadFile("/tmp/tool.err");
-    }
-}
-
-// The responder's two devices name one address.
-TEST_F(KvtoolCli, DiscoverListsAndWatches) {
-    const std::string firmware = "PRT7K_38QX_QJT_V1.0.0.241127_R1";
-    const auto reply = [](const char* mac) {
-        return kv_test::ExpectedReply({"10.7.0.1", "255.255.255.0", "", "", mac});
-    };
-    const fake::Responder responder(
-        "127.0.0.3", 0,
-        std::vector<kv_test::Bytes>{reply("02:00:5E:00:00:02"), reply("02:00:5E:00:00:01")});
-    const Arguments discover = {"discover", "--port", std::to_string(responder.Port()),
-                                "127.0.0.2"};
-    const auto run = [&discover](Arguments more, std::string* output) {
-        more.insert(more.begin(), discover.begin(), discover.end());
-        return RunTool(more, output);
-    };
-    std::string output;
-    EXPECT_EQ(run({"--timeout", "0.3"}, &output), 0);
-    EXPECT_EQ(output,
-              "MAC                ADDRESS    FIRMWARE                         STATE\n"
-              "02:00:5E:00:00:01  127.0.0.4  " +
-                  firmware +
-                  "  conflict\n"
-                  "02:00:5E:00:00:02  127.0.0.3  " +
-                  firmware +
-                  "  conflict\n"
-                  "warning: address 10.7.0.1 belongs to 2 devices, with the MAC addresses "
-                  "02:00:5E:00:00:01, 02:00:5E:00:00:02\n"
-                  "2 found\n");
-    EXPECT_EQ(run({"--timeout", "0.3", "--match", "mac=*:03"}, &output), 4);
-    EXPECT_EQ(output.substr(output.rfind('\n', output.size() - 2) + 1),
-              "0 found, 2 more do not match\n");
-
-    Arguments watch = discover;
-    watch.insert(watch.end(), {"--watch", "--timeout", "0.2", "--match", "mac=*:01", "--json"});
-    EXPECT_EQ(RunTool(watch, "warning", "kill -INT $tool"), 0);
-    std::istringstream lines(ReadFile("/tmp/tool.out"));
-    std::vector<nlohmann::json> objects;
-    for (std::string line; std::getline(lines, line);) {
-        objects.push_back(nlohmann::json::parse(line));
-    }
-    ASSERT_EQ(objects.size(), 3U);
-    EXPECT_EQ(objects[0].at("event"), "appeared");
-    EXPECT_EQ(objects[0].at("device").at("mac"), "02:00:5E:00:00:01");
-    EXPECT_EQ(objects[0].at("device").at("state"), "conflict");
-    EXPECT_EQ(objects[1].at("event"), "warning");
-    EXPECT_EQ(objects[2].at("exit_code"), 0);
-}
-
-TEST_F(KvtoolCli, WaitsForTheDeviceToAppear) {
-    uint16_t port = 0;
-    { port = fake::Device(fake::Script{}).Port(); }
-    const Arguments upgrade = {"upgrade",     "--wait",    "--port",    std::to_string(port),
-                               "--no-follow", "127.0.0.1", Path("good")};
-    std::thread appears([port, this] {
-        EXPECT_TRUE(kv_test::WaitUntil(
-            [] { return kv_test::Contains(kv_test::ReadFile("/tmp/tool.out"), "not yet:"); }));
-        device_ = std::make_unique<fake::Device>(fake::Script{}, port);
-    });
-    EXPECT_EQ(RunTool(upgrade, "not yet:", ":"), 0);
-    appears.join();
-    for (const Arguments& wait : {Arguments{"--wait=1"}, {"--wait", "0.5"}}) {
-        Arguments nobody = {"upgrade", "--port", "1"};
-        nobody.insert(nobody.end(), wait.begin(), wait.end());
-        nobody.insert(nobody.end(), {"127.0.0.1", Path("good")});
-        EXPECT_EQ(RunTool(nobody), 4);
-    }
 }
 
 }  // namespace

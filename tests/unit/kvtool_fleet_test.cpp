@@ -1,23 +1,17 @@
-// kvtool fleet against scripted devices: the journal, the rules of a run, and resuming a run that
-// was killed at any point.
+// The engine of kvtool fleet against scripted devices: states, journal and the rules of a run.
 #include <sys/mount.h>
 
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <set>
 
-#include "tests/support/fake_device.h"
+#include "tests/support/fake_camera.h"
 #include "tests/support/surroundings.h"
-#include "tests/support/wire.h"
-#include "tools/cli/fleet_view.h"
 #include "tools/device/device_lock.h"
-#include "tools/fleet/report.h"
 #include "tools/fleet/runner.h"
 
 namespace {
 
 using namespace kvtool::fleet;
-using fake::Device;
+using fake::Camera;
 using fake::Script;
 using kv_test::Contains;
 using kvtool::Bytes;
@@ -25,52 +19,13 @@ using kvtool::ExitCode;
 using kvtool::Millis;
 using kvtool::ToolError;
 
-constexpr uint16_t kRtsp = 554;
-
-std::string MacOf(int number) {
-    char text[18];
-    (void)snprintf(text, sizeof text, "02:00:5E:00:%02X:%02X", number / 256, number % 256);
-    return text;
+Member MemberOf(const Camera& camera) {
+    Member member;
+    member.id = member.mac = camera.mac;
+    member.address = camera.address;
+    member.commandPort = 80;
+    return member;
 }
-
-// A device with an address of its own, where it answers searches. It is alive after an upgrade
-// unless its script says otherwise.
-class Camera {
-  public:
-    explicit Camera(int number, Script script = Alive())
-        : mac(MacOf(number)),
-          address("127.1." + std::to_string(number / 200) + "." + std::to_string(number % 200 + 1)),
-          device(std::move(script), 80, address),
-          responder_(address, 6789,
-                     {kv_test::ExpectedReply({address, "255.255.255.0", "", "", mac})}, address) {}
-    static Script Alive() {
-        Script script;
-        script.leaves = true;
-        script.aliveAfter = Millis(100);
-        script.alivePort = kRtsp;
-        return script;
-    }
-    static Script BackInRecovery() {
-        Script script;
-        script.leaves = true;
-        script.backAfter = Millis(50);
-        return script;
-    }
-    Member AsMember() const {
-        Member member;
-        member.id = member.mac = mac;
-        member.address = address;
-        member.commandPort = 80;
-        return member;
-    }
-
-    std::string mac;
-    std::string address;
-    Device device;
-
-  private:
-    fake::Responder responder_;
-};
 
 class Silent : public RunListener {
   public:
@@ -178,8 +133,11 @@ TEST(FleetJournal, ATornLineIsIgnoredAndADamagedOneIsRefused) {
     kv_test::WriteFile(path, whole + whole.substr(whole.find('\n') + 1));
     EXPECT_EQ(ReadJournal(path).members.at(0).progress.attempts, 2);
     // A file that is not a journal keeps its bytes, even if it has no line end.
-    for (const std::string& text : {"x\n" + whole, whole + "{\"schema\":2}\n", std::string("\n"),
-                                    std::string("firmware"), std::string("{\"schemes")}) {
+    std::string late = whole;
+    (void)late.insert(late.rfind("Z\""), "e99");
+    for (const std::string& text :
+         {"x\n" + whole, late, whole + "{\"schema\":2}\n", std::string("\n"),
+          std::string("firmware"), std::string("{\"schemes")}) {
         kv_test::WriteFile(path, text);
         EXPECT_THROW((void)Journal::Open(path), ToolError) << text;
         EXPECT_EQ(kv_test::ReadFile(path), text);
@@ -191,7 +149,7 @@ TEST(FleetJournal, ATornLineIsIgnoredAndADamagedOneIsRefused) {
 // time, and none once the device is done.
 TEST(FleetRun, OneAttemptAtATimeAtADevice) {
     std::optional<Camera> camera(std::in_place, 1);
-    const Member member = camera->AsMember();
+    const Member member = MemberOf(*camera);
     camera.reset();
     Flight flight;
     flight.request.retries = 100;
@@ -223,7 +181,7 @@ TEST(FleetRun, TheRestWaitsForTheCanary) {
     Camera third(3);
     Flight flight;
     flight.request.canaries = 1;
-    flight.Fly({dead.AsMember(), second.AsMember(), third.AsMember()});
+    flight.Fly({MemberOf(dead), MemberOf(second), MemberOf(third)});
     EXPECT_EQ(flight.StateOf(0), State::kFailed);
     EXPECT_EQ(flight.members[0].code, ExitCode::kBackInRecovery) << flight.members[0].text;
     EXPECT_EQ(second.device.Accepted() + third.device.Accepted(), 0);
@@ -235,7 +193,7 @@ TEST(FleetRun, TheRestWaitsForTheCanary) {
     again.listener.onState = [&order](size_t member, const Member& what) {
         order.push_back(std::to_string(member) + StateName(what.progress.state));
     };
-    again.Fly({second.AsMember(), third.AsMember()});
+    again.Fly({MemberOf(second), MemberOf(third)});
     EXPECT_EQ(again.StateOf(1), State::kDone) << again.members[1].text;
     const auto at = [&order](const std::string& text) {
         return std::find(order.begin(), order.end(), text) - order.begin();
@@ -255,7 +213,7 @@ TEST(FleetRun, FailuresStopNewStartsAndHarmlessOnesAreRetried) {
     flight.request.jobs = 1;
     flight.request.maxFailures = 2;
     flight.request.retries = 2;
-    flight.Fly({wrong.AsMember(), unlucky.AsMember(), good.AsMember()});
+    flight.Fly({MemberOf(wrong), MemberOf(unlucky), MemberOf(good)});
     EXPECT_EQ(flight.members[0].code, ExitCode::kRefused);
     EXPECT_EQ(flight.members[0].progress.attempts, 1)
         << "a wrong identity stays wrong, so no second attempt";
@@ -267,7 +225,7 @@ TEST(FleetRun, FailuresStopNewStartsAndHarmlessOnesAreRetried) {
     strict.request.jobs = 1;
     strict.request.maxFailures = 1;
     Camera untouched(4);
-    strict.Fly({wrong.AsMember(), untouched.AsMember()});
+    strict.Fly({MemberOf(wrong), MemberOf(untouched)});
     EXPECT_EQ(strict.StateOf(1), State::kPlanned);
     EXPECT_EQ(untouched.device.Accepted(), 0);
     EXPECT_EQ(ReadJournal(strict.path).members.at(1).progress.state, State::kPlanned);
@@ -283,7 +241,7 @@ TEST(FleetRun, FailuresStopNewStartsAndHarmlessOnesAreRetried) {
     Flight doubt;
     doubt.request.retries = 2;
     doubt.request.times.verify = Millis(300);
-    doubt.Fly({mute.AsMember(), restarted.AsMember(), served.AsMember()});
+    doubt.Fly({MemberOf(mute), MemberOf(restarted), MemberOf(served)});
     EXPECT_EQ(doubt.StateOf(2), State::kDone) << doubt.members[2].text;
     const std::vector<Member> left = ReadJournal(doubt.path).members;
     for (size_t i = 0; i < 2; ++i) {
@@ -310,7 +268,7 @@ TEST(FleetRun, InterruptsFinishOrLeave) {
             flight.startNothing.Raise();
         }
     };
-    flight.Fly({first.AsMember(), second.AsMember()});
+    flight.Fly({MemberOf(first), MemberOf(second)});
     EXPECT_EQ(flight.StateOf(0), State::kDone) << flight.members[0].text;
     EXPECT_EQ(flight.StateOf(1), State::kPlanned);
 
@@ -326,7 +284,7 @@ TEST(FleetRun, InterruptsFinishOrLeave) {
         }
     };
     const auto start = kvtool::Clock::now();
-    leave.Fly({third.AsMember()});
+    leave.Fly({MemberOf(third)});
     EXPECT_LT(kvtool::SecondsSince(start), 20);
     EXPECT_EQ(leave.StateOf(0), State::kUploading);
 }
@@ -335,14 +293,14 @@ TEST(FleetRun, ADeviceThatSomebodyElseUpgradesIsLeftAlone) {
     Camera camera(1);
     Flight flight;
     const kvtool::DeviceLock lock(camera.mac);
-    flight.Fly({camera.AsMember()});
+    flight.Fly({MemberOf(camera)});
     EXPECT_EQ(flight.members[0].code, ExitCode::kBusy);
     EXPECT_TRUE(Contains(flight.members[0].text, "process " + std::to_string(getpid())))
         << flight.members[0].text;
     EXPECT_TRUE(camera.device.UpgradeRequest().empty());
 }
 
-// The disk becomes full at different lines. kvtool makes no step that it could not announce. It
+// The disk becomes full at different lines. kvtool takes no step that it could not announce. It
 // still follows what the device does by itself.
 TEST(FleetRun, AFullDiskUnderTheJournalSendsNothingMore) {
     kv_test::RequireSandbox();
@@ -351,7 +309,7 @@ TEST(FleetRun, AFullDiskUnderTheJournalSendsNothingMore) {
         Camera camera(1);
         Flight flight;
         ASSERT_EQ(mount("tmpfs", flight.folder.Path().c_str(), "tmpfs", 0, "size=4k"), 0);
-        Member member = camera.AsMember();
+        Member member = MemberOf(camera);
         member.firmware = std::string(filling, 'x');
         flight.Fly({member});
         EXPECT_TRUE(Contains(flight.trouble, "No space left")) << flight.trouble;
@@ -365,126 +323,6 @@ TEST(FleetRun, AFullDiskUnderTheJournalSendsNothingMore) {
     }
     EXPECT_EQ(lastLines, (std::set<State>{State::kPlanned, State::kConnecting, State::kUploading,
                                           State::kFinishing, State::kAccepted}));
-}
-
-kv_test::CommandResult Tool(const std::string& arguments, const std::string& environment = "") {
-    return kv_test::Run(environment + " " + KVTOOL_PATH + " fleet " + arguments + " </dev/null");
-}
-
-// Kills a run once line `line` of the journal is on the disk, then resumes it.
-void KillAndResume(int line) {
-    Camera first(2 * line);
-    Camera second(2 * line + 1);
-    const kv_test::Folder folder;
-    const std::string journal = folder.Path("journal");
-    const std::string times =
-        " --yes --leave-timeout 3 --back-timeout 20 --interface lo --journal " + journal;
-    const auto killed =
-        Tool("upgrade /tmp/good " + first.address + " " + second.address + times,
-             "KILL_AT_SYNC=" + std::to_string(line) +
-                 " LD_PRELOAD=" KILL_AT_SYNC " ASAN_OPTIONS=verify_asan_link_order=0");
-    EXPECT_EQ(killed.status, 137) << line << "\n" << killed.output;
-    const JournalContents left = ReadJournal(journal);
-    EXPECT_EQ(kv_test::CountOf(kv_test::ReadFile(journal), "\n"), static_cast<size_t>(line));
-    const auto resumed = Tool("upgrade /tmp/good --resume" + times);
-    EXPECT_EQ(resumed.status, 0) << line << "\n" << resumed.output;
-    for (size_t i = 0; i < left.members.size(); ++i) {
-        if (left.members[i].progress.state == State::kFinishing) {
-            EXPECT_TRUE(kv_test::InOrder(resumed.output, {left.members[i].id, "in doubt"}));
-        }
-    }
-    EXPECT_EQ(first.device.Accepted(), 1) << line << "\n" << resumed.output;
-    EXPECT_EQ(second.device.Accepted(), 1) << line << "\n" << resumed.output;
-    EXPECT_EQ(Count(ReadJournal(journal).members).done, 2U);
-}
-
-TEST(FleetTool, ResumesAfterAKillAtEachChangeOfState) {
-    kv_test::RequireSandbox();
-    kv_test::WriteFile("/tmp/app", std::string(20000, 'a'));
-    ASSERT_EQ(kv_test::Run(KVTOOL_PATH " pack -o /tmp/good app=/tmp/app").status, 0);
-    constexpr int kLines = 12;  // a run, five states of two devices, an end
-    std::vector<std::thread> runs;
-    for (int line = 1; line <= kLines; ++line) {
-        runs.emplace_back(KillAndResume, line);
-    }
-    for (std::thread& run : runs) {
-        run.join();
-    }
-}
-
-TEST(FleetTool, RefusesBeforeAnythingIsSent) {
-    kv_test::WriteFile("/tmp/app", std::string(20000, 'a'));
-    ASSERT_EQ(kv_test::Run(KVTOOL_PATH " pack -o /tmp/good app=/tmp/app").status, 0);
-    kv_test::WriteFile("/tmp/damaged", "no journal\n");
-    Camera camera(1);
-    const std::string one = "upgrade /tmp/good " + camera.address + " --journal /tmp/j1 ";
-    EXPECT_EQ(Tool(one).status, 2) << "no terminal on which to ask";
-    EXPECT_EQ(Tool("upgrade /tmp/good --yes").status, 2) << "no device is named";
-    EXPECT_EQ(Tool(one + "--yes --resume").status, 2) << "nothing to resume";
-    EXPECT_EQ(Tool(one + "--yes --match colour=red").status, 2);
-    EXPECT_EQ(Tool("upgrade /tmp/app --yes " + camera.address).status, 3);
-    EXPECT_EQ(Tool("upgrade /tmp/good --yes --from /dev/null").status, 2) << "an empty list";
-    EXPECT_EQ(Tool("report /tmp/damaged").status, 3);
-    EXPECT_EQ(Tool("report /dev/null").status, 3);
-    const auto plan = Tool(one + "--dry-run");
-    EXPECT_EQ(plan.status, 0);
-    EXPECT_TRUE(kv_test::InOrder(plan.output, {camera.mac, camera.address, "_V1.0.0", "upgrade"}))
-        << plan.output;
-    EXPECT_FALSE(std::filesystem::exists("/tmp/j1"));
-    EXPECT_TRUE(camera.device.UpgradeRequest().empty());
-
-    // An absent device does not keep the other one from being upgraded.
-    const auto some = Tool("upgrade /tmp/good 127.1.0.250 " + camera.address +
-                           " --yes --interface lo --journal /tmp/j2 --json 2>/dev/null");
-    EXPECT_EQ(some.status, 13);
-    std::istringstream lines(some.output);
-    nlohmann::json last;
-    for (std::string line; std::getline(lines, line);) {
-        last = nlohmann::json::parse(line);
-        EXPECT_EQ(last["schema"], 1);
-    }
-    EXPECT_EQ(last["command"], "fleet upgrade");
-    EXPECT_EQ(last["done"], 1) << some.output;
-    EXPECT_EQ(last["devices"][0]["code"], 4);
-    EXPECT_EQ(Tool("upgrade /tmp/good --yes --journal /tmp/j2 " + camera.address).status, 2)
-        << "the journal has a run";
-    const auto report = Tool("report /tmp/j2 --csv");
-    EXPECT_EQ(kv_test::CountOf(report.output, "\r\n"), 3U) << report.output;
-    EXPECT_TRUE(Contains(Tool("report /tmp/j2 --html").output, "<td>" + camera.mac + "</td>"));
-    const JournalContents journal = ReadJournal("/tmp/j2");
-    for (const size_t width : {size_t{80}, size_t{120}, size_t{400}}) {
-        std::ostringstream table;
-        WriteTable(table, journal, width);
-        EXPECT_TRUE(kv_test::InOrder(table.str(), {"device ", "state ", "answers no search"}));
-        std::istringstream rows(table.str());
-        for (std::string row; std::getline(rows, row) && !Contains(row, "failed (4)");) {
-            EXPECT_LE(row.size(), width) << row;
-        }
-    }
-}
-
-TEST(FleetView, RowsFitTheWindow) {
-    kvtool::FleetRow row;
-    row.member.id = MacOf(1);
-    row.member.text = "fa\u00efled " + std::string(200, 'x');
-    row.last = std::string(100, 'y');
-    row.upload = {500, 1000, 2, 0, 25};
-    row.rate.Add(0, 0);
-    row.rate.Add(2, 500);
-    const auto now = kvtool::Clock::now();
-    for (size_t columns = 10; columns < 150; ++columns) {
-        for (int state = 0; state <= static_cast<int>(State::kFailed); ++state) {
-            row.member.progress.state = static_cast<State>(state);
-            EXPECT_LT(kvtool::Width(kvtool::FleetRowText(row, now, columns)), columns);
-        }
-    }
-    row.member.progress.state = State::kUploading;
-    const std::string text = kvtool::FleetRowText(row, now, 100);
-    EXPECT_TRUE(kv_test::InOrder(text, {MacOf(1), "uploading", "50%", "2 s left", "[###"})) << text;
-    std::vector<kvtool::FleetRow> rows(4);
-    rows[1].member.progress.state = State::kFailed;
-    rows[3].member.progress.state = State::kUploading;
-    EXPECT_EQ(kvtool::RowsToShow(rows, 2), (std::vector<size_t>{1, 3}));
 }
 
 }  // namespace

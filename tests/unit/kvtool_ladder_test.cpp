@@ -145,7 +145,7 @@ TEST(Ladder, ErrorsOfAScriptNameTheWord) {
         {"beat 1s, silnet 2s", "at 'silnet': unknown word (did you mean 'silent'?), character 10"},
         {"beat 60", "at the end: a time needs a unit: s, min or h, character 8"},
         {"beat 60 m", "at 'm': a time needs a unit"},
-        {"beat 0s", "at '0': a time must be longer than nothing"},
+        {"beat 0s", "at '0': a time must be longer than 0"},
         {"beat 1..5s", "at '1..5': not a number"},
         {"beat, silent", "at 'silent': the step before it has no time, so this one never begins"},
         {"power-cut, beat", "at 'beat': nothing follows a power cut"},

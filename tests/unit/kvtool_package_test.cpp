@@ -334,30 +334,35 @@ TEST(KvtoolVerify, ExpectsWhatTheWriterLeaves) {
     EXPECT_EQ(Verify(longer, "uboot", {first, filled, rest}).difference.count, 0U);
 }
 
-TEST(KvtoolFlashTime, ForeseesWhenThePowerMustHold) {
-    const auto foresee = [](std::vector<kvtool::ImageSpec> images) {
-        return kvtool::ForeseeFlashTime(kvtool::CheckPackage(
+TEST(KvtoolFlashTime, PredictsWhenThePowerMustHold) {
+    const auto predict = [](std::vector<kvtool::ImageSpec> images) {
+        return kvtool::PredictFlashTime(kvtool::CheckPackage(
             kvtool::BuildPackage(Request(std::move(images))).bytes, Layout::Default(), {}));
     };
-    // 32 blocks of the kernel's partition, the image's 390.6 and with the padding 512 pages; then
-    // 64 blocks and 256 pages of the application's, and 9 blocks and 4 pages of the boot loader's.
+    // The kernel's partition has 32 blocks. Its image has 390.6 pages, with the padding 512. Then
+    // come 64 blocks and 256 pages of the application, 9 blocks and 4 pages of the boot loader.
     const kvtool::FlashTime time =
-        foresee({{"uboot", Bytes(1000)}, {"kernel", Bytes(100000)}, {"app", Bytes(1)}});
-    ASSERT_EQ(time.windows.size(), 2U);
+        predict({{"uboot", Bytes(1000)}, {"kernel", Bytes(100000)}, {"app", Bytes(1)}});
+    ASSERT_EQ(time.windows.size(), 3U);
     EXPECT_EQ(time.windows[0].partition, "kernel");
     EXPECT_EQ(time.windows[0].risk, kvtool::CutRisk::kRescue);
     EXPECT_NEAR(time.windows[0].from, 0, 1e-9);
     EXPECT_NEAR(time.windows[0].seconds, 32 * 0.15 + 391 * 0.0007, 1e-9);
-    EXPECT_EQ(time.windows[1].risk, kvtool::CutRisk::kDead);
-    EXPECT_NEAR(time.windows[1].from, 96 * 0.15 + 768 * 0.0007, 1e-9);
-    EXPECT_NEAR(time.windows[1].seconds, 9 * 0.15 + 4 * 0.0007, 1e-9);
-    EXPECT_NEAR(time.seconds, 105 * 0.15 + 772 * 0.0007, 1e-9);
+    EXPECT_EQ(time.windows[1].partition, "app");
+    EXPECT_NEAR(time.windows[1].from, 32 * 0.15 + 512 * 0.0007, 1e-9);
+    EXPECT_NEAR(time.windows[1].seconds, 0.15, 1e-9);
     EXPECT_EQ(kvtool::PowerWindowText(time.windows[1]),
+              "must hold for 0.1 s, from 5.2 s on: after a cut the application may start damaged");
+    EXPECT_EQ(time.windows[2].risk, kvtool::CutRisk::kDead);
+    EXPECT_NEAR(time.windows[2].from, 96 * 0.15 + 768 * 0.0007, 1e-9);
+    EXPECT_NEAR(time.windows[2].seconds, 9 * 0.15 + 4 * 0.0007, 1e-9);
+    EXPECT_NEAR(time.seconds, 105 * 0.15 + 772 * 0.0007, 1e-9);
+    EXPECT_EQ(kvtool::PowerWindowText(time.windows[2]),
               "must hold for 1.4 s, from 14.9 s on: a cut kills the device");
-    EXPECT_TRUE(foresee({{"app", Bytes(1)}}).windows.empty());
+    EXPECT_TRUE(predict({{"var", Bytes(1)}}).windows.empty());
     Bytes bad = HandMade();
     bad[24 + 140] = 0;
-    EXPECT_EQ(kvtool::ForeseeFlashTime(kvtool::CheckPackage(bad, Layout::Default(), {})).seconds,
+    EXPECT_EQ(kvtool::PredictFlashTime(kvtool::CheckPackage(bad, Layout::Default(), {})).seconds,
               0);
 }
 

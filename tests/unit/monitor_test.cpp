@@ -169,8 +169,8 @@ TEST(Monitor, TheTimerFindsSilenceInTheSixthSecond) {
     EXPECT_EQ(kv_test::CountOf(out.Text(), "thread Start is OK"), 1U);
 }
 
-// No byte after the received ones is read, however few they are: they end at a page border, and the
-// next page is unreadable.
+// No byte after the received ones is read, however few they are. They end at the end of a page, and
+// the next page cannot be read.
 TEST(Heartbeat, EndsWithItsDatagram) {
     kv_test::RequireSandbox();
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));

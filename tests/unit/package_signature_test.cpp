@@ -103,7 +103,7 @@ TEST_F(PackageSignature, OpensWhatATrustedKeySigned) {
 
     EXPECT_FALSE(Open(Signed(Unsigned("uboot", 60), "other")));
     EXPECT_TRUE(Contains(log_.Text(), ", which is not trusted\n"));
-    EXPECT_FALSE(Open(Unsigned("uboot", 60))) << "room for a signature is no signature";
+    EXPECT_FALSE(Open(Unsigned("uboot", 60))) << "room for a signature is not a signature";
     EXPECT_FALSE(Open({}));
     EXPECT_FALSE(Logged("the package has changed"));
     EXPECT_EQ(kv::kOpenPackage(folder_.Path("missing").c_str(), "rb"), nullptr);

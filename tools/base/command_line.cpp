@@ -18,7 +18,7 @@ CLI::App* CommandWithoutChoice(CLI::App* app) {
     return app->get_require_subcommand_min() > 0 ? app : nullptr;
 }
 
-// The error for a word in place of a command; empty: there is no such word.
+// The error for an unknown word where a command should be. Empty if there is none.
 std::string UnknownCommand(CLI::App* app) {
     CLI::App* const parent = CommandWithoutChoice(app);
     const std::vector<std::string> rest = app->remaining(true);

@@ -22,7 +22,7 @@ enum class ExitCode : int {
     kNeverLeft = 10,      // accepted; the device was not seen to leave recovery mode
     kNoReply = 11,        // connected, but a request got no answer in time
     kNotSeenAlive = 12,   // accepted; left recovery mode, but was not seen alive
-    kSomeFailed = 13,     // of a fleet: not all devices are done; each has a code of its own
+    kSomeFailed = 13,     // not all devices of a fleet are done; each has a code of its own
     kInterrupted = 130,
 };
 

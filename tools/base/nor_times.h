@@ -1,5 +1,5 @@
 // How long a NOR flash chip is busy: typical times of a 16 MiB SPI NOR, from data sheets of such
-// parts. The virtual board's chip takes these times, and kvtool foresees with them how long a
+// parts. The virtual board's chip takes these times, and kvtool predicts with them how long a
 // device writes.
 #pragma once
 

@@ -1,4 +1,4 @@
-// Waits on the monotonic clock that Ctrl-C ends at once.
+// Waits on the monotonic clock. Ctrl-C ends each wait at once.
 #pragma once
 
 #include <chrono>
@@ -42,7 +42,8 @@ class Interrupt {
 class InterruptedBy {
   public:
     explicit InterruptedBy(const Interrupt& interrupt) : InterruptedBy(interrupt.Fd()) {}
-    // By what ends the waits of the thread that gave it.
+    // `threadInterrupt`: from ThreadInterrupt, called on another thread. What ends the waits of
+    // that thread then ends those of this one too.
     explicit InterruptedBy(int threadInterrupt);
     ~InterruptedBy();
     InterruptedBy(const InterruptedBy&) = delete;
@@ -52,12 +53,12 @@ class InterruptedBy {
     int before_;
 };
 
-// What ends this thread's waits, for a thread that works for it.
+// What ends this thread's waits. Give it to the InterruptedBy of a thread that works for this one.
 int ThreadInterrupt();
 
 // While it lives, the first SIGINT raises `first`; the second one, or a SIGTERM, raises both. One
-// more of the same kind ends the process in the usual way. Its end restores what CatchInterrupts
-// set up. Only one may exist at a time, on the main thread.
+// more of the same kind ends the process in the usual way. The destructor restores what
+// CatchInterrupts set up. Only one may exist at a time, on the main thread.
 class InterruptsInSteps {
   public:
     InterruptsInSteps(const Interrupt& first, const Interrupt& second);

@@ -19,7 +19,7 @@ constexpr Millis kWaitingTry{3000};
 struct Target {
     std::string host;
     uint16_t port;
-    std::optional<DiscoveryReply> reply;  // when it was searched for
+    std::optional<DiscoveryReply> reply;  // if kvtool searched for the device
 };
 
 // Where to connect. Searches for a device that is given by its MAC address. Takes the sender's
@@ -155,7 +155,7 @@ std::string StateLeft(const UpgradeRecord& record) {
     }
     switch (record.sent) {
         case Sent::kNothing:
-            return "nothing of the package was sent; the device stays as it is";
+            return "no part of the package was sent; the device stays as it is";
         case Sent::kPart:
             return "the device has only part of the package and flashes nothing; repeat the "
                    "upgrade once it answers in recovery mode";

@@ -25,7 +25,7 @@ struct UpgradeCommand {
     DeviceCommand device;
     std::string file;
     bool force = false;          // send in spite of errors found in the package
-    bool forceIdentity = false;  // send even if chip or sensor type differ
+    bool forceIdentity = false;  // send even if the chip or sensor type differs
     bool follow = true;
     std::optional<Millis> wait;         // how long to wait for the device to appear
     std::optional<uint16_t> alivePort;  // port that the running application opens

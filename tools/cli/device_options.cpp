@@ -73,7 +73,7 @@ void AddUpgrade(CLI::App* root, Chosen* chosen) {
     app->add_option("file", command.file, "Package")->required()->type_name("FILE");
     app->add_flag("--force", command.force, "Send in spite of errors found in the package");
     app->add_flag("--force-identity", command.forceIdentity,
-                  "Send even if chip or sensor type differ");
+                  "Send even if the chip or sensor type differs");
     app->add_flag("--no-follow", upgrade->noFollow, "End once the device has accepted the package");
     app->add_flag("--json", chosen->json, "Print JSON at the end, progress on standard error");
     AddLayout(app, &upgrade->layout);
@@ -122,12 +122,12 @@ void AddDiscover(CLI::App* root, Chosen* chosen) {
     app->add_option("--port", request.port, "UDP port")
         ->capture_default_str()
         ->check(CLI::Range(1, 65535));
-    AddSeconds(app, "--timeout", &request.timeout, "Seconds to listen; 1 a round with --watch");
-    app->add_option("--repeat", request.repeat, "Searches to send; 1 a round with --watch")
+    AddSeconds(app, "--timeout", &request.timeout, "Seconds to listen; 1 per round with --watch");
+    app->add_option("--repeat", request.repeat, "Searches to send; 1 per round with --watch")
         ->capture_default_str()
         ->check(CLI::Range(1, 1000));
     CLI::Option* watch =
-        app->add_flag("--watch", discover->watch, "Search until Ctrl-C, show changes");
+        app->add_flag("--watch", discover->watch, "Search until Ctrl-C and show changes");
     AddSeconds(app, "--gone-after", &discover->goneAfter,
                "Seconds of silence after which a device is gone");
     app->get_option("--gone-after")->needs(watch);

@@ -287,7 +287,7 @@ class LineWatcher {
         there_ = there;
     }
 
-    // Tells why this PC cannot search, once.
+    // Says once why this PC cannot search.
     void Trouble(const std::string& text) {
         if (!text.empty() && text != trouble_) {
             runner_->Note("this PC cannot search: " + text);

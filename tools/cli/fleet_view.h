@@ -22,14 +22,14 @@ std::string FleetTotalText(const FleetTotal& total, size_t columns);
 std::vector<size_t> RowsToShow(const std::vector<FleetRow>& rows, size_t lines);
 
 // After Ctrl-C: lists the devices under way and estimates the time that they need. `restartLimit`:
-// seconds that a device is followed at most.
+// the longest time that kvtool follows a device, in seconds.
 std::string UnderWayText(const std::vector<FleetRow>& rows, const FleetTotal& total,
                          double restartLimit, Clock::time_point now);
 
 class FleetView : public fleet::RunListener, public fleet::JournalWatcher {
   public:
     // Once `interrupted` is raised, the view lists the devices under way. `streamSize`: bytes of
-    // one upload. `restartLimit`: seconds that a device is followed at most.
+    // one upload. `restartLimit`: the longest time that kvtool follows a device, in seconds.
     FleetView(bool json, uint64_t streamSize, double restartLimit, const Interrupt& interrupted);
 
     void Changed(size_t member, const fleet::Member& what) override;

@@ -17,7 +17,7 @@ using ladder::State;
 
 constexpr size_t kNarrowest = 60;
 constexpr size_t kTimeColumn = 10;
-// Of one boot; a long log may have thousands of events.
+// Most lines shown for one boot; a long log may have thousands of events.
 constexpr size_t kMostLines = 60;
 constexpr size_t kLastLines = 10;
 
@@ -39,7 +39,7 @@ char Letter(State state) {
     return '?';
 }
 
-// Of the events that the band shows; 0: none.
+// The event's letter in the band; 0: the band does not show this event.
 char Letter(EventKind kind) {
     switch (kind) {
         case EventKind::kRestart:
@@ -168,7 +168,7 @@ void PrintMargins(std::ostream& out, const Boot& boot, size_t width) {
     }
     for (const ladder::MissedBeat& missed : margins.missed) {
         if (missed.step == EventKind::kOffline) {
-            continue;  // each of them is the silence of a heartbeat above or of a step below
+            continue;  // a heartbeat above or a step below already shows this silence
         }
         const std::string text = missed.late ? ": the next heartbeat came " +
                                                    ladder::SpanText(*missed.late) +

@@ -59,7 +59,7 @@ class PackInputs {
         return request;
     }
 
-    // For each input its role, its path as given, its size and digest; for an image also its name.
+    // The role, the path as given, the size and the digest of each input; the name of each image.
     const Json& Manifest() const { return manifest_; }
 
   private:
@@ -129,7 +129,7 @@ ExitCode RunPack(const PackCommand& command, const LayoutOptions& layout, Json* 
                                   kv::kSensorType + " will refuse this package");
     }
     for (const PowerWindow& window :
-         ForeseeFlashTime(CheckPackage(result.bytes, request.layout, {})).windows) {
+         PredictFlashTime(CheckPackage(result.bytes, request.layout, {})).windows) {
         if (window.risk == CutRisk::kDead) {
             result.warnings.push_back("boot loader: power " + PowerWindowText(window) +
                                       "; leave it out if it has not changed");
@@ -181,7 +181,7 @@ ExitCode RunInspect(const InspectCommand& command, const Layout& layout, Json* j
         if (signature) {
             std::cout << SignatureText(*signature) << '\n';
         } else if (report.signature) {
-            std::cout << "signature not checked, give --trusted-key: "
+            std::cout << "signature not checked, because there is no --trusted-key: "
                       << SignatureText(report.signature->text) << '\n';
         }
         PrintPackage(std::cout, report);

@@ -143,7 +143,7 @@ void PrintPackage(std::ostream& out, const PackageReport& report) {
     if (reached < entries.size()) {
         out << "entries from " << reached << " on: the device never reaches them\n";
     }
-    PrintFlashTime(out, ForeseeFlashTime(report));
+    PrintFlashTime(out, PredictFlashTime(report));
     PrintFindings(out, report);
     out << (report.Acceptable() ? "the device would install this package\n"
                                 : "NOT fit for the device: see the errors above\n");

@@ -24,9 +24,9 @@ struct ConformRequest {
     Bytes package;
 };
 
-// Tries all rules in order and gives each finding to `found` as soon as it is known. Takes
-// some seconds, with uploads about a minute and the device's restart. Throws ToolError:
-// kUnreachable if the device takes no connection at the beginning, kInterrupted.
+// Tries all rules in order and gives each finding to `found` as soon as it is known. Takes some
+// seconds. With uploads it takes about a minute, and the time of the device's restart. Throws
+// ToolError: kUnreachable if the device takes no connection at the beginning, kInterrupted.
 std::vector<Finding> Conform(const ConformRequest& request,
                              const std::function<void(const Finding&)>& found);
 

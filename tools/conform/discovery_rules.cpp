@@ -138,18 +138,18 @@ void Constants(const ConformRequest& request, Known* /*known*/, Trial* trial) {
     }
     const auto word = [&](const uint8_t* bytes, uint32_t value, const std::string& where) {
         trial->Expect(kv::GetLe32(bytes) == value,
-                      "the bytes at " + where + " are " + Hex(bytes, 4, " "));
+                      "the bytes at offset " + where + " are " + Hex(bytes, 4, " "));
     };
     word(wire.word16, kv::kDiscoveryWord16, "16");
     word(wire.word140, kv::kDiscoveryWord140, "140");
     word(wire.platform.word0, kv::kDiscoveryPlatformWord0, "292");
     word(wire.platform.word4, 0, "296");
     word(wire.platform.word8, kv::kDiscoveryPlatformWord8, "300");
-    trial->Expect(wire.byte20 == kv::kDiscoveryByte20, "the byte at 20 is not 1");
+    trial->Expect(wire.byte20 == kv::kDiscoveryByte20, "the byte at offset 20 is not 1");
     const auto zero = [&](const void* bytes, size_t size, const std::string& where) {
         const auto* first = static_cast<const uint8_t*>(bytes);
         trial->Expect(std::all_of(first, first + size, [](uint8_t byte) { return byte == 0; }),
-                      "the bytes from " + where + " on are not 0");
+                      "the bytes from offset " + where + " on are not 0");
     };
     zero(wire.reserved13, sizeof wire.reserved13, "13");
     zero(wire.reserved21, sizeof wire.reserved21, "21");
@@ -157,7 +157,7 @@ void Constants(const ConformRequest& request, Known* /*known*/, Trial* trial) {
     zero(wire.reserved248, sizeof wire.reserved248, "248");
     zero(wire.reserved260, sizeof wire.reserved260, "260");
     trial->Expect(memcmp(wire.enciphered, kEnciphered, sizeof kEnciphered) == 0,
-                  "the enciphered account is another");
+                  "the enciphered account is wrong");
 }
 
 }  // namespace

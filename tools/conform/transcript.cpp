@@ -15,7 +15,7 @@ void WriteBytes(std::ostream& out, char way, const Bytes& bytes) {
     std::string last;
     for (size_t at = 0; at < shown; at += kRow) {
         const std::string row = Hex(bytes.data() + at, std::min(kRow, shown - at), " ");
-        // As hexdump does, one star for all further rows that are equal.
+        // One star replaces all further rows that are equal, as in hexdump.
         if (row != last) {
             out << (at == 0 ? way : ' ') << ' ' << row << '\n';
         } else if (at < 2 * kRow || Hex(bytes.data() + at - 2 * kRow, kRow, " ") != last) {

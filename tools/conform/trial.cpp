@@ -31,7 +31,7 @@ void Trial::Record(Piece::Way way, const uint8_t* data, size_t size) {
     if (size == 0) {
         return;
     }
-    // Pieces of a stream follow each other; where TCP cuts them means nothing.
+    // Join what arrives in pieces: where TCP cuts a stream has no meaning.
     if (way == Piece::Way::kReceived && !finding_.exchange.empty() &&
         finding_.exchange.back().way == way) {
         Bytes& last = finding_.exchange.back().bytes;

@@ -38,10 +38,10 @@ class Trial {
         finding_.text = text;
     }
 
-    // The device differs from the rule. The trial may go on.
+    // Records how the device differs from the rule. The trial may go on.
     void Differs(const std::string& how);
     void Skip(const std::string& why);
-    // Differs unless `holds`. Returns `holds`.
+    // Records `otherwise` as a difference unless `holds`. Returns `holds`.
     bool Expect(bool holds, const std::string& otherwise);
 
     void Record(Piece::Way way, const uint8_t* data, size_t size);
@@ -52,11 +52,11 @@ class Trial {
     Finding finding_;
 };
 
-// The times that a trial waits.
+// How long a trial waits.
 struct TrialTimes {
     Millis connect{5000};
     Millis reply{5000};
-    Millis silence{1000};  // no answer for so long means that none comes
+    Millis silence{1000};  // without an answer in this time, the trial expects none
 };
 
 // A TCP connection that records what passes. Its functions throw ToolError(kInterrupted).

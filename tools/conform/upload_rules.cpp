@@ -8,7 +8,7 @@ namespace kvtool::conform {
 namespace {
 
 constexpr Millis kHeaderGap{300};       // so that the request arrives on its own
-constexpr Millis kSilenceLimit{20000};  // the device ends an upload that is silent for so long
+constexpr Millis kSilenceLimit{20000};  // the device ends an upload that is silent for this long
 constexpr Millis kTolerance{3000};
 constexpr Millis kVerdict{60000};
 constexpr Millis kPoll{500};
@@ -20,7 +20,7 @@ Bytes Trailer(const Bytes& package) {
     return Bytes(text.begin(), text.end());
 }
 
-// Opens a connection and announces an upload of so many bytes and a trailer.
+// Opens a connection and announces an upload of `size` bytes and a trailer.
 Line Announce(const ConformRequest& request, size_t size, Trial* trial) {
     Line line(trial, request.times, request.host, request.commandPort);
     (void)Ask(trial, &line, kv::kCmdLogin, 0);
@@ -48,7 +48,7 @@ void Cut(const ConformRequest& request, Known* /*known*/, Trial* trial) {
     (void)Ask(trial, &next, kv::kCmdHeartbeat, 0);
 }
 
-// Waits for a device that restarts. Its session, kept by every login, then starts anew.
+// Waits until the device has restarted. Logins keep its session, so a new session shows a restart.
 bool AwaitRestart(const ConformRequest& request, uint32_t session) {
     const Clock::time_point deadline = Clock::now() + request.restart;
     while (Clock::now() < deadline) {

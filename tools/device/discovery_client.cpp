@@ -59,8 +59,8 @@ bool Wanted(const std::vector<std::string>& interfaces, const char* name) {
            std::find(interfaces.begin(), interfaces.end(), name) != interfaces.end();
 }
 
-// The broadcast address of each subnet, and the limited one. The latter also reaches a device with
-// an address of another subnet.
+// The broadcast address of each subnet, and the limited broadcast address. The latter also reaches
+// a device with an address of another subnet.
 std::vector<Target> BroadcastTargets(const std::vector<std::string>& interfaces) {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) {

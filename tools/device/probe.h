@@ -10,7 +10,7 @@ namespace kvtool {
 
 enum class ProbeState {
     kRecovery,     // a login was answered
-    kOther,        // something does not speak the protocol, or closed the connection
+    kOther,        // the other end does not speak the protocol, or closed the connection
     kSilent,       // connected, but no answer in time
     kRefused,      // the host is there, the port is closed
     kUnreachable,  // no connection at all

@@ -66,12 +66,12 @@ class ProtocolClient {
     uint32_t session_ = 0;
 };
 
-// Connects to the first endpoint that accepts. The time-out applies to each endpoint.
-// Throws ToolError(kUnreachable).
 struct Connected {
     UniqueFd fd;
     Endpoint endpoint;
 };
+// Connects to the first endpoint that accepts. The time-out applies to each endpoint.
+// Throws ToolError(kUnreachable).
 Connected ConnectAny(const std::string& host, uint16_t port, Millis timeout);
 
 }  // namespace kvtool

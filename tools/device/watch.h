@@ -19,7 +19,7 @@ struct DeviceChange {
     enum class Kind { kAppeared, kChanged, kGone };
     Kind kind;
     FoundDevice device;
-    FoundDevice before;  // of kChanged
+    FoundDevice before;  // only for kChanged
 };
 
 // Compares the answers of one search with earlier ones. Uses no clock and no network.

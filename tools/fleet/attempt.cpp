@@ -53,7 +53,8 @@ void Attempt::Take(const FoundDevice& device) {
     member_.alivePort = request_.alivePort.value_or(found.alivePort);
 }
 
-// A device that was refused may have a double. Only a search among all devices shows that.
+// Another device may have the MAC address of a device that was refused. Only a search among all
+// devices shows that.
 bool Attempt::Locate() {
     const bool refused = member_.code == ExitCode::kRefused;
     return refused ? SearchFor(true) || AskThere() : AskThere() || SearchFor(false);

@@ -198,7 +198,8 @@ std::optional<double> ParseTime(const std::string& text) {
     }
     char* end = nullptr;
     const double fraction = strtod(rest, &end);
-    if (std::string(end) != "Z") {
+    // An exponent could make it 1 or more.
+    if (std::string(end) != "Z" || fraction >= 1) {
         return std::nullopt;
     }
     return static_cast<double>(timegm(&parts)) + fraction;
@@ -242,8 +243,8 @@ JournalContents ReadJournal(const std::string& path) {
     JournalContents contents = reader.Take();
     contents.torn = torn;
     contents.whole = whole;
-    // Without a complete run only the beginning of its line shows that this is a journal. Any other
-    // file must not be cut.
+    // Without a complete run, only the beginning of the first line shows that this is a journal. No
+    // other file may be cut.
     const size_t compared = std::min(text.size(), kLineBegin.size());
     const bool begins = text.compare(0, compared, kLineBegin, 0, compared) == 0;
     if (contents.runs == 0 && (whole > 0 || (torn && !begins))) {

@@ -45,7 +45,7 @@ struct PackageName {
 struct JournalContents {
     PackageName package;  // of the first run
     int runs = 0;
-    // Of the latest run, in seconds since 1970. Without an end it was cut off, or goes on.
+    // Times of the latest run, in seconds since 1970. A run without an end was cut off or goes on.
     double started = 0;
     std::optional<double> ended;
     std::optional<int> exitCode;
@@ -76,7 +76,7 @@ class Journal {
     Journal(Journal&& other) noexcept
         : path_(std::move(other.path_)), fd_(std::move(other.fd_)), size_(other.size_) {}
 
-    // Null for no watcher.
+    // Null: no watcher.
     void Tell(JournalWatcher* watcher) { watcher_ = watcher; }
 
     // A run begins and adds these devices to the plan: all of them or, after a crash here, none.

@@ -47,7 +47,7 @@ class Planner {
         }
     }
 
-    // The devices that the user named, then all others with --all.
+    // Takes the devices that the user named and then, with --all, all others.
     void AskNamed() {
         std::vector<std::optional<FoundDevice>> answers(request_.hosts.size());
         ForEach(answers.size(), kAskers, [&](size_t i) { answers[i] = Ask(request_.hosts[i]); });

@@ -35,7 +35,7 @@ struct Plan {
 // Throws ToolError(kUnreachable) if no search is possible.
 Plan MakePlan(const PlanRequest& request, std::vector<Member> members);
 
-// Whether a run does anything with the device but report why it is refused.
+// Whether a run does more with the device than report why it is refused.
 bool WillStart(const Member& member);
 // What will happen to a device, in words.
 std::string Intention(const Member& member);

@@ -82,7 +82,7 @@ Millis Runner::PauseBefore(const Member& member) const {
     return member.progress.reached == State::kUploading ? request_.retryPause : Millis(0);
 }
 
-// A device waits for one attempt at most.
+// A device is in the queue at most once.
 void Runner::Queue(size_t index, Millis pause) {
     if (std::none_of(waiting_.begin(), waiting_.end(),
                      [index](const Waiting& waiting) { return waiting.member == index; })) {
@@ -168,7 +168,8 @@ bool Runner::Held(size_t index) const {
 
 std::optional<size_t> Runner::TakeWaiting(Clock::time_point* wake) {
     const Clock::time_point now = Clock::now();
-    // Another attempt may have been asked for while one was beginning that has ended well since.
+    // TryAgain may have queued a device whose attempt was just beginning. That attempt may have
+    // ended well since.
     waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(),
                                   [this](const Waiting& item) {
                                       return NextFor(members_[item.member].progress) ==
@@ -304,7 +305,7 @@ void Runner::Run() {
         while (running > 0) {
             (void)changed_.wait_for(lock, kTick);
             if (request_.startNothing.Raised()) {
-                Stop("interrupted: no more upgrades start");
+                Stop("no more upgrades start: stop requested");
             }
             listener_->Tick();
         }

@@ -46,7 +46,7 @@ class RunListener {
     virtual void Progress(size_t member, const UploadProgress& progress) = 0;
     // What happens to the member, in words.
     virtual void Line(size_t member, const std::string& text) = 0;
-    // About the run as a whole.
+    // A message about the run as a whole.
     virtual void Note(const std::string& text) = 0;
     // About ten times a second.
     virtual void Tick() = 0;
@@ -68,7 +68,7 @@ class Runner {
     void Note(const std::string& text) {
         Tell([&text](RunListener* listener) { listener->Note(text); });
     }
-    // Lists a device that this run leaves as it is. Before Run.
+    // Lists a device that this run leaves as it is. Call it before Run.
     void AddIdle(Member member);
     // Blocks until there is nothing left to do and nothing under way. May be called once.
     void Run();

@@ -86,7 +86,7 @@ const char* LeftText(State reached) {
         case State::kAccepted:
             return "it has accepted the package and continues by itself; do not switch it off";
         default:
-            return "nothing of the package was sent; it stays as it is";
+            return "no part of the package was sent; it stays as it is";
     }
 }
 

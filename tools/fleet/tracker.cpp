@@ -48,7 +48,7 @@ RunTotal Tracker::Total(Clock::time_point now) const {
     RunTotal total;
     total.rate = rate_.Rate();
     total.followed = followedCount_ > 0 ? followedSum_ / static_cast<double>(followedCount_) : 0;
-    double left = 0;  // for the devices that are followed already
+    double left = 0;  // of the devices that kvtool already follows
     for (const TrackedMember& row : rows_) {
         const State state = row.member.progress.state;
         if (state == State::kDone) {

@@ -1,4 +1,4 @@
-// What a view shows of a run: the latest of each device, and the total.
+// What a view shows of a run: the latest about each device, and the totals.
 #pragma once
 
 #include <cstdint>

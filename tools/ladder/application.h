@@ -21,10 +21,10 @@ struct Signal {
     bool ready = false;
 };
 
-// What a log shows of a boot beyond the heartbeats, or a script presumes.
+// What a log shows, or a script presumes, about a boot besides the heartbeats.
 struct BootFacts {
-    std::optional<bool> marker;  // whether it existed; otherwise it is as the boot before left it
-    bool restartSpent = false;   // the boot has had its restart before its time 0
+    std::optional<bool> marker;  // whether it existed; none: it is as the boot before left it
+    bool restartSpent = false;   // the boot had its restart before its time 0
     bool recovery = false;       // no application is installed, or the debug marker existed
 };
 
@@ -37,7 +37,7 @@ class Application {
 
     // Begins the first boot, or the one that follows `before`. False: there is none.
     virtual bool NextBoot(const Boot* before, BootFacts* facts) = 0;
-    // Boots with the same key sound alike. Empty: no boot is like another.
+    // Boots with the same key have the same signals. Empty: no boot is like another.
     virtual std::string Key() const = 0;
     // The next signal of this boot, in the order of their times. None: silence for ever.
     virtual std::optional<Signal> Next() = 0;

@@ -2,153 +2,30 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 
 #include "tools/base/text.h"
+#include "tools/ladder/scale.h"
+#include "tools/ladder/svg.h"
 
 namespace kvtool::ladder {
 
 namespace {
 
+using svg::Line;
+using svg::Number;
+using svg::Rect;
+using svg::Text;
+using svg::TextWidth;
+
 constexpr double kWidth = 800;
-constexpr double kLeft = 96;  // of the lanes; their names stand before it
+constexpr double kLeft = 96;  // where the lanes begin, behind their names
 constexpr double kRight = 24;
 constexpr double kLabelHeight = 16;
 constexpr double kLaneHeight = 26;
 constexpr double kThinHeight = 9;
 constexpr double kGap = 5;
-constexpr double kLetter = 6.3;  // average width of a letter of a label
-// A time without events that is longer than kLongStretch is drawn as long as kShortened.
-constexpr Ms kLongStretch = 240'000;
-constexpr Ms kShortened = 60'000;
 constexpr size_t kMostLabels = 24;
 constexpr size_t kMostSentences = 80;
-
-constexpr char kStyle[] = R"(<style>
-text { font: 11px system-ui, "Segoe UI", Roboto, Helvetica, Arial, sans-serif; fill: #1f2328 }
-.title { font-size: 14px; font-weight: 600 }
-.boot { font-size: 12px; font-weight: 600 }
-.soft { fill: #59636e }
-.on { fill: #fff; text-anchor: middle }
-.onlight { fill: #1f2328; text-anchor: middle }
-.page { fill: #fff; stroke: #d1d9e0 }
-.axis, .tick { stroke: #818b98 }
-.step { stroke: #1f2328; stroke-width: 1.5 }
-.flag { stroke: #818b98; stroke-dasharray: 2 2 }
-.break { fill: #fff }
-.label { paint-order: stroke; stroke: #fff; stroke-width: 3px }
-.ready { fill: #1a7f37 } .not_ready { fill: #0e7490 } .silent { fill: #d1d9e0 } .offline { fill: #f2b84b }
-.recovery { fill: #0969da } .upgrade { fill: #8250df } .button { fill: #9a6700 } .marker { fill: #cf222e }
-.lane { fill: #f0f2f4 }
-@media (prefers-color-scheme: dark) {
-text { fill: #e6edf3 }
-.soft { fill: #9198a1 }
-.on { fill: #fff }
-.onlight { fill: #0d1117 }
-.page { fill: #0d1117; stroke: #3d444d }
-.axis, .tick { stroke: #656c76 }
-.step { stroke: #e6edf3 }
-.flag { stroke: #656c76 }
-.break { fill: #0d1117 }
-.label { stroke: #0d1117 }
-.ready { fill: #238636 } .not_ready { fill: #0e7490 } .silent { fill: #8b949e } .offline { fill: #d29922 }
-.recovery { fill: #1f6feb } .upgrade { fill: #8957e5 } .button { fill: #e3b341 } .marker { fill: #f85149 }
-.lane { fill: #1c2129 }
-}
-</style>
-)";
-
-std::string Number(double value) {
-    std::array<char, 32> text{};
-    (void)snprintf(text.data(), text.size(), "%.1f", value);
-    std::string number = text.data();
-    if (number.size() > 2 && number.compare(number.size() - 2, 2, ".0") == 0) {
-        number.resize(number.size() - 2);
-    }
-    return number;
-}
-
-double TextWidth(const std::string& text) {
-    return kLetter * static_cast<double>(text.size());
-}
-
-std::string Rect(double x, double y, double width, double height, const std::string& style,
-                 double round = 0) {
-    return "<rect x=\"" + Number(x) + "\" y=\"" + Number(y) + "\" width=\"" + Number(width) +
-           "\" height=\"" + Number(height) + "\"" +
-           (round > 0 ? " rx=\"" + Number(round) + "\"" : "") + " class=\"" + style + "\"/>\n";
-}
-
-std::string Line(double x1, double y1, double x2, double y2, const char* style) {
-    return "<line x1=\"" + Number(x1) + "\" y1=\"" + Number(y1) + "\" x2=\"" + Number(x2) +
-           "\" y2=\"" + Number(y2) + "\" class=\"" + style + "\"/>\n";
-}
-
-std::string Text(double x, double y, const std::string& text, const char* style,
-                 const char* anchor = "") {
-    return "<text x=\"" + Number(x) + "\" y=\"" + Number(y) + "\"" +
-           (*style != '\0' ? " class=\"" + std::string(style) + "\"" : "") +
-           (*anchor != '\0' ? " text-anchor=\"" + std::string(anchor) + "\"" : "") + ">" +
-           MarkupText(text) + "</text>\n";
-}
-
-// Where the times of one boot are drawn. Long stretches without events are shortened.
-class Scale {
-  public:
-    explicit Scale(const Boot& boot);
-
-    // Milliseconds that the whole boot takes on the picture.
-    Ms Drawn() const { return drawn_.back(); }
-    double Place(Ms at) const;
-    // The shortened stretches.
-    std::vector<std::pair<Ms, Ms>> Breaks() const;
-
-  private:
-    std::vector<Ms> times_;
-    std::vector<Ms> drawn_;
-};
-
-Scale::Scale(const Boot& boot) : times_({0, boot.length}) {
-    for (const Period& period : boot.periods) {
-        times_.push_back(period.from);
-        times_.push_back(period.to);
-    }
-    for (const Event& event : boot.events) {
-        times_.push_back(event.at);
-    }
-    std::sort(times_.begin(), times_.end());
-    times_.erase(std::unique(times_.begin(), times_.end()), times_.end());
-    drawn_.push_back(0);
-    for (size_t i = 1; i < times_.size(); ++i) {
-        const Ms stretch = times_[i] - times_[i - 1];
-        drawn_.push_back(drawn_.back() + (stretch > kLongStretch ? kShortened : stretch));
-    }
-}
-
-double Scale::Place(Ms at) const {
-    const auto next = std::upper_bound(times_.begin(), times_.end(), at);
-    if (next == times_.end()) {
-        return static_cast<double>(drawn_.back());
-    }
-    const auto i = static_cast<size_t>(next - times_.begin());
-    if (i == 0) {
-        return 0;
-    }
-    const double share =
-        static_cast<double>(at - times_[i - 1]) / static_cast<double>(times_[i] - times_[i - 1]);
-    return static_cast<double>(drawn_[i - 1]) +
-           share * static_cast<double>(drawn_[i] - drawn_[i - 1]);
-}
-
-std::vector<std::pair<Ms, Ms>> Scale::Breaks() const {
-    std::vector<std::pair<Ms, Ms>> breaks;
-    for (size_t i = 1; i < times_.size(); ++i) {
-        if (times_[i] - times_[i - 1] > kLongStretch) {
-            breaks.emplace_back(times_[i - 1], times_[i]);
-        }
-    }
-    return breaks;
-}
 
 const char* Words(State state) {
     switch (state) {
@@ -201,7 +78,7 @@ bool IsBigStep(EventKind kind) {
 
 struct Label {
     double x;
-    double from;  // of its text
+    double from;  // where its text begins
     std::string text;
     size_t row;
     bool big;
@@ -229,7 +106,7 @@ class BootPicture {
 
     const Boot& boot_;
     Scale scale_;
-    double unit_;  // pixels a millisecond
+    double unit_;  // pixels per millisecond
     std::string out_;
 };
 
@@ -263,7 +140,7 @@ std::vector<Label> BootPicture::Labels() const {
         const bool left = x + width > kWidth - kRight;
         const double from = left ? x - width : x;
         size_t row = 0;
-        while (row < ends.size() && ends[row] + kLetter > from) {
+        while (row < ends.size() && ends[row] + TextWidth(" ") > from) {
             ++row;
         }
         if (row == ends.size()) {
@@ -325,7 +202,7 @@ void BootPicture::Owned(double y, const char* name, const char* style,
     }
 }
 
-// While the supervisor watches the button.
+// The times in which the supervisor watches the button.
 std::vector<std::pair<Ms, Ms>> BootPicture::ButtonSpans() const {
     std::vector<std::pair<Ms, Ms>> spans;
     bool open = false;
@@ -432,7 +309,7 @@ std::string Legend(const Timeline& timeline, double y) {
     return out;
 }
 
-// The picture in words, for those who do not see it.
+// The picture in words, for people who cannot see it.
 std::string Description(const Timeline& timeline) {
     std::string text;
     size_t sentences = 0;
@@ -451,7 +328,7 @@ std::string Description(const Timeline& timeline) {
     return text + "Result: " + ResultText(timeline) + ".";
 }
 
-// The title as it is seen: at most as wide as the picture.
+// The title cut to the width of the picture.
 std::string SeenTitle(const std::string& title) {
     constexpr size_t kMost = 100;
     size_t length = std::min(title.size(), kMost);
@@ -482,7 +359,7 @@ std::string Picture(const Timeline& timeline, const std::string& title) {
            Number(kWidth) + "\" height=\"" + Number(height) +
            "\" role=\"img\" aria-labelledby=\"title desc\">\n<title id=\"title\">" +
            MarkupText(title) + "</title>\n<desc id=\"desc\">" + MarkupText(Description(timeline)) +
-           "</desc>\n" + kStyle + Rect(0.5, 0.5, kWidth - 1, height - 1, "page", 6) +
+           "</desc>\n" + svg::StyleSheet() + Rect(0.5, 0.5, kWidth - 1, height - 1, "page", 6) +
            Text(16, 24, SeenTitle(title), "title") + body + "</svg>\n";
 }
 

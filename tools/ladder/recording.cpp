@@ -111,7 +111,7 @@ std::optional<Signal> RecordedApplication::Next() {
 }
 
 bool RecordedApplication::Restarted(Ms at) {
-    (void)at;  // the log goes on with what really came
+    (void)at;  // the log has what really came after the restart
     return false;
 }
 

@@ -1,4 +1,4 @@
-// What logs tell of an application: heartbeat logs and trace logs, read into one form.
+// What logs say about an application: heartbeat logs and trace logs, read into one form.
 #pragma once
 
 #include <string>
@@ -55,7 +55,7 @@ class RecordedApplication : public Application {
     const Recording& recording_;
     size_t boot_ = 0;
     size_t next_ = 0;
-    Ms offset_ = 0;  // of this boot in the recorded one
+    Ms offset_ = 0;  // where this boot begins in the recorded one
     bool ended_ = false;
 };
 

@@ -99,7 +99,7 @@ bool IsBeating(State state) {
     return state == State::kReady || state == State::kNotReady;
 }
 
-// The periods of one boot, as they unfold.
+// Collects the periods of one boot in their order.
 class Periods {
   public:
     explicit Periods(std::vector<Period>* out) : out_(out) {}

@@ -7,7 +7,7 @@
 namespace kvtool::ladder {
 
 struct ReplayOptions {
-    // Of all boots together; the replay stops after it.
+    // The longest time to replay, all boots together.
     Ms limit = Ms{24} * 60 * 60 * 1000;
     // Also find out how late heartbeats could have come.
     bool margins = false;

@@ -139,7 +139,7 @@ Ms Parser::Duration() {
         all += value * static_cast<double>(unit->length);
     }
     if (all < 1 || all > static_cast<double>(kLongest)) {
-        Fail(start, "a time must be longer than nothing and at most a year");
+        Fail(start, "a time must be longer than 0 and at most a year");
     }
     return std::llround(all);
 }
@@ -192,7 +192,7 @@ void Parser::Repeat(ScriptStep* step, size_t depth) {
         if (Endless(inner) || inner.kind == StepKind::kPowerCut) {
             Fail(start, "a repetition needs steps that end and leave the power on");
         }
-        // At least: an inner repetition counts once.
+        // A lower limit: an inner repetition counts once.
         length += inner.kind == StepKind::kRepeat ? 1 : *inner.length;
     }
     if (length == 0) {

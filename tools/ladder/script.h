@@ -15,7 +15,7 @@ struct ScriptStep {
     StepKind kind = StepKind::kSilent;
     std::optional<Ms> length;  // none: for ever
     Ms interval = 1000;        // of heartbeats
-    // Of a repetition.
+    // For a repetition.
     std::vector<ScriptStep> steps;
     std::optional<int64_t> times;  // none: for ever
 };

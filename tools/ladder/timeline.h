@@ -50,7 +50,7 @@ enum class End {
     kReboot,
     kRecovery,
     kPowerCut,
-    kSettled,   // the application beats on and on: nothing more happens
+    kSettled,   // the application goes on beating: nothing more happens
     kInputEnd,  // script or log end here
     kLimit,     // longer than the replay may last
 };
@@ -64,14 +64,14 @@ struct StepMargin {
 struct BeatMargin {
     Ms at;                          // the heartbeat
     Ms silence;                     // since the one before, or since the supervisor's start
-    std::vector<StepMargin> steps;  // that would have followed without it, in order
+    std::vector<StepMargin> steps;  // the steps that would have followed without it, in order
 };
 // A step that was taken.
 struct MissedBeat {
     EventKind step;
     Ms at;
-    std::optional<Ms>
-        late;  // how much too late the next heartbeat of this boot came; none: none came
+    // How much too late the next heartbeat of this boot came. None: no heartbeat came.
+    std::optional<Ms> late;
 };
 struct Margins {
     // The heartbeat that came closest to being too late, of those that the supervisor did not miss.
@@ -89,7 +89,7 @@ struct Boot {
     std::vector<Event> events;
     std::vector<Period> periods;  // without gaps, from 0 to length
     Margins margins;
-    // Of a log: what is not certain of this boot, for people.
+    // For a log: what is uncertain about this boot, in words.
     std::vector<std::string> notes;
 };
 
@@ -97,7 +97,7 @@ struct Timeline {
     std::vector<Boot> boots;
     // The boot that would follow the last one is like this one, and so on for ever.
     std::optional<int> repeats;
-    // Of a trace log: what it shows differently from the replay, for people.
+    // For a trace log: how it differs from the replay, in words.
     std::vector<std::string> differences;
 };
 
@@ -105,9 +105,9 @@ struct Timeline {
 std::string TimeText(Ms time);
 // "95 s", "2.5 s", "186 s", "13 min 10 s", "2 h".
 std::string SpanText(Ms span);
-// What an event means, for people: "offline: 6 s of silence; …".
+// What an event means, in words: "offline: 6 s of silence; …".
 std::string EventText(const Event& event);
-// How it all ends, for people.
+// How the time line ends, in words.
 std::string ResultText(const Timeline& timeline);
 
 }  // namespace kvtool::ladder

@@ -107,10 +107,10 @@ class BootReader {
 
     RecordedBoot boot_;
     bool begun_ = false;      // has a line
-    bool hasStart_ = false;   // has the line that the monitor starts behind
+    bool hasStart_ = false;   // has the line after which the monitor starts
     bool monitored_ = false;  // has a line of the monitor
     bool resting_ = false;    // recovery, or flash is being written
-    int64_t start_ = 0;       // the time 0 on the log's clock
+    int64_t start_ = 0;       // when the boot began, on the log's clock
     int64_t last_ = 0;
     int sequence_ = 0;
     long process_ = 0;
@@ -205,7 +205,8 @@ void BootReader::Monitor(Ms at, const std::string& message) {
         }
         Offline(at, silence, timeout);
     } else {
-        // The end of a check. After a reboot or recovery it would be resolved by now.
+        // A check has ended. If it had led to a reboot or to recovery, its escalation would be
+        // resolved by now.
         escalation_.reset();
     }
     monitored_ = true;
@@ -256,7 +257,7 @@ void BootReader::Escalated(Ms at) {
     }
 }
 
-// What the last escalation was. The restart, if the log has none before.
+// Sets what the last escalation was. Until then a log's first escalation is recorded as a restart.
 void BootReader::Resolve(EventKind kind) {
     if (!escalation_) {
         return;

@@ -33,32 +33,52 @@ std::optional<CutRisk> RiskOf(const LayoutRow& row) {
     if (row.name == "kernel" || row.name == "rootfs") {
         return CutRisk::kRescue;
     }
-    return std::nullopt;
+    return row.name == "app" ? std::make_optional(CutRisk::kDamage) : std::nullopt;
 }
 
 void AddImage(const EntryReport& entry, const LayoutRow& row, FlashTime* time) {
     const double erased = EraseSeconds(row.size);
     const std::optional<CutRisk> risk = RiskOf(row);
     if (risk) {
-        time->windows.push_back(
-            {*risk, row.name, time->seconds, erased + ProgramSeconds(entry.inFile)});
+        const double seconds =
+            *risk == CutRisk::kDamage ? EraseSeconds(1) : erased + ProgramSeconds(entry.inFile);
+        time->windows.push_back({*risk, row.name, time->seconds, seconds});
     }
     time->seconds += erased + ProgramSeconds(entry.inFile + entry.behind);
+}
+
+const char* Consequence(CutRisk risk) {
+    switch (risk) {
+        case CutRisk::kDead:
+            return "a cut kills the device";
+        case CutRisk::kRescue:
+            return "a cut needs a rescue";
+        case CutRisk::kDamage:
+            break;
+    }
+    return "after a cut the application may start damaged";
 }
 
 }  // namespace
 
 const char* CutRiskName(CutRisk risk) {
-    return risk == CutRisk::kDead ? "dead" : "rescue";
+    switch (risk) {
+        case CutRisk::kDead:
+            return "dead";
+        case CutRisk::kRescue:
+            return "rescue";
+        case CutRisk::kDamage:
+            break;
+    }
+    return "damage";
 }
 
 std::string PowerWindowText(const PowerWindow& window) {
     return "must hold for " + SecondsText(window.seconds) + ", from " + SecondsText(window.from) +
-           (window.risk == CutRisk::kDead ? " on: a cut kills the device"
-                                          : " on: a cut needs a rescue");
+           " on: " + Consequence(window.risk);
 }
 
-FlashTime ForeseeFlashTime(const PackageReport& report) {
+FlashTime PredictFlashTime(const PackageReport& report) {
     FlashTime time;
     for (const EntryReport& entry : report.entries) {
         if (entry.checkCode != kv::kEntryCheckCode) {

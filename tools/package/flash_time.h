@@ -1,4 +1,4 @@
-// Foresees how long a device writes a package, and when a power cut does harm.
+// Predicts how long a device writes a package, and when a power cut does harm.
 #pragma once
 
 #include <string>
@@ -9,13 +9,16 @@
 namespace kvtool {
 
 enum class CutRisk {
+    kDamage,  // the application may start although a part of it is lost
     kRescue,  // the device does not boot until its boot loader, or a programmer, writes the image
     kDead,    // the boot loader is torn: only a programmer helps
 };
 const char* CutRiskName(CutRisk risk);
 
 // A time in which the power must hold. From the first erasure of an image's partition until the
-// image's last page, the partition holds neither the old image nor the new one.
+// image's last page, the partition holds neither the old image nor the new one. The application's
+// window is the erasure of its first block: if the block loses only a part of its bytes, the old
+// file system may still mount. After that it does not mount before it is whole.
 struct PowerWindow {
     CutRisk risk;
     std::string partition;
@@ -31,10 +34,10 @@ struct FlashTime {
     std::vector<PowerWindow> windows;  // in the order of time
 };
 
-// For a chip with the times in tools/base/nor_times.h that erases blocks of 64 KiB. It takes the
-// partition sizes from the layout that the report was made with, and supposes that every image
-// differs from the one on the device. Partitions without a window do no harm to the boot: if the
-// application is torn, the device comes up in recovery mode.
-FlashTime ForeseeFlashTime(const PackageReport& report);
+// For a chip that erases blocks of 64 KiB in the times of tools/base/nor_times.h. Takes the
+// partition sizes from the layout that the report was made with, and assumes that every image
+// differs from the one on the device. At any other time a cut does no lasting harm: if the
+// application does not mount, the device comes up in recovery mode.
+FlashTime PredictFlashTime(const PackageReport& report);
 
 }  // namespace kvtool

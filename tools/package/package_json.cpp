@@ -100,7 +100,7 @@ Json PackageJson(const PackageReport& report) {
     for (const EntryReport& entry : report.entries) {
         json["entries"].push_back(EntryJson(entry));
     }
-    json["power"] = FlashTimeJson(ForeseeFlashTime(report));
+    json["power"] = FlashTimeJson(PredictFlashTime(report));
     json["findings"] = FindingsJson(report);
     return json;
 }

@@ -47,7 +47,7 @@ const PublicKey& FindKey(const std::vector<PublicKey>& keys, const KeyId& id,
         for (const PublicKey& other : keys) {
             trusted += (trusted.empty() ? "" : ", ") + KeyIdText(other.id);
         }
-        Refuse(file, "signed by key " + KeyIdText(id) + ", but trusted is " + trusted);
+        Refuse(file, "signed by key " + KeyIdText(id) + ", but the trusted key is " + trusted);
     }
     return *key;
 }

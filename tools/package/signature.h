@@ -26,7 +26,7 @@ struct Signature {
 struct EmbeddedSignature {
     uint64_t offset;  // of its image
     kv::PackageSignatureBytes bytes;
-    Signature text;  // whose signature it says that it is
+    Signature text;  // the key and the comment that it names
 
     uint64_t Size() const { return sizeof bytes + text.comment.size(); }
 };

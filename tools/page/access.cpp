@@ -53,7 +53,7 @@ bool SameSecret(std::string_view given, std::string_view secret) {
 Gate::Gate(uint16_t port, std::string token)
     : port_(port), token_(std::move(token)), cookieName_("kvtool_" + std::to_string(port)) {}
 
-// Whoever makes a name of the internet point at 127.0.0.1 sends that name here.
+// Somebody may make a name on the internet point at 127.0.0.1. A browser then sends that name.
 bool Gate::IsOwnHost(std::string_view host) const {
     const std::string given = Lower(host);
     for (const char* const name : {"127.0.0.1", "[::1]", "localhost"}) {
@@ -81,7 +81,7 @@ bool Gate::HasCookie(std::string_view cookies) const {
 
 unsigned Gate::Refuse(const Credentials& request, bool needsCookie, std::string* why) const {
     if (!IsOwnHost(request.host)) {
-        *why = "this server answers to its own address only";
+        *why = "this server answers only at its own address";
         return kMisdirected;
     }
     if (needsCookie && !HasCookie(request.cookie)) {

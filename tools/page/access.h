@@ -14,7 +14,7 @@ std::string NewToken();
 // Compares in a time that depends on the length of `secret` only.
 bool SameSecret(std::string_view given, std::string_view secret);
 
-// What of a request decides whether it may pass.
+// The parts of a request that decide whether it may pass.
 struct Credentials {
     std::string_view method;
     std::string_view host;         // header Host
@@ -29,14 +29,14 @@ class Gate {
   public:
     Gate(uint16_t port, std::string token);
 
-    // The HTTP status that refuses the request; 0: it may pass. *why is for people.
+    // The HTTP status that refuses the request; 0: it may pass. *why gets the reason in words.
     // Without `needsCookie` the request may come without the cookie.
     unsigned Refuse(const Credentials& request, bool needsCookie, std::string* why) const;
 
-    // Whether this is the token, or the one for the browser that this kvtool starts. The latter
-    // counts once: other users of the PC can read a program's arguments.
+    // Whether this is the token, or the one for the browser that this kvtool starts. The latter is
+    // valid once: other users of the PC can read a program's arguments.
     bool TakeToken(std::string_view given);
-    // A token that counts once. Replaces the one before.
+    // A token that is valid once. Replaces the one before.
     std::string TokenForBrowser();
     // The value of a Set-Cookie header.
     std::string SetCookie() const;
@@ -51,7 +51,7 @@ class Gate {
     uint16_t port_;
     std::string token_;
     std::string cookieName_;
-    std::mutex mutex_;  // for the next
+    std::mutex mutex_;  // for the next member
     std::string once_;
 };
 

@@ -11,7 +11,7 @@ namespace kvtool::page {
 namespace {
 
 constexpr size_t kRequestLimit = 1 << 20;
-constexpr Millis kBetween{250};  // two events of one reader, so that many changes go as one
+constexpr Millis kBetween{250};  // between two bundles of events, so that many changes go as one
 constexpr Millis kPingEvery{5000};
 constexpr char kJsonType[] = "application/json";
 constexpr char kHtmlType[] = "text/html; charset=utf-8";
@@ -27,7 +27,7 @@ constexpr char kNoEntry[] =
 constexpr char kWayIn[] =
     "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>kvtool</title>"
     "<meta http-equiv=\"refresh\" content=\"0;url=/\"></head>"
-    "<body><p><a href=\"/\">To the page</a></p></body></html>\n";
+    "<body><p><a href=\"/\">Go to the page</a></p></body></html>\n";
 
 std::string TypeOf(std::string_view name) {
     const std::string_view suffix = name.substr(name.rfind('.') + 1);
@@ -71,8 +71,8 @@ class Place {
     explicit Place(std::atomic<int>* count) : count_(count) {
         if (++*count_ > Api::kMostStreams) {
             --*count_;
-            throw HttpError(503, "the page is open " + std::to_string(Api::kMostStreams) +
-                                     " times: close some of them");
+            throw HttpError(503, "the page is open in " + std::to_string(Api::kMostStreams) +
+                                     " tabs: close some of them");
         }
     }
     ~Place() { --*count_; }
@@ -175,8 +175,9 @@ HttpReply Api::Dispatch(HttpCall* call) {
             return File(asset, *call);
         }
     }
-    throw HttpError(first != last ? 405 : 404,
-                    first != last ? "not with this method" : "there is nothing at this address");
+    throw HttpError(first != last ? 405 : 404, first != last
+                                                   ? "this address does not take that method"
+                                                   : "there is nothing at this address");
 }
 
 // The token in the address becomes a cookie, so it does not stay in the address.
@@ -188,8 +189,8 @@ HttpReply Api::Enter(HttpCall* call) {
         reply.status = 303;
         reply.headers.emplace_back("Location", "/");
     } else {
-        // Somebody clicked the address on another page. After a redirect from there, the browser
-        // would not send the cookie.
+        // Somebody clicked a link to this address on another page. After a redirect from there, the
+        // browser would not send the cookie.
         reply.type = kHtmlType;
         reply.body = kWayIn;
     }
@@ -236,14 +237,14 @@ void Api::SendEvents(HttpStream* stream) {
             if (!events.empty() && !stream->Write(events)) {
                 return;
             }
-            // Changes gather meanwhile.
+            // Collects changes meanwhile.
             WaitUntil(Clock::now() + kBetween);
             if (!stream->Wait(reader.Fd(), ping)) {
                 return;
             }
         }
     } catch (const ToolError&) {
-        // The server ends. The last event says so.
+        // The server is ending. The last event says so.
         (void)stream->Write(model_->EventsSince(&seq));
     }
 }
@@ -306,7 +307,7 @@ HttpReply Api::GetReport(HttpCall* call) {
     const std::string format = call->Query("format");
     const fleet::JournalContents journal = archive_->Read();
     if (journal.runs == 0) {
-        throw HttpError(404, "there was no run yet");
+        throw HttpError(404, "there has been no run yet");
     }
     std::ostringstream text;
     HttpReply reply;

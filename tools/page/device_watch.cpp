@@ -20,7 +20,8 @@ std::string TimeNow() {
     return fleet::TimeText(static_cast<double>(time(nullptr)));
 }
 
-// Its MAC address. Devices that share one, or tell none, are known by their address too.
+// The MAC address. Devices that share one are told apart by their addresses. A device without one
+// is known by its address alone.
 std::string IdOf(const FoundDevice& device) {
     const std::string& mac = device.reply.mac;
     if (mac.empty()) {
@@ -39,7 +40,7 @@ void DeviceList::Show(const std::string& id, const Known& known) {
     model_->SetDevice(id, json, known.lastSeen);
 }
 
-// Nobody on the network can fill the memory.
+// Keeps the list bounded, so nobody on the network can fill the memory.
 void DeviceList::Forget() {
     while (known_.size() > kMost) {
         auto oldest = known_.end();

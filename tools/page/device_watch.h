@@ -1,4 +1,4 @@
-// Looks for devices all the time and puts them into the model.
+// Searches for devices continuously and puts them into the model.
 #pragma once
 
 #include <map>
@@ -18,7 +18,7 @@ class DeviceList {
     // Takes a round of the watch. `time`: "2026-11-25T21:26:47Z".
     void Take(const WatchRound& round, const std::string& time);
 
-    // Of devices that are gone, so many are kept in all with those that are there.
+    // The most devices in the list. Beyond it, those that have been gone longest are dropped first.
     static constexpr size_t kMost = 4096;
 
   private:

@@ -32,7 +32,8 @@ constexpr Millis kSilence{30000};    // longest silence inside a body
 constexpr Millis kWriteTime{15000};  // longest time in which a client takes nothing
 constexpr Millis kLinger{3000};      // how long the rest of a refused body is taken
 
-// A socket as Beast wants it. Every wait has a deadline and ends with this thread's interrupt.
+// A socket with the functions that Beast calls. Every wait has a deadline and ends with this
+// thread's interrupt.
 class Socket {
   public:
     explicit Socket(UniqueFd fd) : fd_(std::move(fd)) {
@@ -160,7 +161,7 @@ class Call : public HttpCall {
         }
         return "";
     }
-    // Two headers of one name are not what a browser sends; none of them counts.
+    // A browser sends no header twice. If one comes twice, neither counts.
     std::string_view Header(std::string_view name) const override {
         const auto range = parser_->get().equal_range(beast::string_view(name.data(), name.size()));
         const bool one = range.first != range.second && std::next(range.first) == range.second;
@@ -180,7 +181,7 @@ class Call : public HttpCall {
 void Call::ReadBody(uint64_t limit, const Take& take) {
     const auto length = parser_->content_length();
     if (!length && parser_->chunked()) {
-        throw HttpError(411, "the request must tell its length");
+        throw HttpError(411, "the request must state its length");
     }
     if (length && *length > limit) {
         throw HttpError(413, "the request has " + std::to_string(*length) +
@@ -282,7 +283,7 @@ std::string Head(const HttpReply& reply, bool keep) {
 bool ServeRequest(Socket* socket, beast::flat_buffer* buffer, const HttpHandler& handler) {
     Parser parser;
     parser.header_limit(kHeadLimit);
-    // ReadBody has its own. Here, "none" would count as smaller than any length.
+    // ReadBody checks the limit itself. Beast would take "none" for a limit below any length.
     parser.body_limit(std::numeric_limits<uint64_t>::max());
     socket->ReadUntil(Clock::now() + kHeadTime);
     ErrorCode error;

@@ -105,7 +105,7 @@ class HttpServer {
     HttpHandler handler_;
     Interrupt stop_;
     std::vector<std::thread> acceptors_;
-    std::mutex mutex_;  // for the next
+    std::mutex mutex_;  // for the next member
     std::list<Connection> connections_;
 };
 

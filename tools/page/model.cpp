@@ -197,7 +197,7 @@ std::string Model::EventsSince(uint64_t* seq) const {
             add("note", note);
         }
     }
-    // Somebody who comes late must know too.
+    // A reader that comes late must learn it too.
     add("ending", ending_);
     return events;
 }

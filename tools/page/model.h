@@ -1,5 +1,5 @@
-// Everything that the page shows, as JSON, and what of it has changed. Every reader asks for what
-// is newer than what it has, so a slow one takes no memory.
+// Everything that the page shows, as JSON, and which parts have changed. Every reader asks for what
+// is newer than what it has, so a slow reader takes no memory.
 #pragma once
 
 #include <cstdint>
@@ -17,29 +17,30 @@ namespace kvtool::page {
 // May be used on any thread. No call blocks.
 class Model {
   public:
-    // Does not change later.
+    // Call it once: it does not change later.
     void SetServer(const Json& server);
     void SetSearch(const Json& search);
-    // A new `lastSeen` alone is no change.
+    // A new `lastSeen` alone does not count as a change.
     void SetDevice(const std::string& id, const Json& device, const std::string& lastSeen);
     void RemoveDevice(const std::string& id);
-    // Null for none.
+    // Null: there is no package.
     void SetPackage(const Json& package);
     void SetPlan(const Json& plan);
     void SetRun(const Json& run);
-    // The members of the run, by their number.
+    // Sets a member of the run by its number.
     void SetMember(size_t number, const Json& member);
     void ClearMembers();
-    // The keys of a member that change during its upload.
+    // Sets the keys of a member that change during its upload.
     void SetProgress(size_t number, const Json& progress);
     // A message for people. Only the latest few are kept.
     void Note(const std::string& text);
-    // The server ends while so many devices are under way.
+    // The server is ending and waits for this many devices.
     void SetEnding(size_t underWay);
 
     // One object, as in docs/kvtool-json.md.
     std::string State() const;
-    // The events after `*seq`, which moves to the present. The first call with 0 gives the state.
+    // The events after number `*seq`, which becomes the latest number. A call with 0 gives the
+    // whole state.
     std::string EventsSince(uint64_t* seq) const;
 
     // While it lives, its descriptor becomes readable when something has changed.

@@ -49,7 +49,7 @@ RunControl::RunControl(const RunSettings& settings, Archive* archive, Model* mod
     view_->End(contents.ended, contents.exitCode);
     members_ = std::move(contents.members);
     if (std::optional<Bytes> bytes = archive_->KeptPackage(journalMd5_)) {
-        // It was found trusted before its run began. A key that was named since then checks again.
+        // It was trusted when its run began. If the trusted key is another one now, this finds out.
         SetPackage(Inspect(contents.package.file, std::move(*bytes), settings_.layout,
                            settings_.trustedKey));
     }
@@ -137,7 +137,7 @@ std::vector<Member> RunControl::KnownDevices(Which which, const PlanOptions& opt
                                     : NextFor(member.progress) != Next::kNothing;
                      });
         if (known.empty()) {
-            throw HttpError(409, "there is no device to go on with");
+            throw HttpError(409, "there is no device to continue with");
         }
         return known;
     }
@@ -234,7 +234,7 @@ Json RunControl::Start(int plan) {
         throw HttpError(409, flying_ ? "a run is under way" : "kvtool is about to end");
     }
     if (!plan_ || plan_->id != plan) {
-        throw HttpError(409, "this plan is not valid any more: make a new one");
+        throw HttpError(409, "this plan is no longer valid: make a new one");
     }
     if (thread_.joinable()) {
         thread_.join();

@@ -45,21 +45,21 @@ class RunControl {
 
     // Each makes a plan and returns it as JSON, after some seconds of searching: for the devices
     // that the request names; for those of the journal that are not done; for those that failed and
-    // may be tried again. Throws HttpError(400) for a request that says nothing sensible.
+    // may be tried again. Throws HttpError(400) for a request that makes no sense.
     Json PlanFor(const Json& request);
     Json PlanResume(const Json& request);
     Json PlanRetry(const Json& request);
 
     // Begins the plan with this number. Returns the run.
     Json Start(int plan);
-    // Nothing more starts; what is under way goes on.
+    // Starts no more upgrades; those under way go on.
     void Stop();
-    // The same, and no other run begins.
+    // The same. Afterwards no other run begins.
     void StopForEnd();
 
-    // The run that is under way. Without one, nothing.
+    // The run that is under way; empty if there is none.
     Flying Now();
-    // The run ends without waiting for what is under way.
+    // Ends the run without waiting for the upgrades under way.
     void Abandon();
     bool Running();
 

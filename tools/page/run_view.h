@@ -51,7 +51,7 @@ class RunView : public fleet::RunListener {
     const Interrupt* stopping_;
     std::mutex mutex_;  // for everything below
     fleet::Tracker tracker_;
-    std::vector<Clock::time_point> shown_;  // the progress of each member
+    std::vector<Clock::time_point> shown_;  // when the progress of each member was last shown
     Clock::time_point runShown_;
     std::string stopped_;
     bool over_ = false;

@@ -27,8 +27,8 @@ struct UploadedPackage {  // NOLINT(bugprone-exception-escape)
 };
 using PackagePtr = std::shared_ptr<const UploadedPackage>;
 
-// Reads the body of the request into a file without a name in `folder`, which nobody else can open
-// and which goes with this process, then into memory. Throws HttpError.
+// Reads the body of the request into a file in `folder` and from there into memory. The file has no
+// name, so nobody else can open it and it disappears with this process. Throws HttpError.
 Bytes ReceiveFile(HttpCall* call, const std::string& folder);
 
 // Checks a package. `file` is the name that its owner gave it; it is never used as a path.

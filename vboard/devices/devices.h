@@ -29,8 +29,7 @@ struct DevicesConfig {
 
 // Makes the next operations of a device fail. `operation` is "open", "ioctl", "erase", "write" or
 // "read". "erase" is MEMERASE; "ioctl" is every other request for the device (for the watchdog, all
-// of them). A failed operation changes nothing. What is left of a fault carries over to the next
-// boot.
+// of them). A failed operation changes nothing. What is left of a fault applies to the next boot.
 struct Fault {
     std::string device;  // "mtd0" …, kAnyPartition or kWatchdog
     std::string operation;

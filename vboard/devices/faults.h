@@ -11,7 +11,7 @@
 
 namespace vboard {
 
-// Any thread.
+// May be used on any thread.
 class Faults {
   public:
     // Throws std::runtime_error when no operation can ever match: a test whose fault never happens
@@ -27,14 +27,14 @@ class Faults {
     std::vector<Fault> faults_;
 };
 
-// Any thread.
+// May be used on any thread.
 class PowerFault {
   public:
     // Replaces an earlier one that has not happened yet.
     void Set(const PowerCut& cut);
     bool Armed() const;
-    // Call it once for each step. Never kCut. After the cut, the chip's later steps are not this
-    // object's business: its user stops the chip.
+    // Call it once for each step. Never returns kCut. After the cut, the caller stops the chip:
+    // this object does not fail the later steps.
     StepEnd Next();
 
   private:

@@ -12,7 +12,7 @@
 
 namespace vboard {
 
-// What becomes of a step of the chip: the erasure of a block or the programming of a page.
+// How a step of the chip ends. A step is the erasure of a block or the programming of a page.
 enum class StepEnd {
     kWhole,       // the chip goes on
     kLast,        // whole, but the power fails right after it

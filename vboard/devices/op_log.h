@@ -26,7 +26,7 @@ struct LogEntry {
 // Members of a line, in order: "t" (seconds of the monotonic clock at the end of the operation),
 // "boot", "dev", "op", then "off", "len", "result" and the operation's own members, or "text" for a
 // note. On an accelerated board, "board" follows "t": seconds of the board's clock since the runner
-// started. "t" never decreases. Any thread.
+// started. "t" never decreases. May be used on any thread.
 class OpLog {
   public:
     // Appends to `file`; an empty name means no log. Throws std::runtime_error if the file cannot

@@ -10,7 +10,8 @@
 
 namespace vboard {
 
-// A flag that threads can test, poll and wait for. Once raised, it stays raised. Any thread.
+// A flag that threads can test, poll and wait for. Once raised, it stays raised. May be used on any
+// thread.
 class StopSignal {
   public:
     StopSignal();

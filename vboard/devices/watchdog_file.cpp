@@ -158,8 +158,8 @@ WatchdogFile::Answer WatchdogFile::Execute(const IoctlCall& call) {
         case WDIOC_GETBOOTSTATUS:
             return given(0);
         case WDIOC_KEEPALIVE:
-            // According to its number this request returns an int, but callers pass no place for
-            // one. So return nothing.
+            // According to its number, this request returns an int, but callers pass no place for
+            // one. So this returns nothing.
             return Do([](WatchdogTimer& timer, Time now) {
                 timer.KeepAlive(now);
                 return Answer{};
@@ -171,8 +171,8 @@ WatchdogFile::Answer WatchdogFile::Execute(const IoctlCall& call) {
         case WDIOC_SETTIMEOUT:
         case WDIOC_SETOPTIONS: {
             const bool timeout = call.request == WDIOC_SETTIMEOUT;
-            // WDIOC_SETOPTIONS takes an int, but its number says that it returns one, and the
-            // kernel copies as the number says. So the value is still only in the caller's memory.
+            // WDIOC_SETOPTIONS takes an int, but its number says that it returns one. The kernel
+            // copies as the number says, so the value is still only in the caller's memory.
             const std::optional<int> value =
                 timeout ? CopiedIn(call) : ReadCallerInt(call, bench_.stop);
             if (!value) {

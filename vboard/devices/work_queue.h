@@ -16,7 +16,7 @@ class WorkQueue {
     WorkQueue(const WorkQueue&) = delete;
     WorkQueue& operator=(const WorkQueue&) = delete;
 
-    // Any thread. Not after Finish.
+    // May be called on any thread, but not after Finish.
     void Post(std::function<void()> job);
     // Blocks until all jobs are done and the thread has ended. Do not call it from a job.
     void Finish();

@@ -1,4 +1,4 @@
-// Event loop: the part of libhv's API that the daemon calls, with libhv's names and meaning,
+// Event loop: the part of libhv's API that the program calls, with libhv's names and meaning,
 // implemented on libevent. A build with -DKV_HV=system uses an installed libhv instead. Code
 // outside hv/ may rely only on what this header promises.
 //
@@ -94,9 +94,10 @@ void* hio_context(hio_t* io);
 // Starts reading; a second call is harmless. The read callback gets at most 8192 bytes; the rest of
 // a longer datagram is lost. A NUL follows the data (libhv omits it after a full 8192 bytes). The
 // buffer belongs to the loop and is valid only during the callback. The callback may call any
-// function of this header on its io. The io is closed when the peer ends the connection. Any thread
-// while the io is attached to a loop; from then on the io belongs to that loop's thread. Returns 0,
-// or -1 with errno. A failed start closes the io; a detached io (ENOTCONN) stays as it is.
+// function of this header on its io. The loop closes the io when the peer ends the connection. Any
+// thread may start an io that is attached to a loop; afterwards the io belongs to that loop's
+// thread. Returns 0, or -1 with errno. A failed start closes the io; a detached io (ENOTCONN) stays
+// as it is.
 int hio_read(hio_t* io);
 // Stops reading: new data stays in the socket until hio_read_start. A read time-out keeps running.
 int hio_read_stop(hio_t* io);

@@ -18,7 +18,7 @@ export function el(name, attributes = {}, ...children) {
 
 export const byId = (id) => document.getElementById(id);
 
-// A text that comes from outside. Its direction cannot change the order of what stands around it.
+// A text that comes from outside. Its direction cannot change the order of the text around it.
 export const foreign = (text, attributes) => el("bdi", attributes, text);
 
 // Replaces characters that are invisible or change the direction. kvtool makes the texts that it sends safe itself.
@@ -41,6 +41,32 @@ export function setAttribute(element, name, value) {
 
 export const button = (text, onclick, attributes = {}) =>
   el("button", { type: "button", onclick, ...attributes }, text);
+
+// A table that the reader unfolds. An empty heading is a plain cell.
+export const foldedTable = (summary, headings, rows) =>
+  el(
+    "details",
+    {},
+    el("summary", {}, summary),
+    el(
+      "div",
+      { class: "wide" },
+      el(
+        "table",
+        { class: "plain" },
+        el(
+          "thead",
+          {},
+          el(
+            "tr",
+            {},
+            headings.map((text) => (text ? el("th", { scope: "col" }, text) : el("td"))),
+          ),
+        ),
+        el("tbody", {}, rows),
+      ),
+    ),
+  );
 
 export const pill = (kind, text) => el("span", { class: "pill", "data-kind": kind }, text);
 
@@ -74,7 +100,8 @@ export function clock(time) {
 
 export const timeElement = (time) => el("time", { datetime: time, title: time }, clock(time));
 
-// Calls each function once with the next frame, however often it is asked for until then. A hidden page has no frames.
+// Calls each function once with the next frame, however often it is asked for until then. A hidden page has no frames,
+// so there it uses a timer.
 const waiting = new Set();
 export function soon(paint) {
   if (waiting.size === 0) {
@@ -92,8 +119,8 @@ function paintAll() {
   paints.forEach((paint) => paint());
 }
 
-// Tells a screen reader. A later text of the same topic replaces one that was not told yet, and texts are told at most
-// every three seconds.
+// Announces a text to screen readers, at most every three seconds. A later text on the same topic replaces one that is
+// still waiting.
 const untold = new Map();
 let nextTold = null;
 export function announce(topic, text) {
@@ -105,7 +132,7 @@ export function announce(topic, text) {
   }, 3000);
 }
 
-// A message that stays at the top of the page until it is taken back with an empty text.
+// A message that stays at the top of the page until a call with an empty text removes it.
 export function banner(id, text, kind = "error", ...actions) {
   const old = byId(`banner-${id}`);
   if (!text) {
@@ -120,7 +147,7 @@ export function banner(id, text, kind = "error", ...actions) {
   }
 }
 
-// The same for something that went wrong and that the reader may dismiss.
+// A message about something that went wrong. The reader may dismiss it.
 export function complain(id, text) {
   banner(
     id,

@@ -1,5 +1,5 @@
-// Starts the page. A browser drops the files that are on their way when a cable is plugged in or an address changes, and
-// asks for a module that did not arrive only after a reload.
+// Starts the page. When a cable is plugged in or an address changes, a browser drops the files that are on their way.
+// It asks for a lost module again only after a reload.
 const kReloads = 10;
 const kAgainMs = 1000;
 
@@ -15,7 +15,7 @@ async function again() {
       return;
     }
   } catch {
-    // Not there at the moment.
+    // The server does not answer at the moment.
   }
   setTimeout(again, kAgainMs);
 }

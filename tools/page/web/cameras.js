@@ -1,4 +1,4 @@
-// The list of cameras. Rows are kept and changed in place, so the list stays quick with hundreds of cameras, and focus
+// The list of cameras. Rows are kept and changed in place, so the list stays fast with hundreds of cameras, and focus
 // and selection stay where they are.
 import { announce, byId, clock, count, el, foreign, pill, setAttribute, setText, since, soon } from "./base.js";
 import { openDetails } from "./details.js";
@@ -255,7 +255,7 @@ function paintEmpty(search) {
       el(
         "div",
         { class: "empty" },
-        el("p", {}, el("strong", {}, "No camera has answered yet."), " kvtool searches again every second."),
+        el("p", {}, el("strong", {}, "No camera has answered yet."), " kvtool searches again every two seconds."),
         el(
           "ul",
           {},
@@ -269,11 +269,11 @@ function paintEmpty(search) {
           el(
             "li",
             {},
-            "A camera answers only in recovery mode. It enters it when its application is silent for " +
-              "good, and needs some minutes to get there.",
+            "A camera answers only in recovery mode. It enters recovery mode some minutes after its application " +
+              "has fallen silent for good.",
           ),
           el("li", {}, "The camera must have joined the same network: look at the access point's list of clients."),
-          el("li", {}, "A firewall on this computer must let UDP port 6789 and the answers to it through."),
+          el("li", {}, "A firewall on this computer must let searches to UDP port 6789, and the answers, through."),
         ),
       ),
     );

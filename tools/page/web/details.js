@@ -1,5 +1,5 @@
-// The pane of one camera: what it says of itself, the upgrade under way, its history. Beside the list where there is
-// room for it, over the page elsewhere.
+// The pane of one camera: what it says about itself, the upgrade under way, its history. It is beside the list where
+// there is room, otherwise over the page.
 import { button, byId, count, duration, el, foreign, pill, soon, timeElement } from "./base.js";
 import { adviceFor, knownLists, phaseText } from "./run.js";
 import { ask, on, state } from "./server.js";
@@ -100,7 +100,7 @@ function historyItem({ member, states, package: what }) {
 
 function historyList() {
   if (!history) {
-    return el("p", { class: "hint" }, "Looking into the journal …");
+    return el("p", { class: "hint" }, "Reading the journal …");
   }
   if (history.error) {
     return el("p", { class: "trouble" }, history.error);
@@ -117,7 +117,7 @@ function paint() {
   const device = state.devices.get(shown);
   const member = state.members.get(shown);
   const body = pane().querySelector(".body");
-  // What the reader selects or scrolls stays unless something changed.
+  // Without a change, the reader's selection and scroll position stay.
   const key = JSON.stringify([
     device,
     member && { ...member, bytes_acknowledged: 0, rate: 0, seconds_left: 0 },
@@ -128,7 +128,7 @@ function paint() {
     body.replaceChildren(
       ...[
         member ? upgradeOf(member) : null,
-        el("h3", {}, "What it says of itself"),
+        el("h3", {}, "What it says about itself"),
         device ? factsOf(device) : el("p", { class: "hint" }, "It has not answered a search since kvtool was started."),
         el("h3", {}, "History"),
         historyList(),
@@ -153,7 +153,7 @@ async function askHistory() {
   }
 }
 
-// Opens the dialog as the width asks for.
+// Opens the dialog beside the list or over the page, depending on the width.
 function place() {
   pane().close();
   if (besides.matches) {

@@ -11,10 +11,10 @@ const kConnection = {
   live: ["Connected", ""],
   lost: [
     "No connection",
-    "No connection to kvtool. What you see is how things were. Cameras that are being upgraded do not " +
-      "need this page; this page tries to connect again.",
+    "No connection to kvtool. The page shows the last known state and tries to connect again. Upgrades under way do " +
+      "not need the page.",
   ],
-  stranger: ["No access", "kvtool was started anew. Open the address that it has printed in its terminal."],
+  stranger: ["No access", "kvtool was started again. Open the address that it has printed in its terminal."],
 };
 
 startPackage();

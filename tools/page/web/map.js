@@ -1,6 +1,6 @@
 // A picture of the flash to scale: what the package writes, what it erases, what stays. The table below the picture
 // says the same in words.
-import { count, el, foreign, size } from "./base.js";
+import { count, el, foldedTable, foreign, size } from "./base.js";
 
 const kSvg = "http://www.w3.org/2000/svg";
 const kTop = 18; // the names stand above the bar
@@ -45,7 +45,7 @@ function drawPartition(partition, start, total) {
   return box;
 }
 
-// Only where there is room: the table names all of them.
+// Names a partition only where there is room. The table names all of them.
 function drawName(partition, start, total) {
   const share = partition.size / total;
   return share < 0.03
@@ -81,7 +81,7 @@ function drawScale(total) {
   return scale;
 }
 
-// The pattern of what stays: told from the others without colours too.
+// The pattern of what stays. It differs from the others even without colours.
 function pattern() {
   return draw(
     "defs",
@@ -187,28 +187,6 @@ export function flashMap(unordered, entries) {
       key("erased", "erased"),
       key("stays", "stays"),
     ),
-    el(
-      "details",
-      {},
-      el("summary", {}, "Partition by partition"),
-      el(
-        "div",
-        { class: "wide" },
-        el(
-          "table",
-          { class: "plain" },
-          el(
-            "thead",
-            {},
-            el(
-              "tr",
-              {},
-              ["Partition", "Device", "Size", "What happens to it"].map((text) => el("th", { scope: "col" }, text)),
-            ),
-          ),
-          el("tbody", {}, rows),
-        ),
-      ),
-    ),
+    foldedTable("Partition by partition", ["Partition", "Device", "Size", "What happens to it"], rows),
   );
 }

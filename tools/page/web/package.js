@@ -7,6 +7,7 @@ import {
   count,
   banner,
   el,
+  foldedTable,
   foreign,
   pill,
   setAttribute,
@@ -78,34 +79,14 @@ function entriesTable(what) {
       el("td", { class: "code" }, entry.md5 ?? ""),
     ),
   );
-  return el(
-    "details",
-    {},
-    el("summary", {}, `${count(what.entries.length, "image")} in the package`),
-    el(
-      "div",
-      { class: "wide" },
-      el(
-        "table",
-        { class: "plain" },
-        el(
-          "thead",
-          {},
-          el(
-            "tr",
-            {},
-            ["#", "Name", "Partition", "Size", "", "MD5"].map((text) =>
-              text ? el("th", { scope: "col" }, text) : el("td"),
-            ),
-          ),
-        ),
-        el("tbody", {}, rows),
-      ),
-    ),
+  return foldedTable(
+    `${count(what.entries.length, "image")} in the package`,
+    ["#", "Name", "Partition", "Size", "", "MD5"],
+    rows,
   );
 }
 
-// Up to ten errors and warnings at once; the rest is folded away.
+// Shows up to ten errors and ten warnings. The rest, and all notes, are folded away.
 function findings(what) {
   const list = (some) =>
     el(
@@ -134,7 +115,7 @@ function verdict(what) {
       "p",
       { class: "verdict", "data-kind": "bad" },
       "The camera would refuse something in this package, or would write something other than its images. " +
-        "Build it anew, or override this in the plan.",
+        "Build it again, or override this in the plan.",
     );
   }
   return null;
@@ -196,13 +177,13 @@ function paintUpload(name, loaded, total) {
   const body = byId("package-body");
   let bar = byId("sending");
   if (!bar) {
-    bar = el("progress", { id: "sending", "aria-label": "Package to kvtool", max: 1 });
+    bar = el("progress", { id: "sending", "aria-label": "Upload of the package to kvtool", max: 1 });
     fold(false);
     body.replaceChildren(
       el(
         "div",
         { class: "sending" },
-        el("p", {}, "Giving ", foreign(visible(name)), " to kvtool and checking it …"),
+        el("p", {}, "Sending ", foreign(visible(name)), " to kvtool and checking it …"),
         bar,
         button("Cancel", () => upload?.cancel()),
       ),
@@ -270,7 +251,7 @@ function chooseWith(buttonId, inputId) {
 
 function acceptDrops() {
   const hasFiles = (event) => [...event.dataTransfer.types].includes("Files");
-  let depth = 0; // of elements that the pointer has entered and not left
+  let depth = 0; // how many elements the pointer has entered and not left
   const mark = (change) => {
     depth = Math.max(0, depth + change);
     byId("drop").hidden = depth === 0;
@@ -309,7 +290,7 @@ export function startPackage() {
     }
   });
   on("state package", () => {
-    // Painting the same again would close what the reader has unfolded.
+    // Painting the same package again would close what the reader has unfolded.
     if (!upload && JSON.stringify(state.package) !== shown) {
       paint();
     }

@@ -10,11 +10,11 @@ const kNumbers = [
     "each from the connection until it is seen alive",
     { min: 1, max: 500, placeholder: 20 },
   ],
-  ["canary", "Canaries", "the others start only after so many were seen alive", { min: 0, max: 500, placeholder: 0 }],
+  ["canary", "Canaries", "the others start only after this many were seen alive", { min: 0, max: 500, placeholder: 0 }],
   [
     "max_failures",
     "Stop after failures",
-    "start no more once so many have failed; 0: no limit",
+    "start no more once this many have failed; 0: no limit",
     { min: 0, max: 500, placeholder: 0 },
   ],
   [
@@ -87,7 +87,7 @@ function optionFields() {
         spellcheck: "false",
       }),
     ),
-    box("again", "Upgrade cameras again that have this package", "in a new journal"),
+    box("again", "Also upgrade cameras that already have this package", "in a new journal"),
     bad
       ? el(
           "fieldset",
@@ -287,7 +287,7 @@ function open(what, ready) {
           go();
         },
       },
-      el("h2", { id: "plan-title", tabindex: -1, autofocus: true }, "Plan of the upgrade"),
+      el("h2", { id: "plan-title", tabindex: -1, autofocus: true }, "Upgrade plan"),
       file
         ? el(
             "p",

@@ -38,7 +38,7 @@ const kGroups = {
   failed: ["Failed", (member) => member.state === "failed"],
   done: ["Done", (member) => member.state === "done"],
 };
-// By the exit code that `kvtool upgrade` would have had.
+// What to do after each exit code that `kvtool upgrade` would have had.
 const kAdvice = {
   3: "Nothing was sent. Use the package for this model.",
   4: "Nothing was sent. Check that the camera is switched on, in recovery mode and in this network, then retry.",
@@ -120,7 +120,7 @@ function paintBar(row, member) {
   const all = total > 0 && (sent >= total || phase === "done");
   row.bar.max = 1;
   if (phase === "connecting" || phase === "looking") {
-    row.bar.removeAttribute("value"); // at work, nobody knows how far
+    row.bar.removeAttribute("value"); // at work, but the progress is unknown
   } else {
     row.bar.value = phase === "done" ? 1 : total > 0 ? sent / total : 0;
   }
@@ -150,7 +150,7 @@ function paintRow(member) {
   const key = JSON.stringify([member.state, member.text, member.observed, member.assumed, member.last, member.code]);
   if (row.key !== key) {
     row.key = key;
-    // What was assumed on the way is of no use any more when the camera has been seen alive.
+    // Once the camera has been seen alive, earlier assumptions are of no use.
     const known = knownLists(member, true);
     const lists = { failed: [], done: known.slice(0, 1) }[member.state] ?? known;
     row.known.replaceChildren(
@@ -259,7 +259,9 @@ function again(run) {
   return [
     run.open > 0 ? ["resume", `Continue with ${count(left.length, "camera")} …`] : null,
     run.open === 0 && retry > 0 ? ["retry", `Retry ${count(retry, "failed camera")} …`] : null,
-    run.open === 0 && left.length > retry ? ["resume", `Look again at ${left.length} not done …`] : null,
+    run.open === 0 && left.length > retry
+      ? ["resume", `Look again at ${count(left.length, "unfinished camera")} …`]
+      : null,
   ].filter(Boolean);
 }
 
@@ -278,7 +280,7 @@ function paintActions() {
   place.replaceChildren(
     ...[
       run?.state === "running" ? button("Stop what has not begun", () => act("/api/run/stop")) : null,
-      run?.state === "stopping" ? el("span", { class: "hint" }, "Nothing new starts; those under way go on.") : null,
+      run?.state === "stopping" ? el("span", { class: "hint" }, "Nothing new starts; upgrades under way go on.") : null,
       ...next.map(([which, text], i) => button(text, () => openAgain(which), { class: i === 0 ? "main" : null })),
       plan && run?.state !== "running" && run?.state !== "stopping"
         ? button("Look at the plan …", () => reviewPlan(), { class: "main" })
@@ -311,7 +313,7 @@ function build() {
   rows.clear();
   if (!run) {
     byId("run-summary").replaceChildren();
-    body.replaceChildren(plan ? el("p", {}, "A plan waits for your confirmation. Nothing was sent yet.") : "");
+    body.replaceChildren(plan ? el("p", {}, "A plan waits for your confirmation. Nothing has been sent yet.") : "");
     return;
   }
   byId("run-summary").replaceChildren(pill("", ""), el("span"));

@@ -1,4 +1,4 @@
-// What the server has told, and the requests to it. Everything lives in the server: this is a copy for showing.
+// What the server has sent, and the requests to it. Everything lives in the server; this is a copy for display.
 import { banner } from "./base.js";
 
 // The server sends something at least every 5 s.
@@ -92,7 +92,7 @@ export function connect() {
   mine.addEventListener("error", () => mine === source && lose());
 }
 
-// The browser's own reconnection cannot tell a server that is gone from one that was started anew and has another
+// The browser's own reconnection cannot tell a server that is gone from one that was started again and has another
 // token.
 async function lose() {
   source?.close();
@@ -106,7 +106,7 @@ async function lose() {
     }
     setConnection(reply.status === 403 ? "stranger" : "lost");
   } catch {
-    // Not there yet.
+    // The server does not answer yet.
   }
   setTimeout(lose, kAgainMs);
 }

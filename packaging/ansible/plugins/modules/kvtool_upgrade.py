@@ -24,7 +24,7 @@ attributes:
     description: Looks for the camera, and checks the package against its chip and sensor type. Sends nothing.
   diff_mode:
     support: full
-    description: Shows the firmware before and after; in check mode, the version that it would become.
+    description: Shows the firmware before and after; in check mode, the version that it would get.
 options:
   host:
     description: Address, name or MAC address of the camera. A MAC address still fits if the camera's address changes.
@@ -55,7 +55,7 @@ options:
     type: bool
     default: true
   wait:
-    description: Seconds to wait for the camera to appear in recovery mode. Without it, the camera must be there.
+    description: Seconds to wait for the camera to appear in recovery mode. Without this option, it must be there.
     type: float
   expect_port:
     description: TCP port that the application opens, if it is not the RTSP port of the camera's answer to a search.
