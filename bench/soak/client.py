@@ -12,6 +12,7 @@ ADDRESS = "192.168.10.2"
 TCP_PORT, UDP_PORT = 80, 6789
 HEARTBEAT, SERIAL, INFO, UPGRADE = 0x0006, 0x0101, 0x2003, 0x2002
 REPLY_SIZE, INFO_SIZE, FOUND_SIZE, TRAILER_SIZE = 32, 496, 544, 37
+SEARCH_MIN = 13  # bytes of it that make a search
 SEARCH = b"searching..".ljust(12, b"\0") + bytes([10]) + bytes(119)
 
 
