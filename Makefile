@@ -77,7 +77,7 @@ soak: build ## Let a day of a camera's clock pass; rewrites its figures in docs/
 	@scripts/setup.sh vboard scripts
 	@bench/soak/day.py build/bin --speed $(or $(SPEED),60) --docs docs
 
-load: build ## Abuse the device program in real time; rewrites docs/soak.md (7 minutes; SANITIZER=thread or address)
+load: build ## Abuse the device program in real time; rewrites docs/soak.md (6 minutes; SANITIZER=thread or address)
 	@scripts/setup.sh vboard scripts
 	@bench/soak/load.sh "$(SANITIZER)"
 

@@ -35,10 +35,9 @@ class Abuse(Judge):
         """Readers that ask and do not read, writers that send a byte at a time, peers that close their half, and peers
         that are gone. All the while the others are served."""
         with self.phase("slow and half-open") as row:
-            subprocess.run(["ip", "address", "add", "192.168.10.77/24", "dev", "lan0"], check=True)
-            gone = client.connect_many(200, source="192.168.10.77")
-            client.vanish(gone)
-            subprocess.run(["ip", "address", "del", "192.168.10.77/24", "dev", "lan0"], check=True)
+            subprocess.run(["ip", "address", "add", f"{GONE}/24", "dev", "lan0"], check=True)
+            client.vanish(client.connect_many(200, source=GONE))
+            subprocess.run(["ip", "address", "del", f"{GONE}/24", "dev", "lan0"], check=True)
             readers = client.connect_many(200, receive_buffer=2048)
             halves = client.connect_many(200)
             writers = client.connect_many(50)
@@ -161,7 +160,8 @@ class Abuse(Judge):
             return
         with self.phase("out of memory, malloc") as row:
             self._starve()
-            row.before = Footprint(self.process)  # the allocator keeps some of the most that was ever used
+            # The allocator keeps some of the most that was ever used.
+            row.before = self.board.settled(self.process, row.before, ANYTHING, timeout=3)
             opened, full = self._starve()
             row.notes = f"{opened} open, {full.anonymous} KiB"
 
@@ -177,6 +177,7 @@ class Abuse(Judge):
             full = Footprint(self.process)
             client.close_all(connections)
             self.serve_again()
+        client.close_all(self.open_and_ask(1000))  # makes the allocator return what it can
         return len(connections), full
 
     def blocked_log(self):

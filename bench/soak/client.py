@@ -12,6 +12,7 @@ ADDRESS = "192.168.10.2"
 TCP_PORT, UDP_PORT = 80, 6789
 HEARTBEAT, SERIAL, INFO, UPGRADE = 0x0006, 0x0101, 0x2003, 0x2002
 REPLY_SIZE, INFO_SIZE, FOUND_SIZE, TRAILER_SIZE = 32, 496, 544, 37
+SEARCH_MIN = 13  # bytes of it that make a search
 SEARCH = b"searching..".ljust(12, b"\0") + bytes([10]) + bytes(119)
 
 
@@ -115,8 +116,8 @@ def connect_many(count, **options):
 
 
 def flood(count, noise, pace=256):
-    """Sends datagrams: searches, cut and damaged ones, and noise. Returns how many were searches, and the answers.
-    `pace`: the answers are read after so many datagrams."""
+    """Sends datagrams: searches, cut and damaged ones, and noise. Returns how many must be answered, and how many
+    answers came. `pace`: the answers are read after so many datagrams."""
     searches = answers = 0
     with contextlib.closing(socket.socket(socket.AF_INET, socket.SOCK_DGRAM)) as sender:
         sender.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
@@ -126,7 +127,7 @@ def flood(count, noise, pace=256):
             kind = noise.randrange(4)
             datagram = (SEARCH, SEARCH[:noise.randrange(len(SEARCH))], noise.randbytes(noise.randrange(1400)),
                         SEARCH[:12] + noise.randbytes(120))[kind]
-            searches += kind == 0
+            searches += datagram.startswith(SEARCH[:SEARCH_MIN])
             with contextlib.suppress(OSError):
                 sender.send(datagram)
             if number % pace == 0:

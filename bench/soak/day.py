@@ -75,7 +75,10 @@ class Day:
 
     def host_time(self, at):
         """The host's time at which the present boot's supervisor has run for `at` seconds."""
+        deadline = time.monotonic() + 30
         while self.boot not in self._started:
+            self.expect(time.monotonic() < deadline, "the supervisor does not open the watchdog")
+            time.sleep(0.005)
             for operation in self._feeds.update():
                 if operation["op"] == "open" and operation["dev"] == "watchdog":
                     self._started[operation["boot"]] = operation["t"]
@@ -302,7 +305,7 @@ def main():
     with tempfile.TemporaryDirectory(prefix="kv-soak-") as folder:
         try:
             return run(options, pathlib.Path(folder))
-        except (Problem, OSError, RuntimeError) as problem:
+        except (Problem, OSError, subprocess.SubprocessError) as problem:
             print(f"soak: {problem}", file=sys.stderr)
             return 1
         except KeyboardInterrupt:

@@ -2,14 +2,16 @@
 """The abuses of `make load`, one after the other, on a board that is on. load.py runs it in the bench's network."""
 
 import argparse
+import copy
 import json
 import pathlib
+import subprocess
 import sys
 
 import client
 from abuse import Abuse
 from board import Board, Footprint, Problem, interruptible
-from judge import PATIENCE, Row
+from judge import ANYTHING, PATIENCE, Row
 from limits import data_size
 from storms import Storms
 
@@ -30,6 +32,11 @@ class Journey(Abuse, Storms):
             client.close_all(self.open_and_ask(count))
         client.flood(1000, self.noise)
         client.await_service(PATIENCE)
+        expected = copy.copy(self.rows[0].before)
+        expected.descriptors += 1
+        grown = self.board.settled(self.process, expected, ANYTHING, timeout=3).grown(expected, ANYTHING)
+        if grown:
+            self.explain(f"not flat: {', '.join(grown)}")
 
     def phases(self):
         """The first end is an orderly one: a sanitizer then looks for what all the clients before have left behind."""
@@ -44,7 +51,7 @@ class Journey(Abuse, Storms):
             for phase in self.phases():
                 if not only or phase.__name__ in only:
                     phase()
-        except (OSError, client.NoService) as error:
+        except (OSError, subprocess.SubprocessError, client.NoService) as error:
             self.explain(str(error))
 
 

@@ -60,7 +60,11 @@ class MemoryGroup:
         """The process and what it starts from now on may use `room` bytes more than the process uses now. Its present
         memory is charged elsewhere, so the group begins with nothing."""
         (self._folder / "cgroup.procs").write_text(str(process), encoding="ascii")
-        (self._folder / self._limit).write_text(str(self.usage() + room), encoding="ascii")
+        limit = self.usage() + room
+        (self._folder / self._limit).write_text(str(limit), encoding="ascii")
+        for name, value in (("memory.memsw.limit_in_bytes", limit), ("memory.swap.max", 0)):
+            if (self._folder / name).exists():  # a camera has no swap
+                (self._folder / name).write_text(str(value), encoding="ascii")
 
     def usage(self):
         return int((self._folder / self._usage).read_text(encoding="ascii"))
