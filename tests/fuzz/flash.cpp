@@ -1,5 +1,5 @@
-// The flash writer, compared with what kvtool predicts: writes a package to devices with the rules of NOR
-// flash, then compares each partition with kvtool's expectation.
+// The flash writer, compared with what kvtool predicts: writes a package to devices with the rules
+// of NOR flash, then compares each partition with kvtool's expectation.
 #include <mtd/mtd-user.h>
 #include <sys/ioctl.h>
 
