@@ -56,8 +56,8 @@ class Packet:
 
 
 def dissect(capture):
-    """The packets of a capture that the dissectors claim. They are installed as a user would install them, in a
-    home folder of their own.
+    """The packets of a capture that the dissectors claim. The dissectors are installed as a user would install
+    them, in a home folder of their own.
     """
     with tempfile.TemporaryDirectory(prefix="kv-shark-home-") as home:
         shutil.copytree(TOP / "packaging/wireshark", pathlib.Path(home) / ".local/lib/wireshark/plugins/kv")
