@@ -1,6 +1,6 @@
 #!/bin/bash
-# Fills the sysroot of the ARM builds with the C library and the daemon's three libraries from Debian's armhf packages.
-# Prints its folder. A filled sysroot needs no network.
+# Fills the sysroot of the ARM builds with the C library and the device program's three libraries, from Debian's
+# armhf packages. Prints its folder. A filled sysroot needs no network.
 set -euo pipefail
 
 here=$(dirname "$0")

@@ -10,8 +10,8 @@ cache=${KV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/upgrademain}
 out=$PWD/build/board
 
 if [ ! -d "$cache/board-packages" ]; then
-    echo "board: the first run downloads about 140 MB: an emulator and a cross compiler, which become packages of this"
-    echo "board: system, and ARM packages, which stay in $cache for later runs"
+    echo "board: the first run downloads about 140 MB: an emulator and a cross compiler, which it installs, and"
+    echo "board: ARM packages, which stay in $cache for later runs"
 fi
 scripts/setup.sh build arm board scripts
 scripts/arm_sysroot.sh >/dev/null

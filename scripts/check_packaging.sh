@@ -20,7 +20,7 @@ expect() { # WHAT DIR FILE...: fails unless DIR holds exactly these files
         die "$what installs the wrong files (<: expected, >: installed)"
 }
 
-# There are three components. The one for the device is the daemon alone.
+# There are three components. The one for the device is the device program alone.
 install_component() { # COMPONENT
     DESTDIR=$work/$1 cmake --install build/release --prefix /usr --component "$1" \
         >"$work/log" 2>&1 || die "$(cat "$work/log")"
@@ -151,7 +151,8 @@ signed=$(buildroot - options SIGNED=y KEY="$key")
     die "OpenWrt's recipe accepts SIGNED without a file of keys"
 { printf 'config PACKAGE_upgrademain\n\tbool\n' && openwrt config; } >"$work/openwrt.in"
 parse='import kconfiglib, sys; sys.exit(bool(kconfiglib.Kconfig(sys.argv[1]).warnings))'
-KCONFIG_WARN_UNDEF=y /usr/bin/python3 -c "$parse" "$work/openwrt.in" || die "OpenWrt's menu"
+KCONFIG_WARN_UNDEF=y /usr/bin/python3 -c "$parse" "$work/openwrt.in" ||
+    die "the parser warns about OpenWrt's menu"
 
 # The fragment has each command of busybox that the scripts run on a board.
 for command in $(busybox --list | grep -v '\['); do

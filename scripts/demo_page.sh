@@ -38,8 +38,8 @@ open_site --shape 20mbit
 site start "$cameras" --no-eth --nor-timing -- "$bin/upgradeMain"
 board_of 4 fault mtd5 open --errno EIO --count 1000
 
-# Not through the function "site": the shell around it would be what is ended.
 # The laptop of the site has a network of its own. Two relays carry connections to it, over a socket in the file system.
+# Not through the function "site": leave would then end the subshell around it, and the relay would stay.
 "$bin/vboard" site exec --state "$site" -- socat "UNIX-LISTEN:$work/page,fork" "TCP:127.0.0.1:$port" &
 relays+=($!)
 socat "TCP-LISTEN:$port,bind=127.0.0.1,reuseaddr,fork" "UNIX-CONNECT:$work/page" &

@@ -1,7 +1,7 @@
 #!/bin/bash
-# Fills the sysroot of the ARM build on musl: Debian's musl for armhf, the kernel's headers, and the daemon's three
-# libraries. Debian builds those for glibc only, so they are built here from its source packages; that takes about a
-# minute. They are in usr/local. Prints the sysroot's folder. A filled sysroot needs no network.
+# Fills the sysroot of the ARM build on musl: Debian's musl for armhf, the kernel's headers, and the device program's
+# three libraries. Debian builds those for glibc only, so the script builds them from Debian's source packages, into
+# usr/local. That takes about a minute. Prints the sysroot's folder. A filled sysroot needs no network.
 set -euo pipefail
 shopt -s inherit_errexit
 
@@ -34,7 +34,7 @@ unpack_source() { # NAME DIR
     fi
 }
 
-# The compiler is made for glibc: none of its include folders but its own is used, and no library but libgcc.
+# The compiler is made for glibc. So the build takes only the compiler's own headers and libgcc from it.
 configure() { # ROOT OPTION...
     local root=$1
     shift
@@ -69,7 +69,7 @@ build_liboping() { # ROOT
     make_here -C src DESTDIR="$1" install-libLTLIBRARIES install-includeHEADERS
 }
 
-# What the sysroot was made from. If it is made from something else now, it is made again.
+# What a sysroot is made from. The script makes it again if this has changed since.
 contents() {
     "$scripts/armhf_packages.sh" fetch musl-dev linux-libc-dev
     "$scripts/armhf_packages.sh" source "${libraries[@]}" | while read -r folder; do

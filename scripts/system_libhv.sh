@@ -1,6 +1,6 @@
 #!/bin/sh
-# Builds and tests the daemon on an installed libhv. KV_LIBHV_PREFIX names its prefix; /usr/local and /usr are tried
-# after it.
+# Builds and tests the device program on an installed libhv. KV_LIBHV_PREFIX names its prefix; the script tries
+# /usr/local and /usr after it.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -12,10 +12,10 @@ for place in "$prefix" /usr/local /usr; do
     fi
 done
 if [ -z "${found:-}" ]; then
-    echo "SKIPPED: no installed libhv (1.3.4 or newer); the daemon was tested on the bundled event loop only"
+    echo "SKIPPED: no installed libhv (1.3.4 or newer); the device program was tested on the bundled event loop only"
     exit 0
 fi
-echo "libhv found in $found: building and testing the daemon on it"
+echo "libhv found in $found: building and testing the device program on it"
 cmake --preset dev -B build/system-hv -DKV_HV=system -DCMAKE_PREFIX_PATH="$found" \
     -DKV_BIN_DIR="$PWD/build/system-hv/bin"
 cmake --build build/system-hv

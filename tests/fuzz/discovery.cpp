@@ -1,5 +1,5 @@
-// Discovery: requests; the reply from whatever the system tells, against kvtool's reader of
-// replies; the cipher; the version file.
+// Discovery: requests; the reply, made from whatever the system says and read by kvtool; the
+// cipher; the version file.
 #include <net/if.h>
 
 #include "common/kv_platform.h"
@@ -28,7 +28,7 @@ std::string Cipher(const std::string& text, const std::string& key, DesDirection
     return out;
 }
 
-// Only the netmask and the name server can be what kvtool refuses: the system is free in them.
+// kvtool may refuse only the netmask and the name server: the system may give any value for them.
 void CheckReply(const std::string& reply) {
     Require(reply.size() == sizeof(kv::DiscoveryReply));
     kvtool::DiscoveryReply parsed;

@@ -24,7 +24,7 @@ const kvtool::Bytes kErased(0x22000, 0xFF);
 std::array<kvtool::Bytes, 8> g_devices;
 size_t g_position;
 
-// kvtool takes a partition that is not written for one that nothing selects.
+// kvtool may refuse to predict only a partition that was not written.
 void RequirePredicted(const std::string& package) {
     const kvtool::Bytes bytes(package.begin(), package.end());
     const kvtool::Layout layout = kvtool::Layout::Default();

@@ -45,7 +45,7 @@ void RequireSound(const JournalContents& contents) {
     }
 }
 
-// What is written is read again.
+// What was written can be read back.
 void Continue(const std::string& path, const std::string& id, Input* in) {
     const JournalContents before = ReadJournal(path);
     RequireSound(before);

@@ -1,6 +1,6 @@
 // The event loop, run on libevent: two loops with servers, connections and timers. The input says
 // what callbacks and other threads do, and what each poll finds. libevent itself polls and reads
-// the clock here. The fuzzer keeps account of what hloop.h promises.
+// the clock here. The fuzzer keeps track of what hloop.h promises.
 #include <arpa/inet.h>
 #include <poll.h>
 #include <pthread.h>
@@ -437,7 +437,7 @@ void Steps(size_t count) {
     --g_state->depth;
 }
 
-// Nothing is left to do on the running loop, and nothing arrives for so long.
+// Nothing is left to do on the running loop, and nothing arrives for `ms` (negative: for ever).
 void Idle(const pollfd* entries, nfds_t count, int ms) {
     std::map<int, int> events;
     for (nfds_t i = 0; i < count; ++i) {
@@ -549,8 +549,8 @@ void Run(size_t loop) {
 
 }  // namespace
 
-// libevent calls these, because the program's symbols come before those of the C library. It makes
-// the order in which it looks at descriptors from the last two.
+// libevent calls these, because the program's symbols come before those of the C library. It
+// derives the order in which it looks at descriptors from the last two.
 extern "C" int poll(pollfd* entries, nfds_t count, int ms) {
     return IsInside() ? Poll(entries, count, ms)
                       : static_cast<int>(syscall(SYS_poll, entries, count, ms));

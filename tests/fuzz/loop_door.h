@@ -10,7 +10,7 @@ namespace fuzz {
 constexpr size_t kSlots = 5;  // loops; slot 0 has the servers, each other one a single connection
 
 extern hio_t* g_server;      // the listener or datagram socket that was opened last
-extern bool g_poolEnding;    // as the pool tells
+extern bool g_poolEnding;    // what the pool says
 extern size_t g_servedSlot;  // of the callback that is running
 
 // The io of a slot, null if there is none.

@@ -31,7 +31,7 @@ void Rebuild(const Bytes& package, const PackageReport& report, const Layout& la
     }
 }
 
-// Only the same package is the same.
+// A package is identical to itself and to no other.
 void Compare(const Bytes& package, const Layout& layout, size_t choice) {
     for (const ImageComparison& image : ComparePackages(package, package, layout).images) {
         Require(image.change == ImageChange::kSame);

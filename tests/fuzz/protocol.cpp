@@ -1,5 +1,5 @@
-// The command protocol and the upgrade receiver. The input is a list of what clients do. It goes on
-// inside the receiver's pauses, when only other connections can be served.
+// The command protocol and the upgrade receiver. The input is a list of what clients do. The list
+// goes on inside the receiver's pauses, when only other connections can be served.
 #include <algorithm>
 #include <array>
 #include <utility>

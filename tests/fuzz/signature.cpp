@@ -241,7 +241,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Require(KvtoolTrusts(made.bytes, KV_FUZZ_KEYS) == made.good);
     const std::string& path = file.Put(made.bytes);
     if (made.bytes.empty() || in.Below(64) == 63) {
-        // Not a file, or one with more bytes than offsets have.
+        // Not a regular file, or one that is larger than 32-bit offsets reach.
         file.Resize(size_t{5} << 30);
         const char* const other = in.Below(2) == 0 ? "/dev/zero" : path.c_str();
         Require(kv::kOpenPackage(other, "rb") == nullptr);

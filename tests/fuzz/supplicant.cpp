@@ -14,7 +14,7 @@ namespace {
 std::string g_reply;  // the last message that the program got
 void* (*g_listener)(void*);
 
-// What the program should find in the reply, said in another way.
+// What the program should find in the reply, found in another way.
 std::string Value(const std::string& key, size_t size) {
     const std::string reply = g_reply.substr(0, kWpaReplySize).c_str();
     const size_t found = reply.find(key);

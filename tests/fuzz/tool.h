@@ -6,8 +6,8 @@
 
 namespace fuzz {
 
-// Runs the action. Returns false if it fails, which must be with a text that is safe to print and
-// must not blame kvtool itself unless the system has refused something.
+// Runs the action. Returns false if it fails. The text of the failure must be safe to print. Only
+// if the system has refused something may it be an internal error of kvtool.
 inline bool Try(const std::function<void()>& action) {
     try {
         action();

@@ -216,7 +216,7 @@ int __wrap_poll(pollfd* entries, nfds_t count, int timeoutMs) {
                                                                              : events;
     entries[count - 1].revents = 0;
     entries[0].revents = static_cast<short>(ready);
-    // What comes may take its time.
+    // What comes may come late.
     const int part = ready != 0 ? g_world.in->Byte() / 64 : 4;
     g_nowMs += std::min(timeoutMs, timeoutMs / 4 * part + 1);
     return ready != 0 ? 1 : 0;

@@ -15,7 +15,7 @@
 
 namespace fuzz {
 
-// Takes an input apart from its start. Behind its end every number is 0 and every text is empty.
+// Takes an input apart from its start. Past its end every number is 0 and every text is empty.
 class Input {
   public:
     Input(const uint8_t* data, size_t size) : rest_(reinterpret_cast<const char*>(data), size) {}

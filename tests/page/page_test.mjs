@@ -1,4 +1,4 @@
-// The page in real browsers: the whole way from an empty list to upgraded cameras, and what goes wrong on that way.
+// The page in real browsers: the whole way from an empty list to upgraded cameras, and what can go wrong on it.
 import assert from "node:assert/strict";
 import fs from "node:fs";
 import {
@@ -109,7 +109,7 @@ let address = await server.address();
 const browser = await chromium.launch({ executablePath: "/usr/bin/chromium", args: ["--no-sandbox"] });
 const context = await browser.newContext({ viewport: { width: 1280, height: 900 }, acceptDownloads: true });
 
-await step("the address lets in and the empty list helps", async () => {
+await step("the address opens the page, and the empty list helps", async () => {
   page = await openPage(context, address);
   await sees("Connected");
   assert.equal(page.url(), `${new URL(address).origin}/`);
@@ -120,7 +120,7 @@ await step("the address lets in and the empty list helps", async () => {
   await inspect(page, "empty");
 });
 
-await step("a page whose files were lost on their way asks again", async () => {
+await step("a page asks again for files that were lost on their way", async () => {
   const fresh = await browser.newContext();
   await fresh.addCookies(await context.cookies());
   // Twice: the preload, and then the import.
@@ -161,7 +161,7 @@ await step("texts of a package stay texts, and its errors stop it", async () => 
   await page.getByLabel(`Select ${mac(1)}`).uncheck();
 });
 
-await step("a dropped package is shown over the flash, to scale", async () => {
+await step("a dropped package is drawn on the flash, to scale", async () => {
   await page.evaluate((bytes) => {
     const data = new DataTransfer();
     data.items.add(new File([Uint8Array.from(atob(bytes), (c) => c.charCodeAt(0))], "camera-1.2.FLS"));
@@ -290,7 +290,7 @@ await step("a camera fails and is tried again; the server is killed and goes on 
   await sees("4 of 4 done");
 });
 
-await step("a laptop that has slept notices it, and a server that is silent", async () => {
+await step("after the laptop has slept, the page notices that the server is silent", async () => {
   const tab = await context.newPage();
   await tab.clock.install();
   await tab.goto(new URL(address).origin);
@@ -338,7 +338,7 @@ await step("Firefox: list, package, map, plan", async () => {
   page = chrome;
 });
 
-await step("the end of the server is told", async () => {
+await step("the page says that the server has ended", async () => {
   assert.equal(await server.end("SIGINT"), 0);
   await sees("No connection to kvtool.");
 });

@@ -1,7 +1,7 @@
 #!/bin/bash
 # run.sh [--fetch | FOLDER]: drives real browsers through the page of `kvtool serve`, on the laptop of a site of virtual
-# boards. Browsers, server and test run in the laptop's network, so nothing leaves it. With FOLDER, pictures for the
-# documents are written there. With --fetch it only downloads the test's npm packages, if they are missing.
+# boards. Browsers, server and test run in the laptop's network, so nothing leaves it. With FOLDER, it writes the
+# pictures for the documents there. With --fetch it only downloads the test's npm packages, if they are missing.
 set -euo pipefail
 
 cd "$(dirname "$0")/../.."

@@ -51,7 +51,8 @@ echo $$ >/var/run/upgradeMain.pid
 busy $init stop >/dev/null || die "stop fails when the PID file names another process"
 
 # Log keeper: the output goes to its RAM disk. On flash it stays within its budget, across boots too. It keeps the
-# present boot and three before it. Its end, or a console that blocks, does not hold up who prints.
+# present boot and three before it. Neither its end nor a console that blocks holds up the program
+# that prints.
 keeper=/mnt/scripts/upgrade_keep_log.sh
 kept() { cat /tmp/kept/boot-*"$1"*.log 2>/dev/null; }
 is_kept() { kept "$1" | grep -q "$2"; }

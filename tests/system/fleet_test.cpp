@@ -303,7 +303,7 @@ TEST_F(FleetSite, TellsOneDeviceOverTwoInterfacesFromTwoDevicesWithOneAddress) {
     EXPECT_TRUE(found.at("conflicts").empty()) << found;
 
     // The disk of the journal becomes full at the lines before the trailers. kvtool then begins
-    // nothing more, and a later run ends what is left. Absent devices fill the journal's only page.
+    // nothing more, and a later run does the rest. Absent devices fill the journal's only page.
     const std::string disk = folder_.Path("disk");
     std::filesystem::create_directory(disk);
     const std::string upgrade = BinDir() + "/kvtool fleet upgrade " + folder_.Path("good") +
@@ -393,7 +393,7 @@ class FleetPage : public FleetSite {
     }
 };
 
-TEST_F(FleetPage, OneFailsIsTriedAgainAndTheServerIsKilledMeanwhile) {
+TEST_F(FleetPage, ADeviceThatFailedIsRetriedAndTheServerIsKilledMeanwhile) {
     Start(3);
     std::unique_ptr<Child> server = Serve();
     EXPECT_TRUE(WaitPresent(3));

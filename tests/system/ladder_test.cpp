@@ -13,7 +13,7 @@ constexpr double kCheckPeriod = 3;
 constexpr double kLag = 6;
 
 // An application that does `steps`, a shell script with the functions beat and silent. Each start
-// ends the one before, as the contract of startapp.sh wants it.
+// ends the one before, as the contract of startapp.sh requires.
 void InstallLife(Board* board, const std::string& steps) {
     const std::string bin = board->Path("life/bin");
     std::filesystem::create_directories(bin);

@@ -1,4 +1,4 @@
-// Life of a loop, posted events, timers, idle loops.
+// Life of a loop, posted events, timers.
 #include <atomic>
 
 #include "hv_test_support.h"

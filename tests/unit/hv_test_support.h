@@ -1,4 +1,4 @@
-// Shared by the tests of the event loop: loops on threads, waiting for conditions, plain clients.
+// Shared by the tests of the event loop: posted events, loops on threads, counts to wait for.
 #pragma once
 
 #include <condition_variable>

@@ -1,5 +1,5 @@
-// kvtool: how it reads a discovery reply and when it ends a search. The system tests search for a
-// real device on a board.
+// kvtool: how it reads a discovery reply, searches, selects devices and watches them. The system
+// tests search for a real device on a board.
 #include "tests/support/fake_device.h"
 #include "tools/device/discovery_client.h"
 #include "tools/device/follow.h"

@@ -1,4 +1,5 @@
-// kvtool: builds, checks, extracts, compares and verifies packages; texts and the progress line.
+// kvtool: builds, checks, extracts, compares and verifies packages; predicted times, layouts, texts
+// and the progress line.
 #include "common/kv_le.h"
 #include "tests/support/discovery_client.h"
 #include "tools/base/errors.h"

@@ -157,7 +157,7 @@ TEST_F(PageServer, RefusesWhatIsNotItsPage) {
                   " HTTP/1.1\r\nHost: evil.example\r\n"
                   "Connection: close\r\n\r\n"},
         {421, served.Head("GET /api/state") + "Host: evil.example\r\n" + cookie + "\r\n"},
-        // No CORS: the question is refused, and no answer names a foreign origin.
+        // No CORS: the preflight request is refused, and no answer allows another origin.
         {403, served.Head("OPTIONS /api/plan") + cookie +
                   "Origin: http://evil.example\r\nAccess-Control-Request-Method: POST\r\n\r\n"},
         {403, served.Head("POST /api/run/stop") + cookie + type + "Content-Length: 0\r\n\r\n"},

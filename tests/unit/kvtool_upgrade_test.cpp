@@ -40,7 +40,7 @@ TEST(KvtoolUpgrade, SendsThePackageAndItsTrailerWhole) {
         Device device(script);
         ASSERT_EQ(Upgrade(device, package, &record, times), ExitCode::kDone) << size;
 
-        // It carries the session from the heartbeat.
+        // The request carries the session from the heartbeat.
         std::string request =
             kv_test::Frame(0x2002, static_cast<uint32_t>(size) + 37, 1, 0, 0x5A000001);
         request[2] = request[3] = 1;

@@ -161,15 +161,16 @@ TEST_F(PackageSignature, TheEntryHasOnePlace) {
         kv::PutLe32(&more[kEntry + 132], kImage + 256);
         EXPECT_FALSE(Open(more)) << first;
     }
-    // A maker's own signature is refused too, if the device would not find it.
+    // An entry that a device does not take for a signature's: kvtool does not sign such a package,
+    // and the device refuses it.
     for (const size_t field : {0, 9, 128, 132, 140}) {
         Bytes odd = Unsigned("uboot", 60);
         odd[kEntry + field] ^= 0x80;
         EXPECT_THROW((void)Signed(odd), kvtool::ToolError) << field;
         EXPECT_FALSE(Open(odd)) << field;
     }
-    // The same with a good signature. The entry points behind the image, and the signature is there
-    // or where it ought to be.
+    // A good signature does not help if the entry points past the last image. The signature is
+    // there, or where it ought to be.
     const size_t end = Unsigned("uboot", 60).size();
     for (const size_t at : {kImage, end}) {
         Bytes odd = Unsigned("uboot", 60);

@@ -56,7 +56,9 @@ class Packet:
 
 
 def dissect(capture):
-    """The packets of a capture that the dissectors claim. They are installed as a user would, in a home of its own."""
+    """The packets of a capture that the dissectors claim. The dissectors are installed as a user would install
+    them, in a home folder of their own.
+    """
     with tempfile.TemporaryDirectory(prefix="kv-shark-home-") as home:
         shutil.copytree(TOP / "packaging/wireshark", pathlib.Path(home) / ".local/lib/wireshark/plugins/kv")
         # While the capture is being written, it may end within a packet: status 2.

@@ -25,8 +25,8 @@ struct ConformRequest {
 };
 
 // Tries all rules in order and gives each finding to `found` as soon as it is known. Takes some
-// seconds. With uploads it takes about a minute, and the time of the device's restart. Throws
-// ToolError: kUnreachable if the device takes no connection at the beginning, kInterrupted.
+// seconds. With uploads it takes about a minute, plus the time of the device's restart. Throws
+// ToolError: kUnreachable if the device accepts no connection at the beginning, kInterrupted.
 std::vector<Finding> Conform(const ConformRequest& request,
                              const std::function<void(const Finding&)>& found);
 

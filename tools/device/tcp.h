@@ -63,8 +63,8 @@ Received ReceiveNow(int fd, uint8_t* data, size_t size);
 // Throws ToolError(kLost) if the connection is broken.
 size_t SendNow(int fd, const uint8_t* data, size_t size);
 
-// Whether closing the connection, even by the end of this process, discards what the peer has not
-// received yet. Otherwise the system continues to send it.
+// Sets whether closing the connection, even by the end of this process, discards what the peer has
+// not received yet. Otherwise the system continues to send it.
 void DropUnsentAtEnd(int fd, bool drop);
 
 // Number of bytes given to the socket that the peer has not acknowledged yet.

@@ -31,7 +31,7 @@ struct Plan {
 
 // Searches, then logs in to each device found and compares its chip and sensor type with the
 // package's. Sends nothing else. Blocks for the time of one search and some seconds. `members` are
-// the devices of a journal. They are not asked anything, and are the first in the plan.
+// the devices of a journal. MakePlan asks them nothing and puts them first in the plan.
 // Throws ToolError(kUnreachable) if no search is possible.
 Plan MakePlan(const PlanRequest& request, std::vector<Member> members);
 

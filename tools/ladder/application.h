@@ -46,8 +46,8 @@ class Application {
     // Whether the boot's signals end, or a power cut is among them. False if heartbeats or silence
     // go on for ever.
     virtual bool Finite() const = 0;
-    // startapp.sh runs at `at`. True if it changes the signals after that time: those that Next has
-    // already returned for a later time do not come.
+    // Says that startapp.sh runs at `at`. Returns whether that changes the signals after `at`. If
+    // so, a later signal that Next has already returned does not come.
     virtual bool Restarted(Ms at) = 0;
 };
 

@@ -18,7 +18,7 @@ using svg::Text;
 using svg::TextWidth;
 
 constexpr double kWidth = 800;
-constexpr double kLeft = 96;  // where the lanes begin, behind their names
+constexpr double kLeft = 96;  // where the lanes begin, after their names
 constexpr double kRight = 24;
 constexpr double kLabelHeight = 16;
 constexpr double kLaneHeight = 26;

@@ -39,7 +39,7 @@ bool IsPunctuation(char c) {
     return c == ',' || c == ';' || c == ':' || c == '(' || c == ')';
 }
 
-// A number is a word of its own, and so is the unit behind it.
+// A number is a word of its own, and so is the unit after it.
 std::vector<Token> Tokens(const std::string& text) {
     const auto isNumber = [](char c) {
         return isdigit(static_cast<unsigned char>(c)) != 0 || c == '.';

@@ -56,7 +56,7 @@ enum class End {
 };
 const char* EndName(End end);
 
-// How late a heartbeat could have come: it would have come in time up to the step's check.
+// How much later a heartbeat could have come and still prevented the step: up to the step's check.
 struct StepMargin {
     EventKind step;  // kOffline, kRestart, kReboot or kRecovery
     Ms later;        // after the heartbeat

@@ -1,6 +1,6 @@
 // The journals of the page and the package beside them. FILE is the journal of the present package;
 // FILE.1, FILE.2, … are those of earlier ones, the oldest first. FILE.package is the package of
-// FILE, so a killed server can go on.
+// FILE. If kvtool is killed, its next start goes on with both.
 #pragma once
 
 #include <memory>

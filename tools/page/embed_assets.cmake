@@ -1,4 +1,5 @@
-# A CMake script: writes OUTPUT, a C++ file with the bytes of FILES. GCC limits no string literal.
+# A CMake script: writes OUTPUT, a C++ file with the bytes of FILES. GCC has no limit for the length of a string
+# literal.
 set(entries "")
 foreach(file IN LISTS FILES)
     get_filename_component(name "${file}" NAME)

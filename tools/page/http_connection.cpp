@@ -30,7 +30,7 @@ constexpr size_t kBufferLimit = 65536;
 constexpr Millis kHeadTime{15000};   // for a whole head, idle time included
 constexpr Millis kSilence{30000};    // longest silence inside a body
 constexpr Millis kWriteTime{15000};  // longest time in which a client takes nothing
-constexpr Millis kLinger{3000};      // how long the rest of a refused body is taken
+constexpr Millis kLinger{3000};      // how long the rest of a refused body may still come
 
 // A socket with the functions that Beast calls. Every wait has a deadline and ends with this
 // thread's interrupt.

@@ -65,7 +65,7 @@ std::string HttpCall::Body(size_t limit) {
 }
 
 HttpServer::HttpServer(uint16_t port) {
-    // Another program may have the free port of one family in the other one.
+    // A port that is free in one family may be taken in the other. Then another one is tried.
     for (int i = 0; i < kPortTries; ++i) {
         listeners_.clear();
         port_ = port;

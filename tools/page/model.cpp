@@ -19,7 +19,7 @@ std::string With(const std::string& object, const std::string& key, const std::s
            "}";
 }
 
-// The object with the keys of the other one behind its own.
+// The object with the keys of `more` after its own.
 std::string Joined(const std::string& object, const std::string& more) {
     return more.size() <= 2 ? object : object.substr(0, object.size() - 1) + "," + more.substr(1);
 }

@@ -49,7 +49,7 @@ RunControl::RunControl(const RunSettings& settings, Archive* archive, Model* mod
     view_->End(contents.ended, contents.exitCode);
     members_ = std::move(contents.members);
     if (std::optional<Bytes> bytes = archive_->KeptPackage(journalMd5_)) {
-        // It was trusted when its run began. If the trusted key is another one now, this finds out.
+        // It was trusted when its run began. Inspect notices if the trusted key is another one now.
         SetPackage(Inspect(contents.package.file, std::move(*bytes), settings_.layout,
                            settings_.trustedKey));
     }

@@ -81,7 +81,7 @@ function optionFields() {
       kNumbers.map(([name, title, explanation, attributes]) =>
         field(name, title, explanation, { type: "number", inputmode: "numeric", ...attributes }),
       ),
-      field("expect_version", "Firmware afterwards", "the camera must answer a search with it to count as done", {
+      field("expect_version", "Firmware afterwards", "a camera counts as done only if a search reply names it", {
         type: "text",
         autocomplete: "off",
         spellcheck: "false",
