@@ -142,7 +142,7 @@ class Abuse(Judge):
             self.serve_again()
             row.notes = f"{group.peak() // 1024} KiB at most, the kernel's included"
             if group.kills():
-                self.explain("the kernel has killed it for want of memory")
+                self.explain("the kernel has killed it for lack of memory")
 
     def no_memory(self):
         """A package goes to memory. When there is none left, the kernel kills the program; the watchdog then resets."""
@@ -161,7 +161,7 @@ class Abuse(Judge):
             return
         with self.phase("out of memory, malloc") as row:
             self._starve()
-            row.before = Footprint(self.process)  # the allocator keeps some of the most that was ever used
+            row.before = Footprint(self.process)  # the allocator keeps part of what was used at the peak
             opened, full = self._starve()
             row.notes = f"{opened} open, {full.anonymous} KiB"
 
