@@ -1,4 +1,4 @@
-"""Power cuts at several points of an upgrade. The flash shows what is left, and then so does the program itself."""
+"""Power cuts at several points of an upgrade. The test checks the flash after each, and then what the program does."""
 
 import random
 
