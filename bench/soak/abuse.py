@@ -161,7 +161,7 @@ class Abuse(Judge):
             return
         with self.phase("out of memory, malloc") as row:
             self._starve()
-            row.before = Footprint(self.process)  # the allocator keeps part of what was used at the peak
+            row.before = Footprint(self.process)  # the allocator keeps some of the most that was ever used
             opened, full = self._starve()
             row.notes = f"{opened} open, {full.anonymous} KiB"
 
