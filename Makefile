@@ -28,7 +28,7 @@ clang: ## Build everything with clang, with warnings as errors; runs nothing
 	@scripts/setup.sh build test clang
 	@scripts/build.sh clang
 
-size: build ## Show what takes the space in the device program; fails if it grew (UPDATE=1 writes the figures)
+size: build ## Show what takes up space in the device program; fails if it grew (UPDATE=1 writes the figures)
 	@scripts/setup.sh scripts
 	@scripts/size.sh $(if $(UPDATE),--update)
 
@@ -91,7 +91,7 @@ board: build ## Test the program on emulated ARM boards with a real kernel (3 mi
 board-shell: build ## Open the console of an emulated board
 	@scripts/board.sh shell
 
-test: tests-build ## Run all unit and system tests
+test: tests-build ## Run the unit and system tests, without test-fleet
 	@ctest --test-dir build/dev --output-on-failure -j $(JOBS) -LE fleet
 
 test-fleet: tests-build ## Upgrade a site of 20 boards with a tool that is killed again and again (2 minutes)

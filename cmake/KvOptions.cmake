@@ -14,7 +14,7 @@ endif()
 target_compile_definitions(kv_options INTERFACE _FILE_OFFSET_BITS=64)
 
 # The device program throws no exceptions.
-set(KV_DAEMON_FLAGS -fno-exceptions -fno-rtti)
+set(KV_DEVICE_FLAGS -fno-exceptions -fno-rtti)
 
 if(KV_SANITIZE)
     target_compile_options(kv_options INTERFACE "-fsanitize=${KV_SANITIZE}" -fno-omit-frame-pointer
@@ -30,8 +30,8 @@ if(KV_HARDEN)
                                                 -fdata-sections)
     target_link_options(kv_options INTERFACE -Wl,-z,relro,-z,now -Wl,--gc-sections -Wl,--as-needed)
     # Nothing unwinds the device program's stack, so it needs neither the unwind tables nor the library.
-    set(KV_DAEMON_LINK_FLAGS -static-libgcc)
-    list(APPEND KV_DAEMON_FLAGS -fno-unwind-tables -fno-asynchronous-unwind-tables)
+    set(KV_DEVICE_LINK_FLAGS -static-libgcc)
+    list(APPEND KV_DEVICE_FLAGS -fno-unwind-tables -fno-asynchronous-unwind-tables)
 endif()
 
 # Debian's glibc has no start file for a static program at a random address on armhf. musl has one.
@@ -51,6 +51,6 @@ endif()
 function(kv_module name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
     add_library(${name} STATIC ${ARG_SOURCES})
-    target_compile_options(${name} PRIVATE ${KV_DAEMON_FLAGS})
+    target_compile_options(${name} PRIVATE ${KV_DEVICE_FLAGS})
     target_link_libraries(${name} PUBLIC ${ARG_LINK} kv_options Threads::Threads)
 endfunction()

@@ -250,7 +250,7 @@ struct CheckedPackage {
     }
 };
 
-// The calls of the C library's stream.
+// What the C library's stream calls.
 
 ssize_t ReadStream(void* cookie, char* buffer, size_t size) {
     auto* const package = static_cast<CheckedPackage*>(cookie);

@@ -1,4 +1,4 @@
-// Data Encryption Standard (FIPS 46-3) for the one encrypted field of the discovery reply. Pure
+// Data Encryption Standard (FIPS 46-3) for the one enciphered field of the discovery reply. Pure
 // functions over constant tables: any thread, no state, nothing blocks.
 //
 // Single DES with a compiled-in key protects nothing. Clients expect it; do not use it for anything

@@ -93,8 +93,8 @@ constexpr uint32_t kDiscoveryPlatformWord8 = 500;
 constexpr char kDiscoveryDevType[] = "IPCAMERA";
 constexpr char kDiscoveryAccount[] = "admin";
 
-// DES key and plain text of the encrypted field. A client that decrypts the field reads the account
-// as a text.
+// DES key and plain text of the enciphered field. A client that deciphers the field reads the
+// account as a text.
 constexpr char kDiscoveryKey[] = "86028602";
 struct DiscoveryPlain {
     char account[8];

@@ -82,7 +82,7 @@ int KV_NET_DetectRoutingAddr(const char* ifname, const char* text);
 // longer text is cut. Returns 0 even without a server or a file, and then leaves `out` unchanged.
 int KV_NET_GetDNS(char* out);
 
-// Copies the name servers of the first and second line of the resolver's file WITHOUT a terminating
+// Copies the name servers of the first two lines of the resolver's file WITHOUT a terminating
 // NUL: pass zeroed buffers of kv::kNetDnsLineSize. A buffer stays unchanged if its line names no
 // server, is longer than 126 characters or has no newline. Returns -1 if the file cannot be opened.
 int KV_NET_GetDNS_ex(char* out1, char* out2);

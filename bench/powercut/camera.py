@@ -84,7 +84,7 @@ class Camera:
         return "app file not exist!" in self.trace()
 
     def start_writer(self, package):
-        """Lays the package where the receiver lays it, and raises the receiver's signal. The program must have logged
+        """Puts the package where the receiver puts it, and sends the receiver's signal. The program must have logged
         its mode."""
         program = json.loads(self._do("status", "--json"))["program"]["hostPid"]
         place = pathlib.Path(f"/proc/{program}/root/tmp/upGradeFile.FLS")

@@ -141,7 +141,7 @@ class Abuse(Judge):
             self.serve_again()
             row.notes = f"{group.peak() // 1024} KiB at most, the kernel's included"
             if group.kills():
-                self.explain("the kernel has killed it for want of memory")
+                self.explain("the kernel has killed it for lack of memory")
 
     def no_memory(self):
         """A package goes to memory. When there is none left, the kernel kills the program; the watchdog then resets."""

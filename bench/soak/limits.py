@@ -26,7 +26,7 @@ def data_size(process):
     for line in pathlib.Path(f"/proc/{process}/status").read_text(encoding="ascii").splitlines():
         if line.startswith("VmData:"):
             return int(line.split()[1]) * 1024
-    raise OSError("the kernel does not say VmData")
+    raise OSError("the kernel does not report VmData")
 
 
 class MemoryGroup:
@@ -73,7 +73,7 @@ class MemoryGroup:
         return int((self._folder / self._peak).read_text(encoding="ascii"))
 
     def kills(self):
-        """How many processes the kernel has killed here for want of memory."""
+        """How many processes the kernel has killed here for lack of memory."""
         name = "memory.oom_control" if "in_bytes" in self._limit else "memory.events"
         counts = dict(line.split() for line in (self._folder / name).read_text(encoding="ascii").splitlines())
         return int(counts["oom_kill"])

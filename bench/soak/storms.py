@@ -1,4 +1,4 @@
-"""Signals by hundreds, while clients ask."""
+"""Signals by the hundred, while clients ask."""
 
 import contextlib
 import os
@@ -84,7 +84,7 @@ class Storms(Judge):
                 self.explain("it did not end with status 0")
             self.board.wait(boot, log="LoopPoolInit DeInit Success!", timeout=10)
             if self.trace_count("Start Exit!") != 1:
-                self.explain("it did not begin its end exactly once")
+                self.explain("it did not begin its exit exactly once")
             row.notes = f"status 0; {self.trace_count('wait exit!')} refused; {len(answers)} answers"
             self._reset()
 

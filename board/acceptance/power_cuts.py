@@ -1,4 +1,4 @@
-"""Power cuts at several places of an upgrade. What is left is judged by the flash, and then by the program itself."""
+"""Power cuts at several points of an upgrade. The test checks the flash after each, and then what the program does."""
 
 import random
 

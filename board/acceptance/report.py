@@ -48,7 +48,7 @@ class Report:
             self._closed = True
 
     def print_end(self):
-        """Prints the time, and once more which step failed: the end of a log is what is looked at first."""
+        """Prints the time, and once more which step failed: people look at the end of a log first."""
         print(f"total: {time.monotonic() - self.began:.1f} s")
         print("Not real on this board: erasing takes no time, and the kernel is not booted from flash.")
         if self._failure:

@@ -7,7 +7,7 @@
 #               output then goes to OUTPUT. Otherwise OUTPUT gets a copy. Under systemd a unit calls `prepare`, which
 #               makes the file, and `run`, which does not return.
 # Variables     KEEP_LOG     the folder
-#               KEEP_KIND    "flash" (the default): few writes, within KEEP_BUDGET. "ram": the folder lies in memory
+#               KEEP_KIND    "flash" (the default): few writes, within KEEP_BUDGET. "ram": the folder is in memory
 #                            that survives a reset, and every line is written within two seconds
 #               KEEP_BUDGET  for flash: bytes a day, 1048576
 #               KEEP_EVERY   for flash: seconds between two saves while nothing happens, 21600

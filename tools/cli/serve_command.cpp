@@ -68,7 +68,7 @@ void AddServeCommand(CLI::App* root, Chosen* chosen) {
         ->capture_default_str()
         ->type_name("FILE");
     app->add_option("--trusted-key", settings.trustedKey,
-                    "minisign public key; refuse a package that it has not signed")
+                    "minisign public keys; refuse a package that none of them has signed")
         ->type_name("FILE");
     AddLayout(app, &command->layout);
     app->add_option("--interface", settings.discovery.interfaces, "Search on this interface only")

@@ -72,10 +72,12 @@ options:
     description: File of the camera's partition sizes.
     type: path
   trusted_key:
-    description: Public key of minisign. A package that it has not signed is refused.
+    description: File of minisign public keys. A package that none of them has signed is refused.
     type: path
   signature:
-    description: The signature, if it is not the package's name with C(.minisig).
+    description:
+      - File with a detached signature.
+      - The default is the signature in the package or, without one, the package's name with C(.minisig).
     type: path
   search_timeout:
     description: Seconds to listen for the answer to a search.

@@ -10,7 +10,7 @@ UPGRADEMAIN_SITE_METHOD = local
 UPGRADEMAIN_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = --exclude /build --exclude /.cache
 UPGRADEMAIN_DEPENDENCIES = libevent libmd liboping
 UPGRADEMAIN_SUPPORTS_IN_SOURCE_BUILD = NO
-# A new warning of an untested compiler must not break the image.
+# A new warning from an untested compiler must not break the image.
 UPGRADEMAIN_CONF_OPTS = \
 	-DCMAKE_BUILD_TYPE=MinSizeRel \
 	-DKV_TESTS=OFF \
