@@ -160,7 +160,7 @@ class Abuse(Judge):
             return
         with self.phase("out of memory, malloc") as row:
             self._starve()
-            # The allocator keeps some of the most that was ever used.
+            # The allocator keeps a part of the largest amount that was ever used.
             row.before = self.board.settled(self.process, row.before, ANYTHING, timeout=3)
             opened, full = self._starve()
             row.notes = f"{opened} open, {full.anonymous} KiB"

@@ -3,7 +3,7 @@
 
 BIN holds the programs of a release build. With --docs the run's data, tables and pictures replace those in that folder.
 --only measures only some parts and never writes. The exit status is 1 if a row breaks its budget or a measurement
-fails, and 3 if neither is so but rows were not measured because packages cannot be had.
+fails, and otherwise 3 if packages cannot be had and rows were therefore not measured.
 """
 import argparse
 import functools
