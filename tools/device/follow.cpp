@@ -104,7 +104,8 @@ class Follower {
         return false;
     }
 
-    // Whether another device has the address now. Stores that device's search reply in `reply_`.
+    // Whether another device has the address now. `reply_` gets the search reply from there, which
+    // may be the device's own.
     bool IsStranger(const ProbeResult& probe) {
         if (probe.state != ProbeState::kRecovery || probe.session == record_->session) {
             return false;

@@ -7,8 +7,8 @@ namespace kvtool {
 
 namespace {
 
-// Why a failed connection says nothing about the device; empty: it does. A refusal counts only
-// while the path to the device exists: without it another host may have refused.
+// Why a failed connection says nothing about the device; empty: it does say something. A refusal
+// counts only while the path to the device exists: without it another host may have refused.
 std::string Blindness(const Connection& connection, const Endpoint& endpoint,
                       const Endpoint& local) {
     if (connection.state == ConnectState::kOwnTrouble) {

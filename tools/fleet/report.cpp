@@ -79,8 +79,8 @@ std::vector<std::string> Headings() {
 constexpr size_t kGap = 2;  // between columns
 
 // Sets the widths of columns to 0, the least important first, until a line of `width` characters
-// (0: no limit) holds the others. The reason goes first: it needs a line of its own. Returns
-// whether all columns fit.
+// (0: no limit) holds the others. The reason is the first to go: it needs a line of its own.
+// Returns whether all columns fit.
 bool FitColumns(std::vector<size_t>* widths, size_t width) {
     constexpr std::array<size_t, 10> kLeastImportant = {12, 2, 6, 7, 8, 10, 5, 9, 11, 1};
     for (const size_t column : kLeastImportant) {

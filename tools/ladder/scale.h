@@ -1,4 +1,4 @@
-// Where a picture has the times of a boot.
+// Places the times of a boot on a picture.
 #pragma once
 
 #include <utility>

@@ -18,7 +18,8 @@ const char* CutRiskName(CutRisk risk);
 // A time in which the power must hold. From the first erasure of an image's partition until the
 // image's last page, the partition holds neither the old image nor the new one. The application's
 // window is the erasure of its first block: if the block loses only a part of its bytes, the old
-// file system may still mount. After that it does not mount before it is whole.
+// file system may still mount. Once that block is erased, nothing mounts until the new image is
+// complete.
 struct PowerWindow {
     CutRisk risk;
     std::string partition;

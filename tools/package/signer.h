@@ -10,7 +10,7 @@ namespace kvtool {
 
 // Signs a package that was built with room for a signature and writes the signature into it. `key`
 // is a secret key file of minisign. Blocks while minisign asks for a password. Throws ToolError:
-// kRefused if minisign cannot sign with the key, kInternal if it is missing.
+// kRefused if minisign cannot sign with the key, kInternal if minisign is missing.
 void SignPackage(Bytes* package, const std::string& key);
 
 }  // namespace kvtool

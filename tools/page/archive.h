@@ -30,7 +30,7 @@ class Archive {
     fleet::JournalContents Read() const { return fleet::ReadJournal(path_); }
     fleet::Journal* Writer() { return journal_.get(); }
 
-    // Begins a new journal; the present one gets the next number. The package beside it goes.
+    // Begins a new journal; the present one gets the next number. The package beside it is removed.
     // Throws ToolError(kInternal).
     void BeginNew();
 

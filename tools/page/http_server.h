@@ -69,7 +69,8 @@ class HttpCall {
     std::string Body(size_t limit);
 };
 
-// Called on many threads at once. What it throws becomes an answer.
+// Called on many threads at once. A ToolError that it throws ends the connection; anything else
+// becomes an answer.
 using HttpHandler = std::function<HttpReply(HttpCall*)>;
 
 class HttpServer {

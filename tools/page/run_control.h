@@ -45,7 +45,8 @@ class RunControl {
 
     // Each makes a plan and returns it as JSON, after some seconds of searching: for the devices
     // that the request names; for those of the journal that are not done; for those that failed and
-    // may be tried again. Throws HttpError(400) for a request that makes no sense.
+    // may be tried again. Throws HttpError: 400 for a request that makes no sense, 422 for a
+    // package that must not be sent.
     Json PlanFor(const Json& request);
     Json PlanResume(const Json& request);
     Json PlanRetry(const Json& request);

@@ -13,7 +13,7 @@
 
 namespace kvtool::page {
 
-// Larger packages are not taken: they would stay in memory. A device's flash has 12 MiB.
+// Larger packages are not taken: they would stay in memory. A device's partitions have 12 MiB.
 constexpr uint64_t kUploadLimit = 256ULL << 20;
 constexpr size_t kSignatureLimit = 4096;
 
