@@ -91,7 +91,7 @@ void AddFleetWatch(CLI::App* fleet, Chosen* chosen) {
 
 void AddFleetReport(CLI::App* fleet, Chosen* chosen) {
     const auto command = std::make_shared<FleetReportCommand>();
-    CLI::App* app = fleet->add_subcommand("report", "Report what each device in a journal has");
+    CLI::App* app = fleet->add_subcommand("report", "Report on each device in a journal");
     app->add_option("journal", command->journal, "Journal")->required()->type_name("FILE");
     CLI::Option* const csv = app->add_flag("--csv", command->csv, "Print CSV");
     CLI::Option* const html =
