@@ -61,7 +61,7 @@ int ErrorNumber(const std::string& name) {
     throw std::runtime_error("not an error name: " + name + " (use EIO, ENOSPC, …)");
 }
 
-// Words of the runner for a power cut.
+// The request to the runner for a power cut.
 json PowerFaultRequest(const FaultOptions& options) {
     const bool off = options.operation == "off";
     if ((options.after > 0) + (options.inside > 0) + (off ? 1 : 0) != 1 ||
@@ -142,7 +142,8 @@ void AddFault(const StateDir& state, const FaultOptions& options) {
         return;
     }
     if (options.operation.empty() || options.after + options.inside > 0) {
-        throw std::runtime_error("specify the operation that fails");
+        throw std::runtime_error(
+            "specify the operation that fails (--after and --inside are for power)");
     }
     json request = {{"command", "fault"},
                     {"device", options.device},

@@ -216,7 +216,9 @@ json Site::Join(int connection, int number) {
         number = FreeNumbers(1).front();
     }
     if (stopping_ || !boards_.emplace(number, connection).second) {
-        throw std::runtime_error("board " + std::to_string(number) + " is already on the site");
+        throw std::runtime_error(stopping_ ? "the site is being stopped"
+                                           : "board " + std::to_string(number) +
+                                                 " is already on the site");
     }
     return {{"number", number}, {"runnerPid", getpid()}, {"air", PathOf(air_)}};
 }
