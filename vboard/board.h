@@ -46,7 +46,8 @@ class Board {
   private:
     void StartBoot(const std::string& reason);
     void FinishBoot(int waitStatus);
-    // Cuts the power for a moment; the boot ends with `reason`. Only the first reason counts.
+    // Cuts the power; the boot ends with `reason`. Only the first reason counts. FinishBoot decides
+    // whether another boot follows.
     void CutPower(const std::string& reason);
     void Stop(int exitStatus);
     std::string ResetReason(int waitStatus) const;
