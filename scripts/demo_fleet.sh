@@ -1,6 +1,6 @@
 #!/bin/bash
 # Upgrades eight virtual cameras at once over one radio channel. One loses its link during the upload, and one comes
-# back in recovery mode. kvtool is killed in the middle and then resumes. A table shows what each camera has.
+# back in recovery mode. kvtool is killed in the middle and then resumes. A table shows the result for each camera.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -53,7 +53,7 @@ status=0
 kvtool "${upgrade[@]}" --resume 2>&1 | grep -vE ': (connect|login|identify|upload|trailer|verification):' || status=$?
 [ "$status" = 13 ]
 
-say "What each camera has"
+say "The result for each camera"
 kvtool fleet report "$journal" --json | python3 -c '
 import json, sys
 devices = {device["device"]: device for device in json.load(sys.stdin)["devices"]}
