@@ -43,8 +43,8 @@ struct Link {
     bool failed = false;   // to write: must go after the callback
     bool closing = false;  // only sends what is queued
     bool moving = false;   // to another loop, while closing
-    // When the read time-out began, for example with an arrival. The loop may stop between a
-    // request of another thread and what tells the fuzzer of it, so there are two limits.
+    // When the read time-out began, for example with an arrival. The loop may stop between
+    // another thread's request and the mark that tells the fuzzer of it, so there are two limits.
     int64_t earliest = 0;
     int64_t latest = 0;
     int64_t timeout = 0;

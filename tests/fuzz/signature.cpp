@@ -51,7 +51,7 @@ const uint8_t* Raw(const std::string& bytes) {
     return reinterpret_cast<const uint8_t*>(bytes.data());
 }
 
-// Signs as the key in signature.pub, which everybody can make.
+// Signs with the secret key that belongs to signature.pub. Its seed is fixed.
 std::string Sign(const std::string& bytes) {
     static const std::vector<uint8_t> secret = [] {
         const std::string seed(crypto_sign_SEEDBYTES, 'f');

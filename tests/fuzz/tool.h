@@ -6,8 +6,8 @@
 
 namespace fuzz {
 
-// Runs the action. Returns false if it fails. The text of the failure must be safe to print. Only
-// if the system has refused something may it be an internal error of kvtool.
+// Runs the action. Returns false if it fails. The text of the failure must be safe to print. It may
+// be an internal error of kvtool only if the system has refused something.
 inline bool Try(const std::function<void()>& action) {
     try {
         action();

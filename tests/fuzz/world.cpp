@@ -111,7 +111,7 @@ bool Refuses(size_t odds) {
 std::string Put(const std::string& path, const std::string& text) {
     g_folder.used = true;
     const std::string place = Place(path);
-    // Fuzzers replace the functions for this.
+    // System calls, because fuzzers replace the C library's functions for this.
     constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC;
     const auto fd = syscall(SYS_openat, AT_FDCWD, place.c_str(), kFlags, 0600);
     Require(syscall(SYS_write, fd, text.data(), text.size()) == static_cast<long>(text.size()));

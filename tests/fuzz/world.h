@@ -93,8 +93,8 @@ class Scope {
 bool IsInside();
 // True once in `odds` times.
 bool Refuses(size_t odds);
-// A file that the code under test finds at this path, as the last component of its name. Returns
-// where it really is. All are gone with the next scope.
+// Makes a file that the code under test finds at this path. Only the last component of the path
+// counts. Returns where the file really is. All files are gone with the next scope.
 std::string Put(const std::string& path, const std::string& text);
 std::string Get(const std::string& path);
 

@@ -132,7 +132,7 @@ grep -q -- '-B .*-i wlan0 -c /tmp/wpa_supplicant.conf$' /tmp/called || die "the 
 [ ! -e /tmp/wpa_supplicant/wlan0 ] || die "a stale control socket is left"
 if busy /mnt/scripts/wifi_connect.sh ap /tmp/wpa_supplicant.conf 2>/dev/null; then die "wifi_connect.sh ap"; fi
 
-# Driver reset: only takes the interface down if the driver is not a module.
+# Driver reset: if the driver is not a module, it only takes the interface down.
 busy /mnt/scripts/wifi_reset.sh soft || die "wifi_reset.sh fails"
 [ "$(cat /tmp/driver)" = "ifconfig wlan0 down" ] || die "wifi_reset.sh did: $(cat /tmp/driver)"
 
