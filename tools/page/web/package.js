@@ -199,7 +199,7 @@ async function take(path, file, topic) {
   banner(topic, "");
   try {
     const what = await mine.done;
-    announce("package", `The package was checked: ${what.acceptable ? "the camera accepts it" : "it has errors"}.`);
+    announce("package", `The package was checked: ${what.acceptable ? "it has no errors" : "it has errors"}.`);
     state.package = what;
   } catch (error) {
     if (error.message) {

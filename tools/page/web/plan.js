@@ -7,7 +7,7 @@ const kNumbers = [
   [
     "jobs",
     "Cameras at a time",
-    "each from the connection until it is seen alive",
+    "each counts from its connection until it is seen alive",
     { min: 1, max: 500, placeholder: 20 },
   ],
   ["canary", "Canaries", "the others start only after this many were seen alive", { min: 0, max: 500, placeholder: 0 }],
@@ -26,7 +26,7 @@ const kNumbers = [
   [
     "expect_port",
     "Port of the application",
-    "counts as alive once it is open; empty: as the camera names it",
+    "a camera counts as alive once it is open; empty: the port that the camera names",
     { min: 1, max: 65535 },
   ],
 ];
@@ -93,7 +93,7 @@ function optionFields() {
           "fieldset",
           { class: "overrides" },
           el("legend", {}, "Override"),
-          box("force", "Send the package in spite of its errors", "as --force"),
+          box("force", "Send the package in spite of its errors", "same as --force"),
         )
       : null,
   );

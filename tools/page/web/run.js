@@ -265,7 +265,7 @@ function again(run) {
   ].filter(Boolean);
 }
 
-// The buttons depend on the state of the run only, so they keep the focus while numbers change.
+// The buttons do not depend on the progress of uploads, so they keep the focus while numbers change.
 function paintActions() {
   const { run } = state;
   const plan = offeredPlan();
