@@ -1,8 +1,8 @@
 #!/bin/sh
 # board.sh fetch | image | run [A|B|C|D...] [--program KIND] | shell: runs the program on emulated ARM boards with a
 # real kernel (docs/board.md).
-# fetch only installs and downloads what the other commands need. They fetch it themselves if it is missing. image only
-# makes what the boards boot.
+# "fetch" only installs and downloads what the other commands need. They fetch it themselves if it is missing. "image"
+# only makes what the boards boot.
 set -eu
 
 cd "$(dirname "$0")/.."
