@@ -150,9 +150,9 @@ void HttpServer::Admit(UniqueFd fd) {
     }
     Connection& connection = connections_.emplace_back();
     try {
-        connection.thread = std::thread([this, &connection, socket = fd.Release()] {
+        connection.thread = std::thread([this, &connection, socket = std::move(fd)]() mutable {
             const InterruptedBy interrupted(stop_);
-            ServeConnection(UniqueFd(socket), handler_);
+            ServeConnection(std::move(socket), handler_);
             connection.over = true;
         });
     } catch (const std::system_error&) {
