@@ -10,7 +10,7 @@
 // KV_NET_DetectRoutingAddr, KV_NET_GetDNS_ex, KV_NET_SetDNS, KV_NET_SetDNS_ex or
 // KV_NET_CheckInternet.
 //
-// They report on standard output, not in the trace log: "socket error" if no socket can be opened,
+// The functions report on standard output, not in the trace log: "socket error" if no socket can be opened,
 // "<function>: ioctl <request> failed" if the kernel refuses. On standard error, by perror: a
 // socket that KV_NET_CheckInternet cannot open, and a failed write to the resolver's file.
 //
