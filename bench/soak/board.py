@@ -92,7 +92,7 @@ class Board:
         yield from map(json.loads, lines)
 
     def settled(self, process, before, slack, timeout):
-        """The program's footprint, as soon as it is no larger than `before`, at the latest after `timeout` seconds."""
+        """The program's footprint, as soon as it is no larger than `before`, or after `timeout` seconds."""
         deadline = time.monotonic() + timeout
         while True:
             now = Footprint(process)
