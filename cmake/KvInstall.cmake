@@ -1,7 +1,7 @@
 # What `cmake --install` installs. Components let an image take only what it needs:
 #   device  the device program; with KV_INIT also the init system's start files and the scripts that they run
 #   tools   the PC programs with their man pages, and the stand-in application
-#   doc     the device program's man page, documents, example scripts of a board
+#   doc     the device program's man page, the documents, and packaging/ with its recipes and example scripts
 include(GNUInstallDirs)
 
 # Without this check an unknown component would install nothing and succeed. The list is complete only at the

@@ -96,7 +96,7 @@ int HvAssign(hio_t* io) {
 
 int HvStartRead(hio_t* io) {
     if (io->closed || io->closing) {
-        // One that has moved since it began to close goes on sending what is queued.
+        // An io that has moved since it began to close goes on sending what is queued.
         if (!io->closed && !io->assigned) {
             io->closing = false;
             (void)hio_close(io);

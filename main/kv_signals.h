@@ -24,7 +24,7 @@ struct SignalRoute {
 int KV_SIGNAL_Install(const SignalRoute* routes, size_t count);
 
 // Starts running the procedures, beginning with the signals that have arrived since the
-// installation. So the caller can start between the two calls what a procedure stops. Main thread,
-// once; does not block. Does nothing if the installation failed. Aborts if the thread cannot be
-// created.
+// installation. So the caller can use the time between the two calls to start the things that the
+// procedures stop. Main thread, once; does not block. Does nothing if the installation failed.
+// Aborts if the thread cannot be created.
 void KV_SIGNAL_Serve();

@@ -10,9 +10,9 @@
 // KV_NET_DetectRoutingAddr, KV_NET_GetDNS_ex, KV_NET_SetDNS, KV_NET_SetDNS_ex or
 // KV_NET_CheckInternet.
 //
-// They report on standard output, not in the trace log: "socket error" if no socket can be opened,
-// "<function>: ioctl <request> failed" if the kernel refuses. On standard error, by perror: a
-// socket that KV_NET_CheckInternet cannot open, and a failed write to the resolver's file.
+// The functions report on standard output, not in the trace log: "socket error" if no socket can be
+// opened, "<function>: ioctl <request> failed" if the kernel refuses. On standard error, by perror:
+// a socket that KV_NET_CheckInternet cannot open, and a failed write to the resolver's file.
 //
 //   ifname   only the first 15 characters are used
 //   address  a dotted quad. A setter fails on an invalid one before it changes anything, except

@@ -41,7 +41,7 @@ struct StaMachine {
 
 // Counts the next connect sequence and enters the associating state. `from` tells whether the
 // thread comes from the soft-reset point or directly. Three sequences make a round; the first one
-// of a new round passes the soft-reset point once more. Returns how often to run the soft reset
+// of a new round passes the soft-reset point once more. Returns the number of soft resets to run
 // before the sequence, 0 to 2.
 int StaPlanConnect(StaMachine* machine, StaGo from);
 

@@ -61,7 +61,7 @@ def known_deception(cut):
 
 
 def deceptions(orders):
-    """Yields order and cut or failure for each after which a device looks well and is not."""
+    """Yields each cut or failure after which a device looks well and is not, after its order."""
     for order in orders:
         for key, outcome in order.outcomes.items():
             if outcome.what == DECEIVES:

@@ -12,7 +12,7 @@ from judge import DECEIVES, RECOVERS, RISKS, RUNS, Judge
 from writer import Failure, Writer, cuts
 
 ONLINE = "Process cameraMain online"
-# What can fail, and how: with an error, or after so many bytes.
+# What can fail, and how: with an error (None), or after this number of bytes.
 FAILURES = [("open", None), ("ioctl", None), ("erase", None), ("write", None), ("write", 4096)]
 
 

@@ -65,8 +65,8 @@ class Failure:
 
 
 class Writer:
-    """Runs through a package. `requests` are its calls that had an effect, `counts` how often it did what can fail, and
-    `log` what it logs, as level, function and text."""
+    """Runs through a package. `requests` are its calls that had an effect, `counts` its operations of each kind
+    that can fail, and `log` what it logs, as level, function and text."""
 
     def __init__(self, package, failure=None):
         self._failure = failure

@@ -92,7 +92,7 @@ class Board:
         yield from map(json.loads, lines)
 
     def settled(self, process, before, slack, timeout):
-        """The program's footprint, as soon as it is no larger than `before`, at the latest after `timeout` seconds."""
+        """The program's footprint, as soon as it is no larger than `before`, or after `timeout` seconds."""
         deadline = time.monotonic() + timeout
         while True:
             now = Footprint(process)
@@ -152,7 +152,8 @@ def switched_on(programs, program, state, options):
 
 
 def take_real_time(wanted):
-    """Whether this program, and what it starts from now on, gets the processor at once. Returns whether that worked."""
+    """Gives this program, and what it starts from now on, real-time priority, or takes it back. Returns whether that
+    worked."""
     try:
         os.sched_setscheduler(0, os.SCHED_FIFO if wanted else os.SCHED_OTHER, os.sched_param(1 if wanted else 0))
     except PermissionError:

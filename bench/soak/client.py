@@ -47,7 +47,7 @@ def connect(timeout=10.0, receive_buffer=None, source=None):
 
 
 def receive(connection, size):
-    """Reads exactly so many bytes."""
+    """Reads exactly `size` bytes."""
     data = b""
     while len(data) < size:
         piece = connection.recv(size - len(data))
@@ -104,7 +104,7 @@ def close_all(connections):
 
 
 def connect_many(count, **options):
-    """Opens so many connections. Whatever happens, none stays open unless all are returned."""
+    """Opens `count` connections. Whatever happens, none stays open unless all are returned."""
     connections = []
     try:
         for _ in range(count):

@@ -31,7 +31,7 @@ GAP = 1.2        # seconds between two feeds
 STALL = 10       # a third of the watchdog's time-out: even a busy machine must not come near it
 RARE = 0.05      # share of gaps that a busy machine may make longer
 SERVICE_SLOT = 1800
-CHECK = 3        # seconds between two checks of the monitor; an "online" is logged up to as long after it came
+CHECK = 3        # seconds between two checks of the monitor, and the most by which an "online" is logged late
 
 
 class Hour:

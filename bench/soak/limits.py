@@ -50,7 +50,7 @@ class MemoryGroup:
         return self
 
     def __exit__(self, *_):
-        """What still runs in it moves up, so that it can go."""
+        """Moves what still runs in the group to its parent, so that the group can be removed."""
         for process in (self._folder / "cgroup.procs").read_text(encoding="ascii").split():
             with contextlib.suppress(OSError):
                 (self._folder.parent / "cgroup.procs").write_text(process, encoding="ascii")

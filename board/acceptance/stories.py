@@ -62,7 +62,8 @@ def _live_in_2040(board, report):
     _show_figures(board, report, "recovery")
     with report.step(board, "the pings of these seconds succeeded; the clock is set back"):
         board.never_saw("NetWork ping failed", since)
-        # The kernel refuses a time below its uptime, and this clock began at 0. So round up, also what date cut off.
+        # The kernel refuses a time below its uptime, and this clock began at 0. So round up, and add 1 for the part of
+        # a second that date cut off.
         machine.run(f"set_clock {before + 1 + math.ceil(time.monotonic() - begin)}")
 
 

@@ -1,4 +1,4 @@
-# CPack runs this before it makes the packages. It adds the files that Debian requires to each component: a changelog
+# CPack runs this before it makes the packages. It adds to each component the files that Debian requires: a changelog
 # with the release date, the copyright file, and the lintian overrides. It also compresses the man pages.
 cmake_policy(VERSION 3.21)
 file(STRINGS "${CMAKE_CURRENT_LIST_DIR}/../../CHANGELOG.md" heading REGEX "^## [0-9]" LIMIT_COUNT 1)

@@ -8,7 +8,8 @@
 #               that CONF names as ctrl_interface; the supervisor reads the connection's state there. No address is set:
 #               `udhcpc -i wlan0` does that later.
 # Time          a second or two. It must return: until then the station does nothing else, and a stop of the supervisor
-#               waits for it. Do not wait for the connection here; the supervisor gives it 60 s without a change.
+#               waits for it. Do not wait for the connection here; the supervisor tries again once the
+#               connection's state has not changed for 60 s.
 # Status        ignored. If it fails, the supervisor tries again. After every third failure it first resets the driver,
 #               at most three times.
 interface=wlan0
