@@ -120,7 +120,7 @@ fuzz: ## Fuzz every place where data comes in, each for SECONDS (30), or only FU
 	@scripts/setup.sh build fuzz
 	@scripts/fuzz.sh $(or $(SECONDS),30) $(FUZZ)
 
-fuzz-long: ## Run each fuzzer for 10,000,000 executions or 30 minutes of processor time (docs/testing.md)
+fuzz-long: ## Run each fuzzer for 10,000,000 executions or 30 minutes (docs/testing.md)
 	@scripts/setup.sh build fuzz
 	@scripts/build.sh fuzz --target fuzzers
 	@scripts/fuzz_long.py $(FUZZ)
