@@ -117,7 +117,7 @@ class FleetSite : public testing::Test {
     Lines Upgrade(const Lines& more, const std::string& leave = "60") const {
         Lines arguments = {"upgrade", folder_.Path("good"), "--yes", "--journal",
                            Journal(), "--stall-timeout",    "5",     "--leave-timeout",
-                           leave,     "--back-timeout",     "16"};
+                           leave,     "--back-timeout",     "40"};
         arguments.insert(arguments.end(), more.begin(), more.end());
         return Tool(arguments);
     }

@@ -167,15 +167,16 @@ TEST(KvtoolFollow, KnowsTheDeviceByItsMac) {
         ExitCode code;
         const char* observed;
     } cases[] = {
-        // The discovery reply names port 80.
+        // The discovery reply names port 80. However late the device is found, it is looked at.
         {"10.7.0.3", kMac, {}, kLong, ExitCode::kBackInRecovery, "firmware is PRT7K"},
+        {"10.7.0.3", kMac, {}, Millis(0), ExitCode::kBackInRecovery, "firmware is PRT7K"},
         // Another device has taken the address in the meantime.
         {"10.7.0.2", "02:00:5E:10:20:31", Millis(100), Millis(2000), ExitCode::kNotSeenAlive,
          "another device answers"},
     };
     const Link link;
-    Device moved(Script{}, 80, "10.7.0.3");
     for (const auto& c : cases) {
+        const Device moved(Script{}, 80, "10.7.0.3");
         const fake::Responder responder(c.address, 0, SearchReply(c.address, c.mac));
         Script script;
         script.leaves = true;
@@ -184,6 +185,7 @@ TEST(KvtoolFollow, KnowsTheDeviceByItsMac) {
         Journey run;
         run.host = "10.7.0.2";
         run.times.ask = kLong;
+        run.times.searchEvery = Millis(0);
         run.times.back = c.back;
         run.target.discoveryPort = responder.Port();
         run.target.mac = kMac;

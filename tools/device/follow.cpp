@@ -38,6 +38,7 @@ class Follower {
             "this");
         for (;;) {
             const Clock::time_point lookedAt = Clock::now();
+            moved_ = false;
             ProbeResult probe =
                 Probe(target_.endpoint, target_.local, times_.probeReply, times_.probeReply);
             if (probe.text != lastText_) {
@@ -190,6 +191,7 @@ class Follower {
             target_.endpoint = Resolve(address, found->reply.commandPort).front();
             target_.local = Endpoint();
             record_->address = target_.endpoint.text;
+            moved_ = true;
         }
     }
 
@@ -207,9 +209,10 @@ class Follower {
         if (!left_ || !(last || now - leftAt_ - blind_ >= times_.back)) {
             return std::nullopt;
         }
-        const std::string before = target_.endpoint.text;
-        SearchIfAway(probe, true);
-        if (target_.endpoint.text != before && !last) {
+        if (!moved_) {
+            SearchIfAway(probe, true);
+        }
+        if (moved_ && !last) {
             return std::nullopt;
         }
         SayNotSeenAlive();
@@ -273,6 +276,7 @@ class Follower {
     Clock::time_point searchedAt_ = start_;
     Millis blind_{0};  // since the start, or since it left
     bool left_ = false;
+    bool moved_ = false;  // to an address that has not been probed yet
     bool portWasClosed_;
     bool talked_ = false;
     int misses_ = 0;
