@@ -28,7 +28,7 @@ clang: ## Build everything with clang, with warnings as errors; runs nothing
 	@scripts/setup.sh build test clang
 	@scripts/build.sh clang
 
-size: build ## Show what takes up space in the device program; fails if it grew (UPDATE=1 writes the figures)
+size: build ## Show what takes up space in the device program; fails if it grew over 5 % (UPDATE=1 writes the figures)
 	@scripts/setup.sh scripts
 	@scripts/size.sh $(if $(UPDATE),--update)
 

@@ -1,7 +1,7 @@
 #!/bin/bash
 # fuzz.sh SECONDS [NAME]: builds the fuzzers, or one of them, and runs them, two at a time. Each replays the seeds and
 # what earlier runs have collected in build/fuzz/corpus, then runs for SECONDS. With 0 it only replays. An input that
-# ends a fuzzer stays in build/fuzz/crashes. Exits with 1 if there is one.
+# ends a fuzzer stays in build/fuzz/crashes. Fails if there is one.
 # fuzz.sh coverage: replays the seeds, prints how much of each file they reach (scripts/fuzz_coverage.py), and rewrites
 # the table in docs/testing.md.
 set -euo pipefail

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""fuzz_coverage.py NAME...: prints how many lines the fuzzers of these names reached in each file that parses data from
-outside, and writes the table into docs/testing.md if these are all fuzzers. Reads the profiles in
+"""fuzz_coverage.py NAME...: prints how many lines the fuzzers with these names reached in each file that parses data
+from outside, and writes the table into docs/testing.md if these are all the fuzzers. Reads the profiles in
 build/fuzz-coverage. Exits with 1 if a file is below 90 %."""
 import os
 import pathlib

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""mutants.py [--module NAME] [--name NAME] [--all] [--check]: breaks the programs on purpose, one small fault at a
-time, and shows which tests notice. docs/testing.md says how to read the output.
+"""mutants.py [--module NAME] [--name NAME] [--all] [--check] [--jobs N]: breaks the programs on purpose, one small
+fault at a time, and shows which tests notice. docs/testing.md says how to read the output.
 
 The rules in tests/mutants/MODULE.toml describe the faults. A copy of the tree in build/mutants gets one fault at a time
 and is built; then the tests that the rule names run until one fails. The exit status is 0 if at least 95 % of the

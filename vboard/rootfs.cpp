@@ -53,7 +53,7 @@ void Bind(const fs::path& source, const fs::path& target, bool readOnly) {
     }
 }
 
-// Binds /usr and the host's top-level folders and links that lead into it.
+// Binds /usr and the host's /bin and /lib*, or copies them if they are links.
 void BindPrograms(const fs::path& root) {
     Bind("/usr", root / "usr", true);
     for (const fs::directory_entry& entry : fs::directory_iterator("/")) {

@@ -3,7 +3,7 @@
 
 Builds the collection, installs it into a folder of its own, and runs ansible-playbook on the site's laptop: check mode,
 a package that is refused, a canary that fails, a run in which one of six fails, and a run that upgrades only that one.
-A stand-in for kvtool plays the searches that a site cannot.
+A stand-in for kvtool gives search results that a site cannot produce.
 """
 import contextlib
 import json

@@ -60,7 +60,7 @@ class Board {
 
     std::string Path(const std::string& name) const { return folder_.Path(name); }
 
-    // Runs `vboard COMMAND --state …`. Do fails the test if the command fails.
+    // Runs `vboard --state … ARGUMENTS`. Do fails the test if the command fails.
     std::string Do(const Lines& arguments);
     CommandResult Try(const Lines& arguments, int timeoutSeconds = 60);
     // Run a shell command on the bench, or on the board.
@@ -103,8 +103,8 @@ class Board {
     bool Armed() { return Status().at("watchdog").at("armed"); }
     // Watches the program's threads while `meanwhile` runs. Fails the test for each thread that
     // went to sleep more often than its row allows: `rate` times a second plus `slack` times. A
-    // thread without a row must not wake up at all. Measures three times and takes the quietest,
-    // because a thread also sleeps when it reads a page from the disk.
+    // thread without a row must not wake up at all. Measures up to three times, until no thread
+    // fails, because a thread also sleeps when it reads a page from the disk.
     struct SleepRow {
         double rate;
         double slack;

@@ -32,8 +32,8 @@ struct Script {
     uint16_t verdictStatus = 0;
     // Changes the reply to a command before it is sent. An empty reply is not sent.
     std::function<Bytes(uint16_t command, Bytes reply)> edit;
-    // Closes the listener and all connections after acceptance. With backAfter, the listener comes
-    // back after that time, as after a restart.
+    // Closes the listener and all connections after a whole upload, unless the verdict is kClose.
+    // With backAfter, the listener comes back after that time, as after a restart.
     bool leaves = false;
     std::optional<milliseconds> backAfter;
     // The application opens alivePort this long after the device has closed them.

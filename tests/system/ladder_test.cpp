@@ -12,7 +12,7 @@ constexpr double kCheckPeriod = 3;
 // At this speed 300 ms of the host are 6 s of the board.
 constexpr double kLag = 6;
 
-// An application that does `steps`, a shell script with the functions beat and silent. Each start
+// An application that does `steps`, a shell script that calls `mode MODE [SECONDS]`. Each start
 // ends the one before, as the contract of startapp.sh requires.
 void InstallLife(Board* board, const std::string& steps) {
     const std::string bin = board->Path("life/bin");

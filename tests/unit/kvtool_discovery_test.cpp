@@ -94,7 +94,7 @@ TEST(KvtoolDiscover, AHostsOwnAnswerEndsTheSearch) {
     }
 }
 
-// The reader stops at the first answer, so the others wait in the sockets: 500 of them or, where
+// The reader pauses at the first answer, so the others wait in the sockets: 500 of them or, where
 // the system grants a socket much memory, more than fit in one socket.
 TEST(KvtoolDiscover, LosesNoneOfFiveHundredAnswersAtOnce) {
     const UniqueFd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));

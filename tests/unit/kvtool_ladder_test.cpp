@@ -31,7 +31,8 @@ Timeline PlayLog(const std::string& text, Recording* recording = nullptr) {
     return timeline;
 }
 
-// "1: offline 66, restart 183 | 2: …", the events with their seconds, without the button's.
+// "1: offline 66 restart 183 reboot | 2m: …": the events with their seconds, without
+// button_returned and started, then the end of the boot. "m": the marker was there.
 std::string Steps(const Timeline& timeline) {
     std::string text;
     for (const Boot& boot : timeline.boots) {

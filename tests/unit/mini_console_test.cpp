@@ -69,7 +69,7 @@ TEST(MiniConsoleDeathTest, MissingPipeIsReportedOnceAndNotRetried) {
         testing::ExitedWithCode(0), "");
 }
 
-// After such a reboot request the lock stays held, so a second request blocks.
+// After a reboot request without a feeder the lock stays held, so a second request blocks.
 TEST(KeeperDeathTest, RebootRequestWithoutAFeederHoldsTheLock) {
     EXPECT_EXIT(
         {

@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""dissector_test.py BIN-FOLDER: the Wireshark dissectors on captures from a virtual board, and on malformed packets.
+"""dissector_test.py BIN-FOLDER: tests the Wireshark dissectors on captures from a virtual board, and on malformed
+packets.
 
 The board runs the unchanged program. dumpcap listens on the bench while kvtool searches, asks and upgrades.
 """

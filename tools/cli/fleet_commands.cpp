@@ -157,7 +157,7 @@ std::vector<std::string> HostsOf(const FleetUpgradeCommand& command) {
     return hosts;
 }
 
-// A run that ended before its first line leaves a journal without a run.
+// A run that ended before it had written its first line leaves a journal without a run.
 bool HasRun(const std::string& path) {
     return std::filesystem::exists(path) && fleet::ReadJournal(path).runs > 0;
 }

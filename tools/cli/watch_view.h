@@ -19,7 +19,7 @@ class WatchView {
 
     // Returns false if it could not be written.
     bool Show(const WatchRound& round);
-    // Leaves the last table on the screen, without the line that says how to end.
+    // Leaves the last table on the screen, without the words that say how to end.
     void End();
 
   private:

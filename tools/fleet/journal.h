@@ -54,7 +54,7 @@ struct JournalContents {
     uint64_t whole = 0;  // bytes of the complete lines
 };
 
-// The contents have no run if the first run ended before its first line. Throws
+// The contents have no run if the first run ended before it had written its first line. Throws
 // ToolError(kRefused) if the file is not a journal, or is damaged anywhere but in its last line.
 JournalContents ReadJournal(const std::string& path);
 

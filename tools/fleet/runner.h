@@ -37,7 +37,8 @@ struct RunRequest {
     const Interrupt& stopNow;           // once raised, upgrades under way are abandoned
 };
 
-// Called from several threads, one at a time. `member` counts from 0 in the order of Add.
+// Called from several threads, one at a time. `member` counts from 0 in the order of Add and
+// AddIdle.
 class RunListener {
   public:
     virtual ~RunListener() = default;

@@ -23,8 +23,8 @@ struct RunTotal {
     size_t failed = 0;
     size_t underWay = 0;
     size_t waiting = 0;
-    uint64_t sent = 0;    // bytes acknowledged by all devices
-    uint64_t size = 0;    // bytes to send to all devices
+    uint64_t sent = 0;    // bytes acknowledged by all devices that have not failed
+    uint64_t size = 0;    // bytes to send to these devices
     double rate = 0;      // bytes a second over all uploads; 0: not known
     double followed = 0;  // average seconds from acceptance to being seen alive; 0: none seen yet
     double secondsLeft = 0;  // 0: not known

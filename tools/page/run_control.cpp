@@ -49,7 +49,8 @@ RunControl::RunControl(const RunSettings& settings, Archive* archive, Model* mod
     view_->End(contents.ended, contents.exitCode);
     members_ = std::move(contents.members);
     if (std::optional<Bytes> bytes = archive_->KeptPackage(journalMd5_)) {
-        // It was trusted when its run began. Inspect notices if the trusted key is another one now.
+        // It was trusted when its run began. Inspect judges it again, because the trusted key may
+        // be another one now. The archive keeps no detached signature, so one must be given again.
         SetPackage(Inspect(contents.package.file, std::move(*bytes), settings_.layout,
                            settings_.trustedKey));
     }

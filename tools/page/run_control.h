@@ -26,8 +26,8 @@ struct RunSettings {
     std::string trustedKey;
 };
 
-// May be used on any thread. Each call that changes something throws HttpError(409) if it does not
-// fit what is going on.
+// May be used on any thread. PlanFor, PlanResume, PlanRetry, Start and Stop throw HttpError(409) if
+// they do not fit what is going on.
 class RunControl {
   public:
     // Shows the run in the journal, if there is one, and the package kept beside it.
