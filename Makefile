@@ -10,7 +10,7 @@ help: ## List the targets
 	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 18
 
 setup: ## Install missing packages for build, test, demo and lint (lists in scripts/packages/)
-	@scripts/setup.sh build vboard scripts test lint
+	@scripts/setup.sh build vboard scripts test lint fuzz
 
 build: ## Build the device program and the PC tools into build/bin
 	@scripts/setup.sh build

@@ -21,11 +21,10 @@ suffix=
 if [ -n "${TRUSTED_KEY:-}" ]; then
     suffix=-signed
     [ $# -gt 0 ] || set -- dynamic static
-    scripts/setup.sh arm_signed
-    sodium=$(scripts/arm_sodium.sh)
 fi
 [ $# -gt 0 ] || set -- dynamic static musl
 scripts/setup.sh build arm
+[ -z "$suffix" ] || sodium=$(scripts/arm_sodium.sh)
 for kind in "$@"; do
     case $kind in
         dynamic) preset=armhf ;;

@@ -47,7 +47,8 @@ const PublicKey& FindKey(const std::vector<PublicKey>& keys, const KeyId& id,
         for (const PublicKey& other : keys) {
             trusted += (trusted.empty() ? "" : ", ") + KeyIdText(other.id);
         }
-        Refuse(file, "signed by key " + KeyIdText(id) + ", but the trusted key is " + trusted);
+        Refuse(file, "signed by key " + KeyIdText(id) + ", but the trusted " +
+                         (keys.size() == 1 ? "key is " : "keys are ") + trusted);
     }
     return *key;
 }
