@@ -53,8 +53,9 @@ int HighestDescriptor() {
     return highest;
 }
 
-// Other C libraries can close only single descriptors, and ignore those that are not open. A new
-// descriptor gets the lowest free number.
+// Other C libraries can close only single descriptors, and ignore those that are not open. Each
+// descriptor that another thread opens meanwhile gets the lowest free number, so a few numbers
+// above the highest are enough.
 void AddCloseOthers(posix_spawn_file_actions_t* actions) {
     const int highest = HighestDescriptor();
     for (int i = STDERR_FILENO + 1; highest >= 0 && i <= highest + kDescriptorReserve; ++i) {

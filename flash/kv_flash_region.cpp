@@ -82,10 +82,10 @@ int EraseDevice(Region region, const char* function, const char* mtd) {
     return 0;
 }
 
-// Writes chunks from the package's position until `wanted` bytes are written, the device's `size`
-// is full or the package ends. Returns the end offset. Kept: every read asks for a whole chunk. The
-// bytes that follow an image in the package are therefore written after it; packages are laid out
-// for that. A failed write adds its result, -1, to the offset.
+// Writes chunks from the package's position until `wanted` bytes are written, the device of `size`
+// bytes is full, or the package ends. Returns the end offset. Kept: every read asks for a whole
+// chunk. The bytes that follow an image in the package are therefore written after it; packages are
+// laid out for that. A failed write adds its result, -1, to the offset.
 uint32_t WriteChunks(FILE* pkg, int fd, uint32_t wanted, uint32_t size, const char* function) {
     uint8_t buffer[kv::kFlashTransferUnit];
     uint32_t offset = 0;

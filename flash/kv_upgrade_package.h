@@ -35,9 +35,9 @@ static_assert(offsetof(UpgradeFileEntryBytes, checkCode) == 140, "offset of the 
 constexpr size_t kPackageHeaderSize = sizeof(UpgradeFileHeaderBytes);
 constexpr size_t kPackageEntrySize = sizeof(UpgradeFileEntryBytes);
 
-// A signed package has this as entry 0. The name selects no partition, so a program without trusted
-// keys skips the entry. Its image starts directly after the table: a PackageSignatureBytes, then
-// the trusted comment. docs/package-format.md says what is signed.
+// The name of entry 0 of a signed package. It selects no partition, so a program without trusted
+// keys skips the entry. The entry's image starts directly after the table: a PackageSignatureBytes,
+// then the trusted comment. docs/package-format.md says what is signed.
 constexpr char kSignatureName[] = "signature";
 
 // A minisign signature without its text form.

@@ -1,9 +1,9 @@
 // Address look-up of the static program. It handles only numeric IPv4 addresses; the ping library
 // gets no others.
 //
-// libevent and liboping call the C library's look-up, which loads modules at run time. The device's
-// modules may belong to another version of the library. In a static program on glibc that look-up
-// would also take up an eighth of the program.
+// libevent and liboping call the C library's look-up. glibc's loads modules at run time, and the
+// device's modules may belong to another version of glibc. It would also take up an eighth of the
+// program.
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <net/if.h>

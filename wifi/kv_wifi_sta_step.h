@@ -31,7 +31,7 @@ enum class StaLink {
 
 struct StaMachine {
     StaState state = StaState::kAssociating;
-    uint8_t retryCount = 0;     // failed rounds since the link was last verified
+    uint8_t retryCount = 0;     // failed rounds and checks since the link was last verified
     uint8_t secondCount = 0;    // cleared with retryCount, otherwise unused
     int attemptCount = 0;       // connect sequences since the last round change
     uint8_t pingFailCount = 0;  // misses in a row

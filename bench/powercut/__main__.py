@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Cuts the power of a virtual camera at every step of an upgrade, and lets every erasure and write fail.
+"""Cuts the power of a virtual camera at every step of an upgrade, and lets every operation on its flash fail.
 
 powercut BIN [--sample N] [--jobs N] [--docs DIR]
 

@@ -90,7 +90,7 @@ class Firmware:
 
 
 class Package:
-    """A package of some of a firmware's images, in this order of the table."""
+    """A package of some of a firmware's images. Its table lists them in the order of `names`."""
 
     def __init__(self, kvtool, firmware, names):
         self.names = names

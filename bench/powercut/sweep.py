@@ -82,8 +82,8 @@ class Bench:
             raise Problem("the old firmware starts recovery")
 
     def check_reference(self, order, kvtool):
-        """An upgrade without a cut: the writer's calls, the chip's bytes and `kvtool verify` must agree with writer.py,
-        and the time and the windows of `kvtool inspect` with its times."""
+        """An upgrade without a cut: the writer's log and calls, the chip's bytes and `kvtool verify` must agree with
+        writer.py."""
         self.start_old(order)
         self.camera.start_writer(order.package)
         self.check_log(self.camera.await_reboot(), order.writer)

@@ -1,4 +1,4 @@
-"""Abuse by clients, and scarce memory, descriptors and readers of the log."""
+"""Abuse by clients, too little memory, too few descriptors, and a log that nobody reads."""
 
 import contextlib
 import resource

@@ -163,8 +163,8 @@ def take_real_time(wanted):
 
 @contextlib.contextmanager
 def ticking(seconds):
-    """A bare process that wakes up in this rhythm. Yields a function that tells by how many seconds it was late at most
-    since the last call."""
+    """A bare process that wakes up in this rhythm. Yields a function that returns its largest delay since the last
+    call, in seconds."""
     def lateness():
         process.stdin.write("\n")
         return float(process.stdout.readline())

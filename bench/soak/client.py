@@ -1,4 +1,4 @@
-"""Clients of the recovery services, well-behaved and other. Runs in the bench's network."""
+"""Clients of the recovery services, well-behaved and otherwise. Runs in the bench's network."""
 
 import contextlib
 import hashlib

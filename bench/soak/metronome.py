@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""metronome.py SECONDS: wakes up in this rhythm and does nothing else. A line on standard input makes it print by how
-many seconds it was late at most since the last such line: what the machine itself adds to any program's rhythm.
+"""metronome.py SECONDS: wakes up in this rhythm and does nothing else. A line on standard input makes it print its
+largest delay since the last such line, in seconds: what the machine itself adds to any program's rhythm.
 """
 
 import select

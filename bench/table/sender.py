@@ -2,8 +2,9 @@
 """sender.py HOST PORT FILE STORED [PROCESS [finish]]: sends FILE to a receiver on the board and prints JSON.
 
 STORED is this machine's path of the receiver's file; the last 8 KiB may still be in the receiver's buffers. With
-PROCESS, the receiver is a camera's program with this process number: FILE is a package, and the camera is told of it
-first and lets it free memory, which the times do not include. With "finish" the trailer and the camera's check follow.
+PROCESS, the receiver is a camera's program with this process number, and FILE is a package. The camera then gets the
+upgrade request first, and frees memory; the times do not include this. With "finish" the trailer and the camera's check
+follow.
 """
 import hashlib
 import json

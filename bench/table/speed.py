@@ -138,7 +138,7 @@ def make_package(bin_folder, folder, images):
 
 
 def measure_journey(figures, bin_folder, folder):
-    """An upgrade as a technician sees it, and the writing alone, against what chip and link need at least."""
+    """An upgrade as a technician sees it, and the writing alone, against the least that chip and link need."""
     package = make_package(bin_folder, folder, IMAGES)
     inspected = subprocess.run([bin_folder / "kvtool", "inspect", package, "--json"], check=True, capture_output=True,
                                text=True).stdout

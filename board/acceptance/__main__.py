@@ -74,7 +74,8 @@ def main():
         if name == "run":
             command.add_argument("kvtool", type=pathlib.Path)
             command.add_argument("application", type=pathlib.Path)
-            command.add_argument("--program", choices=PROGRAMS, help="the program on all boards; default: each its own")
+            command.add_argument("--program", choices=PROGRAMS,
+                                 help="the program on all boards; default: each board's own")
             command.add_argument("boards", nargs="*", metavar="BOARD", help=f"{', '.join(BOARDS)}; default: A to C")
     options = parser.parse_args()
     if options.command == "run" and not set(options.boards) <= set(BOARDS):

@@ -79,7 +79,7 @@ local e = {
                                group.PROTOCOL, severity.ERROR),
     check = ProtoExpert.new("kvmini.entry.bad_check", "The flash writer stops at this entry",
                             group.PROTOCOL, severity.ERROR),
-    trailer = ProtoExpert.new("kvmini.trailer.bad", "The device refuses a trailer without MD5: and 32 lowercase digits",
+    trailer = ProtoExpert.new("kvmini.trailer.bad", "The device refuses a trailer without 'MD5:' and 32 lowercase digits",
                               group.PROTOCOL, severity.ERROR),
     behind = ProtoExpert.new("kvmini.behind.ignored", "Nothing may follow the trailer on this connection",
                              group.PROTOCOL, severity.WARN),
@@ -109,7 +109,9 @@ local function text_of(range)
 end
 
 local function add_text(tree, field, range)
-    return tree:add(field, range, text_of(range))
+    local text = text_of(range)
+    tree:add(field, range, text)
+    return text
 end
 
 local function add_header(tvb, tree)
