@@ -140,6 +140,14 @@ class Malformed(unittest.TestCase):
                                 ("tcp", 80, reply[20:35], False, 9999, 21), ("tcp", 80, reply[35:], False, 9999, 36)])
         self.assertEqual((packets[-1]["kvmini.response_to"], packets[-1]["kvmini.serial"]), ("1", b"serial!!".hex(":")))
 
+    def test_a_package_for_another_model_is_marked(self):
+        device = frame(0x2003, 464, 1) + bytes(432) + b"PRT7K".ljust(16, b"\0") + b"38QX".ljust(16, b"\0")
+        packages = [frame(0x2002, 101, 1) + b"PRT7K".ljust(8, b"\0") + sensor.ljust(56, b"\0")
+                    for sensor in (b"38QX", b"38QY")]
+        packets = self.dissect([("tcp", 80, frame(0x2003), True, 9999, 1), ("tcp", 80, device, False, 9999, 1)]
+                               + [("tcp", 80, package, True) for package in packages])
+        self.assertEqual([packet.has("kvmini.package.identity") for packet in packets], [False] * 3 + [True])
+
     def test_cut_and_broken_packets_do_not_disturb_it(self):
         packets = [("tcp", 80, b"GET / HTTP/1.1\r\nHost: camera.example\r\n\r\n", True)]
         for _, protocol, port, whole in REFUSED:
@@ -233,7 +241,8 @@ class OnABoard(unittest.TestCase):
         self.assertEqual(len(trailer), 1)
         self.assertGreaterEqual(int(trailer[0]["kvmini.upload.offset"]), size - 37 - 65536)
         self.assertTrue(any(packet.has("kvmini.accepted") for packet in self.packets))
-        for fault in ("kvmini.lost", "kvmini.trailer.bad", "kvmini.behind", "kvmini.bad_reply", "kvdisc.constant"):
+        for fault in ("kvmini.lost", "kvmini.trailer.bad", "kvmini.behind", "kvmini.bad_reply", "kvmini.package.identity",
+                      "kvdisc.constant"):
             self.assertFalse(any(packet.has(fault) for packet in self.packets), fault)
 
 
