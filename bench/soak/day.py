@@ -8,21 +8,20 @@ BIN holds the programs. What the log must show comes from `kvtool ladder`. With 
 in DIR/soak.md. See docs/soak.md.
 """
 
-import argparse
 import json
 import os
 import pathlib
 import signal
 import subprocess
 import sys
-import tempfile
 import textwrap
 import time
 
+import entry
 import page
-from board import (READY, Board, Feeds, Footprint, Problem, interruptible, load_average, switched_on,
-                   take_real_time, ticking)
-from plan import HOUR, QUIET, OUTAGE_SLOT, Outages, Watched
+from board import (READY, Board, Feeds, Footprint, Problem, load_average, switched_on, take_real_time,
+                   ticking)
+from plan import HOUR, OUTAGE_SLOT, QUIET, SLOT, Outages, Watched
 
 ADDRESS = "192.168.10.2"
 GUARD = "into wifi guard"
@@ -272,8 +271,8 @@ def run(options, folder):
     state = folder / "board"
     Board(options.bin, state).do("flash", "write", "mtd5", make_application(options.bin, folder))
     began, loads = time.monotonic(), [load_average()]
-    with switched_on(options.bin, options.program or options.bin / "upgradeMain", state,
-                     ["--speed", options.speed]) as board, ticking(1 / options.speed) as lateness:
+    with switched_on(options.bin, options.program, state, ["--speed", options.speed]) as board, \
+            ticking(1 / options.speed) as lateness:
         day = Day(options, board, lateness)
         day.run()
     minutes = (time.monotonic() - began) / 60
@@ -293,23 +292,14 @@ def run(options, folder):
 
 
 def main():
-    parser = argparse.ArgumentParser(prog="day", description=__doc__.splitlines()[0])
-    parser.add_argument("bin", type=pathlib.Path, help="folder of the programs")
+    parser = entry.parser("day", __doc__)
     parser.add_argument("--hours", type=float, default=24, help="of the board's clock (24)")
     parser.add_argument("--speed", type=int, default=60, help="of the board's clock (60)")
-    parser.add_argument("--program", type=pathlib.Path, help="another device program than BIN/upgradeMain")
-    parser.add_argument("--docs", type=pathlib.Path, help="folder whose soak.md is rewritten")
     options = parser.parse_args()
-    options.bin = options.bin.resolve()
-    interruptible()
-    with tempfile.TemporaryDirectory(prefix="kv-soak-") as folder:
-        try:
-            return run(options, pathlib.Path(folder))
-        except (Problem, OSError, subprocess.SubprocessError) as problem:
-            print(f"soak: {problem}", file=sys.stderr)
-            return 1
-        except KeyboardInterrupt:
-            return 130
+    shortest = 3 * max(SLOT, OUTAGE_SLOT, SERVICE_SLOT) / HOUR
+    if options.hours < shortest:
+        parser.error(f"--hours: at least {shortest:g}, so that each part of the day happens once")
+    return entry.execute(options, run)
 
 
 if __name__ == "__main__":

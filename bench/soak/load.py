@@ -7,19 +7,18 @@ BIN holds the programs. --program is another device program than BIN/upgradeMain
 it was built. With --docs, rewrites the figures in DIR/soak.md. See docs/soak.md.
 """
 
-import argparse
 import json
 import os
 import pathlib
 import subprocess
 import sys
-import tempfile
 import textwrap
 import time
 
 import client
+import entry
 import page
-from board import Problem, interruptible, load_average, switched_on, take_real_time, ticking
+from board import load_average, switched_on, take_real_time, ticking
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 # The program finds these files in /param; reports do not end it, so that one run shows all.
@@ -62,8 +61,7 @@ def run(options, folder):
     began, loads = time.monotonic(), [load_average()]
     # The clients stand for other computers, which cannot take the device's processor.
     prompt = take_real_time(True)
-    program = options.program or options.bin / "upgradeMain"
-    with switched_on(options.bin, program, state, settings), ticking(1) as lateness:
+    with switched_on(options.bin, options.program, state, settings), ticking(1) as lateness:
         take_real_time(False)
         journey = pathlib.Path(__file__).with_name("journey.py")
         command = ["setpriv", "--pdeathsig", "TERM", options.bin / "vboard", "--state", state, "exec", "--",
@@ -89,23 +87,10 @@ def run(options, folder):
 
 
 def main():
-    parser = argparse.ArgumentParser(prog="load", description=__doc__.splitlines()[0])
-    parser.add_argument("bin", type=pathlib.Path, help="folder of the programs")
-    parser.add_argument("--program", type=pathlib.Path, help="another device program than BIN/upgradeMain")
+    parser = entry.parser("load", __doc__)
     parser.add_argument("--sanitizer", choices=[name for name in SANITIZERS if name], help="how it was built")
     parser.add_argument("--only", help="only these phases, for a trial")
-    parser.add_argument("--docs", type=pathlib.Path, help="folder whose soak.md is rewritten")
-    options = parser.parse_args()
-    options.bin = options.bin.resolve()
-    interruptible()
-    with tempfile.TemporaryDirectory(prefix="kv-load-") as folder:
-        try:
-            return run(options, pathlib.Path(folder))
-        except (Problem, OSError) as problem:
-            print(f"load: {problem}", file=sys.stderr)
-            return 1
-        except KeyboardInterrupt:
-            return 130
+    return entry.execute(parser.parse_args(), run)
 
 
 if __name__ == "__main__":
