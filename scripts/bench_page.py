@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """bench_page.py [SECONDS]: measures the CPU time and the memory of `kvtool serve` while 500 devices answer its
 searches, 20 of them are being upgraded and two pages are open, one of which never reads. Everything runs in a network
-namespace of its own. The script plays the devices; each takes its upload slowly. The exit status is 1 above 5 % of one
-core.
+namespace of its own. The script plays the devices; each takes its upload slowly. The exit status is 1 if the CPU time
+reaches 5 % of one core.
 """
 import asyncio
 import http.client

@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""check_text.py: checks the committed text files, except C++, against the first section of .editorconfig.
+"""check_text.py: checks the committed files with the endings and names below, and scripts without an ending, against
+the first section of .editorconfig.
 
 Three kinds of lines may be wider: rows of Markdown tables, which cannot be wrapped; code blocks in Markdown, which show
 what somebody types or reads on a screen; and lines with a URL. The script also checks that C++ files use anonymous

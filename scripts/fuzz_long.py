@@ -2,7 +2,7 @@
 """fuzz_long.py [NAME...]: runs each fuzzer, or these, for 10,000,000 executions, but for at most 30 minutes. Two run at
 a time for each processor core. They start from the seeds and from what earlier runs have collected in
 build/fuzz/corpus. Logs are in build/fuzz/long. Rewrites the table of the runs in docs/testing.md. An input that ends a
-fuzzer stays in build/fuzz/crashes. Exits with 1 if there is one.
+fuzzer stays in build/fuzz/crashes. Exits with 1 if there is one, or if a fuzzer was stopped.
 fuzz_long.py --table [FOLDER]: prints the table, also of runs that have not ended, from the logs there.
 """
 import concurrent.futures
@@ -38,7 +38,7 @@ def command(name):
 
 
 def run(name):
-    """Returns whether the fuzzer found nothing. Its result is then in LONG/NAME.json."""
+    """Returns whether the fuzzer ran to its limit and found nothing. Its result is then in LONG/NAME.json."""
     log, result = LONG / f"{name}.log", LONG / f"{name}.json"
     result.unlink(missing_ok=True)
     with log.open("wb") as out, subprocess.Popen(command(name), stdout=out, stderr=subprocess.STDOUT) as child:

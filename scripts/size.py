@@ -2,7 +2,7 @@
 """size.py [--update] BUILD...: prints the sizes of the device program's builds and what takes the space in them.
 
 BUILD is "host", "armhf", "armhf-static" or "armhf-musl" and must have been built. The exit status is 1 if a build is
-more than 5 % above its figure in scripts/size.txt. --update writes the figures instead.
+more than 5 % above its figure in scripts/size.txt, or has none there. --update writes the figures instead.
 """
 import collections
 import os
