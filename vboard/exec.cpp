@@ -48,8 +48,8 @@ int Exec(const StateDir& state, bool board, const std::vector<std::string>& comm
         EnterNamespace(OpenNamespace(runner, "net"), CLONE_NEWNET);
         Execute(command);
     }
-    // Only the child enters the others, so that this process holds nothing of the board when it
-    // is reset.
+    // Only a child gets into the board's PID namespace, so only the child enters the others. It
+    // ends when the board is reset, and this process after it.
     EnterNamespace(OpenNamespace(init, "pid"), CLONE_NEWPID);
     const UniqueFd net = OpenNamespace(init, "net");
     const UniqueFd uts = OpenNamespace(init, "uts");

@@ -5,6 +5,7 @@
 //
 //     lan0   192.168.10.1/24   a bridge; the board's eth0 is plugged in at each boot
 //     ap0    172.20.18.1/24    a bridge that plays the access point, with a DHCP server; wlan0
+//                              is plugged in at each boot
 //
 // A board on a site shares both bridges with others (site/site_link.h).
 #pragma once
