@@ -78,7 +78,7 @@ Bytes Search(uint8_t type, size_t size) {
     return search;
 }
 
-// Asks for an answer and looks at it as kvtool does. Returns false if there is no good one.
+// Looks at an answer as kvtool does. Returns false if there is none, or if it has a fault.
 bool Answered(const Bytes& answer, Wire* wire, Trial* trial) {
     if (!trial->Expect(!answer.empty(), "no answer")) {
         return false;

@@ -92,8 +92,9 @@ struct CheckedReply {
     ReplyHeader header;
     Bytes payload;
 };
-// Reads a reply and compares each byte of its header that the protocol fixes. Returns nothing if
-// none came; the trial then has the reason.
+// Reads a reply and compares each byte of its header that the protocol fixes. Returns nothing
+// unless a whole reply to this command came, with a payload of this size; the trial then has the
+// reason.
 std::optional<CheckedReply> ReadReply(Trial* trial, Line* line, uint16_t command, uint16_t status,
                                       uint32_t payloadSize);
 // Sends a request and reads its reply.
