@@ -1,5 +1,5 @@
 // A virtual board with the unchanged program on it, for system tests. Every board has its own state
-// folder, namespaces and addresses, so tests can run side by side.
+// folder and namespaces, so tests can run side by side.
 #pragma once
 
 #include <sys/types.h>
@@ -67,7 +67,7 @@ class Board {
     CommandResult OnBench(const std::string& command);
     CommandResult OnBoard(const std::string& command);
     void Fault(Lines words);
-    // Makes a command of the board run this shell script from now on.
+    // Makes a command of the board run this shell script until the next boot.
     void ReplaceCommand(const std::string& name, const std::string& script);
 
     // Wait until the trace or the console of boot `boot` contains `text`. Return false after the

@@ -254,7 +254,7 @@ TEST_F(PageServer, TakesAPackageOrSaysWhyNot) {
     EXPECT_EQ(refused.status, 422) << refused.body;
     EXPECT_TRUE(Contains(refused.body, "not fit for the device"));
     EXPECT_EQ(served.Post("/api/plan", "{\"devices\":[\"127.1.0.2\"],\"force\":true}").status, 200);
-    // An upload that breaks off leaves the package before it, and no file.
+    // An upload that breaks off leaves the package before it.
     {
         const kv_test::TcpClient client(served.port);
         (void)client.Send(served.Head("POST /api/package?name=half") + served.Cookie() +
