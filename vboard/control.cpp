@@ -100,26 +100,27 @@ void ControlServer::HangUp(int connection) {
     (void)shutdown(connection, SHUT_WR);
 }
 
-ControlClient::ControlClient(const StateDir& state) : socket_(UnixSocket()) {
+ControlClient::ControlClient(const StateDir& state, Runner runner)
+    : name_(runner == Runner::kSite ? "site" : "board"), socket_(UnixSocket()) {
     const sockaddr_un address = Address(state);
     if (connect(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        throw std::runtime_error("no board is running with the state folder " +
-                                 state.Path().string() +
-                                 " (start one with: vboard run -- PROGRAM)");
+        const char* const start = runner == Runner::kSite ? "site run" : "run -- PROGRAM";
+        throw std::runtime_error(std::string("no ") + name_ + " is running with the state folder " +
+                                 state.Path().string() + " (start one with: vboard " + start + ")");
     }
 }
 
 json ControlClient::Request(const json& request) {
     const std::string text = request.dump() + "\n";
     if (send(socket_.Get(), text.data(), text.size(), MSG_NOSIGNAL) < 0) {
-        throw std::runtime_error("the board has been stopped");
+        throw std::runtime_error(std::string("the ") + name_ + " has been stopped");
     }
     std::string line;
     while (line.empty() || line.back() != '\n') {
         char buffer[4096];
         const ssize_t length = recv(socket_.Get(), buffer, sizeof(buffer), 0);
         if (length <= 0) {
-            throw std::runtime_error("the board has been stopped");
+            throw std::runtime_error(std::string("the ") + name_ + " has been stopped");
         }
         line.append(buffer, static_cast<size_t>(length));
     }

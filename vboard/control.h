@@ -45,10 +45,13 @@ class ControlServer {
     std::map<int, Connection> connections_;
 };
 
+// Who listens in a state folder.
+enum class Runner { kBoard, kSite };
+
 class ControlClient {
   public:
-    // Throws when no board is running with the state folder.
-    explicit ControlClient(const StateDir& state);
+    // Throws when no such runner is running with the state folder.
+    explicit ControlClient(const StateDir& state, Runner runner = Runner::kBoard);
 
     // Returns the reply or throws its error. Blocks until the runner answers.
     nlohmann::json Request(const nlohmann::json& request);
@@ -56,6 +59,7 @@ class ControlClient {
     int Fd() const { return socket_.Get(); }
 
   private:
+    const char* name_;  // of what runs, for messages
     UniqueFd socket_;
 };
 

@@ -147,12 +147,16 @@ TEST_F(VboardSite, RefusesInOneSentence) {
                   {BinDir() + "/vboard", "site", "run", "--state", other.Path(), "--shape", "fast"})
                   .status,
               1);
-    EXPECT_EQ(RunCommand({BinDir() + "/vboard", "site", "status", "--state", other.Path()}).output,
-              "vboard: no site is running with the state folder " + other.Path() +
-                  " (start one with: vboard site run)\n");
-    EXPECT_EQ(
-        RunCommand({BinDir() + "/vboard", "run", "--site", other.Path(), "--", "/bin/true"}).status,
-        1);
+    for (const Lines& command : {Lines{"site", "status", "--state", other.Path()},
+                                 Lines{"site", "stop", "--state", other.Path()},
+                                 Lines{"run", "--site", other.Path(), "--", "/bin/true"}}) {
+        Lines words = {BinDir() + "/vboard"};
+        words.insert(words.end(), command.begin(), command.end());
+        const auto refused = RunCommand(words);
+        EXPECT_EQ(refused.status, 1);
+        EXPECT_EQ(refused.output, "vboard: no site is running with the state folder " +
+                                      other.Path() + " (start one with: vboard site run)\n");
+    }
 }
 
 }  // namespace

@@ -194,6 +194,8 @@ TEST(FaultsTest, CountSeparately) {
     EXPECT_TRUE(faults.Take("mtd5", "write"));
     EXPECT_THROW(faults.Add({"mtd3", "wirte", EIO}), std::runtime_error);
     EXPECT_THROW(faults.Add({"mtd3", "erase", 0}), std::runtime_error);
+    EXPECT_THROW(faults.Add({"mtd3", "erase", EIO, 0, 0, 0}), std::runtime_error);
+    EXPECT_THROW(faults.Add({kWatchdog, "erase", EIO}), std::runtime_error);
 }
 
 TEST(PowerFaultTest, HappensAtItsStepOnce) {

@@ -23,12 +23,7 @@ namespace {
 constexpr std::chrono::milliseconds kAsk(100);
 
 json SiteStatus(const StateDir& site) {
-    try {
-        return ControlClient(site).Request({{"command", "status"}});
-    } catch (const std::runtime_error&) {
-        throw std::runtime_error("no site is running with the state folder " +
-                                 site.Path().string() + " (start one with: vboard site run)");
-    }
+    return ControlClient(site, Runner::kSite).Request({{"command", "status"}});
 }
 
 // The short status of board `number`. None while its runner does not answer.
@@ -121,7 +116,7 @@ void StartBoards(const StateDir& site, const StartOptions& options) {
     const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                              std::chrono::duration<double>(options.timeout));
     (void)SiteStatus(site);
-    auto starting = ControlClient(site)
+    auto starting = ControlClient(site, Runner::kSite)
                         .Request({{"command", "start"},
                                   {"count", options.count},
                                   {"directory", std::filesystem::current_path()},
@@ -148,13 +143,13 @@ void StartBoards(const StateDir& site, const StartOptions& options) {
 
 void SetLease(const StateDir& site, int number, const std::string& address) {
     (void)SiteStatus(site);
-    (void)ControlClient(site).Request(
-        {{"command", "lease"}, {"number", number}, {"address", address}});
+    (void)ControlClient(site, Runner::kSite)
+        .Request({{"command", "lease"}, {"number", number}, {"address", address}});
 }
 
 void SetDhcp(const StateDir& site, const std::string& action) {
     (void)SiteStatus(site);
-    (void)ControlClient(site).Request({{"command", "ap"}, {"action", action}});
+    (void)ControlClient(site, Runner::kSite).Request({{"command", "ap"}, {"action", action}});
 }
 
 int RunOnLaptop(const StateDir& site, const std::vector<std::string>& command) {
@@ -164,7 +159,7 @@ int RunOnLaptop(const StateDir& site, const std::vector<std::string>& command) {
 
 void StopSite(const StateDir& site) {
     (void)SiteStatus(site);
-    (void)ControlClient(site).Request({{"command", "stop"}});
+    (void)ControlClient(site, Runner::kSite).Request({{"command", "stop"}});
     site.AwaitUnlocked();
 }
 

@@ -23,7 +23,7 @@ std::string WlanPort(int number) {
 }  // namespace
 
 SiteLink::SiteLink(const StateDir& site, int number, const std::string& ethAddress)
-    : folder_(site.Path()), site_(site) {
+    : folder_(site.Path()), site_(site, Runner::kSite) {
     const nlohmann::json place = site_.Request({{"command", "join"}, {"number", number}});
     number_ = place.at("number");
     runner_ = place.at("runnerPid");
