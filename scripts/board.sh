@@ -6,6 +6,10 @@
 set -eu
 
 cd "$(dirname "$0")/.."
+case ${1-} in
+    fetch | image | run | shell) ;;
+    *) echo "usage: board.sh fetch | image | run [A|B|C|D...] [--program KIND] | shell" >&2 && exit 2 ;;
+esac
 cache=${KV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/upgrademain}
 out=$PWD/build/board
 
@@ -31,5 +35,4 @@ case $command in
     image) ;;
     run) exec python3 -B board/acceptance run "$out" build/bin/kvtool "$out/cameraMain" "$@" ;;
     shell) exec python3 -B board/acceptance shell "$out" ;;
-    *) echo "usage: board.sh fetch | image | run [A|B|C|D...] [--program KIND] | shell" >&2 && exit 2 ;;
 esac

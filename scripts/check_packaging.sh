@@ -131,7 +131,9 @@ expect "OpenWrt's recipe" "$work/openwrt/target" usr/sbin/upgradeMain usr/sbin/u
     usr/bin/wifi_reset.sh usr/bin/startapp.sh etc/init.d/upgrademain
 
 # Both recipes configure the tree, copied as OpenWrt copies it, with options that the tree knows.
-[ "$(buildroot - options)" = "$(openwrt options)" ] || die "the recipes configure the program in different ways"
+# A recipe that fails ends the script here; within the comparison it would not.
+options=$(buildroot - options)
+[ "$options" = "$(openwrt options)" ] || die "the recipes configure the program in different ways"
 # shellcheck disable=SC2046 # one word per option
 cmake -G Ninja -S "$work/openwrt/build" -B "$work/configured" $(openwrt options) >"$work/log" 2>&1 ||
     die "the recipes' options do not configure: $(cat "$work/log")"

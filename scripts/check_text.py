@@ -13,7 +13,8 @@ import sys
 
 WIDTH = int(re.search(r"^max_line_length = (\d+)", pathlib.Path(".editorconfig").read_text(encoding="utf-8"), re.M)[1])
 TEXTS = {".md", ".sh", ".py", ".txt", ".cmake", ".json", ".bash", ".mk", ".in", ".1", ".8", ".init", ".conf",
-         ".service", ".fragment", ".example", ".script", ".supp", ".desc", ".toml", ".yml"}
+         ".service", ".fragment", ".example", ".script", ".supp", ".desc", ".toml", ".yml", ".lua", ".js", ".mjs",
+         ".css", ".html"}
 NAMES = {"Makefile", "run", ".clang-format", ".editorconfig", ".gitignore", "S50upgrademain", "rcS", "inittab"}
 
 problems = []

@@ -19,13 +19,13 @@ PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin
 there() { # PROBE
     local what=${1#*:}
     case $1 in
-        command:*) command -v "$what" ;;
-        header:*) echo "#include <$what>" | "${CXX:-c++}" -std=c++17 -E -x c++ - ;;
-        library:*) pkg-config --exists "$what" ;;
-        python:*) /usr/bin/python3 -c "import $what" ;;
-        file:*) compgen -G "$what" ;;
+        command:*) command -v "$what" >/dev/null ;;
+        header:*) echo "#include <$what>" | "${CXX:-c++}" -std=c++17 -E -x c++ - >/dev/null 2>&1 ;;
+        library:*) pkg-config --exists "$what" >/dev/null 2>&1 ;;
+        python:*) /usr/bin/python3 -c "import $what" 2>/dev/null ;;
+        file:*) compgen -G "$what" >/dev/null ;;
         *) echo "setup: no such probe: $1" >&2 && exit 2 ;;
-    esac >/dev/null 2>&1
+    esac
 }
 
 find_missing() { # LIST...: sets `packages` and `failures`

@@ -241,8 +241,8 @@ class OnABoard(unittest.TestCase):
         self.assertEqual(len(trailer), 1)
         self.assertGreaterEqual(int(trailer[0]["kvmini.upload.offset"]), size - 37 - 65536)
         self.assertTrue(any(packet.has("kvmini.accepted") for packet in self.packets))
-        for fault in ("kvmini.lost", "kvmini.trailer.bad", "kvmini.behind", "kvmini.bad_reply", "kvmini.package.identity",
-                      "kvdisc.constant"):
+        for fault in ("kvmini.lost", "kvmini.trailer.bad", "kvmini.behind", "kvmini.bad_reply",
+                      "kvmini.package.identity", "kvdisc.constant"):
             self.assertFalse(any(packet.has(fault) for packet in self.packets), fault)
 
 
