@@ -50,8 +50,9 @@
 //   file                 the caller's trace name; only its last component is printed, including the
 //                        "/" before it if there is one
 // Any thread, at any time, even before initialisation and during exit, but not from a signal
-// handler, because it takes a lock. Blocks as long as standard error blocks. Allocates nothing and
-// keeps errno. Returns 0.
+// handler, because it takes a lock. Blocks as long as standard error blocks. Allocates nothing,
+// unless the C library does so when it reads the time zone for the first line. Keeps errno. Returns
+// 0.
 int KV_Trace(uint32_t level, const char* colour, const char* word, const char* file, int line,
              const char* function, const char* format, ...) __attribute__((format(printf, 7, 8)));
 

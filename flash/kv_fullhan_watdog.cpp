@@ -116,8 +116,8 @@ int KV_FH_WDT_Stop(void) {
     (void)ioctl(fd, WDIOC_SETOPTIONS, &option);
     (void)dup3(g_keeper.placeholder, fd, O_CLOEXEC);
     if (SetRunning(0) != 0) {
-        // The feeder ends after its current second. A stop is not urgent, and a second signal to
-        // the ending process still finds it alive.
+        // The feeder ends after its current second, not at once. A stop is not urgent, and this
+        // way a second exit signal still reaches the ending process.
         (void)pthread_join(g_keeper.thread, nullptr);
     }
     KV_DEBUG_AT(176, "Watchdog Stop successful");

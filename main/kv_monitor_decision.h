@@ -11,8 +11,8 @@ constexpr uint32_t kMonitorCheckPeriodMs = 3000;
 
 struct MonitoredProcess {
     const char* name;
-    // Monotonic seconds of the last heartbeat. A restart sets it to half a start time-out ago.
-    // Differences wrap at 32 bits.
+    // Monotonic seconds of the last heartbeat. A restart sets it to half a start time-out ago, a
+    // quiet decision to now. Differences wrap at 32 bits.
     uint32_t last_seen;
     // The process counts as offline after more seconds of silence than this.
     uint16_t heartbeat_timeout;
@@ -22,7 +22,7 @@ struct MonitoredProcess {
     // Restarts left in the life of this program; never refilled.
     uint8_t restart_budget;
     uint8_t online;
-    // While set, silence is only logged. Nothing in this program sets it; it is reserved for the
+    // While set, silence leads to no step. Nothing in this program sets it; it is reserved for the
     // application's side of the protocol.
     uint8_t restart_hold;
     // Monotonic seconds of the last heartbeat with a ready flag. Nothing reads it.

@@ -1,6 +1,7 @@
 // Wire layout of the discovery protocol: a search datagram to UDP port kv::kDiscoveryPort and its
 // reply. Shared by the responder and the PC tool. Numbers are little-endian (common/kv_le.h) unless
-// marked otherwise. Texts end with a NUL within their field. Unnamed bytes are zero.
+// marked otherwise. Texts end with a NUL within their field, except the key and the device type in
+// the enciphered field, which fill theirs. Unnamed bytes are zero.
 #pragma once
 
 #include <cstddef>

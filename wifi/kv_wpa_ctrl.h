@@ -65,6 +65,6 @@ int wifi_run_cmd(const char* command, char* reply, size_t* replyLength);
 void KV_WIFI_SetRunPath(const char* path);
 
 // Starts the thread that logs the supplicant's events, or stops it if it runs. A stopped thread
-// ends within a second (up to 10 s while it still attaches). Any thread; does not block. Returns 0.
+// ends within a second (up to 16 s while it still attaches). Any thread; does not block. Returns 0.
 // Aborts the process if no thread can be created. Only the debug handler calls it.
 int KV_WIFI_CtrlListen();

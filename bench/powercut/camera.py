@@ -14,7 +14,7 @@ OFF = "board: down: "
 
 
 class Camera:
-    """Use it in a `with`. The board is off at first. Its flash changes only while it is off."""
+    """Use it in a `with`. The board is off at first. Call load() only while it is off."""
 
     def __init__(self, bin_folder, folder):
         self.folder = folder

@@ -73,7 +73,7 @@ def replace_figures(page, lines):
 
 
 def _segments(order):
-    """Yields what a cut does and from when to when, for each stretch of equal outcomes."""
+    """Returns what a cut does and from when to when, for each stretch of equal outcomes."""
     segments = []
     for step in range(0, len(order.cuts), 3):
         inside = [order.outcomes[key].what for cut, key in order.cuts[step:step + 3] if cut.place != "after"]

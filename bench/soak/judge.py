@@ -70,7 +70,7 @@ class Judge:
         self._print(row)
 
     def _judge_flat(self, row):
-        """The allocator returns memory late. What ordinary clients do not make it return is lost."""
+        """The allocator returns memory late. Only what it still keeps after more ordinary clients counts as lost."""
         slack = ANYTHING if self.relaxed else SLACK
         row.after = self.board.settled(self.process, row.before, slack, timeout=3)
         for _ in range(2):

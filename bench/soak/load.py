@@ -21,7 +21,7 @@ import page
 from board import load_average, switched_on, take_real_time, ticking
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
-# The program finds these files in /param; reports do not end it, so that one run shows all.
+# The program finds these files in /param. Reports of races and leaks do not end it, so that one run shows all of them.
 SANITIZERS = {
     None: [],
     "thread": ["TSAN_OPTIONS=suppressions=/param/tsan.supp log_path=/param/report second_deadlock_stack=1 "

@@ -42,7 +42,7 @@ def measure_packages(figures, bin_folder, folder):
             stored = pathlib.Path(f"/proc/{process}/root/tmp/upGradeFile.FLS")
             result = camera.client("sender.py", ADDRESS, 80, package, stored, process, "finish")
             curve.append({"mib": package.stat().st_size / (1 << 20), **result})
-            if mib < MIBS[-1]:  # The writer finds no room on the board's flash and reboots.
+            if mib < MIBS[-1]:  # The writer writes the image if the board's flash has room for it, and reboots.
                 camera.wait("--boot", boot + 1)
     figures.curves["packages"] = curve
     small, large = curve[0], curve[-1]

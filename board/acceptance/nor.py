@@ -34,7 +34,7 @@ def read(path, *names):
 
 
 def write(path, name, data):
-    """Programs an erased partition, as a factory programmer does."""
+    """Replaces the first bytes of a partition, as a factory programmer does."""
     with open(path, "r+b") as chip:
         chip.seek(LAYOUT[name][0])
         chip.write(data)

@@ -335,8 +335,8 @@ local function looks_like_request(tvb)
            and (commands[tvb(4, 2):le_uint()] and tvb(0, 2):uint() == 0 or tvb(2, 2):uint() == 0x0101)
 end
 
--- The connection of a packet, or nil if it belongs to another protocol. A login begins a new one when ports are used
--- again.
+-- The connection of a packet, or nil if it belongs to another protocol. A login after an upload begins a new one: the
+-- ports are used again.
 local function find_connection(tvb, pinfo)
     local here = tostring(pinfo.src) .. ":" .. pinfo.src_port .. " "
     local there = tostring(pinfo.dst) .. ":" .. pinfo.dst_port .. " "
