@@ -17,16 +17,16 @@ function beat.dissector(tvb, pinfo, root)
     pinfo.cols.protocol = "KVBEAT"
     local tree = root:add(beat, tvb())
     local field = tvb(0, math.min(NAME_SIZE, tvb:len()))
-    local text = field:raw():match("^[^%z]*"):gsub("[^ -~]", "?")
-    tree:add(name, field, text)
+    tree:add(name, field, (field:raw():match("^[^%z]*"):gsub("[^ -~]", "?")))
     pinfo.cols.info = "Heartbeat"
-    if not text:find("cameraMain", 1, true) then
+    -- The device looks up to the first NUL byte, however far away.
+    if not tvb():raw():match("^[^%z]*"):find("cameraMain", 1, true) then
         tree:add_proto_expert_info(stranger)
         pinfo.cols.info:append(" without the name")
     end
     if tvb:len() > NAME_SIZE then
         tree:add(ready, tvb(NAME_SIZE, 1))
-        pinfo.cols.info:append(tvb(NAME_SIZE, 1):uint() == 1 and ", ready" or ", not ready")
+        pinfo.cols.info:append(tvb(NAME_SIZE, 1):uint() ~= 0 and ", ready" or ", not ready")
     else
         tree:add_proto_expert_info(short)
     end

@@ -98,11 +98,12 @@ end
 --   connection_of by frame: its connection
 --   offset_of     by frame: where its bytes lie in the upload
 --   identities    by server address: chip and sensor type
+--   foreign       by frame of a package's header: whether it is for another model
 --   request_of    by frame and place of a reply: its request
 --   reply_of      by frame of a request: the frame of its first reply
-local connections, connection_of, offset_of, identities, request_of, reply_of
+local connections, connection_of, offset_of, identities, foreign, request_of, reply_of
 function mini.init()
-    connections, connection_of, offset_of, identities, request_of, reply_of = {}, {}, {}, {}, {}, {}
+    connections, connection_of, offset_of, identities, foreign, request_of, reply_of = {}, {}, {}, {}, {}, {}, {}
 end
 
 -- The bytes before the first NUL byte, made safe to print.
@@ -145,8 +146,11 @@ local function add_package(tvb, pinfo, tree, upload, offset)
         if upload.entries == 0 or tvb(16, 4):le_uint() == 0 then
             part:add_proto_expert_info(e.header)
         end
-        local own = identities[tostring(pinfo.dst)]
-        if own and (own.ic ~= ic or own.sensor ~= sensor) then
+        if not pinfo.visited then
+            local own = identities[tostring(pinfo.dst)]
+            foreign[pinfo.number] = own and (own.ic ~= ic or own.sensor ~= sensor)
+        end
+        if foreign[pinfo.number] then
             part:add_proto_expert_info(e.identity)
         end
     end
@@ -257,7 +261,9 @@ local function add_device(tvb, pinfo, tree)
     add_text(tree, f.firmware, tvb(368, 64))
     local ic = add_text(tree, f.ic, tvb(432, 16))
     local sensor = add_text(tree, f.sensor, tvb(448, 16))
-    identities[tostring(pinfo.src)] = {ic = ic, sensor = sensor}
+    if not pinfo.visited then
+        identities[tostring(pinfo.src)] = {ic = ic, sensor = sensor}
+    end
 end
 
 -- The request that a reply belongs to: the oldest of the same command without one. An upgrade gets several replies.

@@ -144,9 +144,15 @@ class Malformed(unittest.TestCase):
         device = frame(0x2003, 464, 1) + bytes(432) + b"PRT7K".ljust(16, b"\0") + b"38QX".ljust(16, b"\0")
         packages = [frame(0x2002, 101, 1) + b"PRT7K".ljust(8, b"\0") + sensor.ljust(56, b"\0")
                     for sensor in (b"38QX", b"38QY")]
-        packets = self.dissect([("tcp", 80, frame(0x2003), True, 9999, 1), ("tcp", 80, device, False, 9999, 1)]
-                               + [("tcp", 80, package, True) for package in packages])
-        self.assertEqual([packet.has("kvmini.package.identity") for packet in packets], [False] * 3 + [True])
+        uploads = [("tcp", 80, package, True) for package in packages]
+        asked = [("tcp", 80, frame(0x2003), True, 9999, 1), ("tcp", 80, device, False, 9999, 1)]
+        packets = self.dissect(uploads + asked + uploads)
+        self.assertEqual([packet.has("kvmini.package.identity") for packet in packets], [False] * 5 + [True])
+
+    def test_a_heartbeat_is_read_as_the_device_reads_it(self):
+        beats = [b"x" * 32 + b"\x02 cameraMain", b"\0cameraMain".ljust(33, b"\0")]
+        packets = self.dissect([("udp", 5555, beat, True) for beat in beats])
+        self.assertEqual([packet.has("kvbeat.stranger") for packet in packets], [False, True])
 
     def test_cut_and_broken_packets_do_not_disturb_it(self):
         packets = [("tcp", 80, b"GET / HTTP/1.1\r\nHost: camera.example\r\n\r\n", True)]
