@@ -128,8 +128,10 @@ save() { # RESERVE
         refill
         # At most half, so that something is left for the reset after this one.
         most=$(((tokens - overhead - $1) / 2))
-        [ $most -ge $want ] || want=$most
-        [ $want -ge 512 ] || return 0
+        if [ $most -lt $want ]; then
+            [ $most -ge 512 ] || return 0
+            want=$most
+        fi
     fi
     [ -n "$boot" ] || begin_boot || return 0
     file=$folder/boot-$boot-$(printf %03d "$files").log

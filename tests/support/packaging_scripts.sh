@@ -75,6 +75,10 @@ for boot in 1 2 3 4 5; do
     [ "$(busy $keeper start /tmp/console)" = /tmp/keep_ram/feed ] || die "the keeper does not start"
     print 2000 "boot $boot: Process [cameraMain] offline" "# startapp.sh"
     await is_kept "00000$boot-" startapp.sh || die "boot $boot: the keeper saves nothing"
+    if [ $boot = 1 ]; then
+        print 0 "" "Start to stop feeding the dog!"
+        await is_kept 000001- "stop feeding" || die "the keeper does not save a short text before a reset"
+    fi
     end_keeper
     written=$((written + $(kept "00000$boot-" | wc -c)))
 done
