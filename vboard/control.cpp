@@ -128,6 +128,7 @@ json ControlClient::Request(const json& request) {
     if (!reply.at("ok")) {
         throw std::runtime_error(reply.at("error").get<std::string>());
     }
+    reply.erase("ok");
     return reply;
 }
 

@@ -53,7 +53,7 @@ class ControlClient {
     // Throws when no such runner is running with the state folder.
     explicit ControlClient(const StateDir& state, Runner runner = Runner::kBoard);
 
-    // Returns the reply or throws its error. Blocks until the runner answers.
+    // Returns the reply, without "ok", or throws its error. Blocks until the runner answers.
     nlohmann::json Request(const nlohmann::json& request);
     // Becomes readable when the runner ends.
     int Fd() const { return socket_.Get(); }
