@@ -28,7 +28,7 @@ void Hear(const std::string& bytes) {
     g_heardMs = counts ? g_nowMs : g_heardMs;
 }
 
-// Nothing happens before a minute of silence, or while flash is written.
+// No command runs in the first minute of a silence, or while flash is written.
 void Check(bool marker) {
     const bool allowed = !g_upgrading && !g_serving && g_nowMs - g_heardMs > 60000;
     Put(marker ? kv::kRebootMarker : "/none", "");
