@@ -50,7 +50,7 @@ bool WatchButton(const char* function) {
     int value = 1;
     int count = 0;
     while (g_run.load() != 0) {
-        // A failed read keeps the last value.
+        // A file that cannot be opened keeps the last value.
         (void)KV_GPIO_GetValue(kv::kResetButtonGpio, &value);
         if (value == 0) {
             ++count;

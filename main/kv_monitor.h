@@ -11,6 +11,6 @@
 void KV_MONITOR_Begin(void);
 
 // Heartbeat callback and check timer of the supervisor loop. They block the loop while
-// their commands run; a restart or a reboot takes seconds.
+// their commands run. A reboot takes seconds; a restart takes 3 s and as long as startapp.sh runs.
 void __KV_cameraMainHeartbeatRead(hio_t* io, void* buf, int readbytes);
 void __KV_cameraMainCheckTimer(htimer_t* timer);
