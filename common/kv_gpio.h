@@ -2,8 +2,9 @@
 // Any thread; the calls block only for the kernel's file operations.
 #pragma once
 
-// Reads line `gpio` into *value: 0 for the character '0', 1 for anything else or an empty file.
-// Returns 0, or the negative result of open, reported with perror; *value is then unchanged.
+// Reads line `gpio` into *value: 0 for the character '0', 1 for anything else, an empty file or a
+// failed read. Returns 0, or the negative result of open, reported with perror; *value is then
+// unchanged.
 int KV_GPIO_GetValue(int gpio, int* value);
 
 // Opens the line's value file with `flags` and O_NONBLOCK, for callers that poll it. Returns the

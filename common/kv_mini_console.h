@@ -4,7 +4,8 @@
 // debugger. The console prints its messages on standard output.
 //
 // A message runs no command if its argument count is negative or above 8, or if its arguments do
-// not end inside it. The answer is then only "reply:\n".
+// not end inside it. The answer is then only "reply:\n", or "reply:\nNo Such Command! try ''\n" as
+// long as no message has named a known command.
 #pragma once
 
 // Opens the pipes, links each command's name to the platform's client and starts the console

@@ -57,9 +57,10 @@ int KV_Trace(uint32_t level, const char* colour, const char* word, const char* f
              const char* function, const char* format, ...) __attribute__((format(printf, 7, 8)));
 
 // Writes the last three lines, oldest first, to "etc/configs/assert.txt" and
-// "etc/configs/assert.ftp" below the working directory, or nothing if either cannot be created. The
-// arguments are those of KV_Trace and are not used. Takes no lock: call it only on the thread that
-// is about to abort. Nothing in this program calls it; KV_AssertFail dumps by itself.
+// "etc/configs/assert.ftp" below the working directory. Writes nothing if either cannot be opened;
+// the other one is then left empty. The arguments are those of KV_Trace and are not used. Takes no
+// lock: call it only on the thread that is about to abort. Nothing in this program calls it;
+// KV_AssertFail dumps by itself.
 void KV_TraceDump(const char* file, int line, const char* function, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 

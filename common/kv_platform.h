@@ -1,5 +1,6 @@
 // The board and its surroundings: paths, ports, interfaces, the partition table and the device's
-// identity. Each fact is written here once.
+// identity. Shell commands repeat some of them as text: those of the factory reset name "/param"
+// (main/hardware_reset.cpp), those of the station "wlan0" (wifi/kv_wifi_sta.cpp).
 #pragma once
 
 #include <cstddef>
