@@ -10,7 +10,7 @@
 int KV_MINI_ProtocolInit(int port);
 
 // Closes the listening socket before it returns. Accepted connections stay open until the pool
-// ends, but get no more answers. Call it before KV_HV_LoopPoolDeInit, from the thread that starts
-// and stops the services. Blocks until each loop of the pool has finished its current callback.
-// Returns 0, or -1 if the server is not up.
+// ends, but get no more answers, except from the upgrade receiver. Call it before
+// KV_HV_LoopPoolDeInit, from the thread that starts and stops the services. Blocks until each loop
+// of the pool has finished its current callback. Returns 0, or -1 if the server is not up.
 int KV_MINI_ProtocolDeInit(void);

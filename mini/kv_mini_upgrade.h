@@ -18,8 +18,8 @@
 // protocol.
 int KV_KorvanUpgradeStart(hio_t* io, uint32_t fileLength, const uint8_t* data, int dataLen);
 
-// Discards the received data and allows new transfers. Does not touch the connection. Any thread;
-// does not block. Nothing in this program calls it.
+// Forgets the transfer and allows new ones. Closes the two files, which stay in "/tmp". Does not
+// touch the connection. Any thread; does not block. Nothing in this program calls it.
 void KV_KorvanUpgradeStop(void);
 
 // Read callback of a transfer, on the loop thread of `io`. Blocks while it reads the package for
