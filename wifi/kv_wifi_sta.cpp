@@ -256,7 +256,7 @@ void* __KV_WIFI_STA_HandleProc(void* argument) {
 }
 
 // Without a DHCP server the client may stay in the foreground and ask for ever, and the process
-// could not exit. So a stop gives it more time than a lease ever takes, then kills it.
+// could not exit. So a stop gives it more time than a lease usually takes, then kills it.
 void AwaitLease() {
     int64_t start = kv::MonotonicMilliseconds();
     while (g_station.leasing) {
