@@ -11,8 +11,9 @@
 // KV_NET_CheckInternet.
 //
 // The functions report on standard output, not in the trace log: "socket error" if no socket can be
-// opened, "<function>: ioctl <request> failed" if the kernel refuses. On standard error, by perror:
-// a socket that KV_NET_CheckInternet cannot open, and a failed write to the resolver's file.
+// opened, "<function>: ioctl <request> failed" if the kernel refuses, "<function>: file
+// "/etc/resolv.conf" opened for writing error!". On standard error, by perror: a socket that
+// KV_NET_CheckInternet cannot open, and a failed write to the resolver's file.
 //
 //   ifname   only the first 15 characters are used
 //   address  a dotted quad. A setter fails on an invalid one before it changes anything, except
@@ -87,9 +88,9 @@ int KV_NET_GetDNS(char* out);
 // server, is longer than 126 characters or has no newline. Returns -1 if the file cannot be opened.
 int KV_NET_GetDNS_ex(char* out1, char* out2);
 
-// Replaces the resolver's file by two name servers; KV_NET_SetDNS writes 8.8.8.8 as the second. The
-// texts are not checked. The file's text is cut at 127 characters. A failure may leave the file
-// empty.
+// Replaces the resolver's file by two name servers; KV_NET_SetDNS writes 8.8.8.8 as the second,
+// KV_NET_SetDNS_ex prints what it writes. The texts are not checked. The file's text is cut at 127
+// characters. A failure may leave the file empty.
 int KV_NET_SetDNS(const char* dns1);
 int KV_NET_SetDNS_ex(const char* dns1, const char* dns2);
 
