@@ -3,7 +3,8 @@
 
 Builds the collection, installs it into a folder of its own, and runs ansible-playbook on the site's laptop: check mode,
 a package that is refused, a canary that fails, a run in which one of six fails, and a run that upgrades only that one.
-A stand-in for kvtool gives search results that a site cannot produce.
+Runs the module alone for a camera that is absent, and for one that has the wanted version in recovery mode. A stand-in
+for kvtool gives search results that a site cannot produce.
 """
 import contextlib
 import json

@@ -33,7 +33,7 @@ const std::string kBeat = "b'cameraMain'.ljust(32, b'\\0') + b'\\1'";
 
 class Board {
   public:
-    // A board that is off. Its folder holds empty flash.
+    // A board that is off. Its folder is empty; the first start fills it, with erased flash.
     Board() = default;
     ~Board() { Stop(); }
     Board(const Board&) = delete;
@@ -53,7 +53,7 @@ class Board {
     void SendBeats(const Lines& datagrams);
     // Switches the board off. Its folder stays as long as the object.
     void Stop();
-    // Waits until the board has switched itself off. Returns its exit status.
+    // Waits until the board's runner has ended. Returns its exit status, -1 if a signal ended it.
     int Await();
     pid_t Runner() const { return runner_; }
     const std::string& Folder() const { return folder_.Path(); }

@@ -273,7 +273,7 @@ TEST(RealNor, DelaysNeitherTheFeederNorAReset) {
     EXPECT_LT(board.LargestFeedGap(), 1.3);
     ASSERT_TRUE(board.WaitRecovery(2));
     flash();
-    // One block is erased. The last one is due in 300 ms.
+    // One block is erased. The last one is blank 450 ms later.
     ASSERT_TRUE(board.WaitTrace("Erase 64 Kibyte @ 10000 -- 25 % complete", 2));
     (void)board.Do({"reset"});
     EXPECT_EQ(board.Reason(3), "reset\n");

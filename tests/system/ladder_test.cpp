@@ -1,4 +1,4 @@
-// kvtool ladder and the log keeper against real boards on an accelerated clock.
+// kvtool ladder and the log keeper against virtual boards on an accelerated clock.
 #include <memory>
 
 #include "tests/support/board.h"

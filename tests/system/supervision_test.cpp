@@ -106,7 +106,8 @@ TEST(Monitor, FlashingKeepsItQuiet) {
     Board board;
     board.StartSilent(kSpeed);
     ASSERT_TRUE(board.WaitTrace("Process [cameraMain] offline"));
-    // The writer's first commands take as long as climbing the ladder twice.
+    // The writer's first two commands take 300 s. An application that stays silent for 186 s makes
+    // the monitor reboot the device.
     board.ReplaceCommand("killall", "sleep 150");
     board.Signal(SIGUSR2);
     ASSERT_TRUE(board.WaitBoot(2));

@@ -1,6 +1,6 @@
 // The virtual board itself, driven through its command line. The program on it is this test
-// program, which plays a supervisor when its name is "upgradeMain". Features that every other
-// system test uses (flash, faults, Wi-Fi, the watchdog) are not tested again here.
+// program, which plays a supervisor when its name is "upgradeMain". What the other system tests use
+// all the time (Wi-Fi, failing devices, a watchdog that is fed) is not tested again here.
 #include <fcntl.h>
 #include <linux/watchdog.h>
 #include <sys/ioctl.h>

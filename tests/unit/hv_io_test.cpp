@@ -12,8 +12,8 @@
 
 namespace {
 
-// A server whose read and close behaviour a test supplies. Connections are handled on the loop's
-// thread; the test waits on the tallies.
+// A server for which a test says what happens when it accepts and reads. Connections are handled on
+// the loop's thread; the test waits on the tallies.
 struct Server {
     std::function<void(hio_t*)> onAccept = [](hio_t*) {};
     std::function<void(hio_t*, const char*, size_t)> onRead = [](hio_t*, const char*, size_t) {};

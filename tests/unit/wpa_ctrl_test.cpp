@@ -1,5 +1,4 @@
-// The control client against a scripted supplicant. Tests that wait for real seconds run in
-// parallel.
+// The control client against a scripted supplicant. Requests that take seconds run in parallel.
 #include "wifi/kv_wpa_ctrl.h"
 
 #include <fcntl.h>
