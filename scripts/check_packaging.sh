@@ -25,7 +25,7 @@ install_component() { # COMPONENT
     DESTDIR=$work/$1 cmake --install build/release --prefix /usr --component "$1" \
         >"$work/log" 2>&1 || die "$(cat "$work/log")"
 }
-# With KV_INIT, component device adds the start file and the script that it runs, adapted to the prefix.
+# With KV_INIT, component device adds the start files, adapted to the prefix, and the scripts that they run.
 for init in busybox systemd none; do
     cmake -DKV_INIT="$init" build/release >"$work/log" || die "$(cat "$work/log")"
     DESTDIR=$work/$init cmake --install build/release --prefix /opt --component device >"$work/log" ||

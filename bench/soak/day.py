@@ -5,7 +5,7 @@ access point that comes and goes.
 day.py BIN [--hours N] [--speed N] [--program FILE] [--docs DIR]
 
 BIN holds the programs. What the log must show comes from `kvtool ladder`. With --docs, rewrites the figures of the day
-in DIR/soak.md. See docs/soak.md.
+in DIR/soak.md, unless a goal is missed. See docs/soak.md.
 """
 
 import json

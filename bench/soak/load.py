@@ -4,7 +4,8 @@
 load.py BIN [--program FILE] [--sanitizer thread|address] [--only NAMES] [--docs DIR]
 
 BIN holds the programs. --program is another device program than BIN/upgradeMain, --sanitizer says with which sanitizer
-it was built. With --docs, rewrites the figures in DIR/soak.md. See docs/soak.md.
+it was built. With --docs, rewrites the figures in DIR/soak.md, unless a goal is missed or --only is given. See
+docs/soak.md.
 """
 
 import json

@@ -1,5 +1,6 @@
 #!/bin/sh
-# load.sh [thread|address]: abuses the release program, or one built with this sanitizer, and rewrites docs/soak.md.
+# load.sh [thread|address]: abuses the release program, or one built with this sanitizer. Rewrites docs/soak.md if no
+# goal is missed.
 set -eu
 
 cd "$(dirname "$0")/../.."

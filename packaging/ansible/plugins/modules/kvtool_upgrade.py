@@ -21,7 +21,7 @@ requirements:
 attributes:
   check_mode:
     support: full
-    description: Looks for the camera, and checks the package against its chip and sensor type. Sends nothing.
+    description: Finds the camera, logs in, and checks the package against its chip and sensor type. Sends no package.
   diff_mode:
     support: full
     description: Shows the firmware before and after; in check mode, the version that it would get.
