@@ -68,17 +68,22 @@ inline testing::AssertionResult InOrder(const std::string& text, const Lines& pa
     return testing::AssertionSuccess();
 }
 
-// Returns true as soon as `holds` does, false after the time-out.
+// Returns true as soon as `holds` does, false after the time-out. Pauses as long as `holds` takes,
+// so that waiting leaves the machine to what is waited for.
 inline bool WaitUntil(const std::function<bool()>& holds,
                       double timeoutSeconds = kPatienceSeconds) {
     const auto end = Clock::now() + std::chrono::duration<double>(timeoutSeconds);
-    while (!holds()) {
-        if (Clock::now() > end) {
+    for (;;) {
+        const auto start = Clock::now();
+        if (holds()) {
+            return true;
+        }
+        const auto now = Clock::now();
+        if (now > end) {
             return false;
         }
-        std::this_thread::sleep_for(milliseconds(2));
+        std::this_thread::sleep_for(std::max<Clock::duration>(milliseconds(2), now - start));
     }
-    return true;
 }
 
 inline double SecondsSince(Clock::time_point start) {

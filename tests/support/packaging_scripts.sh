@@ -21,7 +21,7 @@ exec unshare --user --map-root-user --mount --net --pid --fork --kill-child --mo
 die() { echo "packaging_scripts: $*" >&2; exit 1; }
 busy() { timeout 30 busybox sh "$@"; }
 # A background program has its name only after the shell that started it has called exec.
-await() { tries=100; until "$@"; do tries=$((tries - 1)); [ $tries -gt 0 ] || return 1; sleep 0.05; done; }
+await() { tries=600; until "$@"; do tries=$((tries - 1)); [ $tries -gt 0 ] || return 1; sleep 0.05; done; }
 is_called() { [ "$(name_of "$1")" = "$2" ]; }
 has_application() { pidof -x cameraMain >/tmp/application; }
 name_of() { cat "/proc/$1/comm" 2>/dev/null || true; }
@@ -76,6 +76,8 @@ for boot in 1 2 3 4 5; do
     print 2000 "boot $boot: Process [cameraMain] offline" "# startapp.sh"
     await is_kept "00000$boot-" startapp.sh || die "boot $boot: the keeper saves nothing"
     if [ $boot = 1 ]; then
+        # More than 80 KiB, so the keeper empties its feed after it has saved.
+        await test ! -s /tmp/keep_ram/feed || die "the keeper does not empty its feed"
         print 0 "" "Start to stop feeding the dog!"
         await is_kept 000001- "stop feeding" || die "the keeper does not save a short text before a reset"
     fi
