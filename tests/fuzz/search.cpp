@@ -20,7 +20,7 @@ using kv_test::Padded;
 namespace {
 
 // What is odd about the list of interfaces.
-enum Oddity : uint8_t { kNoList = 1, kNoHardware = 2, kDown = 4 };
+enum Oddity : uint8_t { kNoList = 1, kNoHardware = 2, kDown = 4, kNoLink = 8 };
 uint8_t g_oddities;
 
 // A device's reply, and then what the input changes in it.
@@ -132,7 +132,13 @@ extern "C" int __wrap_getifaddrs(ifaddrs** list) {
         return -1;
     }
     for (ifaddrs& row : rows) {
-        row = {&row + 1, const_cast<char*>("lo"), IFF_UP | IFF_BROADCAST, nullptr, nullptr, {}, {}};
+        row = {&row + 1,
+               const_cast<char*>("lo"),
+               IFF_UP | IFF_BROADCAST | IFF_RUNNING,
+               nullptr,
+               nullptr,
+               {},
+               {}};
         row.ifa_addr = row.ifa_broadaddr = reinterpret_cast<sockaddr*>(&address);
     }
     rows[1].ifa_addr =
@@ -141,6 +147,9 @@ extern "C" int __wrap_getifaddrs(ifaddrs** list) {
     rows[2].ifa_flags = 0;
     if ((g_oddities & kDown) != 0) {
         rows[0].ifa_flags = 0;
+    }
+    if ((g_oddities & kNoLink) != 0) {
+        rows[0].ifa_flags &= ~static_cast<unsigned>(IFF_RUNNING);
     }
     *list = rows.data();
     return 0;

@@ -215,6 +215,23 @@ std::string Changes(kvtool::Presence* presence, const std::vector<kvtool::FoundD
     return text;
 }
 
+TEST(KvtoolDiscover, AnInterfaceWithoutALinkCarriesNoSearch) {
+    (void)Shell(
+        "ip link add pc0 type veth peer name wire && ip link set pc0 up && "
+        "ip address add 10.7.0.2/24 brd + dev pc0");
+    kvtool::DiscoveryRequest request;
+    request.port = 6789;
+    request.timeout = kvtool::Millis(100);
+    const auto result = kvtool::Discover(request, nullptr);
+    EXPECT_EQ(result.sent, 0);
+    EXPECT_EQ(result.problems, std::vector<std::string>{"pc0: no link"});
+    EXPECT_TRUE(kvtool::SearchInterfaces({}).empty());
+    (void)Shell("ip link set wire up");
+    EXPECT_TRUE(WaitUntil([] { return !kvtool::SearchInterfaces({}).empty(); }));
+    EXPECT_GT(kvtool::Discover(request, nullptr).sent, 0);
+    (void)Shell("ip link delete pc0");
+}
+
 TEST(KvtoolDiscover, AWatchTellsWhatHasChanged) {
     kvtool::Presence presence{kvtool::Millis(3000)};
     EXPECT_EQ(Changes(&presence, {Found("A", "1"), Found("B", "2")}), "+A/1 +B/2");

@@ -28,6 +28,7 @@ struct Target {
     in_addr source{};
     unsigned interfaceIndex = 0;
     std::string sourceMac;
+    bool hasLink = true;  // without a link the system drops each search and reports no error
 };
 
 std::string AddressText(in_addr address) {
@@ -79,6 +80,7 @@ std::vector<Target> BroadcastTargets(const std::vector<std::string>& interfaces)
         target.source = Ipv4Of(item->ifa_addr);
         target.interfaceIndex = if_nametoindex(item->ifa_name);
         target.sourceMac = MacOf(list, item->ifa_name);
+        target.hasLink = (item->ifa_flags & IFF_RUNNING) != 0;
         target.destination.s_addr = INADDR_BROADCAST;
         targets.push_back(target);
         target.destination = Ipv4Of(item->ifa_broadaddr);
@@ -169,12 +171,14 @@ class Searcher {
   private:
     void SendRound() {
         for (const Target& target : targets_) {
-            if (SendTo(target)) {
+            if (target.hasLink && SendTo(target)) {
                 ++result_.sent;
                 continue;
             }
-            std::string problem =
-                target.label + ", to " + AddressText(target.destination) + ": " + strerror(errno);
+            const std::string why =
+                target.hasLink ? ", to " + AddressText(target.destination) + ": " + strerror(errno)
+                               : ": no link";
+            std::string problem = target.label + why;
             if (std::find(result_.problems.begin(), result_.problems.end(), problem) ==
                 result_.problems.end()) {
                 result_.problems.push_back(std::move(problem));
@@ -293,7 +297,7 @@ DiscoveryResult Discover(const SearchSockets& sockets, const DiscoveryRequest& r
 std::vector<SearchInterface> SearchInterfaces(const std::vector<std::string>& wanted) {
     std::vector<SearchInterface> interfaces;
     for (const Target& target : BroadcastTargets(wanted)) {
-        if (target.destination.s_addr == INADDR_BROADCAST) {
+        if (target.hasLink && target.destination.s_addr == INADDR_BROADCAST) {
             interfaces.push_back({Printable(target.label), AddressText(target.source)});
         }
     }
