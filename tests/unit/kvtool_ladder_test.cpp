@@ -129,6 +129,12 @@ TEST(Ladder, FollowsAnApplicationThroughItsBoots) {
          "offline 144 power_cut 146 power_cut | 3: offline 6 restart 123 online 126 offline 135 "
          "online 136 offline 144 power_cut 146 power_cut repeats 3"},
         {"beat 3s, silent 5.9s, beat", "1: settled"},
+        {"repeat (silent 10s)",
+         "1: offline 6 restart 123 reboot 186 reboot | "
+         "2m: offline 6 restart 123 recovery 186 recovery"},
+        {"repeat 1000000 (repeat 1000000 (silent 1s))",
+         "1: offline 6 restart 123 reboot 186 reboot | "
+         "2m: offline 6 restart 123 recovery 186 limit"},
         {"beat every 7s", "1: offline 6 online 7 offline 27 online 28 offline 48 online 49 limit"},
     };
     for (const auto& row : rows) {

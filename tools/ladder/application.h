@@ -12,6 +12,7 @@ enum class SignalKind {
     kBeat,
     kUpgrade,   // the flash writer starts
     kPowerCut,  // ends the boot
+    kNothing,   // nothing has happened up to here, so that an endless silence ends at the limit
     kEnd,       // nothing is known from here on
 };
 

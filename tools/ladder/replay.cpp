@@ -4,6 +4,7 @@
 #include <map>
 
 #include "main/kv_monitor_decision.h"
+#include "tools/base/wait.h"
 
 namespace kvtool::ladder {
 
@@ -307,6 +308,8 @@ void BootReplay::Handle(const Signal& signal) {
             Add(signal.at, EventKind::kPowerCut);
             Finish(signal.at, End::kPowerCut);
             break;
+        case SignalKind::kNothing:
+            break;
         case SignalKind::kEnd:
             Finish(signal.at, supervisor_.quiet ? End::kRecovery : End::kInputEnd);
             break;
@@ -323,6 +326,7 @@ void BootReplay::Run(const BootFacts& facts, bool* marker) {
     }
     pending_ = application_->Next();
     while (!over_) {
+        ThrowIfInterrupted();
         const Ms check = supervisor_.CheckTime();
         // A heartbeat waits while the loop is busy. What else happens to the device does not.
         const bool waits = pending_ && pending_->kind == SignalKind::kBeat;

@@ -16,6 +16,7 @@ struct ReplayOptions {
 // The checks come at whole multiples of the check period, and heartbeats that arrive together with
 // a check come before it. A device's clock has another phase, so its steps may come up to one check
 // period earlier or later. Commands take no time, except a restart's wait before startapp.sh.
+// Throws ToolError(kInterrupted).
 Timeline Replay(Application* application, const ReplayOptions& options);
 
 }  // namespace kvtool::ladder

@@ -362,6 +362,9 @@ std::optional<Signal> LifeSignals::Next() {
             over_ = true;
             return Signal{at_, SignalKind::kEnd};
         }
+        if (!beats) {
+            return Signal{at_, SignalKind::kNothing};
+        }
     }
     return std::nullopt;
 }
