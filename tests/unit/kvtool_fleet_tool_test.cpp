@@ -125,6 +125,9 @@ TEST(FleetView, RowsFitTheWindow) {
             EXPECT_LT(kvtool::Width(kvtool::FleetRowText(row, now, columns)), columns);
         }
     }
+    const std::string failed = kvtool::FleetRowText(row, now, 600);
+    EXPECT_EQ(failed.find("fa\u00ef"), failed.rfind("fa\u00ef")) << failed;
+    EXPECT_EQ(failed.substr(failed.size() - 5), "xxxxx") << failed;
     row.member.progress.state = State::kUploading;
     const std::string text = kvtool::FleetRowText(row, now, 100);
     EXPECT_TRUE(kv_test::InOrder(text, {MacOf(1), "uploading", "50%", "2 s left", "[###"})) << text;

@@ -93,11 +93,11 @@ std::string FleetRowText(const FleetRow& row, Clock::time_point now, size_t colu
     } else if (UnderWay(member)) {
         parts.push_back("for " + Duration(Seconds(row.since, now)));
         parts.push_back(row.last);
-    } else if (state != State::kPlanned) {
+    } else if (state != State::kPlanned && state != State::kFailed) {
         parts.push_back(member.text);
     }
     std::string text = Fitted(parts, "  ", columns);
-    // A long reason is cut rather than left out. The report has the whole text.
+    // A long reason of a failure is cut rather than left out. The report has the whole text.
     if (state == State::kFailed && Width(text) + 12 < columns) {
         text += "  " + Shortened(member.text, columns - 3 - Width(text));
     }
