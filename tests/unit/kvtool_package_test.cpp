@@ -361,10 +361,14 @@ TEST(KvtoolFlashTime, PredictsWhenThePowerMustHold) {
     EXPECT_EQ(kvtool::PowerWindowText(time.windows[2]),
               "must hold for 1.4 s, from 14.9 s on: a cut kills the device");
     EXPECT_TRUE(predict({{"var", Bytes(1)}}).windows.empty());
-    Bytes bad = HandMade();
-    bad[24 + 140] = 0;
-    EXPECT_EQ(kvtool::PredictFlashTime(kvtool::CheckPackage(bad, Layout::Default(), {})).seconds,
-              0);
+    Bytes badCode = HandMade();
+    badCode[24 + 140] = 0;
+    Bytes noLength = HandMade();
+    std::fill_n(noLength.begin() + 16, 4, uint8_t{0});
+    for (const Bytes& bad : {badCode, noLength}) {
+        EXPECT_EQ(
+            kvtool::PredictFlashTime(kvtool::CheckPackage(bad, Layout::Default(), {})).seconds, 0);
+    }
 }
 
 TEST(KvtoolVerify, RefusesWhatTheDeviceDoesNotWrite) {

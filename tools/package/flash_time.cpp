@@ -80,6 +80,9 @@ std::string PowerWindowText(const PowerWindow& window) {
 
 FlashTime PredictFlashTime(const PackageReport& report) {
     FlashTime time;
+    if (report.totalLen == 0) {
+        return time;  // the device refuses the package before it erases anything
+    }
     for (const EntryReport& entry : report.entries) {
         if (entry.checkCode != kv::kEntryCheckCode) {
             break;
