@@ -95,6 +95,7 @@ void PrintDevice(std::ostream& out, const FoundDevice& device) {
     Row(out, "ports",
         "commands " + std::to_string(reply.commandPort) + ", RTSP " +
             std::to_string(reply.rtspPort) + ", HTTP " + std::to_string(reply.httpPort));
+    Row(out, "P2P serial number", OrDash(reply.p2pSerial));
     Row(out, "account", OrDash(reply.account));
 }
 
