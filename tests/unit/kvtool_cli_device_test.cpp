@@ -77,6 +77,23 @@ TEST_F(KvtoolWithDevice, InterruptEndsAtOnceAndSaysHowTheDeviceIsLeft) {
     }
 }
 
+TEST_F(KvtoolWithDevice, ConformChecksItsPackageAndKeepsItsTranscript) {
+    fake::Device device(fake::Script{});
+    const auto conform = [&](const Arguments& more) {
+        Arguments arguments = {"conform", "--port", std::to_string(device.Port()), "127.0.0.1"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return arguments;
+    };
+    WriteFile(Path("layout"), "");
+    for (const char* unfit : {"layout", "app"}) {
+        EXPECT_EQ(RunTool(conform({"--destructive", "--package", Path(unfit)})), 3) << unfit;
+    }
+    EXPECT_TRUE(device.Chunks().empty());
+    EXPECT_EQ(RunTool(conform({"--transcript", Path("again")}), "^ok", "kill -INT $tool"), 130);
+    EXPECT_TRUE(Contains(Read("again"), "# login"));
+    EXPECT_TRUE(Contains(ReadFile("/tmp/tool.out"), "rules kept"));
+}
+
 // The responder's two devices name one address.
 TEST_F(KvtoolWithDevice, DiscoverListsAndWatches) {
     const std::string firmware = "PRT7K_38QX_QJT_V1.0.0.241127_R1";

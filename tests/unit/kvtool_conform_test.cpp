@@ -46,8 +46,10 @@ class Answering {
     std::thread thread_;
 };
 
-// The rules that a device with edited replies and this answer to searches breaks.
-Rules Broken(const Edit& edit, Bytes answer, kvtool::Millis reply = kvtool::Millis(5000)) {
+// The rules that a device with edited replies and this answer to searches breaks. With `skipped`,
+// tries uploads too.
+Rules Broken(const Edit& edit, Bytes answer, kvtool::Millis reply = kvtool::Millis(5000),
+             Rules* skipped = nullptr) {
     fake::Script script;
     script.edit = edit;
     fake::Device device(script);
@@ -58,13 +60,17 @@ Rules Broken(const Edit& edit, Bytes answer, kvtool::Millis reply = kvtool::Mill
     request.discoveryPort = responder.Port();
     request.times.reply = reply;
     request.times.silence = kvtool::Millis(300);
+    request.destructive = skipped != nullptr;
     Rules broken;
-    for (const Finding& finding : Conform(request, [](const Finding&) {})) {
+    Conform(request, [&](const Finding& finding) {
+        if (skipped != nullptr && finding.outcome == kvtool::conform::Outcome::kSkipped) {
+            skipped->insert(finding.rule);
+        }
         if (finding.outcome == kvtool::conform::Outcome::kBroken) {
             broken.insert(finding.rule);
             EXPECT_FALSE(finding.remarks.empty()) << finding.rule;
         }
-    }
+    });
     return broken;
 }
 
@@ -112,8 +118,12 @@ TEST(KvtoolConform, FindsTheRuleThatADeviceBreaks) {
 }
 
 TEST(KvtoolConform, SurvivesADeviceThatSaysNothingOrTooMuch) {
-    const Rules silent =
-        Broken([](uint16_t, const Bytes&) { return Bytes(); }, GoodAnswer(), kvtool::Millis(100));
+    Rules skipped;
+    const Rules silent = Broken([](uint16_t, const Bytes&) { return Bytes(); }, GoodAnswer(),
+                                kvtool::Millis(100), &skipped);
+    for (const char* rule : {"upload_cut", "upload_digest", "upload_accepted", "upload_busy"}) {
+        EXPECT_EQ(skipped.count(rule), 1U) << rule << ": there is no package for such a device";
+    }
     EXPECT_EQ(silent.count("login") + silent.count("at_once") + silent.count("connections"), 3U);
     const Rules talking = Broken(
         [](uint16_t, Bytes reply) {

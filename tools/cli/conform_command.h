@@ -5,6 +5,7 @@
 
 #include "tools/base/errors.h"
 #include "tools/conform/conform.h"
+#include "tools/package/layout.h"
 
 namespace kvtool {
 
@@ -16,6 +17,6 @@ struct ConformCommand {
 };
 
 // Like those of commands.h. Returns kBadReply if the device breaks a rule.
-ExitCode RunConform(const ConformCommand& command, Json* json);
+ExitCode RunConform(const ConformCommand& command, const Layout& layout, Json* json);
 
 }  // namespace kvtool

@@ -149,8 +149,9 @@ void AddDiscover(CLI::App* root, Chosen* chosen) {
 }
 
 void AddConform(CLI::App* root, Chosen* chosen) {
-    const auto command = std::make_shared<ConformCommand>();
-    conform::ConformRequest& request = command->request;
+    const auto conform = std::make_shared<WithLayout<ConformCommand>>();
+    ConformCommand& command = conform->command;
+    conform::ConformRequest& request = command.request;
     request.commandPort = kv::kProtocolPort;
     request.discoveryPort = kv::kDiscoveryPort;
     CLI::App* app = root->add_subcommand(
@@ -167,19 +168,20 @@ void AddConform(CLI::App* root, Chosen* chosen) {
     CLI::Option* destructive =
         app->add_flag("--destructive", request.destructive, "Try uploads too; the device restarts");
     app->add_option(
-           "--package", command->package,
+           "--package", command.package,
            "Package to upload, which the device flashes (default: one that writes nothing)")
         ->type_name("FILE")
         ->needs(destructive);
+    AddLayout(app, &conform->layout);
     AddSeconds(app, "--back-timeout", &request.restart,
                "Seconds for the device to restart after a refused upload");
-    app->add_option("--transcript", command->transcript, "Write all bytes exchanged to a file")
+    app->add_option("--transcript", command.transcript, "Write all bytes exchanged to a file")
         ->type_name("FILE");
     app->add_flag("--json", chosen->json, "Print JSON");
-    app->callback([command, chosen] {
-        chosen->run = [command, chosen](Json* json) {
-            command->json = chosen->json;
-            return RunConform(*command, json);
+    app->callback([conform, chosen] {
+        chosen->run = [conform, chosen](Json* json) {
+            conform->command.json = chosen->json;
+            return RunConform(conform->command, conform->layout.Make(), json);
         };
     });
 }

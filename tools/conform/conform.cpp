@@ -16,43 +16,53 @@ Bytes PackageForNothing(const Known& known) {
     return BuildPackage(request).bytes;
 }
 
-Finding Try(const Rule& rule, const ConformRequest& request, Known* known) {
+void Try(const Rule& rule, const ConformRequest& request, Known* known, const Found& found) {
     Trial trial(rule.name, rule.text);
     try {
         rule.run(request, known, &trial);
     } catch (const ToolError& error) {
         if (error.Code() == ExitCode::kInterrupted) {
+            trial.Skip(error.what());
+            found(trial.Result());
             throw;
         }
         trial.Differs(error.what());
     }
-    return trial.Result();
+    found(trial.Result());
 }
 
 }  // namespace
 
-std::vector<Finding> Conform(const ConformRequest& request,
-                             const std::function<void(const Finding&)>& found) {
+void Conform(const ConformRequest& request, const Found& found) {
     // Without a device there is nothing to compare.
     (void)ConnectAny(request.host, request.commandPort, request.times.connect);
-    std::vector<Finding> findings;
     Known known;
-    const auto tryAll = [&](const std::vector<Rule>& rules, const ConformRequest& what) {
-        for (const Rule& rule : rules) {
-            findings.push_back(Try(rule, what, &known));
-            found(findings.back());
+    for (const auto* rules : {&CommandRules(), &DiscoveryRules()}) {
+        for (const Rule& rule : *rules) {
+            Try(rule, request, &known, found);
         }
-    };
-    tryAll(CommandRules(), request);
-    tryAll(DiscoveryRules(), request);
-    if (request.destructive) {
-        ConformRequest uploads = request;
-        if (uploads.package.empty()) {
-            uploads.package = PackageForNothing(known);
-        }
-        tryAll(UploadRules(), uploads);
     }
-    return findings;
+    if (!request.destructive) {
+        return;
+    }
+    ConformRequest uploads = request;
+    std::string trouble;
+    if (uploads.package.empty()) {
+        try {
+            uploads.package = PackageForNothing(known);
+        } catch (const ToolError&) {
+            trouble = "the device names no chip and sensor type to make a package for";
+        }
+    }
+    for (const Rule& rule : UploadRules()) {
+        if (trouble.empty()) {
+            Try(rule, uploads, &known, found);
+        } else {
+            Trial trial(rule.name, rule.text);
+            trial.Skip(trouble);
+            found(trial.Result());
+        }
+    }
 }
 
 const char* OutcomeName(Outcome outcome) {

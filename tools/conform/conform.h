@@ -24,11 +24,14 @@ struct ConformRequest {
     Bytes package;
 };
 
+using Found = std::function<void(const Finding&)>;
+
 // Tries all rules in order and gives each finding to `found` as soon as it is known. Takes some
-// seconds. With uploads it takes about a minute, plus the time of the device's restart. Throws
-// ToolError: kUnreachable if the device accepts no connection at the beginning, kInterrupted.
-std::vector<Finding> Conform(const ConformRequest& request,
-                             const std::function<void(const Finding&)>& found);
+// seconds. With uploads it takes about a minute, plus the time of the device's restart. Skips the
+// uploads if the request has no package and the device names no chip or sensor type to make one
+// for. Throws ToolError: kUnreachable if the device accepts no connection at the beginning;
+// kInterrupted, after `found` has got the rule under way as skipped, with its exchange so far.
+void Conform(const ConformRequest& request, const Found& found);
 
 // What the rules of one run learn from each other.
 struct Known {
