@@ -30,8 +30,9 @@ ExitCode RunChosen(const kvtool::Chosen& chosen, Json* json, std::string* proble
     }
 }
 
-int Status(const kvtool::Chosen& chosen, ExitCode code, bool failed) {
-    const bool trouble = chosen.compares && failed && code != ExitCode::kInterrupted;
+// The status after a failure. Of a command that compares, 1 would mean a difference.
+int FailureStatus(const kvtool::Chosen& chosen, ExitCode code) {
+    const bool trouble = chosen.compares && code != ExitCode::kInterrupted;
     return static_cast<int>(trouble ? ExitCode::kUsage : code);
 }
 
@@ -93,7 +94,7 @@ int Run(int argc, char** argv) {
         const std::string command = CommandName(app);
         Json json = {{"schema", kvtool::kJsonSchema}, {"command", command}, {"exit_code", 0}};
         const ExitCode code = RunChosen(chosen, &json, &problem);
-        status = Status(chosen, code, !problem.empty());
+        status = problem.empty() ? static_cast<int>(code) : FailureStatus(chosen, code);
         json["exit_code"] = status;
         if (!problem.empty()) {
             json["error"] = problem;
@@ -106,7 +107,7 @@ int Run(int argc, char** argv) {
     std::cout.flush();
     if (!std::cout) {
         std::cerr << "kvtool: cannot write to standard output\n";
-        return static_cast<int>(ExitCode::kInternal);
+        return FailureStatus(chosen, ExitCode::kInternal);
     }
     return status;
 }
