@@ -47,6 +47,22 @@ TEST_F(KvtoolCli, PackKeepsItsInputsAndWritesToAPipe) {
     EXPECT_EQ(output, Read("good"));
 }
 
+// The link leads to a file that does not exist, to one that does, and to a named pipe.
+TEST_F(KvtoolCli, PackFollowsLinksAndWritesIntoWhatIsNoFile) {
+    const Arguments pack = {"pack", "-o", Path("again"), "app=" + Path("app")};
+    std::filesystem::create_symlink("layout", Path("again"));
+    for (const char* content : {"", "old"}) {
+        EXPECT_EQ(RunTool(pack), 0);
+        EXPECT_TRUE(Read("layout") == Read("good")) << content;
+        EXPECT_TRUE(std::filesystem::is_symlink(Path("again")));
+        WriteFile(Path("layout"), "old");
+    }
+    (void)unlink(Path("layout").c_str());
+    const auto piped = kv_test::Run("mkfifo " + Path("layout") + "; timeout 10 cat " +
+                                    Path("layout") + " & " + Line(pack) + " >/dev/null; wait");
+    EXPECT_TRUE(piped.output == Read("good"));
+}
+
 TEST_F(KvtoolCli, PacksByRecipeAndWritesAManifest) {
     WriteFile(Path("layout"), "# camera\nimage = app = app\nsize = app = 200000\nsensor = 39QX\n");
     // Paths of a recipe are relative to its folder, not to the current one.
@@ -71,14 +87,23 @@ TEST_F(KvtoolCli, PacksByRecipeAndWritesAManifest) {
         WriteFile(Path("layout"), wrong);
         EXPECT_NE(RunTool({"pack", "-o", Path("again"), "--recipe", Path("layout")}), 0) << wrong;
     }
-    EXPECT_EQ(
-        RunTool({"pack", "-o", Path("again"), "--manifest", Path("app"), "app=" + Path("app")}), 2);
+    const auto packTo = [this](const std::string& output, const std::string& other) {
+        return RunTool({"pack", "-o", output, "--manifest", other, "app=" + Path("app")});
+    };
+    EXPECT_EQ(packTo(Path("again"), Path("app")), 2);
+    EXPECT_EQ(packTo(Path("none"), Path("./none")), 2);
+    WriteFile(Path("again"), "before");
+    EXPECT_EQ(packTo(Path("again"), Path("none/manifest")), 1);
+    EXPECT_EQ(packTo(Path("none/again"), Path("manifest")), 1);
+    EXPECT_TRUE(Read("again") + Read("manifest") == "before" + first) << "both files or none";
 }
 
 TEST_F(KvtoolCli, ToolboxExitsLikeDiff) {
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("good")}), 0);
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("other")}), 1);
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("none")}), 2);
+    EXPECT_EQ(kv_test::Run(Line({"diff", Path("good"), Path("good")}) + " >/dev/full 2>&1").status,
+              2);
     WriteFile(Path("layout"), Read("app") + std::string(131072, '\xFF'));
     EXPECT_EQ(RunTool({"verify", Path("good"), "app=" + Path("layout")}), 0);
     EXPECT_EQ(RunTool({"verify", Path("good"), "app=" + Path("good")}), 1);
@@ -195,6 +220,13 @@ TEST_F(KvtoolCli, SignsPackagesInside) {
     EXPECT_EQ(kv_test::Run("PATH= " + Line(pack({})) + " 2>&1").status, 1) << "no minisign";
     EXPECT_TRUE(Read("again") == last) << "a failure must not change the file";
     std::filesystem::remove_all(Path("out"));
+}
+
+TEST_F(KvtoolCli, AnInterruptEndsALongReplay) {
+    const std::string ladder =
+        Line({"ladder", "--script", "repeat 1000000 (repeat 1000000 (silent 0.001s))"});
+    EXPECT_EQ(kv_test::Run("timeout --preserve-status -k 10 -s INT 1 " + ladder + " 2>&1").status,
+              130);
 }
 
 TEST_F(KvtoolCli, UnknownCommandsAreNamed) {

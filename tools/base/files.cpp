@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 
-#include "common/kv_raii.h"
 #include "mini/kv_mini_frame.h"
 #include "tools/base/errors.h"
 #include "tools/base/wait.h"
@@ -39,18 +39,20 @@ void WriteAll(int fd, const Bytes& bytes, const std::string& path) {
     }
 }
 
-// Removes the temporary file unless it has been renamed.
-class TemporaryName {
-  public:
-    explicit TemporaryName(std::string name) : name_(std::move(name)) {}
-    ~TemporaryName() { (void)unlink(name_.c_str()); }
-    TemporaryName(const TemporaryName&) = delete;
-    TemporaryName& operator=(const TemporaryName&) = delete;
-    const std::string& Get() const { return name_; }
-
-  private:
-    std::string name_;
-};
+// Where a chain of symbolic links leads, also to a file that does not exist yet.
+std::string FollowLinks(std::filesystem::path path) {
+    constexpr int kMostLinks = 40;
+    for (int links = 0; links < kMostLinks; ++links) {
+        std::error_code error;
+        const std::filesystem::path next = std::filesystem::read_symlink(path, error);
+        if (error) {
+            return path;
+        }
+        path = path.parent_path() / next;
+    }
+    errno = ELOOP;
+    throw ToolError(ExitCode::kInternal, Because("write", path));
+}
 
 }  // namespace
 
@@ -87,20 +89,48 @@ Bytes ReadWholeFile(const std::string& path) {
     return bytes;
 }
 
-void WriteWholeFile(const std::string& path, const Bytes& bytes) {
-    const TemporaryName temporary(path + ".tmp." + std::to_string(getpid()));
-    const UniqueFd fd(open(temporary.Get().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-    if (!fd) {
-        throw ToolError(ExitCode::kInternal, Because("create", temporary.Get()));
+PendingFile::TemporaryName::~TemporaryName() {
+    if (!text.empty()) {
+        (void)unlink(text.c_str());
     }
-    WriteAll(fd.Get(), bytes, temporary.Get());
-    if (fsync(fd.Get()) != 0) {
-        throw ToolError(ExitCode::kInternal, Because("write", temporary.Get()));
+}
+
+PendingFile::PendingFile(const std::string& path, const Bytes& bytes) : path_(path), bytes_(bytes) {
+    struct stat info {};
+    if (stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+        fd_.Reset(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+        if (!fd_) {
+            throw ToolError(ExitCode::kInternal, Because("open", path));
+        }
+        return;
     }
+    path_ = FollowLinks(path);
+    const std::string name = path_ + ".tmp." + std::to_string(getpid());
+    fd_.Reset(open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (!fd_) {
+        throw ToolError(ExitCode::kInternal, Because("create", name));
+    }
+    temporary_.text = name;
+    WriteAll(fd_.Get(), bytes, name);
+    if (fsync(fd_.Get()) != 0) {
+        throw ToolError(ExitCode::kInternal, Because("write", name));
+    }
+}
+
+void PendingFile::Commit() {
     ThrowIfInterrupted();
-    if (rename(temporary.Get().c_str(), path.c_str()) != 0) {
-        throw ToolError(ExitCode::kInternal, Because("rename to", path));
+    if (temporary_.text.empty()) {
+        WriteAll(fd_.Get(), bytes_, path_);
+        return;
     }
+    if (rename(temporary_.text.c_str(), path_.c_str()) != 0) {
+        throw ToolError(ExitCode::kInternal, Because("rename to", path_));
+    }
+    temporary_.text.clear();
+}
+
+void WriteWholeFile(const std::string& path, const Bytes& bytes) {
+    PendingFile(path, bytes).Commit();
 }
 
 void WriteToStandardOutput(const Bytes& bytes) {
@@ -116,6 +146,15 @@ bool SameFile(const std::string& a, const std::string& b) {
     struct stat second {};
     return stat(a.c_str(), &first) == 0 && stat(b.c_str(), &second) == 0 &&
            first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+bool SameTarget(const std::string& a, const std::string& b) {
+    const auto place = [](const std::string& path) {
+        std::error_code ignored;
+        return std::filesystem::weakly_canonical(std::filesystem::absolute(FollowLinks(path)),
+                                                 ignored);
+    };
+    return SameFile(a, b) || place(a) == place(b);
 }
 
 std::vector<SourceLine> ReadLines(const std::string& path) {

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "common/kv_raii.h"
 #include "tools/base/text.h"
 
 namespace kvtool {
@@ -16,8 +17,36 @@ constexpr uint64_t kMaxPackageSize = 0xFFFFFFFFULL - 37;
 // Throws ToolError(kRefused).
 Bytes ReadWholeFile(const std::string& path);
 
-// Writes a temporary file in the same folder and renames it. `path` either has all the bytes or is
-// unchanged. Throws ToolError(kInternal).
+// A file that is to be written, in two steps: what can fail, such as a full disk or a missing
+// folder, fails in the first one. A regular file gets all the bytes or stays as it is. A target
+// that is no regular file, such as a pipe or a device, is written to. Symbolic links are followed.
+class PendingFile {
+  public:
+    // Writes a temporary file in the target's folder, or opens a target that is no regular file;
+    // a named pipe waits for its reader. The bytes must outlive the object. Throws
+    // ToolError(kInternal, kInterrupted).
+    PendingFile(const std::string& path, const Bytes& bytes);
+    // Gives the temporary file its name, or writes to the opened target. Call it once. Throws
+    // ToolError(kInternal, kInterrupted).
+    void Commit();
+
+  private:
+    // Removed unless it has been renamed. Empty: none.
+    struct TemporaryName {
+        TemporaryName() = default;
+        ~TemporaryName();
+        TemporaryName(const TemporaryName&) = delete;
+        TemporaryName& operator=(const TemporaryName&) = delete;
+        std::string text;
+    };
+
+    std::string path_;
+    const Bytes& bytes_;
+    TemporaryName temporary_;
+    UniqueFd fd_;
+};
+
+// Both steps. Throws ToolError(kInternal, kInterrupted).
 void WriteWholeFile(const std::string& path, const Bytes& bytes);
 
 // Throws ToolError: kUsage if standard output is a terminal, kInternal if writing fails.
@@ -25,6 +54,10 @@ void WriteToStandardOutput(const Bytes& bytes);
 
 // Whether both paths name the same existing file.
 bool SameFile(const std::string& a, const std::string& b);
+
+// Whether writing to both paths would write to one file, which need not exist yet. Throws
+// ToolError(kInternal) for a loop of symbolic links.
+bool SameTarget(const std::string& a, const std::string& b);
 
 // A line of a text file, without its comment and surrounding spaces.
 struct SourceLine {

@@ -98,8 +98,7 @@ class PackInputs {
     Json manifest_ = Json::array();
 };
 
-void WriteManifest(const PackCommand& command, const BuildRequest& request, const Json& inputs,
-                   const Json& package) {
+Bytes ManifestOf(const BuildRequest& request, const Json& inputs, const Json& package) {
     const Json manifest = {{"schema", kJsonSchema},
                            {"tool", std::string("kvtool ") + kv::kVersion},
                            {"ic", Printable(request.ic)},
@@ -107,7 +106,25 @@ void WriteManifest(const PackCommand& command, const BuildRequest& request, cons
                            {"inputs", inputs},
                            {"package", package}};
     const std::string text = manifest.dump(2, ' ', true) + "\n";
-    WriteWholeFile(command.manifest, Bytes(text.begin(), text.end()));
+    return Bytes(text.begin(), text.end());
+}
+
+// Neither file changes unless both can be written.
+void WriteOutputs(const PackCommand& command, const Bytes& package, const Bytes& manifest) {
+    std::optional<PendingFile> packageFile;
+    std::optional<PendingFile> manifestFile;
+    if (!command.manifest.empty()) {
+        manifestFile.emplace(command.manifest, manifest);
+    }
+    if (command.output != "-") {
+        packageFile.emplace(command.output, package);
+        packageFile->Commit();
+    } else {
+        WriteToStandardOutput(package);
+    }
+    if (manifestFile) {
+        manifestFile->Commit();
+    }
 }
 
 }  // namespace
@@ -120,6 +137,10 @@ ExitCode RunPack(const PackCommand& command, const LayoutOptions& layout, Json* 
     }
     if (command.images.empty() && command.recipe.empty()) {
         throw ToolError(ExitCode::kUsage, "nothing to pack; give NAME=IMAGE or --recipe");
+    }
+    if (!command.manifest.empty() && command.output != "-" &&
+        SameTarget(command.output, command.manifest)) {
+        throw ToolError(ExitCode::kUsage, "-o and --manifest name the same file");
     }
     PackInputs inputs(command);
     const BuildRequest request = inputs.Read(layout);
@@ -151,14 +172,7 @@ ExitCode RunPack(const PackCommand& command, const LayoutOptions& layout, Json* 
     }
     json->update(package);
     (*json)["warnings"] = result.warnings;
-    if (command.output == "-") {
-        WriteToStandardOutput(result.bytes);
-    } else {
-        WriteWholeFile(command.output, result.bytes);
-    }
-    if (!command.manifest.empty()) {
-        WriteManifest(command, request, inputs.Manifest(), package);
-    }
+    WriteOutputs(command, result.bytes, ManifestOf(request, inputs.Manifest(), package));
     TextStream(command) << Printable(command.output) << ": " << SizeText(result.bytes.size())
                         << ", MD5 " << package["md5"].get<std::string>() << '\n';
     if (signature) {
