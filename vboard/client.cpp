@@ -165,23 +165,23 @@ void SetApplication(const StateDir& state, const std::string& mode, unsigned sec
 }
 
 void ReadFlash(const StateDir& state, const std::string& mtd, const std::string& file) {
-    WriteText(file, ReadText(RequireFlash(state, mtd)));
+    WriteText(file, ReadWholeFile(RequireFlash(state, mtd)));
 }
 
 void WriteFlash(const StateDir& state, const std::string& mtd, const std::string& file,
                 const std::string& layout, uint32_t eraseBlock) {
-    if (!std::filesystem::exists(file)) {
-        throw std::runtime_error("there is no file " + file);
+    const std::vector<PartitionConfig> partitions = ParseLayout(layout, eraseBlock, state);
+    const auto partition = std::find_if(partitions.begin(), partitions.end(),
+                                        [&](const PartitionConfig& p) { return p.name == mtd; });
+    if (partition == partitions.end()) {
+        throw std::runtime_error("there is no flash partition " + mtd);
     }
-    std::string image = ReadText(file);
+    std::string image = ReadWholeFile(file);
     const std::filesystem::path flash = state.Flash(mtd);
-    uint64_t size = 0;
+    uint64_t size = partition->size;
     if (std::filesystem::exists(flash)) {
         size = std::filesystem::file_size(flash);
     } else {
-        for (const PartitionConfig& partition : ParseLayout(layout, eraseBlock, state)) {
-            size = partition.name == mtd ? partition.size : size;
-        }
         std::filesystem::create_directories(flash.parent_path());
     }
     if (image.size() > size) {

@@ -248,6 +248,13 @@ TEST_F(Vboard, RefusesInOneSentence) {
     Run({"--no-wifi"});
     EXPECT_EQ(board_.Try({"run", "--", "/bin/true"}).output,
               "vboard: another board is running with the state folder " + board_.Folder() + "\n");
+    // Unreadable or for no partition: nothing is written.
+    WriteFile(board_.Path("empty"), "");
+    EXPECT_EQ(board_.Try({"flash", "write", "mtd0", board_.Folder()}).status, 1);
+    EXPECT_EQ(board_.Try({"flash", "write", "mtd9", board_.Path("empty")}).status, 1);
+    EXPECT_FALSE(fs::exists(board_.Path("flash")));
+    fs::create_directories(board_.Path("flash/mtd8.bin"));
+    EXPECT_EQ(board_.Try({"flash", "read", "mtd8", board_.Path("back")}).status, 1);
     EXPECT_EQ(board_.Try({"wait", "--log", "nothing", "--timeout", "0.2"}).status, 1);
     EXPECT_EQ(board_.Try({"ap", "up"}).output,
               "vboard: this board has no Wi-Fi (it runs with --no-wifi)\n");
