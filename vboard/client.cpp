@@ -109,7 +109,7 @@ void ShowStatus(const StateDir& state, bool asJson) {
               << (program.at("running").get<bool>() ? "runs"
                   : program.contains("exitCode")
                       ? "ended, exit code " + std::to_string(program["exitCode"].get<int>())
-                      : "not started");
+                      : "does not run");
     const json& watchdog = status.at("watchdog");
     std::cout << "\nwatchdog: " << (watchdog.at("open").get<bool>() ? "open" : "closed");
     if (watchdog.at("armed").get<bool>()) {

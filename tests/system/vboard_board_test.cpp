@@ -93,7 +93,7 @@ TEST_F(Vboard, EachResetHasItsReasonAndKeepsPersistentData) {
 }
 
 TEST_F(Vboard, AfterAPowerCutTheBoardStaysOffUntilItIsSwitchedOn) {
-    Run({"--no-wifi"});
+    Run({});
     (void)OnBoard("touch /param/var/kept /tmp/lost");
     for (const Lines& wrong :
          std::vector<Lines>{{"fault", "power"},
@@ -124,9 +124,12 @@ TEST_F(Vboard, AfterAPowerCutTheBoardStaysOffUntilItIsSwitchedOn) {
                                                       {"exec", "--board", "--", "true"}}) {
         EXPECT_EQ(board_.Try(needsPower).status, 1) << needsPower[0];
     }
+    EXPECT_EQ(board_.Status().at("program").at("running"), false);
+    (void)board_.Do({"ap", "down"});
     board_.Fault({"power", "--after", "1"});
     (void)board_.Do({"power", "on"});
     EXPECT_EQ(board_.Reason(2), "power-on\n");
+    (void)OnBoard("ip link set wlan0 up && ip link show wlan0 | grep NO-CARRIER");
     EXPECT_EQ(OnBoard("ls /param/var /tmp"), "/param/var:\nkept\n\n/tmp:\nbin\n");
     // A cut that is due survives a reset.
     (void)board_.Do({"reset"});
