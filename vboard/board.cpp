@@ -370,6 +370,7 @@ json Board::Brief() const {
             {"state", init_ < 0 ? "off" : (program_ > 0 ? "up" : "booting")},
             {"reason", reasons_.empty() ? "" : reasons_.back()},
             {"running", program_ > 0 && programCode_ < 0},
+            {"hasEth", !network_->EthAddress().empty()},
             {"ethAddress", init_ < 0 ? "" : AddressOf(init_, "eth0")},
             {"wlanAddress", init_ < 0 ? "" : AddressOf(init_, "wlan0")},
             {"stateDir", state_.Path()}};

@@ -112,6 +112,14 @@ TEST_F(VboardSite, BoardsJoinAndFailIndependently) {
     EXPECT_TRUE(WaitUntil([this] { return Row(3).value("wlanAddress", "") == "172.20.19.7"; }));
     EXPECT_EQ(Row(1).at("boot"), 1);
 
+    (void)Do({"site", "no-dhcp"});
+    (void)Do({"site", "lease", "3", "172.20.19.8"});
+    EXPECT_EQ(json::parse(Do({"site", "status", "--json"})).at("dhcp"), false);
+
+    (void)OnBoard(1, {"power", "off"});
+    (void)OnBoard(1, {"ap", "mute"});
+    EXPECT_EQ(Row(1).at("mac"), "02:76:62:01:00:01") << "eth0's, also while the board is off";
+
     (void)kill(runner_, SIGTERM);
     int status = -1;
     EXPECT_EQ(waitpid(guest, &status, 0), guest);

@@ -45,11 +45,13 @@ json Describe(const StateDir& site, int number) {
                   {"wlanMac", WlanMac(number)},
                   {"state", "starting"},
                   {"stateDir", BoardFolder(site.Path(), number)}};
-    if (const auto brief = Brief(site, number)) {
+    bool hasEth = true;
+    if (auto brief = Brief(site, number)) {
+        hasEth = brief->at("hasEth");
+        brief->erase("hasEth");
         board.update(*brief);
     }
-    const bool wired = board.value("ethAddress", "?") != "";
-    board["mac"] = board.at(wired ? "ethMac" : "wlanMac");  // as the device reports it
+    board["mac"] = board.at(hasEth ? "ethMac" : "wlanMac");  // as the device reports it
     return board;
 }
 
