@@ -75,6 +75,15 @@ json PowerFaultRequest(const FaultOptions& options) {
             {"step", options.after + options.inside}};
 }
 
+json BoardStatus(ControlClient* board, const StateDir& state) {
+    json status = board->Request({{"command", "status"}});
+    if (status.contains("boards")) {
+        throw std::runtime_error(state.Path().string() +
+                                 " is the state folder of a site, not of a board");
+    }
+    return status;
+}
+
 std::filesystem::path RequireFlash(const StateDir& state, const std::string& mtd) {
     std::filesystem::path file = state.Flash(mtd);
     if (!std::filesystem::exists(file)) {
@@ -87,7 +96,8 @@ std::filesystem::path RequireFlash(const StateDir& state, const std::string& mtd
 }  // namespace
 
 void ShowStatus(const StateDir& state, bool asJson) {
-    const json status = ControlClient(state).Request({{"command", "status"}});
+    ControlClient board(state);
+    const json status = BoardStatus(&board, state);
     if (asJson) {
         std::cout << status.dump(2) << '\n';
         return;
@@ -220,7 +230,7 @@ void Press(const StateDir& state, const std::vector<double>& seconds) {
 void Reset(const StateDir& state) {
     ControlClient board(state);
     WaitOptions next;
-    next.boot = board.Request({{"command", "status"}}).at("boot").get<int>() + 1;
+    next.boot = BoardStatus(&board, state).at("boot").get<int>() + 1;
     (void)board.Request({{"command", "reset"}});
     WaitForLog(state, next);
 }
@@ -228,7 +238,7 @@ void Reset(const StateDir& state) {
 void SetPower(const StateDir& state, const std::string& action) {
     ControlClient board(state);
     WaitOptions change;
-    change.boot = board.Request({{"command", "status"}}).at("boot").get<int>();
+    change.boot = BoardStatus(&board, state).at("boot").get<int>();
     if (action == "on") {
         ++change.boot;
     } else {

@@ -68,7 +68,7 @@ UniqueFd StateDir::Lock() const {
         throw SysError("cannot open the lock of the state folder " + path_.string());
     }
     if (flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
-        throw std::runtime_error("another board is running with the state folder " +
+        throw std::runtime_error("another board or site is running with the state folder " +
                                  path_.string());
     }
     return lock;

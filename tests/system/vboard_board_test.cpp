@@ -248,9 +248,6 @@ TEST_F(Vboard, RefusesInOneSentence) {
         EXPECT_EQ(result.output, std::string("vboard: ") + item.sentence + "\n");
     }
     EXPECT_EQ(board_.Try({"status"}).status, 1);
-    Run({"--no-wifi"});
-    EXPECT_EQ(board_.Try({"run", "--", "/bin/true"}).output,
-              "vboard: another board is running with the state folder " + board_.Folder() + "\n");
     // Unreadable or for no partition: nothing is written.
     WriteFile(board_.Path("empty"), "");
     EXPECT_EQ(board_.Try({"flash", "write", "mtd0", board_.Folder()}).status, 1);
@@ -258,9 +255,16 @@ TEST_F(Vboard, RefusesInOneSentence) {
     EXPECT_FALSE(fs::exists(board_.Path("flash")));
     fs::create_directories(board_.Path("flash/mtd8.bin"));
     EXPECT_EQ(board_.Try({"flash", "read", "mtd8", board_.Path("back")}).status, 1);
+    Run({"--no-wifi"});
+    EXPECT_EQ(
+        board_.Try({"run", "--", "/bin/true"}).output,
+        "vboard: another board or site is running with the state folder " + board_.Folder() + "\n");
     EXPECT_EQ(board_.Try({"wait", "--log", "nothing", "--timeout", "0.2"}).status, 1);
     EXPECT_EQ(board_.Try({"ap", "up"}).output,
               "vboard: this board has no Wi-Fi (it runs with --no-wifi)\n");
+    EXPECT_EQ(board_.Try({"press", "--sequence", "0.1 -1"}, 5).status, 1);
+    EXPECT_EQ(board_.Try({"site", "status"}).output,
+              "vboard: " + board_.Folder() + " is the state folder of a board, not of a site\n");
     EXPECT_NE(board_.Try({"fault", "mtd1", "open"}).status, 0);
     EXPECT_NE(board_.Try({"fault", "mtd1", "open", "--errno", "EWHAT"}).status, 0);
 }

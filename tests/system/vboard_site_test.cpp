@@ -150,6 +150,8 @@ TEST_F(VboardSite, LeavesNothingWhenItIsKilled) {
 TEST_F(VboardSite, RefusesInOneSentence) {
     EXPECT_EQ(Try({"site", "start", "1", "--", "/no/such"}).output,
               "vboard: board 1 has ended: vboard: not a program: /no/such\n");
+    EXPECT_EQ(TryAt(folder_.Path(), {"status"}).output,
+              "vboard: " + folder_.Path() + " is the state folder of a site, not of a board\n");
     const Folder other;
     EXPECT_EQ(RunCommand(
                   {BinDir() + "/vboard", "site", "run", "--state", other.Path(), "--shape", "fast"})

@@ -23,7 +23,12 @@ namespace {
 constexpr std::chrono::milliseconds kAsk(100);
 
 json SiteStatus(const StateDir& site) {
-    return ControlClient(site, Runner::kSite).Request({{"command", "status"}});
+    json status = ControlClient(site, Runner::kSite).Request({{"command", "status"}});
+    if (!status.contains("boards")) {
+        throw std::runtime_error(site.Path().string() +
+                                 " is the state folder of a board, not of a site");
+    }
+    return status;
 }
 
 // The short status of board `number`. None while its runner does not answer.
