@@ -1,5 +1,5 @@
 #!/bin/sh
-# Runs the tests of whole sites: `make test-fleet`, then those of the page in browsers and of the Ansible collection. The
+# Runs the tests of whole sites: those of `make test-fleet`, of the page in browsers, and of the Ansible collection. The
 # programs must have been built and the packages installed.
 set -eu
 
