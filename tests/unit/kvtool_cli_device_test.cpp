@@ -121,6 +121,8 @@ TEST_F(KvtoolWithDevice, DiscoverListsAndWatches) {
                   "warning: address 10.7.0.1 belongs to 2 devices, with the MAC addresses "
                   "02:00:5E:00:00:01, 02:00:5E:00:00:02\n"
                   "2 found\n");
+    EXPECT_EQ(run({"--timeout", "0.3", "-v"}, &output), 0);
+    EXPECT_TRUE(Contains(output, "P2P serial number -")) << output;
     EXPECT_EQ(run({"--timeout", "0.3", "--match", "mac=*:03"}, &output), 4);
     EXPECT_EQ(output.substr(output.rfind('\n', output.size() - 2) + 1),
               "0 found, 2 more do not match\n");

@@ -102,6 +102,9 @@ TEST_F(KvtoolCli, ToolboxExitsLikeDiff) {
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("good")}), 0);
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("other")}), 1);
     EXPECT_EQ(RunTool({"diff", Path("good"), Path("none")}), 2);
+    WriteFile(Path("layout"), "short");
+    EXPECT_TRUE(Contains(kv_test::Run(Line({"diff", Path("good"), Path("layout")})).output,
+                         "the second file is not a package"));
     EXPECT_EQ(kv_test::Run(Line({"diff", Path("good"), Path("good")}) + " >/dev/full 2>&1").status,
               2);
     WriteFile(Path("layout"), Read("app") + std::string(131072, '\xFF'));

@@ -10,11 +10,12 @@ namespace kvtool {
 
 namespace {
 
-PackageReport ReadPackage(const Bytes& package, const Layout& layout) {
+PackageReport ReadPackage(const Bytes& package, const Layout& layout, const char* which) {
     PackageReport report = CheckPackage(package, layout, {});
     if (!report.headerComplete) {
-        throw ToolError(ExitCode::kRefused,
-                        "one of the files is not a package: it is shorter than a header");
+        throw ToolError(
+            ExitCode::kRefused,
+            std::string("the ") + which + " file is not a package: it is shorter than a header");
     }
     return report;
 }
@@ -69,8 +70,8 @@ const char* ImageChangeName(ImageChange change) {
 }
 
 PackageComparison ComparePackages(const Bytes& a, const Bytes& b, const Layout& layout) {
-    const PackageReport reportA = ReadPackage(a, layout);
-    const PackageReport reportB = ReadPackage(b, layout);
+    const PackageReport reportA = ReadPackage(a, layout, "first");
+    const PackageReport reportB = ReadPackage(b, layout, "second");
     PackageComparison comparison;
     comparison.identical = a == b;
     CompareHeaders(reportA, reportB, &comparison.header);
