@@ -37,6 +37,7 @@ class Silent : public RunListener {
     void Progress(size_t, const kvtool::UploadProgress&) override {}
     void Line(size_t, const std::string&) override {}
     void Note(const std::string&) override {}
+    void Stopping(const std::string&) override {}
     void Tick() override {}
     std::function<void(size_t, const Member&)> onState;
 };

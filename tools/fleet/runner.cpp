@@ -37,7 +37,7 @@ void Runner::Tell(const std::function<void(RunListener*)>& call) {
 void Runner::Stop(const std::string& why) {
     if (stopped_.empty()) {
         stopped_ = why;
-        listener_->Note(why);
+        listener_->Stopping(why);
     }
     changed_.notify_all();
 }

@@ -49,6 +49,8 @@ class RunListener {
     virtual void Line(size_t member, const std::string& text) = 0;
     // A message about the run as a whole.
     virtual void Note(const std::string& text) = 0;
+    // From now on no more upgrades start. Called at most once.
+    virtual void Stopping(const std::string& why) = 0;
     // About ten times a second.
     virtual void Tick() = 0;
 };
