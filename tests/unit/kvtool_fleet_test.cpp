@@ -123,6 +123,10 @@ TEST(FleetJournal, ATornLineIsIgnoredAndADamagedOneIsRefused) {
     member.progress.Enter(State::kUploading);
     Journal::Open(path).WriteState(&member);
     const std::string longer = kv_test::ReadFile(path);
+    JournalContents read = ReadJournal(path);
+    (void)Journal::Continue(path, read);
+    read.whole = whole.size();
+    EXPECT_THROW((void)Journal::Continue(path, read), ToolError) << "written since it was read";
     for (size_t size = whole.size(); size < longer.size(); ++size) {
         kv_test::WriteFile(path, longer.substr(0, size));
         const JournalContents contents = ReadJournal(path);

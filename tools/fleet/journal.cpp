@@ -268,6 +268,10 @@ Journal Journal::Open(const std::string& path) {
                         "cannot open the journal " + Printable(path) + ": " + strerror(errno));
     }
     if (flock(fd.Get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK) {
+            throw ToolError(ExitCode::kInternal,
+                            "cannot lock the journal " + Printable(path) + ": " + strerror(errno));
+        }
         throw ToolError(ExitCode::kBusy,
                         "another process is writing the journal " + Printable(path));
     }
@@ -282,6 +286,16 @@ Journal Journal::Open(const std::string& path) {
     const UniqueFd parent(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!parent || fsync(parent.Get()) != 0) {
         journal.Fail(errno);
+    }
+    return journal;
+}
+
+Journal Journal::Continue(const std::string& path, const JournalContents& read) {
+    Journal journal = Open(path);
+    if (journal.size_ != read.whole) {
+        throw ToolError(ExitCode::kBusy,
+                        "another process has written the journal " + Printable(path) +
+                            " since it was read; nothing was sent: start again with --resume");
     }
     return journal;
 }

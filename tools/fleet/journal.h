@@ -73,8 +73,11 @@ class Journal {
   public:
     // Creates the file, or opens it and removes an incomplete last line. Throws ToolError: kBusy
     // while another process is writing the journal, kRefused as ReadJournal does, kInternal if the
-    // file cannot be opened.
+    // file cannot be opened or locked.
     static Journal Open(const std::string& path);
+    // The same for a journal that was read before; without contents, there was none. Throws
+    // ToolError(kBusy) too if another process has written lines since then.
+    static Journal Continue(const std::string& path, const JournalContents& read);
     Journal(Journal&& other) noexcept
         : path_(std::move(other.path_)), fd_(std::move(other.fd_)), size_(other.size_) {}
 

@@ -234,6 +234,10 @@ Json RunControl::Start(int plan) {
     if (flying_ || ending_) {
         throw HttpError(409, flying_ ? "a run is under way" : "kvtool is about to end");
     }
+    if (planning_) {
+        // It would be a plan for the journal as it is before this run.
+        throw HttpError(409, "another plan is being made");
+    }
     if (!plan_ || plan_->id != plan) {
         throw HttpError(409, "this plan is no longer valid: make a new one");
     }
