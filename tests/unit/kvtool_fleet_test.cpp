@@ -226,6 +226,10 @@ TEST(FleetRun, FailuresStopNewStartsAndHarmlessOnesAreRetried) {
     EXPECT_EQ(flight.members[1].code, ExitCode::kLost);
     EXPECT_EQ(flight.members[1].progress.attempts, 3);
     EXPECT_EQ(flight.StateOf(2), State::kDone) << "it was started before the second failure";
+    Flight later;
+    later.request.retries = 1;
+    later.Fly({flight.members[1]});
+    EXPECT_EQ(later.members[0].progress.attempts, 5) << "each run has retries of its own";
     Flight strict;
     strict.request.jobs = 1;
     strict.request.maxFailures = 1;

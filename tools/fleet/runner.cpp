@@ -231,7 +231,8 @@ void Runner::Perform(size_t index) {
 }
 
 void Runner::ConcludeFailure(const Member& member, size_t index) {
-    if (MayRetry(member) && member.progress.attempts <= request_.retries) {
+    if (MayRetry(member) && retried_[index] < request_.retries) {
+        ++retried_[index];
         Queue(index, request_.retryPause);
         listener_->Line(
             index, "next attempt in " + std::to_string(request_.retryPause.count() / 1000) + " s");

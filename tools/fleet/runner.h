@@ -122,7 +122,9 @@ class Runner {
     std::deque<Waiting> waiting_;
     std::map<size_t, bool> canaries_;  // whether each was seen alive; empty: nobody has to wait
     std::set<size_t> underWay_;
-    size_t failures_ = 0;
+    std::map<size_t, int> retried_;  // further attempts in this run
+    std::set<size_t> refused_;       // when they were added
+    size_t failures_ = 0;            // without those that are still refused
     std::string stopped_;
     std::string journalTrouble_;
 };
