@@ -164,9 +164,9 @@ class Planner {
     size_t known_ = 0;  // members from the journal
 };
 
-// Refused before anything was tried.
+// Refused by this plan. What an earlier run refused has failed there, and is tried again.
 bool Refused(const Member& member) {
-    return member.code == ExitCode::kRefused && member.progress.attempts == 0;
+    return member.code == ExitCode::kRefused && member.progress.state == State::kPlanned;
 }
 
 }  // namespace
@@ -188,6 +188,9 @@ std::string Intention(const Member& member) {
     }
     if (Refused(member)) {
         return "it will not be upgraded: " + member.text;
+    }
+    if (progress.state == State::kFailed && member.code == ExitCode::kRefused) {
+        return "upgrade unless it is refused again: " + member.text;
     }
     if (progress.attempts > 0) {
         return "upgrade again: an earlier run ended while " +

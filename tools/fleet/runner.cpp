@@ -92,18 +92,29 @@ void Runner::Queue(size_t index, Millis pause) {
 }
 
 std::vector<Member>::iterator Runner::Known(const std::string& id) {
-    return std::find_if(members_.begin(), members_.end(),
-                        [&id](const Member& member) { return member.id == id; });
+    return std::find_if(members_.begin(), members_.end(), [&id](const Member& member) {
+        return member.id == id || member.mac == id;
+    });
 }
 
-void Runner::Add(Member member) {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    const size_t index = members_.size();
-    members_.push_back(std::move(member));
-    const Member& added = members_[index];
-    listener_->Changed(index, added);
-    if (NextFor(added.progress) != Next::kNothing) {
-        Queue(index, PauseBefore(added));
+void Runner::Add(Member added) {
+    const bool refused = added.code == ExitCode::kRefused;
+    const bool byThisRun = refused && added.progress.state == State::kPlanned;
+    size_t index = 0;
+    {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        index = members_.size();
+        members_.push_back(added);
+        listener_->Changed(index, added);
+        if (refused) {
+            refused_.insert(index);
+        }
+        if (!byThisRun && NextFor(added.progress) != Next::kNothing) {
+            Queue(index, PauseBefore(added));
+        }
+    }
+    if (byThisRun) {
+        Enter(index, &added, State::kFailed);
     }
 }
 
@@ -149,8 +160,7 @@ void Runner::ChooseCanaries() {
         std::count_if(members_.begin(), members_.end(),
                       [](const Member& member) { return member.progress.state == State::kDone; }));
     for (const Waiting& waiting : waiting_) {
-        const Member& member = members_[waiting.member];
-        const bool fit = member.code != ExitCode::kRefused || member.progress.attempts > 0;
+        const bool fit = refused_.count(waiting.member) == 0;
         if (done + canaries_.size() < request_.canaries && fit) {
             canaries_[waiting.member] = false;
         }
@@ -237,6 +247,9 @@ void Runner::ConcludeFailure(const Member& member, size_t index) {
         listener_->Line(
             index, "next attempt in " + std::to_string(request_.retryPause.count() / 1000) + " s");
         return;
+    }
+    if (member.code == ExitCode::kRefused && refused_.count(index) != 0) {
+        return;  // the plan said so
     }
     ++failures_;
     if (canaries_.count(index) != 0) {

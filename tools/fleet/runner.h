@@ -23,9 +23,11 @@ struct RunRequest {
     std::string ic;        // its chip type
     std::string sensor;
     size_t jobs = 1;
-    size_t canaries = 0;     // number of devices to see alive before the others start
-    size_t maxFailures = 0;  // number of failures after which no more start; 0: no limit
-    int retries = 0;         // further attempts at a device that has not accepted anything
+    size_t canaries = 0;  // number of devices to see alive before the others start
+    // Number of failures after which no more start; 0: no limit. Devices that were refused before
+    // the run do not count while they stay refused.
+    size_t maxFailures = 0;
+    int retries = 0;  // further attempts of this run at a device that accepted nothing
     Millis retryPause{5000};
     UpgradeTimes times;
     DiscoveryRequest discovery;         // how to search for a device
@@ -61,9 +63,11 @@ class Runner {
     Runner(const RunRequest& request, Journal* journal, RunListener* listener)
         : request_(request), journal_(journal), listener_(listener) {}
 
-    // Adds a device to upgrade. A device of an earlier run continues where that run left it. Each
-    // device is added once. May be called on any thread, before Run or during it.
-    void Add(Member member);
+    // Adds a device to upgrade. A device of an earlier run continues where that run left it, also
+    // if that run refused it. A device that the plan of this run refuses fails at once. Each device
+    // is added once. May be called on any thread, before Run or during it. Blocks until the journal
+    // has the failure.
+    void Add(Member added);
     // Makes another attempt at a device that has failed without accepting anything, at this
     // address. Does nothing in other states. May be called on any thread.
     void TryAgain(const std::string& id, const std::string& address);
