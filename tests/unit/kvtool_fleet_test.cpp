@@ -6,6 +6,8 @@
 #include "tests/support/fake_camera.h"
 #include "tests/support/surroundings.h"
 #include "tools/device/device_lock.h"
+#include "tools/fleet/plan.h"
+#include "tools/fleet/report.h"
 #include "tools/fleet/runner.h"
 
 namespace {
@@ -262,6 +264,73 @@ TEST(FleetRun, FailuresStopNewStartsAndHarmlessOnesAreRetried) {
     resumed.Fly({left.at(1)});
     EXPECT_EQ(resumed.members[0].code, ExitCode::kBackInRecovery) << resumed.members[0].text;
     EXPECT_EQ(resumed.members[0].progress.attempts, 1);
+}
+
+// A device that the plan refuses is a failure that the user has agreed to. A later run looks again.
+TEST(FleetRun, RefusedDevicesStopNothingAndAreTriedAgain) {
+    Camera refused(1);
+    Camera good(2);
+    Member planned = MemberOf(refused);
+    planned.code = ExitCode::kRefused;
+    planned.text = "two devices name its MAC address";
+    Flight flight;
+    flight.request.jobs = 1;
+    flight.request.maxFailures = 1;
+    flight.Fly({planned, MemberOf(good)});
+    EXPECT_EQ(flight.StateOf(1), State::kDone) << flight.stopped;
+    const Member left = ReadJournal(flight.path).members.at(0);
+    EXPECT_EQ(left.progress.state, State::kFailed);
+    EXPECT_FALSE(WillStart(planned));
+    EXPECT_TRUE(WillStart(left)) << Intention(left);
+    EXPECT_EQ(Intention(left), "upgrade unless it is refused again: " + planned.text);
+    Flight others;
+    others.request.matcher = kvtool::Matcher({"firmware=other"});
+    Member unseen;
+    unseen.id = refused.address;
+    Camera third(3);
+    others.Fly({left, unseen, MemberOf(third)});
+    EXPECT_TRUE(Contains(others.members[0].text, "--match")) << others.members[0].text;
+    EXPECT_TRUE(Contains(others.members[1].text, "--match")) << others.members[1].text;
+    EXPECT_EQ(refused.device.Accepted(), 0);
+    EXPECT_EQ(others.StateOf(2), State::kDone) << "the plan has judged it";
+    Flight resumed;
+    resumed.Fly({left});
+    EXPECT_EQ(resumed.StateOf(0), State::kDone) << resumed.members[0].text;
+}
+
+// A name whose own search was missed, and the same device as the search among all found it.
+TEST(FleetRun, ADeviceWithTwoNamesIsUpgradedOnce) {
+    kv_test::RequireSandbox();
+    (void)kv_test::Shell(
+        "ip link add lan type veth peer name far && ip addr add 10.9.0.1/24 brd + dev lan && "
+        "ip link set lan up && ip link set far up");
+    Flight flight;
+    PlanRequest request;
+    request.all = true;
+    request.hosts = {"10.9.0.1"};
+    request.discovery = flight.request.discovery;
+    request.times.ask = Millis(0);
+    {
+        const fake::Responder responder(
+            "10.9.0.1", 6789,
+            kv_test::ExpectedReply({"10.9.0.1", "255.255.255.0", "", "", fake::MacOf(9)}));
+        const Plan plan = MakePlan(request, {});
+        EXPECT_EQ(plan.members.size(), 1U);
+        EXPECT_EQ(plan.members.at(0).id, fake::MacOf(9));
+    }
+    (void)kv_test::Shell("ip link del lan");
+
+    Camera camera(1);
+    Member unseen;
+    unseen.id = camera.address;
+    flight.request.jobs = 1;
+    flight.Fly({unseen, MemberOf(camera)});
+    EXPECT_TRUE(Contains(flight.members[0].text, "in this run already")) << flight.members[0].text;
+    EXPECT_EQ(flight.StateOf(1), State::kDone) << flight.members[1].text;
+    EXPECT_EQ(camera.device.Accepted(), 1);
+    Flight alone;
+    alone.Fly({unseen});
+    EXPECT_EQ(alone.members[0].mac, camera.mac) << alone.members[0].text;
 }
 
 TEST(FleetRun, InterruptsFinishOrLeave) {

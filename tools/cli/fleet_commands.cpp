@@ -224,6 +224,7 @@ ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layou
     RunRequest request = RequestOf(command, package, flight);
     request.canaries = command.canaries;
     request.maxFailures = command.maxFailures;
+    request.matcher = matcher;
     Runner runner(request, &journal, &view);
     for (const Member& member : plan.members) {
         runner.Add(member);

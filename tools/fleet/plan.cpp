@@ -79,9 +79,26 @@ class Planner {
             if (!result.devices.empty()) {
                 return std::move(result.devices.front());
             }
+            return HeardFrom(host);
         } catch (const ToolError& error) {
             if (error.Code() != ExitCode::kUnreachable) {
                 throw;
+            }
+        }
+        return std::nullopt;
+    }
+
+    // A device that missed the search for it alone may have answered the broadcast.
+    std::optional<FoundDevice> HeardFrom(const std::string& host) const {
+        if (found_.devices.empty()) {
+            return std::nullopt;
+        }
+        for (const Endpoint& endpoint : Resolve(host, 0)) {
+            for (const FoundDevice& device : found_.devices) {
+                const auto& senders = device.senders;
+                if (std::find(senders.begin(), senders.end(), endpoint.host) != senders.end()) {
+                    return device;
+                }
             }
         }
         return std::nullopt;

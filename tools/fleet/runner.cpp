@@ -76,6 +76,17 @@ void Runner::Settle(size_t index, const Member& member) {
     members_.at(index) = member;
 }
 
+bool Runner::Claim(size_t index, const std::string& mac) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto known = Known(mac);
+    const bool free =
+        known == members_.end() || known == members_.begin() + static_cast<ptrdiff_t>(index);
+    if (free) {
+        members_.at(index).mac = mac;
+    }
+    return free;
+}
+
 // A device whose upload was cut off still reads the bytes that had arrived. It would take them for
 // the first bytes of the next upload.
 Millis Runner::PauseBefore(const Member& member) const {
@@ -225,12 +236,6 @@ void Runner::Perform(size_t index) {
     {
         const std::lock_guard<std::mutex> guard(mutex_);
         member = members_[index];
-    }
-    const bool refused = member.code == ExitCode::kRefused && member.progress.attempts == 0 &&
-                         member.progress.state == State::kPlanned;
-    if (refused) {
-        Enter(index, &member, State::kFailed);
-        return;
     }
     Attempt attempt(this, index, member);
     if (NextFor(member.progress) == Next::kLook) {

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/device/discovery_client.h"
+#include "tools/device/match.h"
 #include "tools/device/upgrade_session.h"
 #include "tools/fleet/journal.h"
 
@@ -37,6 +37,8 @@ struct RunRequest {
     bool keepOpen = false;              // wait for more devices until `startNothing` is raised
     const Interrupt& startNothing;      // once raised, no upgrade starts; those under way continue
     const Interrupt& stopNow;           // once raised, upgrades under way are abandoned
+    // For a device that the plan has not seen, or that was refused, once it is there.
+    Matcher matcher{};
 };
 
 // Called from several threads, one at a time. `member` counts from 0 in the order of Add and
@@ -112,6 +114,8 @@ class Runner {
 
     // An attempt enters a state. Writes the journal first, then tells the listener.
     void Enter(size_t index, Member* member, State state);
+    // The MAC address of this member is now known. Returns false if another member has it.
+    bool Claim(size_t index, const std::string& mac);
     // The device has certainly not accepted. The journal does not record that, so a later run looks
     // again.
     void Settle(size_t index, const Member& member);

@@ -26,8 +26,9 @@ double SecondsNow() {
 }
 
 const Member* FindMember(const std::vector<Member>& members, const std::string& id) {
-    const auto found = std::find_if(members.begin(), members.end(),
-                                    [&id](const Member& member) { return member.id == id; });
+    const auto found = std::find_if(members.begin(), members.end(), [&id](const Member& member) {
+        return member.id == id || member.mac == id;
+    });
     return found == members.end() ? nullptr : &*found;
 }
 
