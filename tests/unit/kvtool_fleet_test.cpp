@@ -152,6 +152,26 @@ TEST(FleetJournal, ATornLineIsIgnoredAndADamagedOneIsRefused) {
     EXPECT_THROW((void)ReadJournal(folder.Path()), ToolError) << "a folder";
 }
 
+TEST(FleetJournal, ItsTextsReachATerminalEscaped) {
+    const kv_test::Folder folder;
+    Member member;
+    member.id = member.address = "\x1b[31m";
+    member.code = ExitCode::kRefused;
+    member.text = "\x1b[2J\u202e";
+    Journal::Open(folder.Path("j")).WriteRun(1, {"a.FLS", 7, "\x1bmd5"}, {member});
+    const JournalContents contents = ReadJournal(folder.Path("j"));
+    std::ostringstream out;
+    WriteTable(out, contents, 0);
+    WriteTroubles(out, contents.members);
+    WriteCsv(out, contents);
+    out << Intention(contents.members.at(0));
+    EXPECT_TRUE(kv_test::InOrder(out.str(), {"\\x1Bmd5", "\\x1B[31m  \\x1B[31m", "\\x1B[2J"}));
+    EXPECT_EQ(out.str().find(0x1b), std::string::npos) << out.str();
+    for (const char* const time : {"2026-11-25T21:12:19.123Z", "2026-11-25T21:12:19.999Z"}) {
+        EXPECT_EQ(TimeText(ParseTime(time).value_or(0)), time);
+    }
+}
+
 // However often somebody asks for another attempt at a device that has failed, there is one at a
 // time, and none once the device is done.
 TEST(FleetRun, OneAttemptAtATimeAtADevice) {
