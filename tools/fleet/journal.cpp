@@ -316,9 +316,11 @@ Journal Journal::Open(const std::string& path) {
 Journal Journal::Continue(const std::string& path, const JournalContents& read) {
     Journal journal = Open(path);
     if (journal.size_ != read.whole) {
-        throw ToolError(ExitCode::kBusy,
-                        "another process has written the journal " + Printable(path) +
-                            " since it was read; nothing was sent: start again with --resume");
+        throw ToolError(
+            ExitCode::kBusy,
+            "another process has written the journal " + Printable(path) +
+                " since it was read; nothing was sent; start again (fleet upgrade: with "
+                "--resume)");
     }
     return journal;
 }
