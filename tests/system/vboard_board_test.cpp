@@ -143,12 +143,12 @@ TEST_F(Vboard, AnAcceleratedClockAppliesToTheWholeBoardAndTheLastBootEndsTheRunn
     EXPECT_TRUE(Contains(board_.Do({"status"}), "boot 1, clock 10 times as fast ("));
     // The clock applies to a command on the board and to the processes that it starts.
     const auto before = Clock::now();
-    EXPECT_EQ(OnBoard("sleep 10; sh -c 'sleep 10'"), "");
-    EXPECT_LT(SecondsSince(before), 8);
-    EXPECT_GE(SecondsSince(before), 2);
+    EXPECT_EQ(OnBoard("sleep 6; sh -c 'sleep 6'"), "");
+    EXPECT_LT(SecondsSince(before), 6);
+    EXPECT_GE(SecondsSince(before), 1.2);
     // Two boots of 60 s each.
     EXPECT_EQ(board_.Await(), 0);
-    EXPECT_LT(SecondsSince(before), 40);
+    EXPECT_LT(SecondsSince(before), 90);
     double armed = 0;
     for (const auto& operation : board_.Operations()) {
         const double at = operation.at("board");
@@ -156,7 +156,7 @@ TEST_F(Vboard, AnAcceleratedClockAppliesToTheWholeBoardAndTheLastBootEndsTheRunn
             armed = at;
         } else if (operation.at("op") == "starved") {
             EXPECT_GE(at - armed, 59);
-            EXPECT_LT(at - armed, 80);
+            EXPECT_LT(at - armed, 300);
         }
     }
     EXPECT_NE(armed, 0);
