@@ -20,7 +20,7 @@ arm: ## Build the device program for ARM into build/arm: dynamic, static, musl (
 	@TRUSTED_KEY="$(TRUSTED_KEY)" scripts/build_arm.sh
 
 kvtool-static: ## Build kvtool as one file for any Linux on this machine's architecture, into build/kvtool-static/bin
-	@scripts/setup.sh build
+	@scripts/setup.sh build vboard
 	@scripts/build.sh kvtool-static
 	@scripts/check_static.sh
 
@@ -60,7 +60,7 @@ demo-page: build ## Upgrade five virtual cameras in your browser, until Ctrl-C (
 	@scripts/demo_page.sh
 
 bench-page: build ## Measure the page's server with 500 devices, 20 upgrades under way and two open pages (two minutes)
-	@scripts/setup.sh scripts
+	@scripts/setup.sh vboard scripts
 	@scripts/bench_page.py
 
 bench-fleet: build ## Measure upgrades of 1, 5 and 20 boards that share one Wi-Fi channel (5 minutes)

@@ -38,8 +38,9 @@ print("%3s boards, %3s jobs: %6.1f s; bytes over rate %5.1f s%s; kvtool %.2f s o
       (boards, jobs, wall, air, ", a single board %s s" % single if single else "",
        usage.ru_utime + usage.ru_stime, usage.ru_maxrss / 1024, code), flush=True)
 open(journal + ".wall", "w").write("%.1f" % wall)
+sys.exit(code)
 PYTHON
-    [ -n "$single" ] || single=$(cat "$work/journal.$1.$2.wall")
+    [ "$1" != 1 ] || single=$(cat "$work/journal.$1.$2.wall")
     close_site
 }
 

@@ -178,4 +178,7 @@ if __name__ == "__main__":
     if os.environ.get("KV_BENCH_PAGE") is None:
         os.execvpe("unshare", ["unshare", "--user", "--map-root-user", "--net", sys.executable, *sys.argv],
                    {**os.environ, "KV_BENCH_PAGE": "inside"})
-    sys.exit(asyncio.run(main(int(sys.argv[1]) if len(sys.argv) > 1 else 20)))
+    try:
+        sys.exit(asyncio.run(main(int(sys.argv[1]) if len(sys.argv) > 1 else 20)))
+    except KeyboardInterrupt:
+        sys.exit(130)

@@ -20,6 +20,7 @@ check_archives() { # MAP
 suffix=
 if [ -n "${TRUSTED_KEY:-}" ]; then
     suffix=-signed
+    key=$(realpath -e "$TRUSTED_KEY")
     [ $# -gt 0 ] || set -- dynamic static
 fi
 [ $# -gt 0 ] || set -- dynamic static musl
@@ -35,7 +36,7 @@ for kind in "$@"; do
     # CMake calls these scripts only when it configures.
     if [ "$kind" = musl ]; then sysroot=$(scripts/musl_sysroot.sh); else sysroot=$(scripts/arm_sysroot.sh); fi
     if [ -n "$suffix" ]; then
-        cmake --preset "$preset" -B "build/$preset$suffix" "-DKV_TRUSTED_KEY=$(realpath "$TRUSTED_KEY")" \
+        cmake --preset "$preset" -B "build/$preset$suffix" "-DKV_TRUSTED_KEY=$key" \
             "-DSodium_INCLUDE_DIR=$sodium/include" "-DSodium_LIBRARY=$sodium/lib/libsodium.a" \
             "-DSodium_ARCHIVE=$sodium/lib/libsodium.a"
         cmake --build "build/$preset$suffix" --target upgradeMain

@@ -157,10 +157,10 @@ KCONFIG_WARN_UNDEF=y /usr/bin/python3 -c "$parse" "$work/openwrt.in" ||
     die "the parser warns about OpenWrt's menu"
 
 # The fragment has each command of busybox that the scripts run on a board.
+scripts=$(sed -E 's/(^|[[:space:]])#.*//' packaging/scripts/*.sh packaging/init/S50upgrademain)
 for command in $(busybox --list | grep -v '\['); do
     name=${command^^}
-    if sed -E 's/(^|[[:space:]])#.*//' packaging/scripts/*.sh packaging/init/S50upgrademain |
-        grep -qE "(^|[;|&({!]|then|do|else) *$command( |$)"; then
+    if grep -qE "(^|[;|&({!]|then|do|else) *$command( |$)" <<<"$scripts"; then
         grep -qx "CONFIG_${name//-/_}=y" $recipe/package/upgrademain/busybox.fragment ||
             die "busybox.fragment lacks $command"
     fi

@@ -5,6 +5,8 @@
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
+# An ordinary user's PATH may lack the folder of chroot and ip.
+PATH=$PATH:/usr/sbin:/sbin
 if ! unshare -rn true 2>/dev/null; then
     echo "SKIPPED: this host allows no namespaces; the static kvtool was not tested in an empty system" >&2
     exit 0

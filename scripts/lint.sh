@@ -26,9 +26,13 @@ scripts/code_share.py "$tests_ceiling"
 # clang's -Wconversion includes sign conversions; GCC's does not.
 echo "lint: clang-tidy"
 tidy() { # BUILD: checks the files named on standard input, compiled as in that build
-    xargs -P "$(nproc)" -n 2 clang-tidy -quiet -p "$1" --extra-arg=-Wno-sign-conversion 2>/dev/null
+    # Standard error has the numbers of suppressed warnings; after a failure it also has the reason.
+    xargs -P "$(nproc)" -n 2 clang-tidy -quiet -p "$1" --extra-arg=-Wno-sign-conversion 2>"$1/clang-tidy.log" || {
+        grep -v 'warnings\? generated' "$1/clang-tidy.log" >&2 || true
+        return 1
+    }
 }
-git ls-files '*.cpp' ':!tests/fuzz' | tidy build/dev
+git ls-files '*.cpp' ':!tests/fuzz' | tidy build/dev || exit 1
 [ -f build/fuzz/build.ninja ] || cmake --preset fuzz >/dev/null
-git ls-files 'tests/fuzz/*.cpp' | tidy build/fuzz
+git ls-files 'tests/fuzz/*.cpp' | tidy build/fuzz || exit 1
 echo "lint: clean"

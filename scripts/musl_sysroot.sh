@@ -101,7 +101,17 @@ exec 8>"$KV_CACHE/musl-lock"
 flock 8
 wanted=$(contents)
 if [ "$wanted" != "$(cat "$sysroot/.contents" 2>/dev/null)" ]; then
-    trap 'echo "musl_sysroot: failed; the log is $log" >&2' ERR
-    fill "$wanted" 3>&2 >"$log" 2>&1
+    # Within a condition the shell would go on after a failed command.
+    set +e
+    (
+        set -e
+        fill "$wanted"
+    ) 3>&2 >"$log" 2>&1
+    status=$?
+    set -e
+    [ $status -eq 0 ] || {
+        echo "musl_sysroot: failed; the log is $log" >&2
+        exit 1
+    }
 fi
 echo "$sysroot"

@@ -57,7 +57,7 @@ elif [ "$(id -u)" != 0 ]; then
         echo "setup: not root, and no sudo; please have these packages installed: ${failures[*]}" >&2
         exit 1
     }
-    as_root=(sudo)
+    as_root=(sudo env DEBIAN_FRONTEND=noninteractive)
 fi
 
 echo "setup: installing ${packages[*]}"

@@ -50,7 +50,8 @@ enum class Runner { kBoard, kSite };
 
 class ControlClient {
   public:
-    // Throws when no such runner is running with the state folder.
+    // Throws when no runner is running with the state folder. `runner` is for messages only: it
+    // does not check which kind answers.
     explicit ControlClient(const StateDir& state, Runner runner = Runner::kBoard);
 
     // Returns the reply, without "ok", or throws its error. Blocks until the runner answers.

@@ -70,7 +70,7 @@ class Board:
         """Limits what the bench sends to the board, or takes the limit away again."""
         words = ["add", "dev", "lan0", "root", "tbf", "rate", rate, "burst", "64kb", "latency", "50ms"] if rate else \
                 ["del", "dev", "lan0", "root"]
-        self.do("exec", "--", "tc", "qdisc", *words)
+        self.do("exec", "--", "/sbin/tc", "qdisc", *words)
 
 
 def await_value(get, timeout=TIMEOUT):

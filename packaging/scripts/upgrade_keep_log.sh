@@ -240,10 +240,17 @@ run() { # OUTPUT
     save 0
 }
 
-# Runs the keeper until `stop`, and again if it ends.
+# Runs the keeper until `stop`, and again if it ends. Ends an earlier one: two would save every line twice.
 start() { # OUTPUT
     prepare || return 1
+    earlier=$(cat "$ram/run.pid" 2>/dev/null)
+    stop
     (
+        tries=30
+        while [ -n "$earlier" ] && [ $tries -gt 0 ] && kill -0 "$earlier" 2>/dev/null; do
+            sleep 1
+            tries=$((tries - 1))
+        done
         while :; do
             "$0" run "$1" &
             echo $! >"$ram/run.pid"
@@ -258,6 +265,8 @@ start() { # OUTPUT
 stop() {
     for name in start run; do
         pid=$(cat "$ram/$name.pid" 2>/dev/null) && kill -TERM "$pid" 2>/dev/null
+        # The number may be another process's when this runs again.
+        rm -f "$ram/$name.pid"
     done
     return 0
 }
@@ -266,6 +275,13 @@ stop() {
     echo "upgrade_keep_log.sh: KEEP_LOG names no folder" >&2
     exit 2
 }
+case $kind in
+    flash | ram) ;;
+    *)
+        echo "upgrade_keep_log.sh: KEEP_KIND is neither flash nor ram: $kind" >&2
+        exit 2
+        ;;
+esac
 case "${1:-}" in
     start | run) "$1" "${2:-}" ;;
     prepare) prepare ;;

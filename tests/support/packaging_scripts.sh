@@ -97,6 +97,10 @@ KEEP_KIND=ram
 export KEEP_KIND
 : >/tmp/copy
 busy $keeper start /tmp/copy >/dev/null
+await test -s /tmp/keep_ram/run.pid || die "the keeper does not run"
+# The second one takes over.
+busy $keeper start /tmp/copy >/dev/null
+await test -s /tmp/keep_ram/run.pid || die "the second keeper does not run"
 for round in 1 2 3 4; do
     print 1500 "round $round"
     await is_kept 000006- "01500 round $round" || die "round $round is not kept"
@@ -112,6 +116,7 @@ kill -9 "$(cat /tmp/keep_ram/start.pid)" "$(cat /tmp/keep_ram/run.pid)"
 timeout 10 sh -c 'seq 100000 >>/tmp/keep_ram/feed; echo "$?" >/tmp/printed' 2>/dev/null || die "printing blocks"
 [ "$(cat /tmp/printed)" = 1 ] || die "the RAM disk has no limit"
 new_boot
+if KEEP_KIND="flash # or ram" busy $keeper start /tmp/copy 2>/dev/null; then die "any kind is taken"; fi
 unset KEEP_LOG KEEP_RAM KEEP_BUDGET KEEP_KIND
 
 # Preparation: without a button line it does the rest and then fails. With one it sets up everything, even when it runs

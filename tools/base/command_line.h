@@ -8,8 +8,8 @@
 namespace kvtool {
 
 // Parses the arguments, and runs the callback of the command if it has one. Returns nothing if the
-// arguments are right. Otherwise it has printed help or an error, and returns 0 after --help or a
-// status above 100 after a usage error.
+// arguments are right. Otherwise it has printed help, the version or an error, and returns 0 after
+// --help or --version, or a status above 100 after a usage error.
 // The error for an unknown command names the one that was probably meant.
 std::optional<int> ParseCommandLine(CLI::App* app, int argc, char** argv);
 

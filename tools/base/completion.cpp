@@ -41,7 +41,7 @@ Argument Describe(const CLI::Option& option) {
     argument.text = option.get_description();
     const std::string type = option.get_type_name();
     argument.type = type.substr(0, type.find(':'));
-    // An optional value is never the next word.
+    // The script does not take the next word for an optional value.
     argument.takesValue = option.get_items_expected_min() > 0;
     argument.repeats = option.get_items_expected_max() > 1;
     const size_t open = type.find('{');

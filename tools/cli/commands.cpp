@@ -65,7 +65,8 @@ bool MayAppearLater(ExitCode code) {
            code == ExitCode::kLost || code == ExitCode::kBadReply;
 }
 
-// Tries until a login succeeds or time is up. Prints each new reason once.
+// Tries until a login succeeds or time is up. Prints why an attempt failed, unless the one before
+// failed for the same reason.
 OpenDevice WaitForDevice(const UpgradeCommand& command, UpgradeListener* listener,
                          UpgradeRecord* record, Json* json) {
     const Clock::time_point start = Clock::now();

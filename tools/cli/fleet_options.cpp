@@ -80,7 +80,7 @@ void AddFleetWatch(CLI::App* fleet, Chosen* chosen) {
     CLI::App* app =
         fleet->add_subcommand("watch", "Upgrade each device that appears and is not done yet");
     AddCommon(app, &options->command, &options->layout, chosen);
-    app->get_option("--journal")->required();
+    app->get_option("--journal")->required()->description("Journal, continued or created");
     app->callback([options, chosen] {
         chosen->run = [options, chosen](Json* json) {
             options->command.json = options->command.package.json = chosen->json;

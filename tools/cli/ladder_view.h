@@ -7,7 +7,8 @@
 
 namespace kvtool {
 
-// Lines of at most `width` characters, at least 60. `margins`: also what --what-if shows.
+// Cuts the bands, the events and the notes to `width` characters, at least 60. Other lines may be
+// longer. `margins`: also what --what-if shows.
 void PrintTimeline(std::ostream& out, const ladder::Timeline& timeline, bool margins, size_t width);
 
 }  // namespace kvtool

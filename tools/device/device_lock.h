@@ -8,8 +8,8 @@
 namespace kvtool {
 
 // Held until the object is destroyed or the process ends in any way. The lock is advisory and works
-// among the processes of one user in one network namespace. The files are in
-// $XDG_RUNTIME_DIR/kvtool, or in /tmp/kvtool-UID without that variable.
+// among the processes of one user in one network namespace that use the same folder. The files are
+// in $XDG_RUNTIME_DIR/kvtool, or in /tmp/kvtool-UID without that variable.
 class DeviceLock {
   public:
     // `mac` as in "AA:BB:CC:DD:EE:FF". Does not wait. Throws ToolError(kBusy), which names the

@@ -18,8 +18,8 @@ struct UpgradeTimes {
     Millis reply{5000};
     // Pause after the request, because the device must read its 32 bytes alone.
     Millis headerGap{300};
-    // Until this time after the request only a first piece is sent. The device does not read it
-    // earlier anyway, and a busy device says so when it reads its first bytes.
+    // Until this time after the request only a first piece is sent. The device reads nothing in the
+    // first 1.1 s anyway, and a busy device says so when it reads its first bytes.
     Millis firstLook{1500};
     Millis stall{25000};   // longest time in which the device acknowledges no byte
     Millis verify{60000};  // from the last byte to the verdict
@@ -76,7 +76,8 @@ class UpgradeListener {
   public:
     virtual ~UpgradeListener() = default;
     virtual void Line(const std::string& text) = 0;
-    // About every 100 ms during the upload, even while the device acknowledges nothing.
+    // About every 100 ms during the upload, even while the device acknowledges nothing, but not
+    // during the pauses at its beginning (headerGap, firstLook).
     virtual void Progress(const UploadProgress& progress) = 0;
     // Called before the step begins. An exception from it ends the upgrade there.
     virtual void Before(UpgradeStep step) { (void)step; }

@@ -18,7 +18,7 @@ namespace kvtool::fleet {
 
 // A device of the fleet, as planned and then kept up to date.
 struct Member {
-    std::string id;        // its MAC address, or its name as given until that is known
+    std::string id;        // its MAC address, or its name as given if the plan's search missed it
     std::string mac;       // empty: not known
     std::string address;   // where it was seen last; empty: never seen
     std::string firmware;  // before the upgrade
@@ -55,7 +55,8 @@ struct JournalContents {
 };
 
 // The contents have no run if the first run ended before it had written its first line. Throws
-// ToolError(kRefused) if the file is not a journal, or is damaged anywhere but in its last line.
+// ToolError(kRefused) if the file cannot be read, is not a journal, or is damaged anywhere but in
+// its last line.
 JournalContents ReadJournal(const std::string& path);
 
 // Gets each line once it has been written, on the thread that wrote it and under the journal's
@@ -70,8 +71,9 @@ class JournalWatcher {
 // ToolError(kInternal) and leaves the file as it was. May be called on any thread.
 class Journal {
   public:
-    // Creates the file, or opens it and removes an incomplete last line. Throws ToolError(kBusy)
-    // while another process is writing the journal.
+    // Creates the file, or opens it and removes an incomplete last line. Throws ToolError: kBusy
+    // while another process is writing the journal, kRefused as ReadJournal does, kInternal if the
+    // file cannot be opened.
     static Journal Open(const std::string& path);
     Journal(Journal&& other) noexcept
         : path_(std::move(other.path_)), fd_(std::move(other.fd_)), size_(other.size_) {}

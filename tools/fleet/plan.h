@@ -30,8 +30,9 @@ struct Plan {
 };
 
 // Searches, then logs in to each device found and compares its chip and sensor type with the
-// package's. Sends nothing else. Blocks for the time of one search and some seconds. `members` are
-// the devices of a journal. MakePlan asks them nothing and puts them first in the plan.
+// package's. Sends nothing else. Blocks for the time of one search. Then it asks 32 devices at a
+// time; each that stays silent takes the time-outs for connection and answer. `members` are the
+// devices of a journal. MakePlan asks them nothing and puts them first in the plan.
 // Throws ToolError(kUnreachable) if no search is possible.
 Plan MakePlan(const PlanRequest& request, std::vector<Member> members);
 

@@ -34,7 +34,7 @@ void WriteTroubles(std::ostream& out, const std::vector<Member>& members);
 Json MemberJson(const Member& member);
 Json MembersJson(const std::vector<Member>& members);
 Json PackageNameJson(const PackageName& package);
-// The keys `package`, `runs` and `devices`.
+// The keys `package`, `runs`, `torn` and `devices`.
 Json ReportJson(const JournalContents& journal);
 
 }  // namespace kvtool::fleet

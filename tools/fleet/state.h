@@ -11,7 +11,7 @@ enum class State {
     kUploading,   // about to send the package
     kFinishing,   // about to send the trailer; from now on the device may accept
     kAccepted,    // the device has accepted and continues by itself
-    kLooking,     // about to look at a device that an earlier run left in doubt
+    kLooking,     // about to look at a device that has accepted or may have, in an earlier run
     kDone,        // seen alive
     kFailed,
 };

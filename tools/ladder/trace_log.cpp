@@ -1,7 +1,7 @@
 // Reads the supervisor's trace, with or without its console output, colours and line ends of a
-// serial line. The trace shows one heartbeat out of four, but it has a line for every check that
-// finds silence, and that line tells the time of the last heartbeat. So between two heartbeats
-// without such a line there was no silence.
+// serial line. The trace shows the heartbeats of one second out of four, but it has a line for each
+// check that finds silence, and that line tells the time of the last heartbeat. So between two
+// heartbeats without such a line there was no silence.
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -20,7 +20,8 @@ namespace {
 constexpr Ms kSecond = 1000;
 constexpr Ms kCheckPeriod = kMonitorCheckPeriodMs;
 constexpr int kSequences = 100;
-// A supervisor at work traces something at least this often, or its watchdog resets the device.
+// A longer pause counts as a change of the clock. With a heartbeat every second, and in a silence,
+// the monitor traces something at least every 4 s.
 constexpr int64_t kLongestPause = kv::kWatchdogTimeoutSeconds;
 
 // The log keeper's line before each boot (packaging/scripts/upgrade_keep_log.sh).

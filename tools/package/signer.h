@@ -9,8 +9,9 @@
 namespace kvtool {
 
 // Signs a package that was built with room for a signature and writes the signature into it. `key`
-// is a secret key file of minisign. Blocks while minisign asks for a password. Throws ToolError:
-// kRefused if minisign cannot sign with the key, kInternal if minisign is missing.
+// is a secret key file of minisign. Blocks while minisign asks for a password, at most 10 minutes.
+// Throws ToolError: kRefused if minisign cannot sign with the key or gets no password in that time,
+// kInternal if minisign is missing, kInterrupted.
 void SignPackage(Bytes* package, const std::string& key);
 
 }  // namespace kvtool

@@ -20,8 +20,8 @@ std::string TimeNow() {
     return fleet::TimeText(static_cast<double>(time(nullptr)));
 }
 
-// The MAC address. Devices that share one are told apart by their addresses. A device without one
-// is known by its address alone.
+// The MAC address. Devices that share it, or an IP address, are told apart by both addresses. A
+// device without a MAC address is known by its IP address alone.
 std::string IdOf(const FoundDevice& device) {
     const std::string& mac = device.reply.mac;
     if (mac.empty()) {

@@ -15,7 +15,7 @@ class DeviceList {
   public:
     explicit DeviceList(Model* model) : model_(model) {}
 
-    // Takes a round of the watch. `time`: "2026-11-25T21:26:47Z".
+    // Takes a round of the watch. `time`: "2026-11-25T21:26:47.000Z".
     void Take(const WatchRound& round, const std::string& time);
 
     // The most devices in the list. Beyond it, those that have been gone longest are dropped first.

@@ -62,8 +62,9 @@ class HttpCall {
     // The decoded value, or an empty text.
     virtual std::string Query(std::string_view name) const = 0;
     virtual std::string_view Header(std::string_view name) const = 0;
-    // Gives the body piece by piece. Throws HttpError: 411 without a length, 413 beyond the limit,
-    // 400 if the client breaks off, 408 if it is silent for 30 s.
+    // Gives the body piece by piece. A request without a length has no body. Throws HttpError: 411
+    // for a chunked body, 413 beyond the limit, 400 if the client breaks off, 408 if it is silent
+    // for 30 s.
     using Take = std::function<void(const uint8_t* data, size_t size)>;
     virtual void ReadBody(uint64_t limit, const Take& take) = 0;
     std::string Body(size_t limit);

@@ -143,7 +143,7 @@ std::vector<Member> RunControl::KnownDevices(Which which, const PlanOptions& opt
         return known;
     }
     for (const std::string& device : options.devices) {
-        // "MAC@ADDRESS": several devices name this MAC address.
+        // "MAC@ADDRESS": another device has this MAC address or one of its IP addresses.
         const std::string id = device.substr(0, device.find('@'));
         const Member* const member = FitsJournal(options) ? FindMember(members_, id) : nullptr;
         if (member != nullptr) {

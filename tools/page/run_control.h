@@ -46,12 +46,13 @@ class RunControl {
     // Each makes a plan and returns it as JSON, after some seconds of searching: for the devices
     // that the request names; for those of the journal that are not done; for those that failed and
     // may be tried again. Throws HttpError: 400 for a request that makes no sense, 422 for a
-    // package that must not be sent.
+    // package that must not be sent. Throws ToolError(kUnreachable) if this PC cannot search.
     Json PlanFor(const Json& request);
     Json PlanResume(const Json& request);
     Json PlanRetry(const Json& request);
 
-    // Begins the plan with this number. Returns the run.
+    // Begins the plan with this number. Returns the run. Throws ToolError(kInternal) if the journal
+    // or the package cannot be written.
     Json Start(int plan);
     // Starts no more upgrades; those under way go on.
     void Stop();

@@ -23,7 +23,7 @@ struct UploadedPackage {  // NOLINT(bugprone-exception-escape)
     Bytes bytes;
     PackageReport report;
     bool trusted = false;  // signed by the trusted key, or there is none
-    Json json;             // PACKAGE of docs/kvtool-json.md
+    Json json;             // a package of docs/kvtool-json.md
 };
 using PackagePtr = std::shared_ptr<const UploadedPackage>;
 

@@ -40,12 +40,16 @@ const kGroups = {
 };
 // What to do after each exit code that `kvtool upgrade` would have had.
 const kAdvice = {
-  3: "Nothing was sent. Use the package for this model.",
+  3:
+    "Nothing was sent. If the types differ, use the package for this model. If two cameras share an address, " +
+    "separate them.",
   4: "Nothing was sent. Check that the camera is switched on, in recovery mode and in this network, then retry.",
-  5: "Switch the camera off and on. If this happens again, note its firmware and look at its log.",
+  5:
+    "If the whole package was sent, leave the camera switched on: it may be writing its flash. Otherwise switch it " +
+    "off and on. If this happens again, note its firmware and look at its log.",
   6: "The camera has flashed nothing and waits in recovery mode. Check the radio link, then retry.",
   7: "Wait until the other upgrade of this camera has ended, then retry.",
-  8: "The camera has probably rejected the package and restarts. Wait until it appears again before you retry.",
+  8: "The camera has probably rejected the package and restarts. Wait until it appears again, then look at it again.",
   9:
     "It may have been flashed. This is normal if the camera has no application; otherwise check its flash and its " +
     "application before you upgrade it again.",

@@ -241,7 +241,7 @@ class Upgrade:
         """Check mode: fails where an upgrade would be refused before anything is sent."""
         camera = self.result["before"]
         recovery = bool(camera and camera["recovery"])
-        if not recovery and self.params["wait"] is None:
+        if not recovery and not self.params["wait"]:
             self.fail(self.info)
         words = self.options(layout="--layout", trusted_key="--trusted-key", signature="--signature")
         if recovery and not self.params["force_identity"]:
