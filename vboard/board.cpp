@@ -116,7 +116,6 @@ void Board::StartBoot(const std::string& reason) {
     std::filesystem::remove(state_.RebootFault());
     cutReason_.clear();
     failure_.clear();
-    program_ = 0;
     programCode_ = -1;
     console_ = std::make_unique<Console>(&loop_, state_, number, options_.quiet);
     console_->Say("boot " + std::to_string(number) + ": " + reason);
@@ -269,6 +268,7 @@ std::string Board::ResetReason(int waitStatus) const {
 
 void Board::FinishBoot(int waitStatus) {
     init_ = -1;
+    program_ = 0;
     // Init's report of a failure may still be in the socket.
     while (failure_.empty() && cutReason_.empty()) {
         const auto message = ReceiveMessage(initSocket_.Get());
@@ -370,6 +370,7 @@ json Board::Brief() const {
             {"state", init_ < 0 ? "off" : (program_ > 0 ? "up" : "booting")},
             {"reason", reasons_.empty() ? "" : reasons_.back()},
             {"running", program_ > 0 && programCode_ < 0},
+            {"hasEth", !network_->EthAddress().empty()},
             {"ethAddress", init_ < 0 ? "" : AddressOf(init_, "eth0")},
             {"wlanAddress", init_ < 0 ? "" : AddressOf(init_, "wlan0")},
             {"stateDir", state_.Path()}};

@@ -86,8 +86,8 @@ class Board {
     pid_t init_ = -1;
     std::string cutReason_;  // why the power was cut; empty while it is on
     std::string failure_;    // what init reported before it failed
-    pid_t program_ = 0;      // its pid on the board, 0 before it is started
-    int programCode_ = -1;   // its exit code, -1 while it runs
+    pid_t program_ = 0;  // its pid on the board, 0 before it is started and while the board is off
+    int programCode_ = -1;  // its exit code, -1 while it runs
 
     std::vector<std::string> reasons_;  // of all boots, in order
     bool powered_ = true;               // false from a power cut until the power is on again

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
@@ -324,8 +325,12 @@ struct Cli {
     void Press(const StateDir& where) {
         std::istringstream words(sequence.empty() ? std::to_string(hold) : sequence);
         const std::vector<double> seconds{std::istream_iterator<double>(words), {}};
-        if (!words.eof() || seconds.empty() || seconds[0] <= 0) {
-            throw std::runtime_error("specify how long: --hold SECONDS or --sequence '3 0.5 9.5'");
+        const bool possible = std::all_of(seconds.begin(), seconds.end(), [](double duration) {
+            return duration >= 0 && duration <= vboard::kLongestPress;
+        });
+        if (!words.eof() || seconds.empty() || seconds[0] <= 0 || !possible) {
+            throw std::runtime_error(
+                "specify how long, 0 to 86400 s: --hold SECONDS or --sequence '3 0.5 9.5'");
         }
         vboard::Press(where, seconds);
     }

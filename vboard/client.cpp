@@ -75,6 +75,15 @@ json PowerFaultRequest(const FaultOptions& options) {
             {"step", options.after + options.inside}};
 }
 
+json BoardStatus(ControlClient* board, const StateDir& state) {
+    json status = board->Request({{"command", "status"}});
+    if (status.contains("boards")) {
+        throw std::runtime_error(state.Path().string() +
+                                 " is the state folder of a site, not of a board");
+    }
+    return status;
+}
+
 std::filesystem::path RequireFlash(const StateDir& state, const std::string& mtd) {
     std::filesystem::path file = state.Flash(mtd);
     if (!std::filesystem::exists(file)) {
@@ -87,7 +96,8 @@ std::filesystem::path RequireFlash(const StateDir& state, const std::string& mtd
 }  // namespace
 
 void ShowStatus(const StateDir& state, bool asJson) {
-    const json status = ControlClient(state).Request({{"command", "status"}});
+    ControlClient board(state);
+    const json status = BoardStatus(&board, state);
     if (asJson) {
         std::cout << status.dump(2) << '\n';
         return;
@@ -109,7 +119,7 @@ void ShowStatus(const StateDir& state, bool asJson) {
               << (program.at("running").get<bool>() ? "runs"
                   : program.contains("exitCode")
                       ? "ended, exit code " + std::to_string(program["exitCode"].get<int>())
-                      : "not started");
+                      : "does not run");
     const json& watchdog = status.at("watchdog");
     std::cout << "\nwatchdog: " << (watchdog.at("open").get<bool>() ? "open" : "closed");
     if (watchdog.at("armed").get<bool>()) {
@@ -165,23 +175,23 @@ void SetApplication(const StateDir& state, const std::string& mode, unsigned sec
 }
 
 void ReadFlash(const StateDir& state, const std::string& mtd, const std::string& file) {
-    WriteText(file, ReadText(RequireFlash(state, mtd)));
+    WriteText(file, ReadWholeFile(RequireFlash(state, mtd)));
 }
 
 void WriteFlash(const StateDir& state, const std::string& mtd, const std::string& file,
                 const std::string& layout, uint32_t eraseBlock) {
-    if (!std::filesystem::exists(file)) {
-        throw std::runtime_error("there is no file " + file);
+    const std::vector<PartitionConfig> partitions = ParseLayout(layout, eraseBlock, state);
+    const auto partition = std::find_if(partitions.begin(), partitions.end(),
+                                        [&](const PartitionConfig& p) { return p.name == mtd; });
+    if (partition == partitions.end()) {
+        throw std::runtime_error("there is no flash partition " + mtd);
     }
-    std::string image = ReadText(file);
+    std::string image = ReadWholeFile(file);
     const std::filesystem::path flash = state.Flash(mtd);
-    uint64_t size = 0;
+    uint64_t size = partition->size;
     if (std::filesystem::exists(flash)) {
         size = std::filesystem::file_size(flash);
     } else {
-        for (const PartitionConfig& partition : ParseLayout(layout, eraseBlock, state)) {
-            size = partition.name == mtd ? partition.size : size;
-        }
         std::filesystem::create_directories(flash.parent_path());
     }
     if (image.size() > size) {
@@ -220,7 +230,7 @@ void Press(const StateDir& state, const std::vector<double>& seconds) {
 void Reset(const StateDir& state) {
     ControlClient board(state);
     WaitOptions next;
-    next.boot = board.Request({{"command", "status"}}).at("boot").get<int>() + 1;
+    next.boot = BoardStatus(&board, state).at("boot").get<int>() + 1;
     (void)board.Request({{"command", "reset"}});
     WaitForLog(state, next);
 }
@@ -228,7 +238,7 @@ void Reset(const StateDir& state) {
 void SetPower(const StateDir& state, const std::string& action) {
     ControlClient board(state);
     WaitOptions change;
-    change.boot = board.Request({{"command", "status"}}).at("boot").get<int>();
+    change.boot = BoardStatus(&board, state).at("boot").get<int>();
     if (action == "on") {
         ++change.boot;
     } else {

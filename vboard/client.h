@@ -35,8 +35,9 @@ void ReadFlash(const StateDir& state, const std::string& mtd, const std::string&
 void WriteFlash(const StateDir& state, const std::string& mtd, const std::string& file,
                 const std::string& layout, uint32_t eraseBlock);
 
-// Presses and releases the button in turn, for the given seconds each. The button is released at
-// the end, and also when this process is killed.
+constexpr double kLongestPress = 86400;
+// Presses and releases the button in turn, for the given seconds each, 0 to kLongestPress. The
+// button is released at the end, and also when this process is killed.
 void Press(const StateDir& state, const std::vector<double>& seconds);
 
 // Cuts the power for a moment. Returns when the next boot has started its program.

@@ -190,12 +190,14 @@ void BenchNetwork::Attach(pid_t init) {
     if (!batch.empty()) {
         Ip(batch);
     }
+    attached_ = true;
 }
 
 void BenchNetwork::Detach() {
     // The kernel also removes them some time after the board's end. Either may come first; this way
     // there is no need to wait.
     IpQuietly("link del lan0p\nlink del ap0p\n");
+    attached_ = false;
 }
 
 void BenchNetwork::RequireWifi() const {
@@ -207,8 +209,10 @@ void BenchNetwork::RequireWifi() const {
 void BenchNetwork::AccessPoint(const std::string& action) {
     RequireWifi();
     if (action == "up" || action == "down") {
+        if (attached_) {
+            Ip("link set ap0p " + action + "\n");
+        }
         carrier_ = action == "up";
-        Ip("link set ap0p " + action + "\n");
     } else if (action == "mute" || action == "unmute") {
         // With only the bridge down, the carrier stays up and nothing answers.
         muted_ = action == "mute";

@@ -36,7 +36,8 @@ class BoardNetwork {
     // Removes the interfaces. The board must be gone.
     virtual void Detach() = 0;
 
-    // "up", "down", "mute", "unmute", "dhcp", "no-dhcp".
+    // "up", "down", "mute", "unmute", "dhcp", "no-dhcp". Between Detach and Attach the state of the
+    // board's cable is only remembered, for Attach.
     virtual void AccessPoint(const std::string& action) = 0;
     // Sets the board's wlan0 up or down.
     virtual void WlanLink(pid_t init, bool up) = 0;
@@ -90,6 +91,7 @@ class BenchNetwork : public BoardNetwork {
 
     NetworkConfig config_;
     DhcpServer dhcp_;
+    bool attached_ = false;
     bool carrier_ = true;
     bool muted_ = false;
 };

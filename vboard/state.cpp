@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <fstream>
 #include <sstream>
 
@@ -67,7 +68,7 @@ UniqueFd StateDir::Lock() const {
         throw SysError("cannot open the lock of the state folder " + path_.string());
     }
     if (flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
-        throw std::runtime_error("another board is running with the state folder " +
+        throw std::runtime_error("another board or site is running with the state folder " +
                                  path_.string());
     }
     return lock;
@@ -154,6 +155,22 @@ std::string ReadText(const fs::path& file) {
     std::ostringstream text;
     text << stream.rdbuf();
     return text.str();
+}
+
+std::string ReadWholeFile(const fs::path& file) {
+    const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string bytes;
+    std::array<char, 65536> part{};
+    for (;;) {
+        const ssize_t length = fd ? read(fd.Get(), part.data(), part.size()) : -1;
+        if (length < 0) {
+            throw SysError("cannot read " + file.string());
+        }
+        if (length == 0) {
+            return bytes;
+        }
+        bytes.append(part.data(), static_cast<size_t>(length));
+    }
 }
 
 }  // namespace vboard

@@ -69,5 +69,7 @@ std::vector<PartitionConfig> ParseLayout(const std::string& text, uint32_t erase
 
 void WriteText(const std::filesystem::path& file, const std::string& text);
 std::string ReadText(const std::filesystem::path& file);  // empty when unreadable
+// The whole contents. Throws when the file cannot be read to its end.
+std::string ReadWholeFile(const std::filesystem::path& file);
 
 }  // namespace vboard

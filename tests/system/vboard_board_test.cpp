@@ -101,7 +101,7 @@ TEST_F(Vboard, EachResetHasItsReasonAndKeepsPersistentData) {
 }
 
 TEST_F(Vboard, AfterAPowerCutTheBoardStaysOffUntilItIsSwitchedOn) {
-    Run({"--no-wifi"});
+    Run({});
     (void)OnBoard("touch /param/var/kept /tmp/lost");
     for (const Lines& wrong :
          std::vector<Lines>{{"fault", "power"},
@@ -132,9 +132,12 @@ TEST_F(Vboard, AfterAPowerCutTheBoardStaysOffUntilItIsSwitchedOn) {
                                                       {"exec", "--board", "--", "true"}}) {
         EXPECT_EQ(board_.Try(needsPower).status, 1) << needsPower[0];
     }
+    EXPECT_EQ(board_.Status().at("program").at("running"), false);
+    (void)board_.Do({"ap", "down"});
     board_.Fault({"power", "--after", "1"});
     (void)board_.Do({"power", "on"});
     EXPECT_EQ(board_.Reason(2), "power-on\n");
+    (void)OnBoard("ip link set wlan0 up && ip link show wlan0 | grep NO-CARRIER");
     EXPECT_EQ(OnBoard("ls /param/var /tmp"), "/param/var:\nkept\n\n/tmp:\nbin\n");
     // A cut that is due survives a reset.
     (void)board_.Do({"reset"});
@@ -253,12 +256,23 @@ TEST_F(Vboard, RefusesInOneSentence) {
         EXPECT_EQ(result.output, std::string("vboard: ") + item.sentence + "\n");
     }
     EXPECT_EQ(board_.Try({"status"}).status, 1);
+    // Unreadable or for no partition: nothing is written.
+    WriteFile(board_.Path("empty"), "");
+    EXPECT_EQ(board_.Try({"flash", "write", "mtd0", board_.Folder()}).status, 1);
+    EXPECT_EQ(board_.Try({"flash", "write", "mtd9", board_.Path("empty")}).status, 1);
+    EXPECT_FALSE(fs::exists(board_.Path("flash")));
+    fs::create_directories(board_.Path("flash/mtd8.bin"));
+    EXPECT_EQ(board_.Try({"flash", "read", "mtd8", board_.Path("back")}).status, 1);
     Run({"--no-wifi"});
-    EXPECT_EQ(board_.Try({"run", "--", "/bin/true"}).output,
-              "vboard: another board is running with the state folder " + board_.Folder() + "\n");
+    EXPECT_EQ(
+        board_.Try({"run", "--", "/bin/true"}).output,
+        "vboard: another board or site is running with the state folder " + board_.Folder() + "\n");
     EXPECT_EQ(board_.Try({"wait", "--log", "nothing", "--timeout", "0.2"}).status, 1);
     EXPECT_EQ(board_.Try({"ap", "up"}).output,
               "vboard: this board has no Wi-Fi (it runs with --no-wifi)\n");
+    EXPECT_EQ(board_.Try({"press", "--sequence", "0.1 -1"}, 5).status, 1);
+    EXPECT_EQ(board_.Try({"site", "status"}).output,
+              "vboard: " + board_.Folder() + " is the state folder of a board, not of a site\n");
     EXPECT_NE(board_.Try({"fault", "mtd1", "open"}).status, 0);
     EXPECT_NE(board_.Try({"fault", "mtd1", "open", "--errno", "EWHAT"}).status, 0);
 }

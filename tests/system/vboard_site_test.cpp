@@ -117,6 +117,14 @@ TEST_F(VboardSite, BoardsJoinAndFailIndependently) {
     EXPECT_TRUE(WaitUntil([this] { return Row(3).value("wlanAddress", "") == "172.20.19.7"; }));
     EXPECT_EQ(Row(1).at("boot"), 1);
 
+    (void)Do({"site", "no-dhcp"});
+    (void)Do({"site", "lease", "3", "172.20.19.8"});
+    EXPECT_EQ(json::parse(Do({"site", "status", "--json"})).at("dhcp"), false);
+
+    (void)OnBoard(1, {"power", "off"});
+    (void)OnBoard(1, {"ap", "mute"});
+    EXPECT_EQ(Row(1).at("mac"), "02:76:62:01:00:01") << "eth0's, also while the board is off";
+
     (void)kill(runner_, SIGTERM);
     int status = -1;
     EXPECT_EQ(waitpid(guest, &status, 0), guest);
@@ -147,6 +155,8 @@ TEST_F(VboardSite, LeavesNothingWhenItIsKilled) {
 TEST_F(VboardSite, RefusesInOneSentence) {
     EXPECT_EQ(Try({"site", "start", "1", "--", "/no/such"}).output,
               "vboard: board 1 has ended: vboard: not a program: /no/such\n");
+    EXPECT_EQ(TryAt(folder_.Path(), {"status"}).output,
+              "vboard: " + folder_.Path() + " is the state folder of a site, not of a board\n");
     const Folder other;
     EXPECT_EQ(RunCommand(
                   {BinDir() + "/vboard", "site", "run", "--state", other.Path(), "--shape", "fast"})

@@ -23,7 +23,12 @@ namespace {
 constexpr std::chrono::milliseconds kAsk(100);
 
 json SiteStatus(const StateDir& site) {
-    return ControlClient(site, Runner::kSite).Request({{"command", "status"}});
+    json status = ControlClient(site, Runner::kSite).Request({{"command", "status"}});
+    if (!status.contains("boards")) {
+        throw std::runtime_error(site.Path().string() +
+                                 " is the state folder of a board, not of a site");
+    }
+    return status;
 }
 
 // The short status of board `number`. None while its runner does not answer.
@@ -45,11 +50,13 @@ json Describe(const StateDir& site, int number) {
                   {"wlanMac", WlanMac(number)},
                   {"state", "starting"},
                   {"stateDir", BoardFolder(site.Path(), number)}};
-    if (const auto brief = Brief(site, number)) {
+    bool hasEth = true;
+    if (auto brief = Brief(site, number)) {
+        hasEth = brief->at("hasEth");
+        brief->erase("hasEth");
         board.update(*brief);
     }
-    const bool wired = board.value("ethAddress", "?") != "";
-    board["mac"] = board.at(wired ? "ethMac" : "wlanMac");  // as the device reports it
+    board["mac"] = board.at(hasEth ? "ethMac" : "wlanMac");  // as the device reports it
     return board;
 }
 

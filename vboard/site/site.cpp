@@ -247,7 +247,8 @@ json Site::StartBoards(const json& request) {
     return {{"numbers", numbers}};
 }
 
-// The server reads its configuration only at its start, so restart it. It forgets the other leases.
+// The server reads its configuration only at its start, so restart it if it runs. It forgets the
+// other leases.
 void Site::Lease(int number, const std::string& address) {
     in_addr parsed{};
     if (number < 1 || number > kMaxBoards || inet_pton(AF_INET, address.c_str(), &parsed) != 1) {
@@ -259,8 +260,11 @@ void Site::Lease(int number, const std::string& address) {
     for (const auto& [board, lease] : leases_) {
         config += "static_lease " + WlanMac(board) + " " + lease + "\n";
     }
+    const bool running = dhcp_->Running();
     dhcp_ = std::make_unique<DhcpServer>(state_.Path(), config, air_.Get());
-    dhcp_->Start();
+    if (running) {
+        dhcp_->Start();
+    }
 }
 
 json Site::Status() const {

@@ -64,24 +64,29 @@ void SiteLink::Attach(pid_t init) {
         batch += AddCable(kWired, EthPort(number_), init, "eth0", EthMac(number_), true);
     }
     Ip(batch, air_.Get());
+    attached_ = true;
 }
 
 void SiteLink::Detach() {
     IpQuietly("link del " + WlanPort(number_) + "\nlink del " + EthPort(number_) + "\n",
               air_.Get());
+    attached_ = false;
 }
 
 void SiteLink::AccessPoint(const std::string& action) {
-    const std::string port = "link set " + WlanPort(number_) + " ";
+    const auto set = [this](const std::string& change) {
+        if (attached_) {
+            Ip("link set " + WlanPort(number_) + " " + change + "\n", air_.Get());
+        }
+    };
     if (action == "up" || action == "down") {
+        set(action);
         carrier_ = action == "up";
-        Ip(port + action + "\n", air_.Get());
     } else if (action == "mute" || action == "unmute") {
         // With its port off the bridge the board keeps its carrier, but nothing answers. The other
         // boards notice nothing.
+        set(action == "mute" ? "nomaster" : std::string("master ") + kAccessPoint);
         muted_ = action == "mute";
-        Ip(port + (muted_ ? "nomaster\n" : std::string("master ") + kAccessPoint + "\n"),
-           air_.Get());
     } else {
         throw std::runtime_error("the DHCP server is the site's (use: vboard site " + action + ")");
     }

@@ -36,6 +36,7 @@ class SiteLink : public BoardNetwork {
     pid_t runner_ = -1;    // the site's
     std::string airPath_;  // the air's namespace, as a file
     UniqueFd air_;
+    bool attached_ = false;
     std::string ethAddress_;
     bool carrier_ = true;
     bool muted_ = false;
