@@ -307,9 +307,11 @@ await step("texts of a device stay texts", async () => {
   const liar = await lyingDevice("172.20.18.2", `${hostile.slice(0, 28)}\xe2\x80\xae\x1b[31m`, hostile.slice(28, 59));
   const line = page.locator("#camera-rows tr", { hasText: "02:00:5E:00:00:66" });
   await line.waitFor();
+  fs.writeFileSync(`${work}/page.journal.1`, "damaged\n");
   assert.match(await line.innerText(), /<img src=x onerror=alert\(1\)>\\xE2\\x80\\xAE\\x1B\[31m/i);
   await line.getByRole("button").click();
   await page.locator("#details").getByText(hostile.slice(28)).waitFor();
+  await page.locator("#details").getByText("page.journal.1:1: not a line of a journal").waitFor();
   assert.equal(await page.locator("script").count(), 1);
   await inspect(page, "details");
   await page.keyboard.press("Escape");

@@ -1,6 +1,7 @@
 #include "tests/support/board.h"
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -73,6 +74,14 @@ std::string BinDir() {
     return chosen != nullptr ? chosen : KV_BIN_DIR;
 }
 
+pid_t ForkDependent() {
+    const pid_t child = fork();
+    if (child == 0) {
+        (void)prctl(PR_SET_PDEATHSIG, SIGTERM);
+    }
+    return child;
+}
+
 CommandResult RunCommand(const Lines& command, int timeoutSeconds) {
     return Run("exec timeout -k 1 " + std::to_string(timeoutSeconds) + " " + Joined(command));
 }
@@ -85,7 +94,7 @@ void Board::Start(const Lines& options, const Lines& program) {
     const Lines& chosen = program.empty() ? usual : program;
     command.insert(command.end(), chosen.begin(), chosen.end());
     const std::string line = "exec " + Joined(command) + ">" + Path("runner.log") + " 2>&1";
-    runner_ = fork();
+    runner_ = ForkDependent();
     if (runner_ == 0) {
         (void)execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
         _exit(127);
@@ -241,7 +250,7 @@ Lines Board::Echoes(int boot) const {
 std::vector<nlohmann::json> Board::Operations() const {
     std::vector<nlohmann::json> operations;
     std::istringstream lines(ReadFile(Path("ops.jsonl")));
-    for (std::string line; std::getline(lines, line);) {
+    for (std::string line; std::getline(lines, line) && !lines.eof();) {
         operations.push_back(nlohmann::json::parse(line));
     }
     return operations;
@@ -257,7 +266,24 @@ std::string Board::Reason(int boot) {
 
 bool Board::WaitFeeds(uint64_t feeds) {
     const uint64_t before = Feeds();
-    return WaitUntil([&] { return Feeds() >= before + feeds; });
+    return WaitUntil([&] { return Feeds() >= before + feeds; }, kBoardPatience);
+}
+
+void Board::ExpectFed() {
+    std::vector<double> gaps;
+    double last = 0;
+    for (const nlohmann::json& operation : Operations()) {
+        const std::string name = operation.at("op");
+        const double at = operation.contains("board") ? operation.at("board") : operation.at("t");
+        if (name == "ioctl:KEEPALIVE" && last != 0) {
+            gaps.push_back(at - last);
+        }
+        last = name == "reset" ? 0 : name == "ioctl:KEEPALIVE" ? at : last;
+    }
+    ASSERT_GE(gaps.size(), 3U);
+    std::sort(gaps.begin(), gaps.end());
+    EXPECT_LT(gaps[gaps.size() / 2], 1.3);
+    EXPECT_LT(gaps.back(), 3);
 }
 
 std::map<std::string, long> Board::Sleeps() {

@@ -33,12 +33,13 @@ inline nlohmann::json JsonOf(const Arguments& arguments, int code) {
     return nlohmann::json::parse(output);
 }
 
-// Runs the tool, runs `then` once it has printed `text`, and returns its exit code.
+// Runs the tool, runs `then` once it has printed `text` or has ended, and returns its exit code.
 inline int RunTool(const Arguments& arguments, const std::string& text, const std::string& then) {
     return Run("rm -f /tmp/tool.out; " + Line(arguments) +
                " >/tmp/tool.out 2>/tmp/tool.err & tool=$!;"
                "until grep -q '" +
-               text + "' /tmp/tool.out; do sleep 0.01; done;" + then + "; wait $tool")
+               text + "' /tmp/tool.out || ! kill -0 $tool; do sleep 0.01; done;" + then +
+               "; wait $tool")
         .status;
 }
 

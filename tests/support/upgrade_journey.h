@@ -22,7 +22,7 @@ inline kvtool::UpgradeTimes TestTimes() {
     times.firstLook = Millis(50);
     times.probeEvery = Millis(50);
     times.ask = Millis(200);
-    times.search = Millis(300);
+    times.search = Millis(5000);
     times.searchEvery = Millis(100);
     return times;
 }

@@ -12,19 +12,19 @@ TEST(Console, DialogueThroughTheCommandLink) {
     const struct {
         const char* command;
         const char* reply;
-        bool armed;
+        bool armed;  // before the command
     } dialogue[] = {
         {"no-such", "No Such Command! try ''\n", false},
-        {"kv-watdog Start", "Watdog Start Success\n", true},
+        {"kv-watdog Start", "Watdog Start Success\n", false},
         // An unknown name repeats the last known command.
         {"no-such Start", "Watdog Start Success\n", true},
         {"kv-watdog Reboot", "Watdog Reboot Success\n", true},
     };
     for (const auto& turn : dialogue) {
+        EXPECT_EQ(board.Armed(), turn.armed) << turn.command;
         const auto answer = board.OnBoard(std::string("/tmp/bin/") + turn.command);
         EXPECT_EQ(answer.output, std::string("reply:\n") + turn.reply) << turn.command;
         EXPECT_EQ(answer.status, 0) << turn.command;
-        EXPECT_EQ(board.Armed(), turn.armed) << turn.command;
     }
     ASSERT_TRUE(board.WaitBoot(2));
     EXPECT_EQ(board.Reason(2), "watchdog\n");

@@ -19,7 +19,7 @@ std::string MacOf(int number) {
 class Child {
   public:
     explicit Child(Lines command, const std::string& output = "/dev/null") {
-        pid_ = fork();
+        pid_ = ForkDependent();
         if (pid_ == 0) {
             (void)freopen(output.c_str(), "w", stdout);
             (void)dup2(STDOUT_FILENO, STDERR_FILENO);
@@ -116,7 +116,7 @@ class FleetSite : public testing::Test {
     }
     Lines Upgrade(const Lines& more, const std::string& leave = "60") const {
         Lines arguments = {"upgrade", folder_.Path("good"), "--yes", "--journal",
-                           Journal(), "--stall-timeout",    "5",     "--leave-timeout",
+                           Journal(), "--stall-timeout",    "15",    "--leave-timeout",
                            leave,     "--back-timeout",     "40"};
         arguments.insert(arguments.end(), more.begin(), more.end());
         return Tool(arguments);
@@ -127,6 +127,17 @@ class FleetSite : public testing::Test {
                            folder_.Path("none")};
         arguments.insert(arguments.end(), hosts.begin(), hosts.end());
         return RunCommand(Tool(arguments)).output;
+    }
+    // The same, until it says all this. An answer may come after a plan's search has ended.
+    void ExpectPlan(const Lines& hosts, const Lines& texts) const {
+        std::string plan;
+        EXPECT_TRUE(WaitUntil([&] { return InOrder(plan = Plan(hosts), texts); }))
+            << InOrder(plan, texts).message();
+    }
+    // The rate at which the laptop sends. Set it before uploads that something must interrupt.
+    void SetRate(const std::string& rate) const {
+        (void)Expect(OnLaptop({"tc", "qdisc", "change", "dev", "wlan0", "root", "tbf", "rate", rate,
+                               "burst", "64kb", "latency", "50ms"}));
     }
     json Search() const {
         return json::parse(
@@ -195,10 +206,12 @@ TEST_F(FleetSite, EachFailureIsReportedAndTheOthersAreUpgraded) {
         << refused.output;
     EXPECT_EQ(CountOf(refused.output, "failed (3): the package is for chip"), 6U) << refused.output;
 
+    SetRate("4mbit");
     Child run(Upgrade({"--all"}), folder_.Path("output"));
     std::thread second([this] {
         EXPECT_TRUE(WaitEntered(MacOf(2), "uploading"));
         (void)OnBoard(2, {"ap", "down"});
+        SetRate("40mbit");
     });
     std::thread third([this] {
         EXPECT_TRUE(WaitEntered(MacOf(3), "accepted"));
@@ -275,19 +288,16 @@ TEST_F(FleetSite, TellsOneDeviceOverTwoInterfacesFromTwoDevicesWithOneAddress) {
     const std::string addresses[] = {AddressOf(1), AddressOf(2)};
     // A clone: neither is upgraded, however it is named.
     (void)InBoard(2, "ip link set eth0 address " + macs[0]);
-    EXPECT_EQ(Search().at("conflicts").size(), 1U) << Search();
+    EXPECT_TRUE(WaitUntil([this] { return Search().at("conflicts").size() == 1; })) << Search();
     for (const Lines& hosts : {Lines{"--all"}, Lines{addresses[0], addresses[1]}}) {
-        const std::string plan = Plan(hosts);
-        EXPECT_TRUE(Contains(plan, "upgraded: two devices answer with this MAC address")) << plan;
-        EXPECT_TRUE(Contains(plan, "warning: MAC address " + macs[0])) << plan;
+        ExpectPlan(hosts, {"upgraded: two devices answer with this MAC address",
+                           "warning: MAC address " + macs[0]});
     }
     // One address for both: the package could go to either.
     (void)InBoard(2, "ip link set eth0 address " + macs[1] + "; ip address flush dev wlan0; " +
                          "ip address add " + addresses[0] + "/23 brd + dev wlan0");
-    const std::string plan = Plan({"--all"});
-    EXPECT_EQ(CountOf(plan, "upgraded: another device also answers from " + addresses[0]), 2U)
-        << plan;
-    EXPECT_TRUE(Contains(plan, "warning: address " + addresses[0] + " belongs to 2")) << plan;
+    const std::string other = "upgraded: another device also answers from " + addresses[0];
+    ExpectPlan({"--all"}, {other, other, "warning: address " + addresses[0] + " belongs to 2"});
 
     // After a restart board 2 is itself again. Each device answers over both interfaces.
     (void)OnBoard(2, {"reset"});
@@ -346,15 +356,18 @@ class FleetPage : public FleetSite {
         Lines command = {BinDir() + "/vboard", "site", "exec", "--state", SiteFolder(), "--",
                          BinDir() + "/kvtool", "serve"};
         for (const char* const word : {"--no-browser", "--json", "--port", "8765",
-                                       "--stall-timeout", "5", "--back-timeout", "20"}) {
+                                       "--stall-timeout", "8", "--back-timeout", "60"}) {
             command.emplace_back(word);
         }
         command.insert(command.end(), {"--journal", Journal()});
         const std::string said = folder_.Path("said");
         (void)unlink(said.c_str());
         auto server = std::make_unique<Child>(command, said);
-        EXPECT_TRUE(WaitUntil([&] { return Contains(ReadFile(said), "\"ready\""); }));
-        const json ready = json::parse(ReadFile(said), nullptr, false);
+        json ready;
+        EXPECT_TRUE(WaitUntil([&] {
+            ready = json::parse(ReadFile(said), nullptr, false);
+            return ready.contains("address");
+        }));
         (void)Ask({"-c", folder_.Path("cookies"), ready.value("address", "")});
         return server;
     }
@@ -400,9 +413,11 @@ TEST_F(FleetPage, ADeviceThatFailedIsRetriedAndTheServerIsKilledMeanwhile) {
     EXPECT_EQ(Post("package?name=good", "@" + folder_.Path("good"), "octet-stream")["acceptable"],
               true);
     const std::string all = "[\"" + MacOf(1) + "\",\"" + MacOf(2) + "\",\"" + MacOf(3) + "\"]";
+    SetRate("4mbit");
     Begin("plan", "{\"devices\":" + all + "}");
     EXPECT_TRUE(WaitEntered(MacOf(2), "uploading"));
     OnBoard(2, {"ap", "down"});
+    SetRate("40mbit");
     ASSERT_TRUE(WaitEnd());
     json run = State()["run"];
     EXPECT_EQ(run["done"], 2) << run;
@@ -411,10 +426,12 @@ TEST_F(FleetPage, ADeviceThatFailedIsRetriedAndTheServerIsKilledMeanwhile) {
 
     OnBoard(2, {"ap", "up"});
     EXPECT_TRUE(WaitUntil([this] { return State()["devices"][1]["present"] == true; }, 60));
+    SetRate("4mbit");
     Begin("run/retry", "{}");
     EXPECT_TRUE(WaitUntil([this] { return Entered(MacOf(2), "uploading") == 2; }, 60));
     server->Signal(SIGKILL);
     EXPECT_EQ(server->Await(), 128 + SIGKILL);
+    SetRate("40mbit");
     server = Serve();
     run = State()["run"];
     EXPECT_EQ(run["open"], 1) << run;

@@ -45,7 +45,7 @@ TEST(Supervisor, RecoveryStartsInOrderAndChildrenInheritNothing) {
     // A shell child of the program has three standard descriptors; the fourth is opened by ls.
     board.ReplaceCommand("killall", "ls /proc/self/fd >/param/descriptors");
     board.Signal(SIGUSR2);
-    ASSERT_TRUE(board.WaitBoot(2, 60));
+    ASSERT_TRUE(board.WaitBoot(2));
     EXPECT_EQ(ReadFile(board.Path("param/descriptors")), "0\n1\n2\n3\n");
 }
 
@@ -79,12 +79,16 @@ TEST(Supervisor, SecondSigtermIsAnsweredWhileTheFirstOnesJoinBlocks) {
     Board board;
     board.StartRecovery();
     // The receiver sleeps for a second on its worker's thread, and the shutdown joins that thread.
+    // No command runs in that second, because it would take part of it.
     const TcpClient client = board.Client();
-    ASSERT_TRUE(client.Send(UpgradeFrame(1000)));
-    ASSERT_TRUE(board.WaitTrace("CMD_SYS_UPGRADE"));
     const pid_t program = board.ProgramPid();
+    const auto traced = [&](const char* text) {
+        return WaitUntil([&] { return Contains(board.Trace(), text); });
+    };
+    ASSERT_TRUE(client.Send(UpgradeFrame(1000)));
+    ASSERT_TRUE(traced("CMD_SYS_UPGRADE"));
     (void)kill(program, SIGTERM);
-    ASSERT_TRUE(board.WaitTrace("upgreade_fun_sig:300 "));
+    ASSERT_TRUE(traced("upgreade_fun_sig:300 "));
     (void)kill(program, SIGINT);
     ASSERT_TRUE(board.WaitTrace("FAILED upgrade_main:upgreade_fun_sig:297 \033[mwait exit!"));
     ASSERT_TRUE(board.WaitTrace("LoopPoolInit DeInit Success!"));
@@ -165,7 +169,7 @@ TEST(Supervisor, StoppedProgramIsResetByTheWatchdog) {
     Board board;
     board.StartRecovery();
     board.Signal(SIGSTOP);
-    ASSERT_TRUE(board.WaitBoot(2, 40));
+    ASSERT_TRUE(board.WaitBoot(2));
     EXPECT_EQ(board.Reason(2).substr(0, 8), "watchdog");
     ASSERT_TRUE(board.WaitRecovery(2));
 }
@@ -212,7 +216,7 @@ TEST(Supervisor, FedWhileTheLogBlocks) {
     EXPECT_FALSE(answered);
     EXPECT_TRUE(board.WaitFeeds(4));
     EXPECT_FALSE(client.Readable(0));
-    EXPECT_LT(board.LargestFeedGap(), 1.3);
+    board.ExpectFed();
     (void)board.Do({"fault", "trace", "off"});
     EXPECT_EQ(client.Receive(32), ReplyHeader(6, 0, 0));
 }

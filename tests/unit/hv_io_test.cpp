@@ -217,24 +217,24 @@ TEST_F(HvIo, WritingToAPeerThatIsGoneFailsWithoutASignal) {
 }
 
 TEST_F(HvIo, ReadTimeoutCountsFromTheLastArrivalAndCanBeRemoved) {
-    server_.onAccept = [](hio_t* io) { hio_set_read_timeout(io, 1500); };
+    server_.onAccept = [](hio_t* io) { hio_set_read_timeout(io, 2500); };
     const TcpClient freed = Connected();
     loop_.Do([&] { hio_set_read_timeout(server_.last, 0); });
     const TcpClient client = Connected();
     Clock::time_point last;
-    for (size_t i = 1; i <= 4; ++i) {
-        usleep(600000);
+    for (size_t i = 1; i <= 7; ++i) {
+        usleep(400000);
         EXPECT_EQ(server_.closed.Count(), 0U);
         last = Clock::now();
         client.Send("x");
         ASSERT_TRUE(server_.received.WaitFor(i));
     }
     EXPECT_TRUE(client.Ends());
-    EXPECT_GE(Clock::now() - last, milliseconds(1390));  // libhv rounds down to a tenth
-    EXPECT_LT(Clock::now() - last, milliseconds(4000));
+    EXPECT_GE(Clock::now() - last, milliseconds(2390));  // libhv rounds down to a tenth
+    EXPECT_LT(Clock::now() - last, milliseconds(20000));
     EXPECT_EQ(server_.closed.Count(), 1U);
     freed.Send("z");
-    EXPECT_TRUE(server_.received.WaitFor(5));
+    EXPECT_TRUE(server_.received.WaitFor(8));
 }
 
 TEST_F(HvIo, ACallbackThatBlocksDoesNotShortenTheTimeout) {

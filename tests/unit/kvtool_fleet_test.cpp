@@ -6,6 +6,8 @@
 #include "tests/support/fake_camera.h"
 #include "tests/support/surroundings.h"
 #include "tools/device/device_lock.h"
+#include "tools/fleet/plan.h"
+#include "tools/fleet/report.h"
 #include "tools/fleet/runner.h"
 
 namespace {
@@ -37,6 +39,7 @@ class Silent : public RunListener {
     void Progress(size_t, const kvtool::UploadProgress&) override {}
     void Line(size_t, const std::string&) override {}
     void Note(const std::string&) override {}
+    void Stopping(const std::string&) override {}
     void Tick() override {}
     std::function<void(size_t, const Member&)> onState;
 };
@@ -60,11 +63,10 @@ struct Flight {
         request.discovery.timeout = Millis(200);
         request.times.headerGap = Millis(100);
         request.times.firstLook = Millis(200);
-        request.times.stall = Millis(2000);
-        request.times.verify = Millis(2000);
-        request.times.leave = request.times.back = Millis(1500);
         request.times.probeEvery = Millis(50);
-        request.times.ask = Millis(500);
+        // No case reaches these.
+        request.times.stall = request.times.verify = request.times.ask = Millis(20000);
+        request.times.leave = request.times.back = Millis(20000);
     }
     Flight& Fly(const std::vector<Member>& planned) {
         Journal journal = Journal::Open(path);
@@ -122,6 +124,10 @@ TEST(FleetJournal, ATornLineIsIgnoredAndADamagedOneIsRefused) {
     member.progress.Enter(State::kUploading);
     Journal::Open(path).WriteState(&member);
     const std::string longer = kv_test::ReadFile(path);
+    JournalContents read = ReadJournal(path);
+    (void)Journal::Continue(path, read);
+    read.whole = whole.size();
+    EXPECT_THROW((void)Journal::Continue(path, read), ToolError) << "written since it was read";
     for (size_t size = whole.size(); size < longer.size(); ++size) {
         kv_test::WriteFile(path, longer.substr(0, size));
         const JournalContents contents = ReadJournal(path);
@@ -145,6 +151,26 @@ TEST(FleetJournal, ATornLineIsIgnoredAndADamagedOneIsRefused) {
     EXPECT_THROW((void)ReadJournal(folder.Path()), ToolError) << "a folder";
 }
 
+TEST(FleetJournal, ItsTextsReachATerminalEscaped) {
+    const kv_test::Folder folder;
+    Member member;
+    member.id = member.address = "\x1b[31m";
+    member.code = ExitCode::kRefused;
+    member.text = "\x1b[2J\u202e";
+    Journal::Open(folder.Path("j")).WriteRun(1, {"a.FLS", 7, "\x1bmd5"}, {member});
+    const JournalContents contents = ReadJournal(folder.Path("j"));
+    std::ostringstream out;
+    WriteTable(out, contents, 0);
+    WriteTroubles(out, contents.members);
+    WriteCsv(out, contents);
+    out << Intention(contents.members.at(0));
+    EXPECT_TRUE(kv_test::InOrder(out.str(), {"\\x1Bmd5", "\\x1B[31m  \\x1B[31m", "\\x1B[2J"}));
+    EXPECT_EQ(out.str().find(0x1b), std::string::npos) << out.str();
+    for (const char* const time : {"2026-11-25T21:12:19.123Z", "2026-11-25T21:12:19.999Z"}) {
+        EXPECT_EQ(TimeText(ParseTime(time).value_or(0)), time);
+    }
+}
+
 // However often somebody asks for another attempt at a device that has failed, there is one at a
 // time, and none once the device is done.
 TEST(FleetRun, OneAttemptAtATimeAtADevice) {
@@ -154,6 +180,7 @@ TEST(FleetRun, OneAttemptAtATimeAtADevice) {
     Flight flight;
     flight.request.retries = 100;
     flight.request.keepOpen = true;
+    flight.request.times.ask = Millis(300);  // nobody answers at first
     Journal journal = Journal::Open(flight.path);
     journal.WriteRun(1, {"package", flight.package.size(), "md5"}, {member});
     Runner runner(flight.request, &journal, &flight.listener);
@@ -162,13 +189,14 @@ TEST(FleetRun, OneAttemptAtATimeAtADevice) {
     EXPECT_TRUE(kv_test::WaitUntil([&] {
         runner.TryAgain(member.id, member.address);
         const Progress now = runner.Find(member.id)->progress;
-        if (now.attempts == 3 && !camera) {
+        if (now.attempts >= 3 && !camera) {
             camera.emplace(1);
         }
         return now.state == State::kDone;
     }));
     flight.startNothing.Raise();
     run.join();
+    ASSERT_TRUE(camera);
     EXPECT_EQ(camera->device.Accepted(), 1);
     EXPECT_EQ(ReadJournal(flight.path).members.at(0).progress.state, State::kDone);
     EXPECT_EQ(kv_test::CountOf(kv_test::ReadFile(flight.path), "process"), 1U)
@@ -221,6 +249,10 @@ TEST(FleetRun, FailuresStopNewStartsAndHarmlessOnesAreRetried) {
     EXPECT_EQ(flight.members[1].code, ExitCode::kLost);
     EXPECT_EQ(flight.members[1].progress.attempts, 3);
     EXPECT_EQ(flight.StateOf(2), State::kDone) << "it was started before the second failure";
+    Flight later;
+    later.request.retries = 1;
+    later.Fly({flight.members[1]});
+    EXPECT_EQ(later.members[0].progress.attempts, 5) << "each run has retries of its own";
     Flight strict;
     strict.request.jobs = 1;
     strict.request.maxFailures = 1;
@@ -231,16 +263,15 @@ TEST(FleetRun, FailuresStopNewStartsAndHarmlessOnesAreRetried) {
     EXPECT_EQ(ReadJournal(strict.path).members.at(1).progress.state, State::kPlanned);
 
     // Devices without a verdict may have accepted, so neither this run nor the next sends again.
-    Script silent;
-    silent.verdict = fake::Verdict::kSilent;
+    Script closes;
+    closes.verdict = fake::Verdict::kClose;
     Script restarts = Camera::BackInRecovery();
     restarts.verdict = fake::Verdict::kSilent;
-    Camera mute(5, silent);
+    Camera mute(5, closes);
     Camera restarted(6, restarts);
     Camera served(7);
     Flight doubt;
     doubt.request.retries = 2;
-    doubt.request.times.verify = Millis(300);
     doubt.Fly({MemberOf(mute), MemberOf(restarted), MemberOf(served)});
     EXPECT_EQ(doubt.StateOf(2), State::kDone) << doubt.members[2].text;
     const std::vector<Member> left = ReadJournal(doubt.path).members;
@@ -253,6 +284,73 @@ TEST(FleetRun, FailuresStopNewStartsAndHarmlessOnesAreRetried) {
     resumed.Fly({left.at(1)});
     EXPECT_EQ(resumed.members[0].code, ExitCode::kBackInRecovery) << resumed.members[0].text;
     EXPECT_EQ(resumed.members[0].progress.attempts, 1);
+}
+
+// A device that the plan refuses is a failure that the user has agreed to. A later run looks again.
+TEST(FleetRun, RefusedDevicesStopNothingAndAreTriedAgain) {
+    Camera refused(1);
+    Camera good(2);
+    Member planned = MemberOf(refused);
+    planned.code = ExitCode::kRefused;
+    planned.text = "two devices name its MAC address";
+    Flight flight;
+    flight.request.jobs = 1;
+    flight.request.maxFailures = 1;
+    flight.Fly({planned, MemberOf(good)});
+    EXPECT_EQ(flight.StateOf(1), State::kDone) << flight.stopped;
+    const Member left = ReadJournal(flight.path).members.at(0);
+    EXPECT_EQ(left.progress.state, State::kFailed);
+    EXPECT_FALSE(WillStart(planned));
+    EXPECT_TRUE(WillStart(left)) << Intention(left);
+    EXPECT_EQ(Intention(left), "upgrade unless it is refused again: " + planned.text);
+    Flight others;
+    others.request.matcher = kvtool::Matcher({"firmware=other"});
+    Member unseen;
+    unseen.id = refused.address;
+    Camera third(3);
+    others.Fly({left, unseen, MemberOf(third)});
+    EXPECT_TRUE(Contains(others.members[0].text, "--match")) << others.members[0].text;
+    EXPECT_TRUE(Contains(others.members[1].text, "--match")) << others.members[1].text;
+    EXPECT_EQ(refused.device.Accepted(), 0);
+    EXPECT_EQ(others.StateOf(2), State::kDone) << "the plan has judged it";
+    Flight resumed;
+    resumed.Fly({left});
+    EXPECT_EQ(resumed.StateOf(0), State::kDone) << resumed.members[0].text;
+}
+
+// A name whose own search was missed, and the same device as the search among all found it.
+TEST(FleetRun, ADeviceWithTwoNamesIsUpgradedOnce) {
+    kv_test::RequireSandbox();
+    (void)kv_test::Shell(
+        "ip link add lan type veth peer name far && ip addr add 10.9.0.1/24 brd + dev lan && "
+        "ip link set lan up && ip link set far up");
+    Flight flight;
+    PlanRequest request;
+    request.all = true;
+    request.hosts = {"10.9.0.1"};
+    request.discovery = flight.request.discovery;
+    request.times.ask = Millis(0);
+    {
+        const fake::Responder responder(
+            "10.9.0.1", 6789,
+            kv_test::ExpectedReply({"10.9.0.1", "255.255.255.0", "", "", fake::MacOf(9)}));
+        const Plan plan = MakePlan(request, {});
+        EXPECT_EQ(plan.members.size(), 1U);
+        EXPECT_EQ(plan.members.at(0).id, fake::MacOf(9));
+    }
+    (void)kv_test::Shell("ip link del lan");
+
+    Camera camera(1);
+    Member unseen;
+    unseen.id = camera.address;
+    flight.request.jobs = 1;
+    flight.Fly({unseen, MemberOf(camera)});
+    EXPECT_TRUE(Contains(flight.members[0].text, "in this run already")) << flight.members[0].text;
+    EXPECT_EQ(flight.StateOf(1), State::kDone) << flight.members[1].text;
+    EXPECT_EQ(camera.device.Accepted(), 1);
+    Flight alone;
+    alone.Fly({unseen});
+    EXPECT_EQ(alone.members[0].mac, camera.mac) << alone.members[0].text;
 }
 
 TEST(FleetRun, InterruptsFinishOrLeave) {

@@ -7,6 +7,7 @@
 #include "tools/page/access.h"
 #include "tools/page/device_watch.h"
 #include "tools/page/model.h"
+#include "tools/page/run_view.h"
 
 namespace {
 
@@ -128,6 +129,20 @@ TEST(PageModel, TellsEachReaderWhatIsNewToIt) {
     EXPECT_TRUE(kv_test::InOrder(
         last, {"event: state", "\"members\":[]", "event: ending\n", "{\"under_way\":3}"}))
         << last;
+}
+
+TEST(PageRun, OnlyTheReasonForAStopStopsIt) {
+    Model model;
+    RunView view({}, &model, nullptr);
+    uint64_t seq = 0;
+    (void)model.EventsSince(&seq);
+    view.Note("1 seen alive; the others start");
+    EXPECT_EQ(view.RunJson()["state"], "running");
+    EXPECT_EQ(view.RunJson()["stopped"], "");
+    EXPECT_EQ(CountOf(model.EventsSince(&seq), "1 seen alive"), 1U);
+    view.Stopping("2 failed");
+    EXPECT_EQ(view.RunJson()["state"], "stopping");
+    EXPECT_EQ(CountOf(model.EventsSince(&seq), "2 failed"), 1U) << "once in the run, no note";
 }
 
 TEST(PageDevices, StayInTheListAndCannotFillTheMemory) {

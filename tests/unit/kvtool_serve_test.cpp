@@ -104,7 +104,7 @@ class Served {
         return plan;
     }
     bool AwaitEnd() const {
-        return kv_test::WaitUntil([this] { return State()["run"]["state"] == "ended"; });
+        return kv_test::WaitUntil([this] { return State()["run"]["state"] == "ended"; }, 120);
     }
 
     static const kv_test::Folder& WorkFolder() {
@@ -292,10 +292,11 @@ TEST_F(PageServer, TakesAPackageOrSaysWhyNot) {
     EXPECT_EQ(strict.Post("/api/plan", one).status, 200);
 }
 
+// Its upload does not end before kvtool does, and it never stalls for long.
 Script Slow() {
     Script script = Camera::Alive();
     script.readStep = 4000;
-    script.readPause = std::chrono::milliseconds(40);
+    script.readPause = std::chrono::milliseconds(500);
     return script;
 }
 
@@ -349,7 +350,7 @@ TEST_F(PageServer, UpgradesAndTriesAgainWhatFailed) {
 }
 
 TEST_F(PageServer, GoesOnAfterAKill) {
-    const Camera slow(4, Slow());
+    auto slow = std::make_unique<Camera>(4, Slow());
     std::string md5;
     {
         Served served;
@@ -362,6 +363,8 @@ TEST_F(PageServer, GoesOnAfterAKill) {
         EXPECT_EQ(other.port, 0) << "two servers on one journal";
         EXPECT_EQ(served.End(SIGKILL), 128 + SIGKILL);
     }
+    slow.reset();
+    const Camera quick(4);
     const Served served;
     const json state = served.State();
     EXPECT_EQ(state["run"]["state"], "ended");
@@ -371,12 +374,18 @@ TEST_F(PageServer, GoesOnAfterAKill) {
     (void)served.Begin("/api/run/resume", "{}");
     ASSERT_TRUE(served.AwaitEnd());
     EXPECT_EQ(served.State()["run"]["exit_code"], 0) << served.State()["run"];
-    EXPECT_EQ(slow.device.Accepted(), 1);
+    EXPECT_EQ(quick.device.Accepted(), 1);
 }
 
 TEST_F(PageServer, EndsInTwoStepsWhileADeviceIsWritten) {
     Camera first(5, Slow());
-    Camera second(6, Slow());
+    std::atomic<bool> answers{false};
+    Script late = Camera::Alive();
+    late.edit = [&answers](uint16_t command, const fake::Bytes& reply) {
+        EXPECT_TRUE(command != 0x2002 || kv_test::WaitUntil([&answers] { return answers.load(); }));
+        return reply;
+    };
+    Camera second(6, late);
     Served served;
     (void)Upload(served, "good");
     const kv_test::TcpClient page(served.port);
@@ -386,10 +395,11 @@ TEST_F(PageServer, EndsInTwoStepsWhileADeviceIsWritten) {
         [&] { return served.State()["run"]["members"][0]["state"] == "uploading"; }));
     EXPECT_EQ(served.Post("/api/plan", "{\"devices\":[\"127.1.0.6\"]}").status, 409);
     served.Signal(SIGINT);
-    ASSERT_TRUE(kv_test::WaitUntil([&] {
+    const auto saysItWaits = [] {
         return Contains(kv_test::ReadFile(Served::WorkFolder().Path("err")),
-                        "1 under way will finish");
-    }));
+                        " under way will finish");
+    };
+    ASSERT_TRUE(kv_test::WaitUntil(saysItWaits));
     EXPECT_TRUE(kv_test::WaitUntil([&] { return served.State()["run"]["state"] == "stopping"; }));
     EXPECT_EQ(served.End(SIGINT), 130);
     EXPECT_TRUE(kv_test::InOrder(page.Receive(1 << 20),
@@ -400,9 +410,11 @@ TEST_F(PageServer, EndsInTwoStepsWhileADeviceIsWritten) {
     Served patient;
     (void)patient.Begin("/api/run/resume", "{\"jobs\":1}");
     ASSERT_TRUE(kv_test::WaitUntil(
-        [&] { return patient.State()["run"]["members"][1]["state"] == "uploading"; }));
+        [&] { return patient.State()["run"]["members"][1]["state"] == "finishing"; }));
     EXPECT_EQ(patient.Post("/api/run/stop", "{}").status, 200);
     patient.Signal(SIGINT);
+    EXPECT_TRUE(kv_test::WaitUntil(saysItWaits));
+    answers = true;
     EXPECT_EQ(patient.Await(), 0) << "the one under way has finished";
     EXPECT_EQ(second.device.Accepted(), 1);
     EXPECT_EQ(first.device.Accepted(), 0) << "it had not begun";

@@ -374,7 +374,7 @@ TEST(MiniService, AStopDoesNotWaitForQueuedRequests) {
     const auto begin = Clock::now();
     EXPECT_EQ(KV_MINI_ServiceStop(), 0);
     // Each of the three workers is in a callback that takes 1.1 s.
-    EXPECT_LT(SecondsSince(begin), 1.1 + 2);
+    EXPECT_LT(SecondsSince(begin), 6) << "all 30 take 11 s";
 }
 
 }  // namespace

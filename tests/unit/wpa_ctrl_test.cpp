@@ -169,8 +169,13 @@ TEST(WpaCtrl, Times) {
     auto silence = std::async(std::launch::async, TimedRequest, "/tmp/scripted/a");
     auto restarted = std::async(std::launch::async, TimedRequest, "/tmp/scripted/b");
     auto refused = std::async(std::launch::async, TimedRequest, "/tmp/scripted/c");
-    auto resumed = std::async(std::launch::async, TimedRequest, "/tmp/scripted/d");
-    std::this_thread::sleep_for(milliseconds(1500));
+    std::promise<void> begins;
+    auto resumed = std::async(std::launch::async, [&begins] {
+        begins.set_value();
+        return TimedRequest("/tmp/scripted/d");
+    });
+    begins.get_future().wait();
+    std::this_thread::sleep_for(milliseconds(1900));
     busy.Resume();
 
     const struct {
@@ -180,10 +185,10 @@ TEST(WpaCtrl, Times) {
         int from;
         int to;
     } cases[] = {
-        {"sent again after 1 s each", resumed.get(), 0, 2000, 3500},
-        {"refused for over 5 s", refused.get(), -1, 5000, 7500},
-        {"no reply", silence.get(), -2, 10000, 13000},
-        {"event in between", restarted.get(), 0, 11000, 13500},
+        {"sent again after 1 s each", resumed.get(), 0, 2000, 10000},
+        {"refused for over 5 s", refused.get(), -1, 5000, 9900},
+        {"no reply", silence.get(), -2, 10000, 19000},
+        {"event in between", restarted.get(), 0, 11000, 20000},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(c.seen.result, c.result) << c.what;

@@ -204,16 +204,18 @@ class OnABoard(unittest.TestCase):
         command = [BIN / "vboard", "--state", cls.folder / "board", "exec", "--", "dumpcap", "-q", "-i", interface,
                    "-w", cls.capture]
         with subprocess.Popen(command, stderr=subprocess.PIPE, text=True) as dumpcap:
-            while not (line := dumpcap.stderr.readline()).startswith("File:"):
-                if not line:
-                    raise AssertionError("dumpcap ended")
-            for words in (["discover"], ["info", ADDRESS], ["upgrade", "--no-follow", ADDRESS, package]):
-                cls.board("exec", "--", BIN / "kvtool", *words)
-            # dumpcap writes with a delay.
-            packets, end = [], time.monotonic() + SECONDS
-            while time.monotonic() < end and not any(packet.has("kvmini.accepted") for packet in packets):
-                packets = dissect(cls.capture)
-            cls.end(dumpcap)
+            try:
+                while not (line := dumpcap.stderr.readline()).startswith("File:"):
+                    if not line:
+                        raise AssertionError("dumpcap ended")
+                for words in (["discover"], ["info", ADDRESS], ["upgrade", "--no-follow", ADDRESS, package]):
+                    cls.board("exec", "--", BIN / "kvtool", *words)
+                # dumpcap writes with a delay.
+                packets, end = [], time.monotonic() + SECONDS
+                while time.monotonic() < end and not any(packet.has("kvmini.accepted") for packet in packets):
+                    packets = dissect(cls.capture)
+            finally:
+                cls.end(dumpcap)
         return packets
 
     def of(self, **wanted):

@@ -214,7 +214,7 @@ ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layou
         Confirm(out);
     }
     const Flight flight;
-    Journal journal = Journal::Open(path);
+    Journal journal = Journal::Continue(path, earlier);
     FleetView view(command.json, name.size + kv::kMd5TrailerSize,
                    Seconds(command.times.leave + command.times.back), flight.startNothing);
     journal.Tell(&view);
@@ -224,6 +224,7 @@ ExitCode RunFleetUpgrade(const FleetUpgradeCommand& command, const Layout& layou
     RunRequest request = RequestOf(command, package, flight);
     request.canaries = command.canaries;
     request.maxFailures = command.maxFailures;
+    request.matcher = matcher;
     Runner runner(request, &journal, &view);
     for (const Member& member : plan.members) {
         runner.Add(member);
@@ -339,7 +340,7 @@ ExitCode RunFleetWatch(const FleetCommand& command, const Layout& layout, Json* 
     const fleet::PackageName name = NameOf(command, package.report);
     JournalContents earlier = HasRun(path) ? ReadEarlier(path, name) : JournalContents();
     const Flight flight;
-    Journal journal = Journal::Open(path);
+    Journal journal = Journal::Continue(path, earlier);
     FleetView view(command.json, name.size + kv::kMd5TrailerSize,
                    Seconds(command.times.leave + command.times.back), flight.startNothing);
     journal.Tell(&view);

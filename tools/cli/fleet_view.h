@@ -36,6 +36,7 @@ class FleetView : public fleet::RunListener, public fleet::JournalWatcher {
     void Progress(size_t member, const UploadProgress& progress) override;
     void Line(size_t member, const std::string& text) override;
     void Note(const std::string& text) override;
+    void Stopping(const std::string& why) override { Note(why); }
     void Tick() override;
     void Written(const Json& line) override;
     // Removes the table from the terminal.

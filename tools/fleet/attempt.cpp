@@ -1,5 +1,7 @@
 #include "tools/fleet/attempt.h"
 
+#include <utility>
+
 #include "tools/device/probe.h"
 #include "tools/fleet/plan.h"
 
@@ -51,6 +53,7 @@ void Attempt::Take(const FoundDevice& device) {
     member_.firmware = found.firmware;
     member_.commandPort = found.commandPort;
     member_.alivePort = request_.alivePort.value_or(found.alivePort);
+    found_ = device;
 }
 
 // Another device may have the MAC address of a device that was refused. Only a search among all
@@ -110,15 +113,32 @@ void Attempt::SeePortClosed(const UpgradeSession& session) {
     }
 }
 
-void Attempt::Send() {
-    if (!Locate()) {
-        throw ToolError(ExitCode::kUnreachable, "it answers no search; nothing was sent");
-    }
-    if (member_.mac.empty()) {
+void Attempt::Judge() {
+    if (found_.reply.mac.empty()) {
         throw ToolError(
             ExitCode::kRefused,
             "it does not report its MAC address, so kvtool could not recognize it later; "
             "nothing was sent");
+    }
+    if (!request_.matcher.Matches(found_)) {
+        throw ToolError(ExitCode::kRefused,
+                        "it is not among the devices of --match; nothing was sent");
+    }
+}
+
+void Attempt::Send() {
+    const bool unknown = member_.mac.empty();
+    const bool unjudged = unknown || member_.address.empty() || member_.code == ExitCode::kRefused;
+    if (!Locate()) {
+        throw ToolError(ExitCode::kUnreachable, "it answers no search; nothing was sent");
+    }
+    if (unjudged) {
+        Judge();
+    }
+    if (unknown && !runner_->Claim(index_, member_.mac)) {
+        const std::string mac = std::exchange(member_.mac, "");
+        throw ToolError(ExitCode::kRefused,
+                        "it is " + mac + ", which is in this run already; nothing was sent");
     }
     record_.mac = member_.mac;
     lock_.emplace(member_.mac);

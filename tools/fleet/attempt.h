@@ -39,6 +39,8 @@ class Attempt : private UpgradeListener {
 
     void Send();
     void Take(const FoundDevice& device);
+    // Throws ToolError(kRefused) if the device must not be upgraded.
+    void Judge();
     bool Locate();
     bool AskThere();
     bool SearchFor(bool amongAll);
@@ -52,6 +54,7 @@ class Attempt : private UpgradeListener {
     const RunRequest& request_;
     size_t index_;
     Member member_;
+    FoundDevice found_;  // by Locate
     UpgradeRecord record_;
     std::optional<DeviceLock> lock_;
 };

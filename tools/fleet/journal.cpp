@@ -95,6 +95,26 @@ void Take(const Json& line, const char* key, Value* value) {
     }
 }
 
+// A text may come from another program, and goes to terminals and pages. `line` has the key.
+std::string Text(const Json& line, const char* key) {
+    return Printable(line.at(key).get<std::string>());
+}
+
+void Take(const Json& line, const char* key, std::string* text) {
+    if (line.contains(key)) {
+        *text = Text(line, key);
+    }
+}
+
+void Take(const Json& line, const char* key, std::vector<std::string>* texts) {
+    if (line.contains(key)) {
+        *texts = line.at(key).get<std::vector<std::string>>();
+        for (std::string& text : *texts) {
+            text = Printable(text);
+        }
+    }
+}
+
 void TakeMember(const Json& line, Member* member) {
     Take(line, "mac", &member->mac);
     Take(line, "address", &member->address);
@@ -124,7 +144,8 @@ class Reader {
             contents_.ended.reset();
             contents_.exitCode.reset();
             if (contents_.runs++ == 0) {
-                contents_.package = {package.at("file"), package.at("size"), package.at("md5")};
+                contents_.package = {Text(package, "file"), package.at("size"),
+                                     Text(package, "md5")};
             }
             for (const Json& device : line.at("devices")) {
                 TakePlanned(device);
@@ -151,14 +172,14 @@ class Reader {
 
     void TakePlanned(const Json& device) {
         Member member;
-        member.id = device.at("device");
+        member.id = Text(device, "device");
         TakeMember(device, &member);
         index_[member.id] = contents_.members.size();
         contents_.members.push_back(std::move(member));
     }
 
     void TakeState(const Json& line) {
-        Member& member = contents_.members.at(index_.at(line.at("device").get<std::string>()));
+        Member& member = contents_.members.at(index_.at(Text(line, "device")));
         State state = State::kPlanned;
         if (!ParseState(line.at("state").get<std::string>(), &state)) {
             throw std::runtime_error("its state is invalid");
@@ -179,13 +200,15 @@ class Reader {
 }  // namespace
 
 std::string TimeText(double seconds) {
-    const auto whole = static_cast<time_t>(std::floor(seconds));
+    const double rounded = std::round(seconds * 1000);
+    const double begun = std::floor(rounded / 1000);
+    const auto whole = static_cast<time_t>(begun);
     struct tm parts {};
     (void)gmtime_r(&whole, &parts);
     std::array<char, 32> date{};
     (void)strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &parts);
     std::array<char, 8> fraction{};
-    const int millis = std::clamp(static_cast<int>((seconds - std::floor(seconds)) * 1000), 0, 999);
+    const int millis = std::clamp(static_cast<int>(rounded - begun * 1000), 0, 999);
     (void)snprintf(fraction.data(), fraction.size(), ".%03dZ", millis);
     return std::string(date.data()) + fraction.data();
 }
@@ -268,6 +291,10 @@ Journal Journal::Open(const std::string& path) {
                         "cannot open the journal " + Printable(path) + ": " + strerror(errno));
     }
     if (flock(fd.Get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK) {
+            throw ToolError(ExitCode::kInternal,
+                            "cannot lock the journal " + Printable(path) + ": " + strerror(errno));
+        }
         throw ToolError(ExitCode::kBusy,
                         "another process is writing the journal " + Printable(path));
     }
@@ -282,6 +309,18 @@ Journal Journal::Open(const std::string& path) {
     const UniqueFd parent(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!parent || fsync(parent.Get()) != 0) {
         journal.Fail(errno);
+    }
+    return journal;
+}
+
+Journal Journal::Continue(const std::string& path, const JournalContents& read) {
+    Journal journal = Open(path);
+    if (journal.size_ != read.whole) {
+        throw ToolError(
+            ExitCode::kBusy,
+            "another process has written the journal " + Printable(path) +
+                " since it was read; nothing was sent; start again (fleet upgrade: with "
+                "--resume)");
     }
     return journal;
 }

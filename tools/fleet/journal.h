@@ -54,9 +54,9 @@ struct JournalContents {
     uint64_t whole = 0;  // bytes of the complete lines
 };
 
-// The contents have no run if the first run ended before it had written its first line. Throws
-// ToolError(kRefused) if the file cannot be read, is not a journal, or is damaged anywhere but in
-// its last line.
+// The texts of the contents are Printable. They have no run if the first run ended before it had
+// written its first line. Throws ToolError(kRefused) if the file cannot be read, is not a journal,
+// or is damaged anywhere but in its last line.
 JournalContents ReadJournal(const std::string& path);
 
 // Gets each line once it has been written, on the thread that wrote it and under the journal's
@@ -73,8 +73,11 @@ class Journal {
   public:
     // Creates the file, or opens it and removes an incomplete last line. Throws ToolError: kBusy
     // while another process is writing the journal, kRefused as ReadJournal does, kInternal if the
-    // file cannot be opened.
+    // file cannot be opened or locked.
     static Journal Open(const std::string& path);
+    // The same for a journal that was read before; without contents, there was none. Throws
+    // ToolError(kBusy) too if another process has written lines since then.
+    static Journal Continue(const std::string& path, const JournalContents& read);
     Journal(Journal&& other) noexcept
         : path_(std::move(other.path_)), fd_(std::move(other.fd_)), size_(other.size_) {}
 

@@ -79,9 +79,26 @@ class Planner {
             if (!result.devices.empty()) {
                 return std::move(result.devices.front());
             }
+            return HeardFrom(host);
         } catch (const ToolError& error) {
             if (error.Code() != ExitCode::kUnreachable) {
                 throw;
+            }
+        }
+        return std::nullopt;
+    }
+
+    // A device that missed the search for it alone may have answered the broadcast.
+    std::optional<FoundDevice> HeardFrom(const std::string& host) const {
+        if (found_.devices.empty()) {
+            return std::nullopt;
+        }
+        for (const Endpoint& endpoint : Resolve(host, 0)) {
+            for (const FoundDevice& device : found_.devices) {
+                const auto& senders = device.senders;
+                if (std::find(senders.begin(), senders.end(), endpoint.host) != senders.end()) {
+                    return device;
+                }
             }
         }
         return std::nullopt;
@@ -164,9 +181,9 @@ class Planner {
     size_t known_ = 0;  // members from the journal
 };
 
-// Refused before anything was tried.
+// Refused by this plan. What an earlier run refused has failed there, and is tried again.
 bool Refused(const Member& member) {
-    return member.code == ExitCode::kRefused && member.progress.attempts == 0;
+    return member.code == ExitCode::kRefused && member.progress.state == State::kPlanned;
 }
 
 }  // namespace
@@ -188,6 +205,9 @@ std::string Intention(const Member& member) {
     }
     if (Refused(member)) {
         return "it will not be upgraded: " + member.text;
+    }
+    if (progress.state == State::kFailed && member.code == ExitCode::kRefused) {
+        return "upgrade unless it is refused again: " + member.text;
     }
     if (progress.attempts > 0) {
         return "upgrade again: an earlier run ended while " +

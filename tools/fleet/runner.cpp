@@ -37,7 +37,7 @@ void Runner::Tell(const std::function<void(RunListener*)>& call) {
 void Runner::Stop(const std::string& why) {
     if (stopped_.empty()) {
         stopped_ = why;
-        listener_->Note(why);
+        listener_->Stopping(why);
     }
     changed_.notify_all();
 }
@@ -76,6 +76,17 @@ void Runner::Settle(size_t index, const Member& member) {
     members_.at(index) = member;
 }
 
+bool Runner::Claim(size_t index, const std::string& mac) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto known = Known(mac);
+    const bool free =
+        known == members_.end() || known == members_.begin() + static_cast<ptrdiff_t>(index);
+    if (free) {
+        members_.at(index).mac = mac;
+    }
+    return free;
+}
+
 // A device whose upload was cut off still reads the bytes that had arrived. It would take them for
 // the first bytes of the next upload.
 Millis Runner::PauseBefore(const Member& member) const {
@@ -92,18 +103,29 @@ void Runner::Queue(size_t index, Millis pause) {
 }
 
 std::vector<Member>::iterator Runner::Known(const std::string& id) {
-    return std::find_if(members_.begin(), members_.end(),
-                        [&id](const Member& member) { return member.id == id; });
+    return std::find_if(members_.begin(), members_.end(), [&id](const Member& member) {
+        return member.id == id || member.mac == id;
+    });
 }
 
-void Runner::Add(Member member) {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    const size_t index = members_.size();
-    members_.push_back(std::move(member));
-    const Member& added = members_[index];
-    listener_->Changed(index, added);
-    if (NextFor(added.progress) != Next::kNothing) {
-        Queue(index, PauseBefore(added));
+void Runner::Add(Member added) {
+    const bool refused = added.code == ExitCode::kRefused;
+    const bool byThisRun = refused && added.progress.state == State::kPlanned;
+    size_t index = 0;
+    {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        index = members_.size();
+        members_.push_back(added);
+        listener_->Changed(index, added);
+        if (refused) {
+            refused_.insert(index);
+        }
+        if (!byThisRun && NextFor(added.progress) != Next::kNothing) {
+            Queue(index, PauseBefore(added));
+        }
+    }
+    if (byThisRun) {
+        Enter(index, &added, State::kFailed);
     }
 }
 
@@ -149,8 +171,7 @@ void Runner::ChooseCanaries() {
         std::count_if(members_.begin(), members_.end(),
                       [](const Member& member) { return member.progress.state == State::kDone; }));
     for (const Waiting& waiting : waiting_) {
-        const Member& member = members_[waiting.member];
-        const bool fit = member.code != ExitCode::kRefused || member.progress.attempts > 0;
+        const bool fit = refused_.count(waiting.member) == 0;
         if (done + canaries_.size() < request_.canaries && fit) {
             canaries_[waiting.member] = false;
         }
@@ -216,12 +237,6 @@ void Runner::Perform(size_t index) {
         const std::lock_guard<std::mutex> guard(mutex_);
         member = members_[index];
     }
-    const bool refused = member.code == ExitCode::kRefused && member.progress.attempts == 0 &&
-                         member.progress.state == State::kPlanned;
-    if (refused) {
-        Enter(index, &member, State::kFailed);
-        return;
-    }
     Attempt attempt(this, index, member);
     if (NextFor(member.progress) == Next::kLook) {
         attempt.Look();
@@ -231,11 +246,15 @@ void Runner::Perform(size_t index) {
 }
 
 void Runner::ConcludeFailure(const Member& member, size_t index) {
-    if (MayRetry(member) && member.progress.attempts <= request_.retries) {
+    if (MayRetry(member) && retried_[index] < request_.retries) {
+        ++retried_[index];
         Queue(index, request_.retryPause);
         listener_->Line(
             index, "next attempt in " + std::to_string(request_.retryPause.count() / 1000) + " s");
         return;
+    }
+    if (member.code == ExitCode::kRefused && refused_.count(index) != 0) {
+        return;  // the plan said so
     }
     ++failures_;
     if (canaries_.count(index) != 0) {

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/device/discovery_client.h"
+#include "tools/device/match.h"
 #include "tools/device/upgrade_session.h"
 #include "tools/fleet/journal.h"
 
@@ -23,9 +23,11 @@ struct RunRequest {
     std::string ic;        // its chip type
     std::string sensor;
     size_t jobs = 1;
-    size_t canaries = 0;     // number of devices to see alive before the others start
-    size_t maxFailures = 0;  // number of failures after which no more start; 0: no limit
-    int retries = 0;         // further attempts at a device that has not accepted anything
+    size_t canaries = 0;  // number of devices to see alive before the others start
+    // Number of failures after which no more start; 0: no limit. Devices that were refused before
+    // the run do not count while they stay refused.
+    size_t maxFailures = 0;
+    int retries = 0;  // further attempts of this run at a device that accepted nothing
     Millis retryPause{5000};
     UpgradeTimes times;
     DiscoveryRequest discovery;         // how to search for a device
@@ -35,6 +37,8 @@ struct RunRequest {
     bool keepOpen = false;              // wait for more devices until `startNothing` is raised
     const Interrupt& startNothing;      // once raised, no upgrade starts; those under way continue
     const Interrupt& stopNow;           // once raised, upgrades under way are abandoned
+    // For a device that the plan has not seen, or that was refused, once it is there.
+    Matcher matcher{};
 };
 
 // Called from several threads, one at a time. `member` counts from 0 in the order of Add and
@@ -49,6 +53,8 @@ class RunListener {
     virtual void Line(size_t member, const std::string& text) = 0;
     // A message about the run as a whole.
     virtual void Note(const std::string& text) = 0;
+    // From now on no more upgrades start. Called at most once.
+    virtual void Stopping(const std::string& why) = 0;
     // About ten times a second.
     virtual void Tick() = 0;
 };
@@ -59,9 +65,11 @@ class Runner {
     Runner(const RunRequest& request, Journal* journal, RunListener* listener)
         : request_(request), journal_(journal), listener_(listener) {}
 
-    // Adds a device to upgrade. A device of an earlier run continues where that run left it. Each
-    // device is added once. May be called on any thread, before Run or during it.
-    void Add(Member member);
+    // Adds a device to upgrade. A device of an earlier run continues where that run left it, also
+    // if that run refused it. A device that the plan of this run refuses fails at once. Each device
+    // is added once. May be called on any thread, before Run or during it. Blocks until the journal
+    // has the failure.
+    void Add(Member added);
     // Makes another attempt at a device that has failed without accepting anything, at this
     // address. Does nothing in other states. May be called on any thread.
     void TryAgain(const std::string& id, const std::string& address);
@@ -106,6 +114,8 @@ class Runner {
 
     // An attempt enters a state. Writes the journal first, then tells the listener.
     void Enter(size_t index, Member* member, State state);
+    // The MAC address of this member is now known. Returns false if another member has it.
+    bool Claim(size_t index, const std::string& mac);
     // The device has certainly not accepted. The journal does not record that, so a later run looks
     // again.
     void Settle(size_t index, const Member& member);
@@ -120,7 +130,9 @@ class Runner {
     std::deque<Waiting> waiting_;
     std::map<size_t, bool> canaries_;  // whether each was seen alive; empty: nobody has to wait
     std::set<size_t> underWay_;
-    size_t failures_ = 0;
+    std::map<size_t, int> retried_;  // further attempts in this run
+    std::set<size_t> refused_;       // when they were added
+    size_t failures_ = 0;            // without those that are still refused
     std::string stopped_;
     std::string journalTrouble_;
 };

@@ -26,8 +26,9 @@ double SecondsNow() {
 }
 
 const Member* FindMember(const std::vector<Member>& members, const std::string& id) {
-    const auto found = std::find_if(members.begin(), members.end(),
-                                    [&id](const Member& member) { return member.id == id; });
+    const auto found = std::find_if(members.begin(), members.end(), [&id](const Member& member) {
+        return member.id == id || member.mac == id;
+    });
     return found == members.end() ? nullptr : &*found;
 }
 
@@ -233,6 +234,10 @@ Json RunControl::Start(int plan) {
     const std::lock_guard<std::mutex> guard(mutex_);
     if (flying_ || ending_) {
         throw HttpError(409, flying_ ? "a run is under way" : "kvtool is about to end");
+    }
+    if (planning_) {
+        // It would be a plan for the journal as it is before this run.
+        throw HttpError(409, "another plan is being made");
     }
     if (!plan_ || plan_->id != plan) {
         throw HttpError(409, "this plan is no longer valid: make a new one");

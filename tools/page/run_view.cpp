@@ -84,8 +84,14 @@ void RunView::Line(size_t member, const std::string& text) {
 
 void RunView::Note(const std::string& text) {
     const std::lock_guard<std::mutex> guard(mutex_);
-    stopped_ = text;
     model_->Note(text);
+}
+
+// The page shows the reason as part of the run.
+void RunView::Stopping(const std::string& why) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    stopped_ = why;
+    model_->SetRun(RunJsonLocked());
 }
 
 void RunView::Tick() {

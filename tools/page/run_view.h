@@ -33,6 +33,7 @@ class RunView : public fleet::RunListener {
     void Progress(size_t member, const UploadProgress& progress) override;
     void Line(size_t member, const std::string& text) override;
     void Note(const std::string& text) override;
+    void Stopping(const std::string& why) override;
     void Tick() override;
 
     // The run is over. `code`: empty if it was cut off.

@@ -79,7 +79,10 @@ function upgradeOf(member) {
   ];
 }
 
-function historyItem({ member, states, package: what }) {
+function historyItem({ member, states, package: what, error }) {
+  if (error) {
+    return el("li", {}, el("p", { class: "trouble" }, foreign(error)));
+  }
   const kind = { done: "good", failed: "bad" }[member.state] ?? "quiet";
   return el(
     "li",

@@ -386,7 +386,8 @@ export function startRun() {
     const key = JSON.stringify(run && [run.id, run.state, run.done, run.failed]);
     if (run && key !== told) {
       told = key;
-      announce("run", `${run.state === "ended" ? "The upgrade has ended" : "Upgrade"}: ${totalText(run)}.`);
+      const why = run.state === "stopping" && run.stopped ? ` ${run.stopped}.` : "";
+      announce("run", `${run.state === "ended" ? "The upgrade has ended" : "Upgrade"}: ${totalText(run)}.${why}`);
     }
   });
   on("note", (note) => {
