@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <set>
 
@@ -60,8 +61,15 @@ bool Wanted(const std::vector<std::string>& interfaces, const char* name) {
            std::find(interfaces.begin(), interfaces.end(), name) != interfaces.end();
 }
 
+// A bridge without a link has no cable that somebody could plug in. Containers leave such bridges
+// behind.
+bool IsBridge(const std::string& interface) {
+    std::error_code ignored;
+    return std::filesystem::exists("/sys/class/net/" + interface + "/bridge", ignored);
+}
+
 // The broadcast address of each subnet, and the limited broadcast address. The latter also reaches
-// a device with an address of another subnet.
+// a device with an address of another subnet. Unnamed bridges without a link are left out.
 std::vector<Target> BroadcastTargets(const std::vector<std::string>& interfaces) {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) {
@@ -75,12 +83,16 @@ std::vector<Target> BroadcastTargets(const std::vector<std::string>& interfaces)
             item->ifa_broadaddr == nullptr || !Wanted(interfaces, item->ifa_name)) {
             continue;
         }
+        const bool hasLink = (item->ifa_flags & IFF_RUNNING) != 0;
+        if (!hasLink && interfaces.empty() && IsBridge(item->ifa_name)) {
+            continue;
+        }
         Target target;
         target.label = item->ifa_name;
         target.source = Ipv4Of(item->ifa_addr);
         target.interfaceIndex = if_nametoindex(item->ifa_name);
         target.sourceMac = MacOf(list, item->ifa_name);
-        target.hasLink = (item->ifa_flags & IFF_RUNNING) != 0;
+        target.hasLink = hasLink;
         target.destination.s_addr = INADDR_BROADCAST;
         targets.push_back(target);
         target.destination = Ipv4Of(item->ifa_broadaddr);
