@@ -95,9 +95,20 @@ void Take(const Json& line, const char* key, Value* value) {
     }
 }
 
-// A text may come from another program, and goes to terminals and pages. `line` has the key.
+// A text may come from another program, and goes to terminals and pages. kvtool writes texts that
+// are Printable. They stay as they are, because the backslashes of their escapes are kept.
+std::string Safe(const std::string& text) {
+    std::string safe;
+    size_t at = 0;
+    for (size_t end; (end = text.find('\\', at)) != std::string::npos; at = end + 1) {
+        safe += Printable(text.substr(at, end - at)) + '\\';
+    }
+    return safe + Printable(text.substr(at));
+}
+
+// `line` has the key.
 std::string Text(const Json& line, const char* key) {
-    return Printable(line.at(key).get<std::string>());
+    return Safe(line.at(key).get<std::string>());
 }
 
 void Take(const Json& line, const char* key, std::string* text) {
@@ -110,7 +121,7 @@ void Take(const Json& line, const char* key, std::vector<std::string>* texts) {
     if (line.contains(key)) {
         *texts = line.at(key).get<std::vector<std::string>>();
         for (std::string& text : *texts) {
-            text = Printable(text);
+            text = Safe(text);
         }
     }
 }

@@ -54,9 +54,9 @@ struct JournalContents {
     uint64_t whole = 0;  // bytes of the complete lines
 };
 
-// The texts of the contents are Printable. They have no run if the first run ended before it had
-// written its first line. Throws ToolError(kRefused) if the file cannot be read, is not a journal,
-// or is damaged anywhere but in its last line.
+// The texts of the contents are safe to print. They have no run if the first run ended before it
+// had written its first line. Throws ToolError(kRefused) if the file cannot be read, is not a
+// journal, or is damaged anywhere but in its last line.
 JournalContents ReadJournal(const std::string& path);
 
 // Gets each line once it has been written, on the thread that wrote it and under the journal's
