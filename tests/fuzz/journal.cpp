@@ -21,7 +21,8 @@ std::string Lines(Input* in) {
         const std::string device = R"("device":"d)" + std::to_string(in->Below(3)) + "\"";
         const auto state = static_cast<State>(in->Below(8));
         const std::string events[] = {
-            R"("state",)" + device + R"(,"state":")" + StateName(state) + "\"" + in->Piece(),
+            R"("state",)" + device + R"(,"state":")" + StateName(state) +
+                R"(","observed":["o\\x1B"])" + in->Piece(),
             R"("run","package":{"file":"p","size":9,"md5":"m"},"devices":[{)" + device + "}]",
             R"("planned",)" + device + R"(,"command_port":80,"code":3,"text":"t")",
             R"("end","run":1,"exit_code":0)" + in->Piece()};
@@ -49,7 +50,9 @@ void RequireSound(const JournalContents& contents) {
 void Continue(const std::string& path, const std::string& id, Input* in) {
     const JournalContents before = ReadJournal(path);
     RequireSound(before);
-    Journal journal = Journal::Open(path);
+    // A journal that has grown since it was read is not continued.
+    Require(Try([&path] { (void)Journal::Continue(path, {}); }) == (before.whole == 0));
+    Journal journal = Journal::Continue(path, before);
     Member member;
     member.id = member.firmware = id;
     member.code = in->Below(2) == 0 ? ExitCode::kDone : ExitCode::kRefused;
