@@ -53,9 +53,10 @@ async function step(name, body) {
     await body();
     assert.deepEqual([outside, trouble], [[], []]);
   } catch (error) {
+    const seen = [...outside, ...trouble]; // a screenshot may add some
     await page?.screenshot({ path: `${bin}/../page-failure.png`, fullPage: true }).catch(() => {});
     const shown = await page?.innerText("body").catch(() => "");
-    console.error(`FAILED ${name}\n${shown}\n${server?.output}\n${[...outside, ...trouble]}\n${error.stack}`);
+    console.error(`FAILED ${name}\n${shown}\n${server?.output}\n${seen}\n${error.stack}`);
     await server?.end("SIGKILL");
     process.exit(1);
   }
@@ -329,6 +330,7 @@ await step("Firefox: list, package, map, plan", async () => {
   page = await openPage(await other.newContext({ viewport: { width: 1280, height: 900 } }), address);
   await sees("4 of 4 done");
   await page.getByRole("button", { name: "Remove" }).click();
+  await sees("Drop an upgrade package anywhere on this page");
   await give("camera-1.2.FLS", firmware);
   await sees("no errors");
   assert.equal(await page.locator("svg.map rect.image").count(), 3);

@@ -179,6 +179,7 @@ function paintUpload(name, loaded, total) {
   if (!bar) {
     bar = el("progress", { id: "sending", "aria-label": "Upload of the package to kvtool", max: 1 });
     fold(false);
+    byId("package-summary").replaceChildren();
     body.replaceChildren(
       el(
         "div",
