@@ -261,12 +261,15 @@ TEST_F(MiniProtocol, AClientThatAsksAndNeverReadsCostsOneReply) {
     }
     ASSERT_TRUE(WaitUntil([&] { return CountOf(log_.Text(), "io write failed:0 errno:11!") > 0; }));
     EXPECT_LT(PrivateKib() - before, 1024);
-    // A client that finally reads gets what is queued, and is served again.
+    // A client that finally reads gets what is queued, and is served again. A pause between two
+    // replies looks like their end; a request that arrives then is ignored as part of a chunk.
     const TcpClient& late = clients.front();
-    while (late.Readable(200)) {
-        ASSERT_FALSE(late.Receive(1).empty());
-    }
-    EXPECT_EQ(late.Ask(Frame(kHeartbeat)), ReplyHeader(kHeartbeat, 0, 0));
+    EXPECT_TRUE(WaitUntil([&] {
+        while (late.Readable(200) && !late.Receive(1).empty()) {
+        }
+        return late.Send(Frame(kHeartbeat)) &&
+               late.Receive(32, 5000) == ReplyHeader(kHeartbeat, 0, 0);
+    }));
     clients.clear();
     KV_HV_LoopPoolSettle();
     EXPECT_LT(PrivateKib() - before, 1024);
@@ -366,7 +369,7 @@ TEST(MiniService, AStopDoesNotWaitForQueuedRequests) {
     const Capture output(1);
     EXPECT_EQ(KV_MINI_ServiceStart(), 0);
     std::vector<TcpClient> clients;
-    for (int i = 0; i < 30; ++i) {
+    for (int i = 0; i < 60; ++i) {
         clients.emplace_back(kPort);
         ASSERT_TRUE(clients.back().Send(UpgradeFrame(1000))) << i;
     }
@@ -374,7 +377,7 @@ TEST(MiniService, AStopDoesNotWaitForQueuedRequests) {
     const auto begin = Clock::now();
     EXPECT_EQ(KV_MINI_ServiceStop(), 0);
     // Each of the three workers is in a callback that takes 1.1 s.
-    EXPECT_LT(SecondsSince(begin), 6) << "all 30 take 11 s";
+    EXPECT_LT(SecondsSince(begin), 15) << "all 60 take 21 s";
 }
 
 }  // namespace
