@@ -61,17 +61,23 @@ TEST_F(KvtoolWithDevice, InterruptEndsAtOnceAndSaysHowTheDeviceIsLeft) {
         (void)unlink("/tmp/go");
         fake::Script script;
         script.stopAfter = 1000;
+        if (!c.inUpload) {
+            // Without this answer the tool waits and sends no package.
+            script.edit = [](uint16_t command, const fake::Bytes& reply) {
+                return command == 0x2003 ? fake::Bytes() : reply;
+            };
+        }
         fake::Device device(script);
         std::thread goes([&] {
             EXPECT_TRUE(WaitUntil([&] { return !c.inUpload || !device.UpgradeRequest().empty(); }));
             WriteFile("/tmp/go", "");
         });
-        EXPECT_EQ(
-            RunTool({"upgrade", "--port", std::to_string(device.Port()), "127.0.0.1", Path("good")},
-                    "identify:",
-                    std::string("until [ -e /tmp/go ]; do sleep 0.01; done; kill -") + c.signal +
-                        " $tool"),
-            130);
+        EXPECT_EQ(RunTool({"upgrade", "--port", std::to_string(device.Port()), "--reply-timeout",
+                           "60", "127.0.0.1", Path("good")},
+                          "login:",
+                          std::string("until [ -e /tmp/go ]; do sleep 0.01; done; kill -") +
+                              c.signal + " $tool"),
+                  130);
         goes.join();
         EXPECT_TRUE(Contains(ReadFile("/tmp/tool.err"), c.left)) << ReadFile("/tmp/tool.err");
     }
@@ -134,7 +140,7 @@ TEST_F(KvtoolWithDevice, DiscoverListsAndWatches) {
     })) << output;
 
     Arguments watch = discover;
-    watch.insert(watch.end(), {"--watch", "--timeout", "0.2", "--match", "mac=*:01", "--json"});
+    watch.insert(watch.end(), {"--watch", "--timeout", "2", "--match", "mac=*:01", "--json"});
     EXPECT_EQ(RunTool(watch, "warning", "kill -INT $tool"), 0);
     std::istringstream lines(ReadFile("/tmp/tool.out"));
     std::vector<nlohmann::json> objects;
