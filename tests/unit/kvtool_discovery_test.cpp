@@ -84,14 +84,21 @@ TEST(KvtoolDiscover, MalformedRepliesAreNamedAndNotTrusted) {
 TEST(KvtoolDiscover, AHostsOwnAnswerEndsTheSearch) {
     kvtool::DiscoveryRequest request;
     request.host = "127.0.0.2";
-    request.timeout = kvtool::Millis(2000);
-    for (const char* const sender : {"127.0.0.2", "127.0.0.3"}) {
+    double took = 0;
+    const auto finds = [&](const char* sender, int timeoutSeconds) {
         const fake::Responder responder(sender, 0, SearchReply());
         request.port = responder.Port();
+        request.timeout = kvtool::Millis(timeoutSeconds * 1000);
         const auto start = kvtool::Clock::now();
-        EXPECT_EQ(kvtool::Discover(request, nullptr).devices.size(), 1U) << sender;
-        EXPECT_EQ(kvtool::SecondsSince(start) < 1.5, sender == request.host) << sender;
-    }
+        const size_t found = kvtool::Discover(request, nullptr).devices.size();
+        took = kvtool::SecondsSince(start);
+        return found == 1;
+    };
+    EXPECT_TRUE(finds("127.0.0.2", 60));
+    EXPECT_LT(took, 50);
+    // Another host's answer does not end it. On a busy machine that answer may come too late.
+    EXPECT_TRUE(WaitUntil([&] { return finds("127.0.0.3", 2); }));
+    EXPECT_GE(took, 2);
 }
 
 // The reader pauses at the first answer, so the others wait in the sockets: 500 of them or, where
@@ -116,15 +123,14 @@ TEST(KvtoolDiscover, LosesNoneOfFiveHundredAnswersAtOnce) {
     kvtool::DiscoveryRequest request;
     request.host = "127.0.0.2";
     request.port = responder.Port();
-    request.timeout = kvtool::Millis(2000);
+    request.timeout = kvtool::Millis(60000);
     request.repeat = 1;
-    bool first = true;
-    const auto result = kvtool::Discover(request, [&first](const kvtool::FoundDevice&) {
-        if (first) {
-            first = false;
+    int seen = 0;
+    const auto result = kvtool::Discover(request, [&seen, count](const kvtool::FoundDevice&) {
+        if (seen == 0) {
             std::this_thread::sleep_for(milliseconds(300));
         }
-        return false;
+        return ++seen == count;
     });
     EXPECT_EQ(result.devices.size(), static_cast<size_t>(count));
 }
@@ -219,13 +225,14 @@ TEST(KvtoolDiscover, AnInterfaceWithoutALinkCarriesNoSearch) {
     (void)Shell(
         "ip link add pc0 type veth peer name wire && ip link set pc0 up && "
         "ip address add 10.7.0.2/24 brd + dev pc0");
+    // A new interface counts as running until the kernel has looked at its link.
+    EXPECT_TRUE(WaitUntil([] { return kvtool::SearchInterfaces({}).empty(); }));
     kvtool::DiscoveryRequest request;
     request.port = 6789;
     request.timeout = kvtool::Millis(100);
     const auto result = kvtool::Discover(request, nullptr);
     EXPECT_EQ(result.sent, 0);
     EXPECT_EQ(result.problems, std::vector<std::string>{"pc0: no link"});
-    EXPECT_TRUE(kvtool::SearchInterfaces({}).empty());
     (void)Shell("ip link set wire up");
     EXPECT_TRUE(WaitUntil([] { return !kvtool::SearchInterfaces({}).empty(); }));
     EXPECT_GT(kvtool::Discover(request, nullptr).sent, 0);
