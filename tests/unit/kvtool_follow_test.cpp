@@ -187,7 +187,7 @@ TEST(KvtoolFollow, KnowsTheDeviceByItsMac) {
         run.times.ask = kLong;
         run.times.searchEvery = Millis(0);
         run.times.back = c.back;
-        if (c.back != kLong) {
+        if (c.code == ExitCode::kNotSeenAlive) {
             run.times.search = kShort;  // nobody ends this search
         }
         run.target.discoveryPort = responder.Port();
