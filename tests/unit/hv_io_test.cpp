@@ -217,24 +217,44 @@ TEST_F(HvIo, WritingToAPeerThatIsGoneFailsWithoutASignal) {
 }
 
 TEST_F(HvIo, ReadTimeoutCountsFromTheLastArrivalAndCanBeRemoved) {
-    server_.onAccept = [](hio_t* io) { hio_set_read_timeout(io, 2500); };
     const TcpClient freed = Connected();
-    loop_.Do([&] { hio_set_read_timeout(server_.last, 0); });
-    const TcpClient client = Connected();
-    Clock::time_point last;
-    for (size_t i = 1; i <= 7; ++i) {
+    loop_.Do([&] {
+        hio_set_read_timeout(server_.last, 2500);
+        hio_set_read_timeout(server_.last, 0);
+    });
+    server_.onAccept = [](hio_t* io) { hio_set_read_timeout(io, 2500); };
+    size_t received = 0;
+    size_t closed = 0;
+    auto last = Clock::now();
+    TcpClient client = Connected();
+    for (int arrivals = 0, restarts = 0; arrivals < 7; ++arrivals) {
         usleep(400000);
-        EXPECT_EQ(server_.closed.Count(), 0U);
+        const auto before = last;
         last = Clock::now();
         client.Send("x");
-        ASSERT_TRUE(server_.received.WaitFor(i));
+        const bool arrived = WaitUntil(
+            [&] { return server_.received.Count() > received || server_.closed.Count() > closed; });
+        // A stall of this machine may end the connection rightly. Then another one begins.
+        if (SecondsSince(before) > 2.3 && ++restarts < 10) {
+            client.Close();
+            ASSERT_TRUE(server_.closed.WaitFor(++closed));
+            received = server_.received.Count();
+            last = Clock::now();
+            client = Connected();
+            arrivals = -1;
+            continue;
+        }
+        ASSERT_TRUE(arrived);
+        ASSERT_EQ(server_.closed.Count(), closed);
+        received = server_.received.Count();
     }
     EXPECT_TRUE(client.Ends());
     EXPECT_GE(Clock::now() - last, milliseconds(2390));  // libhv rounds down to a tenth
     EXPECT_LT(Clock::now() - last, milliseconds(20000));
-    EXPECT_EQ(server_.closed.Count(), 1U);
+    EXPECT_TRUE(server_.closed.WaitFor(closed + 1));
+    EXPECT_EQ(server_.closed.Count(), closed + 1);
     freed.Send("z");
-    EXPECT_TRUE(server_.received.WaitFor(8));
+    EXPECT_TRUE(server_.received.WaitFor(received + 1));
 }
 
 TEST_F(HvIo, ACallbackThatBlocksDoesNotShortenTheTimeout) {
