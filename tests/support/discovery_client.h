@@ -72,7 +72,7 @@ class DiscoveryClient {
                   static_cast<ssize_t>(bytes.size()));
     }
     // The next answer; empty if none comes in time.
-    Bytes Receive(int timeoutMs = 10000) const {
+    Bytes Receive(int timeoutMs = 60000) const {
         Bytes bytes(2048);
         struct pollfd ready = {fd_.Get(), POLLIN, 0};
         const bool came = poll(&ready, 1, timeoutMs) == 1;

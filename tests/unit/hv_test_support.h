@@ -87,7 +87,7 @@ class Tally {
     }
     bool WaitFor(size_t n) {
         std::unique_lock<std::mutex> guard(mutex_);
-        return changed_.wait_for(guard, std::chrono::seconds(20), [&] { return count_ >= n; });
+        return changed_.wait_for(guard, std::chrono::seconds(60), [&] { return count_ >= n; });
     }
 
   private:

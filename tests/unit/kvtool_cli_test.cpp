@@ -58,7 +58,7 @@ TEST_F(KvtoolCli, PackFollowsLinksAndWritesIntoWhatIsNoFile) {
         WriteFile(Path("layout"), "old");
     }
     (void)unlink(Path("layout").c_str());
-    const auto piped = kv_test::Run("mkfifo " + Path("layout") + "; timeout 10 cat " +
+    const auto piped = kv_test::Run("mkfifo " + Path("layout") + "; timeout 60 cat " +
                                     Path("layout") + " & " + Line(pack) + " >/dev/null; wait");
     EXPECT_TRUE(piped.output == Read("good"));
 }

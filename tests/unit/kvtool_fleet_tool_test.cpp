@@ -25,7 +25,7 @@ void KillAndResume(int line) {
     const kv_test::Folder folder;
     const std::string journal = folder.Path("journal");
     const std::string times =
-        " --yes --leave-timeout 3 --back-timeout 20 --interface lo --journal " + journal;
+        " --yes --leave-timeout 20 --back-timeout 20 --interface lo --journal " + journal;
     const auto killed =
         Tool("upgrade /tmp/good " + first.address + " " + second.address + times,
              "KILL_AT_SYNC=" + std::to_string(line) +

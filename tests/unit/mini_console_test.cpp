@@ -33,7 +33,7 @@ class Client {
         EXPECT_EQ(write(command_.Get(), message.data(), message.size()),
                   static_cast<ssize_t>(message.size()));
         struct pollfd ready = {reply_.Get(), POLLIN, 0};
-        if (poll(&ready, 1, 5000) != 1) {
+        if (poll(&ready, 1, 60000) != 1) {
             return "no reply";
         }
         char text[8200];
