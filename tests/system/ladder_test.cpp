@@ -10,7 +10,7 @@ namespace {
 constexpr char kSpeed[] = "20";
 constexpr double kCheckPeriod = 3;
 // At this speed a second of the host is 20 s of the board.
-constexpr double kLag = 20;
+constexpr double kLag = 60;
 
 // An application that does `steps`, a shell script that calls `mode MODE [SECONDS]`. Each start
 // ends the one before, as the contract of startapp.sh requires.
@@ -111,8 +111,8 @@ TEST(Ladder, TakesTheStepsOfABoard) {
     } rows[] = {
         {"silent", "mode silent", 2},
         {"silent 40s, beat 20s, silent", "mode silent 40; mode beat 20; mode silent", 1},
-        {"beat 10s, silent 100s, beat 10s, silent; restart: silent",
-         "[ ! -e /tmp/again ] || mode silent; : >/tmp/again; mode beat 10; mode silent 100; "
+        {"beat 10s, silent 60s, beat 10s, silent; restart: silent",
+         "[ ! -e /tmp/again ] || mode silent; : >/tmp/again; mode beat 10; mode silent 60; "
          "mode beat 10; mode silent",
          1},
     };
