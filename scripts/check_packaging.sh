@@ -167,7 +167,8 @@ for command in $(busybox --list | grep -v '\['); do
 done
 
 # With the same options, compile and link it against musl, OpenWrt's C library.
-if [ -d "${KV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/upgrademain}/musl-sysroot" ]; then
+if command -v arm-linux-gnueabihf-g++ >/dev/null &&
+    [ -d "${KV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/upgrademain}/musl-sysroot" ]; then
     # shellcheck disable=SC2046 # one word per option
     cmake -G Ninja -S "$work/openwrt/build" -B "$work/musl" -DCMAKE_TOOLCHAIN_FILE="$top/cmake/armhf-musl.cmake" \
         $(openwrt options) >"$work/log" 2>&1 ||

@@ -2,6 +2,7 @@
 # Fills the sysroot of the ARM build on musl: Debian's musl for armhf, the kernel's headers, and the device program's
 # three libraries. Debian builds those for glibc only, so the script builds them from Debian's source packages, into
 # usr/local. That takes about a minute. Prints the sysroot's folder. A filled sysroot needs no network.
+# The exit status is 2 if a library does not build, and another one if something cannot be fetched.
 set -euo pipefail
 shopt -s inherit_errexit
 
@@ -111,7 +112,7 @@ if [ "$wanted" != "$(cat "$sysroot/.contents" 2>/dev/null)" ]; then
     set -e
     [ $status -eq 0 ] || {
         echo "musl_sysroot: failed; the log is $log" >&2
-        exit 1
+        exit 2
     }
 fi
 echo "$sysroot"

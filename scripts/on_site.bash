@@ -20,12 +20,14 @@ open_site() {
     "$bin/vboard" site run --state "$site" "$@" >"$work/site.log" 2>&1 &
     # shellcheck disable=SC2034 # ended by on_board.bash
     runner=$!
-    for _ in $(seq 100); do
-        ! site status >/dev/null 2>&1 || return 0
+    local limit=$((SECONDS + 120))
+    until site status >/dev/null 2>&1; do
+        if ! kill -0 "$runner" 2>/dev/null || [ "$SECONDS" -ge "$limit" ]; then
+            cat "$work/site.log" >&2
+            return 1
+        fi
         sleep 0.1
     done
-    cat "$work/site.log" >&2
-    return 1
 }
 
 close_site() {

@@ -62,8 +62,9 @@ fi
 
 echo "setup: installing ${packages[*]}"
 export DEBIAN_FRONTEND=noninteractive
-"${as_root[@]}" apt-get update -q
-"${as_root[@]}" apt-get install -q -y --no-install-recommends "${packages[@]}"
+# A machine that has just started may be installing updates of its own.
+"${as_root[@]}" apt-get -o DPkg::Lock::Timeout=600 update -q
+"${as_root[@]}" apt-get -o DPkg::Lock::Timeout=600 install -q -y --no-install-recommends "${packages[@]}"
 find_missing "$@"
 [ ${#packages[@]} -eq 0 ] || {
     echo "setup: still not found after installing: ${failures[*]}" >&2

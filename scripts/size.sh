@@ -9,12 +9,16 @@ builds=host
 if scripts/setup.sh arm && scripts/arm_sysroot.sh >/dev/null; then
     scripts/build_arm.sh dynamic static
     builds="host armhf armhf-static"
-    if scripts/musl_sysroot.sh >/dev/null; then
-        scripts/build_arm.sh musl
-        builds="$builds armhf-musl"
-    else
-        echo "SKIPPED: the ARM build on musl was not measured: its libraries could not be fetched or built" >&2
-    fi
+    status=0
+    scripts/musl_sysroot.sh >/dev/null || status=$?
+    case $status in
+        0)
+            scripts/build_arm.sh musl
+            builds="$builds armhf-musl"
+            ;;
+        2) exit 2 ;;
+        *) echo "SKIPPED: the ARM build on musl was not measured: its libraries could not be fetched" >&2 ;;
+    esac
 else
     echo "SKIPPED: the ARM builds were not measured: no cross compiler or ARM libraries, and no way to fetch them" >&2
 fi

@@ -3,7 +3,7 @@
 import subprocess
 
 import nor
-from channel import Failure
+from channel import PATIENCE, Failure
 from machine import Machine
 
 JOIN_TIMEOUT = 90
@@ -53,7 +53,7 @@ class Board:
     def tool(self, *arguments, timeout=120):
         """Returns kvtool's output; raises Failure if its status is not 0."""
         result = subprocess.run([self._kvtool, *arguments], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                                timeout=timeout, check=False)
+                                timeout=PATIENCE * timeout, check=False)
         if result.returncode != 0:
             raise Failure(f"kvtool {arguments[0]}: status {result.returncode}: {result.stdout}")
         return result.stdout

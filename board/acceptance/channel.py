@@ -5,6 +5,10 @@ import threading
 import time
 
 
+# The limits of the waits are those of an idle PC. A busy one delays the emulator, so each is multiplied by this.
+PATIENCE = 5
+
+
 class Failure(Exception):
     """A step did not see what it must see."""
 
@@ -53,8 +57,9 @@ class Channel:
             return self._text[position:]
 
     def wait(self, pattern, timeout, since):
-        """Returns the first match after the position since; raises Failure after timeout seconds."""
+        """Returns the first match after the position since; raises Failure after PATIENCE times timeout seconds."""
         expression = re.compile(pattern, re.MULTILINE)
+        timeout *= PATIENCE
         deadline = time.monotonic() + timeout
         with self._changed:
             while True:

@@ -7,7 +7,7 @@ import subprocess
 import threading
 import time
 
-from channel import Channel, Failure
+from channel import PATIENCE, Channel, Failure
 
 BOOT_TIMEOUT = 90
 BUTTON = {"path": "/machine/soc/gpio", "property": "gpioD2"}  # line 26; low is pressed
@@ -55,7 +55,7 @@ class Qmp:
     def command(self, execute, **arguments):
         number = self.send(execute, arguments)
         with self._changed:
-            self._changed.wait_for(lambda: number in self._answers or self._ended, 30)
+            self._changed.wait_for(lambda: number in self._answers or self._ended, 30 * PATIENCE)
             answer = self._answers.pop(number, {"error": {"desc": "no answer"}})
         if "error" in answer:
             raise Failure(f"QEMU: {execute}: {answer['error']['desc']}")
@@ -140,7 +140,11 @@ class Machine:
             return self._resets
 
     def wait_reset(self, count, timeout):
-        """Waits for the count-th reset of this machine. Returns the monotonic time of the watchdog's last reset."""
+        """Waits for the count-th reset of this machine, for PATIENCE times timeout seconds.
+
+        Returns the monotonic time of the watchdog's last reset.
+        """
+        timeout *= PATIENCE
         with self._changed:
             if not self._changed.wait_for(lambda: self._resets >= count, timeout):
                 raise Failure(f"no reset within {timeout:g} s")

@@ -19,4 +19,7 @@ foreach(component tools doc)
     endif()
     file(GLOB pages "${share}/man/man*/*")
     execute_process(COMMAND gzip -9n ${pages} "${share}/doc/${package}/changelog.Debian" COMMAND_ERROR_IS_FATAL ANY)
+    # The modes must not depend on the umask of whoever checked the sources out.
+    execute_process(COMMAND chmod -R u=rwX,go=rX "${CPACK_TEMPORARY_INSTALL_DIRECTORY}/${component}"
+                    COMMAND_ERROR_IS_FATAL ANY)
 endforeach()

@@ -22,16 +22,29 @@ export function run(command, ...words) {
 }
 export const board = (number, ...words) => run(`${bin}/vboard`, "--state", `${site}/boards/${number}`, ...words);
 
-// Waits until `ready` returns something true, for at most `seconds`.
-export async function until(what, ready, seconds = 30) {
-  const end = Date.now() + 1000 * seconds;
+// How long to wait for what must happen, in seconds. Passing ends each wait, so a busy machine may take its time.
+const kPatience = 180;
+
+export async function patientContext(browser, options = {}) {
+  const context = await browser.newContext(options);
+  context.setDefaultTimeout(1000 * kPatience);
+  return context;
+}
+
+// The rate at which this computer sends. Set it before uploads that something must interrupt.
+export const setRate = (rate) =>
+  run("tc", ..."qdisc change dev wlan0 root tbf burst 64kb latency 50ms rate".split(" "), rate);
+
+// Waits until `ready` returns something true.
+export async function until(what, ready) {
+  const end = Date.now() + 1000 * kPatience;
   for (;;) {
     const value = await ready();
     if (value) {
       return value;
     }
     if (Date.now() > end) {
-      throw new Error(`not seen in ${seconds} s: ${what}`);
+      throw new Error(`not seen in ${kPatience} s: ${what}`);
     }
     await pause(50);
   }

@@ -52,6 +52,11 @@ class Child {
     pid_t pid_ = -1;
 };
 
+// How long kvtool waits for a device, in seconds. Devices that fail on purpose need an end soon.
+struct Patience {
+    std::string stall = "15", leave = "60", back = "40";
+};
+
 class FleetSite : public testing::Test {
   protected:
     void SetUp() override {
@@ -79,9 +84,14 @@ class FleetSite : public testing::Test {
     std::string Journal() const { return folder_.Path("journal"); }
     void Start(int count, const Lines& options = {"--no-eth"},
                const std::string& program = BinDir() + "/upgradeMain") const {
-        Expect(Joined(
-            {{"site", "start", std::to_string(count), "--state", SiteFolder()}, options, {"--"}},
-            {program}));
+        const CommandResult started =
+            RunCommand(Joined({{"site", "start", std::to_string(count), "--state", SiteFolder()},
+                               {"--timeout", "300"},
+                               options,
+                               {"--"}},
+                              {program}),
+                       310);
+        EXPECT_EQ(started.status, 0) << started.output;
     }
     static Lines Joined(const std::vector<Lines>& parts, const Lines& last) {
         Lines all = {BinDir() + "/vboard"};
@@ -114,10 +124,10 @@ class FleetSite : public testing::Test {
         command.insert(command.end(), arguments.begin(), arguments.end());
         return OnLaptop(command);
     }
-    Lines Upgrade(const Lines& more, const std::string& leave = "60") const {
-        Lines arguments = {"upgrade", folder_.Path("good"), "--yes", "--journal",
-                           Journal(), "--stall-timeout",    "15",    "--leave-timeout",
-                           leave,     "--back-timeout",     "40"};
+    Lines Upgrade(const Lines& more, const Patience& patience = {}) const {
+        Lines arguments = {"upgrade",      folder_.Path("good"), "--yes",        "--journal",
+                           Journal(),      "--stall-timeout",    patience.stall, "--leave-timeout",
+                           patience.leave, "--back-timeout",     patience.back};
         arguments.insert(arguments.end(), more.begin(), more.end());
         return Tool(arguments);
     }
@@ -211,7 +221,6 @@ TEST_F(FleetSite, EachFailureIsReportedAndTheOthersAreUpgraded) {
     std::thread second([this] {
         EXPECT_TRUE(WaitEntered(MacOf(2), "uploading"));
         (void)OnBoard(2, {"ap", "down"});
-        SetRate("40mbit");
     });
     std::thread third([this] {
         EXPECT_TRUE(WaitEntered(MacOf(3), "accepted"));
@@ -222,6 +231,7 @@ TEST_F(FleetSite, EachFailureIsReportedAndTheOthersAreUpgraded) {
         {"upgrade", folder_.Path("good"), MacOf(1), "--yes", "--journal", folder_.Path("third")}));
     EXPECT_EQ(other.status, 13);
     EXPECT_TRUE(Contains(other.output, "is being upgraded by kvtool, process")) << other.output;
+    SetRate("40mbit");
     second.join();
     third.join();
     EXPECT_EQ(run.Await(), 13);
@@ -246,7 +256,7 @@ TEST_F(FleetSite, EachFailureIsReportedAndTheOthersAreUpgraded) {
     (void)OnBoard(2, {"reset"});
     (void)OnBoard(3, {"ap", "unmute"});
     EXPECT_TRUE(WaitUntil([this] { return Contains(Plan({MacOf(2)}), "172.20.19.8  PRT7K"); }, 60));
-    EXPECT_EQ(RunCommand(Upgrade({"--resume"}), 120).status, 13);
+    EXPECT_EQ(RunCommand(Upgrade({"--resume"}), 300).status, 13);
     devices = Report();
     EXPECT_EQ(devices[MacOf(2)].at("state"), "done") << devices[MacOf(2)];
     EXPECT_EQ(devices[MacOf(2)].at("address"), "172.20.19.8");
@@ -266,7 +276,8 @@ TEST_F(FleetSite, ADeviceThatNeverAcceptsStaysInDoubtUntilItIsRepaired) {
     (void)OnBoard(1, {"fault", "reboot", "fail"});
     (void)InBoard(1, "mount -o remount,size=1m /tmp");
     for (const char* const how : {"--all", "--resume"}) {
-        const auto run = RunCommand(Upgrade({how, "--verify-timeout", "4", "--retry", "2"}, "6"));
+        const auto run =
+            RunCommand(Upgrade({how, "--verify-timeout", "4", "--retry", "2"}, {"15", "6", "40"}));
         EXPECT_EQ(run.status, 13) << run.output;
         EXPECT_EQ(Report()[MacOf(1)].at("code"), 8) << run.output;
     }
@@ -274,7 +285,7 @@ TEST_F(FleetSite, ADeviceThatNeverAcceptsStaysInDoubtUntilItIsRepaired) {
     EXPECT_EQ(Entered(MacOf(1), "looking"), 1U);
     (void)OnBoard(1, {"fault", "reboot", "off"});
     (void)InBoard(1, "mount -o remount,size=64m /tmp");
-    const auto last = RunCommand(Upgrade({"--resume"}, "6"));
+    const auto last = RunCommand(Upgrade({"--resume"}, {"15", "20", "40"}), 200);
     EXPECT_EQ(last.status, 0) << last.output;
     EXPECT_TRUE(Contains(last.output, "it still holds the session of that upload"));
     EXPECT_EQ(Entered(MacOf(1), "accepted"), 1U);
@@ -424,6 +435,7 @@ TEST_F(FleetPage, ADeviceThatFailedIsRetriedAndTheServerIsKilledMeanwhile) {
     EXPECT_EQ(run["members"][1]["code"], 6) << run;
     EXPECT_EQ(run["members"][1]["may_retry"], true) << run;
 
+    EXPECT_TRUE(WaitUntil([this] { return State()["devices"][1]["present"] == false; }, 60));
     OnBoard(2, {"ap", "up"});
     EXPECT_TRUE(WaitUntil([this] { return State()["devices"][1]["present"] == true; }, 60));
     SetRate("4mbit");
@@ -453,18 +465,26 @@ class FleetBigSite : public FleetSite {};
 TEST_F(FleetBigSite, TwentyBoardsSurviveKills) {
     constexpr int kBoards = 20;
     Start(kBoards);
+    // No board fails here, however long a busy machine takes.
+    const Patience endless = {"300", "300", "300"};
     // kvtool is killed once the journal has this state this often.
     const std::pair<const char*, size_t> kills[] = {
         {"connecting", 5}, {"uploading", 10}, {"finishing", 3}, {"accepted", 10}};
+    const auto text = [this] { return ReadFile(Journal()); };
+    const std::string begun = "\"event\":\"run\"";
     for (const auto& [state, count] : kills) {
-        Child run(Upgrade({std::filesystem::exists(Journal()) ? "--resume" : "--all"}));
+        const size_t runs = CountOf(text(), begun);
+        Child run(Upgrade({runs > 0 ? "--resume" : "--all"}, endless));
         const std::string entered = std::string("\"state\":\"") + state + "\"";
         EXPECT_TRUE(WaitUntil(
-            [&, number = count] { return CountOf(ReadFile(Journal()), entered) >= number; }, 60));
-        std::istringstream line(ReadFile(Journal()));
+            [&, number = count] {
+                return CountOf(text(), begun) > runs && CountOf(text(), entered) >= number;
+            },
+            300));
+        std::istringstream line(text());
         pid_t process = -1;
-        for (std::string text; std::getline(line, text) && !line.eof();) {
-            const json event = json::parse(text);
+        for (std::string row; std::getline(line, row) && !line.eof();) {
+            const json event = json::parse(row);
             process = event.at("event") == "run" ? event.at("process").get<pid_t>() : process;
         }
         // The laptop has no PID namespace, so its processes have the same numbers here.
@@ -472,7 +492,7 @@ TEST_F(FleetBigSite, TwentyBoardsSurviveKills) {
         (void)kill(process, SIGKILL);
         EXPECT_EQ(run.Await(), 137);
     }
-    const auto last = RunCommand(Upgrade({"--resume"}), 200);
+    const auto last = RunCommand(Upgrade({"--resume"}, endless), 1000);
     EXPECT_EQ(last.status, 0) << last.output;
     for (int number = 1; number <= kBoards; ++number) {
         const json device = Report()[MacOf(number)];

@@ -204,6 +204,24 @@ TEST(FleetRun, OneAttemptAtATimeAtADevice) {
         << "an attempt met the lock of another one";
 }
 
+TEST(FleetRun, AWaitingDeviceIsNotQueuedAgain) {
+    Flight flight;
+    flight.request.times.ask = Millis(50);  // nobody answers
+    Member member;
+    member.id = member.mac = "02:00:5E:00:00:01";
+    member.address = "127.0.0.1";
+    member.progress.Enter(State::kConnecting);
+    member.progress.Enter(State::kFailed);
+    Journal journal = Journal::Open(flight.path);
+    journal.WriteRun(1, {"package", flight.package.size(), "md5"}, {member});
+    Runner runner(flight.request, &journal, &flight.listener);
+    runner.Add(member);
+    runner.TryAgain(member.id, member.address);
+    runner.Run();
+    EXPECT_EQ(runner.Members().at(0).progress.attempts, 2);
+    EXPECT_EQ(runner.Members().at(0).progress.state, State::kFailed);
+}
+
 TEST(FleetRun, TheRestWaitsForTheCanary) {
     Camera dead(1, Camera::BackInRecovery());
     Camera second(2);
@@ -335,9 +353,12 @@ TEST(FleetRun, ADeviceWithTwoNamesIsUpgradedOnce) {
         const fake::Responder responder(
             "10.9.0.1", 6789,
             kv_test::ExpectedReply({"10.9.0.1", "255.255.255.0", "", "", fake::MacOf(9)}));
-        const Plan plan = MakePlan(request, {});
+        Plan plan;
+        EXPECT_TRUE(kv_test::WaitUntil([&] {
+            plan = MakePlan(request, {});
+            return plan.members.at(0).id == fake::MacOf(9);
+        }));
         EXPECT_EQ(plan.members.size(), 1U);
-        EXPECT_EQ(plan.members.at(0).id, fake::MacOf(9));
     }
     (void)kv_test::Shell("ip link del lan");
 

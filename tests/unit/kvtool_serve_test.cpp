@@ -43,11 +43,12 @@ class Served {
         (void)unlink(out.c_str());
         pid_ = fork();
         if (pid_ == 0) {
-            const std::string line = std::string("exec " KVTOOL_PATH
-                                                 " serve --no-browser --json --interface lo "
-                                                 "--leave-timeout 3 --back-timeout 20 --journal ") +
-                                     WorkFolder().Path("j") + " " + options + " >" + out + " 2>" +
-                                     WorkFolder().Path("err");
+            const std::string line =
+                std::string("exec " KVTOOL_PATH
+                            " serve --no-browser --json --interface lo "
+                            "--leave-timeout 20 --back-timeout 20 --journal ") +
+                WorkFolder().Path("j") + " " + options + " >" + out + " 2>" +
+                WorkFolder().Path("err");
             (void)execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
             _exit(127);
         }
@@ -229,9 +230,17 @@ TEST_F(PageServer, BoundsConnectionsAndOpenPages) {
         idle.emplace_back(served.port);
         EXPECT_TRUE(idle.back().Send("GET /"));
     }
-    EXPECT_TRUE(kv_test::WaitUntil([&] { return Exchange(served.port, events).status == 503; }));
-    const Answer full = served.Get("/api/state");
-    EXPECT_EQ(full.status, 503);
+    // The place of a connection that was just closed may have been taken when it was still counted.
+    Answer full;
+    EXPECT_TRUE(kv_test::WaitUntil([&] {
+        full = served.Get("/api/state");
+        if (full.status != 503) {
+            idle.emplace_back(served.port);
+            (void)idle.back().Send("GET /");
+        }
+        return full.status == 503;
+    }));
+    EXPECT_LE(idle.size(), 40U);
     EXPECT_EQ(full.body, "");
     pages.clear();
     EXPECT_TRUE(kv_test::WaitUntil([&] { return served.Get("/api/state").status == 200; }))

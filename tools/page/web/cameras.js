@@ -304,7 +304,7 @@ function makeHead() {
 function sortBy(key) {
   sort = { by: key, down: sort.by === key && !sort.down };
   markSort();
-  arrange();
+  paintDevices(); // a new camera may have no row yet
 }
 
 function markSort() {
