@@ -283,7 +283,7 @@ void Board::ExpectFed() {
     ASSERT_GE(gaps.size(), 3U);
     std::sort(gaps.begin(), gaps.end());
     EXPECT_LT(gaps[gaps.size() / 2], 1.3);
-    EXPECT_LT(gaps.back(), 3);
+    EXPECT_LT(gaps.back(), 10);
 }
 
 std::map<std::string, long> Board::Sleeps() {

@@ -106,7 +106,7 @@ class Board {
     bool WaitFeeds(uint64_t feeds);
     uint64_t Feeds() { return Status().at("watchdog").at("feeds"); }
     // Checks the times between feeds over all boots. Most are a second. A busy host may make a few
-    // longer, but not as long as a feeder that waits for another thread.
+    // longer. A test of a feeder that waits for another thread must make it wait longer than that.
     void ExpectFed();
     bool Armed() { return Status().at("watchdog").at("armed"); }
     // Watches the program's threads while `meanwhile` runs. Fails the test for each thread that

@@ -26,7 +26,8 @@ using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 using Lines = std::vector<std::string>;
 
-constexpr double kPatienceSeconds = 30;
+// How long a test waits by default. Passing early ends each wait.
+constexpr double kPatienceSeconds = 60;
 
 // The file's bytes; empty if it cannot be read. Stream-buffer iterators would throw then, so the
 // code uses none.

@@ -6,7 +6,8 @@ using namespace kv_test;
 
 TEST(Console, DialogueThroughTheCommandLink) {
     Board board;
-    board.Start({"--no-wifi", "--speed", "10"}, {KV_CONSOLE_HARNESS});
+    // The client waits ten of the board's seconds for a reply, so the clock is not much faster.
+    board.Start({"--no-wifi", "--speed", "2"}, {KV_CONSOLE_HARNESS});
     ASSERT_TRUE(board.WaitConsole("console started: 0\n"));
     (void)board.OnBoard("ln -s /sbin/command_link /tmp/bin/no-such");
     const struct {

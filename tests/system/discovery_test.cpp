@@ -6,10 +6,8 @@ using namespace kv_test;
 
 namespace {
 
-nlohmann::json Kvtool(Board* board, const std::string& arguments) {
-    const auto result = board->OnBench(BinDir() + "/kvtool " + arguments + " --json");
-    EXPECT_EQ(result.status, 0) << result.output;
-    return nlohmann::json::parse(result.output, nullptr, false);
+CommandResult Kvtool(Board* board, const std::string& arguments) {
+    return board->OnBench(BinDir() + "/kvtool " + arguments);
 }
 
 }  // namespace
@@ -17,12 +15,20 @@ nlohmann::json Kvtool(Board* board, const std::string& arguments) {
 TEST(Discovery, KvtoolFindsItOnceAndReachesItByItsMac) {
     Board board;
     board.StartRecovery({});
-    const auto found = Kvtool(&board, "discover --timeout 1.5");
+    // An answer may come after a search has ended.
+    CommandResult search;
+    ASSERT_TRUE(WaitUntil([&] {
+        search = Kvtool(&board, "discover --timeout 1.5 --json");
+        return search.status == 0;
+    })) << search.output;
+    const auto found = nlohmann::json::parse(search.output);
     ASSERT_EQ(found.at("devices").size(), 1U) << found;
     const std::string mac = found.at("devices").at(0).at("mac");
     EXPECT_EQ(mac, "02:76:62:00:00:02");
-    EXPECT_TRUE(Contains(Kvtool(&board, "info " + mac).dump(), "PRT7K_38QX_QJT_V1.0.0.241127_R1"));
-    EXPECT_EQ(board.OnBench(BinDir() + "/kvtool info 02:76:62:00:00:03").status, 4);
+    const CommandResult info = Kvtool(&board, "info --json " + mac);
+    EXPECT_EQ(info.status, 0);
+    EXPECT_TRUE(Contains(info.output, "PRT7K_38QX_QJT_V1.0.0.241127_R1")) << info.output;
+    EXPECT_EQ(Kvtool(&board, "info 02:76:62:00:00:03").status, 4);
     // The settings are read anew for each reply.
     ASSERT_TRUE(board.WaitTrace("into wifi guard"));
     EXPECT_EQ(board

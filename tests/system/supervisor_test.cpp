@@ -17,7 +17,9 @@ TEST(Supervisor, ModeFollowsApplicationAndMarker) {
     (void)board.OnBoard("touch /param/miniserver.debug");
     (void)board.Do({"reset"});
     ASSERT_TRUE(board.WaitTrace("MINI ProtocolInit Init Success!", 2));
-    EXPECT_EQ(board.Echoes(2), Lines{"rm /param/miniserver.debug"});
+    // The echoes have a pipe of their own.
+    EXPECT_TRUE(WaitUntil([&] { return board.Echoes(2) == Lines{"rm /param/miniserver.debug"}; }))
+        << board.Console(2);
     EXPECT_FALSE(Contains(board.Trace(2), "app file"));
     EXPECT_NE(board.OnBoard("test -e /param/miniserver.debug").status, 0);
     EXPECT_TRUE(board.Client().Connected());
@@ -78,19 +80,16 @@ TEST(Supervisor, Sigusr1OnlyDisarms) {
 TEST(Supervisor, SecondSigtermIsAnsweredWhileTheFirstOnesJoinBlocks) {
     Board board;
     board.StartRecovery();
-    // The receiver sleeps for a second on its worker's thread, and the shutdown joins that thread.
-    // No command runs in that second, because it would take part of it.
+    // The receiver runs "sync" on its worker's thread, and the shutdown joins that thread.
+    board.ReplaceCommand("sync", "until [ -e /param/go ]; do sleep 0.1; done");
     const TcpClient client = board.Client();
-    const pid_t program = board.ProgramPid();
-    const auto traced = [&](const char* text) {
-        return WaitUntil([&] { return Contains(board.Trace(), text); });
-    };
     ASSERT_TRUE(client.Send(UpgradeFrame(1000)));
-    ASSERT_TRUE(traced("CMD_SYS_UPGRADE"));
-    (void)kill(program, SIGTERM);
-    ASSERT_TRUE(traced("upgreade_fun_sig:300 "));
-    (void)kill(program, SIGINT);
+    ASSERT_TRUE(board.WaitTrace("CMD_SYS_UPGRADE"));
+    board.Signal(SIGTERM);
+    ASSERT_TRUE(board.WaitTrace("upgreade_fun_sig:300 "));
+    board.Signal(SIGINT);
     ASSERT_TRUE(board.WaitTrace("FAILED upgrade_main:upgreade_fun_sig:297 \033[mwait exit!"));
+    WriteFile(board.Path("param/go"), "");
     ASSERT_TRUE(board.WaitTrace("LoopPoolInit DeInit Success!"));
     const std::string trace = board.Trace();
     EXPECT_LT(trace.find("wait exit!"), trace.find("LoopPoolInit DeInit Success!"));

@@ -231,9 +231,9 @@ TEST_F(Vboard, ATruncatedApplicationAndTheButton) {
     const CommandResult seen = board_.OnBoard(
         "(echo ready >/param/ready; last=; n=0; while [ $n -lt 5 ]; do"
         " read -r now </sys/class/gpio/GPIO26/value; [ \"$now\" = \"$last\" ] ||"
-        " { printf $now; last=$now; n=$((n+1)); }; done) >/param/seen 2>&1 &");
+        " { printf $now; last=$now; n=$((n+1)); }; sleep 0.1; done) >/param/seen 2>&1 &");
     ASSERT_TRUE(WaitUntil([&] { return ReadFile(board_.Path("param/seen")) == "1"; }));
-    (void)board_.Do({"press", "--sequence", "0.4 0.4 0.4"});
+    (void)board_.Do({"press", "--sequence", "2 2 2"});
     EXPECT_TRUE(WaitUntil([&] { return ReadFile(board_.Path("param/seen")) == "10101"; }));
 }
 
@@ -270,7 +270,7 @@ TEST_F(Vboard, RefusesInOneSentence) {
     EXPECT_EQ(board_.Try({"wait", "--log", "nothing", "--timeout", "0.2"}).status, 1);
     EXPECT_EQ(board_.Try({"ap", "up"}).output,
               "vboard: this board has no Wi-Fi (it runs with --no-wifi)\n");
-    EXPECT_EQ(board_.Try({"press", "--sequence", "0.1 -1"}, 5).status, 1);
+    EXPECT_EQ(board_.Try({"press", "--sequence", "0.1 -1"}).status, 1);
     EXPECT_EQ(board_.Try({"site", "status"}).output,
               "vboard: " + board_.Folder() + " is the state folder of a board, not of a site\n");
     EXPECT_NE(board_.Try({"fault", "mtd1", "open"}).status, 0);
@@ -306,9 +306,9 @@ TEST_F(Vboard, AnOrdinaryUserMayRunABoard) {
     fs::permissions(state + "/s", fs::perms(0777));
     WriteFile(state + "/script", "where='--state " + state + "/s'; cd " + state + R"(
         ./vboard run --quiet $where -- $PWD/self &
-        ./vboard wait $where --boot 1 --timeout 20 &&
+        ./vboard wait $where --boot 1 --timeout 60 &&
         ./vboard exec $where --board -- sh -c 'head -c 1 /dev/mtd0 >/dev/null && killall -0 upgradeMain' &&
-        ./vboard exec $where -- ping -c 1 -W 5 192.168.10.2 >/dev/null &&
+        ./vboard exec $where -- ping -c 1 -W 60 192.168.10.2 >/dev/null &&
         ./vboard reset $where && ./vboard stop $where && wait && echo good)");
     const CommandResult result =
         kv_test::Run("cd " + state +

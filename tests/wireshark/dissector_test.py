@@ -208,7 +208,8 @@ class OnABoard(unittest.TestCase):
                 while not (line := dumpcap.stderr.readline()).startswith("File:"):
                     if not line:
                         raise AssertionError("dumpcap ended")
-                for words in (["discover"], ["info", ADDRESS], ["upgrade", "--no-follow", ADDRESS, package]):
+                for words in (["discover", "--timeout", "6"], ["info", ADDRESS],
+                              ["upgrade", "--no-follow", ADDRESS, package]):
                     cls.board("exec", "--", BIN / "kvtool", *words)
                 # dumpcap writes with a delay.
                 packets, end = [], time.monotonic() + SECONDS
