@@ -235,10 +235,10 @@ void BootReader::Online(Ms at) {
 
 void BootReader::Offline(Ms at, int silence, int timeout) {
     const Ms seen = at - silence * kSecond;
-    const bool moved =
-        restart_ && std::abs(seen - (*restart_ - timeout / 2 * kSecond)) <= 2 * kSecond;
     const bool silent = lastOffline_ && (!lastBeat_ || *lastOffline_ > *lastBeat_);
-    if (!moved && seen >= lastBeat_.value_or(0) + kSecond && (!silent || seen > *lastOffline_)) {
+    // After a restart the line tells the restart's time less half the limit. That is before the
+    // silence was found, so it is no heartbeat.
+    if (seen >= lastBeat_.value_or(0) + kSecond && (!silent || seen > *lastOffline_)) {
         Beat(seen, !silent);
     }
     if (!lastOffline_ || (lastBeat_ && *lastBeat_ > *lastOffline_)) {
