@@ -243,8 +243,10 @@ TEST_F(PageServer, BoundsConnectionsAndOpenPages) {
     EXPECT_LE(idle.size(), 40U);
     EXPECT_EQ(full.body, "");
     pages.clear();
-    EXPECT_TRUE(kv_test::WaitUntil([&] { return served.Get("/api/state").status == 200; }))
-        << "a page that is closed gives its place back";
+    EXPECT_TRUE(kv_test::WaitUntil([&] {
+        const kv_test::TcpClient page(served.port);
+        return Contains(page.Ask(events, 15), "200");
+    })) << "a page that is closed gives its place back";
 }
 
 TEST_F(PageServer, TakesAPackageOrSaysWhyNot) {
