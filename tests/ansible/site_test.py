@@ -221,8 +221,9 @@ def test_only_the_failed_one_is_left(site):
 def main():
     with tempfile.TemporaryDirectory(prefix="kv-ansible-") as folder:
         work = pathlib.Path(folder)
-        # Ansible wants a locale of UTF-8. kvtool keeps its locks in the other folder.
-        os.environ.update({"LC_ALL": "C.UTF-8", "XDG_RUNTIME_DIR": folder})
+        # Ansible wants a locale of UTF-8. kvtool keeps its locks in a folder of this test.
+        os.environ.update({"LC_ALL": "C.UTF-8", "XDG_RUNTIME_DIR": str(work / "run")})
+        (work / "run").mkdir()
         install_collection(work)
         test_doubtful_inventory(work)
         make_package(work)
