@@ -47,7 +47,7 @@ demo-ladder: build ## Watch a silent application: restart, reboot, recovery (und
 pictures: build ## Draw the pictures of docs/heartbeat.md into docs/pictures
 	@scripts/pictures.sh
 
-bench: build ## Measure the program against peers and limits; rewrites docs/performance.md (7 minutes; ROWS=)
+bench: build ## Measure the program against peers and limits; rewrites docs/performance.md (4 to 7 minutes; ROWS=)
 	@scripts/setup.sh vboard scripts bench
 	@bench/table/__main__.py build/bin $(if $(ROWS),--only $(ROWS),--docs docs)
 
