@@ -62,8 +62,9 @@ fi
 
 echo "setup: installing ${packages[*]}"
 export DEBIAN_FRONTEND=noninteractive
+# One list may fail while its mirror changes. The installation shows whether the packages can be had.
+"${as_root[@]}" apt-get update -q || echo "setup: some package lists are missing; trying with the others" >&2
 # A machine that has just started may be installing updates of its own.
-"${as_root[@]}" apt-get -o DPkg::Lock::Timeout=600 update -q
 "${as_root[@]}" apt-get -o DPkg::Lock::Timeout=600 install -q -y --no-install-recommends "${packages[@]}"
 find_missing "$@"
 [ ${#packages[@]} -eq 0 ] || {

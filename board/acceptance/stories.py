@@ -87,8 +87,8 @@ def _starve(board, report):
         machine.run(f"kill -STOP {figures.SUPERVISOR}")
         stopped = time.monotonic()
         took = machine.wait_reset(resets + 1, 2 * WATCHDOG_SECONDS) - stopped
-        # The program fed the watchdog before it was stopped, and a busy PC notices the stop late. No upper limit: only
-        # the watchdog's own reset has a time here.
+        # Less than the time-out, because the last feed was before the stop, and a busy PC notices the stop late. A
+        # reset by anything else has the time 0.
         if not WATCHDOG_SECONDS / 2 < took:
             raise Failure(f"the watchdog reset the board {took:.1f} s after the program was stopped")
         board.never_saw("feeding the dog", begin)
